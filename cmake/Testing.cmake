@@ -1,0 +1,26 @@
+# GoogleTest is built from Debian's source package, so that every preset has it for its own width and sanitizer.
+set(BUILD_GMOCK ON)
+set(INSTALL_GTEST OFF)
+add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+foreach(target gtest gtest_main gmock gmock_main)
+  target_compile_options(${target} PRIVATE -w)
+  set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "")
+  get_target_property(includes ${target} INTERFACE_INCLUDE_DIRECTORIES)
+  set_target_properties(${target} PROPERTIES INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${includes}")
+endforeach()
+
+# A precompiled header for all test programs: GoogleTest's headers cost more to read than most tests to compile.
+file(WRITE ${CMAKE_BINARY_DIR}/gtest_pch.cc "")
+add_library(ks_gtest_pch STATIC EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/gtest_pch.cc)
+target_link_libraries(ks_gtest_pch PUBLIC gmock gtest)
+target_precompile_headers(ks_gtest_pch PRIVATE <gmock/gmock.h> <gtest/gtest.h> <string> <vector>)
+
+# ks_test(NAME SOURCES...): a test program and its entry in ctest.
+function(ks_test name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE gmock_main)
+  target_precompile_headers(${name} REUSE_FROM ks_gtest_pch)
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/support)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+endfunction()

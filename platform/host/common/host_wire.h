@@ -1,0 +1,112 @@
+/* host_wire.h: what the host platform libraries and the keystore daemon say to each other on one socket, and the two
+ * files they share. All of it has fixed widths, so that clients of either word size talk to one daemon; everything is
+ * in the byte order of the machine, which both ends share. */
+#ifndef HOST_WIRE_H
+#define HOST_WIRE_H
+
+#include "ks_types.h"
+
+#define HOST_WIRE_MAGIC UINT32_C(0x3173776b) /* "kws1" */
+#define HOST_WIRE_VERSION 1
+
+/* Opcodes of the host platform itself; the keystore's own begin at 66561. */
+#define HOST_OP_HELLO UINT32_C(1)
+
+/* The largest datagram either end sends: header, and a payload whose lengths are 16 bits wide with room to spare for
+ * names and descriptors (a store has two 16-bit lengths). Both ends size their socket buffers for it. */
+#define HOST_WIRE_MAX_PAYLOAD (UINT32_C(192) * 1024)
+
+/* HostWireHeader stands in front of every datagram, requests and replies alike. A reply repeats the request's opcode
+ * and token; its descriptor_size is 0. */
+typedef struct {
+  uint32_t magic;
+  uint16_t version;
+  uint16_t descriptor_size;
+  uint32_t opcode;
+  uint32_t token; /* chosen by the client; never 0 */
+  uint32_t node;
+  uint32_t sap;
+  uint32_t app_uuid;
+  uint32_t payload_size; /* of descriptor and sections, or of the reply; the datagram's size less the header's */
+} HostWireHeader;
+
+KS_STATIC_ASSERT(sizeof(HostWireHeader) == 32);
+#define HOST_WIRE_MAX_DATAGRAM (sizeof(HostWireHeader) + HOST_WIRE_MAX_PAYLOAD)
+
+/* HostHelloReply answers HOST_OP_HELLO, whose request has no payload. Texts are NUL-terminated. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t vdc_id; /* the caller's, or HOST_NO_VDC */
+  uint32_t receive_limit_ms;
+  uint32_t service_version;   /* major * 256 + minor */
+  char running_cfg_uri[224];  /* below which the caller's databases lie: "lmdb:///dir"; empty for none */
+} HostHelloReply;
+
+#define HOST_NO_VDC UINT32_C(0xffff)
+KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
+
+/* Where the service listens unless KS_SOCKET says otherwise. */
+#define HOST_DEFAULT_SOCKET "/run/ks/ksd.sock"
+
+/* The state page stands beside the socket, in the file "<socket>.state". The service maps it for writing, clients map
+ * it read-only. The file is never truncated or replaced while its folder lives, so that a mapping outlasts a restart of
+ * the service. Words are read and written atomically, each for itself. */
+#define HOST_STATE_SUFFIX ".state"
+#define HOST_STATE_MAGIC UINT32_C(0x3173736b) /* "kss1" */
+
+typedef struct {
+  uint32_t magic;
+  uint32_t version; /* 1 */
+  uint32_t supstate;
+  uint32_t reserved;
+  uint32_t history_open[8]; /* bit n of the whole: subtype n is recorded */
+  uint32_t debug_open[8];   /* bit n of the whole: flag n has debug output */
+} HostStatePage;
+
+KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
+
+/* The gates of a process that has no state page: subtype 100 recorded, debug off. */
+#define HOST_DEFAULT_RECORDED_SUBTYPE 100
+
+/* Each process keeps its newest reports in "<folder of the socket>/history/<pid>-<start>.ring", `start` being the
+ * process's start time in clock ticks since boot (field 22 of /proc/PID/stat). The service makes the folder, mode 1777.
+ *
+ * A record takes one or more slots. A writer reserves slots by adding to `next`, marks each as being written, fills
+ * them and publishes the sequence number: a reader takes only slots whose sequence is the one it expects, before and
+ * after its copy. */
+#define HOST_RING_MAGIC UINT32_C(0x3172736b) /* "ksr1" */
+#define HOST_RING_SLOTS 1024
+#define HOST_RING_SLOT_DATA 104
+
+enum { HOST_RING_REPORT = 1, HOST_RING_MTS_EVENT = 2, HOST_RING_CONTINUED = 3 };
+
+typedef struct {
+  uint64_t sequence; /* position + 1 when complete; 0 while being written */
+  uint64_t time_ns;  /* CLOCK_REALTIME */
+  uint16_t kind;     /* HOST_RING_... */
+  uint16_t length;   /* bytes of the whole record in its first slot, of the rest in the slots that continue it */
+  uint32_t thread;   /* of the first slot; 0 in the others */
+  uint8_t data[HOST_RING_SLOT_DATA];
+} HostRingSlot;
+
+typedef struct {
+  uint32_t magic;
+  uint32_t version; /* 1 */
+  uint32_t slot_count;
+  uint32_t pid;
+  uint64_t next; /* position of the next slot to be written, ever growing */
+  uint8_t reserved[40];
+  char program[64]; /* the process's name, NUL-terminated */
+  HostRingSlot slots[HOST_RING_SLOTS];
+} HostRing;
+
+/* What a HOST_RING_MTS_EVENT holds. */
+typedef struct {
+  uint32_t direction; /* SDWRAP_MTS_SENT or SDWRAP_MTS_RECEIVED */
+  uint32_t result;
+} HostRingMtsEvent;
+
+KS_STATIC_ASSERT(sizeof(HostRingSlot) == 128);
+KS_STATIC_ASSERT(offsetof(HostRing, slots) == 128);
+
+#endif
