@@ -17,9 +17,8 @@
 #if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define KS_STATIC_ASSERT(condition) _Static_assert(condition, #condition)
 #else
-#define KS_STATIC_ASSERT_JOIN(line) ks_static_assert_##line
-#define KS_STATIC_ASSERT_AT(condition, line) struct KS_STATIC_ASSERT_JOIN(line) { int holds : (condition) ? 1 : -1; }
-#define KS_STATIC_ASSERT(condition) KS_STATIC_ASSERT_AT(condition, __LINE__)
+/* C99 has no word for it: an array of a negative size doesn't compile, and equal declarations may repeat. */
+#define KS_STATIC_ASSERT(condition) extern const char ks_static_assertion[(condition) ? 1 : -1]
 #endif
 #endif
 
