@@ -6,11 +6,7 @@
 #ifndef KS_API_H
 #define KS_API_H
 
-#include "ks_cache.h"
-#include "ks_crypto.h"
 #include "ks_device.h"
-#include "ks_pac.h"
-#include "ks_secret.h"
 #include "ks_types.h"
 
 /* ks_init starts the library for this process: it binds to the message service, learns the VDC id and tries to open the
