@@ -13,6 +13,9 @@ endforeach()
 file(WRITE ${CMAKE_BINARY_DIR}/gtest_pch.cc "")
 add_library(ks_gtest_pch STATIC EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/gtest_pch.cc)
 target_link_libraries(ks_gtest_pch PUBLIC gmock gtest)
+# Compiled as the programs that use it are: gcc refuses a precompiled header of another kind of position independence.
+set_target_properties(ks_gtest_pch PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+target_compile_options(ks_gtest_pch PRIVATE -fPIE)
 target_precompile_headers(ks_gtest_pch PRIVATE <gmock/gmock.h> <gtest/gtest.h> <string> <vector>)
 
 # ks_test(NAME SOURCES...): a test program and its entry in ctest.
