@@ -29,7 +29,9 @@ KsResult ks_return_fw_version_and_status(uint16_t *version, uint32_t *status) {
   return ks_return_fw_version_and_status_resp(exchange.size(), exchange.payload(), version, status);
 }
 
-KsResult ks_compact_fw_memory_resp(uint16_t, const void *payload) { return ks::reply_result(payload); }
+KsResult ks_compact_fw_memory_resp(uint16_t, const void *payload) {
+  return ks::reply_result(payload);
+}
 
 KsResult ks_compact_fw_memory(void) {
   ks::Exchange exchange(ks::kCompactFwMemory);

@@ -23,7 +23,9 @@ constexpr FailureTexts kFailureTexts[] = {
     {"mts_send failed Error :%d \n", "mts_recv failed Error :%d \n"},
 };
 
-const FailureTexts &texts_of(const Message &message) { return kFailureTexts[static_cast<size_t>(message.wording)]; }
+const FailureTexts &texts_of(const Message &message) {
+  return kFailureTexts[static_cast<size_t>(message.wording)];
+}
 
 }  // namespace
 

@@ -61,7 +61,9 @@ inline uint16_t reply_len(const void *payload) {
   return len;
 }
 
-inline const uint8_t *reply_data(const void *payload) { return static_cast<const uint8_t *>(payload) + 6; }
+inline const uint8_t *reply_data(const void *payload) {
+  return static_cast<const uint8_t *>(payload) + 6;
+}
 
 // read_exactly copies the reply's data to `output` when it is as long as expected, and returns the final result. Any
 // other length is reported and a KS_FAILURE, with nothing written.

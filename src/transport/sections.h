@@ -11,24 +11,38 @@
 namespace ks {
 
 // A cut to 8 or 16 bits is promised in places, and visible there by these names.
-constexpr uint8_t low8(size_t n) { return static_cast<uint8_t>(n); }
-constexpr uint16_t low16(size_t n) { return static_cast<uint16_t>(n); }
+constexpr uint8_t low8(size_t n) {
+  return static_cast<uint8_t>(n);
+}
+constexpr uint16_t low16(size_t n) {
+  return static_cast<uint16_t>(n);
+}
 
-inline bool is_name_len(size_t len) { return len >= 1 && len <= KS_NAME_MAX; }
+inline bool is_name_len(size_t len) {
+  return len >= 1 && len <= KS_NAME_MAX;
+}
 
 // is_name tells whether `text` can name a secret: not null, 1 to 31 bytes.
-inline bool is_name(const char *text) { return text != nullptr && is_name_len(strlen(text)); }
+inline bool is_name(const char *text) {
+  return text != nullptr && is_name_len(strlen(text));
+}
 
 // is_name_low8 asks the same of the low 8 bits of the length alone, so that 257 bytes pass. A few operations are
 // promised to look no further.
-inline bool is_name_low8(const char *text) { return text != nullptr && is_name_len(low8(strlen(text))); }
+inline bool is_name_low8(const char *text) {
+  return text != nullptr && is_name_len(low8(strlen(text)));
+}
 
 // is_aid tells whether the bytes can name a PAC.
-inline bool is_aid(const void *aid, size_t aid_len) { return aid != nullptr && is_name_len(aid_len); }
+inline bool is_aid(const void *aid, size_t aid_len) {
+  return aid != nullptr && is_name_len(aid_len);
+}
 static_assert(KS_PAC_NAME_MAX == KS_NAME_MAX);
 
 // wire_len is the length of a name on the wire, as descriptors and sections hold it.
-constexpr uint8_t wire_len(size_t name_len) { return low8(name_len + KS_NAME_HEADER_SIZE); }
+constexpr uint8_t wire_len(size_t name_len) {
+  return low8(name_len + KS_NAME_HEADER_SIZE);
+}
 
 // fill_wire_name writes the wire form into zeroed memory. It bounds nothing: callers have.
 void fill_wire_name(void *wire, uint8_t tag, const void *name, size_t name_len);

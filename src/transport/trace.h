@@ -18,12 +18,11 @@ void record_history(uint32_t subtype, const char *format, ...) __attribute__((fo
 // KS_TRACE reports a message: to the history and to the debug output, each behind a gate of its own. It is a macro
 // because the arguments are evaluated once for each open gate, and not at all when both are shut; and so that a report
 // that names its function finds the right __func__.
-#define KS_TRACE(subtype, ...)                                                \
-  do {                                                                        \
-    if (sdwrap_hist_event_subtype_check(ks::KS_HIST_EVENT, ks::subtype) == 0) \
-      ks::record_history(ks::subtype, __VA_ARGS__);                           \
-    if (sdwrap_chk_int(ks::subtype, 0, 0, 1) != 0)                            \
-      static_cast<void>(buginf(1, &sdwrap_dbg_modname, 0, __VA_ARGS__));      \
+#define KS_TRACE(subtype, ...)                                                                                        \
+  do {                                                                                                                \
+    if (sdwrap_hist_event_subtype_check(ks::KS_HIST_EVENT, ks::subtype) == 0)                                         \
+      ks::record_history(ks::subtype, __VA_ARGS__);                                                                   \
+    if (sdwrap_chk_int(ks::subtype, 0, 0, 1) != 0) static_cast<void>(buginf(1, &sdwrap_dbg_modname, 0, __VA_ARGS__)); \
   } while (false)
 
 #endif

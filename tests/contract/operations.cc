@@ -1,0 +1,15 @@
+#include "operations.h"
+
+namespace contract {
+
+std::vector<Operation> all_operations() {
+  std::vector<Operation> all;
+  for (const auto &family : {
+           device_operations(),
+       }) {
+    all.insert(all.end(), family.begin(), family.end());
+  }
+  return all;
+}
+
+}  // namespace contract
