@@ -1,0 +1,266 @@
+#include "service/service_process.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace ks_test {
+namespace {
+
+constexpr int kPatience = 30'000;  // ms: not a delay, only the point at which a hung service fails the test
+constexpr char kProgram[] = KS_SERVICE_DIR "/ksd";
+
+[[noreturn]] void fail(const std::string &what) {
+  throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+std::string read_all(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+int status_of(int wait_status) {
+  return WIFSIGNALED(wait_status) ? -WTERMSIG(wait_status) : WEXITSTATUS(wait_status);
+}
+
+int wait_for(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) fail("waitpid");
+  }
+  return status_of(status);
+}
+
+std::vector<char *> pointers(std::vector<std::string> &texts) {
+  std::vector<char *> result;
+  for (std::string &text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+std::vector<std::string> environment_with(const std::vector<std::string> &more) {
+  std::vector<std::string> all;
+  for (char **entry = environ; *entry != nullptr; ++entry) all.emplace_back(*entry);
+  all.insert(all.end(), more.begin(), more.end());
+  return all;
+}
+
+// Everything is prepared before the fork: other threads of the test may hold locks.
+struct Child {
+  std::vector<std::string> arguments;
+  std::vector<std::string> environment;
+  int output = -1;
+  int errors = -1;
+  int passed = -1;
+
+  pid_t start() {
+    const std::vector<char *> argv = pointers(arguments);
+    const std::vector<char *> envp = pointers(environment);
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid < 0) fail("fork");
+    if (pid > 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);
+    if (output >= 0) dup2(output, STDOUT_FILENO);
+    if (errors >= 0) dup2(errors, STDERR_FILENO);
+    if (passed >= 0) dup2(passed, 3);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+};
+
+int notification_socket(const std::string &path) {
+  const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (bind(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0) fail("bind " + path);
+  return socket;
+}
+
+}  // namespace
+
+std::string config_of_own_user(unsigned vdc) {
+  const std::string uid = std::to_string(getuid());
+  return "[service]\ncache_uri = \"lmdb://@dir@/cache\"\n[administrators]\n[[vdc]]\nid = " + std::to_string(vdc) +
+         "\nusers = [" + uid + "]\n";
+}
+
+ServiceProcess::ServiceProcess(const ServiceSetup &setup) : setup_(setup) {
+  char name[] = "/tmp/ksXXXXXX";  // short: a socket's path has 107 bytes
+  if (mkdtemp(name) == nullptr) fail("mkdtemp");
+  folder_ = name;
+  chmod(name, 0711);
+  mkdir(cache_folder().c_str(), 0700);
+  notifications_ = notification_socket(folder_ + "/notify");
+  write_config(setup_.config);
+  try {
+    start();
+  } catch (...) {
+    close(notifications_);
+    std::filesystem::remove_all(folder_);
+    throw;
+  }
+}
+
+ServiceProcess::~ServiceProcess() {
+  if (pid_ > 0) kill();
+  close(notifications_);
+  std::error_code ignored;
+  std::filesystem::remove_all(folder_, ignored);
+}
+
+std::string ServiceProcess::log() const {
+  return read_all(folder_ + "/log");
+}
+
+void ServiceProcess::start() {
+  Child child;
+  child.arguments = {kProgram, "--config",          folder_ + "/ksd.toml", "--vault",
+                     vault(),  "--master-key-file", master_key_file()};
+  std::vector<std::string> more = setup_.environment;
+  more.push_back("NOTIFY_SOCKET=" + folder_ + "/notify");
+  if (setup_.passed_socket < 0) {
+    child.arguments.insert(child.arguments.end(), {"--socket", socket()});
+  } else {
+    // The service takes the socket only when it is named with its own process id, which only the child can tell.
+    const std::string script = "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"";
+    child.arguments.insert(child.arguments.begin(), {"/bin/sh", "-c", script, "sh"});
+    child.passed = setup_.passed_socket;
+  }
+  for (const std::string &argument : setup_.arguments) child.arguments.push_back(expand(argument));
+  child.environment = environment_with(more);
+  child.errors = open((folder_ + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  pid_ = child.start();
+  close(child.errors);
+  wait_for_notification("READY=1");
+}
+
+int ServiceProcess::stop() {
+  signal(SIGTERM);
+  return wait_exit();
+}
+
+void ServiceProcess::kill() {
+  signal(SIGKILL);
+  wait_exit();
+}
+
+void ServiceProcess::pause() {
+  signal(SIGSTOP);
+  siginfo_t info{};
+  if (waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED) < 0) fail("waitid");
+}
+
+void ServiceProcess::resume() {
+  signal(SIGCONT);
+  siginfo_t info{};
+  if (waitid(P_PID, static_cast<id_t>(pid_), &info, WCONTINUED) < 0) fail("waitid");
+}
+
+void ServiceProcess::reload(const std::string &config) {
+  write_config(config);
+  signal(SIGHUP);
+  wait_for_notification("RELOADING=1");
+  wait_for_notification("READY=1");
+}
+
+void ServiceProcess::signal(int number) const {
+  if (pid_ <= 0) throw std::runtime_error("the service isn't running");
+  if (::kill(pid_, number) < 0) fail("kill");
+}
+
+int ServiceProcess::wait_exit() {
+  const int status = wait_for(pid_);
+  pid_ = -1;
+  return status;
+}
+
+std::string ServiceProcess::expand(std::string text) const {
+  constexpr std::string_view mark = "@dir@";
+  for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at)) {
+    text.replace(at, mark.size(), folder_);
+  }
+  return text;
+}
+
+void ServiceProcess::write_config(const std::string &config) const {
+  std::ofstream(folder_ + "/ksd.toml") << expand(config);
+}
+
+// Waits for the state and for the service's end, whichever comes first.
+void ServiceProcess::wait_for_notification(const char *state) {
+  const int process = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+  std::array<pollfd, 2> sources{pollfd{notifications_, POLLIN, 0}, pollfd{process, POLLIN, 0}};
+  while (true) {
+    const int events = poll(sources.data(), sources.size(), kPatience);
+    if (events < 0 && errno == EINTR) continue;
+    if ((sources[0].revents & POLLIN) != 0) {
+      std::array<char, 512> text{};
+      if (recv(notifications_, text.data(), text.size() - 1, 0) <= 0) fail("recv");
+      if (std::string_view(text.data()).find(state) == std::string_view::npos) continue;
+      close(process);
+      return;
+    }
+    close(process);
+    if (events == 0) kill();
+    const int status = events == 0 ? 0 : wait_exit();
+    throw std::runtime_error(std::string(kProgram) + " didn't say " + state + " (status " + std::to_string(status) +
+                             "); its log:\n" + log());
+  }
+}
+
+ServiceRun run_ksd(const std::vector<std::string> &arguments) {
+  char output[] = "/tmp/ksXXXXXX";
+  char errors[] = "/tmp/ksXXXXXX";
+  Child child;
+  child.output = mkstemp(output);
+  child.errors = mkstemp(errors);
+  child.arguments = {kProgram};
+  child.arguments.insert(child.arguments.end(), arguments.begin(), arguments.end());
+  child.environment = environment_with({});
+  ServiceRun run;
+  run.status = wait_for(child.start());
+  run.output = read_all(output);
+  run.errors = read_all(errors);
+  for (const int file : {child.output, child.errors}) close(file);
+  for (const char *path : {output, errors}) unlink(path);
+  return run;
+}
+
+int run_as(uid_t uid, gid_t gid, const std::function<int()> &body) {
+  const pid_t pid = fork();
+  if (pid < 0) fail("fork");
+  if (pid == 0) {
+    if (setgroups(0, nullptr) < 0 || setresgid(gid, gid, gid) < 0 || setresuid(uid, uid, uid) < 0) _exit(126);
+    try {
+      _exit(body());
+    } catch (const std::exception &error) {
+      std::fprintf(stderr, "user %u: %s\n", uid, error.what());
+      _exit(125);
+    }
+  }
+  return wait_for(pid);
+}
+
+}  // namespace ks_test

@@ -1,0 +1,102 @@
+// service_process.h: a keystore service of its own for a test: a real ksd in a fresh folder, ready when the constructor
+// returns, gone with its folder when the object goes. What goes wrong is thrown as std::runtime_error, with the log.
+//
+//   ks_test::ServiceProcess service;                      // the test's user is in VDC 7
+//   setenv("KS_SOCKET", service.socket().c_str(), 1);     // for libks in this process
+//   service.kill();                                       // SIGKILL
+//   service.start();                                      // same folder, same vault
+//
+// Start it from a thread that lives as long as the service is to: it ends with that thread.
+#ifndef TESTS_SUPPORT_SERVICE_SERVICE_PROCESS_H
+#define TESTS_SUPPORT_SERVICE_SERVICE_PROCESS_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace ks_test {
+
+// config_of_own_user is a configuration with the test's own user in `vdc` and his cache in the service's folder.
+std::string config_of_own_user(unsigned vdc);
+
+// ServiceSetup says how a service is to be. "@dir@" in the configuration and the arguments becomes the folder.
+struct ServiceSetup {
+  std::string config = config_of_own_user(7);
+  std::vector<std::string> arguments;    // further ones, behind --config, --socket, --vault, --master-key-file
+  std::vector<std::string> environment;  // "NAME=value", beside that of the test
+  int passed_socket = -1;                // passed as systemd does, if not -1; without --socket then
+};
+
+class ServiceProcess {
+ public:
+  explicit ServiceProcess(const ServiceSetup &setup = {});
+  ~ServiceProcess();
+  ServiceProcess(const ServiceProcess &) = delete;
+  ServiceProcess &operator=(const ServiceProcess &) = delete;
+
+  const std::string &folder() const { return folder_; }  // mode 0711, for tests with several users
+  std::string socket() const { return folder_ + "/s"; }  // for KS_SOCKET
+  std::string state_page() const { return folder_ + "/s.state"; }
+  std::string vault() const { return folder_ + "/vault.db"; }
+  std::string master_key_file() const { return folder_ + "/master.key"; }
+  std::string cache_folder() const { return folder_ + "/cache"; }  // mode 0700, of the test's user
+  pid_t pid() const { return pid_; }
+
+  // log gives all lines so far, of all starts. A line about a client is there before the client's connection ends.
+  std::string log() const;
+
+  // start starts the service, again after kill or stop, and returns when it has said that it is ready.
+  void start();
+
+  // stop ends it with SIGTERM and returns its exit status, or -N when signal N ended it.
+  int stop();
+
+  // kill ends it with SIGKILL.
+  void kill();
+
+  void restart() {
+    kill();
+    start();
+  }
+
+  // pause stops all its threads until resume; both return when it has happened.
+  void pause();
+  void resume();
+
+  // reload puts another configuration in place, sends SIGHUP and returns when the service has taken it up or refused.
+  void reload(const std::string &config);
+
+  void signal(int number) const;
+
+  // wait_exit waits until the service ends by itself; the result is that of stop.
+  int wait_exit();
+
+ private:
+  std::string expand(std::string text) const;
+  void write_config(const std::string &config) const;
+  void wait_for_notification(const char *state);
+
+  std::string folder_;
+  ServiceSetup setup_;
+  int notifications_ = -1;
+  pid_t pid_ = -1;
+};
+
+// ServiceRun is what became of a ksd that was run to its end, as for --check or a start that fails.
+struct ServiceRun {
+  int status = 0;  // as of ServiceProcess::stop
+  std::string output;
+  std::string errors;
+};
+
+ServiceRun run_ksd(const std::vector<std::string> &arguments);
+
+// run_as runs `body` in a child of that user and group with no further groups, and returns its exit status. For tests
+// of several users, which need root.
+int run_as(uid_t uid, gid_t gid, const std::function<int()> &body);
+
+}  // namespace ks_test
+
+#endif
