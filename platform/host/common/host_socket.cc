@@ -1,0 +1,183 @@
+#include "host_socket.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace host {
+
+SocketPath::SocketPath() : text{} {
+  const char *path = secure_getenv("KS_SOCKET");
+  if (path == nullptr || path[0] == '\0') path = HOST_DEFAULT_SOCKET;
+  const size_t length = strlen(path);
+  if (length < sizeof text) memcpy(text, path, length + 1);
+}
+
+namespace {
+
+// What the kernel adds to a datagram's size when it compares it with the send buffer.
+constexpr int kSendBufferOverhead = 32;
+constexpr int kSendBufferNeeded = static_cast<int>(HOST_WIRE_MAX_DATAGRAM) + kSendBufferOverhead;
+
+int64_t now_ms() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+bool set_limits(int socket, uint32_t limit_ms) {
+  const timeval limit = {.tv_sec = static_cast<time_t>(limit_ms / 1000),
+                         .tv_usec = static_cast<suseconds_t>(limit_ms % 1000 * 1000)};
+  return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0 &&
+         setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
+}
+
+// The usual default is enough. Where net.core.wmem_default is lower, the buffer is raised as far as net.core.wmem_max
+// lets it (the kernel doubles what is asked for); where that is too low also, a request that is too large for it fails
+// with EMSGSIZE and all others go through.
+void size_send_buffer(int socket) {
+  int size = 0;
+  socklen_t length = sizeof size;
+  if (getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && size >= kSendBufferNeeded) return;
+  if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBufferNeeded, sizeof kSendBufferNeeded) == 0) return;
+  setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferNeeded, sizeof kSendBufferNeeded);
+}
+
+bool connect_socket(int socket, const char *path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path, path, strlen(path) + 1);
+  const int64_t deadline = now_ms() + kDefaultReceiveLimitMs;
+  // A Unix socket whose connect was interrupted is unconnected still, and waits its whole limit again.
+  while (connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    if (errno == EINTR && now_ms() < deadline) continue;
+    if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;  // a queue of waiting connections that doesn't move
+    return false;
+  }
+  return true;
+}
+
+bool greet(int socket, HostHelloReply *hello) {
+  constexpr uint32_t kToken = 1;
+  const HostWireHeader request = {.magic = HOST_WIRE_MAGIC,
+                                  .version = HOST_WIRE_VERSION,
+                                  .descriptor_size = 0,
+                                  .opcode = HOST_OP_HELLO,
+                                  .token = kToken,
+                                  .node = KS_SERVICE_NODE,
+                                  .sap = KS_SERVICE_SAP,
+                                  .app_uuid = 0,
+                                  .payload_size = 0};
+  ssize_t sent;
+  do {
+    sent = send(socket, &request, sizeof request, MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  if (sent < 0) return false;
+
+  struct {
+    HostWireHeader header;
+    HostHelloReply hello;
+  } reply;
+  const ssize_t size = receive(socket, &reply, sizeof reply, kDefaultReceiveLimitMs);
+  if (size < 0) {
+    if (errno == EMSGSIZE) errno = EPROTO;
+    return false;
+  }
+  if (!check_reply(&reply, static_cast<size_t>(size), HOST_OP_HELLO, kToken) ||
+      reply.header.payload_size < sizeof reply.hello.result) {
+    errno = EPROTO;
+    return false;
+  }
+  if (reply.hello.result != KS_SUCCESS) {  // with nothing else behind it
+    errno = ECONNREFUSED;
+    return false;
+  }
+  if (reply.header.payload_size != sizeof reply.hello ||
+      memchr(reply.hello.running_cfg_uri, '\0', sizeof reply.hello.running_cfg_uri) == nullptr) {
+    errno = EPROTO;
+    return false;
+  }
+  *hello = reply.hello;
+  if (hello->receive_limit_ms == 0) hello->receive_limit_ms = kDefaultReceiveLimitMs;
+  return true;
+}
+
+// Waits until `deadline` for something to receive, through any number of signals.
+bool wait_readable(int socket, int64_t deadline) {
+  for (;;) {
+    const int64_t left = deadline - now_ms();
+    if (left <= 0) break;
+    pollfd wanted = {.fd = socket, .events = POLLIN, .revents = 0};
+    const int ready = poll(&wanted, 1, left > INT32_MAX ? INT32_MAX : static_cast<int>(left));
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+  errno = ETIMEDOUT;
+  return false;
+}
+
+// Both an empty datagram and a closed connection are received as 0 bytes.
+bool peer_is_gone(int socket) {
+  pollfd state = {.fd = socket, .events = POLLRDHUP, .revents = 0};
+  return poll(&state, 1, 0) != 0;
+}
+
+}  // namespace
+
+int connect_to_service(const char *path, HostHelloReply *hello) {
+  if (path[0] == '\0') {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  const int socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (socket < 0) return -1;
+  if (set_limits(socket, kDefaultReceiveLimitMs) && connect_socket(socket, path)) {
+    size_send_buffer(socket);
+    if (greet(socket, hello) && set_limits(socket, hello->receive_limit_ms)) return socket;
+  }
+  const int why = errno;
+  close(socket);
+  errno = why;
+  return -1;
+}
+
+ssize_t receive(int socket, void *buffer, size_t size, uint32_t limit_ms) {
+  const int64_t deadline = now_ms() + limit_ms;
+  // MSG_TRUNC: a datagram's own size is returned, so that a cut one shows.
+  ssize_t received = recv(socket, buffer, size, MSG_TRUNC);
+  // The socket's limit would begin anew with each signal: from the first one on, the wait has an end of its own.
+  while (received < 0 && errno == EINTR) {
+    if (!wait_readable(socket, deadline)) return -1;
+    received = recv(socket, buffer, size, MSG_TRUNC | MSG_DONTWAIT);
+    if (received < 0 && errno == EAGAIN) errno = EINTR;  // taken by nobody else, but readiness is only a hint
+  }
+  if (received < 0) {
+    if (errno == EAGAIN) errno = ETIMEDOUT;
+    return -1;
+  }
+  if (received == 0) {
+    errno = peer_is_gone(socket) ? ECONNRESET : EPROTO;
+    return -1;
+  }
+  if (static_cast<size_t>(received) > size) {
+    errno = EMSGSIZE;
+    return -1;
+  }
+  return received;
+}
+
+bool check_reply(const void *datagram, size_t size, uint32_t opcode, uint32_t token) {
+  HostWireHeader header;
+  if (size < sizeof header) return false;
+  memcpy(&header, datagram, sizeof header);
+  return header.magic == HOST_WIRE_MAGIC && header.version == HOST_WIRE_VERSION && header.opcode == opcode &&
+         header.token == token && header.payload_size == size - sizeof header;
+}
+
+}  // namespace host

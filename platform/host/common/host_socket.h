@@ -1,0 +1,46 @@
+// host_socket.h: how the host libraries find the service and open a connection to it.
+#ifndef HOST_SOCKET_H
+#define HOST_SOCKET_H
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "host_wire.h"
+
+namespace host {
+
+// A socket's path has to fit into its address.
+inline constexpr size_t kSocketPathSize = sizeof(sockaddr_un::sun_path);
+
+// SocketPath is where the service listens, as the environment says now: KS_SOCKET, unless it is empty or the program
+// runs with another user's rights, else HOST_DEFAULT_SOCKET. `text` is empty when KS_SOCKET is too long for a socket.
+struct SocketPath {
+  SocketPath();
+
+  char text[kSocketPathSize];
+};
+
+// How long is waited for the service until its hello says otherwise.
+inline constexpr uint32_t kDefaultReceiveLimitMs = 30'000;
+
+// connect_to_service opens a connection and exchanges the hello. Returns the descriptor, which exec closes and whose
+// receive and send limits and send buffer are set, or -1 with errno:
+// ENAMETOOLONG for an empty path, ETIMEDOUT, EPROTO for an answer that isn't a hello's, ECONNREFUSED when the service
+// turned the caller away, or whatever socket and connect give.
+int connect_to_service(const char *path, HostHelloReply *hello);
+
+// receive takes one datagram of at most `size` bytes and returns its size, or -1 with errno: ETIMEDOUT when none comes
+// within `limit_ms`, which has to be the socket's own receive limit; ECONNRESET when the other end is gone; EPROTO for
+// an empty datagram; EMSGSIZE for one that is larger. A signal doesn't end or prolong the wait; descriptors that come
+// along are closed by the kernel.
+ssize_t receive(int socket, void *buffer, size_t size, uint32_t limit_ms);
+
+// check_reply looks whether the `size` bytes at `datagram` are the whole reply to the request of `opcode` and `token`.
+bool check_reply(const void *datagram, size_t size, uint32_t opcode, uint32_t token);
+
+}  // namespace host
+
+#endif

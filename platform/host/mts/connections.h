@@ -1,0 +1,61 @@
+// connections.h: the process's connections to the service, pooled.
+//
+// A connection carries one exchange at a time. Whoever takes a slot owns its connection, socket, buffer and all, until
+// the slot is given back, so nothing but the slot's word is shared and no lock is held while anybody waits. There are
+// as many connections as there were ever exchanges at the same time.
+#ifndef MTS_CONNECTIONS_H
+#define MTS_CONNECTIONS_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace mts {
+
+// Slot is a place for one connection. `word` is the serial number of the slot's last exchange, shifted left by
+// kStateBits, and its state. The other members belong to the owner.
+struct alignas(64) Slot {
+  std::atomic<uint32_t> word;
+  uint32_t index;
+  int socket;        // -1: not open
+  ino_t inode;       // of the socket, by which it is told from a stranger's under the same number
+  const char *path;  // where it is connected, one of service_path's texts
+  uint32_t receive_limit_ms;
+  uint32_t opcode;     // of the exchange in progress
+  size_t buffer_used;  // bytes of `buffer` that may hold something of an exchange
+  uint8_t *buffer;     // HOST_WIRE_MAX_DATAGRAM bytes, mapped: touched as far as messages go
+};
+
+// use_service_path reads from the environment where the service is; all connections go there from now on.
+void use_service_path();
+
+// take gives the caller a slot of this process, if possible one with an open connection, the calling thread's last
+// before others. Null with errno when there are too many exchanges at a time (EMFILE) or no memory.
+Slot *take();
+
+// open connects and greets, closing what the slot had open. Returns false with errno.
+bool open(Slot *slot);
+
+// is_usable tells whether the slot has a connection to where the service is now. (It may have been closed there.)
+bool is_usable(const Slot *slot);
+
+// next_token begins an exchange in the caller's slot and returns its token, never 0.
+uint32_t next_token(Slot *slot);
+
+// await_reply leaves the slot to whoever resumes it under the token.
+void await_reply(Slot *slot);
+
+// resume gives the slot back to the holder of the token, once. Null when nothing is awaited under it in this process.
+Slot *resume(uint32_t token);
+
+// give_back ends the caller's ownership; the connection, when it is open, is there for others at once.
+void give_back(Slot *slot);
+
+// close_and_give_back is for a connection that something may be on its way in.
+void close_and_give_back(Slot *slot);
+
+}  // namespace mts
+
+#endif

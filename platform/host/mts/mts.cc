@@ -1,0 +1,282 @@
+// The message service over one Unix socket: a request is a datagram of header, descriptor and sections, and so is its
+// reply. An exchange takes a connection of the pool in mts_send and gives it back in mts_recv.
+#include "mts.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "connections.h"
+#include "host_socket.h"
+
+namespace {
+
+using mts::Slot;
+
+__attribute__((tls_model("initial-exec"))) constinit thread_local uint32_t last_error = 0;
+
+uint32_t failed(int error) {
+  last_error = static_cast<uint32_t>(error);
+  return MTS_FAILED;
+}
+
+// ---- Queues. A handle is the place of its application id here, plus 1. They are plain numbers, good in a child too.
+
+constexpr uint32_t kQueueCount = 256;
+constexpr uint64_t kQueueBound = UINT64_C(1) << 32;  // beside the application id
+constinit std::atomic<uint64_t> queues[kQueueCount];
+
+// Binding again under the same application id gives the same queue. Returns MTS_FAILED when there are too many.
+uint32_t queue_of(uint32_t app_uuid) {
+  const uint64_t wanted = kQueueBound | app_uuid;
+  for (uint32_t i = 0; i < kQueueCount; i++) {
+    uint64_t there = 0;
+    if (queues[i].compare_exchange_strong(there, wanted, std::memory_order_acq_rel) || there == wanted) return i + 1;
+  }
+  return MTS_FAILED;
+}
+
+bool find_queue(uint32_t queue, uint32_t *app_uuid) {
+  if (queue == 0 || queue > kQueueCount) return false;
+  const uint64_t entry = queues[queue - 1].load(std::memory_order_acquire);
+  *app_uuid = static_cast<uint32_t>(entry);
+  return entry != 0;
+}
+
+// ---- Messages. What is kept in the 25 bytes of a KsMtsMessage.
+
+constexpr uint32_t kSent = 0x73746d31;
+constexpr uint32_t kReceived = 0x72746d31;
+constexpr uint32_t kDropped = 0x64746d31;
+
+struct Message {
+  uint32_t kind;
+  uint32_t token;
+  uint32_t payload_size;
+  void *payload;  // of a received one: a heap block of its own
+};
+static_assert(sizeof(Message) <= sizeof(KsMtsMessage));
+
+Message load(const KsMtsMessage *from) {
+  Message message = {};
+  if (from != nullptr) memcpy(&message, from->bytes, sizeof message);
+  return message;
+}
+
+void store(KsMtsMessage *to, const Message &message) {
+  memcpy(to->bytes, &message, sizeof message);
+}
+
+// ---- Requests.
+
+// Up to here a request is copied together and sent from one piece, which costs less than having the kernel gather it.
+constexpr size_t kCopiedTogether = 1024;
+constexpr uint32_t kGatheredSections = 14;
+
+struct Request {
+  HostWireHeader header;
+  const void *descriptor;
+  const KsSection *sections;
+  uint32_t section_count;
+};
+
+// Adds up the sizes. Returns 0 or an error number.
+int measure(Request *request, uint32_t descriptor_size) {
+  if (descriptor_size > 0 && request->descriptor == nullptr) return EINVAL;
+  if (request->section_count > 0 && request->sections == nullptr) return EINVAL;
+  if (descriptor_size > UINT16_MAX) return EMSGSIZE;
+  uint64_t size = descriptor_size;
+  for (uint32_t i = 0; i < request->section_count; i++) {
+    const KsSection &section = request->sections[i];
+    if (section.length > 0 && section.data == nullptr) return EINVAL;
+    size += section.length;
+  }
+  if (size > HOST_WIRE_MAX_PAYLOAD) return EMSGSIZE;
+  request->header.descriptor_size = static_cast<uint16_t>(descriptor_size);
+  request->header.payload_size = static_cast<uint32_t>(size);
+  return 0;
+}
+
+uint8_t *append(uint8_t *out, const void *data, size_t size) {
+  if (size > 0) memcpy(out, data, size);
+  return out + size;
+}
+
+ssize_t send_copied(Slot *slot, const Request &request) {
+  uint8_t *end = append(slot->buffer, &request.header, sizeof request.header);
+  end = append(end, request.descriptor, request.header.descriptor_size);
+  for (uint32_t i = 0; i < request.section_count; i++) {
+    end = append(end, request.sections[i].data, request.sections[i].length);
+  }
+  slot->buffer_used = static_cast<size_t>(end - slot->buffer);
+  return send(slot->socket, slot->buffer, slot->buffer_used, MSG_NOSIGNAL);
+}
+
+iovec piece(const void *data, size_t size) {
+  return {.iov_base = const_cast<void *>(data), .iov_len = size};
+}
+
+ssize_t send_gathered(const Slot *slot, const Request &request) {
+  iovec pieces[2 + kGatheredSections];
+  size_t count = 0;
+  pieces[count++] = piece(&request.header, sizeof request.header);
+  pieces[count++] = piece(request.descriptor, request.header.descriptor_size);
+  for (uint32_t i = 0; i < request.section_count; i++) {
+    pieces[count++] = piece(request.sections[i].data, request.sections[i].length);
+  }
+  msghdr message = {};
+  message.msg_iov = pieces;
+  message.msg_iovlen = count;
+  return sendmsg(slot->socket, &message, MSG_NOSIGNAL);
+}
+
+// Returns 0 or an error number. A datagram goes whole or not at all.
+int send_request(Slot *slot, const Request &request) {
+  const bool copied = request.header.payload_size <= kCopiedTogether || request.section_count > kGatheredSections;
+  ssize_t sent;
+  do {
+    sent = copied ? send_copied(slot, request) : send_gathered(slot, request);
+  } while (sent < 0 && errno == EINTR);
+  if (sent >= 0) return 0;
+  return errno == EAGAIN ? ETIMEDOUT : errno;
+}
+
+// Whether a failed send tells that the connection had ended before: the service restarted or closed it while it was
+// idle, or the program closed the descriptor. The request went nowhere and may go another way.
+bool had_ended(int error) {
+  return error == EPIPE || error == ECONNRESET || error == ENOTCONN || error == EBADF || error == ENOTSOCK;
+}
+
+// Sends on the slot's connection, or on a new one when there is none or it had ended. Returns 0 or an error number.
+int send_on(Slot *slot, const Request &request) {
+  if (mts::is_usable(slot)) {
+    const int error = send_request(slot, request);
+    if (error == 0 || !had_ended(error)) return error;
+  }
+  if (!mts::open(slot)) return errno;
+  return send_request(slot, request);
+}
+
+// Receives the reply in the slot's buffer and stores it in `reply`, whose payload is a heap block of its own. Returns 0
+// or an error number; only without memory can the connection be used again.
+int receive_reply(Slot *slot, Message *reply) {
+  const ssize_t received = host::receive(slot->socket, slot->buffer, HOST_WIRE_MAX_DATAGRAM, slot->receive_limit_ms);
+  if (received < 0) {
+    // Whatever came is in the buffer as far as it fits.
+    if (errno == EMSGSIZE) slot->buffer_used = HOST_WIRE_MAX_DATAGRAM;
+    return errno;
+  }
+  const auto size = static_cast<size_t>(received);
+  if (size > slot->buffer_used) slot->buffer_used = size;
+  if (!host::check_reply(slot->buffer, size, slot->opcode, reply->token)) return EPROTO;
+  const size_t payload_size = size - sizeof(HostWireHeader);
+  if (payload_size < sizeof(KsResult)) return EPROTO;
+
+  reply->payload = malloc(payload_size);
+  if (reply->payload == nullptr) return ENOMEM;
+  memcpy(reply->payload, slot->buffer + sizeof(HostWireHeader), payload_size);
+  reply->payload_size = static_cast<uint32_t>(payload_size);
+  return 0;
+}
+
+}  // namespace
+
+// `mode`, `first` and `third` choose between services on platforms that have several. Here there is one.
+KS_EXPORT uint32_t mts_bind(uint32_t, uint32_t, const KsBindTemplate *bind, uint32_t) {
+  if (bind == nullptr) return failed(EINVAL);
+  mts::use_service_path();
+  Slot *slot = mts::take();
+  if (slot == nullptr) return failed(errno);
+  // Always a new greeting, so that success means a service that answers now.
+  const int error = mts::open(slot) ? 0 : errno;
+  mts::give_back(slot);
+  if (error != 0) return failed(error);
+  const uint32_t queue = queue_of(bind->app_uuid);
+  return queue == MTS_FAILED ? failed(ENOSPC) : queue;
+}
+
+KS_EXPORT uint32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, const void *descriptor,
+                            uint32_t descriptor_size, KsMtsMessage *sent, uint32_t, const KsSendOptions *options) {
+  Request request = {};
+  if (!find_queue(queue, &request.header.app_uuid)) return failed(EBADF);
+  if (sent == nullptr) return failed(EINVAL);
+  request.header.magic = HOST_WIRE_MAGIC;
+  request.header.version = HOST_WIRE_VERSION;
+  request.header.opcode = opcode;
+  request.header.node = node;
+  request.header.sap = sap;
+  request.descriptor = descriptor;
+  if (options != nullptr) {
+    request.sections = options->sections;
+    request.section_count = options->section_count;
+  }
+  if (const int error = measure(&request, descriptor_size); error != 0) return failed(error);
+
+  Slot *slot = mts::take();
+  if (slot == nullptr) return failed(errno);
+  slot->opcode = opcode;
+  request.header.token = mts::next_token(slot);
+  const int error = send_on(slot, request);
+  if (error == ETIMEDOUT || had_ended(error)) {
+    mts::close_and_give_back(slot);
+    return failed(error);
+  }
+  if (error != 0) {  // the request's fault, not the connection's
+    mts::give_back(slot);
+    return failed(error);
+  }
+  mts::await_reply(slot);
+  store(sent, {.kind = kSent, .token = request.header.token, .payload_size = 0, .payload = nullptr});
+  return 0;
+}
+
+KS_EXPORT uint32_t mts_rr_token_get(const KsMtsMessage *sent) {
+  return load(sent).token;
+}
+
+KS_EXPORT uint32_t mts_recv(uint32_t queue, KsMtsMessage *received, const KsRecvOptions *options) {
+  uint32_t app_uuid;
+  if (!find_queue(queue, &app_uuid)) return failed(EBADF);
+  if (received == nullptr || options == nullptr) return failed(EINVAL);
+  Slot *slot = mts::resume(options->token);
+  if (slot == nullptr) return failed(EINVAL);
+
+  Message reply = {.kind = kReceived, .token = options->token, .payload_size = 0, .payload = nullptr};
+  const int error = receive_reply(slot, &reply);
+  if (error != 0 && error != ENOMEM) {
+    mts::close_and_give_back(slot);  // what may still come on it is nobody's
+    return failed(error);
+  }
+  mts::give_back(slot);
+  if (error != 0) return failed(error);
+  store(received, reply);
+  return 0;
+}
+
+KS_EXPORT const void *mts_payload_get(const KsMtsMessage *received) {
+  return load(received).payload;
+}
+
+KS_EXPORT uint32_t mts_payload_size(const KsMtsMessage *received) {
+  return load(received).payload_size;
+}
+
+KS_EXPORT void mts_drop(uint32_t, KsMtsMessage *message) {
+  const Message dropped = load(message);
+  if (dropped.kind == kSent) {
+    // Usually nothing: the reply is in. A request whose reply nobody waited for ends its connection.
+    if (Slot *slot = mts::resume(dropped.token)) mts::close_and_give_back(slot);
+  } else if (dropped.kind == kReceived) {
+    explicit_bzero(dropped.payload, dropped.payload_size);  // a reply may hold what a secret stands for
+    free(dropped.payload);
+  } else {
+    return;
+  }
+  store(message, {.kind = kDropped, .token = 0, .payload_size = 0, .payload = nullptr});
+}
+
+KS_EXPORT uint32_t mts_errno_get(uint32_t) {
+  return last_error;
+}
