@@ -33,11 +33,12 @@ typedef struct {
 KS_STATIC_ASSERT(sizeof(HostWireHeader) == 32);
 #define HOST_WIRE_MAX_DATAGRAM (sizeof(HostWireHeader) + HOST_WIRE_MAX_PAYLOAD)
 
-/* HostHelloReply answers HOST_OP_HELLO, whose request has no payload. Texts are NUL-terminated. */
+/* HostHelloReply answers HOST_OP_HELLO, whose request has no payload. Texts are NUL-terminated. A service that turns
+ * the caller away may send the result alone, or close the connection. */
 typedef struct {
   uint32_t result; /* KS_SUCCESS */
   uint32_t vdc_id; /* the caller's, or HOST_NO_VDC */
-  uint32_t receive_limit_ms;
+  uint32_t receive_limit_ms;  /* 0: the client's default, 30 s */
   uint32_t service_version;   /* major * 256 + minor */
   char running_cfg_uri[224];  /* below which the caller's databases lie: "lmdb:///dir"; empty for none */
 } HostHelloReply;
@@ -72,7 +73,7 @@ KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
  * process's start time in clock ticks since boot (field 22 of /proc/PID/stat). The service makes the folder, mode 1777.
  *
  * A record takes one or more slots. A writer reserves slots by adding to `next`, marks each as being written, fills
- * them and publishes the sequence number: a reader takes only slots whose sequence is the one it expects, before and
+ * them and publishes the sequence numbers, that of the first slot last: a reader takes only slots whose sequence is the one it expects, before and
  * after its copy. */
 #define HOST_RING_MAGIC UINT32_C(0x3172736b) /* "ksr1" */
 #define HOST_RING_SLOTS 1024
@@ -81,7 +82,7 @@ KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
 enum { HOST_RING_REPORT = 1, HOST_RING_MTS_EVENT = 2, HOST_RING_CONTINUED = 3 };
 
 typedef struct {
-  uint64_t sequence; /* position + 1 when complete; 0 while being written */
+  uint64_t sequence; /* position + 1 when complete; with the top bit set while being written; 0: never used */
   uint64_t time_ns;  /* CLOCK_REALTIME */
   uint16_t kind;     /* HOST_RING_... */
   uint16_t length;   /* bytes of the whole record in its first slot, of the rest in the slots that continue it */

@@ -1,0 +1,55 @@
+#include "host_state.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "host_socket.h"
+
+namespace host {
+
+alignas(kPageSize) constinit StateArea state_area = {.page = {.magic = 0,
+                                                              .version = 0,
+                                                              .supstate = 0,
+                                                              .reserved = 0,
+                                                              .history_open = {~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U},
+                                                              .debug_open = {~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U, ~0U}}};
+
+namespace {
+
+// The file that is mapped. While it is, its inode number is not given to another.
+constinit std::atomic<uint64_t> mapped_inode{0};
+
+bool is_state_page(int file) {
+  HostStatePage page;
+  return pread(file, &page, sizeof page, 0) == sizeof page && page.magic == HOST_STATE_MAGIC && page.version == 1;
+}
+
+}  // namespace
+
+void refresh_state_page() {
+  const int caller_errno = errno;
+  const SocketPath socket;
+  char path[sizeof socket.text + sizeof HOST_STATE_SUFFIX];
+  snprintf(path, sizeof path, "%s%s", socket.text, HOST_STATE_SUFFIX);
+
+  struct stat status;
+  const bool wanted = stat(path, &status) == 0 && status.st_ino != mapped_inode.load(std::memory_order_relaxed);
+  const int file = wanted ? open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1;
+  if (file >= 0) {
+    // In one step: other threads go on reading the old page until they read the new one.
+    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_state_page(file) &&
+        mmap(&state_area, kPageSize, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0) != MAP_FAILED) {
+      mapped_inode.store(status.st_ino, std::memory_order_relaxed);
+    }
+    close(file);
+  }
+  errno = caller_errno;
+}
+
+}  // namespace host

@@ -1,0 +1,167 @@
+// The trace service: gates from the state page, the history in a ring, debug lines on standard error.
+#include "sdwrap.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "host_state.h"
+#include "ring.h"
+
+KS_EXPORT char sdwrap_dbg_modname[];
+char sdwrap_dbg_modname[] = "ks";
+
+namespace {
+
+constexpr uint32_t kGateCount = 256;
+
+using Gates = uint32_t[kGateCount / 32];
+
+// The usual, shut gate ends here, after one load and one branch.
+inline bool looks_open(const Gates &gates, uint32_t number) {
+  return (host::state_word(gates[number / 32 % (kGateCount / 32)]) >> number % 32 & 1) != 0;
+}
+
+constinit std::atomic<bool> looked_for_page{false};
+
+// Tells whether a gate that looks open is: without a state page all of them do, and the default holds.
+bool is_open(const Gates &gates, uint32_t number, bool by_default) {
+  if (number >= kGateCount) return false;
+  if (!host::state_page_mapped() && !looked_for_page.exchange(true, std::memory_order_relaxed)) {
+    host::refresh_state_page();
+  }
+  return host::state_page_mapped() ? looks_open(gates, number) : by_default;
+}
+
+uint64_t now_ns() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+// Once a second, of those who come by: has the service come, or made its folder anew?
+void look_after_files(uint64_t now) {
+  static constinit std::atomic<uint64_t> next_look{0};
+  uint64_t due = next_look.load(std::memory_order_relaxed);
+  constexpr uint64_t kInterval = 1'000'000'000;
+  // A clock that was set back is no reason not to look.
+  if (now < due && due - now <= kInterval) return;
+  if (!next_look.compare_exchange_strong(due, now + kInterval, std::memory_order_relaxed)) return;
+  host::refresh_state_page();
+  sdwrap::keep_ring_visible();
+}
+
+// Writes the line at once, so that lines of many threads and processes don't mix. When nobody reads standard error any
+// more, the signal that says so is taken back: a debug line is no reason to die.
+void write_line(const char *line, size_t size) {
+  sigset_t pipe_signal;
+  sigset_t before;
+  sigset_t pending;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  sigpending(&pending);
+  const bool was_pending = sigismember(&pending, SIGPIPE) == 1;
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, &before);
+  ssize_t written;
+  do {
+    written = write(STDERR_FILENO, line, size);
+  } while (written < 0 && errno == EINTR);
+  if (written < 0 && errno == EPIPE && !was_pending) {
+    const timespec at_once = {};
+    while (sigtimedwait(&pipe_signal, nullptr, &at_once) < 0 && errno == EINTR) {
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// Prints the prefix, the message and, unless the message has it, the end of the line into `out`. Returns the size that
+// this takes, which may be more than `size`.
+size_t format_line(char *out, size_t size, const char *modname, const char *format, va_list arguments) {
+  const int prefix = snprintf(out, size, "%s[%d]: ", modname == nullptr ? "-" : modname, getpid());
+  if (prefix < 0 || static_cast<size_t>(prefix) >= size) return 0;
+  const auto start = static_cast<size_t>(prefix);
+  const int message = vsnprintf(out + start, size - start, format, arguments);
+  if (message < 0) return 0;
+  const size_t end = start + static_cast<size_t>(message);
+  if (end + 1 >= size) return end + 1;
+  if (out[end - 1] == '\n') return end;
+  out[end] = '\n';
+  return end + 1;
+}
+
+// The library's functions are called between its caller's own steps: errno is left as it was.
+class KeepsErrno {
+ public:
+  KeepsErrno() : errno_(errno) {}
+  ~KeepsErrno() { errno = errno_; }
+  KeepsErrno(const KeepsErrno &) = delete;
+  KeepsErrno &operator=(const KeepsErrno &) = delete;
+
+ private:
+  int errno_;
+};
+
+}  // namespace
+
+// The library has one history event, so gates are by subtype alone.
+KS_EXPORT int sdwrap_hist_event_subtype_check(uint32_t, uint32_t subtype) {
+  const Gates &gates = host::state_area.page.history_open;
+  if (!looks_open(gates, subtype)) return 1;
+  return is_open(gates, subtype, subtype == HOST_DEFAULT_RECORDED_SUBTYPE) ? 0 : 1;
+}
+
+KS_EXPORT int sdwrap_hist_event(uint32_t, uint32_t length, const void *record) {
+  const KeepsErrno keeps;
+  if (record == nullptr) return 1;
+  sdwrap::record(HOST_RING_REPORT, record, length, now_ns());
+  return 0;
+}
+
+KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *, uint32_t result, uint32_t) {
+  const KeepsErrno keeps;
+  const uint64_t now = now_ns();
+  const HostRingMtsEvent event = {.direction = direction, .result = result};
+  sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, now);
+  look_after_files(now);
+  return 0;
+}
+
+KS_EXPORT int sdwrap_chk_int(uint32_t flag, uint32_t, uint32_t, uint32_t) {
+  const Gates &gates = host::state_area.page.debug_open;
+  if (!looks_open(gates, flag)) return 0;
+  return is_open(gates, flag, false) ? 1 : 0;
+}
+
+KS_EXPORT int buginf(uint32_t, const void *modname, uint32_t, const char *format, ...) {
+  const KeepsErrno keeps;
+  char usual[1024];
+  va_list arguments;
+  va_start(arguments, format);
+  va_list again;
+  va_copy(again, arguments);
+  size_t size = format_line(usual, sizeof usual, static_cast<const char *>(modname), format, arguments);
+  char *line = usual;
+  if (size >= sizeof usual) {  // a longer message is printed whole too, if there is memory for it
+    char *longer = static_cast<char *>(malloc(size + 1));
+    if (longer != nullptr) {
+      size = format_line(longer, size + 1, static_cast<const char *>(modname), format, again);
+      line = longer;
+    } else {
+      size = sizeof usual;
+      usual[size - 1] = '\n';
+    }
+  }
+  if (size > 0) write_line(line, size);
+  if (line != usual) free(line);
+  va_end(again);
+  va_end(arguments);
+  return 0;
+}
