@@ -1,0 +1,68 @@
+// sdb_database.h: the databases that are open in this process.
+#ifndef SDB_DATABASE_H
+#define SDB_DATABASE_H
+
+#include <lmdb.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "sdb_gate.h"
+#include "sdb_thread.h"
+
+namespace sdb {
+
+// The whole of the map is reserved when a database is opened, and its file has the map's size from the start, with
+// holes where nothing has been written. So the file grows by itself, no map ever has to move under a reader, no access
+// through the map meets the end of the file, and a file that is shorter has been damaged. Writes are refused when the
+// entries fill the limit. What lies above it serves deletes, which LMDB does by copying pages, and the pages that
+// readers hold up.
+constexpr size_t kMapSize = size_t{128} << 20;
+constexpr size_t kFullSize = size_t{32} << 20;
+constexpr unsigned kReaderSlots = 1022;
+
+// An opening is repeated by callers, so each attempt is short. A first read of a thread waits as long at most.
+constexpr long kOpenDeadlineMs = 250;
+constexpr long kCommitDeadlineMs = 2000;
+
+// Database is one open environment. It stays for the life of the process.
+//
+// LMDB's own locks have no limit of time, so each is taken behind a gate: its lock of the reader table (when a thread
+// takes a slot, the dead are cleared or the environment is opened) behind `table_gate`, its writer lock behind
+// `commit_gate`. They are two, so that a writer that is stopped keeps nobody from reading.
+struct Database {
+  Database *next;
+  char *uri;
+  uint32_t generation;
+  // The same folder and name under another URI are the same database: LMDB must not open it twice.
+  dev_t folder_device;
+  ino_t folder_inode;
+  MDB_env *environment;
+  MDB_dbi entries;
+  Gate table_gate;
+  Gate commit_gate;
+  dev_t file_device;
+  ino_t file_inode;
+};
+
+// open_database opens the database at the URI, or finds it open.
+uint32_t open_database(Thread *thread, const char *uri);
+
+// find_database returns the open database at the URI, opening again after fork what the parent had open; or null and
+// a code.
+Database *find_database(Thread *thread, const char *uri, uint32_t *out_code);
+
+// begin_read starts to read in the thread's seat: with no system call and no lock unless it is the first time.
+uint32_t begin_read(Thread *thread, Seat *seat);
+void end_read(Seat *seat);
+
+// check_file tells whether the file is still the one that was opened, and whole.
+uint32_t check_file(Thread *thread, const Database &database);
+
+// fail_with_lmdb is fail_with for a result of LMDB.
+uint32_t fail_with_lmdb(Thread *thread, const char *doing, int result);
+
+}  // namespace sdb
+
+#endif

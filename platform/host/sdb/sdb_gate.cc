@@ -1,0 +1,70 @@
+#include "sdb_gate.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+namespace sdb {
+
+namespace {
+
+constexpr long kNsPerMs = 1'000'000;
+constexpr long kFirstPauseNs = 50'000;
+constexpr long kLongestPauseNs = kNsPerMs;
+
+int set_lock(int fd, short type, long byte) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = byte;
+  lock.l_len = 1;
+  return fcntl(fd, F_SETLK, &lock);
+}
+
+}  // namespace
+
+Deadline Deadline::in_ms(long ms) {
+  Deadline deadline;
+  clock_gettime(CLOCK_MONOTONIC, &deadline.at);
+  deadline.at.tv_sec += ms / 1000;
+  deadline.at.tv_nsec += ms % 1000 * kNsPerMs;
+  if (deadline.at.tv_nsec >= 1000 * kNsPerMs) {
+    deadline.at.tv_nsec -= 1000 * kNsPerMs;
+    ++deadline.at.tv_sec;
+  }
+  return deadline;
+}
+
+bool Deadline::passed() const {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec > at.tv_sec || (now.tv_sec == at.tv_sec && now.tv_nsec >= at.tv_nsec);
+}
+
+void Gate::init(int fd, long byte) {
+  pthread_mutex_init(&threads_, nullptr);
+  fd_ = fd;
+  byte_ = byte;
+}
+
+GateResult Gate::enter(const Deadline &deadline) {
+  if (pthread_mutex_clocklock(&threads_, CLOCK_MONOTONIC, &deadline.at) != 0) return GateResult::kTimedOut;
+  timespec pause{0, kFirstPauseNs};
+  while (set_lock(fd_, F_WRLCK, byte_) != 0) {
+    const bool closed = errno == EAGAIN || errno == EACCES || errno == EINTR;
+    if (!closed || deadline.passed()) {
+      pthread_mutex_unlock(&threads_);
+      return closed ? GateResult::kTimedOut : GateResult::kFailed;
+    }
+    nanosleep(&pause, nullptr);
+    if (pause.tv_nsec < kLongestPauseNs) pause.tv_nsec *= 2;
+  }
+  return GateResult::kEntered;
+}
+
+void Gate::leave() {
+  set_lock(fd_, F_UNLCK, byte_);
+  pthread_mutex_unlock(&threads_);
+}
+
+}  // namespace sdb

@@ -1,0 +1,102 @@
+// sdb_iterator.cc: going through all keys in order.
+#include <lmdb.h>
+
+#include <cstring>
+
+#include "sdb_codes.h"
+#include "sdb_database.h"
+#include "sdb_guard.h"
+#include "sdb_thread.h"
+#include "sdb_value.h"
+
+namespace sdb {
+
+namespace {
+
+constexpr uint32_t kIteratorFlags = 1;
+
+// Places the cursor at the first key behind the iteration's.
+int place(MDB_cursor *cursor, const Iteration &iteration, MDB_val *out_key, MDB_val *out_value) {
+  if (!iteration.at_key) return mdb_cursor_get(cursor, out_key, out_value, MDB_FIRST);
+  const MDB_val last{iteration.key.size, const_cast<void *>(iteration.key.data)};
+  *out_key = last;
+  const int result = mdb_cursor_get(cursor, out_key, out_value, MDB_SET_RANGE);
+  if (result != 0 || out_key->mv_size != last.mv_size) return result;
+  if (memcmp(out_key->mv_data, last.mv_data, last.mv_size) != 0) return result;
+  return mdb_cursor_get(cursor, out_key, out_value, MDB_NEXT);
+}
+
+int find_next(Thread *thread, Seat *seat, MDB_val *out_key, MDB_val *out_value) {
+  MDB_cursor *cursor = nullptr;
+  if (const int result = mdb_cursor_open(seat->reader, seat->database->entries, &cursor); result != 0) return result;
+  const int result = guarded(thread, [&] { return place(cursor, seat->iteration, out_key, out_value); });
+  mdb_cursor_close(cursor);
+  return result;
+}
+
+// A damaged value is handed out as none, so that its key can still be deleted.
+uint32_t take(Thread *thread, Iteration *iteration, const MDB_val &key, const MDB_val &value, bool *out_has_value) {
+  if (key.mv_size == 0 || key.mv_size > kMaxKeySize) return kDamaged;
+  memcpy(iteration->key_bytes, key.mv_data, key.mv_size);
+  iteration->key = {iteration->key_bytes, static_cast<uint32_t>(key.mv_size)};
+  iteration->at_key = true;
+  const uint32_t code = copy_stored(thread, value);
+  *out_has_value = code == kOk;
+  return code == kValueDamaged ? kOk : code;
+}
+
+uint32_t move_on(Thread *thread, Seat *seat, const KsSdbDatum **out_key, const KsSdbDatum **out_value) {
+  if (const uint32_t code = check_file(thread, *seat->database); code != kOk) return code;
+  if (const uint32_t code = begin_read(thread, seat); code != kOk) return code;
+  Iteration &iteration = seat->iteration;
+  MDB_val key;
+  MDB_val value;
+  bool has_value = false;
+  const int result = find_next(thread, seat, &key, &value);
+  uint32_t code = result == 0 ? take(thread, &iteration, key, value, &has_value) : code_of_lmdb(result);
+  end_read(seat);
+  if (code == kNoKey) code = kNoMoreKeys;
+  if (code != kOk) return code;
+
+  if (has_value) has_value = hand_out_value(thread, iteration.key.data, iteration.key.size, value.mv_size) == kOk;
+  iteration.value = thread->value;
+  *out_key = &iteration.key;
+  *out_value = has_value ? &iteration.value : nullptr;
+  return kOk;
+}
+
+uint32_t step(const char *uri, bool from_start, const KsSdbDatum **key, const KsSdbDatum **value) {
+  Thread *thread = enter();
+  if (thread == nullptr) return kNoMemory;
+  if (key == nullptr || value == nullptr) return fail_with(thread, kBadArgument, "places for key and value are needed");
+  uint32_t code = kOk;
+  Seat *seat = find_seat(thread, uri, &code);
+  if (seat == nullptr) return code;
+  if (!seat->iteration.set_up) return kNoIteration;
+  if (from_start) seat->iteration.at_key = false;
+  return move_on(thread, seat, key, value);
+}
+
+}  // namespace
+
+}  // namespace sdb
+
+KS_EXPORT uint32_t sdb_iterator_init(const char *uri, uint32_t flags) {
+  sdb::Thread *thread = sdb::enter();
+  if (thread == nullptr) return sdb::kNoMemory;
+  if (flags != sdb::kIteratorFlags) return sdb::fail_with(thread, sdb::kBadArgument, "sdb_iterator_init takes flags 1");
+  uint32_t code = sdb::kOk;
+  sdb::Seat *seat = sdb::find_seat(thread, uri, &code);
+  if (seat == nullptr) return code;
+  seat->iteration.set_up = true;
+  seat->iteration.at_key = false;
+  return sdb::kOk;
+}
+
+KS_EXPORT uint32_t sdb_getkey(const char *uri, const KsSdbDatum **key, const KsSdbDatum **value) {
+  return sdb::step(uri, true, key, value);
+}
+
+KS_EXPORT uint32_t sdb_getnext(const char *uri, const KsSdbDatum **key, const KsSdbDatum **value) {
+  return sdb::step(uri, false, key, value);
+}

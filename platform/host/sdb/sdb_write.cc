@@ -1,0 +1,149 @@
+// sdb_write.cc: staging changes and committing them.
+#include <lmdb.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "sdb_codes.h"
+#include "sdb_database.h"
+#include "sdb_guard.h"
+#include "sdb_thread.h"
+#include "sdb_value.h"
+
+namespace sdb {
+
+namespace {
+
+uint32_t stage(const char *uri, const KsSdbDatum *key, const KsSdbDatum *value) {
+  Thread *thread = enter();
+  if (thread == nullptr) return kNoMemory;
+  if (key == nullptr || key->data == nullptr || key->size == 0 || key->size > kMaxKeySize) {
+    return fail_with(thread, kBadArgument, "a key has 1 to %zu bytes", kMaxKeySize);
+  }
+  if (value != nullptr && (value->size > kMaxValueSize || (value->data == nullptr && value->size != 0))) {
+    return fail_with(thread, kBadArgument, "a value has at most %zu bytes", kMaxValueSize);
+  }
+  uint32_t code = kOk;
+  Seat *seat = find_seat(thread, uri, &code);
+  if (seat == nullptr) return code;
+
+  const auto value_size = static_cast<uint32_t>(value == nullptr ? 0 : value->size + sizeof(Check));
+  auto *change = static_cast<Change *>(malloc(sizeof(Change) + key->size + value_size));
+  if (change == nullptr) return kNoMemory;
+  *change = {nullptr, value == nullptr, key->size, value_size};
+  memcpy(change->key(), key->data, key->size);
+  if (value != nullptr) {
+    const Check check = check_of(key->data, key->size, value->data, value->size);
+    memcpy(change->value(), &check, sizeof check);
+    if (value->size != 0) memcpy(change->value() + sizeof check, value->data, value->size);
+  }
+  seat->changes.add(change);
+  return kOk;
+}
+
+int apply(const Database &database, MDB_txn *txn, Change *change) {
+  MDB_val key{change->key_size, change->key()};
+  if (change->removes) {
+    const int result = mdb_del(txn, database.entries, &key, nullptr);
+    return result == MDB_NOTFOUND ? 0 : result;  // what is not there need not be removed
+  }
+  MDB_val value{change->value_size, change->value()};
+  return mdb_put(txn, database.entries, &key, &value, 0);
+}
+
+int check_limit(const Database &database, MDB_txn *txn) {
+  MDB_stat stat;
+  const int result = mdb_stat(txn, database.entries, &stat);
+  if (result != 0) return result;
+  const size_t pages = stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages;
+  return pages > kFullSize / stat.ms_psize ? MDB_MAP_FULL : 0;
+}
+
+int apply_all(const Database &database, MDB_txn *txn, const Changes &changes) {
+  bool adds = false;
+  for (Change *change = changes.first; change != nullptr; change = change->next) {
+    if (const int result = apply(database, txn, change); result != 0) return result;
+    adds = adds || !change->removes;
+  }
+  return adds ? check_limit(database, txn) : 0;
+}
+
+uint32_t busy(Thread *thread, GateResult result, const Database &database) {
+  if (result == GateResult::kTimedOut) {
+    return fail_with(thread, kBusy, "waited %ld ms at %s", kCommitDeadlineMs, database.uri);
+  }
+  return fail_with(thread, kSystem, "cannot lock the gate of %s: %s", database.uri, strerrordesc_np(errno));
+}
+
+// Taking LMDB's writer lock from one who died in possession clears its reader table too.
+uint32_t begin_write(Thread *thread, Database &database, const Deadline &deadline, MDB_txn **out_txn) {
+  const GateResult entered = database.table_gate.enter(deadline);
+  if (entered != GateResult::kEntered) return busy(thread, entered, database);
+  const int result = mdb_txn_begin(database.environment, nullptr, 0, out_txn);
+  database.table_gate.leave();
+  return result == 0 ? kOk : fail_with_lmdb(thread, "cannot begin to write", result);
+}
+
+uint32_t write_once(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
+  MDB_txn *txn = nullptr;
+  if (const uint32_t code = begin_write(thread, database, deadline, &txn); code != kOk) return code;
+  MDB_txn *open = txn;  // what is left to abort, also after LMDB was left in the middle
+  const int result = guarded(thread, [&] {
+    if (const int applied = apply_all(database, txn, changes); applied != 0) return applied;
+    const int committed = mdb_txn_commit(txn);
+    open = nullptr;
+    return committed;
+  });
+  if (open != nullptr) mdb_txn_abort(open);
+  return result == 0 ? kOk : fail_with_lmdb(thread, database.uri, result);
+}
+
+uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
+  if (const uint32_t code = check_file(thread, database); code != kOk) return code;
+  const uint32_t code = write_once(thread, database, changes, deadline);
+  if (code != kFull) return code;
+  // Readers that died in the middle of a read hold pages up.
+  if (database.table_gate.enter(deadline) != GateResult::kEntered) return code;
+  int dead = 0;
+  mdb_reader_check(database.environment, &dead);
+  database.table_gate.leave();
+  return dead == 0 ? code : write_once(thread, database, changes, deadline);
+}
+
+uint32_t commit(Thread *thread, Seat *seat) {
+  if (seat->changes.first == nullptr) return kOk;
+  const NoCancellation no_cancellation;
+  Database &database = *seat->database;
+  const Deadline deadline = Deadline::in_ms(kCommitDeadlineMs);
+  const GateResult entered = database.commit_gate.enter(deadline);
+  if (entered != GateResult::kEntered) return busy(thread, entered, database);
+  const uint32_t code = write_inside_gate(thread, database, seat->changes, deadline);
+  database.commit_gate.leave();
+  return code;
+}
+
+}  // namespace
+
+}  // namespace sdb
+
+KS_EXPORT uint32_t sdb_write(const char *uri, const KsSdbDatum *key, const KsSdbDatum *value) {
+  static constexpr KsSdbDatum kEmpty{nullptr, 0};
+  return sdb::stage(uri, key, value != nullptr ? value : &kEmpty);
+}
+
+KS_EXPORT uint32_t sdb_delete(const char *uri, const KsSdbDatum *key) {
+  return sdb::stage(uri, key, nullptr);
+}
+
+KS_EXPORT uint32_t sdb_write_done(const char *uri) {
+  sdb::Thread *thread = sdb::enter();
+  if (thread == nullptr) return sdb::kNoMemory;
+  uint32_t code = sdb::kOk;
+  sdb::Seat *seat = sdb::find_seat(thread, uri, &code);
+  if (seat == nullptr) return code;
+  code = sdb::commit(thread, seat);
+  // Also when it failed: a change that was reported as failed must not turn up with a later one.
+  seat->changes.drop_all();
+  return code;
+}
