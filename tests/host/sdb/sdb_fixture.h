@@ -1,0 +1,119 @@
+// sdb_fixture.h: a fresh folder, and short ways to say what is asked of libsdb.
+#ifndef SDB_FIXTURE_H
+#define SDB_FIXTURE_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "sdb.h"
+
+// The codes again, as numbers: what callers see.
+constexpr uint32_t kRetryCode = 0x411a0008;
+constexpr uint32_t kNotOpenCode = 0x411a000f;
+constexpr uint32_t kBadUriCode = 0x411a0011;
+constexpr uint32_t kNoKeyCode = 0x40480003;
+constexpr uint32_t kUnsafeCode = 0x411a0001;
+constexpr uint32_t kDamagedCode = 0x411a0002;
+constexpr uint32_t kValueDamagedCode = 0x411a0003;
+constexpr uint32_t kFullCode = 0x411a0004;
+constexpr uint32_t kBusyCode = 0x411a0005;
+constexpr uint32_t kBadArgumentCode = 0x411a0006;
+constexpr uint32_t kSystemCode = 0x411a0009;
+constexpr uint32_t kNoIterationCode = 0x411a000a;
+constexpr uint32_t kNoMoreKeysCode = 0x40480004;
+
+inline KsSdbDatum datum(const std::string &bytes) {
+  return {bytes.data(), static_cast<uint32_t>(bytes.size())};
+}
+
+inline std::string text(const KsSdbDatum *value) {
+  return value == nullptr ? "(none)" : std::string(static_cast<const char *>(value->data), value->size);
+}
+
+// Runs `work` in a child and returns its exit status, or 1000 and the signal that ended it.
+inline int status_of(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFSIGNALED(status) ? 1000 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+inline pid_t start_child(const std::function<int()> &work) {
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) _exit(work());
+  return child;
+}
+
+inline int in_child(const std::function<int()> &work) {
+  return status_of(start_child(work));
+}
+
+// Sdb has a folder of its own for each test, and so a database that no other test has opened in this process.
+class Sdb : public testing::Test {
+ protected:
+  Sdb() {
+    std::string pattern = std::filesystem::temp_directory_path() / "sdb-test-XXXXXX";
+    root = mkdtemp(pattern.data());
+    folder = root + "/cache";
+    uri = "lmdb://" + folder + "/entries";
+    const std::string ending = sizeof(void *) == 8 ? "-64.mdb" : "-32.mdb";
+    data_file = folder + "/entries" + ending;
+  }
+  ~Sdb() override { std::filesystem::remove_all(root); }
+
+  uint32_t open() { return sdb_open(uri.c_str(), 1, 77, 0, 0); }
+
+  uint32_t stage(const std::string &key, const std::string &value) {
+    const KsSdbDatum k = datum(key);
+    const KsSdbDatum v = datum(value);
+    return sdb_write(uri.c_str(), &k, &v);
+  }
+
+  uint32_t stage_delete(const std::string &key) {
+    const KsSdbDatum k = datum(key);
+    return sdb_delete(uri.c_str(), &k);
+  }
+
+  uint32_t done() { return sdb_write_done(uri.c_str()); }
+
+  uint32_t put(const std::string &key, const std::string &value) {
+    const uint32_t code = stage(key, value);
+    return code != 0 ? code : done();
+  }
+
+  uint32_t remove(const std::string &key) {
+    const uint32_t code = stage_delete(key);
+    return code != 0 ? code : done();
+  }
+
+  uint32_t read(const std::string &key, std::string *out_value = nullptr) {
+    const KsSdbDatum k = datum(key);
+    uint32_t code = 0xdead;
+    const KsSdbDatum *value = sdb_read(uri.c_str(), &k, &code);
+    EXPECT_EQ(value != nullptr, code == 0);
+    if (out_value != nullptr) *out_value = text(value);
+    return code;
+  }
+
+  std::string value_of(const std::string &key) {
+    std::string value;
+    read(key, &value);
+    return value;
+  }
+
+  std::string root;
+  std::string folder;
+  std::string uri;
+  std::string data_file;
+};
+
+#endif
