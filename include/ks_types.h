@@ -1,8 +1,8 @@
 /* ks_types.h: result codes, message opcodes and the records that requests are made of.
  *
  * Everything here crosses a boundary: codes and opcodes are shared with the keystore service, and the records are
- * handed to the message service as they stand. On i386, the target, sizes and offsets are exact. On x86-64 the same
- * records hold natural pointers. */
+ * handed to the message service and the shared database as they stand. On i386, the target, sizes and offsets are
+ * exact. On x86-64 the same records hold natural pointers. */
 #ifndef KS_TYPES_H
 #define KS_TYPES_H
 
@@ -135,9 +135,17 @@ KS_STATIC_ASSERT(sizeof(KsNameDataDescriptor) == 6);
 KS_STATIC_ASSERT(offsetof(KsNameDataDescriptor, data_len) == 2);
 KS_STATIC_ASSERT(offsetof(KsNameDataDescriptor, data_offset) == 4);
 
+/* KsSdbDatum is a key or a value of the shared database. */
+typedef struct {
+  const void *data;
+  uint32_t size; /* in bytes */
+} KsSdbDatum;
+
 #if defined(__i386__)
 KS_STATIC_ASSERT(sizeof(KsSection) == 8);
 KS_STATIC_ASSERT(offsetof(KsSection, length) == 4);
+KS_STATIC_ASSERT(sizeof(KsSdbDatum) == 8);
+KS_STATIC_ASSERT(offsetof(KsSdbDatum, size) == 4);
 #endif
 
 #endif

@@ -12,17 +12,6 @@
 #define KS_SDB_ERR_BAD_URI UINT32_C(0x411a0011) /* the URI is malformed */
 #define KS_SDB_ERR_NO_KEY UINT32_C(0x40480003)  /* no such key */
 
-/* KsSdbDatum is a key or a value. */
-typedef struct {
-  const void *data;
-  uint32_t size; /* in bytes */
-} KsSdbDatum;
-
-#if defined(__i386__)
-KS_STATIC_ASSERT(sizeof(KsSdbDatum) == 8);
-KS_STATIC_ASSERT(offsetof(KsSdbDatum, size) == 4);
-#endif
-
 /* sdb_open opens the database at `uri`. `flags` is 1, the last two arguments are 0. Opening an open database is a
  * success. */
 KS_EXTERN_C uint32_t sdb_open(const char *uri, uint32_t flags, uint32_t app_uuid, uint32_t zero1, uint32_t zero2);

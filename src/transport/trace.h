@@ -25,4 +25,8 @@ void record_history(uint32_t subtype, const char *format, ...) __attribute__((fo
     if (sdwrap_chk_int(ks::subtype, 0, 0, 1) != 0) static_cast<void>(buginf(1, &sdwrap_dbg_modname, 0, __VA_ARGS__)); \
   } while (false)
 
+// KS_TRACE_HERE reports a message that begins with the reporting function's name and line: "%s(%d)" and then `text`.
+#define KS_TRACE_HERE(subtype, text, ...) \
+  KS_TRACE(subtype, "%s(%d)" text, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+
 #endif
