@@ -6,6 +6,7 @@
 #ifndef KS_API_H
 #define KS_API_H
 
+#include "ks_cache.h"
 #include "ks_device.h"
 #include "ks_types.h"
 

@@ -20,5 +20,6 @@ KsResult ks_init(uint32_t first, uint32_t uuid, uint32_t third) {
 
   vdc_id = static_cast<uint16_t>(sysmgr_vdc_get());
   KS_TRACE(KS_SUBTYPE_NORMAL, "mts_bind succeeded \n");
+  static_cast<void>(ks_sdb_init(app_uuid));  // a library without its cache is fully started: readers try again
   return KS_SUCCESS;
 }

@@ -28,6 +28,7 @@ TEST_F(Init, BindsWithAZeroIdentifierToo) {
 
   EXPECT_EQ(mts.binds.at(0).at(5), 0u);
   EXPECT_EQ(app_uuid, 0u);
+  EXPECT_THAT(events({"sdb_open"}), ElementsAre("sdb_open 0"));
 }
 
 TEST_F(Init, TakesTheLowBitsOfTheVdcId) {
@@ -45,6 +46,22 @@ TEST_F(Init, ReportsSuccessAfterLearningTheVdcId) {
   EXPECT_EQ(calls[0], "mts_bind");
   EXPECT_EQ(calls[1], "sysmgr_vdc_get");
   EXPECT_EQ(calls[2], "report mts_bind succeeded \n");
+}
+
+TEST_F(Init, OpensTheCacheLastUnderItsIdentifier) {
+  EXPECT_EQ(ks_init(0, 0xb2, 0), KS_SUCCESS);
+
+  EXPECT_THAT(events({"mts_bind", "sysmgr_vdc_get", "sdb_open"}),
+              ElementsAre("mts_bind", "sysmgr_vdc_get", "sdb_open 178"));
+  EXPECT_EQ(traces().at(0), "mts_bind succeeded \n");
+  EXPECT_EQ(ks_cache_present, 1u);
+}
+
+TEST_F(Init, SucceedsWithACacheThatWontOpen) {
+  sdb.open_codes = {0x411a000f};
+  EXPECT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
+
+  EXPECT_EQ(ks_cache_present, 0u);
 }
 
 TEST_F(Init, KeepsItsIdentifierAndLeavesTheRestWhenBindingFails) {

@@ -1,0 +1,125 @@
+// A PAC's entry without a T-PRF result: written, read, looked for and deleted.
+//
+//   key     type 1 | wire name, zeros behind it                        (39 bytes)
+//   value   meta_len | 18 zero bytes | metadata                        (22 bytes and the metadata)
+#include <stdlib.h>
+
+#include "cache/entry.h"
+#include "ks_api.h"
+#include "transport/sections.h"
+#include "transport/trace.h"
+
+namespace {
+
+// ReportText lends metadata to a report as the text that a report takes it for: up to its first zero byte, which a
+// KsPacMetadata begins with. Metadata without one is copied, cut to what a record holds, so that its end is kept.
+class ReportText {
+ public:
+  ReportText(const void *bytes, size_t len) : text_(static_cast<const char *>(bytes)) {
+    if (text_ == nullptr || memchr(text_, '\0', len) != nullptr) return;
+    const size_t kept = len < sizeof copy_ ? len : sizeof copy_ - 1;
+    memcpy(copy_, text_, kept);
+    copy_[kept] = '\0';
+    text_ = copy_;
+  }
+  const char *get() const { return text_; }
+
+ private:
+  const char *text_;
+  char copy_[512];
+};
+
+}  // namespace
+
+KsResult ks_cache_pac_write(const void *name, uint32_t name_len, const void *metadata, uint16_t meta_len) {
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, "\n");
+  if (!ks::is_cache_name(name, name_len)) return KS_INVALID_ARGS;
+
+  static_cast<void>(ks_cache_pac_clear(name, name_len));  // the old entry goes, whatever happens next
+
+  const KsCacheKey key = ks::cache_key(name, name_len);
+  KsCacheEntry head = {};
+  head.meta_len = meta_len;
+  const uint32_t size = ks::kEntryHeadSize + meta_len;
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Total value size :%u.URI :%s.Meta :%s.Meta Len :%u\n", size, ks_cache_uri,
+                ReportText(metadata, meta_len).get(), meta_len);
+  auto *value = static_cast<uint8_t *>(calloc(1, size));
+  if (value == nullptr) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Malloc failed \n");
+    return KS_NO_MEMORY;
+  }
+  memcpy(value, &head, ks::kEntryHeadSize);
+  if (meta_len != 0) memcpy(value + ks::kEntryHeadSize, metadata, meta_len);
+
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Writing PAC into shared DB.\n");
+  if (const uint32_t code = sksd_sdb_write(&key, sizeof key, value, size); code != 0) {
+    // DIFFERS(cache-write-keeps-value): the value stays allocated here, where ks_cache_pac_write_tprf frees it; those
+    // who account for our memory expect both.
+    return ks::change_refusal(code, "%s(%d):SDB write error.\n");
+  }
+  free(value);
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return \n");
+  return KS_SUCCESS;
+}
+
+KsResult ks_cache_read_pac(const void *name, uint32_t name_len, uint8_t **metadata, uint16_t *meta_len) {
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, "\n");
+  if (!ks::is_cache_name(name, name_len)) return KS_INVALID_ARGS;
+
+  const KsCacheKey key = ks::cache_key(name, name_len);
+  uint32_t error = 0;
+  const KsSdbDatum *value = sksd_sdb_read(&key, sizeof key, &error);
+  if (const KsResult refused = ks::read_refusal(error); refused != KS_SUCCESS) return refused;
+  if (metadata == nullptr) return KS_SUCCESS;
+  if (value == nullptr) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Key is found in SDB but value is NULL. \n");
+    return KS_FAILURE;
+  }
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Total value Size :%d \n", value->size);
+
+  const ks::CachedEntry entry(*value);
+  const uint32_t len = entry.head.meta_len;
+  const uint8_t *cached = entry.region(0, len);
+  if (len == 0 || cached == nullptr) {  // damaged, which the caller is told by these two
+    *metadata = nullptr;
+    *meta_len = 0;
+  } else {
+    *metadata = static_cast<uint8_t *>(calloc(1, len));
+    if (*metadata == nullptr) {
+      KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Malloc failed \n");
+      return KS_NO_MEMORY;
+    }
+    memcpy(*metadata, cached, len);
+    *meta_len = ks::low16(len);
+  }
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return \n");
+  return KS_SUCCESS;
+}
+
+KsResult ks_cache_find_pac(const void *aid, uint32_t aid_len, uint32_t *found) {
+  // DIFFERS(cache-find-malloc): malloc and no report, where every other name comes from calloc and a failure is
+  // reported; those who count our allocations by kind rely on it.
+  void *name = malloc(sizeof(KsWireName));
+  if (name == nullptr) return KS_NO_MEMORY;
+  memset(name, 0, sizeof(KsWireName));
+  // A longer A-ID is refused by the read below: no more of it than there is room for needs to be in the name.
+  ks::fill_wire_name(name, KS_NAME_TAG_PAC, aid, aid_len < KS_PAC_NAME_MAX ? aid_len : KS_PAC_NAME_MAX);
+
+  const KsResult result = ks_cache_read_pac(name, aid_len + KS_NAME_HEADER_SIZE, nullptr, nullptr);
+  free(name);
+  *found = result == KS_SUCCESS ? 1 : 0;
+  return result;
+}
+
+KsResult ks_cache_pac_clear(const void *name, uint32_t name_len) {
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, "\n");
+  if (!ks::is_cache_name(name, name_len)) return KS_INVALID_ARGS;
+
+  const KsCacheKey key = ks::cache_key(name, name_len);
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Deleting Key from shared DB.\n");
+  if (const uint32_t code = sksd_sdb_delete(&key, sizeof key); code != 0) {
+    return ks::change_refusal(code, "%s(%d):SDB delete error.\n");
+  }
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return \n");
+  return KS_SUCCESS;
+}

@@ -1,0 +1,134 @@
+// The one T-PRF result that a PAC's entry may hold.
+//
+//   value   header | metadata | label | random, or a gap of its length | output
+#include <stdlib.h>
+
+#include "cache/entry.h"
+#include "ks_api.h"
+#include "transport/sections.h"
+#include "transport/trace.h"
+
+KsResult ks_cache_pac_write_tprf(const void *name, uint32_t name_len, const void *label, uint16_t label_len,
+                                 const void *random, uint16_t random_len, const void *output, uint16_t output_len) {
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, "\n");
+  if (!ks::is_cache_name(name, name_len)) return KS_INVALID_ARGS;
+  if (label == nullptr || label_len == 0) return KS_INVALID_ARGS;
+  if (output == nullptr || output_len == 0) return KS_INVALID_ARGS;
+
+  // DIFFERS(tprf-write-keeps-metadata): neither of the two copies of the metadata is freed on any path, where
+  // ks_cache_pac_write keeps nothing but a refused value; those who account for our memory expect it.
+  uint8_t *read = nullptr;
+  uint16_t meta_len = 0;
+  if (const KsResult result = ks_cache_read_pac(name, name_len, &read, &meta_len); result != KS_SUCCESS) {
+    if (result == KS_NOT_FOUND) {
+      KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Key not found. \n");
+    } else {
+      KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":ks_read_failed.\n");
+    }
+    return result;
+  }
+  if (meta_len == 0) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":No Meta present for this key in cache. Corrupt entry. Deleting it.\n");
+    static_cast<void>(ks_cache_pac_clear(name, name_len));
+    return KS_FAILURE;
+  }
+  auto *metadata = static_cast<uint8_t *>(calloc(1, meta_len));
+  if (metadata == nullptr) {  // before anything is deleted: the entry stays as it is
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Malloc failed \n");
+    return KS_NO_MEMORY;
+  }
+  memcpy(metadata, read, meta_len);
+
+  static_cast<void>(ks_cache_pac_clear(name, name_len));
+
+  const KsCacheKey key = ks::cache_key(name, name_len);
+  KsCacheEntry head = {};
+  const uint32_t random_at = uint32_t{meta_len} + label_len;
+  head.meta_len = meta_len;
+  head.label_off = meta_len;
+  head.label_len = label_len;
+  if (random != nullptr) {
+    head.random_off = random_at;
+    head.random_len = random_len;
+  }
+  head.output_off = random_at + random_len;
+  head.output_len = output_len;
+  const uint32_t size = ks::kEntryHeadSize + head.output_off + output_len;
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL,
+                ":Total value size :%u.URI :%s.Meta Len :%u.Label Len :%u.Random Len :%u.Output Len :%u.\n", size,
+                ks_cache_uri, meta_len, label_len, random_len, output_len);
+  auto *value = static_cast<uint8_t *>(calloc(1, size));
+  if (value == nullptr) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Malloc failed \n");
+    return KS_NO_MEMORY;
+  }
+  memcpy(value, &head, ks::kEntryHeadSize);
+  uint8_t *body = value + ks::kEntryHeadSize;
+  memcpy(body, metadata, meta_len);
+  memcpy(body + head.label_off, label, label_len);
+  if (head.random_len != 0) memcpy(body + head.random_off, random, random_len);
+  memcpy(body + head.output_off, output, output_len);
+
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Writing PAC TPRF into shared DB.\n");
+  const uint32_t code = sksd_sdb_write(&key, sizeof key, value, size);
+  free(value);
+  if (code != 0) return ks::change_refusal(code, "%s(%d):SDB write error.\n");
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return \n");
+  return KS_SUCCESS;
+}
+
+KsResult ks_cache_read_tprf(const void *name, uint32_t name_len, const void *label, uint16_t label_len,
+                            const void *random, uint16_t random_len, uint8_t **output, uint16_t *output_len) {
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, "\n");
+  if (!ks::is_cache_name(name, name_len)) return KS_INVALID_ARGS;
+  if (label == nullptr || label_len == 0) return KS_INVALID_ARGS;
+
+  const KsCacheKey key = ks::cache_key(name, name_len);
+  uint32_t error = 0;
+  const KsSdbDatum *value = sksd_sdb_read(&key, sizeof key, &error);
+  if (const KsResult refused = ks::read_refusal(error); refused != KS_SUCCESS) return refused;
+  if (value == nullptr) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Key is found in SDB but value is NULL. \n");
+    return KS_FAILURE;
+  }
+  const ks::CachedEntry entry(*value);
+  const KsCacheEntry &head = entry.head;
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Total value Size :%d \n", value->size);
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Cached Label Len :%d. Cached Random Len :%d\n", head.label_len, head.random_len);
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Received Label Len :%d.Received Random Len :%d\n", label_len, random_len);
+
+  const uint8_t *cached_label = entry.region(head.label_off, head.label_len);
+  const uint8_t *cached_output = entry.region(head.output_off, head.output_len);
+  if (head.label_len == 0 || head.output_len == 0 || cached_label == nullptr || cached_output == nullptr) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Either label or output is not present in cache.\n");
+    return KS_FAILURE;
+  }
+  if (label_len != head.label_len || memcmp(label, cached_label, label_len) != 0) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Label mismatch.\n");
+    return KS_FAILURE;
+  }
+  // No random is like an empty one: it matches an entry without.
+  if ((random == nullptr ? 0 : random_len) != head.random_len) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Random number length mismatch.\n");
+    return KS_FAILURE;
+  }
+  if (head.random_len != 0) {
+    const uint8_t *cached_random = entry.region(head.random_off, head.random_len);
+    if (cached_random == nullptr || memcmp(random, cached_random, random_len) != 0) {
+      KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Given random number does not match cached value.\n");
+      return KS_FAILURE;
+    }
+  }
+
+  *output = static_cast<uint8_t *>(calloc(1, head.output_len));
+  if (*output == nullptr) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Malloc failed \n");
+    return KS_NO_MEMORY;
+  }
+  memcpy(*output, cached_output, head.output_len);
+  *output_len = head.output_len;
+  // DIFFERS(tprf-found-alert): a success reported as an alert: it shows in histories that record alerts alone.
+  KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Valid TPRF found in cache.\n");
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return \n");
+  return KS_SUCCESS;
+}
