@@ -69,6 +69,7 @@ static_assert(sizeof(Node) == 8);
 constexpr uint32_t kMagic = 0xbeefc0de;
 constexpr uint32_t kVersion = 1;
 constexpr uint16_t kBigData = 1;
+constexpr uint16_t kTreeFlags = 0xff;  // above them stand flags of the environment
 constexpr unsigned kMaxDepth = 32;
 constexpr size_t kMinPageSize = 512;
 constexpr size_t kMaxPageSize = 65536;
@@ -95,7 +96,7 @@ bool read_head(int fd, size_t page_size, unsigned index, PageHead *out_page, Hea
 }
 
 bool is_sane_tree(const Tree &tree, uint16_t flags, PageNumber last_page) {
-  if (tree.flags != flags || tree.depth > kMaxDepth) return false;
+  if ((tree.flags & kTreeFlags) != flags || tree.depth > kMaxDepth) return false;
   return tree.root == kNoPage || (tree.depth > 0 && tree.root > 1 && tree.root <= last_page);
 }
 
