@@ -26,8 +26,8 @@ constexpr char kGateEnding[] = "-gate";
 // Writers replace a transaction's head with the second commit after it.
 constexpr int kSnapshotAttempts = 100;
 
-constexpr long kTableByte = 0;
-constexpr long kCommitByte = 1;
+constexpr long kTableByte = 0;  // each gate takes two
+constexpr long kCommitByte = 2;
 
 // Process is what belongs to one process. A child of fork makes its own and keeps its parent's, to know what was open:
 // the parent's environments themselves are left as they are, since closing one would free the parent's reader slots.

@@ -21,6 +21,21 @@ int set_lock(int fd, short type, long byte) {
   return fcntl(fd, F_SETLK, &lock);
 }
 
+// Of a gate's bytes, who holds the first is next to hold the second.
+enum : long { kWaiting, kInside };
+
+GateResult lock_byte(int fd, long byte, const Deadline &deadline) {
+  timespec pause{0, kFirstPauseNs};
+  while (set_lock(fd, F_WRLCK, byte) != 0) {
+    const bool closed = errno == EAGAIN || errno == EACCES || errno == EINTR;
+    if (!closed) return GateResult::kFailed;
+    if (deadline.passed()) return GateResult::kTimedOut;
+    nanosleep(&pause, nullptr);
+    if (pause.tv_nsec < kLongestPauseNs) pause.tv_nsec *= 2;
+  }
+  return GateResult::kEntered;
+}
+
 }  // namespace
 
 Deadline Deadline::in_ms(long ms) {
@@ -41,29 +56,25 @@ bool Deadline::passed() const {
   return now.tv_sec > at.tv_sec || (now.tv_sec == at.tv_sec && now.tv_nsec >= at.tv_nsec);
 }
 
-void Gate::init(int fd, long byte) {
+void Gate::init(int fd, long first_byte) {
   pthread_mutex_init(&threads_, nullptr);
   fd_ = fd;
-  byte_ = byte;
+  first_byte_ = first_byte;
 }
 
 GateResult Gate::enter(const Deadline &deadline) {
   if (pthread_mutex_clocklock(&threads_, CLOCK_MONOTONIC, &deadline.at) != 0) return GateResult::kTimedOut;
-  timespec pause{0, kFirstPauseNs};
-  while (set_lock(fd_, F_WRLCK, byte_) != 0) {
-    const bool closed = errno == EAGAIN || errno == EACCES || errno == EINTR;
-    if (!closed || deadline.passed()) {
-      pthread_mutex_unlock(&threads_);
-      return closed ? GateResult::kTimedOut : GateResult::kFailed;
-    }
-    nanosleep(&pause, nullptr);
-    if (pause.tv_nsec < kLongestPauseNs) pause.tv_nsec *= 2;
+  GateResult result = lock_byte(fd_, first_byte_ + kWaiting, deadline);
+  if (result == GateResult::kEntered) {
+    result = lock_byte(fd_, first_byte_ + kInside, deadline);
+    set_lock(fd_, F_UNLCK, first_byte_ + kWaiting);
   }
-  return GateResult::kEntered;
+  if (result != GateResult::kEntered) pthread_mutex_unlock(&threads_);
+  return result;
 }
 
 void Gate::leave() {
-  set_lock(fd_, F_UNLCK, byte_);
+  set_lock(fd_, F_UNLCK, first_byte_ + kInside);
   pthread_mutex_unlock(&threads_);
 }
 

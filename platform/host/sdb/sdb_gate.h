@@ -17,20 +17,21 @@ struct Deadline {
 
 enum class GateResult { kEntered, kTimedOut, kFailed };
 
-// A Gate is a byte of a file, locked for the process by the kernel, behind a mutex that keeps the threads of the
-// process apart. The kernel opens the gate of a process that ends in any way, also after a crash of the machine; a
-// process that is stopped inside keeps the others out, who give up at their deadline. There is no waiting of this kind
-// with a limit in the kernel, so those outside ask again at short intervals.
+// A Gate is two bytes of a file, locked for the process by the kernel, behind a mutex that keeps the threads of the
+// process apart. Everybody takes the first byte to wait for the second: one who leaves and comes again at once cannot
+// overtake one who waits. The kernel opens the gate of a process that ends in any way, also after a crash of the
+// machine; a process that is stopped inside keeps the others out, who give up at their deadline. There is no waiting of
+// this kind with a limit in the kernel, so those outside ask again at short intervals.
 class Gate {
  public:
-  void init(int fd, long byte);
+  void init(int fd, long first_byte);
   GateResult enter(const Deadline &deadline);
   void leave();
 
  private:
   pthread_mutex_t threads_;
   int fd_;
-  long byte_;
+  long first_byte_;
 };
 
 // Cancellation would leave a gate, or LMDB's own lock, closed for good.
