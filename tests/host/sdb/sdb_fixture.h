@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "sdb.h"
 
@@ -30,7 +31,7 @@ constexpr uint32_t kSystemCode = 0x411a0009;
 constexpr uint32_t kNoIterationCode = 0x411a000a;
 constexpr uint32_t kNoMoreKeysCode = 0x40480004;
 
-inline KsSdbDatum datum(const std::string &bytes) {
+inline KsSdbDatum datum(std::string_view bytes) {
   return {bytes.data(), static_cast<uint32_t>(bytes.size())};
 }
 
@@ -38,7 +39,11 @@ inline std::string text(const KsSdbDatum *value) {
   return value == nullptr ? "(none)" : std::string(static_cast<const char *>(value->data), value->size);
 }
 
-// Runs `work` in a child and returns its exit status, or 1000 and the signal that ended it.
+// Called where libsdb begins a transaction, and where LMDB has written a commit's pages but not yet its head.
+extern void (*at_txn_begin)();
+extern void (*at_sync)();
+
+// The exit status of a child, or 1000 and the signal that ended it.
 inline int status_of(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -53,6 +58,7 @@ inline pid_t start_child(const std::function<int()> &work) {
   return child;
 }
 
+// Runs `work` in a child and returns its status_of.
 inline int in_child(const std::function<int()> &work) {
   return status_of(start_child(work));
 }
