@@ -8,6 +8,7 @@
 
 #include "ks_cache.h"
 #include "ks_device.h"
+#include "ks_secret.h"
 #include "ks_types.h"
 
 /* ks_init starts the library for this process: it binds to the message service, learns the VDC id and tries to open the

@@ -49,4 +49,11 @@ typedef struct {
 
 KS_STATIC_ASSERT(sizeof(KsIndexDescriptor) == 2);
 
+/* ks_return_metadata_resp hands out the metadata of a reply in a fresh block of exactly its length, which the caller
+ * frees, and returns the result. `payload_size` is not read: the reply's own length is believed.
+ *
+ * KS_NO_MEMORY: `*metadata` is NULL, `*metadata_len` as it was. */
+KS_EXPORT KsResult ks_return_metadata_resp(uint16_t payload_size, const void *payload, uint8_t **metadata,
+                                           uint16_t *metadata_len);
+
 #endif
