@@ -28,9 +28,15 @@ KsResult result_of(const Reply &reply) {
 }  // namespace
 
 Dispatcher::Dispatcher() {
-  for (const auto family : kFamilies) {
-    for (const Row &row : family()) rows_.at(row.opcode - kFirstOpcode) = &row;
-  }
+  for (const auto family : kFamilies) add(family());
+}
+
+Dispatcher::Dispatcher(std::span<const Row> family) {
+  add(family);
+}
+
+void Dispatcher::add(std::span<const Row> family) {
+  for (const Row &row : family) rows_.at(row.opcode - kFirstOpcode) = &row;
 }
 
 bool Dispatcher::answer(Service &service, const Request &request, Reply &reply) const {

@@ -11,7 +11,8 @@ namespace ksd {
 
 class Dispatcher {
  public:
-  Dispatcher();
+  Dispatcher();                                      // of all families
+  explicit Dispatcher(std::span<const Row> family);  // of one
 
   // find gives the row of `opcode`, or null when there is none.
   const Row *find(uint32_t opcode) const {
@@ -24,6 +25,8 @@ class Dispatcher {
   bool answer(Service &service, const Request &request, Reply &reply) const;
 
  private:
+  void add(std::span<const Row> family);
+
   std::array<const Row *, kOpcodeCount> rows_{};
 };
 

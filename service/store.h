@@ -49,9 +49,9 @@ class Store {
   // rename keeps secret, metadata and position. KS_INVALID_ARGS: `to` is the name or alias of another entry.
   virtual KsResult rename(const EntryName &from, const EntryName &to) = 0;
 
-  // on_retired has `retired` called with the generation of every content that a change has replaced or removed, when find
-  // no longer gives it: what was prepared from it is to be forgotten. It is set once, before the store is shared, and
-  // called on any thread, also on several at once.
+  // on_retired has `retired` called with the generation of every content that a change has replaced or removed, when
+  // find no longer gives it: what was prepared from it is to be forgotten. It is set once, before the store is shared,
+  // and called on any thread, also on several at once.
   virtual void on_retired(std::function<void(uint64_t generation)> retired) = 0;
 
   // compact rewrites the store without its free space while others go on.

@@ -84,7 +84,7 @@ struct Child {
     if (output >= 0) dup2(output, STDOUT_FILENO);
     if (errors >= 0) dup2(errors, STDERR_FILENO);
     if (passed >= 0) dup2(passed, 3);
-    execve(argv[0], argv.data(), envp.data());
+    execvpe(argv[0], argv.data(), envp.data());
     _exit(127);
   }
 };
@@ -148,6 +148,7 @@ void ServiceProcess::start() {
     child.arguments.insert(child.arguments.begin(), {"/bin/sh", "-c", script, "sh"});
     child.passed = setup_.passed_socket;
   }
+  child.arguments.insert(child.arguments.begin(), setup_.wrapper.begin(), setup_.wrapper.end());
   for (const std::string &argument : setup_.arguments) child.arguments.push_back(expand(argument));
   child.environment = environment_with(more);
   child.errors = open((folder_ + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
@@ -230,22 +231,41 @@ void ServiceProcess::wait_for_notification(const char *state) {
   }
 }
 
-ServiceRun run_ksd(const std::vector<std::string> &arguments) {
-  char output[] = "/tmp/ksXXXXXX";
+ProgramRun run_program(const std::vector<std::string> &arguments,
+                       const std::function<void(pid_t, const std::string &)> &after_first_line) {
   char errors[] = "/tmp/ksXXXXXX";
+  std::array<int, 2> output{};
+  if (pipe2(output.data(), O_CLOEXEC) < 0) fail("pipe2");
   Child child;
-  child.output = mkstemp(output);
-  child.errors = mkstemp(errors);
-  child.arguments = {kProgram};
-  child.arguments.insert(child.arguments.end(), arguments.begin(), arguments.end());
+  child.output = output[1];
+  child.errors = mkostemp(errors, O_CLOEXEC);
+  child.arguments = arguments;
   child.environment = environment_with({});
-  ServiceRun run;
-  run.status = wait_for(child.start());
-  run.output = read_all(output);
+  const pid_t pid = child.start();
+  close(output[1]);
+
+  ProgramRun run;
+  bool called = after_first_line == nullptr;
+  std::array<char, 4096> part;
+  for (ssize_t size = 0; (size = read(output[0], part.data(), part.size())) > 0;) {
+    run.output.append(part.data(), static_cast<size_t>(size));
+    const size_t end = run.output.find('\n');
+    if (called || end == std::string::npos) continue;
+    called = true;
+    after_first_line(pid, run.output.substr(0, end));
+  }
+  run.status = wait_for(pid);
   run.errors = read_all(errors);
-  for (const int file : {child.output, child.errors}) close(file);
-  for (const char *path : {output, errors}) unlink(path);
+  close(output[0]);
+  close(child.errors);
+  unlink(errors);
   return run;
+}
+
+ProgramRun run_ksd(const std::vector<std::string> &arguments) {
+  std::vector<std::string> all{kProgram};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  return run_program(all);
 }
 
 int run_as(uid_t uid, gid_t gid, const std::function<int()> &body) {

@@ -26,6 +26,7 @@ struct ServiceSetup {
   std::string config = config_of_own_user(7);
   std::vector<std::string> arguments;    // further ones, behind --config, --socket, --vault, --master-key-file
   std::vector<std::string> environment;  // "NAME=value", beside that of the test
+  std::vector<std::string> wrapper;      // a command that ends by running what stands behind it, as {"nice", "-5"}
   int passed_socket = -1;                // passed as systemd does, if not -1; without --socket then
 };
 
@@ -84,14 +85,20 @@ class ServiceProcess {
   pid_t pid_ = -1;
 };
 
-// ServiceRun is what became of a ksd that was run to its end, as for --check or a start that fails.
-struct ServiceRun {
+// ProgramRun is what became of a program that was run to its end.
+struct ProgramRun {
   int status = 0;  // as of ServiceProcess::stop
   std::string output;
   std::string errors;
 };
 
-ServiceRun run_ksd(const std::vector<std::string> &arguments);
+// run_program runs a program until it and whoever inherited its standard output have ended. Once it has written a
+// first line, `after_first_line` is called with its process id and that line.
+ProgramRun run_program(const std::vector<std::string> &arguments,
+                       const std::function<void(pid_t, const std::string &)> &after_first_line = nullptr);
+
+// run_ksd runs the service to its end, as for --check or a start that fails.
+ProgramRun run_ksd(const std::vector<std::string> &arguments);
 
 // run_as runs `body` in a child of that user and group with no further groups, and returns its exit status. For tests
 // of several users, which need root.

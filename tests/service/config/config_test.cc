@@ -1,0 +1,248 @@
+// The configuration file: what it means, and what is said about one that is wrong.
+#include "config.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "service/service_process.h"
+
+namespace {
+
+using ks_test::run_ksd;
+using ksd::Caller;
+using ksd::Config;
+using ksd::parse_config;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+std::vector<std::string> problems_of(const std::string &text) {
+  std::vector<std::string> texts;
+  for (const ksd::ConfigProblem &problem : parse_config(text).problems) texts.push_back(describe("f", problem));
+  return texts;
+}
+
+Config good(const std::string &text) {
+  const ksd::ParsedConfig parsed = parse_config(text);
+  EXPECT_THAT(problems_of(text), IsEmpty());
+  return parsed.config;
+}
+
+// A configuration file of its own, gone with the object.
+struct ConfigFile {
+  explicit ConfigFile(const std::string &text) {
+    char name[] = "/tmp/ksXXXXXX";
+    close(mkstemp(name));
+    path = name;
+    std::ofstream(path) << text;
+  }
+  ~ConfigFile() { std::filesystem::remove(path); }
+  std::string path;
+};
+
+TEST(Config, HasDefaultsForEverything) {
+  const Config config = good("");
+  EXPECT_EQ(config.socket, "/run/ks/ksd.sock");
+  EXPECT_EQ(config.socket_mode, 0666u);
+  EXPECT_EQ(config.vault, "/var/lib/ks/vault.db");
+  EXPECT_EQ(config.cache_uri, "lmdb:///run/user/{uid}/ks");
+  EXPECT_EQ(config.receive_limit_ms, 30000u);
+  EXPECT_EQ(config.supstate, 0u);
+  EXPECT_EQ(config.limits.entries, 65535u);
+  EXPECT_TRUE(config.gates.record[100]);
+  EXPECT_EQ(config.gates.record.count(), 1u);
+  EXPECT_TRUE(config.gates.debug.none());
+  EXPECT_FALSE(config.identify(0, 0, 1, {}).vdc_id);
+}
+
+TEST(Config, ReadsEveryKey) {
+  const Config config = good(R"(
+[service]
+socket = "/run/other/sock"
+socket_mode = 0o660
+socket_group = 50
+vault = "/var/v"
+master_key_file = "/etc/key"
+cache_uri = ""
+log_level = "debug"
+receive_limit_ms = 100
+send_limit_ms = 200
+silence_limit_ms = 300
+supstate = 2
+[limits]
+connections = 1
+connections_per_user = 2
+entries = 3
+entries_per_user = 4
+bytes = 5
+bytes_per_user = 6
+[trace]
+record = [103, 0]
+debug = [255]
+)");
+  EXPECT_EQ(config.socket, "/run/other/sock");
+  EXPECT_EQ(config.socket_mode, 0660u);
+  EXPECT_EQ(config.socket_group, 50u);
+  EXPECT_EQ(config.vault, "/var/v");
+  EXPECT_EQ(config.master_key_file, "/etc/key");
+  EXPECT_EQ(config.cache_uri, "");
+  EXPECT_EQ(config.log_level, "debug");
+  EXPECT_EQ(config.receive_limit_ms, 100u);
+  EXPECT_EQ(config.send_limit_ms, 200u);
+  EXPECT_EQ(config.silence_limit_ms, 300u);
+  EXPECT_EQ(config.supstate, 2u);
+  EXPECT_EQ(config.limits, (ksd::Limits{1, 2, 3, 4, 5, 6}));
+  EXPECT_TRUE(config.gates.record[103] && config.gates.record[0] && !config.gates.record[100]);
+  EXPECT_TRUE(config.gates.debug[255]);
+}
+
+TEST(Config, GivesUsersTheirOwnVdcBeforeThatOfTheirGroups) {
+  const Config config = good("[[vdc]]\nid = 5\ngroups = [500]\n[[vdc]]\nid = 6\nusers = [1006]\ngroups = [600]\n");
+  const std::vector<gid_t> both{600, 500};
+  EXPECT_EQ(config.identify(1006, 500, 1, {}).vdc_id, 6);
+  EXPECT_EQ(config.identify(1007, 500, 1, {}).vdc_id, 5);
+  EXPECT_EQ(config.identify(1007, 1, 1, both).vdc_id, 5);  // the first in the file, not in the list
+  EXPECT_FALSE(config.identify(1007, 1, 1, {}).vdc_id);
+}
+
+TEST(Config, NamesAdministratorsByUserAndByGroup) {
+  const Config config = good("[administrators]\nusers = [\"root\"]\ngroups = [77]\n");
+  const std::vector<gid_t> group{77};
+  EXPECT_TRUE(config.identify(0, 0, 1, {}).administrator);
+  EXPECT_TRUE(config.identify(1000, 77, 1, {}).administrator);
+  EXPECT_TRUE(config.identify(1000, 1, 1, group).administrator);
+  EXPECT_FALSE(config.identify(1000, 1, 1, {}).administrator);
+  EXPECT_TRUE(config.identify(0, 0, 1, {}).may_use(9));
+  EXPECT_FALSE(config.identify(1000, 1, 1, {}).may_use(0));
+}
+
+TEST(Config, FillsUserAndVdcIntoTheCacheUri) {
+  const Config config = good("[service]\ncache_uri = \"lmdb:///c/{vdc}/{uid}/{uid}\"\n[[vdc]]\nid = 5\nusers = [12]\n");
+  EXPECT_EQ(config.cache_uri_of(config.identify(12, 1, 1, {})), "lmdb:///c/5/12/12");
+  EXPECT_EQ(config.cache_uri_of(config.identify(13, 1, 1, {})), "");  // in no VDC
+}
+
+TEST(Config, RefusesUnknownKeysEverywhere) {
+  EXPECT_THAT(
+      problems_of("[service]\n  sokcet = \"/x\"\n[services]\n[limits]\nusers = 1\n[[vdc]]\nid = 1\nuser = []\n"),
+      ElementsAre(HasSubstr("f:2:3: unknown key service.sokcet; known here: socket, "),
+                  "f:3:2: unknown key services; known here: service, limits, trace, administrators, vdc",
+                  HasSubstr("f:5:1: unknown key limits.users"), HasSubstr("f:8:1: unknown key vdc.user")));
+}
+
+TEST(Config, SaysWhereTheFileIsNoToml) {
+  EXPECT_THAT(problems_of("[service]\nsocket = /run\n"), ElementsAre(HasSubstr("f:2:10: ")));
+}
+
+TEST(Config, RefusesValuesOfAnotherKind) {
+  EXPECT_THAT(problems_of("[service]\nsocket = 1\nreceive_limit_ms = \"1\"\n[limits]\nentries = true\n"),
+              ElementsAre("f:2:10: service.socket takes a text in quotes",
+                          "f:3:20: service.receive_limit_ms takes a whole number from 10 to 3600000",
+                          "f:5:11: limits.entries takes a whole number from 0 to 65535"));
+  EXPECT_THAT(problems_of("service = 1\nvdc = 2\n"), ElementsAre("f:1:11: service is a section: write [service]",
+                                                                 HasSubstr("f:2:7: vdc takes an array of tables")));
+}
+
+TEST(Config, RefusesNumbersOutOfRange) {
+  EXPECT_THAT(problems_of("[limits]\nentries = 65536\nconnections = 0\nbytes = -1\n[[vdc]]\nid = 65535\n"),
+              ElementsAre(HasSubstr("f:2:11: "), HasSubstr("f:3:15: "), HasSubstr("f:4:9: "),
+                          "f:6:6: vdc.id takes a whole number from 0 to 65534"));
+  EXPECT_THAT(problems_of("[trace]\nrecord = [255, 256]\n"), ElementsAre("f:2:16: a gate is a number from 0 to 255"));
+}
+
+TEST(Config, RefusesAModeThatWasMeantToBeOctal) {
+  EXPECT_THAT(problems_of("[service]\nsocket_mode = 660\n"),
+              ElementsAre("f:2:15: socket_mode takes permission bits in octal, as 0o660"));
+}
+
+TEST(Config, RefusesRelativeAndTooLongPaths) {
+  EXPECT_THAT(problems_of("[service]\nsocket = \"ksd.sock\"\nvault = \"\"\n"),
+              ElementsAre("f:2:10: socket takes an absolute path", "f:3:9: vault takes an absolute path"));
+  EXPECT_THAT(problems_of("[service]\nsocket = \"/" + std::string(107, 'x') + "\"\n"),
+              ElementsAre("f:2:10: socket is 108 bytes long; at most 107 are possible"));
+  EXPECT_THAT(problems_of("[service]\nsocket = \"/" + std::string(106, 'x') + "\"\n"), IsEmpty());
+}
+
+TEST(Config, RefusesACacheUriThatClientsCantUse) {
+  EXPECT_THAT(problems_of("[service]\ncache_uri = \"sqlite:///x\"\n"), ElementsAre(HasSubstr("f:2:13: ")));
+  EXPECT_THAT(problems_of("[service]\ncache_uri = \"lmdb:///{user}\"\n"),
+              ElementsAre("f:2:13: cache_uri knows the placeholders {uid} and {vdc} only"));
+  EXPECT_THAT(problems_of("[service]\ncache_uri = \"lmdb:///" + std::string(216, 'x') + "\"\n"),
+              ElementsAre("f:2:13: cache_uri is too long: 223 bytes are possible"));
+  EXPECT_THAT(problems_of("[service]\ncache_uri = \"lmdb:///" + std::string(215, 'x') + "\"\n"), IsEmpty());
+}
+
+TEST(Config, RefusesUsersThatDontExistAndUsersOfTwoVdcs) {
+  EXPECT_THAT(problems_of("[[vdc]]\nid = 1\nusers = [\"no-such-user\", 4, -1, 1.5]\n[[vdc]]\nid = 2\nusers = [4]\n"),
+              ElementsAre("f:3:10: there is no user \"no-such-user\" on this machine; create it or give a number",
+                          "f:3:29: a user is a name in quotes or a number",
+                          "f:3:33: a user is a name in quotes or a number", "f:6:10: user 4 belongs to VDC 1 already"));
+}
+
+TEST(Config, RefusesAVdcWithoutIdOrTwice) {
+  EXPECT_THAT(
+      problems_of("[[vdc]]\nusers = [1]\n[[vdc]]\nid = 3\n[[vdc]]\nid = 3\n"),
+      ElementsAre("f:1:1: this [[vdc]] has no id", "f:6:6: VDC 3 has a [[vdc]] already; put all its users there"));
+}
+
+TEST(Config, IsNotReadFromAFileThatEverybodyMayWrite) {
+  const ConfigFile file("");
+  chmod(file.path.c_str(), 0646);
+  const auto problems = ksd::load_config(file.path).problems;
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_EQ(describe("f", problems[0]), "f: everybody may write this file; run chmod o-w on it");
+}
+
+TEST(SampleConfig, IsValidAndShowsTheDefaults) {
+  const ksd::ParsedConfig sample = ksd::load_config(KS_SOURCE_DIR "/service/ksd.toml");
+  EXPECT_THAT(sample.problems, IsEmpty());
+  const Config defaults;
+  EXPECT_EQ(sample.config.socket, defaults.socket);
+  EXPECT_EQ(sample.config.socket_mode, defaults.socket_mode);
+  EXPECT_EQ(sample.config.vault, defaults.vault);
+  EXPECT_EQ(sample.config.cache_uri, defaults.cache_uri);
+  EXPECT_EQ(sample.config.log_level, defaults.log_level);
+  EXPECT_EQ(sample.config.receive_limit_ms, defaults.receive_limit_ms);
+  EXPECT_EQ(sample.config.send_limit_ms, defaults.send_limit_ms);
+  EXPECT_EQ(sample.config.silence_limit_ms, defaults.silence_limit_ms);
+  EXPECT_EQ(sample.config.supstate, defaults.supstate);
+  EXPECT_EQ(sample.config.limits, defaults.limits);
+  EXPECT_EQ(sample.config.gates.record, defaults.gates.record);
+  EXPECT_EQ(sample.config.gates.debug, defaults.gates.debug);
+}
+
+TEST(KsdCheck, AcceptsTheSample) {
+  const auto run = run_ksd({"--check", "--config", KS_SOURCE_DIR "/service/ksd.toml"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.output, KS_SOURCE_DIR "/service/ksd.toml: valid\n");
+}
+
+TEST(KsdCheck, NamesFileLineAndColumn) {
+  const ConfigFile file("[service]\nport = 1\n");
+  const auto run = run_ksd({"--check", "--config", file.path});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.errors, testing::StartsWith(file.path + ":2:1: unknown key service.port"));
+}
+
+TEST(KsdCheck, SaysThatThereIsNoFile) {
+  const auto run = run_ksd({"--check", "--config", "/nonexistent/ksd.toml"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.errors, "/nonexistent/ksd.toml: No such file or directory\n");
+}
+
+TEST(KsdCommandLine, TellsItsVersionAndItsUse) {
+  EXPECT_EQ(run_ksd({"--version"}).output, "ksd 1.0.0\n");
+  EXPECT_THAT(run_ksd({"--help"}).output, HasSubstr("--master-key-file"));
+  EXPECT_EQ(run_ksd({"--help"}).status, 0);
+}
+
+TEST(KsdCommandLine, RefusesWrongUseWithStatus2) {
+  EXPECT_EQ(run_ksd({"--chek"}).status, 2);
+  EXPECT_EQ(run_ksd({"--log-level", "loud"}).status, 2);
+}
+
+}  // namespace
