@@ -17,9 +17,9 @@ namespace sdb {
 // holes where nothing has been written. So the file grows by itself, no map ever has to move under a reader, no access
 // through the map meets the end of the file, and a file that is shorter has been damaged. Writes are refused when the
 // entries fill the limit. What lies above it serves deletes, which LMDB does by copying pages, and the pages that
-// readers hold up.
-constexpr size_t kMapSize = size_t{128} << 20;
-constexpr size_t kFullSize = size_t{32} << 20;
+// readers hold up. A process of 32 bits has less room to reserve, and a child of fork keeps its parent's map besides.
+constexpr size_t kMapSize = size_t{sizeof(void *) == 8 ? 128 : 48} << 20;
+constexpr size_t kFullSize = kMapSize / 4;
 constexpr unsigned kReaderSlots = 1022;
 
 // An opening is repeated by callers, so each attempt is short. A first read of a thread waits as long at most.
