@@ -8,6 +8,7 @@
 
 #include "config.h"
 #include "counters.h"
+#include "crypto/crypto.h"
 #include "handler.h"
 #include "log.h"
 #include "store.h"
@@ -16,7 +17,9 @@ namespace ksd {
 
 class Service {
  public:
-  explicit Service(std::shared_ptr<const Config> config) : config_(std::move(config)) {}
+  // `tamper` is for tests: it spoils what algorithms compute in their self-test.
+  explicit Service(std::shared_ptr<const Config> config, Tamper tamper = nullptr)
+      : crypto(tamper), config_(std::move(config)) {}
 
   // config is the configuration in force: a snapshot, to be asked for anew when config_generation has moved on.
   std::shared_ptr<const Config> config() const {
@@ -32,12 +35,16 @@ class Service {
 
   // store is null in a service without a vault.
   Store *store() const { return store_.get(); }
-  void use_store(std::unique_ptr<Store> store) { store_ = std::move(store); }
+  void use_store(std::unique_ptr<Store> store) {
+    store_ = std::move(store);
+    if (store_) store_->on_retired([this](uint64_t generation) { crypto.keys.forget(generation); });
+  }
 
   // refused_name counts and logs, without the name, that `caller` named an entry of a VDC that isn't his.
   void refused_name(const Caller &caller);
 
   Counters counters;
+  Crypto crypto;  // outlives the store, which tells it what is gone
   LogLimiter log_limiter;
 
  private:
