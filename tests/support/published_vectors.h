@@ -29,7 +29,9 @@ inline ByteString unhex(std::string_view digits) {
   return bytes;
 }
 
-inline ByteString text(std::string_view characters) { return {characters.begin(), characters.end()}; }
+inline ByteString text(std::string_view characters) {
+  return {characters.begin(), characters.end()};
+}
 
 struct CipherVector {
   const char *key;
@@ -236,8 +238,8 @@ inline constexpr TPrfVector kTPrf[] = {
      "000000026a66432a8d14432cec582d2fc79c3364ba04ad3a5254d6a579ad1e00",
      "4a1a512c0160bc023ccfbc833f03bc6488c1312f0ba9a27716a8d8e8bdc9d229"
      "384b7a85be164d2733d5247987b1c5a2"},
-    {"d64b7d7217592805aff9b7ff666da1968f0b5e06467a448464c1c80c96440998ff92a8b4c6422871",
-     "Inner Methods Compound Keys", "0000000000000000000000000000000000000000000000000000000000000000",
+    {"d64b7d7217592805aff9b7ff666da1968f0b5e06467a448464c1c80c96440998ff92a8b4c6422871", "Inner Methods Compound Keys",
+     "0000000000000000000000000000000000000000000000000000000000000000",
      "16153c3f2155efd97f34aec81a4e66804cc376f28aa96f96c2545f8cab6502e1"
      "18407b56beeaa7c5765d8f0bc507c6b904d06956728b6bb815ec577b"},
     {"16153c3f2155efd97f34aec81a4e66804cc376f28aa96f96c2545f8cab6502e118407b56beeaa7c5",
