@@ -568,8 +568,8 @@ static uint32_t hand_out(std::map<Bytes, Bytes>::const_iterator entry, const KsS
   Sdb &sdb = platform().sdb;
   if (entry == sdb.entries.end()) return KS_SDB_ERR_NO_KEY;
   sdb.position = entry->first;
-  sdb.key_copy = entry->first;
-  sdb.key_datum = {sdb.key_copy.data(), static_cast<uint32_t>(sdb.key_copy.size())};
+  sdb.key = std::make_unique<Guarded>(entry->first);
+  sdb.key_datum = {sdb.key->data(), static_cast<uint32_t>(sdb.key->size())};
   *key = &sdb.key_datum;
   *value = nullptr;
   return 0;

@@ -150,9 +150,8 @@ class Sdb {
   std::deque<std::string> texts;     // keeps what syserr2str handed out
 
   std::function<void()> staged;
-  std::unique_ptr<Guarded> value;  // the last value handed out
+  std::unique_ptr<Guarded> value, key;  // the last ones handed out
   KsSdbDatum value_datum = {}, key_datum = {};
-  Bytes key_copy;
   std::optional<Bytes> position;
 };
 
