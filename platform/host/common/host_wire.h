@@ -73,8 +73,8 @@ KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
  * process's start time in clock ticks since boot (field 22 of /proc/PID/stat). The service makes the folder, mode 1777.
  *
  * A record takes one or more slots. A writer reserves slots by adding to `next`, marks each as being written, fills
- * them and publishes the sequence numbers, that of the first slot last: a reader takes only slots whose sequence is the one it expects, before and
- * after its copy. */
+ * them and publishes the sequence numbers, that of the first slot last. A reader takes only slots whose sequence is the
+ * one it expects, before and after its copy. A writer that finds a slot in use by another leaves its record out. */
 #define HOST_RING_MAGIC UINT32_C(0x3172736b) /* "ksr1" */
 #define HOST_RING_SLOTS 1024
 #define HOST_RING_SLOT_DATA 104

@@ -251,7 +251,7 @@ void record(uint16_t kind, const void *data, size_t length, uint64_t now_ns) {
 void keep_ring_visible() {
   const Mapped *mapped = current.load(std::memory_order_acquire);
   struct stat status;
-  if (mapped == nullptr || mapped->generation != host::fork_generation() || stat(mapped->path, &status) == 0) return;
+  if (mapped == nullptr || mapped->generation != host::fork_generation() || lstat(mapped->path, &status) == 0) return;
   const int file = open_ring(mapped->path);
   if (file < 0) return;
   // In one step, at the same address: writers never find the ring away.
