@@ -40,6 +40,13 @@ void harden_process() {
 #endif
 }
 
+// Without these, a file or socket would get the number of standard error, and the log would go there.
+void open_missing_standard_files() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);  // takes the lowest free number, which is this one
+  }
+}
+
 void raise_descriptor_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) < 0) return;
@@ -86,8 +93,8 @@ class Daemon {
 
   void run() {
     Server server(service_);
-    notifier_.ready();
     spdlog::info("ksd {} serves {}", KSD_VERSION, socket_path_);
+    notifier_.ready();
     while (!asked_to_end()) {
       if (wait()) accept_one(server);
     }
@@ -201,6 +208,7 @@ ParsedConfig load(const Options &options) {
 }
 
 int run_daemon(const Options &options) {
+  open_missing_standard_files();
   start_logging(options.log_format, options.log_level.empty() ? "info" : options.log_level);
   const ParsedConfig parsed = load(options);
   if (!parsed.problems.empty()) {

@@ -1,6 +1,8 @@
 // ks-session: runs a command against a private keystore service that comes and goes with it.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -33,6 +35,13 @@ int run_session(const Arguments &arguments, int *wait_status) {
   } catch (const std::exception &error) {
     std::fprintf(stderr, "ks-session: %s\n", error.what());
     return ks_session::kNoSession;
+  }
+}
+
+// The session's own files must not get the numbers of the command's input and output.
+void open_missing_standard_files() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);  // takes the lowest free number, which is this one
   }
 }
 
@@ -69,6 +78,7 @@ int main(int argc, char **argv) {
     return app.exit(error) == 0 ? 0 : ks_session::kNoSession;
   }
 
+  open_missing_standard_files();
   int wait_status = 0;
   if (const int failed = run_session(arguments, &wait_status); failed != 0) return failed;
   if (WIFSIGNALED(wait_status)) die_of(WTERMSIG(wait_status));

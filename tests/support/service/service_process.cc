@@ -83,6 +83,7 @@ struct Child {
     if (getppid() != parent) _exit(127);
     if (output >= 0) dup2(output, STDOUT_FILENO);
     if (errors >= 0) dup2(errors, STDERR_FILENO);
+    if (passed == 3) fcntl(passed, F_SETFD, 0);
     if (passed >= 0) dup2(passed, 3);
     execvpe(argv[0], argv.data(), envp.data());
     _exit(127);
@@ -173,11 +174,7 @@ void ServiceProcess::pause() {
   if (waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED) < 0) fail("waitid");
 }
 
-void ServiceProcess::resume() {
-  signal(SIGCONT);
-  siginfo_t info{};
-  if (waitid(P_PID, static_cast<id_t>(pid_), &info, WCONTINUED) < 0) fail("waitid");
-}
+void ServiceProcess::resume() { signal(SIGCONT); }
 
 void ServiceProcess::reload(const std::string &config) {
   write_config(config);

@@ -62,7 +62,7 @@ class ServiceProcess {
     start();
   }
 
-  // pause stops all its threads until resume; both return when it has happened.
+  // pause stops all its threads, and returns when they have stopped, until resume.
   void pause();
   void resume();
 
