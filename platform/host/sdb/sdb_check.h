@@ -12,55 +12,50 @@ namespace sdb {
 // little more than its copy.
 using Check = uintptr_t;
 
-class Checker {
- public:
-  // Every step is a bijection of the lane for a given word and of the word for a given lane, and so is the way from
-  // the lanes to the result: damage that is confined to one word is always noticed.
-  void add(const void *data, size_t size) {
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    size_t left = size;
-    for (; left >= sizeof lanes_; left -= sizeof lanes_, bytes += sizeof lanes_) {
-      for (size_t i = 0; i < kLanes; ++i) mix(lanes_[i], word_at(bytes + i * sizeof(Check)));
-    }
-    size_t lane = 0;
-    for (; left >= sizeof(Check); left -= sizeof(Check), bytes += sizeof(Check)) mix(lanes_[lane++], word_at(bytes));
-    Check last = 0;
-    for (size_t i = 0; i < left; ++i) last |= Check{bytes[i]} << (8 * i);
-    mix(lanes_[lane], last);
-    mix(lanes_[0], size);
+// Every step is a bijection of the lane for a given word and of the word for a given lane, and so is the way from a
+// lane to the result: damage that reaches one lane only is always noticed.
+inline Check mixed(Check lane, Check word) {
+  constexpr unsigned kBits = sizeof(Check) * 8;
+  constexpr unsigned kTurn = kBits / 2 - 3;
+  const Check product = (lane + word) * static_cast<Check>(0x9e3779b97f4a7c15u);
+  return product << kTurn | product >> (kBits - kTurn);
+}
+
+inline Check word_at(const uint8_t *bytes) {
+  Check word;
+  memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
+inline Check short_word_at(const uint8_t *bytes, size_t size) {
+  Check word = 0;
+  for (size_t i = 0; i < size; ++i) word = word << 8 | bytes[i];
+  return word;
+}
+
+// check_piece continues a check, 0 at the start, with another piece. Four lanes, because each has to wait for its last
+// multiplication. The last bytes are taken with those before them as one full word.
+inline Check check_piece(Check before, const void *data, size_t size) {
+  const auto *bytes = static_cast<const uint8_t *>(data);
+  Check a = before;
+  Check b = 1;
+  Check c = 2;
+  Check d = size;
+  size_t left = size;
+  for (; left >= 4 * sizeof(Check); left -= 4 * sizeof(Check), bytes += 4 * sizeof(Check)) {
+    a = mixed(a, word_at(bytes));
+    b = mixed(b, word_at(bytes + sizeof(Check)));
+    c = mixed(c, word_at(bytes + 2 * sizeof(Check)));
+    d = mixed(d, word_at(bytes + 3 * sizeof(Check)));
   }
-
-  Check result() const {
-    Check all = 0;
-    for (const Check lane : lanes_) mix(all, lane);
-    return all ^ (all >> (kBits / 2));
-  }
-
- private:
-  static constexpr size_t kLanes = 4;
-  static constexpr unsigned kBits = sizeof(Check) * 8;
-  static constexpr Check kOddFactor = static_cast<Check>(0x9e3779b97f4a7c15u);
-
-  static Check word_at(const uint8_t *bytes) {
-    Check word;
-    memcpy(&word, bytes, sizeof word);
-    return word;
-  }
-
-  static void mix(Check &lane, Check word) {
-    const Check product = (lane + word) * kOddFactor;
-    lane = product << (kBits / 2 - 3) | product >> (kBits / 2 + 3);
-  }
-
-  Check lanes_[kLanes] = {1, 2, 3, 4};
-};
+  for (; left >= sizeof(Check); left -= sizeof(Check), bytes += sizeof(Check)) a = mixed(a, word_at(bytes));
+  b = mixed(b, size < sizeof(Check) ? short_word_at(bytes, left) : word_at(bytes + left - sizeof(Check)));
+  return mixed(mixed(a, b), mixed(c, d));
+}
 
 // check_of covers the key too, so that a value cannot turn up under another key.
 inline Check check_of(const void *key, size_t key_len, const void *value, size_t value_len) {
-  Checker checker;
-  checker.add(key, key_len);
-  checker.add(value, value_len);
-  return checker.result();
+  return check_piece(check_piece(0, key, key_len), value, value_len);
 }
 
 }  // namespace sdb

@@ -23,6 +23,9 @@ constexpr const char *kEnding = sizeof(void *) == 8 ? "-64.mdb" : "-32.mdb";
 constexpr char kLockEnding[] = "-lock";  // LMDB's choice
 constexpr char kGateEnding[] = "-gate";
 
+// A crash of the machine may undo the newest commit, which a cache can bear, but harms no other: half the waiting.
+constexpr unsigned kEnvironmentFlags = MDB_NOSUBDIR | MDB_NOTLS | MDB_NOMETASYNC;
+
 // Writers replace a transaction's head with the second commit after it.
 constexpr int kSnapshotAttempts = 100;
 
@@ -70,7 +73,7 @@ bool was_open_before_fork(const Process *process, const char *uri) {
 
 void on_broken_assumption(MDB_env *, const char *) {
   Thread *thread = this_thread();
-  if (thread != nullptr && thread->escape_set) longjmp(thread->escape, 1);
+  if (thread != nullptr && thread->escape_set) __builtin_longjmp(thread->escape, 1);
 }
 
 bool is_alias(const Database &database, const Folder &folder, const char *name) {
@@ -171,7 +174,7 @@ class Opening {
     if (result == 0) result = mdb_env_set_mapsize(environment_, kMapSize);
     if (result == 0) result = mdb_env_set_maxreaders(environment_, kReaderSlots);
     if (result == 0) result = mdb_env_set_assert(environment_, on_broken_assumption);
-    if (result == 0) result = mdb_env_open(environment_, path, MDB_NOSUBDIR | MDB_NOTLS, folder_.file_mode());
+    if (result == 0) result = mdb_env_open(environment_, path, kEnvironmentFlags, folder_.file_mode());
     if (result != 0) return fail_with_lmdb(thread_, path, result);
     return check_same_file(path);
   }
@@ -328,8 +331,9 @@ uint32_t check_file(Thread *thread, const Database &database) {
   int fd = -1;
   struct stat status;
   if (mdb_env_get_fd(database.environment, &fd) != 0 || fstat(fd, &status) != 0 ||
-      status.st_dev != database.file_device || status.st_ino != database.file_inode) {
-    return fail_with(thread, kUnsafe, "%s: its file was exchanged or closed under the process", database.uri);
+      status.st_dev != database.file_device || status.st_ino != database.file_inode || status.st_nlink == 0) {
+    return fail_with(thread, kUnsafe, "%s: its file was deleted or closed under the process; start it anew",
+                     database.uri);
   }
   if (status.st_size >= static_cast<off_t>(kMapSize)) return kOk;
   return fail_with(thread, kDamaged, "%s: its file was truncated; delete it and start its users anew", database.uri);

@@ -34,9 +34,17 @@ int find_next(Thread *thread, Seat *seat, MDB_val *out_key, MDB_val *out_value) 
   return result;
 }
 
-// A damaged value is handed out as none, so that its key can still be deleted.
+// The order of keys: byte by byte, and a longer one after its beginning.
+bool is_behind(const MDB_val &key, const KsSdbDatum &last) {
+  const int order = memcmp(key.mv_data, last.data, key.mv_size < last.size ? key.mv_size : last.size);
+  return order > 0 || (order == 0 && key.mv_size > last.size);
+}
+
+// A damaged value is handed out as none, so that its key can still be deleted. Damaged keys may have lost their order:
+// to follow them might never end.
 uint32_t take(Thread *thread, Iteration *iteration, const MDB_val &key, const MDB_val &value, bool *out_has_value) {
   if (key.mv_size == 0 || key.mv_size > kMaxKeySize) return kDamaged;
+  if (iteration->at_key && !is_behind(key, iteration->key)) return kDamaged;
   memcpy(iteration->key_bytes, key.mv_data, key.mv_size);
   iteration->key = {iteration->key_bytes, static_cast<uint32_t>(key.mv_size)};
   iteration->at_key = true;

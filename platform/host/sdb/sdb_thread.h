@@ -6,8 +6,6 @@
 #ifndef SDB_THREAD_H
 #define SDB_THREAD_H
 
-#include <setjmp.h>
-
 #include <cstddef>
 #include <cstdint>
 
@@ -74,7 +72,7 @@ struct Thread {
   KsSdbDatum value;
 
   // Where to go on when LMDB finds an assumption about its pages broken, instead of ending the process.
-  jmp_buf escape;
+  void *escape[5];
   bool escape_set;
 
   uint32_t failure_code;  // of the latest call, when `failure` tells more about it

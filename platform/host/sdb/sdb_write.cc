@@ -42,14 +42,15 @@ uint32_t stage(const char *uri, const KsSdbDatum *key, const KsSdbDatum *value) 
   return kOk;
 }
 
-int apply(const Database &database, MDB_txn *txn, Change *change) {
+// A cursor on the heap, which LMDB closes with its transaction: its simple calls put theirs on the stack, where ending
+// a transaction that was left in the middle would take it for one on the heap.
+int apply(MDB_cursor *cursor, Change *change) {
   MDB_val key{change->key_size, change->key()};
-  if (change->removes) {
-    const int result = mdb_del(txn, database.entries, &key, nullptr);
-    return result == MDB_NOTFOUND ? 0 : result;  // what is not there need not be removed
-  }
   MDB_val value{change->value_size, change->value()};
-  return mdb_put(txn, database.entries, &key, &value, 0);
+  if (!change->removes) return mdb_cursor_put(cursor, &key, &value, 0);
+  const int found = mdb_cursor_get(cursor, &key, &value, MDB_SET);
+  if (found == MDB_NOTFOUND) return 0;  // what is not there need not be removed
+  return found == 0 ? mdb_cursor_del(cursor, 0) : found;
 }
 
 int check_limit(const Database &database, MDB_txn *txn) {
@@ -61,9 +62,11 @@ int check_limit(const Database &database, MDB_txn *txn) {
 }
 
 int apply_all(const Database &database, MDB_txn *txn, const Changes &changes) {
+  MDB_cursor *cursor = nullptr;
+  if (const int result = mdb_cursor_open(txn, database.entries, &cursor); result != 0) return result;
   bool adds = false;
   for (Change *change = changes.first; change != nullptr; change = change->next) {
-    if (const int result = apply(database, txn, change); result != 0) return result;
+    if (const int result = apply(cursor, change); result != 0) return result;
     adds = adds || !change->removes;
   }
   return adds ? check_limit(database, txn) : 0;
