@@ -1,16 +1,16 @@
 // Stands before two functions, so that a test can stop or kill a process inside them.
 #include <dlfcn.h>
 #include <lmdb.h>
-#include <sys/syscall.h>
 
 #include "sdb_fixture.h"
 
 void (*at_txn_begin)() = nullptr;
 void (*at_sync)() = nullptr;
 
-extern "C" int fdatasync(int fd) {
+// No machine crashes here: what the kernel has is enough, and the tests don't wait for a disk.
+extern "C" int fdatasync(int) {
   if (at_sync != nullptr) at_sync();
-  return static_cast<int>(syscall(SYS_fdatasync, fd));
+  return 0;
 }
 
 extern "C" int mdb_txn_begin(MDB_env *env, MDB_txn *parent, unsigned int flags, MDB_txn **txn) {

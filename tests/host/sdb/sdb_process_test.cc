@@ -69,7 +69,7 @@ class SdbProcesses : public Sdb {
       MDB_env *env = nullptr;
       MDB_envinfo info;
       mdb_env_create(&env);
-            if (mdb_env_open(env, data_file.c_str(), MDB_NOSUBDIR | MDB_RDONLY, 0600) != 0) return 255;
+      if (mdb_env_open(env, data_file.c_str(), MDB_NOSUBDIR | MDB_RDONLY, 0600) != 0) return 255;
       mdb_env_info(env, &info);
       return static_cast<int>(info.me_numreaders);
     }));
