@@ -18,6 +18,7 @@
 #include "server.h"
 #include "service.h"
 #include "state_page.h"
+#include "vault/vault.h"
 
 namespace ksd {
 namespace {
@@ -120,7 +121,15 @@ class Daemon {
     state_page_.emplace(socket_path_);
     state_page_->publish(config);
     make_history_folder(socket_path_);
+    // Before anybody can connect: a service that can't open its vault is no service.
+    open_store(config);
     if (socket_is_ours_) listener_ = listen_at(socket_path_, config);
+  }
+
+  void open_store(const Config &config) {
+    std::unique_ptr<Vault> vault = open_vault({config.vault, config.master_key_file, config.limits});
+    vault_ = vault.get();
+    service_.use_store(std::move(vault));
   }
 
   void close_socket() {
@@ -180,6 +189,7 @@ class Daemon {
     if (needs_restart) spdlog::warn("a change of socket, vault or master key counts from the next start");
     set_log_level(config.log_level);
     service_.use_config(std::make_shared<const Config>(config));
+    vault_->use_limits(config.limits);
     state_page_->publish(config);
     spdlog::info("configuration reloaded");
   }
@@ -188,6 +198,7 @@ class Daemon {
   Notifier notifier_;
   const UniqueFd signals_;
   Service service_;
+  Vault *vault_ = nullptr;  // the service's store
   UniqueFd listener_;
   std::string socket_path_;
   bool socket_is_ours_ = true;

@@ -7,7 +7,7 @@
 namespace ksd {
 namespace {
 
-constexpr std::array kFamilies{device_rows, crypto_rows, pac_rows};
+constexpr std::array kFamilies{device_rows, secret_rows, crypto_rows, pac_rows};
 
 void run(const Row &row, Service &service, const Request &request, Reply &reply) {
   try {

@@ -33,7 +33,7 @@ class Service {
     config_generation_.fetch_add(1, std::memory_order_release);
   }
 
-  // store is null in a service without a vault.
+  // store is set before anything is served, and null only in tests of what needs none.
   Store *store() const { return store_.get(); }
   void use_store(std::unique_ptr<Store> store) {
     store_ = std::move(store);

@@ -1,0 +1,289 @@
+#include "vault/database.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+
+#include "vault/files.h"
+
+namespace ksd {
+namespace {
+
+constexpr int kApplicationId = 0x6b735631;  // "ksV1", for file(1) and for telling other databases
+
+// Free pages go back a few at a time (auto_vacuum), so that compaction never holds up others for long and needs neither
+// a second copy's room nor a temporary file.
+constexpr char kSchema[] =
+    "PRAGMA auto_vacuum = INCREMENTAL;"
+    "BEGIN;"
+    "CREATE TABLE vault (only_row INTEGER PRIMARY KEY CHECK (only_row = 1), key_id BLOB NOT NULL,"
+    "  vault_id BLOB NOT NULL, header BLOB NOT NULL);"
+    "CREATE TABLE entry (id INTEGER PRIMARY KEY, sealed BLOB NOT NULL);";
+
+template <typename... Args>
+[[noreturn]] void fail(fmt::format_string<Args...> format, Args &&...args) {
+  throw std::runtime_error(fmt::format(format, std::forward<Args>(args)...));
+}
+
+int bind_bytes(sqlite3_stmt *statement, int place, std::span<const uint8_t> bytes) {
+  return sqlite3_bind_blob64(statement, place, bytes.data(), bytes.size(), SQLITE_STATIC);
+}
+
+std::span<const uint8_t> column_bytes(sqlite3_stmt *statement, int column) {
+  const auto *bytes = static_cast<const uint8_t *>(sqlite3_column_blob(statement, column));
+  return {bytes, static_cast<size_t>(sqlite3_column_bytes(statement, column))};
+}
+
+// finish runs a statement that gives no rows. What it was given is unbound: it belongs to the caller.
+int finish(sqlite3_stmt *statement) {
+  while (sqlite3_step(statement) == SQLITE_ROW) {
+  }
+  const int result = sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  return result;
+}
+
+template <typename Id>
+bool copy_exactly(std::span<const uint8_t> bytes, Id &out) {
+  if (bytes.size() != out.size()) return false;
+  std::copy(bytes.begin(), bytes.end(), out.begin());
+  return true;
+}
+
+}  // namespace
+
+void refuse_damaged(const std::string &path, const std::string &what) {
+  fail("{}: the vault is damaged ({}); put a backup in its place, or move it away to start with an empty one", path,
+       what);
+}
+
+void Database::create(const std::string &path, const VaultIdentity &identity) {
+  const std::string folder = folder_of(path);
+  const UniqueFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!lock || flock(lock.get(), LOCK_EX) != 0) {
+    fail("{}: the vault can't be made: folder {}: {}; make the folder for user {}", path, folder, errno_text(errno),
+         geteuid());
+  }
+  const std::string draft = path + ".new";  // any that is there is of a start that was cut short
+  unlink(draft.c_str());
+  unlink((draft + "-journal").c_str());
+  if (!make_file(draft)) {
+    fail("{}: the vault can't be made: {}; give user {} a writable folder with room", path, errno_text(errno),
+         geteuid());
+  }
+  Database(draft, SQLITE_OPEN_READWRITE, 0).make_schema(identity);
+  const bool placed = link(draft.c_str(), path.c_str()) == 0 || errno == EEXIST;
+  const int error = errno;
+  unlink(draft.c_str());
+  if (!placed || fsync(lock.get()) != 0) {
+    fail("{}: the vault can't be made: {}; give it a folder on a local disk", path, errno_text(placed ? errno : error));
+  }
+}
+
+Database::Database(const std::string &path, int flags, int in_use_wait_ms) : path_(path) {
+  sqlite3 *db = nullptr;
+  const int error = sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+  db_.reset(db);
+  require(error);
+  sqlite3_extended_result_codes(db, 1);
+  sqlite3_busy_timeout(db, in_use_wait_ms);
+  sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  // Held by one process alone, the log needs no shared memory file beside it; that has to be said before any access.
+  require(run("PRAGMA locking_mode = EXCLUSIVE;"));
+  require(run("PRAGMA trusted_schema = OFF; PRAGMA temp_store = MEMORY; PRAGMA synchronous = FULL;"));
+}
+
+void Database::make_schema(const VaultIdentity &identity) {
+  require(run(kSchema));
+  const Statement insert = prepare("INSERT INTO vault VALUES (1, ?, ?, ?)");
+  bind_bytes(insert.get(), 1, identity.key_id);
+  bind_bytes(insert.get(), 2, identity.vault_id);
+  bind_bytes(insert.get(), 3, identity.sealed_header);
+  require(finish(insert.get()));
+  require(
+      run(fmt::format("PRAGMA application_id = {}; PRAGMA user_version = {}; COMMIT;", kApplicationId, kSchemaVersion)
+              .c_str()));
+}
+
+Database::Database(const std::string &path, int in_use_wait_ms)
+    : Database(path, SQLITE_OPEN_READWRITE, in_use_wait_ms) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && info.st_size == 0) refuse_damaged(path_, "the file is empty");
+  if (sqlite3_db_readonly(db_.get(), "main") != 0) refuse(SQLITE_READONLY);
+  check_schema();
+  require(run("PRAGMA journal_mode = WAL; PRAGMA cell_size_check = ON;"));
+
+  begin_ = prepare("BEGIN IMMEDIATE");
+  commit_ = prepare("COMMIT");
+  put_entry_ = prepare("INSERT OR REPLACE INTO entry VALUES (?, ?)");
+  remove_entry_ = prepare("DELETE FROM entry WHERE id = ?");
+  put_header_ = prepare("UPDATE vault SET header = ?");
+  page_count_ = prepare("PRAGMA page_count");
+  free_page_count_ = prepare("PRAGMA freelist_count");
+}
+
+void Database::check_schema() {
+  if (number(prepare("PRAGMA application_id").get()) != kApplicationId) {
+    refuse_damaged(path_, "it isn't a vault of ksd");
+  }
+  const int64_t version = number(prepare("PRAGMA user_version").get());
+  if (version > kSchemaVersion) {
+    fail(
+        "{}: the vault has schema version {}, but this ksd knows them up to {} only; start the newer ksd that wrote it",
+        path_, version, kSchemaVersion);
+  }
+  if (version < kSchemaVersion) refuse_damaged(path_, fmt::format("there never was a schema version {}", version));
+
+  const Statement check = prepare("PRAGMA quick_check(1)");
+  const int step = sqlite3_step(check.get());
+  if (step != SQLITE_ROW) refuse(step);
+  const std::string found = reinterpret_cast<const char *>(sqlite3_column_text(check.get(), 0));
+  if (found != "ok") refuse_damaged(path_, found);
+}
+
+VaultIdentity Database::identity() {
+  const Statement select = prepare("SELECT key_id, vault_id, header FROM vault");
+  const int step = sqlite3_step(select.get());
+  if (step == SQLITE_DONE) refuse_damaged(path_, "its header is gone");
+  if (step != SQLITE_ROW) refuse(step);
+  VaultIdentity identity;
+  if (!copy_exactly(column_bytes(select.get(), 0), identity.key_id) ||
+      !copy_exactly(column_bytes(select.get(), 1), identity.vault_id)) {
+    refuse_damaged(path_, "its identity has a wrong size");
+  }
+  const std::span<const uint8_t> header = column_bytes(select.get(), 2);
+  identity.sealed_header.assign(header.begin(), header.end());
+  return identity;
+}
+
+void Database::for_each_entry(const std::function<void(uint64_t id, std::span<const uint8_t> sealed)> &visit) {
+  const Statement select = prepare("SELECT id, sealed FROM entry ORDER BY id");
+  int step = 0;
+  while ((step = sqlite3_step(select.get())) == SQLITE_ROW) {
+    visit(static_cast<uint64_t>(sqlite3_column_int64(select.get(), 0)), column_bytes(select.get(), 1));
+  }
+  if (step != SQLITE_DONE) refuse(step);
+}
+
+std::optional<WriteFailure> Database::transaction(const std::function<bool()> &body) {
+  const auto roll_back = [&] {  // a failed statement or commit may have ended the transaction by itself
+    if (sqlite3_get_autocommit(db_.get()) == 0) run("ROLLBACK");
+  };
+  try {
+    if (finish(begin_.get()) == SQLITE_OK && body() && finish(commit_.get()) == SQLITE_OK) return std::nullopt;
+  } catch (...) {
+    roll_back();
+    throw;
+  }
+  WriteFailure met = failure();
+  roll_back();
+  return met;
+}
+
+bool Database::put_entry(uint64_t id, std::span<const uint8_t> sealed) {
+  sqlite3_bind_int64(put_entry_.get(), 1, static_cast<int64_t>(id));
+  bind_bytes(put_entry_.get(), 2, sealed);
+  return finish(put_entry_.get()) == SQLITE_OK;
+}
+
+bool Database::remove_entry(uint64_t id) {
+  sqlite3_bind_int64(remove_entry_.get(), 1, static_cast<int64_t>(id));
+  return finish(remove_entry_.get()) == SQLITE_OK;
+}
+
+bool Database::put_header(std::span<const uint8_t> sealed) {
+  bind_bytes(put_header_.get(), 1, sealed);
+  return finish(put_header_.get()) == SQLITE_OK;
+}
+
+std::optional<WriteFailure> Database::give_back(int pages) {
+  if (run(fmt::format("PRAGMA incremental_vacuum({})", pages).c_str()) == SQLITE_OK) return std::nullopt;
+  return failure();
+}
+
+std::optional<WriteFailure> Database::shorten() {
+  sqlite3 *db = db_.get();
+  if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK) {
+    return std::nullopt;
+  }
+  return failure();
+}
+
+Database::Room Database::room() {
+  const auto count = [](sqlite3_stmt *statement) {
+    const int64_t value = sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int64(statement, 0) : 0;
+    sqlite3_reset(statement);
+    return value;
+  };
+  return {count(page_count_.get()), count(free_page_count_.get())};
+}
+
+WriteFailure Database::failure() const {
+  const int error = sqlite3_errcode(db_.get());
+  const bool no_memory = (error & 0xff) == SQLITE_NOMEM;
+  return {is_full(error) ? KS_STORE_FULL : no_memory ? KS_NO_MEMORY : KS_FW_BAD_CELL, error_text()};
+}
+
+bool Database::is_full(int error) const {
+  if ((error & 0xff) == SQLITE_FULL) return true;
+  const int cause = sqlite3_system_errno(db_.get());
+  return (error & 0xff) == SQLITE_IOERR && (cause == ENOSPC || cause == EDQUOT);
+}
+
+std::string Database::error_text() const {
+  const std::string text = sqlite3_errmsg(db_.get());
+  const int cause = sqlite3_system_errno(db_.get());
+  return cause == 0 ? text : fmt::format("{} ({})", text, errno_text(cause));
+}
+
+void Database::refuse(int error) const {
+  if (db_ == nullptr) fail("{}: the vault can't be opened: out of memory", path_);
+  if (is_full(error)) fail("{}: the disk of the vault is full; make room on it and start again", path_);
+  const int cause = sqlite3_system_errno(db_.get());
+  switch (error & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      fail("{}: the vault is in use by another process; end that one first", path_);
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+    case SQLITE_FORMAT:
+      refuse_damaged(path_, sqlite3_errmsg(db_.get()));
+    case SQLITE_CANTOPEN:
+      if (cause != EACCES && cause != EPERM && cause != EROFS) break;
+      [[fallthrough]];
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+      fail("{}: the vault is read-only for user {}; make the file, its folder and its disk writable", path_, geteuid());
+    default:
+      break;
+  }
+  fail("{}: the vault can't be used: {}; look at its disk and start again", path_, error_text());
+}
+
+int Database::run(const char *sql) {
+  return sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr);
+}
+
+Database::Statement Database::prepare(const char *sql) const {
+  sqlite3_stmt *statement = nullptr;
+  const int error = sqlite3_prepare_v3(db_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+  Statement owned(statement);
+  require(error);
+  return owned;
+}
+
+int64_t Database::number(sqlite3_stmt *statement) {
+  const int step = sqlite3_step(statement);
+  const int64_t value = step == SQLITE_ROW ? sqlite3_column_int64(statement, 0) : 0;
+  sqlite3_reset(statement);
+  if (step != SQLITE_ROW) refuse(step);
+  return value;
+}
+
+}  // namespace ksd

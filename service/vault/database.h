@@ -1,0 +1,99 @@
+// database.h: the vault's file. SQLite keeps the rows; what is in them is sealed and none of its business.
+#ifndef SERVICE_VAULT_DATABASE_H
+#define SERVICE_VAULT_DATABASE_H
+
+#include <sqlite3.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "ks_types.h"
+#include "vault/seal.h"
+
+namespace ksd {
+
+inline constexpr int kSchemaVersion = 1;
+
+// VaultIdentity is what stands in the clear: which key opens the vault, and which vault it is. The header is sealed.
+struct VaultIdentity {
+  KeyId key_id{};
+  VaultId vault_id{};
+  std::vector<uint8_t> sealed_header;
+};
+
+// refuse_damaged throws the one line about a vault that isn't what ksd wrote.
+[[noreturn]] void refuse_damaged(const std::string &path, const std::string &what);
+
+// WriteFailure is why a write didn't happen: the code for the client, and a text for the log.
+struct WriteFailure {
+  KsResult code = KS_FW_BAD_CELL;
+  std::string text;
+};
+
+class Database {
+ public:
+  // create makes a vault without entries. There is a whole one or none at any instant, and one that has come to be
+  // there in the meantime stays.
+  static void create(const std::string &path, const VaultIdentity &identity);
+
+  // The file is locked against other processes for as long as the object lives. Throws std::runtime_error, one line
+  // with the file's name and what to do, when it can't be opened for writing, isn't a vault, is damaged, or is of a
+  // newer schema; in_use_wait_ms is how long one that another process is just letting go of is waited for.
+  explicit Database(const std::string &path, int in_use_wait_ms = 2000);
+
+  VaultIdentity identity();
+  void for_each_entry(const std::function<void(uint64_t id, std::span<const uint8_t> sealed)> &visit);
+
+  // transaction runs `body`, which writes with the three below until one of them says false, and commits. When it gives
+  // nothing, all of it is on disk; else nothing of it is there.
+  std::optional<WriteFailure> transaction(const std::function<bool()> &body);
+  bool put_entry(uint64_t id, std::span<const uint8_t> sealed);
+  bool remove_entry(uint64_t id);
+  bool put_header(std::span<const uint8_t> sealed);
+
+  // give_back moves up to `pages` free pages to the end of the file, as a transaction of its own. shorten then writes
+  // the log back into the file and cuts off what is free.
+  std::optional<WriteFailure> give_back(int pages);
+  std::optional<WriteFailure> shorten();
+
+  struct Room {
+    int64_t pages = 0;
+    int64_t free_pages = 0;
+  };
+  Room room();
+
+  const std::string &path() const { return path_; }
+
+ private:
+  struct Close {
+    void operator()(sqlite3 *db) const { sqlite3_close_v2(db); }
+    void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
+  };
+  using Statement = std::unique_ptr<sqlite3_stmt, Close>;
+
+  Database(const std::string &path, int flags, int in_use_wait_ms);
+  void make_schema(const VaultIdentity &identity);
+  void check_schema();
+  [[noreturn]] void refuse(int error) const;
+  void require(int error) const {
+    if (error != SQLITE_OK) refuse(error);
+  }
+  int run(const char *sql);
+  Statement prepare(const char *sql) const;
+  int64_t number(sqlite3_stmt *statement);
+  bool is_full(int error) const;
+  std::string error_text() const;
+  WriteFailure failure() const;
+
+  std::string path_;
+  std::unique_ptr<sqlite3, Close> db_;
+  Statement begin_, commit_, put_entry_, remove_entry_, put_header_, page_count_, free_page_count_;
+};
+
+}  // namespace ksd
+
+#endif

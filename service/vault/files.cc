@@ -1,0 +1,34 @@
+#include "vault/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <system_error>
+
+namespace ksd {
+
+std::string folder_of(const std::string &path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool file_exists(const std::string &path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+UniqueFd make_file(const std::string &path) {
+  return UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+}
+
+bool sync_folder(const std::string &folder) {
+  const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return fd && fsync(fd.get()) == 0;
+}
+
+std::string errno_text(int error) {
+  return std::system_category().message(error);
+}
+
+}  // namespace ksd

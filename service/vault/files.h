@@ -1,0 +1,27 @@
+// files.h: small steps with files that the vault and its key share.
+#ifndef SERVICE_VAULT_FILES_H
+#define SERVICE_VAULT_FILES_H
+
+#include <string>
+
+#include "fd.h"
+
+namespace ksd {
+
+// folder_of gives the folder that `path` lies in, "." for a bare name.
+std::string folder_of(const std::string &path);
+
+bool file_exists(const std::string &path);
+
+// make_file makes an empty file of mode 0600, or gives nothing, with errno, also when there is one already.
+UniqueFd make_file(const std::string &path);
+
+// sync_folder makes new and removed names in a folder durable.
+bool sync_folder(const std::string &folder);
+
+// errno_text words an error number.
+std::string errno_text(int error);
+
+}  // namespace ksd
+
+#endif

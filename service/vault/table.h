@@ -1,0 +1,77 @@
+// table.h: the index of all entries in memory: by name and alias in constant time, and by dense position.
+#ifndef SERVICE_VAULT_TABLE_H
+#define SERVICE_VAULT_TABLE_H
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "vault/record.h"
+
+namespace ksd {
+
+// NameHash hashes names under a key drawn at start: users choose the names, and must not be able to choose ones that
+// meet in one bucket.
+struct NameHash {
+  size_t operator()(const EntryName &name) const;
+};
+
+// RowChange is what becomes of one row: null `before` for a new one, null `after` for one that goes.
+struct RowChange {
+  RowPtr before, after;
+};
+
+using RowChanges = std::map<uint64_t, RowChange>;  // by id
+
+// Table isn't locked: its owner sees to that.
+class Table {
+ public:
+  // find gives the row of that name or alias, or null.
+  RowPtr find(const EntryName &name) const {
+    const auto found = names_.find(name);
+    return found == names_.end() ? nullptr : found->second;
+  }
+  const EntryRow *at(size_t position) const { return position < rows_.size() ? rows_[position] : nullptr; }
+  size_t size() const { return rows_.size(); }
+  void reserve(size_t entries);
+
+  // apply makes the changes of a whole group at once; rows that stay keep their order. Not having the memory for it
+  // ends the process: the disk has the changes already, and a restart finds them there.
+  void apply(const RowChanges &changes) noexcept;
+
+ private:
+  void close_gaps(const RowChanges &changes);
+
+  // Plain pointers, which `names_` keeps alive: closing a gap in a full table then moves half a megabyte, in some 20
+  // us.
+  std::vector<const EntryRow *> rows_;  // ascending by id
+  std::unordered_map<EntryName, RowPtr, NameHash> names_;
+};
+
+// Draft is the table as it will be once a group of changes is on disk.
+class Draft {
+ public:
+  explicit Draft(const Table &base) : base_(base) {}
+
+  RowPtr find(const EntryName &name) const;
+
+  // replace takes `before` out and puts `after` in. Either may be null; both have the same id.
+  void replace(const RowPtr &before, const RowPtr &after);
+
+  const RowChanges &changes() const { return changes_; }
+  size_t size() const { return base_.size() + added_ - removed_; }
+
+ private:
+  const Table &base_;
+  RowChanges changes_;
+  std::unordered_map<EntryName, RowPtr, NameHash> names_;  // null: no longer a name
+  size_t added_ = 0, removed_ = 0;
+};
+
+}  // namespace ksd
+
+#endif

@@ -1,0 +1,33 @@
+// vault.h: the store that keeps entries sealed in one file and answers all reads from memory.
+#ifndef SERVICE_VAULT_VAULT_H
+#define SERVICE_VAULT_VAULT_H
+
+#include <memory>
+#include <string>
+
+#include "config.h"
+#include "store.h"
+#include "vault/secret_bytes.h"
+
+namespace ksd {
+
+class Vault : public Store {
+ public:
+  // use_limits puts others in force. What is there stays, also when it is more.
+  virtual void use_limits(const Limits &limits) = 0;
+};
+
+struct VaultOptions {
+  std::string path;
+  std::string master_key_file;  // empty: systemd's credentials directory
+  Limits limits;
+};
+
+// open_vault opens the vault, or makes an empty one with its key where there is none at all. Whatever stands in the way
+// is thrown as std::runtime_error, one line with the file's name and what to do: a vault that can't be opened is never
+// replaced by an empty one. Closing it commits what has been asked for.
+std::unique_ptr<Vault> open_vault(const VaultOptions &options);
+
+}  // namespace ksd
+
+#endif
