@@ -91,6 +91,7 @@ Database::Database(const std::string &path, int flags, int in_use_wait_ms) : pat
   const int error = sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   db_.reset(db);
   require(error);
+  if (sqlite3_db_readonly(db, "main") != 0) refuse(SQLITE_READONLY);  // what SQLite makes do with
   sqlite3_extended_result_codes(db, 1);
   sqlite3_busy_timeout(db, in_use_wait_ms);
   sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
@@ -115,7 +116,6 @@ Database::Database(const std::string &path, int in_use_wait_ms)
     : Database(path, SQLITE_OPEN_READWRITE, in_use_wait_ms) {
   struct stat info;
   if (stat(path.c_str(), &info) == 0 && info.st_size == 0) refuse_damaged(path_, "the file is empty");
-  if (sqlite3_db_readonly(db_.get(), "main") != 0) refuse(SQLITE_READONLY);
   check_schema();
   require(run("PRAGMA journal_mode = WAL; PRAGMA cell_size_check = ON;"));
 

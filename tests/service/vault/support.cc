@@ -83,7 +83,7 @@ void write_file(const std::string &path, std::string_view content) {
 
 void run_sql(const std::string &path, const std::string &sql) {
   sqlite3 *db = nullptr;
-  sqlite3_open(path.c_str(), &db);
+  sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "unix");  // past any Disk
   char *error = nullptr;
   sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error);
   const std::string text = error == nullptr ? "" : error;

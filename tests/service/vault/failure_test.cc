@@ -1,0 +1,167 @@
+// Writes and syncs that fail: never acknowledged, nothing changed, and the service goes on.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <future>
+#include <sstream>
+#include <thread>
+
+#include "support.h"
+
+namespace ksd {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class FailingDisk : public testing::Test {
+ protected:
+  FailingDisk() { put(*vault, "a", "secret a", "meta a"); }
+
+  // The state of a's only entry, in memory and as a start after a crash at this instant would find it.
+  void expect_unchanged() {
+    EXPECT_EQ(content(*vault), "a=secret a/meta a");
+    const Folder crashed;
+    for (const char *file : {"vault.db", "vault.db-wal", "master.key"}) {
+      const std::string from = folder.path() + "/" + file;
+      if (std::filesystem::exists(from)) std::filesystem::copy_file(from, crashed.path() + "/" + file);
+    }
+    EXPECT_EQ(content(*crashed.open()), "a=secret a/meta a");
+  }
+
+  static std::string content(const Store &store) {
+    std::string all;
+    for (const std::string &name : names_in(store)) {
+      all += name + "=" + secret_in(store, secret_name(name)) + "/" + metadata_in(store, secret_name(name));
+    }
+    return all;
+  }
+
+  void expect_all_changes_to_give(KsResult code) {
+    EXPECT_EQ(put(*vault, "new", "x"), code);
+    EXPECT_EQ(put(*vault, "a", "x"), code);
+    EXPECT_EQ(vault->set_metadata(secret_name("a"), bytes_of("x")), code);
+    EXPECT_EQ(vault->rename(secret_name("a"), secret_name("x")), code);
+    EXPECT_EQ(vault->remove(secret_name("a")), code);
+    EXPECT_EQ(vault->remove(secret_name("none")), KS_NOT_FOUND) << "needs no disk";
+  }
+
+  Disk disk;
+  Folder folder;
+  std::unique_ptr<Vault> vault = folder.open();
+};
+
+TEST_F(FailingDisk, RefusesChangesWithBadCellWhileWritesFail) {
+  disk.fail_writes(EIO);
+  expect_all_changes_to_give(KS_FW_BAD_CELL);
+  disk.fail_writes(0);
+  expect_unchanged();
+  EXPECT_EQ(put(*vault, "b", "x"), KS_SUCCESS);
+}
+
+TEST_F(FailingDisk, RefusesChangesWithBadCellWhileSyncsFail) {
+  disk.fail_syncs(EIO);
+  expect_all_changes_to_give(KS_FW_BAD_CELL);
+  disk.fail_syncs(0);
+  expect_unchanged();
+  EXPECT_EQ(put(*vault, "b", "x"), KS_SUCCESS);
+}
+
+TEST_F(FailingDisk, RefusesChangesWithStoreFullWhileTheDiskIsFull) {
+  disk.fail_writes(ENOSPC);
+  expect_all_changes_to_give(KS_STORE_FULL);
+  disk.fail_writes(0);
+  expect_unchanged();
+  EXPECT_EQ(put(*vault, "b", "x"), KS_SUCCESS);
+}
+
+TEST_F(FailingDisk, GivesGenerationsOfFailedChangesToNobodyElse) {
+  disk.fail_syncs(EIO);
+  put(*vault, "b", "x");
+  disk.fail_syncs(0);
+  put(*vault, "b", "x");
+  const uint64_t second = vault->find(secret_name("b"))->generation;
+  put(*vault, "c", "x");
+  EXPECT_GT(vault->find(secret_name("c"))->generation, second);
+}
+
+TEST_F(FailingDisk, FailsAlsoToCompactAndGoesOn) {
+  for (int i = 0; i < 20; ++i) put(*vault, std::to_string(i), std::string(20000, 'x'));
+  for (int i = 0; i < 20; ++i) vault->remove(secret_name(std::to_string(i)));
+  disk.fail_writes(ENOSPC);
+  EXPECT_EQ(vault->compact(), KS_STORE_FULL);
+  disk.fail_writes(EIO);
+  EXPECT_EQ(vault->compact(), KS_FW_BAD_CELL);
+  disk.fail_writes(0);
+  expect_unchanged();
+  EXPECT_EQ(vault->compact(), KS_SUCCESS);
+  expect_unchanged();
+}
+
+TEST_F(FailingDisk, SaysSoOncePerStreakWithoutNames) {
+  std::ostringstream log;
+  const auto before = spdlog::default_logger();
+  spdlog::set_default_logger(
+      std::make_shared<spdlog::logger>("t", std::make_shared<spdlog::sinks::ostream_sink_mt>(log)));
+  spdlog::set_level(spdlog::level::info);
+  disk.fail_writes(EIO);
+  for (int i = 0; i < 3; ++i) put(*vault, "name-of-b", "secret-of-b");
+  disk.fail_writes(0);
+  put(*vault, "name-of-b", "secret-of-b");
+  spdlog::set_default_logger(before);
+  spdlog::set_level(spdlog::level::off);
+
+  const std::string said = log.str();
+  EXPECT_THAT(said, HasSubstr(folder.vault() + ": changes are refused: disk I/O error"));
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
+  EXPECT_THAT(said, Not(HasSubstr("of-b")));
+}
+
+// With room for the small ones only, the large one of a group fails alone.
+TEST_F(FailingDisk, FailsThoseOfAGroupAloneThatDontFit) {
+  disk.hold_syncs();
+  std::vector<std::future<KsResult>> answers;
+  const auto later = [&](const std::string &name, size_t size) {
+    return std::async(std::launch::async, [this, name, size] { return put(*vault, name, std::string(size, 'x')); });
+  };
+  std::future<KsResult> first = later("first", 1);
+  disk.wait_for_held_sync();  // the others make one group now
+  disk.limit_room(300 * 1024);
+  std::future<KsResult> large = later("large", 1024 * 1024);
+  std::vector<std::future<KsResult>> small;
+  for (int i = 0; i < 5; ++i) small.push_back(later("small" + std::to_string(i), 1));
+  while (large.wait_for(std::chrono::milliseconds(20)) == std::future_status::timeout) disk.let_syncs_go();
+
+  EXPECT_EQ(first.get(), KS_SUCCESS);
+  EXPECT_EQ(large.get(), KS_STORE_FULL);
+  for (auto &answer : small) EXPECT_EQ(answer.get(), KS_SUCCESS);
+  EXPECT_FALSE(vault->exists(secret_name("large")));
+  EXPECT_EQ(vault->count(), 7u);
+}
+
+// The sync of a commit hangs: readers must not, and must not see what isn't on disk.
+TEST_F(FailingDisk, KeepsNoReaderWaitingForASync) {
+  disk.hold_syncs();
+  auto change = std::async(std::launch::async, [this] { return put(*vault, "a", "new"); });
+  auto removal = std::async(std::launch::async, [this] { return vault->remove(secret_name("a")); });
+  disk.wait_for_held_sync();
+
+  EXPECT_EQ(secret_in(*vault, secret_name("a")), "secret a");
+  EXPECT_THAT(names_in(*vault), ElementsAre("a"));
+  EXPECT_TRUE(vault->exists(secret_name("a")));
+  EXPECT_EQ(vault->usage().entries, 1u);
+  EXPECT_EQ(change.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "nor is it answered";
+
+  disk.let_syncs_go();
+  EXPECT_EQ(change.get(), KS_SUCCESS);
+  EXPECT_EQ(removal.get(), KS_SUCCESS);
+  EXPECT_EQ(vault->count(), 0u);
+}
+
+}  // namespace
+}  // namespace ksd
