@@ -94,8 +94,8 @@ void *Heap::allocate(size_t size, bool zeroed, const std::string &event) {
     return nullptr;
   }
   // Not zeroed means that the library must not rely on what is there.
-  auto memory = std::make_unique<Guarded>(Bytes(size + padding_, zeroed ? 0 : 0xa5));
-  padding_ = 0;
+  const size_t padding = padded_ > 0 && --padded_ == 0 ? padding_ : 0;
+  auto memory = std::make_unique<Guarded>(Bytes(size + padding, zeroed ? 0 : 0xa5));
   void *block = memory->data();
   const std::string label = event.substr(event.find(' ') + 1);
   blocks_[block] = {std::move(memory), size, label, next_order_++};
@@ -158,7 +158,7 @@ void Heap::reset() {
   freed_.clear();
   failing_ = 0;
   failing_on_ = false;
-  padding_ = 0;
+  padded_ = 0;
 }
 
 // --- messages

@@ -161,8 +161,9 @@ class Heap {
   void fail_nth(int n) { failing_ = n; }
   // fail_from makes every allocation fail from the n-th on.
   void fail_from(int n) { failing_ = n, failing_on_ = true; }
-  // pad_next gives the next allocation room behind its end, for the one overrun that is promised.
-  void pad_next(size_t room) { padding_ = room; }
+  // pad_nth gives the n-th allocation from now room behind its end, for the one overrun that is promised.
+  void pad_nth(int n, size_t room) { padded_ = n, padding_ = room; }
+  void pad_next(size_t room) { pad_nth(1, room); }
   // adopt makes a block that the library is to free, outside the log.
   void *adopt(const Bytes &content);
   // release frees what the library handed out, outside the log.
@@ -186,6 +187,7 @@ class Heap {
   std::deque<std::unique_ptr<Guarded>> freed_;  // forbidden, and kept a while so that late touches fault
   int failing_ = 0;
   bool failing_on_ = false;
+  int padded_ = 0;
   size_t padding_ = 0;
   uint64_t next_order_ = 0;
 };
