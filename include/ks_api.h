@@ -7,6 +7,7 @@
 #define KS_API_H
 
 #include "ks_cache.h"
+#include "ks_crypto.h"
 #include "ks_device.h"
 #include "ks_secret.h"
 #include "ks_types.h"
