@@ -6,6 +6,7 @@ std::vector<Operation> all_operations() {
   std::vector<Operation> all;
   for (const auto &family : {
            device_operations(),
+           crypto_operations(),
        }) {
     all.insert(all.end(), family.begin(), family.end());
   }
