@@ -207,8 +207,7 @@ TEST_F(OpenVault, RefusesRecordsOfAnotherVaultUnderTheSameKey) {
   refuses_as_damaged("entry 1 doesn't open");
 }
 
-// Every byte of every sealed record, and all others of the file at a stride that meets each kind of field. A vault
-// either is refused or says what it said before: some bytes of a page are of no account.
+// A vault either is refused or says what it said before: some bytes of a page are of no account.
 TEST_F(OpenVault, NeverShowsAnythingElseWhenAByteIsFlipped) {
   const std::string whole = read_file(folder.vault());
   std::vector<std::string> expected;
@@ -231,15 +230,14 @@ TEST_F(OpenVault, NeverShowsAnythingElseWhenAByteIsFlipped) {
     EXPECT_EQ(found, expected) << "byte " << at;
     return true;
   };
-  // Zeros are mostly room between the fields and records: one in a while will do.
   size_t refused = 0, tried = 0;
-  for (size_t page = 0; page < whole.size(); page += 4096) {
-    for (size_t at = page; at < page + 4096; at += whole[at] == 0 ? 211 : 1) {
-      ++tried;
-      refused += !opens_unchanged(at, 0x40);
-    }
+  for (size_t at = 0; at < whole.size(); ++at) {
+    // Zeros are mostly room between the fields and records: one in a while will do.
+    if (whole[at] == 0 && at % 211 != 0) continue;
+    ++tried;
+    refused += !opens_unchanged(at, 0x40);
   }
-  EXPECT_GT(refused, 150u) << "of " << tried;
+  EXPECT_GT(refused, 300u) << "of " << tried << ": three records and a header are that long";
 }
 
 TEST_F(MasterKeyFile, IsRefusedWithAnotherMode) {
