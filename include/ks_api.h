@@ -9,6 +9,7 @@
 #include "ks_cache.h"
 #include "ks_crypto.h"
 #include "ks_device.h"
+#include "ks_pac.h"
 #include "ks_secret.h"
 #include "ks_types.h"
 

@@ -61,6 +61,11 @@ inline uint16_t reply_len(const void *payload) {
   return len;
 }
 
+// reported_len is the length as reports show it, also of a refusal, which may end before it: then it is 0.
+inline uint16_t reported_len(uint16_t size, const void *payload) {
+  return size < sizeof(KsResult) + sizeof(uint16_t) ? uint16_t{0} : reply_len(payload);
+}
+
 inline const uint8_t *reply_data(const void *payload) {
   return static_cast<const uint8_t *>(payload) + 6;
 }

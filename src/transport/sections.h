@@ -73,6 +73,9 @@ class SectionList {
   // keep_names leaves the owned buffers allocated for good.
   void keep_names() { owned_ = 0; }
 
+  // keep_all leaves the list allocated for good, too.
+  void keep_all() { entries_ = nullptr; }
+
   // release frees everything now, for operations that have something to free after it.
   void release();
 

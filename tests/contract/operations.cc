@@ -7,6 +7,7 @@ std::vector<Operation> all_operations() {
   for (const auto &family : {
            device_operations(),
            crypto_operations(),
+           pac_operations(),
        }) {
     all.insert(all.end(), family.begin(), family.end());
   }

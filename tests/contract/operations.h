@@ -46,6 +46,7 @@ struct Operation {
 // A file for each family.
 std::vector<Operation> device_operations();
 std::vector<Operation> crypto_operations();
+std::vector<Operation> pac_operations();
 
 std::vector<Operation> all_operations();
 

@@ -1,0 +1,23 @@
+#include "pac/requests.h"
+
+namespace ks {
+
+KsResult aid_request(const uint8_t *aid, size_t aid_len, KsSection *section, KsNameDescriptor *descriptor) {
+  void *name = aid_len <= KS_PAC_NAME_MAX ? new_wire_name(KS_NAME_TAG_PAC, aid, aid_len)
+                                          : new_exact_wire_name(KS_NAME_TAG_PAC, aid, aid_len);
+  if (name == nullptr) return KS_NO_MEMORY;
+  descriptor->name_len = wire_len(aid_len);
+  descriptor->name_offset = sizeof *descriptor;
+  *section = {name, descriptor->name_len};
+  return KS_SUCCESS;
+}
+
+uint8_t *new_cache_name(const uint8_t *aid, uint32_t aid_len) {
+  void *name = malloc(sizeof(KsWireName));
+  if (name == nullptr) return nullptr;
+  memset(name, 0, sizeof(KsWireName));
+  fill_wire_name(name, KS_NAME_TAG_PAC, aid, aid_len < KS_PAC_NAME_MAX ? aid_len : KS_PAC_NAME_MAX);
+  return static_cast<uint8_t *>(name);
+}
+
+}  // namespace ks

@@ -1,0 +1,53 @@
+// ks_return_aid_by_index: the caller's PACs, one at a time, out of the service's one table of all entries.
+//
+//   descriptor  position                                               (2 bytes)
+//   sections    none
+//   reply       result | length | wire name
+//
+// The twin of ks_return_secret_handle_by_index, with the other tag, other words and other results.
+#include "ks_pac.h"
+#include "transport/exchange.h"
+#include "transport/owned_block.h"
+#include "transport/trace.h"
+
+namespace {
+
+// A length below that of a name's head tells nothing of tag and VDC: such an entry is not the caller's.
+bool is_own_pac(const uint8_t *wire, uint16_t wire_len) {
+  if (wire_len < KS_NAME_HEADER_SIZE) return false;
+  return wire[0] == KS_NAME_TAG_PAC && (wire[2] << 8 | wire[3]) == vdc_id;
+}
+
+}  // namespace
+
+KsResult ks_return_aid_by_index(uint16_t *index, uint8_t **aid, uint16_t *aid_len) {
+  KS_TRACE_HERE(KS_SUBTYPE_NORMAL, "\n");
+  if (index == nullptr || aid == nullptr || aid_len == nullptr) return KS_INVALID_ARGS;
+
+  for (uint16_t position = *index;; ++position) {
+    ks::Exchange exchange(ks::kAidByIndex);
+    if (const KsResult sent = exchange.run(&position); sent != KS_SUCCESS) return sent;
+
+    const KsResult result = ks::reply_result(exchange.payload());
+    const uint16_t len = ks::reported_len(exchange.size(), exchange.payload());
+    // The name of the twin's reader: log filters take both walks for one.
+    KS_TRACE(KS_SUBTYPE_NORMAL, "%s: Ret :%d len:%d \n", "ks_return_secret_handle_by_index_resp", result, len);
+    if (result != KS_SUCCESS) return result;
+
+    ks::OwnedBlock name;  // declared behind the exchange: goes before its messages
+    *name.place() = static_cast<uint8_t *>(calloc(1, len));
+    if (name.data() == nullptr) return KS_NO_MEMORY;
+    memcpy(*name.place(), ks::reply_data(exchange.payload()), len);
+    if (!is_own_pac(name.data(), len)) continue;
+
+    const uint16_t own_len = ks::low16(len - size_t{KS_NAME_HEADER_SIZE});
+    *aid = name.take();
+    memmove(*aid, *aid + KS_NAME_HEADER_SIZE, own_len);
+    (*aid)[own_len] = 0;
+    *aid_len = own_len;
+    *index = ks::low16(position + size_t{1});
+    exchange.drop();
+    KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return KS_SUCCESS.\n");
+    return KS_SUCCESS;
+  }
+}
