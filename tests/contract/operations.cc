@@ -8,6 +8,7 @@ std::vector<Operation> all_operations() {
            device_operations(),
            crypto_operations(),
            pac_operations(),
+           secret_operations(),
        }) {
     all.insert(all.end(), family.begin(), family.end());
   }

@@ -47,6 +47,7 @@ struct Operation {
 std::vector<Operation> device_operations();
 std::vector<Operation> crypto_operations();
 std::vector<Operation> pac_operations();
+std::vector<Operation> secret_operations();
 
 std::vector<Operation> all_operations();
 

@@ -1,0 +1,97 @@
+// ks_rename_secret: another name for a secret, in a descriptor of single bytes.
+//
+//   descriptor  O | 6 | N | O+6 | 1 | O+6+N                            (6 bytes; O, N: lengths of the wire names; the
+//               last two are 0 without a linked name)
+//   sections    old name | new name | one byte of the linked name, if that isn't empty
+//   reply       result, of any size
+#include <stdlib.h>
+
+#include "ks_secret.h"
+#include "secret/requests.h"
+#include "transport/exchange.h"
+#include "transport/trace.h"
+
+static_assert(sizeof(KsRenameDescriptor) == ks::kRenameSecret.descriptor_size);
+
+namespace {
+
+// DIFFERS(rename-linked-name): the third name is measured as a text in its wire form, whose second byte is 0: its tag
+// alone travels, in front of a buffer of exactly its length, and nothing bounds it. Services ignore the byte.
+constexpr uint8_t kLinkedNameLen = 1;
+
+// WireNames are the buffers of a request, all of them or none.
+struct WireNames {
+  void *old_name = nullptr;
+  void *new_name = nullptr;
+  void *linked_name = nullptr;  // stays null without a linked name
+};
+
+bool allocate(WireNames *names, const char *old_name, const char *new_name, const char *linked_name) {
+  const size_t linked_len = linked_name == nullptr ? 0 : strlen(linked_name);
+  names->old_name = ks::new_secret_name(old_name, strlen(old_name));
+  if (names->old_name != nullptr) names->new_name = ks::new_secret_name(new_name, strlen(new_name));
+  if (names->new_name != nullptr && linked_len != 0) {
+    names->linked_name = ks::new_exact_wire_name(KS_NAME_TAG_SECRET, linked_name, linked_len);
+  }
+  if (names->new_name != nullptr && (linked_len == 0 || names->linked_name != nullptr)) return true;
+  free(names->old_name);
+  free(names->new_name);
+  *names = {};
+  return false;
+}
+
+void fill(const WireNames &names, size_t old_len, size_t new_len, KsSection *sections, KsRenameDescriptor *descriptor) {
+  descriptor->old_name_len = ks::wire_len(old_len);
+  descriptor->old_name_offset = sizeof *descriptor;
+  descriptor->new_name_len = ks::wire_len(new_len);
+  descriptor->new_name_offset = ks::low8(descriptor->old_name_len + sizeof *descriptor);
+  descriptor->linked_name_len = 0;
+  descriptor->linked_name_offset = 0;
+  sections[0] = {names.old_name, descriptor->old_name_len};
+  sections[1] = {names.new_name, descriptor->new_name_len};
+  if (names.linked_name == nullptr) return;
+  descriptor->linked_name_len = kLinkedNameLen;
+  descriptor->linked_name_offset = ks::low8(size_t{descriptor->new_name_offset} + descriptor->new_name_len);
+  sections[2] = {names.linked_name, kLinkedNameLen};
+}
+
+}  // namespace
+
+KsResult ks_rename_secret_req(const char *old_name, const char *new_name, const char **linked_name, KsSection *sections,
+                              KsRenameDescriptor *descriptor) {
+  WireNames names;
+  if (!allocate(&names, old_name, new_name, *linked_name)) return KS_NO_MEMORY;
+  fill(names, strlen(old_name), strlen(new_name), sections, descriptor);
+  if (names.linked_name != nullptr) *linked_name = static_cast<const char *>(names.linked_name);
+  return KS_SUCCESS;
+}
+
+KsResult ks_rename_secret_resp(const void *payload) {
+  return ks::reply_result(payload);
+}
+
+KsResult ks_rename_secret(const char *old_name, const char *new_name, const char *linked_name) {
+  if (!ks::is_name(old_name) || !ks::is_name(new_name)) return KS_INVALID_ARGS;
+  if (strcmp(old_name, new_name) == 0) return KS_SUCCESS;  // whether there is such an entry or not
+
+  ks::Exchange exchange(ks::kRenameSecret);
+  // Entry 2 is ours when there is one: it holds the third name, or null.
+  ks::SectionList list(linked_name == nullptr ? 2 : 3, 0b111);
+  if (!list.allocated()) {
+    KS_TRACE(KS_SUBTYPE_NORMAL, "Memory Allocation failed \n");
+    // DIFFERS(rename-no-list): 2 where the rest of the secret store says 4; callers that retry on 4 must not retry
+    // this.
+    return KS_FAILURE;
+  }
+  KsRenameDescriptor descriptor = {};
+  WireNames names;
+  // DIFFERS(rename-without-names): a name that can't be allocated doesn't end the operation: the list goes out empty,
+  // and the service's answer is the caller's, who is promised what the service makes of it.
+  if (allocate(&names, old_name, new_name, linked_name)) {
+    fill(names, strlen(old_name), strlen(new_name), list.data(), &descriptor);
+  }
+
+  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+
+  return ks::reply_result(exchange.payload());
+}

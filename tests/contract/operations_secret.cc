@@ -1,0 +1,141 @@
+#include "operations.h"
+
+using scripted::Bytes;
+using scripted::bytes;
+
+namespace contract {
+
+namespace {
+
+struct {
+  uint8_t *block;
+  char *name;
+  uint32_t exists;
+  uint16_t len;
+  uint16_t index;
+} out;
+KsResult last;
+
+// good calls an operation with its outputs filled anew.
+template <typename Call>
+std::function<KsResult()> good(Call call) {
+  return [call] {
+    memset(&out, 0xee, sizeof out);
+    return last = call();
+  };
+}
+
+Bytes outputs() {
+  const auto *at = reinterpret_cast<const uint8_t *>(&out);
+  return Bytes(at, at + sizeof out);
+}
+
+// usual is a row with the releases that most have in common: a list of one section, the name.
+Operation usual(const std::string &name, uint32_t op, const std::string &list, std::function<KsResult()> call,
+                const Bytes &good_reply) {
+  return {.name = name,
+          .op = op,
+          .call = std::move(call),
+          .outputs = outputs,
+          .good_reply = good_reply,
+          .send_failure = 12,
+          .recv_failure = 12,
+          .send_text = "mts_send failed Error :17 \n",
+          .recv_text = "mts_recv failed Error :17 \n",
+          .success_flow = {"calloc " + list, "calloc 35", "send", "recv", "free 35", "free " + list, "drop sent",
+                           "drop received"},
+          .send_failure_flow = {"calloc " + list, "calloc 35", "send", "free 35", "free " + list},
+          .recv_failure_flow = {"calloc " + list, "calloc 35", "send", "recv", "drop sent", "free 35", "free " + list},
+          .no_memory = {4, 4}};
+}
+
+Operation store_secret() {
+  Operation row =
+      usual("ks_store_secret_and_metadata", 66562, "list[2]",
+            good([] { return ks_store_secret_and_metadata("k1", nullptr, &bytes("0a")[0], 1, nullptr, 0); }),
+            bytes("01 00 00 00"));
+  row.send_failure = row.recv_failure = 2;
+  row.send_text = "mts_send failed :17 \n";
+  row.recv_text = "";
+  // The second name's buffer is made and, without a linked name, freed at once.
+  for (Flow *flow : {&row.success_flow, &row.send_failure_flow, &row.recv_failure_flow}) {
+    flow->insert(flow->begin() + 2, {"calloc 35", "free 35"});
+  }
+  row.no_memory = {4, 4, 4};
+  return row;
+}
+
+Operation add_metadata() {
+  Operation row = usual("ks_add_metadata", 66563, "list[2]", good([] { return ks_add_metadata("k1", nullptr, 0); }),
+                        bytes("01 00 00 00"));
+  row.send_text = "mts_send failed. Errno :17 \n";
+  row.recv_text = "mts_recv failed. Errno :17 \n";
+  return row;
+}
+
+Operation return_metadata() {
+  Operation row =
+      usual("ks_return_metadata", 66567, "list[1]", good([] { return ks_return_metadata("k1", &out.block, &out.len); }),
+            bytes("01 00 00 00 02 00 e0 e1"));
+  row.cleanup = [] {
+    if (last == KS_SUCCESS) scripted::platform().heap.release(out.block);
+  };
+  row.send_failure = row.recv_failure = 2;
+  row.send_text = "mts_send failed.Error:17 \n";
+  row.recv_text = "mts_recv failed. Error:17 \n";
+  row.success_flow.insert(row.success_flow.begin() + 4, "calloc 2");
+  row.recv_failure_flow = {"calloc list[1]", "calloc 35", "send", "recv", "free 35", "free list[1]", "drop sent"};
+  row.no_memory = {4, 4, 4};
+  return row;
+}
+
+Operation by_index() {
+  return {.name = "ks_return_secret_handle_by_index",
+          .op = 66566,
+          .call = good([] { return ks_return_secret_handle_by_index(&out.index, &out.name); }),
+          .outputs = outputs,
+          .cleanup =
+              [] {
+                if (last == KS_SUCCESS) scripted::platform().heap.release(out.name);
+              },
+          .good_reply = bytes("01 00 00 00 05 00 30 00 00 07 61"),
+          .send_failure = 12,
+          .recv_failure = 12,
+          .send_text = "mts_send failed. Error :17 \n",
+          .recv_text = "mts_recv failed. Error :17 \n",
+          .success_flow = {"send", "recv", "calloc 5", "drop sent", "drop received"},
+          .send_failure_flow = {"send"},
+          .recv_failure_flow = {"send", "recv", "drop sent"},
+          .no_memory = {4}};
+}
+
+Operation rename_secret() {
+  Operation row = usual("ks_rename_secret", 66568, "list[2]", good([] { return ks_rename_secret("a", "b", nullptr); }),
+                        bytes("01 00 00 00"));
+  row.send_failure = row.recv_failure = 2;
+  row.send_text = "mts_send failed. Error:17\n";
+  row.recv_text = "mts_recv failed. Error:17\n";
+  row.success_flow = {"calloc list[2]", "calloc 35", "calloc 35",    "send",      "recv",
+                      "free 35",        "free 35",   "free list[2]", "drop sent", "drop received"};
+  row.send_failure_flow = {"calloc list[2]", "calloc 35", "calloc 35", "send", "free 35", "free 35", "free list[2]"};
+  row.recv_failure_flow = {"calloc list[2]", "calloc 35", "calloc 35", "send",        "recv",
+                           "drop sent",      "free 35",   "free 35",   "free list[2]"};
+  row.no_memory = {2, /* sent without names: */ 1, 1};
+  return row;
+}
+
+}  // namespace
+
+std::vector<Operation> secret_operations() {
+  return {store_secret(),
+          add_metadata(),
+          return_metadata(),
+          by_index(),
+          usual("ks_secret_exists", 66565, "list[1]", good([] { return ks_secret_exists("k1", &out.exists); }),
+                bytes("01 00 00 00 01 00 01")),
+          usual("ks_clear_secret", 66564, "list[1]", good([] { return ks_clear_secret("k1"); }),
+                bytes("01 00 00 00 00 00")),
+          rename_secret()};
+}
+
+}  // namespace contract
