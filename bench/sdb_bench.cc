@@ -1,7 +1,6 @@
 // sdb_bench.cc: reads through libsdb beside bare reads of LMDB of the same value, with the same copy; writes; and what
 // a purge does.
 #include <benchmark/benchmark.h>
-#include <lmdb.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bare_lmdb.h"
 #include "beside.h"
 #include "sdb.h"
 
@@ -81,38 +81,11 @@ void BM_SdbRead(benchmark::State &state) {
 BENCHMARK(BM_SdbRead)->Arg(22)->Arg(256)->Arg(1024);
 
 void BM_BareLmdbReadAndCopy(benchmark::State &state) {
-  const Folder folder;
-  const std::string value(static_cast<size_t>(state.range(0)), 'v');
-  MDB_env *env = nullptr;
-  MDB_txn *txn = nullptr;
-  MDB_dbi entries = 0;
-  require(mdb_env_create(&env) == 0 && mdb_env_set_mapsize(env, size_t{16} << 20) == 0, "mdb_env_create");
-  require(mdb_env_open(env, folder.path.c_str(), MDB_NOTLS, 0600) == 0, "mdb_env_open");
-  require(mdb_txn_begin(env, nullptr, 0, &txn) == 0, "mdb_txn_begin");
-  require(mdb_dbi_open(txn, nullptr, 0, &entries) == 0, "mdb_dbi_open");
-  for (unsigned i = 0; i < kEntries; ++i) {
-    std::string key = numbered_key(i);
-    MDB_val k{key.size(), key.data()};
-    MDB_val v{value.size(), const_cast<char *>(value.data())};
-    require(mdb_put(txn, entries, &k, &v, 0) == 0, "mdb_put");
-  }
-  require(mdb_txn_commit(txn) == 0, "mdb_txn_commit");
-  require(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn) == 0, "mdb_txn_begin");
-  mdb_txn_reset(txn);
-
-  std::string key = numbered_key(kEntries / 2);
-  std::vector<char> copy(value.size());
+  bench::BareLmdb bare(kEntries, static_cast<size_t>(state.range(0)));
   for (auto _ : state) {
-    MDB_val k{key.size(), key.data()};
-    MDB_val v;
-    mdb_txn_renew(txn);
-    if (mdb_get(txn, entries, &k, &v) == 0) memcpy(copy.data(), v.mv_data, v.mv_size);
-    mdb_txn_reset(txn);
-    benchmark::DoNotOptimize(copy.data());
+    benchmark::DoNotOptimize(bare.read());
     benchmark::ClobberMemory();
   }
-  mdb_txn_abort(txn);
-  mdb_env_close(env);
 }
 BENCHMARK(BM_BareLmdbReadAndCopy)->Arg(22)->Arg(256)->Arg(1024);
 
