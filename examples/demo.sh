@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# demo.sh BUILD: shows what the library does, each step by a program of examples/ against a private keystore service.
+set -euo pipefail
+build=$(cd "$1" && pwd)
+
+if [ -z "${KS_SESSION_DIR:-}" ]; then
+  printf 'Starting a private keystore service for the length of this demo.\n'
+  exec "$build/ks-session" --vdc 7 -- "${BASH_SOURCE[0]}" "$build"
+fi
+
+title() { printf '\n\033[1m%s\033[0m\n' "$*"; }
+run() { "$build/examples/$1" "${@:2}"; }
+
+title 'The keystore: another process, over a Unix socket'
+printf '  service: process %s at %s\n' "$(cat "$KS_SESSION_DIR/ksd.pid")" "$KS_SOCKET"
+run device 2>&1
+
+title 'Secrets: stored, found by walking the table, described'
+run secrets store
+run secrets list
+
+title 'The service is killed with SIGKILL and started again: nothing is lost'
+before=$(cat "$KS_SESSION_DIR/ksd.pid")
+kill -KILL "$before"
+run secrets list
+printf '  these came from process %s, after %s was killed\n' "$(cat "$KS_SESSION_DIR/ksd.pid")" "$before"
+
+title 'Secrets: renamed and cleared'
+run secrets rename
+run secrets clear
+
+title 'Cryptography on keys that never leave the service'
+run crypto
+
+title 'The PAC cache: written by one process, read by another, emptied by a third'
+run cache write
+run cache read
+run cache purge
+
+title 'PACs: what each step costs in messages to the keystore'
+run pac
+
+printf '\nDone. What was shown is in examples/; ./dev help lists what else there is.\n'

@@ -1,0 +1,80 @@
+// example.h: what the examples share: starting the library, giving up with a reason, and showing bytes.
+#ifndef EXAMPLES_EXAMPLE_H
+#define EXAMPLES_EXAMPLE_H
+
+#include <ks_api.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace example {
+
+using Bytes = std::vector<uint8_t>;
+
+// start starts the library, or says which socket was tried and what to do.
+inline void start() {
+  if (ks_init(0, 0xe0a1, 0) == KS_SUCCESS) return;
+  const char *socket = std::getenv("KS_SOCKET");
+  std::fprintf(stderr,
+               "no keystore service answers at %s\n"
+               "start one with `ksd`, or run this under a private one: `ks-session -- COMMAND`\n",
+               socket != nullptr ? socket : "/run/ks/ksd.sock");
+  std::exit(1);
+}
+
+// require gives up unless `result` is success.
+inline void require(KsResult result, const char *what) {
+  if (result == KS_SUCCESS) return;
+  std::fprintf(stderr, "%s failed: %s (%u)\n", what, kserr2str(result), result);
+  std::exit(1);
+}
+
+inline std::string hex(const uint8_t *bytes, size_t size) {
+  std::string out;
+  char digits[3];
+  for (size_t i = 0; i < size; ++i) {
+    std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
+    out += digits;
+  }
+  return out;
+}
+
+inline std::string hex(const Bytes &bytes) {
+  return hex(bytes.data(), bytes.size());
+}
+
+inline Bytes from_hex(const std::string &digits) {
+  Bytes out;
+  for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+    out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  }
+  return out;
+}
+
+inline Bytes of_text(const std::string &text) {
+  return Bytes(text.begin(), text.end());
+}
+
+// compare shows a value, and gives up when it isn't the published one.
+inline void compare(const char *what, const std::string &value, const std::string &published) {
+  std::printf("  %s\n    %s\n", what, value.c_str());
+  if (value != published) {
+    std::printf("    NOT the published %s\n", published.c_str());
+    std::exit(1);
+  }
+  std::puts("    equal to the published value");
+}
+
+// keep stores a secret under `name`.
+inline void keep(const char *name, const Bytes &secret, const std::string &metadata = "") {
+  require(ks_store_secret_and_metadata(name, nullptr, secret.data(), static_cast<uint16_t>(secret.size()),
+                                       metadata.empty() ? nullptr : reinterpret_cast<const uint8_t *>(metadata.data()),
+                                       static_cast<uint16_t>(metadata.size())),
+          "storing a secret");
+}
+
+}  // namespace example
+
+#endif

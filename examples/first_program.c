@@ -1,0 +1,15 @@
+#include <ks_api.h>
+#include <stdio.h>
+
+int main(void) {
+  uint8_t random[16];
+  KsResult result = ks_init(0, 1, 0);
+  if (result == KS_SUCCESS) result = ks_generate_random_number(random, sizeof random, 0);
+  if (result != KS_SUCCESS) {
+    fprintf(stderr, "keystore: %s\n", kserr2str(result));
+    return 1;
+  }
+  for (size_t i = 0; i < sizeof random; ++i) printf("%02x", random[i]);
+  puts("");
+  return 0;
+}
