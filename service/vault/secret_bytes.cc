@@ -23,7 +23,6 @@ struct GuardedChunk {
   size_t slot_size;
   std::vector<uint16_t> free_slots;
   uint16_t slot_count;
-  bool locked;
   std::list<GuardedChunk>::iterator self;
 };
 
@@ -46,7 +45,6 @@ class GuardedHeap {
     const size_t index = chunk.free_slots.back();
     chunk.free_slots.pop_back();
     if (chunk.free_slots.empty()) slots.full.splice(slots.full.begin(), slots.with_room, chunk.self);
-    ++use_.used_slots;
     return {&chunk, chunk.slots + index * chunk.slot_size};
   }
 
@@ -55,7 +53,6 @@ class GuardedHeap {
     Class &slots = class_of(chunk->slot_size);
     if (chunk->free_slots.empty()) slots.with_room.splice(slots.with_room.begin(), slots.full, chunk->self);
     chunk->free_slots.push_back(static_cast<uint16_t>(static_cast<size_t>(slot - chunk->slots) / chunk->slot_size));
-    --use_.used_slots;
     // One chunk with room stays, so that a secret that comes and goes doesn't map and unmap each time.
     if (chunk->free_slots.size() == chunk->slot_count && slots.with_room.size() > 1) drop_chunk(slots, *chunk);
   }
@@ -94,7 +91,6 @@ class GuardedHeap {
                                   .slot_size = slot_size,
                                   .free_slots = std::vector<uint16_t>(slot_count),
                                   .slot_count = static_cast<uint16_t>(slot_count),
-                                  .locked = locked,
                                   .self = {}});
     } catch (...) {
       munmap(mapping, mapping_size);
