@@ -23,8 +23,8 @@ enum class Release : uint8_t {
   kMetadataOnly,  // the list and both messages stay for good
 };
 
-// DIFFERS(opaque-walk-release): every end but these three groups would release alike, and does in ks_return_pac_info
-// but for the messages; platforms that account for messages and memory expect what is left here.
+// DIFFERS(opaque-walk-release): ks_return_pac_info frees every buffer whatever the damage; here it decides what goes
+// and when. Platforms that account for messages and memory expect what is left.
 constexpr Release release_after(ks::PacWalk end) {
   switch (end) {
     case ks::PacWalk::kMultipleInfos:
