@@ -5,11 +5,7 @@ namespace ks {
 KsResult aid_request(const uint8_t *aid, size_t aid_len, KsSection *section, KsNameDescriptor *descriptor) {
   void *name = aid_len <= KS_PAC_NAME_MAX ? new_wire_name(KS_NAME_TAG_PAC, aid, aid_len)
                                           : new_exact_wire_name(KS_NAME_TAG_PAC, aid, aid_len);
-  if (name == nullptr) return KS_NO_MEMORY;
-  descriptor->name_len = wire_len(aid_len);
-  descriptor->name_offset = sizeof *descriptor;
-  *section = {name, descriptor->name_len};
-  return KS_SUCCESS;
+  return place_name(name, aid_len, section, descriptor);
 }
 
 uint8_t *new_cache_name(const uint8_t *aid, uint32_t aid_len) {

@@ -20,9 +20,7 @@ constexpr uint16_t kUsualReplySize = 4;
 KsResult ks_add_metadata_req(const char *name, const uint8_t *metadata, uint16_t metadata_len, KsSection *sections,
                              KsNameDataDescriptor *descriptor) {
   if (const KsResult begun = ks::name_request(name, sections, descriptor); begun != KS_SUCCESS) return begun;
-  descriptor->data_len = metadata_len;
-  descriptor->data_offset = ks::low16(descriptor->name_len + sizeof *descriptor);
-  sections[1] = {metadata, metadata_len};
+  ks::place_data(metadata, metadata_len, sections, descriptor);
   return KS_SUCCESS;
 }
 

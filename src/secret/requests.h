@@ -13,17 +13,11 @@ inline void *new_secret_name(const char *name, size_t name_len) {
   return new_wire_name(KS_NAME_TAG_SECRET, name, name_len);
 }
 
-// name_request allocates the name and begins a request with it: its section, and the two bytes that the descriptors
-// have for it.
+// name_request allocates the name and begins a request with it.
 template <typename Descriptor>
 KsResult name_request(const char *name, KsSection *sections, Descriptor *descriptor) {
   const size_t name_len = strlen(name);
-  void *wire_name = new_secret_name(name, name_len);
-  if (wire_name == nullptr) return KS_NO_MEMORY;
-  descriptor->name_len = wire_len(name_len);
-  descriptor->name_offset = sizeof *descriptor;
-  sections[0] = {wire_name, descriptor->name_len};
-  return KS_SUCCESS;
+  return place_name(new_secret_name(name, name_len), name_len, sections, descriptor);
 }
 
 }  // namespace ks

@@ -53,6 +53,24 @@ KsWireName *new_wire_name(uint8_t tag, const void *name, size_t name_len);
 // new_exact_wire_name does the same in a buffer that ends with the name.
 void *new_exact_wire_name(uint8_t tag, const void *name, size_t name_len);
 
+// place_name begins a request with a wire name that was just allocated: its section, and the two bytes that descriptors
+// have for it. W, the length of a name on the wire, is the descriptor's name_len from here on.
+template <typename Descriptor>
+KsResult place_name(void *wire_name, size_t name_len, KsSection *sections, Descriptor *descriptor) {
+  if (wire_name == nullptr) return KS_NO_MEMORY;
+  descriptor->name_len = wire_len(name_len);
+  descriptor->name_offset = sizeof *descriptor;
+  sections[0] = {wire_name, descriptor->name_len};
+  return KS_SUCCESS;
+}
+
+// place_data ends a request of a name and one data section.
+inline void place_data(const void *data, uint16_t data_len, KsSection *sections, KsNameDataDescriptor *descriptor) {
+  descriptor->data_len = data_len;
+  descriptor->data_offset = low16(descriptor->name_len + sizeof *descriptor);
+  sections[1] = {data, data_len};
+}
+
 // SectionList holds a request's section list, and on leaving frees the buffers that the request's builder put into it,
 // in their order, and then itself.
 class SectionList {
