@@ -9,6 +9,10 @@ function(ks_runtime_sources target)
     -U_FORTIFY_SOURCE
     # The order and kind of allocations is promised: the compiler must not merge or remove them.
     -fno-builtin-malloc -fno-builtin-calloc -fno-builtin-free)
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    # Arguments are pushed here, and without a frame pointer the unwind tables note each push: a fifth of the library.
+    target_compile_options(${target} PRIVATE -fno-omit-frame-pointer)
+  endif()
 endfunction()
 
 # ks_runtime_library(TARGET SONAME_VERSION MAP): how such a target is linked: by the C driver, so that no C++ runtime is
