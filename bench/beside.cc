@@ -2,6 +2,7 @@
 
 #include <sched.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -35,7 +36,7 @@ void add_default(std::vector<std::string> &arguments, const std::string &flag, c
 }
 
 void place(pid_t thread, const cpu_set_t &cores) {
-  if (sched_setaffinity(thread, sizeof cores, &cores) == 0) return;
+  if (sched_setaffinity(thread, sizeof cores, &cores) == 0 || errno == ESRCH) return;  // gone since it was listed
   std::perror("sched_setaffinity");
   std::exit(1);
 }
