@@ -45,6 +45,7 @@ class GuardedHeap {
     const size_t index = chunk.free_slots.back();
     chunk.free_slots.pop_back();
     if (chunk.free_slots.empty()) slots.full.splice(slots.full.begin(), slots.with_room, chunk.self);
+    ++use_.used_slots;
     return {&chunk, chunk.slots + index * chunk.slot_size};
   }
 
@@ -53,6 +54,7 @@ class GuardedHeap {
     Class &slots = class_of(chunk->slot_size);
     if (chunk->free_slots.empty()) slots.with_room.splice(slots.with_room.begin(), slots.full, chunk->self);
     chunk->free_slots.push_back(static_cast<uint16_t>(static_cast<size_t>(slot - chunk->slots) / chunk->slot_size));
+    --use_.used_slots;
     // One chunk with room stays, so that a secret that comes and goes doesn't map and unmap each time.
     if (chunk->free_slots.size() == chunk->slot_count && slots.with_room.size() > 1) drop_chunk(slots, *chunk);
   }
