@@ -19,13 +19,14 @@ namespace {
 // alone travels, in front of a buffer of exactly its length, and nothing bounds it. Services ignore the byte.
 constexpr uint8_t kLinkedNameLen = 1;
 
-// WireNames are the buffers of a request, all of them or none.
+// WireNames are the buffers of a request.
 struct WireNames {
   void *old_name = nullptr;
   void *new_name = nullptr;
   void *linked_name = nullptr;  // stays null without a linked name
 };
 
+// allocate makes all of them, or tells that it kept none.
 bool allocate(WireNames *names, const char *old_name, const char *new_name, const char *linked_name) {
   const size_t linked_len = linked_name == nullptr ? 0 : strlen(linked_name);
   names->old_name = ks::new_secret_name(old_name, strlen(old_name));
@@ -36,7 +37,6 @@ bool allocate(WireNames *names, const char *old_name, const char *new_name, cons
   if (names->new_name != nullptr && (linked_len == 0 || names->linked_name != nullptr)) return true;
   free(names->old_name);
   free(names->new_name);
-  *names = {};
   return false;
 }
 
