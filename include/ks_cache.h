@@ -70,7 +70,8 @@ KS_EXPORT uint32_t sksd_sdb_write(const void *key, uint32_t key_size, const void
 /* sksd_sdb_delete removes `key` and completes that. Returns 0, or the code of the step that failed. */
 KS_EXPORT uint32_t sksd_sdb_delete(const void *key, uint32_t key_size);
 
-/* The entry functions name a PAC by its KsWireName and the length of that, the A-ID's length plus 4.
+/* The entry functions name a PAC by its KsWireName and the length of that, the A-ID's length plus 4. Pointers to
+ * results are not tested, but for the `metadata` of ks_cache_read_pac.
  *
  * KS_INVALID_ARGS: `name` is NULL, or `name_len` is 0 or above 35. */
 

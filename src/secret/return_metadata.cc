@@ -27,7 +27,8 @@ KsResult ks_return_metadata_resp(uint16_t, const void *payload, uint8_t **metada
 }
 
 KsResult ks_return_metadata(const char *name, uint8_t **metadata, uint16_t *metadata_len) {
-  // DIFFERS(return-metadata-null-length): the length is the one output that nobody tests; a null faults on success.
+  // DIFFERS(return-metadata-null-length): the length is the one output that isn't tested; a null faults on success, by
+  // which callers' test programs find a forgotten one.
   if (!ks::is_name(name) || metadata == nullptr) {
     KS_TRACE(KS_SUBTYPE_NORMAL, "Invalid Arguments \n");
     return KS_INVALID_ARGS;
