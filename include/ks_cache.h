@@ -92,10 +92,11 @@ KS_EXPORT KsResult ks_cache_pac_write(const void *name, uint32_t name_len, const
  * is KS_SUCCESS. */
 KS_EXPORT KsResult ks_cache_read_pac(const void *name, uint32_t name_len, uint8_t **metadata, uint16_t *meta_len);
 
-/* ks_cache_find_pac tells whether the caller's VDC has an entry for `aid`, of 1 to 31 bytes: `*found` becomes 1 when
- * the result is KS_SUCCESS and 0 otherwise, which is KS_NOT_FOUND or what ks_cache_read_pac answers.
+/* ks_cache_find_pac tells whether the caller's VDC has an entry for `aid`, of 1 to 31 bytes, which is not tested for
+ * NULL: `*found` becomes 1 when the result is KS_SUCCESS and 0 otherwise, which is KS_NOT_FOUND or what
+ * ks_cache_read_pac answers.
  *
- * KS_NO_MEMORY: `*found` is as it was. */
+ * KS_INVALID_ARGS: `aid_len` is above 31. KS_NO_MEMORY: `*found` is as it was. */
 KS_EXPORT KsResult ks_cache_find_pac(const void *aid, uint32_t aid_len, uint32_t *found);
 
 /* ks_cache_pac_clear deletes the PAC's entry, and the T-PRF result in it.
