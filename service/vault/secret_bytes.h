@@ -42,7 +42,7 @@ class SecretBytes {
 // GuardedMemoryUse tells how much guarded memory there is, and whether the kernel let all of it be locked.
 struct GuardedMemoryUse {
   size_t mapped_bytes = 0;
-  size_t used_slots = 0;  // by which tests see that memory is given back
+  size_t used_slots = 0;   // by which tests see that memory is given back
   bool all_locked = true;  // false once a lock was refused (RLIMIT_MEMLOCK): such memory could be swapped
 };
 

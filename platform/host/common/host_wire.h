@@ -36,11 +36,11 @@ KS_STATIC_ASSERT(sizeof(HostWireHeader) == 32);
 /* HostHelloReply answers HOST_OP_HELLO, whose request has no payload. Texts are NUL-terminated. A service that turns
  * the caller away may send the result alone, or close the connection. */
 typedef struct {
-  uint32_t result; /* KS_SUCCESS */
-  uint32_t vdc_id; /* the caller's, or HOST_NO_VDC */
-  uint32_t receive_limit_ms;  /* 0: the client's default, 30 s */
-  uint32_t service_version;   /* major * 256 + minor */
-  char running_cfg_uri[224];  /* below which the caller's databases lie: "lmdb:///dir"; empty for none */
+  uint32_t result;           /* KS_SUCCESS */
+  uint32_t vdc_id;           /* the caller's, or HOST_NO_VDC */
+  uint32_t receive_limit_ms; /* 0: the client's default, 30 s */
+  uint32_t service_version;  /* major * 256 + minor */
+  char running_cfg_uri[224]; /* below which the caller's databases lie: "lmdb:///dir"; empty for none */
 } HostHelloReply;
 
 #define HOST_NO_VDC UINT32_C(0xffff)
@@ -83,7 +83,7 @@ enum { HOST_RING_REPORT = 1, HOST_RING_MTS_EVENT = 2, HOST_RING_CONTINUED = 3 };
 
 typedef struct {
   uint64_t sequence; /* position + 1 when complete; with the top bit set while being written; 0: never used */
-  uint64_t time_ns;  /* CLOCK_REALTIME */
+  uint64_t time_ns;  /* CLOCK_REALTIME; of a message event, the last tick of it */
   uint16_t kind;     /* HOST_RING_... */
   uint16_t length;   /* bytes of the whole record in its first slot, of the rest in the slots that continue it */
   uint32_t thread;   /* of the first slot; 0 in the others */

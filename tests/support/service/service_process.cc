@@ -174,7 +174,9 @@ void ServiceProcess::pause() {
   if (waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED) < 0) fail("waitid");
 }
 
-void ServiceProcess::resume() { signal(SIGCONT); }
+void ServiceProcess::resume() {
+  signal(SIGCONT);
+}
 
 void ServiceProcess::reload(const std::string &config) {
   write_config(config);
