@@ -267,8 +267,8 @@ TEST(SecretStore, LosesNothingAcknowledgedWhenKilled) {
       for (size_t c = 0; c < kClients; ++c) {
         clients.emplace_back([&, c, seed = random()] {
           std::mt19937 mine(seed);
-          Client client(service, 7);
           try {
+            Client client(service, 7);  // which may come after the kill
             for (;;) {
               const std::string name = std::to_string(c) + "-" + std::to_string(mine() % 5);
               const std::string content = std::to_string(mine());
