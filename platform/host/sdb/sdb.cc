@@ -29,7 +29,7 @@ const KsSdbDatum *read_value(Thread *thread, const char *uri, const KsSdbDatum *
   if (*out_code != kOk) return nullptr;
 
   MDB_val wanted{key->size, const_cast<void *>(key->data)};
-  MDB_val stored;
+  MDB_val stored{};
   const int result = guarded(thread, [&] { return mdb_get(seat->reader, seat->database->entries, &wanted, &stored); });
   *out_code = result == 0 ? copy_stored(thread, stored) : code_of_lmdb(result);
   end_read(seat);

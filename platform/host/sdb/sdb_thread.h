@@ -18,7 +18,7 @@ namespace sdb {
 struct Database;
 
 constexpr size_t kMaxKeySize = 511;  // LMDB's own limit
-constexpr size_t kMaxValueSize = 1024 * 1024;
+constexpr size_t kMaxValueSize = size_t{1024} * 1024;
 
 // Buffer is memory that is kept from call to call and only ever grows.
 struct Buffer {

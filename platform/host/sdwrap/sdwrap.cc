@@ -16,6 +16,7 @@
 #include "host_state.h"
 #include "ring.h"
 
+// NOLINTNEXTLINE(readability-redundant-declaration): the header has no visibility to give.
 KS_EXPORT char sdwrap_dbg_modname[];
 char sdwrap_dbg_modname[] = "ks";
 
