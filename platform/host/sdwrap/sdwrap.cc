@@ -128,8 +128,8 @@ KS_EXPORT int sdwrap_hist_event(uint32_t, uint32_t length, const void *record) {
 
 KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *, uint32_t result, uint32_t) {
   const KeepsErrno keeps;
-  // Two of these go with every exchange, and the exact clock costs several times the record: their order is exact, their
-  // time that of the last tick.
+  // Two of these go with every exchange, and the exact clock costs several times the record: their order is exact,
+  // their time that of the last tick.
   const uint64_t now = now_ns(CLOCK_REALTIME_COARSE);
   const HostRingMtsEvent event = {.direction = direction, .result = result};
   sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, now);
