@@ -78,7 +78,7 @@ TEST_F(Mts, NeverSendsTwiceWhatMayHaveBeenDelivered) {
 }
 
 TEST_F(Mts, GivesUpAtTheServicesLimitAndForgetsTheLateReply) {
-  service.hello.receive_limit_ms = 40;
+  service.hello.receive_limit_ms = 400;
   service.handler = [&](int socket, const FakeService::Request &request) {
     if (request.payload != Octets{1}) return FakeService::echo(socket, request);
     held.wait();

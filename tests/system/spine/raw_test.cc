@@ -253,7 +253,7 @@ TEST(Flood, OfOneClientDoesntKeepOthersFromTheirReplies) {
 }
 
 TEST(Silence, EndsAConnectionThatNeverSpokeAndNoOther) {
-  ServiceProcess service(with_config("[service]\nsilence_limit_ms = 50\n"));
+  ServiceProcess service(with_config("[service]\nsilence_limit_ms = 500\n"));
   RawClient spoke(service.socket());
   spoke.hello();
   RawClient silent(service.socket());
