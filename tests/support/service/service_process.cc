@@ -42,14 +42,6 @@ int status_of(int wait_status) {
   return WIFSIGNALED(wait_status) ? -WTERMSIG(wait_status) : WEXITSTATUS(wait_status);
 }
 
-int wait_for(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) fail("waitpid");
-  }
-  return status_of(status);
-}
-
 std::vector<char *> pointers(std::vector<std::string> &texts) {
   std::vector<char *> result;
   for (std::string &text : texts) result.push_back(text.data());
@@ -267,7 +259,15 @@ ProgramRun run_ksd(const std::vector<std::string> &arguments) {
   return run_program(all);
 }
 
-int run_as(uid_t uid, gid_t gid, const std::function<int()> &body) {
+int wait_for(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) fail("waitpid");
+  }
+  return status_of(status);
+}
+
+pid_t start_as(uid_t uid, gid_t gid, const std::function<int()> &body) {
   const pid_t pid = fork();
   if (pid < 0) fail("fork");
   if (pid == 0) {
@@ -279,7 +279,11 @@ int run_as(uid_t uid, gid_t gid, const std::function<int()> &body) {
       _exit(125);
     }
   }
-  return wait_for(pid);
+  return pid;
+}
+
+int run_as(uid_t uid, gid_t gid, const std::function<int()> &body) {
+  return wait_for(start_as(uid, gid, body));
 }
 
 }  // namespace ks_test

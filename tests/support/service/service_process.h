@@ -100,8 +100,15 @@ ProgramRun run_program(const std::vector<std::string> &arguments,
 // run_ksd runs the service to its end, as for --check or a start that fails.
 ProgramRun run_ksd(const std::vector<std::string> &arguments);
 
-// run_as runs `body` in a child of that user and group with no further groups, and returns its exit status. For tests
-// of several users, which need root.
+// wait_for waits for the end of a child and returns its exit status, or the signal that ended it, below 0.
+int wait_for(pid_t pid);
+
+// start_as runs `body` in a child of that user and group with no further groups; its result is the child's exit status.
+// For tests of several users, which need root. The caller has one thread: in the child of more, a sanitizer's allocator
+// may wait for ever for a lock that a thread held which isn't there any more.
+pid_t start_as(uid_t uid, gid_t gid, const std::function<int()> &body);
+
+// run_as is start_as and wait_for.
 int run_as(uid_t uid, gid_t gid, const std::function<int()> &body);
 
 }  // namespace ks_test

@@ -31,6 +31,8 @@ using ks_test::RawReply;
 using ks_test::run_as;
 using ks_test::ServiceProcess;
 using ks_test::ServiceSetup;
+using ks_test::start_as;
+using ks_test::wait_for;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -172,12 +174,11 @@ TEST(SecretStore, KeepsUsersApartWhoUseItAtOnce) {
     }
     return 0;
   };
-  std::vector<std::future<int>> ends;
+  std::vector<pid_t> users;
   for (const unsigned vdc : {3u, 4u, 5u}) {
-    ends.push_back(
-        std::async(std::launch::async, [&act, vdc] { return run_as(23453 + vdc, 23453, [&] { return act(vdc); }); }));
+    users.push_back(start_as(23453 + vdc, 23453, [&act, vdc] { return act(vdc); }));
   }
-  for (auto &end : ends) EXPECT_EQ(end.get(), 0);
+  for (const pid_t user : users) EXPECT_EQ(wait_for(user), 0);
 
   Client administrator(service, 3);
   EXPECT_EQ(administrator.walk().size(), 60u);
