@@ -27,11 +27,11 @@ class RandomPool {
   }
 
  private:
-  // One call of up to 256 bytes is neither interrupted nor cut short; the loop is for the sake of other kernels.
+  // Calls of more than 256 bytes may be interrupted or cut short.
   bool refill() {
     size_t filled = 0;
     while (filled < pool_.size()) {
-      const ssize_t got = getrandom(pool_.data() + filled, std::min<size_t>(256, pool_.size() - filled), 0);
+      const ssize_t got = getrandom(pool_.data() + filled, pool_.size() - filled, 0);
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;
       filled += static_cast<size_t>(got);
