@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <new>
 
+#include "host_datagram.h"
+
 namespace ksd {
 namespace {
 
@@ -59,12 +61,12 @@ std::optional<Peer> peer_of(int socket) {
 }
 
 Connection::Connection(Service &service, const Dispatcher &dispatcher, int socket, Peer peer)
-    : service_(service),
+    : socket_(socket),
+      buffer_(map_buffer()),
+      service_(service),
       dispatcher_(dispatcher),
-      socket_(socket),
-      peer_(std::move(peer)),
       config_generation_(service.config_generation()),
-      buffer_(map_buffer()) {
+      peer_(std::move(peer)) {
   config_ = service_.config();
   caller_ = config_->identify(peer_.uid, peer_.gid, peer_.pid, peer_.further_groups);
   make_room_for_replies(socket_);
@@ -91,7 +93,7 @@ void Connection::serve() {
 // sent along are dropped by the kernel, since no room is offered for them.
 std::optional<size_t> Connection::receive() {
   while (true) {
-    const ssize_t size = recv(socket_, buffer_, HOST_WIRE_MAX_DATAGRAM, MSG_TRUNC);
+    const ssize_t size = host::receive_datagram(socket_, buffer_, HOST_WIRE_MAX_DATAGRAM, MSG_TRUNC);
     if (size > 0 || (size == 0 && !peer_left())) {
       if (silent_so_far_) set_timeout(socket_, SO_RCVTIMEO, 0);
       silent_so_far_ = false;
@@ -167,7 +169,7 @@ bool Connection::send(const HostWireHeader &request) {
   header.payload_size = static_cast<uint32_t>(reply_.payload().size());
   reply_.header(header);
   const std::span<uint8_t> datagram = reply_.datagram();
-  while (::send(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0) {
+  while (host::send_datagram(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0) {
     if (errno == EINTR) continue;
     if (errno == EAGAIN) {
       service_.counters.add(Event::kUnread);

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host_datagram.h"
+
 namespace host {
 
 SocketPath::SocketPath() : text{} {
@@ -76,7 +78,7 @@ bool greet(int socket, HostHelloReply *hello) {
                                   .payload_size = 0};
   ssize_t sent;
   do {
-    sent = send(socket, &request, sizeof request, MSG_NOSIGNAL);
+    sent = send_datagram(socket, &request, sizeof request, MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   if (sent < 0) return false;
 
@@ -150,11 +152,11 @@ int connect_to_service(const char *path, HostHelloReply *hello) {
 ssize_t receive(int socket, void *buffer, size_t size, uint32_t limit_ms) {
   const int64_t deadline = now_ms() + limit_ms;
   // MSG_TRUNC: a datagram's own size is returned, so that a cut one shows.
-  ssize_t received = recv(socket, buffer, size, MSG_TRUNC);
+  ssize_t received = receive_datagram(socket, buffer, size, MSG_TRUNC);
   // The socket's limit would begin anew with each signal: from the first one on, the wait has an end of its own.
   while (received < 0 && errno == EINTR) {
     if (!wait_readable(socket, deadline)) return -1;
-    received = recv(socket, buffer, size, MSG_TRUNC | MSG_DONTWAIT);
+    received = receive_datagram(socket, buffer, size, MSG_TRUNC | MSG_DONTWAIT);
     if (received < 0 && errno == EAGAIN) errno = EINTR;  // taken by nobody else, but readiness is only a hint
   }
   if (received < 0) {

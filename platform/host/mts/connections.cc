@@ -50,7 +50,7 @@ constinit std::atomic<KnownPath *> current_path{nullptr};
 
 // Threads keep to a connection: the kernel then keeps the thread and its partner in the service on one processor. The
 // model spares a dependency on the dynamic linker.
-__attribute__((tls_model("initial-exec"))) constinit thread_local uint32_t preferred_index = 0;
+__attribute__((tls_model("initial-exec"))) constinit thread_local Slot *preferred = nullptr;
 
 uint32_t state_of(uint32_t word) {
   return word & kStateMask;
@@ -117,6 +117,7 @@ Slot *slot_made(Pool *pool, uint32_t index) {
   for (uint32_t i = 0; i < kChunkSlots; i++) {
     new (&chunk[i]) Slot{};
     chunk[i].index = first + i;
+    chunk[i].generation = pool->generation;
     chunk[i].word.store(first_serial << kStateBits | kEmpty, std::memory_order_relaxed);
     chunk[i].socket = -1;
   }
@@ -161,6 +162,18 @@ Slot *take_empty(Pool *pool) {
   return nullptr;
 }
 
+__attribute__((noinline)) Slot *take_other() {
+  Pool *pool = own_pool();
+  if (pool == nullptr) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  Slot *slot = take_idle(pool);
+  if (slot == nullptr) slot = take_empty(pool);
+  if (slot != nullptr) preferred = slot;
+  return slot;
+}
+
 // Requests and replies hold secrets; the pages are not a child's to inherit either.
 uint8_t *make_buffer() {
   void *fresh = mmap(nullptr, HOST_WIRE_MAX_DATAGRAM, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -196,17 +209,10 @@ void use_service_path() {
 }
 
 Slot *take() {
-  Pool *pool = own_pool();
-  if (pool == nullptr) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  Slot *slot = slot_at(pool, preferred_index);
-  if (slot != nullptr && take_from(slot, kIdle)) return slot;
-  slot = take_idle(pool);
-  if (slot == nullptr) slot = take_empty(pool);
-  if (slot != nullptr) preferred_index = slot->index;
-  return slot;
+  Slot *slot = preferred;
+  // A slot of before a fork is its parent's.
+  if (slot != nullptr && slot->generation == host::fork_generation() && take_from(slot, kIdle)) return slot;
+  return take_other();
 }
 
 bool open(Slot *slot) {
@@ -244,13 +250,21 @@ void await_reply(Slot *slot) {
   set_state(slot, kAwaiting);
 }
 
+Slot *slot_of(uint32_t token) {
+  const uint32_t index = token & ((UINT32_C(1) << kIndexBits) - 1);
+  Slot *slot = preferred;
+  if (slot != nullptr && slot->index == index && slot->generation == host::fork_generation()) return slot;
+  const Pool *pool = own_pool();
+  return pool == nullptr ? nullptr : slot_at(pool, index);
+}
+
 Slot *resume(uint32_t token) {
-  Pool *pool = own_pool();
-  if (pool == nullptr) return nullptr;
-  Slot *slot = slot_at(pool, token & ((UINT32_C(1) << kIndexBits) - 1));
+  Slot *slot = slot_of(token);
   if (slot == nullptr) return nullptr;
   uint32_t awaiting = token >> kIndexBits << kStateBits | kAwaiting;
   const uint32_t owned = with_state(awaiting, kOwned);
+  // The look first: whoever drops a request whose reply came asks in vain, and an exchange costs more.
+  if (slot->word.load(std::memory_order_relaxed) != awaiting) return nullptr;
   return slot->word.compare_exchange_strong(awaiting, owned, std::memory_order_acq_rel) ? slot : nullptr;
 }
 

@@ -15,18 +15,21 @@
 namespace mts {
 
 // Slot is a place for one connection. `word` is the serial number of the slot's last exchange, shifted left by
-// kStateBits, and its state. The other members belong to the owner.
+// kStateBits, and its state. `index` and `generation` never change; the other members belong to the owner.
 struct alignas(64) Slot {
   std::atomic<uint32_t> word;
   uint32_t index;
-  int socket;        // -1: not open
-  ino_t inode;       // of the socket, by which it is told from a stranger's under the same number
-  const char *path;  // where it is connected, one of service_path's texts
+  uint32_t generation;           // of host::fork_generation
+  int socket;                    // -1: not open
+  std::atomic<uint8_t *> spare;  // a block for a small reply, or null; the owner takes it, anybody may put one there
+  ino_t inode;                   // of the socket, by which it is told from a stranger's under the same number
+  const char *path;              // where it is connected, one of service_path's texts
   uint32_t receive_limit_ms;
   uint32_t opcode;     // of the exchange in progress
   size_t buffer_used;  // bytes of `buffer` that may hold something of an exchange
   uint8_t *buffer;     // HOST_WIRE_MAX_DATAGRAM bytes, mapped: touched as far as messages go
 };
+static_assert(sizeof(Slot) == 64, "an exchange is to touch one cache line of it");
 
 // use_service_path reads from the environment where the service is; all connections go there from now on.
 void use_service_path();
@@ -46,6 +49,9 @@ uint32_t next_token(Slot *slot);
 
 // await_reply leaves the slot to whoever resumes it under the token.
 void await_reply(Slot *slot);
+
+// slot_of gives the slot that the token is of, whoever owns it. Null when this process has no such slot.
+Slot *slot_of(uint32_t token);
 
 // resume gives the slot back to the holder of the token, once. Null when nothing is awaited under it in this process.
 Slot *resume(uint32_t token);

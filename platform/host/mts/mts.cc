@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "connections.h"
+#include "host_datagram.h"
 #include "host_socket.h"
 
 namespace {
@@ -51,7 +52,9 @@ constexpr uint32_t kSent = 0x73746d31;
 constexpr uint32_t kReceived = 0x72746d31;
 constexpr uint32_t kDropped = 0x64746d31;
 
-struct Message {
+// Message is read and written where it lies, field by field: a copy as a whole would wait for the fields that were
+// written last.
+struct __attribute__((packed, may_alias)) Message {
   uint32_t kind;
   uint32_t token;
   uint32_t payload_size;
@@ -59,14 +62,11 @@ struct Message {
 };
 static_assert(sizeof(Message) <= sizeof(KsMtsMessage));
 
-Message load(const KsMtsMessage *from) {
-  Message message = {};
-  if (from != nullptr) memcpy(&message, from->bytes, sizeof message);
-  return message;
+Message *content(KsMtsMessage *message) {
+  return reinterpret_cast<Message *>(message->bytes);
 }
-
-void store(KsMtsMessage *to, const Message &message) {
-  memcpy(to->bytes, &message, sizeof message);
+const Message *content(const KsMtsMessage *message) {
+  return reinterpret_cast<const Message *>(message->bytes);
 }
 
 // ---- Requests.
@@ -112,7 +112,7 @@ ssize_t send_copied(Slot *slot, const Request &request) {
     end = append(end, request.sections[i].data, request.sections[i].length);
   }
   slot->buffer_used = static_cast<size_t>(end - slot->buffer);
-  return send(slot->socket, slot->buffer, slot->buffer_used, MSG_NOSIGNAL);
+  return host::send_datagram(slot->socket, slot->buffer, slot->buffer_used, MSG_NOSIGNAL);
 }
 
 iovec piece(const void *data, size_t size) {
@@ -160,6 +160,30 @@ int send_on(Slot *slot, const Request &request) {
   return send_request(slot, request);
 }
 
+// ---- Payloads. Each is a heap block of its own, so that a message which is never dropped costs its memory only.
+// Blocks of small replies go back to the slot, which saves the next exchange on it the heap.
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr size_t kSmallPayload = 0;  // no block is used again, so that a look at a dropped reply shows
+#else
+constexpr size_t kSmallPayload = 128;
+#endif
+
+void *take_block(Slot *slot, size_t size) {
+  if (size > kSmallPayload) return malloc(size);
+  uint8_t *spare = slot->spare.load(std::memory_order_acquire);
+  if (spare == nullptr) return malloc(kSmallPayload);
+  slot->spare.store(nullptr, std::memory_order_relaxed);
+  return spare;
+}
+
+void give_block_back(Slot *slot, uint8_t *block, size_t size) {
+  uint8_t *none = nullptr;
+  const bool kept = size <= kSmallPayload && slot != nullptr &&
+                    slot->spare.compare_exchange_strong(none, block, std::memory_order_release);
+  if (!kept) free(block);
+}
+
 // Receives the reply in the slot's buffer and stores it in `reply`, whose payload is a heap block of its own. Returns 0
 // or an error number; only without memory can the connection be used again.
 int receive_reply(Slot *slot, Message *reply) {
@@ -175,7 +199,7 @@ int receive_reply(Slot *slot, Message *reply) {
   const size_t payload_size = size - sizeof(HostWireHeader);
   if (payload_size < sizeof(KsResult)) return EPROTO;
 
-  reply->payload = malloc(payload_size);
+  reply->payload = take_block(slot, payload_size);
   if (reply->payload == nullptr) return ENOMEM;
   memcpy(reply->payload, slot->buffer + sizeof(HostWireHeader), payload_size);
   reply->payload_size = static_cast<uint32_t>(payload_size);
@@ -229,12 +253,12 @@ KS_EXPORT uint32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_
     return failed(error);
   }
   mts::await_reply(slot);
-  store(sent, {.kind = kSent, .token = request.header.token, .payload_size = 0, .payload = nullptr});
+  *content(sent) = {.kind = kSent, .token = request.header.token, .payload_size = 0, .payload = nullptr};
   return 0;
 }
 
 KS_EXPORT uint32_t mts_rr_token_get(const KsMtsMessage *sent) {
-  return load(sent).token;
+  return sent == nullptr ? 0 : content(sent)->token;
 }
 
 KS_EXPORT uint32_t mts_recv(uint32_t queue, KsMtsMessage *received, const KsRecvOptions *options) {
@@ -252,30 +276,31 @@ KS_EXPORT uint32_t mts_recv(uint32_t queue, KsMtsMessage *received, const KsRecv
   }
   mts::give_back(slot);
   if (error != 0) return failed(error);
-  store(received, reply);
+  *content(received) = reply;
   return 0;
 }
 
 KS_EXPORT const void *mts_payload_get(const KsMtsMessage *received) {
-  return load(received).payload;
+  return received == nullptr ? nullptr : content(received)->payload;
 }
 
 KS_EXPORT uint32_t mts_payload_size(const KsMtsMessage *received) {
-  return load(received).payload_size;
+  return received == nullptr ? 0 : content(received)->payload_size;
 }
 
 KS_EXPORT void mts_drop(uint32_t, KsMtsMessage *message) {
-  const Message dropped = load(message);
-  if (dropped.kind == kSent) {
+  if (message == nullptr) return;
+  Message *dropped = content(message);
+  if (dropped->kind == kSent) {
     // Usually nothing: the reply is in. A request whose reply nobody waited for ends its connection.
-    if (Slot *slot = mts::resume(dropped.token)) mts::close_and_give_back(slot);
-  } else if (dropped.kind == kReceived) {
-    explicit_bzero(dropped.payload, dropped.payload_size);  // a reply may hold what a secret stands for
-    free(dropped.payload);
+    if (Slot *slot = mts::resume(dropped->token)) mts::close_and_give_back(slot);
+  } else if (dropped->kind == kReceived) {
+    explicit_bzero(dropped->payload, dropped->payload_size);  // a reply may hold what a secret stands for
+    give_block_back(mts::slot_of(dropped->token), static_cast<uint8_t *>(dropped->payload), dropped->payload_size);
   } else {
     return;
   }
-  store(message, {.kind = kDropped, .token = 0, .payload_size = 0, .payload = nullptr});
+  *dropped = {.kind = kDropped, .token = 0, .payload_size = 0, .payload = nullptr};
 }
 
 KS_EXPORT uint32_t mts_errno_get(uint32_t) {

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -27,18 +28,24 @@ constexpr uint64_t kRetryNs = 1'000'000'000;
 // is no position that a reader expects, and keeps other writers out.
 constexpr uint64_t kBeingWritten = UINT64_C(1) << 63;
 
-// Mapped is the ring of one process.
-struct Mapped {
-  uint32_t generation;  // of host::fork_generation
-  HostRing *ring;
+// Mapped is the ring of the process that has this generation of host::fork_generation. In a child it is its parent's,
+// which isn't mapped there, until the child makes its own.
+struct alignas(64) Mapped {
+  std::atomic<uint32_t> generation;
+  std::atomic<HostRing *> ring;
   char path[host::kSocketPathSize + 64];
-  Mapped *inherited;  // of the process that this one was forked from; not mapped here
 };
 
-constinit std::atomic<Mapped *> current{nullptr};
+constinit Mapped current{};
 // The generation in which a thread is making the ring now, and the time before which nobody tries again.
 constinit std::atomic<uint32_t> making{0};
 constinit std::atomic<uint64_t> next_try_ns{0};
+
+uint64_t read_clock(clockid_t clock) {
+  timespec now;
+  clock_gettime(clock, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
 
 // Field 22 of /proc/self/stat. The second field, the program's name in parentheses, may hold anything.
 unsigned long long start_time() {
@@ -159,45 +166,41 @@ HostRing *make_ring(uint32_t generation) {
   snprintf(folder, sizeof folder, "%.*s/history", slash == nullptr ? 1 : static_cast<int>(slash - socket.text),
            slash == nullptr ? "." : socket.text);
 
-  auto *mapped = static_cast<Mapped *>(calloc(1, sizeof(Mapped)));
-  if (mapped == nullptr) return nullptr;
-  mapped->generation = generation;
-  mapped->inherited = current.load(std::memory_order_acquire);
-  snprintf(mapped->path, sizeof mapped->path, "%s/%d-%llu.ring", folder, getpid(), start_time());
-  const int file = open_ring(mapped->path);
-  if (file >= 0) {
-    mapped->ring = map_ring(file, nullptr);
-    close(file);
-  }
-  if (mapped->ring == nullptr) {
-    free(mapped);
-    return nullptr;
-  }
-  describe(mapped->ring);
-  current.store(mapped, std::memory_order_release);
+  snprintf(current.path, sizeof current.path, "%s/%d-%llu.ring", folder, getpid(), start_time());
+  const int file = open_ring(current.path);
+  if (file < 0) return nullptr;
+  HostRing *ring = map_ring(file, nullptr);
+  close(file);
+  if (ring == nullptr) return nullptr;
+  describe(ring);
+  current.ring.store(ring, std::memory_order_relaxed);
+  current.generation.store(generation, std::memory_order_release);
   remove_old_rings(folder);
-  return mapped->ring;
+  return ring;
 }
 
 // Returns this process's ring, or null: where there can be none, and for a moment while another thread makes it.
-HostRing *own_ring(uint64_t now_ns) {
-  const uint32_t generation = host::fork_generation();
-  const Mapped *mapped = current.load(std::memory_order_acquire);
-  if (mapped != nullptr && mapped->generation == generation) return mapped->ring;
-
-  if (now_ns < next_try_ns.load(std::memory_order_relaxed)) return nullptr;
+__attribute__((noinline, cold)) HostRing *ring_made(uint32_t generation) {
+  const uint64_t now = read_clock(CLOCK_REALTIME_COARSE);
+  if (now < next_try_ns.load(std::memory_order_relaxed)) return nullptr;
   uint32_t maker = making.load(std::memory_order_relaxed);
   if (maker == generation || !making.compare_exchange_strong(maker, generation)) return nullptr;
+  const int caller_errno = errno;
   HostRing *ring = make_ring(generation);
+  errno = caller_errno;
   // What was made is never made again in this process.
   if (ring == nullptr) {
-    next_try_ns.store(now_ns + kRetryNs, std::memory_order_relaxed);
+    next_try_ns.store(now + kRetryNs, std::memory_order_relaxed);
     making.store(0, std::memory_order_release);
   }
   return ring;
 }
 
 // ---- Writing.
+
+HostRingSlot *slot_at(HostRing *ring, uint64_t position) {
+  return &ring->slots[position % HOST_RING_SLOTS];
+}
 
 // A writer that finds the slot in another's hands, or already a lap ahead, was overtaken by 1024 records: its own is
 // among the oldest and is left out.
@@ -211,22 +214,27 @@ void publish(HostRingSlot *slot, uint64_t position) {
   __atomic_store_n(&slot->sequence, position + 1, __ATOMIC_RELEASE);
 }
 
-uint32_t thread_id() {
+uint32_t thread_id(uint32_t generation) {
   struct Cached {
     uint32_t generation;  // the thread that forked has another id in the child
     uint32_t id;
   };
   __attribute__((tls_model("initial-exec"))) static constinit thread_local Cached cached{};
-  const uint32_t generation = host::fork_generation();
   if (cached.generation != generation) cached = {.generation = generation, .id = static_cast<uint32_t>(gettid())};
   return cached.id;
 }
 
 }  // namespace
 
-void record(uint16_t kind, const void *data, size_t length, uint64_t now_ns) {
-  HostRing *ring = own_ring(now_ns);
-  if (ring == nullptr) return;
+uint64_t record(uint16_t kind, const void *data, size_t length, clockid_t clock) {
+  const uint32_t generation = host::fork_generation();
+  HostRing *ring = current.generation.load(std::memory_order_acquire) == generation
+                       ? current.ring.load(std::memory_order_relaxed)
+                       : ring_made(generation);
+  // Between two records the slot has left the cache: it comes back while the clock is read.
+  if (ring != nullptr) __builtin_prefetch(slot_at(ring, __atomic_load_n(&ring->next, __ATOMIC_RELAXED)), 1);
+  const uint64_t now = read_clock(clock);
+  if (ring == nullptr) return now;
   if (length > kMaxRecord) length = kMaxRecord;
   const size_t slots = length == 0 ? 1 : (length + HOST_RING_SLOT_DATA - 1) / HOST_RING_SLOT_DATA;
   const uint64_t first = __atomic_fetch_add(&ring->next, slots, __ATOMIC_RELAXED);
@@ -234,31 +242,33 @@ void record(uint16_t kind, const void *data, size_t length, uint64_t now_ns) {
   // The first slot last: who finds it complete finds the rest complete too.
   for (size_t i = slots; i-- > 0;) {
     const uint64_t position = first + i;
-    HostRingSlot *slot = &ring->slots[position % HOST_RING_SLOTS];
-    if (!enter(slot, position)) return;
+    HostRingSlot *slot = slot_at(ring, position);
+    if (!enter(slot, position)) break;
     const size_t offset = i * HOST_RING_SLOT_DATA;
     const size_t rest = length - offset;
-    slot->time_ns = now_ns;
+    slot->time_ns = now;
     slot->kind = i == 0 ? kind : uint16_t{HOST_RING_CONTINUED};
     slot->length = static_cast<uint16_t>(rest);
-    slot->thread = i == 0 ? thread_id() : 0;
+    slot->thread = i == 0 ? thread_id(generation) : 0;
     const size_t here = rest < HOST_RING_SLOT_DATA ? rest : size_t{HOST_RING_SLOT_DATA};
     if (here > 0) memcpy(slot->data, static_cast<const uint8_t *>(data) + offset, here);
     publish(slot, position);
   }
+  return now;
 }
 
 void keep_ring_visible() {
-  const Mapped *mapped = current.load(std::memory_order_acquire);
+  if (current.generation.load(std::memory_order_acquire) != host::fork_generation()) return;
+  HostRing *ring = current.ring.load(std::memory_order_relaxed);
   struct stat status;
-  if (mapped == nullptr || mapped->generation != host::fork_generation() || lstat(mapped->path, &status) == 0) return;
-  const int file = open_ring(mapped->path);
+  if (lstat(current.path, &status) == 0) return;
+  const int file = open_ring(current.path);
   if (file < 0) return;
   // In one step, at the same address: writers never find the ring away.
-  if (pwrite(file, mapped->ring, sizeof(HostRing), 0) == static_cast<ssize_t>(sizeof(HostRing))) {
-    map_ring(file, mapped->ring);
+  if (pwrite(file, ring, sizeof(HostRing), 0) == static_cast<ssize_t>(sizeof(HostRing))) {
+    map_ring(file, ring);
   } else {
-    unlink(mapped->path);
+    unlink(current.path);
   }
   close(file);
 }

@@ -2,14 +2,17 @@
 #ifndef SDWRAP_RING_H
 #define SDWRAP_RING_H
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 
 namespace sdwrap {
 
 // record writes one record of `kind`, a HOST_RING_ kind, if there is a ring or one can be made: the first record makes
-// it. Takes no lock and waits for nobody. Bytes beyond kMaxRecord are cut.
-void record(uint16_t kind, const void *data, size_t length, uint64_t now_ns);
+// it. Takes no lock and waits for nobody, and leaves errno as it was. Bytes beyond kMaxRecord are cut. Returns the
+// record's time, read from `clock`.
+uint64_t record(uint16_t kind, const void *data, size_t length, clockid_t clock);
 
 inline constexpr size_t kMaxRecord = 516;
 

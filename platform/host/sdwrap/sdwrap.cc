@@ -42,11 +42,17 @@ bool is_open(const Gates &gates, uint32_t number, bool by_default) {
   return host::state_page_mapped() ? looks_open(gates, number) : by_default;
 }
 
-uint64_t now_ns(clockid_t clock) {
-  timespec now;
-  clock_gettime(clock, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
-}
+// The library's functions are called between its caller's own steps: errno is left as it was.
+class KeepsErrno {
+ public:
+  KeepsErrno() : errno_(errno) {}
+  ~KeepsErrno() { errno = errno_; }
+  KeepsErrno(const KeepsErrno &) = delete;
+  KeepsErrno &operator=(const KeepsErrno &) = delete;
+
+ private:
+  int errno_;
+};
 
 // Once a second, of those who come by: has the service come, or made its folder anew?
 void look_after_files(uint64_t now) {
@@ -56,6 +62,7 @@ void look_after_files(uint64_t now) {
   // A clock that was set back is no reason not to look.
   if (now < due && due - now <= kInterval) return;
   if (!next_look.compare_exchange_strong(due, now + kInterval, std::memory_order_relaxed)) return;
+  const KeepsErrno keeps;
   host::refresh_state_page();
   sdwrap::keep_ring_visible();
 }
@@ -98,18 +105,6 @@ size_t format_line(char *out, size_t size, const char *modname, const char *form
   return end + 1;
 }
 
-// The library's functions are called between its caller's own steps: errno is left as it was.
-class KeepsErrno {
- public:
-  KeepsErrno() : errno_(errno) {}
-  ~KeepsErrno() { errno = errno_; }
-  KeepsErrno(const KeepsErrno &) = delete;
-  KeepsErrno &operator=(const KeepsErrno &) = delete;
-
- private:
-  int errno_;
-};
-
 }  // namespace
 
 // The library has one history event, so gates are by subtype alone.
@@ -120,20 +115,16 @@ KS_EXPORT int sdwrap_hist_event_subtype_check(uint32_t, uint32_t subtype) {
 }
 
 KS_EXPORT int sdwrap_hist_event(uint32_t, uint32_t length, const void *record) {
-  const KeepsErrno keeps;
   if (record == nullptr) return 1;
-  sdwrap::record(HOST_RING_REPORT, record, length, now_ns(CLOCK_REALTIME));
+  sdwrap::record(HOST_RING_REPORT, record, length, CLOCK_REALTIME);
   return 0;
 }
 
 KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *, uint32_t result, uint32_t) {
-  const KeepsErrno keeps;
   // Two of these go with every exchange, and the exact clock costs several times the record: their order is exact,
   // their time that of the last tick.
-  const uint64_t now = now_ns(CLOCK_REALTIME_COARSE);
   const HostRingMtsEvent event = {.direction = direction, .result = result};
-  sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, now);
-  look_after_files(now);
+  look_after_files(sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, CLOCK_REALTIME_COARSE));
   return 0;
 }
 

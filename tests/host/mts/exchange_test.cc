@@ -157,19 +157,20 @@ TEST_F(Mts, UsesOneConnectionForAnyNumberOfExchangesInTurn) {
 }
 
 // The connection is free when the reply is in, whatever becomes of the messages.
-TEST_F(Mts, NeedsNoDrops) {
+TEST_F(Mts, NeedsNoDropsAndKeepsEachPayloadUntilItsOwn) {
   const uint32_t queue = bound();
   std::vector<KsMtsMessage> messages(100);
-  for (KsMtsMessage &received : messages) {
+  for (uint8_t i = 0; i < messages.size(); i++) {
     KsMtsMessage sent;
-    ASSERT_EQ(send_sections(queue, {42}, {}, &sent), 0U);
-    ASSERT_EQ(receive_by(queue, mts_rr_token_get(&sent), &received), 0U);
+    ASSERT_EQ(send_sections(queue, {i}, {}, &sent), 0U);
+    ASSERT_EQ(receive_by(queue, mts_rr_token_get(&sent), &messages[i]), 0U);
+    EXPECT_TRUE(works(queue));  // received and dropped between those that are not
   }
 
   EXPECT_EQ(service.connections(), 1U);
-  for (KsMtsMessage &received : messages) {
-    EXPECT_EQ(payload_of(received), (Octets{1, 0, 0, 0, 42}));
-    mts_drop(queue, &received);
+  for (uint8_t i = 0; i < messages.size(); i++) {
+    EXPECT_EQ(payload_of(messages[i]), (Octets{1, 0, 0, 0, i}));
+    mts_drop(queue, &messages[i]);
   }
 }
 
