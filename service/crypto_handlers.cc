@@ -93,9 +93,13 @@ void hash(Service &service, const Request &request, Reply &reply) {
   const auto second = request.section(descriptor->second_offset, descriptor->second_len);
   if (!name || !first || !second || (first->empty() && second->empty())) return reply.result(KS_INVALID_ARGS);
 
+  if (const KsResult allowed = allow_key(service, request, *name, {.algorithm = kAlgorithm}); allowed != KS_SUCCESS) {
+    return reply.result(allowed);
+  }
   Entry entry;
-  const KsResult found = find_key(service, request, *name, {.algorithm = kAlgorithm}, &entry);
-  if (found != KS_SUCCESS) return reply.result(found);
+  if (const KsResult found = find_key(*service.store(), *name, &entry); found != KS_SUCCESS) {
+    return reply.result(found);
+  }
   digest_of<Digest>({*first, entry.secret->bytes(), *second}, reply.data_area(Digest::kDigestSize));
 }
 

@@ -17,16 +17,17 @@ bool has_owner(const EntryName &name, KeyDemand::Owner owner) {
 
 }  // namespace
 
-KsResult find_key(Service &service, const Request &request, const EntryName &name, const KeyDemand &demand,
-                  Entry *out_entry) {
+KsResult allow_key(Service &service, const Request &request, const EntryName &name, const KeyDemand &demand) {
   if (!service.crypto.usable(demand.algorithm)) return KS_CRYPT_ERROR;
   if (!request.caller.may_use(name.vdc_id)) {
     service.refused_name(request.caller);
     return KS_NOT_FOUND;
   }
-  const Store *const store = service.store();
-  if (!store || !has_owner(name, demand.owner)) return KS_NOT_FOUND;
-  std::optional<Entry> entry = store->find(name);
+  return service.store() && has_owner(name, demand.owner) ? KS_SUCCESS : KS_NOT_FOUND;
+}
+
+KsResult find_key(const Store &store, const EntryName &name, Entry *out_entry) {
+  std::optional<Entry> entry = store.find(name);
   if (!entry || !entry->secret) return KS_NOT_FOUND;
   *out_entry = std::move(*entry);
   return KS_SUCCESS;

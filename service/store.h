@@ -2,6 +2,7 @@
 #ifndef SERVICE_STORE_H
 #define SERVICE_STORE_H
 
+#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -57,6 +58,9 @@ class Store {
   // compact rewrites the store without its free space while others go on.
   virtual KsResult compact() = 0;
 
+  // epoch moves on with every change of the table: what was found in an epoch is still so while it lasts.
+  uint64_t epoch() const { return epoch_.load(std::memory_order_acquire); }
+
   struct Usage {
     size_t entries = 0;
     size_t entry_limit = 0;
@@ -64,6 +68,13 @@ class Store {
     bool compaction_helps = false;
   };
   virtual Usage usage() const = 0;
+
+ protected:
+  // begin_epoch is called for a change before any read can find what is new.
+  void begin_epoch() { epoch_.fetch_add(1, std::memory_order_release); }
+
+ private:
+  std::atomic<uint64_t> epoch_{0};
 };
 
 }  // namespace ksd

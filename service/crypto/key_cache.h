@@ -31,6 +31,8 @@ class PreparedKey {
   const Key &operator*() const { return *std::launder(reinterpret_cast<const Key *>(memory_->bytes().data())); }
   const Key *operator->() const { return &**this; }
 
+  const std::shared_ptr<const SecretBytes> &memory() const { return memory_; }
+
  private:
   std::shared_ptr<const SecretBytes> memory_;
 };

@@ -378,6 +378,7 @@ class FileVault final : public Vault {
   void show(const Group &group, const Header &header) noexcept {
     {
       const std::unique_lock lock(state_lock_);
+      begin_epoch();
       state_.table.apply(group.changes());
       state_.ledger = group.ledger();
     }

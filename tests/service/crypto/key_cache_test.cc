@@ -121,6 +121,25 @@ TEST_F(KeysInUse, AreForgottenWhenTheSecretIsReplacedOrRemoved) {
   EXPECT_EQ(encrypt(), refusal(KS_NOT_FOUND));
 }
 
+TEST_F(KeysInUse, AreFoundUnderTheirNewNameOnlyWhenTheSecretIsRenamed) {
+  keystore.keep_secret("k", kKey);
+  EXPECT_EQ(encrypt(), success(kCipher));
+  ASSERT_EQ(keystore.store->rename({KS_NAME_TAG_SECRET, kVdc, "k"}, {KS_NAME_TAG_SECRET, kVdc, "l"}), KS_SUCCESS);
+  EXPECT_EQ(encrypt(), refusal(KS_NOT_FOUND));
+  EXPECT_EQ(aes(KS_OP_AES_ENCRYPT, secret_name("l"), kPlain).of(keystore), success(kCipher));
+  EXPECT_EQ(keystore.service.crypto.keys.size(), 1u);
+}
+
+TEST_F(KeysInUse, AreOfTheirOwnKeystore) {
+  keystore.keep_secret("k", kKey);
+  EXPECT_EQ(encrypt(), success(kCipher));
+  Keystore other;
+  other.keep_secret("k", ByteString(16, 0));
+  const Answer foreign = aes(KS_OP_AES_ENCRYPT, name, kPlain).of(other);
+  EXPECT_EQ(foreign.result, KS_SUCCESS);
+  EXPECT_NE(foreign, success(kCipher));
+}
+
 TEST_F(KeysInUse, AreNotKeptWhenTheSecretIsReplacedBetweenLookUpAndPreparation) {
   keystore.keep_secret("k", kKey);
   keystore.store->after_find = [this] { keystore.keep_secret("k", ByteString(16, 0)); };

@@ -67,6 +67,7 @@ class StoreInMemory : public Store {
     Entry entry{.generation = ++last_generation_,
                 .secret = SecretBytes::copy_of(secret),
                 .metadata = std::make_shared<const ByteString>(metadata.begin(), metadata.end())};
+    begin_epoch();
     const uint64_t before = std::exchange(entries_[key_of(name)], std::move(entry)).generation;
     if (before != 0) retired_(before);
     return KS_SUCCESS;
@@ -76,11 +77,19 @@ class StoreInMemory : public Store {
     const auto at = entries_.find(key_of(name));
     if (at == entries_.end()) return KS_NOT_FOUND;
     const uint64_t generation = at->second.generation;
+    begin_epoch();
     entries_.erase(at);
     retired_(generation);
     return KS_SUCCESS;
   }
-  KsResult rename(const EntryName &, const EntryName &) override { return KS_FAILURE; }
+  KsResult rename(const EntryName &from, const EntryName &to) override {
+    auto moved = entries_.extract(key_of(from));
+    if (!moved) return KS_NOT_FOUND;
+    begin_epoch();
+    moved.key() = key_of(to);
+    entries_.insert(std::move(moved));
+    return KS_SUCCESS;
+  }
   void on_retired(std::function<void(uint64_t)> retired) override { retired_ = std::move(retired); }
   KsResult compact() override { return KS_SUCCESS; }
   Usage usage() const override { return {}; }
