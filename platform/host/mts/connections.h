@@ -21,7 +21,7 @@ struct alignas(64) Slot {
   uint32_t index;
   uint32_t generation;           // of host::fork_generation
   int socket;                    // -1: not open
-  std::atomic<uint8_t *> spare;  // a block for a small reply, or null; the owner takes it, anybody may put one there
+  std::atomic<uint8_t *> spare;  // a block for a reply, or null; the owner takes it, anybody may put one there
   ino_t inode;                   // of the socket, by which it is told from a stranger's under the same number
   const char *path;              // where it is connected, one of service_path's texts
   uint32_t receive_limit_ms;

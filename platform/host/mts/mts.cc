@@ -2,6 +2,7 @@
 // reply. An exchange takes a connection of the pool in mts_send and gives it back in mts_recv.
 #include "mts.h"
 
+#include <malloc.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -160,28 +161,36 @@ int send_on(Slot *slot, const Request &request) {
   return send_request(slot, request);
 }
 
-// ---- Payloads. Each is a heap block of its own, so that a message which is never dropped costs its memory only.
-// Blocks of small replies go back to the slot, which saves the next exchange on it the heap.
+// ---- Payloads. Each is a heap block of its own, so that a message which is never dropped costs its memory only. A
+// dropped one's block stays with the slot, if there is none: it spares the next exchange the heap.
 
 #ifdef __SANITIZE_ADDRESS__
-constexpr size_t kSmallPayload = 0;  // no block is used again, so that a look at a dropped reply shows
+constexpr size_t kKeptPayload = 0;  // no block is used again, so that a look at a dropped reply shows
 #else
-constexpr size_t kSmallPayload = 128;
+constexpr size_t kKeptPayload = 4096;
 #endif
 
+// The caller owns the slot: nobody else takes its spare block.
 void *take_block(Slot *slot, size_t size) {
-  if (size > kSmallPayload) return malloc(size);
+  if (size > kKeptPayload) return malloc(size);
   uint8_t *spare = slot->spare.load(std::memory_order_acquire);
-  if (spare == nullptr) return malloc(kSmallPayload);
-  slot->spare.store(nullptr, std::memory_order_relaxed);
-  return spare;
+  if (spare != nullptr) {
+    slot->spare.store(nullptr, std::memory_order_relaxed);
+    if (malloc_usable_size(spare) >= size) return spare;
+    free(spare);  // so that the larger one stays
+  }
+  return malloc(size);
 }
 
-void give_block_back(Slot *slot, uint8_t *block, size_t size) {
+// Anybody drops: the slot may be in others' hands, or have a spare block by now.
+void give_block_back(uint32_t token, void *block, size_t size) {
+  Slot *slot = size > kKeptPayload ? nullptr : mts::slot_of(token);
   uint8_t *none = nullptr;
-  const bool kept = size <= kSmallPayload && slot != nullptr &&
-                    slot->spare.compare_exchange_strong(none, block, std::memory_order_release);
-  if (!kept) free(block);
+  if (slot != nullptr && slot->spare.compare_exchange_strong(none, static_cast<uint8_t *>(block),
+                                                             std::memory_order_release, std::memory_order_relaxed)) {
+    return;
+  }
+  free(block);
 }
 
 // Receives the reply in the slot's buffer and stores it in `reply`, whose payload is a heap block of its own. Returns 0
@@ -296,7 +305,7 @@ KS_EXPORT void mts_drop(uint32_t, KsMtsMessage *message) {
     if (Slot *slot = mts::resume(dropped->token)) mts::close_and_give_back(slot);
   } else if (dropped->kind == kReceived) {
     explicit_bzero(dropped->payload, dropped->payload_size);  // a reply may hold what a secret stands for
-    give_block_back(mts::slot_of(dropped->token), static_cast<uint8_t *>(dropped->payload), dropped->payload_size);
+    give_block_back(dropped->token, dropped->payload, dropped->payload_size);
   } else {
     return;
   }
