@@ -51,9 +51,10 @@ void place_all_threads(pid_t process, const cpu_set_t &cores) {
 
 int run_beside(int argc, char **argv, const std::vector<Comparison> &comparisons) {
   std::vector<std::string> arguments(argv, argv + argc);
-  add_default(arguments, "--benchmark_repetitions", "9");
+  // Many short turns: a virtual machine is slower by half for seconds at a time, and all are to be hit alike.
+  add_default(arguments, "--benchmark_repetitions", "41");
   add_default(arguments, "--benchmark_enable_random_interleaving", "true");
-  add_default(arguments, "--benchmark_min_time", "0.05");
+  add_default(arguments, "--benchmark_min_time", "0.01");
   add_default(arguments, "--benchmark_report_aggregates_only", "true");
   std::vector<char *> pointers;
   for (std::string &argument : arguments) pointers.push_back(argument.data());
@@ -78,8 +79,8 @@ int run_beside(int argc, char **argv, const std::vector<Comparison> &comparisons
       names += (names.empty() ? "" : " + ") + part;
     }
     if (!complete) continue;
-    std::printf("  %-34s %5.2f times %s", comparison.name.c_str(), reporter.medians[comparison.name] / floor,
-                names.c_str());
+    const double ratio = reporter.medians[comparison.name] / floor;
+    std::printf("  %-34s %5.*f times %s", comparison.name.c_str(), ratio < 1 ? 3 : 2, ratio, names.c_str());
     if (comparison.aim > 0) std::printf(", to stay under %.2f", comparison.aim);
     std::printf("\n");
   }

@@ -48,8 +48,9 @@ void PingPong(benchmark::State &state) {
 void Exchange(benchmark::State &state) {
   exchange(state);
 }
-BENCHMARK(PingPong)->UseRealTime()->Threads(1)->Threads(4)->Threads(8);
-BENCHMARK(Exchange)->UseRealTime()->Threads(1)->Threads(4)->Threads(8);
+// Longer turns: threads and their partners need some milliseconds to settle on the cores.
+BENCHMARK(PingPong)->UseRealTime()->MinTime(0.3)->Repetitions(9)->Threads(1)->Threads(4)->Threads(8);
+BENCHMARK(Exchange)->UseRealTime()->MinTime(0.3)->Repetitions(9)->Threads(1)->Threads(4)->Threads(8);
 
 }  // namespace
 
@@ -65,7 +66,12 @@ int main(int argc, char **argv) {
   }
   return bench::run_beside(argc, argv,
                            {{"ExchangeOnOneCore/real_time", {"PingPongOnOneCore/real_time"}, 1.10},
-                            {"Exchange/real_time/threads:1", {"PingPong/real_time/threads:1"}},
-                            {"Exchange/real_time/threads:4", {"PingPong/real_time/threads:4"}, 1.20},
-                            {"Exchange/real_time/threads:8", {"PingPong/real_time/threads:8"}, 1.20}});
+                            {"Exchange/min_time:0.300/repeats:9/real_time/threads:1",
+                             {"PingPong/min_time:0.300/repeats:9/real_time/threads:1"}},
+                            {"Exchange/min_time:0.300/repeats:9/real_time/threads:4",
+                             {"PingPong/min_time:0.300/repeats:9/real_time/threads:4"},
+                             1.20},
+                            {"Exchange/min_time:0.300/repeats:9/real_time/threads:8",
+                             {"PingPong/min_time:0.300/repeats:9/real_time/threads:8"},
+                             1.20}});
 }

@@ -117,7 +117,12 @@ void BM_SdbDeleteAllByIteration(benchmark::State &state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_SdbDeleteAllByIteration)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+BENCHMARK(BM_SdbDeleteAllByIteration)
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1)
+    ->Repetitions(9);
 
 }  // namespace
 

@@ -213,8 +213,8 @@ void LookUpWhileAnotherStores(benchmark::State &state) {
   const StoringClient other;
   time_median(state);
 }
-BENCHMARK(LookUpWhileIdle)->UseManualTime()->Iterations(5);
-BENCHMARK(LookUpWhileAnotherStores)->UseManualTime()->Iterations(5);
+BENCHMARK(LookUpWhileIdle)->UseManualTime()->Iterations(5)->Repetitions(9);
+BENCHMARK(LookUpWhileAnotherStores)->UseManualTime()->Iterations(5)->Repetitions(9);
 
 }  // namespace
 
@@ -229,13 +229,14 @@ int main(int argc, char **argv) {
   require(ks_init(0, 1, 0) == KS_SUCCESS, "ks_init");
   side_by_side(kEntries, [](unsigned i) { store(name_of('e', i)); });
 
-  return bench::run_beside(
-      argc, argv,
-      {{"StoreNew/real_time", {"PingPongOfAStore/real_time", "WriteAndSync/real_time"}},
-       {"StoreReplacement/real_time", {"PingPongOfAStore/real_time", "WriteAndSync/real_time"}},
-       {"LookUp/real_time", {"PingPongOfALookUp/real_time"}},
-       {"Walk/1/real_time", {"PingPongsOfAWalk/1/real_time"}},
-       {"Walk/100/real_time", {"PingPongsOfAWalk/100/real_time"}},
-       {"Walk/10000/real_time", {"PingPongsOfAWalk/10000/real_time"}},
-       {"LookUpWhileAnotherStores/iterations:5/manual_time", {"LookUpWhileIdle/iterations:5/manual_time"}, 2.00}});
+  return bench::run_beside(argc, argv,
+                           {{"StoreNew/real_time", {"PingPongOfAStore/real_time", "WriteAndSync/real_time"}},
+                            {"StoreReplacement/real_time", {"PingPongOfAStore/real_time", "WriteAndSync/real_time"}},
+                            {"LookUp/real_time", {"PingPongOfALookUp/real_time"}},
+                            {"Walk/1/real_time", {"PingPongsOfAWalk/1/real_time"}},
+                            {"Walk/100/real_time", {"PingPongsOfAWalk/100/real_time"}},
+                            {"Walk/10000/real_time", {"PingPongsOfAWalk/10000/real_time"}},
+                            {"LookUpWhileAnotherStores/iterations:5/repeats:9/manual_time",
+                             {"LookUpWhileIdle/iterations:5/repeats:9/manual_time"},
+                             2.00}});
 }
