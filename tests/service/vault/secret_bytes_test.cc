@@ -66,7 +66,7 @@ TEST(SecretBytes, LivesInMemoryLeftOutOfCoresAndForks) {
 
   EXPECT_TRUE(flags.contains("dd"));
   EXPECT_TRUE(flags.contains("wf"));
-#ifndef __SANITIZE_ADDRESS__  // which turns mlock off
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which turn mlock off
   if (guarded_memory_use().all_locked) {
     EXPECT_TRUE(flags.contains("lo"));
   }
