@@ -44,7 +44,7 @@ using HmacMd5Key = HmacKey<PreparedKind::kHmacMd5, md5_ctx, nettle_md5, MD5_DIGE
 using HmacSha1Key = HmacKey<PreparedKind::kHmacSha1, sha1_ctx, nettle_sha1, SHA1_DIGEST_SIZE>;
 
 // The T-PRF counts its blocks in one byte.
-inline constexpr size_t kTPrfMaxOutput = 255 * HmacSha1Key::kDigestSize;
+inline constexpr size_t kTPrfMaxOutput = size_t{255} * HmacSha1Key::kDigestSize;
 
 // t_prf fills `out`, 1 to kTPrfMaxOutput bytes, whose number is part of what is computed. `label` comes without the
 // zero byte that the function puts between it and the seed.

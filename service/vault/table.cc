@@ -50,11 +50,12 @@ void Table::apply(const RowChanges &changes) noexcept {
   }
   for (const auto &[id, change] : changes) {
     if (!change.after) continue;
-    for_each_name(*change.after, [&](const EntryName &name) { names_.emplace(name, change.after); });
+    const RowPtr &row = change.after;
+    for_each_name(*row, [&](const EntryName &name) { names_.emplace(name, row); });
     if (change.before) {
-      *std::lower_bound(rows_.begin(), rows_.end(), id, has_smaller_id) = change.after.get();
+      *std::lower_bound(rows_.begin(), rows_.end(), id, has_smaller_id) = row.get();
     } else {
-      rows_.push_back(change.after.get());  // ids only grow
+      rows_.push_back(row.get());  // ids only grow
     }
   }
 }

@@ -16,6 +16,7 @@ namespace {
 [[noreturn]] void run(const std::vector<std::string> &arguments, const sigset_t &mask,
                       const std::function<void()> &prepare, int report) {
   std::vector<char *> argv;
+  argv.reserve(arguments.size() + 1);
   for (const std::string &argument : arguments) argv.push_back(const_cast<char *>(argument.c_str()));
   argv.push_back(nullptr);
   prepare();
