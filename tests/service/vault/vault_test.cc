@@ -152,6 +152,19 @@ TEST_F(VaultPut, GivesEachSecretAGenerationOfItsOwnAndReportsTheOldOne) {
   EXPECT_GT(vault->find(secret_name("b"))->generation, second);
 }
 
+TEST_F(VaultReads, FindTheSameForAnEpochWhichEveryChangeEnds) {
+  const auto ends_epoch = [this](const auto &change) {
+    const uint64_t before = vault->epoch();
+    EXPECT_EQ(change(), KS_SUCCESS);
+    return vault->epoch() != before;
+  };
+  EXPECT_TRUE(ends_epoch([this] { return vault->put(secret_name("a"), std::nullopt, bytes_of("1"), {}, 0); }));
+  EXPECT_TRUE(ends_epoch([this] { return vault->set_metadata(secret_name("a"), bytes_of("meta")); }));
+  EXPECT_TRUE(ends_epoch([this] { return vault->rename(secret_name("a"), secret_name("b")); }));
+  EXPECT_FALSE(ends_epoch([this] { return vault->find(secret_name("b")) ? KS_SUCCESS : KS_NOT_FOUND; }));
+  EXPECT_TRUE(ends_epoch([this] { return vault->remove(secret_name("b")); }));
+}
+
 TEST_F(VaultReads, GiveASnapshotThatLaterChangesDontTouch) {
   put(*vault, "a", "old", "old meta");
   const Entry entry = vault->find(secret_name("a")).value();

@@ -440,6 +440,17 @@ TEST_F(Crypto, TPrfComputesThePublishedKeys) {
   }
 }
 
+TEST_F(Crypto, ARenamedKeyIsFoundUnderItsNewNameOnly) {
+  const ByteString plain = unhex("00112233445566778899aabbccddeeff");
+  const auto &vector = published::kFips197[0];
+  keep("k", unhex(vector.key));
+  EXPECT_EQ(aes(ks_aes_encrypt, plain), unhex(vector.cipher));
+  ASSERT_EQ(ks_rename_secret("k", "new", nullptr), KS_SUCCESS);
+  aes(ks_aes_encrypt, plain);
+  EXPECT_EQ(result(), KS_NOT_FOUND);
+  remove("new");
+}
+
 TEST_F(Crypto, AReplacedKeyIsUsedAtOnceAndARemovedOneNoMore) {
   const ByteString plain = unhex("00112233445566778899aabbccddeeff");
   for (const auto &vector : published::kFips197) {
