@@ -445,10 +445,10 @@ TEST_F(Crypto, ARenamedKeyIsFoundUnderItsNewNameOnly) {
   const auto &vector = published::kFips197[0];
   keep("k", unhex(vector.key));
   EXPECT_EQ(aes(ks_aes_encrypt, plain), unhex(vector.cipher));
-  ASSERT_EQ(ks_rename_secret("k", "new", nullptr), KS_SUCCESS);
+  ASSERT_EQ(ks_rename_secret("k", "renamed", nullptr), KS_SUCCESS);
   aes(ks_aes_encrypt, plain);
   EXPECT_EQ(result(), KS_NOT_FOUND);
-  remove("new");
+  remove("renamed");
 }
 
 TEST_F(Crypto, AReplacedKeyIsUsedAtOnceAndARemovedOneNoMore) {
