@@ -1,8 +1,8 @@
 // connections.h: the process's connections to the service, pooled.
 //
 // A connection carries one exchange at a time. Whoever takes a slot owns its connection, socket, buffer and all, until
-// the slot is given back, so nothing but the slot's word is shared and no lock is held while anybody waits. There are
-// as many connections as there were ever exchanges at the same time.
+// the slot is given back, so nothing but the slot's word and its spare block is shared and no lock is held while
+// anybody waits. There are as many connections as there were ever exchanges at the same time.
 #ifndef MTS_CONNECTIONS_H
 #define MTS_CONNECTIONS_H
 
@@ -15,7 +15,8 @@
 namespace mts {
 
 // Slot is a place for one connection. `word` is the serial number of the slot's last exchange, shifted left by
-// kStateBits, and its state. `index` and `generation` never change; the other members belong to the owner.
+// kStateBits, and its state. `index` and `generation` never change; the other members belong to the owner,
+// `spare` as long as it isn't null.
 struct alignas(64) Slot {
   std::atomic<uint32_t> word;
   uint32_t index;
