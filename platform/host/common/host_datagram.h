@@ -1,8 +1,8 @@
 // host_datagram.h: sends and receives one datagram, without being a cancellation point.
 //
 // In a process with threads, the C library's send and recv each switch cancellation on and off, two locked operations
-// that take 3 % of an exchange; and a thread that was cancelled in the midst of an exchange would leave its connection
-// behind. Errors and interruptions are those of send and recv.
+// that take part in what an exchange costs; and a thread that was cancelled in the midst of an exchange would leave its
+// connection behind. Errors and interruptions are those of send and recv.
 #ifndef HOST_DATAGRAM_H
 #define HOST_DATAGRAM_H
 
