@@ -1,4 +1,5 @@
 // What comes of an exchange when the service doesn't play along.
+#include <pthread.h>
 #include <signal.h>
 #include <sys/time.h>
 
@@ -95,6 +96,42 @@ TEST_F(Mts, GivesUpAtTheServicesLimitAndForgetsTheLateReply) {
   answered.wait();
   EXPECT_TRUE(works(queue));
   EXPECT_EQ(service.connections(), 2U);
+}
+
+TEST_F(Mts, LetsACancelledThreadFinishItsExchange) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "under this sanitizer exchanges are made with the C library's send and recv";
+#endif
+  Signal arrived;
+  service.handler = [&](int socket, const FakeService::Request &request) {
+    if (request.payload == Octets{1}) {
+      arrived.give();
+      held.wait();
+    }
+    return FakeService::echo(socket, request);
+  };
+  struct Work {
+    uint32_t queue;
+    Answer answer;
+  } work = {.queue = bound(), .answer = {}};
+  pthread_t thread;
+  const auto run = [](void *argument) -> void * {
+    auto *mine = static_cast<Work *>(argument);
+    mine->answer = exchange(mine->queue, {1});
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);  // to live and tell
+    return mine;
+  };
+  ASSERT_EQ(pthread_create(&thread, nullptr, run, &work), 0);
+  arrived.wait();
+  pthread_cancel(thread);
+  held.give();
+  void *end = nullptr;
+  pthread_join(thread, &end);
+
+  EXPECT_EQ(end, &work) << "it was cancelled within";
+  EXPECT_EQ(work.answer.payload, (Octets{1, 0, 0, 0, 1}));
+  EXPECT_TRUE(works(work.queue));
+  EXPECT_EQ(service.connections(), 1U);
 }
 
 // A reply that isn't one: the exchange fails, its connection ends, and the next goes well.
