@@ -44,6 +44,7 @@ class RecentKey {
   }
 
   void keep(const Store *store, uint64_t epoch, const EntryName &name, const PreparedKey<Key> &key) {
+    memory_.reset();  // without memory for the name, no key stands beside half of one
     store_ = store;
     epoch_ = epoch;
     name_ = name;
