@@ -51,20 +51,21 @@ void store(const std::string &aid, uint32_t expiry, const std::string &identity)
           "storing a PAC");
 }
 
+// Reads a PAC-Opaque or PAC-Info, whichever the operation is for, and returns its length.
+size_t read_part(decltype(ks_return_pac_opaque) *operation, const std::string &aid, const char *what) {
+  uint8_t *content = nullptr;
+  uint32_t content_len = 0;
+  require(operation(bytes_of(aid), size_of(aid), &content, &content_len), what);
+  free(content);
+  return content_len;
+}
+
 size_t read_opaque(const std::string &aid) {
-  uint8_t *opaque = nullptr;
-  uint32_t opaque_len = 0;
-  require(ks_return_pac_opaque(bytes_of(aid), size_of(aid), &opaque, &opaque_len), "reading the PAC-Opaque");
-  free(opaque);
-  return opaque_len;
+  return read_part(ks_return_pac_opaque, aid, "reading the PAC-Opaque");
 }
 
 size_t read_info(const std::string &aid) {
-  uint8_t *info = nullptr;
-  uint32_t info_len = 0;
-  require(ks_return_pac_info(bytes_of(aid), size_of(aid), &info, &info_len), "reading the PAC-Info");
-  free(info);
-  return info_len;
+  return read_part(ks_return_pac_info, aid, "reading the PAC-Info");
 }
 
 Bytes t_prf(const std::string &aid, const std::string &label, const Bytes &random, uint16_t len) {

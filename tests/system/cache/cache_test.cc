@@ -10,10 +10,9 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <memory>
 
 #include "ks_api.h"
-#include "service/service_process.h"
+#include "service/library_suite.h"
 
 // The library's pauses between two attempts to open the cache come here.
 static std::function<void()> at_pause = [] {};
@@ -26,8 +25,6 @@ extern "C" int usleep(useconds_t) {
 }
 
 namespace {
-
-using ks_test::ServiceProcess;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -53,15 +50,8 @@ bool in_another_process(const std::function<bool()> &body) {
   return succeeds(start_child([&] { return ks_init(0, 2, 0) == KS_SUCCESS && ks_cache_present == 1 && body(); }));
 }
 
-class Cache : public testing::Test {
+class Cache : public ks_test::LibrarySuite {
  protected:
-  static void SetUpTestSuite() {
-    service = std::make_unique<ServiceProcess>();
-    setenv("KS_SOCKET", service->socket().c_str(), 1);
-    ASSERT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
-    ASSERT_EQ(ks_cache_present, 1u);
-  }
-  static void TearDownTestSuite() { service.reset(); }
   void TearDown() override { EXPECT_EQ(ks_cache_purge_all(), KS_SUCCESS); }
 
   static uint32_t size(const Bytes &bytes) { return static_cast<uint32_t>(bytes.size()); }
@@ -93,8 +83,6 @@ class Cache : public testing::Test {
     if (result == KS_SUCCESS) free(block);
     return result;
   }
-
-  static inline std::unique_ptr<ServiceProcess> service;
 };
 
 TEST_F(Cache, IsReadInOneProcessAsItWasWrittenInAnother) {

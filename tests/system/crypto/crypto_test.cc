@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <memory>
 #include <random>
 
 #include "ks_api.h"
 #include "openssl_command.h"
 #include "published_vectors.h"
+#include "service/library_suite.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
 
@@ -63,16 +63,13 @@ class Quiet {
   int before_;
 };
 
-class Crypto : public testing::Test {
+class Crypto : public ks_test::LibrarySuite {
  protected:
   static void SetUpTestSuite() {
-    service_ = new ks_test::ServiceProcess;
-    raw_ = new ks_test::RawClient(service_->socket());
+    LibrarySuite::SetUpTestSuite();
+    raw_ = new ks_test::RawClient(service->socket());
     raw_->hello();
-    setenv("KS_SOCKET", service_->socket().c_str(), 1);
-    ASSERT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
   }
-  static void TearDownTestSuite() { delete service_; }
 
   // Secrets and PACs are put there by a client without the library: theirs is another subsystem.
 
@@ -183,13 +180,11 @@ class Crypto : public testing::Test {
     return eight;
   }
 
-  static ks_test::ServiceProcess *service_;
   static ks_test::RawClient *raw_;
   KsResult result_ = KS_FAILURE;
   std::mt19937 generator_{20240229};
 };
 
-ks_test::ServiceProcess *Crypto::service_ = nullptr;
 ks_test::RawClient *Crypto::raw_ = nullptr;
 
 TEST_F(Crypto, AesComputesThePublishedValues) {

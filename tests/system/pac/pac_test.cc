@@ -9,10 +9,10 @@
 
 #include <csignal>
 #include <functional>
-#include <memory>
 
 #include "ks_api.h"
 #include "published_vectors.h"
+#include "service/library_suite.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
 
@@ -49,17 +49,8 @@ const Bytes kOtherOpaque = bytes("00 02 00 01 77");
 const Bytes kInfo = bytes("00 09 00 0f  00 03 00 04 65 00 00 00  00 05 00 03 62 6f 62");  // bob's, until 0x65000000
 const Bytes kKey = bytes("4b 4c 4d");
 
-class Pac : public testing::Test {
+class Pac : public ks_test::LibrarySuite {
  protected:
-  static void SetUpTestSuite() {
-    service = std::make_unique<ServiceProcess>();
-    setenv("KS_SOCKET", service->socket().c_str(), 1);
-    ASSERT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
-    ASSERT_EQ(ks_cache_present, 1u);
-    ASSERT_EQ(vdc_id, 7);
-  }
-  static void TearDownTestSuite() { service.reset(); }
-
   void TearDown() override {
     EXPECT_EQ(ks_clear_all_pacs(), KS_SUCCESS);
     EXPECT_EQ(ks_cache_purge_all(), KS_SUCCESS);
@@ -117,7 +108,6 @@ class Pac : public testing::Test {
 
   static uint32_t size(const Bytes &content) { return static_cast<uint32_t>(content.size()); }
 
-  static inline std::unique_ptr<ServiceProcess> service;
   KsResult result = 0;
 
  private:

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -16,6 +15,7 @@
 
 #include "ks_api.h"
 #include "published_vectors.h"
+#include "service/library_suite.h"
 #include "service/service_process.h"
 
 namespace {
@@ -134,16 +134,8 @@ bool in_vdc(ServiceProcess &service, unsigned vdc, const std::string &limits, co
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-class Secret : public testing::Test {
+class Secret : public ks_test::LibrarySuite {
  protected:
-  static void SetUpTestSuite() {
-    service = std::make_unique<ServiceProcess>();
-    setenv("KS_SOCKET", service->socket().c_str(), 1);
-    ASSERT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
-    ASSERT_EQ(vdc_id, 7);
-  }
-  static void TearDownTestSuite() { service.reset(); }
-
   void TearDown() override {
     clear_secrets();
     EXPECT_EQ(ks_clear_all_pacs(), KS_SUCCESS);
@@ -153,8 +145,6 @@ class Secret : public testing::Test {
     for (const std::string &name : listed()) EXPECT_EQ(clear(name), KS_SUCCESS);
   }
   static bool in_other_vdc(const std::function<void()> &body) { return in_vdc(*service, 9, "", body); }
-
-  static inline std::unique_ptr<ServiceProcess> service;
 };
 
 TEST_F(Secret, IsFoundByItsLinkedNameWhereverByItsName) {
