@@ -10,7 +10,7 @@
 #include <nettle/aes.h>
 #include <nettle/des.h>
 
-#include "handler.h"
+#include "handlers/handler.h"
 
 namespace ksd {
 

@@ -8,7 +8,7 @@
 #include <initializer_list>
 
 #include "crypto/cleanse.h"
-#include "handler.h"
+#include "handlers/handler.h"
 
 namespace ksd {
 

@@ -12,8 +12,8 @@
 #include <new>
 #include <type_traits>
 
+#include "base/secret_bytes.h"
 #include "crypto/ciphers.h"
-#include "vault/secret_bytes.h"
 
 namespace ksd {
 

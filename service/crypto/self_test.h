@@ -5,7 +5,7 @@
 #include <bitset>
 #include <string_view>
 
-#include "handler.h"
+#include "handlers/handler.h"
 
 namespace ksd {
 

@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "handler.h"
+#include "handlers/handler.h"
 
 namespace ksd {
 

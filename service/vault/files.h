@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "fd.h"
+#include "base/fd.h"
 
 namespace ksd {
 

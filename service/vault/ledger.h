@@ -6,7 +6,7 @@
 #include <map>
 #include <optional>
 
-#include "config.h"
+#include "config/config.h"
 #include "vault/record.h"
 
 namespace ksd {

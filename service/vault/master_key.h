@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
 
 namespace ksd {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "vault/little_endian.h"
+#include "base/little_endian.h"
 
 namespace ksd {
 namespace {

@@ -8,9 +8,9 @@
 #include <span>
 #include <vector>
 
-#include "handler.h"
+#include "base/secret_bytes.h"
+#include "handlers/handler.h"
 #include "vault/seal.h"
-#include "vault/secret_bytes.h"
 
 namespace ksd {
 

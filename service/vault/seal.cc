@@ -4,7 +4,7 @@
 #include <new>
 #include <string_view>
 
-#include "vault/little_endian.h"
+#include "base/little_endian.h"
 
 namespace ksd {
 namespace {

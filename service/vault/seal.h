@@ -11,7 +11,7 @@
 #include <span>
 #include <vector>
 
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
 
 namespace ksd {
 

@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
-#include "config.h"
-#include "store.h"
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
+#include "config/config.h"
+#include "vault/store.h"
 
 namespace ksd {
 

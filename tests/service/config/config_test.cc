@@ -1,5 +1,5 @@
 // The configuration file: what it means, and what is said about one that is wrong.
-#include "config.h"
+#include "config/config.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,11 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "service/service_process.h"
-
 namespace {
 
-using ks_test::run_ksd;
 using ksd::Caller;
 using ksd::Config;
 using ksd::parse_config;
@@ -213,36 +210,6 @@ TEST(SampleConfig, IsValidAndShowsTheDefaults) {
   EXPECT_EQ(sample.config.limits, defaults.limits);
   EXPECT_EQ(sample.config.gates.record, defaults.gates.record);
   EXPECT_EQ(sample.config.gates.debug, defaults.gates.debug);
-}
-
-TEST(KsdCheck, AcceptsTheSample) {
-  const auto run = run_ksd({"--check", "--config", KS_SOURCE_DIR "/service/ksd.toml"});
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.output, KS_SOURCE_DIR "/service/ksd.toml: valid\n");
-}
-
-TEST(KsdCheck, NamesFileLineAndColumn) {
-  const ConfigFile file("[service]\nport = 1\n");
-  const auto run = run_ksd({"--check", "--config", file.path});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, testing::StartsWith(file.path + ":2:1: unknown key service.port"));
-}
-
-TEST(KsdCheck, SaysThatThereIsNoFile) {
-  const auto run = run_ksd({"--check", "--config", "/nonexistent/ksd.toml"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.errors, "/nonexistent/ksd.toml: No such file or directory\n");
-}
-
-TEST(KsdCommandLine, TellsItsVersionAndItsUse) {
-  EXPECT_EQ(run_ksd({"--version"}).output, "ksd 1.0.0\n");
-  EXPECT_THAT(run_ksd({"--help"}).output, HasSubstr("--master-key-file"));
-  EXPECT_EQ(run_ksd({"--help"}).status, 0);
-}
-
-TEST(KsdCommandLine, RefusesWrongUseWithStatus2) {
-  EXPECT_EQ(run_ksd({"--chek"}).status, 2);
-  EXPECT_EQ(run_ksd({"--log-level", "loud"}).status, 2);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <random>
 #include <thread>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
 namespace ksd {
 namespace {

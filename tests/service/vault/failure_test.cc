@@ -10,7 +10,7 @@
 #include <sstream>
 #include <thread>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
 namespace ksd {
 namespace {

@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "support.h"
 #include "vault/master_key.h"
+#include "vault_files/vault_files.h"
 
 namespace ksd {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "support.h"
 #include "vault/record.h"
+#include "vault_files/vault_files.h"
 
 namespace ksd {
 namespace {

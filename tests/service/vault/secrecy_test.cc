@@ -15,7 +15,7 @@
 #include <set>
 #include <sstream>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
 namespace ksd {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
 namespace ksd {
 namespace {

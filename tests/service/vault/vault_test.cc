@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
 namespace ksd {
 namespace {
