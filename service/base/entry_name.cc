@@ -1,4 +1,4 @@
-#include "handlers/handler.h"
+#include "base/entry_name.h"
 
 namespace ksd {
 namespace {

@@ -18,7 +18,7 @@
 #include "base/fd.h"
 #include "base/log.h"
 
-namespace ksd {
+namespace ksd::config {
 namespace {
 
 constexpr size_t kLongestSocketPath = sizeof(sockaddr_un{}.sun_path) - 1;
@@ -356,4 +356,4 @@ std::string describe(const std::string &path, const ConfigProblem &problem) {
   return fmt::format("{}:{}:{}: {}", path, problem.line, problem.column, problem.text);
 }
 
-}  // namespace ksd
+}  // namespace ksd::config

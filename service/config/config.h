@@ -8,15 +8,17 @@
 #include <bitset>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "handlers/handler.h"
+#include "base/caller.h"
+#include "host_wire.h"
 
-namespace ksd {
+namespace ksd::config {
 
 inline constexpr char kDefaultConfigPath[] = "/etc/ks/ksd.toml";
 inline constexpr char kDefaultVaultPath[] = "/var/lib/ks/vault.db";
@@ -88,6 +90,6 @@ ParsedConfig load_config(const std::string &path);
 // describe words a problem as compilers do: "file:line:column: text".
 std::string describe(const std::string &path, const ConfigProblem &problem);
 
-}  // namespace ksd
+}  // namespace ksd::config
 
 #endif

@@ -4,10 +4,11 @@
 #include <algorithm>
 #include <array>
 
+#include "handlers/handler.h"
 #include "handlers/service.h"
 #include "ks_device.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 // RandomPool draws from the system generator in pieces that are worth a system call. Each byte is handed out once and
@@ -57,20 +58,16 @@ constexpr uint8_t kCompactionHelps = 2;
 void firmware_version_and_status(Service &service, const Request &, Reply &reply) {
   constexpr uint16_t version = KSD_VERSION_MAJOR * 256 + KSD_VERSION_MINOR;
   uint8_t status = 0;
-  if (const Store *store = service.store()) {
-    const Store::Usage usage = store->usage();
-    if (usage.over_90_percent) status |= kOver90Percent;
-    if (usage.compaction_helps) status |= kCompactionHelps;
-  }
+  const vault::Store::Usage usage = service.store().usage();
+  if (usage.over_90_percent) status |= kOver90Percent;
+  if (usage.compaction_helps) status |= kCompactionHelps;
   uint8_t *out = reply.data_area(sizeof version + sizeof status);
   std::memcpy(out, &version, sizeof version);
   out[sizeof version] = status;
 }
 
 void compact_firmware_memory(Service &service, const Request &, Reply &reply) {
-  Store *store = service.store();
-  reply.result(store != nullptr ? store->compact()
-                                : KS_SUCCESS);  // without a store there is no free space to give back
+  reply.result(service.store().compact());
 }
 
 constexpr std::array kRows{
@@ -85,4 +82,4 @@ std::span<const Row> device_rows() {
   return kRows;
 }
 
-}  // namespace ksd
+}  // namespace ksd::handlers

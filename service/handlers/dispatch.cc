@@ -4,7 +4,7 @@
 
 #include "handlers/service.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 constexpr std::array kFamilies{device_rows, secret_rows, crypto_rows, pac_rows};
@@ -53,4 +53,4 @@ bool Dispatcher::answer(Service &service, const Request &request, Reply &reply) 
   return true;
 }
 
-}  // namespace ksd
+}  // namespace ksd::handlers

@@ -7,7 +7,7 @@
 #include "base/counters.h"
 #include "handlers/handler.h"
 
-namespace ksd {
+namespace ksd::handlers {
 
 class Dispatcher {
  public:
@@ -30,6 +30,6 @@ class Dispatcher {
   std::array<const Row *, kOpcodeCount> rows_{};
 };
 
-}  // namespace ksd
+}  // namespace ksd::handlers
 
 #endif

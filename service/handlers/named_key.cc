@@ -1,6 +1,6 @@
 #include "handlers/named_key.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 bool has_owner(const EntryName &name, KeyDemand::Owner owner) {
@@ -19,18 +19,14 @@ bool has_owner(const EntryName &name, KeyDemand::Owner owner) {
 
 KsResult allow_key(Service &service, const Request &request, const EntryName &name, const KeyDemand &demand) {
   if (!service.crypto.usable(demand.algorithm)) return KS_CRYPT_ERROR;
-  if (!request.caller.may_use(name.vdc_id)) {
-    service.refused_name(request.caller);
-    return KS_NOT_FOUND;
-  }
-  return service.store() && has_owner(name, demand.owner) ? KS_SUCCESS : KS_NOT_FOUND;
+  return allowed_name(service, request, name) && has_owner(name, demand.owner) ? KS_SUCCESS : KS_NOT_FOUND;
 }
 
-KsResult find_key(const Store &store, const EntryName &name, Entry *out_entry) {
-  std::optional<Entry> entry = store.find(name);
+KsResult find_key(const vault::Store &store, const EntryName &name, vault::Entry *out_entry) {
+  std::optional<vault::Entry> entry = store.find(name);
   if (!entry || !entry->secret) return KS_NOT_FOUND;
   *out_entry = std::move(*entry);
   return KS_SUCCESS;
 }
 
-}  // namespace ksd
+}  // namespace ksd::handlers

@@ -2,22 +2,15 @@
 #ifndef SERVICE_HANDLERS_NAMED_KEY_H
 #define SERVICE_HANDLERS_NAMED_KEY_H
 
-#include "handlers/service.h"
+#include "handlers/name.h"
 
-namespace ksd {
-
-// request_name decodes the name that a descriptor points to, or gives nothing when it is out of bounds or malformed.
-template <typename Descriptor>
-std::optional<EntryName> request_name(const Request &request, const Descriptor &descriptor) {
-  const std::optional<Bytes> wire = request.section(descriptor.name_offset, descriptor.name_len);
-  return wire ? entry_name(*wire) : std::nullopt;
-}
+namespace ksd::handlers {
 
 // KeyDemand is what a message wants to do with a key, and of which kind of entry.
 struct KeyDemand {
   enum class Owner { kSecret, kPac, kEither };
 
-  Algorithm algorithm;
+  crypto::Algorithm algorithm;
   Owner owner = Owner::kSecret;
   KsResult unsuitable = KS_BAD_KEY;  // the result for an entry whose secret is no key of the wanted kind
 };
@@ -30,7 +23,7 @@ struct KeyDemand {
 KsResult allow_key(Service &service, const Request &request, const EntryName &name, const KeyDemand &demand);
 
 // find_key looks up the entry of a key that the caller may use, or gives KS_NOT_FOUND.
-KsResult find_key(const Store &store, const EntryName &name, Entry *out_entry);
+KsResult find_key(const vault::Store &store, const EntryName &name, vault::Entry *out_entry);
 
 // RecentKey remembers the key that a thread used last. Most clients go on with one key, and the look-ups in store and
 // cache, with their locks and counts, cost as much as the cipher of a few blocks. It keeps no key from being forgotten.
@@ -38,12 +31,12 @@ template <typename Key>
 class RecentKey {
  public:
   // find gives the key when it was that of `name` in this epoch of this store, and none otherwise.
-  PreparedKey<Key> find(const Store *store, uint64_t epoch, const EntryName &name) const {
+  crypto::PreparedKey<Key> find(const vault::Store *store, uint64_t epoch, const EntryName &name) const {
     if (store != store_ || epoch != epoch_ || name != name_) return {};
-    return PreparedKey<Key>(memory_.lock());
+    return crypto::PreparedKey<Key>(memory_.lock());
   }
 
-  void keep(const Store *store, uint64_t epoch, const EntryName &name, const PreparedKey<Key> &key) {
+  void keep(const vault::Store *store, uint64_t epoch, const EntryName &name, const crypto::PreparedKey<Key> &key) {
     memory_.reset();  // without memory for the name, no key stands beside half of one
     store_ = store;
     epoch_ = epoch;
@@ -52,7 +45,7 @@ class RecentKey {
   }
 
  private:
-  const Store *store_ = nullptr;
+  const vault::Store *store_ = nullptr;
   uint64_t epoch_ = 0;
   EntryName name_;
   std::weak_ptr<const SecretBytes> memory_;
@@ -66,12 +59,12 @@ class NamedKey {
     result_ = allow_key(service, request, name, demand);
     if (result_ != KS_SUCCESS) return;
     static thread_local RecentKey<Key> recent;
-    const Store *const store = service.store();
-    const uint64_t epoch = store->epoch();  // of before the look-up, so that a change during it counts as one after it
-    key_ = recent.find(store, epoch, name);
+    vault::Store &store = service.store();
+    const uint64_t epoch = store.epoch();  // of before the look-up, so that a change during it counts as one after it
+    key_ = recent.find(&store, epoch, name);
     if (key_) return;
     result_ = look_up(service, name, demand);
-    if (key_) recent.keep(store, epoch, name, key_);
+    if (key_) recent.keep(&store, epoch, name, key_);
   }
 
   explicit operator bool() const { return result_ == KS_SUCCESS; }
@@ -81,25 +74,25 @@ class NamedKey {
 
  private:
   KsResult look_up(Service &service, const EntryName &name, const KeyDemand &demand) {
-    const Store &store = *service.store();
-    Entry entry;
+    const vault::Store &store = service.store();
+    vault::Entry entry;
     if (const KsResult found = find_key(store, name, &entry); found != KS_SUCCESS) return found;
-    KeyCache &keys = service.crypto.keys;
+    crypto::KeyCache &keys = service.crypto.keys;
     key_ = keys.find<Key>(entry.generation);
     if (key_) return KS_SUCCESS;
     key_ = keys.add<Key>(entry.generation, entry.secret->bytes());
     if (!key_) return demand.unsuitable;
     // The content may have been replaced since it was found. Then the store had the cache forget it before it was
     // added, and won't do so again.
-    const std::optional<Entry> now = store.find(name);
+    const std::optional<vault::Entry> now = store.find(name);
     if (!now || now->generation != entry.generation) keys.forget(entry.generation);
     return KS_SUCCESS;
   }
 
-  PreparedKey<Key> key_;
+  crypto::PreparedKey<Key> key_;
   KsResult result_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::handlers
 
 #endif

@@ -3,10 +3,11 @@
 #include <array>
 
 #include "crypto/hmac.h"
+#include "handlers/handler.h"
 #include "handlers/named_key.h"
 #include "ks_pac.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 // A reply tells the length of what it holds in 16 bits, so nothing longer can be kept.
@@ -21,13 +22,8 @@ void store_pac(Service &service, const Request &request, Reply &reply) {
   if (!name || name->tag != KS_NAME_TAG_PAC || !key || key->empty() || !metadata) return reply.result(KS_INVALID_ARGS);
   if (key->size() > kLongestPart || metadata->size() > kLongestPart) return reply.result(KS_RPC_TOO_LARGE);
 
-  if (!request.caller.may_use(name->vdc_id)) {
-    service.refused_name(request.caller);
-    return reply.result(KS_INVALID_ARGS);
-  }
-  Store *const store = service.store();
-  if (!store) return reply.result(KS_FAILURE);
-  reply.result(store->put(*name, std::nullopt, *key, *metadata, request.caller.uid));
+  if (!allowed_name(service, request, *name)) return reply.result(KS_INVALID_ARGS);
+  reply.result(service.store().put(*name, std::nullopt, *key, *metadata, request.caller.uid));
 }
 
 // The flag is one byte behind the length, so that the reply has 7.
@@ -37,12 +33,9 @@ void pac_exists(Service &service, const Request &request, Reply &reply) {
   const auto name = request_name(request, *descriptor);
   if (!name) return reply.result(KS_INVALID_ARGS);
 
-  if (!request.caller.may_use(name->vdc_id)) {
-    service.refused_name(request.caller);
-    return reply.result(KS_NOT_FOUND);
-  }
-  const Store *const store = service.store();
-  if (!store || name->tag != KS_NAME_TAG_PAC || !store->exists(*name)) return reply.result(KS_NOT_FOUND);
+  const bool exists =
+      allowed_name(service, request, *name) && name->tag == KS_NAME_TAG_PAC && service.store().exists(*name);
+  if (!exists) return reply.result(KS_NOT_FOUND);
   *reply.data_area(1) = 1;
 }
 
@@ -59,12 +52,13 @@ void pac_key_t_prf(Service &service, const Request &request, Reply &reply) {
   const auto label = request.section(descriptor->label_offset, descriptor->label_len);
   const auto random = random_section(request, *descriptor);
   const uint16_t wanted = descriptor->output_len;
-  if (!name || !label || !random || wanted == 0 || wanted > kTPrfMaxOutput) return reply.result(KS_INVALID_ARGS);
+  if (!name || !label || !random || wanted == 0 || wanted > crypto::kTPrfMaxOutput)
+    return reply.result(KS_INVALID_ARGS);
 
-  const NamedKey<HmacSha1Key> key(service, request, *name,
-                                  {.algorithm = Algorithm::kTPrf, .owner = KeyDemand::Owner::kPac});
+  const NamedKey<crypto::HmacSha1Key> key(service, request, *name,
+                                          {.algorithm = crypto::Algorithm::kTPrf, .owner = KeyDemand::Owner::kPac});
   if (!key) return reply.result(key.result());
-  t_prf(*key, *label, *random, {reply.data_area(wanted), wanted});
+  crypto::t_prf(*key, *label, *random, {reply.data_area(wanted), wanted});
 }
 
 constexpr std::array kRows{
@@ -79,4 +73,4 @@ std::span<const Row> pac_rows() {
   return kRows;
 }
 
-}  // namespace ksd
+}  // namespace ksd::handlers

@@ -1,6 +1,11 @@
 #include "handlers/service.h"
 
-namespace ksd {
+namespace ksd::handlers {
+
+Service::Service(std::unique_ptr<vault::Store> store, crypto::AlgorithmSet usable)
+    : crypto(usable), store_(std::move(store)) {
+  store_->on_retired([this](uint64_t generation) { crypto.keys.forget(generation); });
+}
 
 void Service::refused_name(const Caller &caller) {
   counters.add(Event::kForeignName);
@@ -9,4 +14,4 @@ void Service::refused_name(const Caller &caller) {
   }
 }
 
-}  // namespace ksd
+}  // namespace ksd::handlers

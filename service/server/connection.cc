@@ -12,7 +12,7 @@
 
 #include "host_datagram.h"
 
-namespace ksd {
+namespace ksd::server {
 namespace {
 
 // The buffer for requests is never part of a core, and costs only the pages that requests touch.
@@ -60,14 +60,16 @@ std::optional<Peer> peer_of(int socket) {
   return Peer{credentials.uid, credentials.gid, credentials.pid, further_groups_of(socket)};
 }
 
-Connection::Connection(Service &service, const Dispatcher &dispatcher, int socket, Peer peer)
+Connection::Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher,
+                       const CurrentConfig &current_config, int socket, Peer peer)
     : socket_(socket),
       buffer_(map_buffer()),
       service_(service),
       dispatcher_(dispatcher),
-      config_generation_(service.config_generation()),
+      current_config_(current_config),
+      config_generation_(current_config.generation()),
       peer_(std::move(peer)) {
-  config_ = service_.config();
+  config_ = current_config_.snapshot();
   caller_ = config_->identify(peer_.uid, peer_.gid, peer_.pid, peer_.further_groups);
   make_room_for_replies(socket_);
   set_timeout(socket_, SO_SNDTIMEO, config_->send_limit_ms);
@@ -141,7 +143,7 @@ Connection::Next Connection::answer(const Frame &frame) {
     answer_hello(frame);
     return Next::kAnswer;
   }
-  const Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
+  const handlers::Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
   if (!dispatcher_.answer(service_, request, reply_)) {
     complain(LogLimiter::Kind::kUnknownOpcode, "sent an unknown opcode");
   }
@@ -188,12 +190,12 @@ void Connection::cleanse(size_t received) {
   reply_.reset();
 }
 
-// A reload counts for connections that are open already: who lost his VDC loses it now.
+// A reload counts for connections that are open already: a user who lost a VDC loses it now.
 void Connection::follow_configuration() {
-  const uint64_t generation = service_.config_generation();
+  const uint64_t generation = current_config_.generation();
   if (generation == config_generation_) return;
   config_generation_ = generation;
-  config_ = service_.config();
+  config_ = current_config_.snapshot();
   caller_ = config_->identify(peer_.uid, peer_.gid, peer_.pid, peer_.further_groups);
 }
 
@@ -203,4 +205,4 @@ void Connection::complain(LogLimiter::Kind kind, const char *what) {
   spdlog::warn("user {} (pid {}) {}{}", peer_.uid, peer_.pid, what, since_last(*held_back));
 }
 
-}  // namespace ksd
+}  // namespace ksd::server

@@ -9,9 +9,10 @@
 #include "base/log.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/current_config.h"
 #include "server/frame.h"
 
-namespace ksd {
+namespace ksd::server {
 
 // Peer is the opener of a connection, by the kernel's word.
 struct Peer {
@@ -26,7 +27,8 @@ std::optional<Peer> peer_of(int socket);
 
 class Connection {
  public:
-  Connection(Service &service, const Dispatcher &dispatcher, int socket, Peer peer);
+  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const CurrentConfig &current_config,
+             int socket, Peer peer);
   ~Connection();
 
   // serve answers requests until the client leaves, misbehaves beyond repair, or the socket is shut down for reading.
@@ -49,16 +51,17 @@ class Connection {
   alignas(64) const int socket_;
   bool silent_so_far_ = true;
   uint8_t *const buffer_;
-  Service &service_;
-  const Dispatcher &dispatcher_;
+  handlers::Service &service_;
+  const handlers::Dispatcher &dispatcher_;
+  const CurrentConfig &current_config_;
   uint64_t config_generation_ = 0;
-  Reply reply_;
+  handlers::Reply reply_;
 
   const Peer peer_;
   Caller caller_;
-  std::shared_ptr<const Config> config_;
+  std::shared_ptr<const config::Config> config_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::server
 
 #endif

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "crypto/crypto.h"
+#include "handlers/dispatch.h"
 #include "handlers/service.h"
 #include "server/listener.h"
 #include "server/notify.h"
@@ -20,7 +22,7 @@
 #include "server/state_page.h"
 #include "vault/vault.h"
 
-namespace ksd {
+namespace ksd::server {
 namespace {
 
 constexpr int kPauseWithoutDescriptors = 100;  // ms
@@ -65,15 +67,14 @@ UniqueFd signals_as_file() {
   return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-void log_problems(const std::string &path, const std::vector<ConfigProblem> &problems) {
-  for (const ConfigProblem &problem : problems) spdlog::error("{}", describe(path, problem));
+void log_problems(const std::string &path, const std::vector<config::ConfigProblem> &problems) {
+  for (const config::ConfigProblem &problem : problems) spdlog::error("{}", describe(path, problem));
 }
 
-void log_counters(const Service &service) {
-  const Counters &counters = service.counters;
-  const Dispatcher dispatcher;
+void log_counters(const Counters &counters) {
+  const handlers::Dispatcher dispatcher;
   for (uint32_t opcode = kFirstOpcode; opcode <= kLastOpcode; ++opcode) {
-    const Row *row = dispatcher.find(opcode);
+    const handlers::Row *row = dispatcher.find(opcode);
     if (row == nullptr) continue;
     spdlog::info("{}: {} done, {} failed", row->name, counters.done(opcode), counters.failed(opcode));
   }
@@ -85,15 +86,22 @@ void log_counters(const Service &service) {
       counters.total(Event::kForeignName), counters.total(Event::kUnread));
 }
 
+vault::Limits vault_limits(const config::Limits &limits) {
+  return {.entries = limits.entries,
+          .entries_per_user = limits.entries_per_user,
+          .bytes = limits.bytes,
+          .bytes_per_user = limits.bytes_per_user};
+}
+
 class Daemon {
  public:
-  Daemon(const Options &options, const Config &config)
-      : options_(options), signals_(signals_as_file()), service_(std::make_shared<const Config>(config)) {
+  Daemon(const Options &options, const config::Config &config)
+      : options_(options), signals_(signals_as_file()), config_(config) {
     open_socket(config);
   }
 
   void run() {
-    Server server(service_);
+    Server server(*service_, config_);
     spdlog::info("ksd {} serves {}", KSD_VERSION, socket_path_);
     notifier_.ready();
     while (!asked_to_end()) {
@@ -102,12 +110,12 @@ class Daemon {
     notifier_.stopping();
     close_socket();
     server.finish();
-    log_counters(service_);
+    log_counters(service_->counters);
     spdlog::info("ended");
   }
 
  private:
-  void open_socket(const Config &config) {
+  void open_socket(const config::Config &config) {
     if (std::optional<UniqueFd> passed = passed_socket()) {
       listener_ = std::move(*passed);
       fcntl(listener_.get(), F_SETFL, O_NONBLOCK);
@@ -122,14 +130,16 @@ class Daemon {
     state_page_->publish(config);
     make_history_folder(socket_path_);
     // Before anybody can connect: a service that can't open its vault is no service.
-    open_store(config);
+    open_service(config);
     if (socket_is_ours_) listener_ = listen_at(socket_path_, config);
   }
 
-  void open_store(const Config &config) {
-    std::unique_ptr<Vault> vault = open_vault({config.vault, config.master_key_file, config.limits});
-    vault_ = vault.get();
-    service_.use_store(std::move(vault));
+  void open_service(const config::Config &config) {
+    const crypto::AlgorithmSet usable = crypto::start();
+    std::unique_ptr<vault::Vault> opened =
+        vault::open_vault({config.vault, config.master_key_file, vault_limits(config.limits)});
+    vault_ = opened.get();
+    service_.emplace(std::move(opened), usable);
   }
 
   void close_socket() {
@@ -153,7 +163,7 @@ class Daemon {
     if (error != EMFILE && error != ENFILE && error != ENOBUFS && error != ENOMEM) return;
     // The client stays in the queue; asking again at once would only spin.
     out_of_descriptors_ = true;
-    if (const auto held_back = service_.log_limiter.pass(LogLimiter::Kind::kRefused, geteuid())) {
+    if (const auto held_back = service_->log_limiter.pass(LogLimiter::Kind::kRefused, geteuid())) {
       spdlog::error("can't accept connections: {}{}", std::strerror(error), since_last(*held_back));
     }
   }
@@ -163,7 +173,7 @@ class Daemon {
     signalfd_siginfo signal{};
     while (read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
       if (signal.ssi_signo == SIGHUP) reload();
-      if (signal.ssi_signo == SIGUSR1) log_counters(service_);
+      if (signal.ssi_signo == SIGUSR1) log_counters(service_->counters);
       if (signal.ssi_signo == SIGTERM || signal.ssi_signo == SIGINT) return true;
     }
     return false;
@@ -171,7 +181,7 @@ class Daemon {
 
   void reload() {
     notifier_.reloading();
-    const ParsedConfig parsed = load(options_);
+    const config::ParsedConfig parsed = load(options_);
     if (parsed.problems.empty()) {
       use(parsed.config);
     } else {
@@ -181,15 +191,15 @@ class Daemon {
     notifier_.ready();
   }
 
-  void use(const Config &config) {
-    const std::shared_ptr<const Config> old = service_.config();
+  void use(const config::Config &config) {
+    const std::shared_ptr<const config::Config> old = config_.snapshot();
     const bool needs_restart = config.socket != old->socket || config.socket_mode != old->socket_mode ||
                                config.socket_group != old->socket_group || config.vault != old->vault ||
                                config.master_key_file != old->master_key_file;
     if (needs_restart) spdlog::warn("a change of socket, vault or master key counts from the next start");
     set_log_level(config.log_level);
-    service_.use_config(std::make_shared<const Config>(config));
-    vault_->use_limits(config.limits);
+    config_.replace(config);
+    vault_->use_limits(vault_limits(config.limits));
     state_page_->publish(config);
     spdlog::info("configuration reloaded");
   }
@@ -197,8 +207,9 @@ class Daemon {
   const Options &options_;
   Notifier notifier_;
   const UniqueFd signals_;
-  Service service_;
-  Vault *vault_ = nullptr;  // the service's store
+  CurrentConfig config_;
+  std::optional<handlers::Service> service_;
+  vault::Vault *vault_ = nullptr;  // the service's store
   UniqueFd listener_;
   std::string socket_path_;
   bool socket_is_ours_ = true;
@@ -208,9 +219,9 @@ class Daemon {
 
 }  // namespace
 
-ParsedConfig load(const Options &options) {
-  ParsedConfig parsed = load_config(options.config);
-  Config &config = parsed.config;
+config::ParsedConfig load(const Options &options) {
+  config::ParsedConfig parsed = config::load_config(options.config);
+  config::Config &config = parsed.config;
   if (!options.socket.empty()) config.socket = options.socket;
   if (!options.vault.empty()) config.vault = options.vault;
   if (!options.master_key_file.empty()) config.master_key_file = options.master_key_file;
@@ -221,7 +232,7 @@ ParsedConfig load(const Options &options) {
 int run_daemon(const Options &options) {
   open_missing_standard_files();
   start_logging(options.log_format, options.log_level.empty() ? "info" : options.log_level);
-  const ParsedConfig parsed = load(options);
+  const config::ParsedConfig parsed = load(options);
   if (!parsed.problems.empty()) {
     log_problems(options.config, parsed.problems);
     return 1;
@@ -238,4 +249,4 @@ int run_daemon(const Options &options) {
   return 0;
 }
 
-}  // namespace ksd
+}  // namespace ksd::server

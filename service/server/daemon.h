@@ -7,7 +7,7 @@
 #include "base/log.h"
 #include "config/config.h"
 
-namespace ksd {
+namespace ksd::server {
 
 // Options is the command line. An empty text leaves to the configuration what it is about.
 struct Options {
@@ -20,11 +20,11 @@ struct Options {
 };
 
 // load reads the configuration and puts the command line over it.
-ParsedConfig load(const Options &options);
+config::ParsedConfig load(const Options &options);
 
 // run_daemon serves until SIGTERM or SIGINT and returns the process's exit status.
 int run_daemon(const Options &options);
 
-}  // namespace ksd
+}  // namespace ksd::server
 
 #endif

@@ -1,6 +1,8 @@
 #include "server/frame.h"
 
-namespace ksd {
+#include <cstring>
+
+namespace ksd::server {
 
 Frame read_frame(Bytes received, size_t sent_size) {
   Frame frame;
@@ -31,4 +33,4 @@ Frame read_frame(Bytes received, size_t sent_size) {
   return frame;
 }
 
-}  // namespace ksd
+}  // namespace ksd::server

@@ -2,9 +2,10 @@
 #ifndef SERVICE_SERVER_FRAME_H
 #define SERVICE_SERVER_FRAME_H
 
-#include "handlers/handler.h"
+#include "base/bytes.h"
+#include "host_wire.h"
 
-namespace ksd {
+namespace ksd::server {
 
 enum class Verdict {
   kGood,
@@ -23,6 +24,6 @@ struct Frame {
 // read_frame checks the datagram that begins with the bytes `received` and was `sent_size` long when it was sent.
 Frame read_frame(Bytes received, size_t sent_size);
 
-}  // namespace ksd
+}  // namespace ksd::server
 
 #endif

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-namespace ksd {
+namespace ksd::server {
 namespace {
 
 [[noreturn]] void fail(const std::string &path, const char *what) {
@@ -42,7 +42,7 @@ void make_socket_folder(const std::string &socket_path) {
   if (mkdir(folder.c_str(), 0755) < 0 && errno != EEXIST) fail(folder, "can't make the folder of the socket");
 }
 
-UniqueFd listen_at(const std::string &path, const Config &config) {
+UniqueFd listen_at(const std::string &path, const config::Config &config) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
@@ -65,4 +65,4 @@ UniqueFd listen_at(const std::string &path, const Config &config) {
   return socket;
 }
 
-}  // namespace ksd
+}  // namespace ksd::server

@@ -7,7 +7,7 @@
 #include "base/fd.h"
 #include "config/config.h"
 
-namespace ksd {
+namespace ksd::server {
 
 // socket_path_of gives the path that a passed socket is bound to. Throws std::runtime_error when it has none.
 std::string socket_path_of(int socket);
@@ -17,8 +17,8 @@ void make_socket_folder(const std::string &socket_path);
 
 // listen_at makes the socket that `config` describes. A file that an ended service left there is removed first: the
 // caller holds the state page's lock, so none is in use. Throws std::runtime_error with the reason.
-UniqueFd listen_at(const std::string &path, const Config &config);
+UniqueFd listen_at(const std::string &path, const config::Config &config);
 
-}  // namespace ksd
+}  // namespace ksd::server
 
 #endif

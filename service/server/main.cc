@@ -9,10 +9,10 @@ namespace {
 
 constexpr int kWrongUse = 2;
 
-int check(const ksd::Options &options) {
-  const ksd::ParsedConfig parsed = ksd::load(options);
-  for (const ksd::ConfigProblem &problem : parsed.problems) {
-    std::fprintf(stderr, "%s\n", ksd::describe(options.config, problem).c_str());
+int check(const ksd::server::Options &options) {
+  const ksd::config::ParsedConfig parsed = ksd::server::load(options);
+  for (const ksd::config::ConfigProblem &problem : parsed.problems) {
+    std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
   }
   if (!parsed.problems.empty()) return 1;
   std::printf("%s: valid\n", options.config.c_str());
@@ -22,8 +22,8 @@ int check(const ksd::Options &options) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  ksd::Options options;
-  options.config = ksd::kDefaultConfigPath;
+  ksd::server::Options options;
+  options.config = ksd::config::kDefaultConfigPath;
   bool only_check = false;
 
   CLI::App app("ksd keeps secrets and PACs and computes with keys that never leave it.");
@@ -47,5 +47,5 @@ int main(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? 0 : kWrongUse;
   }
-  return only_check ? check(options) : ksd::run_daemon(options);
+  return only_check ? check(options) : ksd::server::run_daemon(options);
 }

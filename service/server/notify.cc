@@ -11,7 +11,7 @@
 #include <ctime>
 #include <stdexcept>
 
-namespace ksd {
+namespace ksd::server {
 namespace {
 
 constexpr int kFirstPassed = 3;
@@ -76,4 +76,4 @@ std::optional<UniqueFd> passed_socket() {
   return socket;
 }
 
-}  // namespace ksd
+}  // namespace ksd::server

@@ -8,7 +8,7 @@
 
 #include "base/fd.h"
 
-namespace ksd {
+namespace ksd::server {
 
 // Notifier tells the service manager named by NOTIFY_SOCKET how the service is. Without one it does nothing.
 class Notifier {
@@ -30,6 +30,6 @@ class Notifier {
 // out of the environment. Throws std::runtime_error when what was passed isn't one socket that can be served.
 std::optional<UniqueFd> passed_socket();
 
-}  // namespace ksd
+}  // namespace ksd::server
 
 #endif

@@ -5,7 +5,7 @@
 #include <system_error>
 #include <thread>
 
-namespace ksd {
+namespace ksd::server {
 
 void Server::admit(UniqueFd socket) {
   std::optional<Peer> peer = peer_of(socket.get());
@@ -30,7 +30,7 @@ void Server::finish() {
 }
 
 bool Server::take_place(uid_t uid, int socket) {
-  const Limits limits = service_.config()->limits;
+  const config::Limits limits = current_config_.snapshot()->limits;
   const std::lock_guard lock(mutex_);
   if (finishing_) return false;
   if (sockets_.size() >= limits.connections) {
@@ -76,7 +76,7 @@ void Server::serve(UniqueFd socket, Peer peer) {
   const uid_t uid = peer.uid;
   const int number = socket.get();
   try {
-    Connection(service_, dispatcher_, number, std::move(peer)).serve();
+    Connection(service_, dispatcher_, current_config_, number, std::move(peer)).serve();
   } catch (const std::bad_alloc &) {
     refuse(uid, "there is no memory");
   }
@@ -84,4 +84,4 @@ void Server::serve(UniqueFd socket, Peer peer) {
   give_place_back(uid, number);
 }
 
-}  // namespace ksd
+}  // namespace ksd::server

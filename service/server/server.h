@@ -12,11 +12,12 @@
 #include "handlers/service.h"
 #include "server/connection.h"
 
-namespace ksd {
+namespace ksd::server {
 
 class Server {
  public:
-  explicit Server(Service &service) : service_(service) {}
+  Server(handlers::Service &service, const CurrentConfig &current_config)
+      : service_(service), current_config_(current_config) {}
   ~Server() { finish(); }
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
@@ -34,8 +35,9 @@ class Server {
   void note_use(uid_t uid, const char *whose, uint32_t used, uint32_t limit);
   void serve(UniqueFd socket, Peer peer);
 
-  Service &service_;
-  const Dispatcher dispatcher_;
+  handlers::Service &service_;
+  const CurrentConfig &current_config_;
+  const handlers::Dispatcher dispatcher_;
   std::mutex mutex_;
   std::condition_variable ended_;
   std::set<int> sockets_;
@@ -43,6 +45,6 @@ class Server {
   bool finishing_ = false;
 };
 
-}  // namespace ksd
+}  // namespace ksd::server
 
 #endif

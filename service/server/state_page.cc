@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-namespace ksd {
+namespace ksd::server {
 namespace {
 
 [[noreturn]] void fail(const std::string &path, const char *what) {
@@ -62,7 +62,7 @@ StatePage::~StatePage() {
   munmap(page_, sizeof *page_);
 }
 
-void StatePage::publish(const Config &config) {
+void StatePage::publish(const config::Config &config) {
   store(page_->supstate, config.supstate);
   store_gate(page_->history_open, config.gates.record);
   store_gate(page_->debug_open, config.gates.debug);
@@ -82,4 +82,4 @@ void make_history_folder(const std::string &socket_path) {
   if (fchmod(folder.get(), everybody_his_own) < 0) fail(path, "can't open the history folder to clients");
 }
 
-}  // namespace ksd
+}  // namespace ksd::server

@@ -7,7 +7,7 @@
 #include "base/fd.h"
 #include "config/config.h"
 
-namespace ksd {
+namespace ksd::server {
 
 // StatePage maps the page of a socket for writing, and holds the lock that keeps a second service from the same socket.
 class StatePage {
@@ -19,7 +19,7 @@ class StatePage {
   StatePage &operator=(const StatePage &) = delete;
 
   // publish writes what `config` says, for running clients to see.
-  void publish(const Config &config);
+  void publish(const config::Config &config);
 
  private:
   UniqueFd file_;
@@ -29,6 +29,6 @@ class StatePage {
 // make_history_folder makes the folder beside the socket in which clients keep their reports. Throws like StatePage.
 void make_history_folder(const std::string &socket_path);
 
-}  // namespace ksd
+}  // namespace ksd::server
 
 #endif

@@ -2,19 +2,22 @@
 #ifndef SERVICE_VAULT_STORE_H
 #define SERVICE_VAULT_STORE_H
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <vector>
 
-#include "handlers/handler.h"
+#include "base/bytes.h"
+#include "base/entry_name.h"
+#include "base/secret_bytes.h"
 
-namespace ksd {
+namespace ksd::vault {
 
-// SecretBytes is a secret or key in guarded, locked, non-dumpable memory, cleansed when the last holder lets go. It
-// never changes once made, so a handler keeps a pointer for as long as it computes.
-class SecretBytes;
-
-// Entry is what a read of the table gives: a snapshot that later changes don't touch.
+// Entry is what a read of the table gives: a snapshot that later changes don't touch. The secret never changes once
+// made, so a handler keeps a pointer for as long as it computes.
 struct Entry {
   uint64_t generation = 0;  // of this content; another one after every change of the secret, never used twice
   std::shared_ptr<const SecretBytes> secret;
@@ -77,6 +80,6 @@ class Store {
   std::atomic<uint64_t> epoch_{0};
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -9,7 +9,7 @@
 #include "crypto/mschap.h"
 #include "published_vectors.h"
 
-namespace ksd {
+namespace ksd::crypto {
 namespace {
 
 using published::ByteString;
@@ -102,4 +102,4 @@ TEST(KeyCache, ServesThreadsThatUseAddAndForgetAtOnce) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::crypto

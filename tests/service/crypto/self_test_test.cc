@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-namespace ksd {
+namespace ksd::crypto {
 namespace {
 
 // Tamper is a plain function, so which algorithm it spoils stands outside of it.
@@ -32,4 +32,4 @@ TEST(SelfTest, NamesEveryAlgorithmForTheLog) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::crypto

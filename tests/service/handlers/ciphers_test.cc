@@ -1,7 +1,7 @@
 // The messages of AES, DES and 3DES: published values, keys that are refused, lengths.
 #include "keystore.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 constexpr uint32_t kAesOpcodes[] = {KS_OP_AES_ENCRYPT, KS_OP_AES_DECRYPT};
@@ -162,4 +162,4 @@ TEST_F(Ciphers, LongestDataFitsAnEcbReplyButNotACbcReplyWhichHasTheIvToo) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::handlers

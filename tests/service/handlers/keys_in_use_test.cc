@@ -1,7 +1,7 @@
 // Keys of entries in use: prepared once, and never used for another content than the entry has.
 #include "keystore.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 const ByteString kKey = unhex("000102030405060708090a0b0c0d0e0f");
@@ -62,4 +62,4 @@ TEST_F(KeysInUse, AreNotKeptWhenTheSecretIsReplacedBetweenLookUpAndPreparation) 
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::handlers

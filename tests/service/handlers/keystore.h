@@ -14,7 +14,7 @@
 #include "handlers/service.h"
 #include "published_vectors.h"
 
-namespace ksd {
+namespace ksd::handlers {
 
 using published::ByteString;
 using published::text;
@@ -50,10 +50,10 @@ inline ByteString pac_name(std::string_view name) {
   return unhex("31000007") + text(name);
 }
 
-class StoreInMemory : public Store {
+class StoreInMemory : public vault::Store {
  public:
-  std::optional<Entry> find(const EntryName &name) const override {
-    std::optional<Entry> found;
+  std::optional<vault::Entry> find(const EntryName &name) const override {
+    std::optional<vault::Entry> found;
     if (const auto at = entries_.find(key_of(name)); at != entries_.end()) found = at->second;
     if (after_find) std::exchange(after_find, nullptr)();
     return found;
@@ -64,9 +64,9 @@ class StoreInMemory : public Store {
 
   KsResult put(const EntryName &name, const std::optional<EntryName> &, Bytes secret, Bytes metadata, uid_t) override {
     if (put_result != KS_SUCCESS) return put_result;
-    Entry entry{.generation = ++last_generation_,
-                .secret = SecretBytes::copy_of(secret),
-                .metadata = std::make_shared<const ByteString>(metadata.begin(), metadata.end())};
+    vault::Entry entry{.generation = ++last_generation_,
+                       .secret = SecretBytes::copy_of(secret),
+                       .metadata = std::make_shared<const ByteString>(metadata.begin(), metadata.end())};
     begin_epoch();
     const uint64_t before = std::exchange(entries_[key_of(name)], std::move(entry)).generation;
     if (before != 0) retired_(before);
@@ -101,7 +101,7 @@ class StoreInMemory : public Store {
   using Key = std::pair<std::pair<uint8_t, uint16_t>, std::string>;
   static Key key_of(const EntryName &name) { return {{name.tag, name.vdc_id}, name.name}; }
 
-  std::map<Key, Entry> entries_;
+  std::map<Key, vault::Entry> entries_;
   uint64_t last_generation_ = 0;
   std::function<void(uint64_t)> retired_ = [](uint64_t) {};
 };
@@ -127,12 +127,11 @@ inline Answer success(ByteString data) {
 
 class Keystore {
  public:
-  explicit Keystore(Tamper tamper = nullptr) : service(std::make_shared<const Config>(), tamper) {
+  // `usable` are the algorithms that passed their self-test.
+  explicit Keystore(crypto::AlgorithmSet usable = crypto::AlgorithmSet().set())
+      : Keystore(std::make_unique<StoreInMemory>(), usable) {
     caller.uid = 1000;
     caller.vdc_id = kVdc;
-    auto in_memory = std::make_unique<StoreInMemory>();
-    store = in_memory.get();
-    service.use_store(std::move(in_memory));
   }
 
   void keep_secret(const std::string &name, Bytes secret) {
@@ -157,9 +156,12 @@ class Keystore {
 
   Caller caller;
   Service service;
-  StoreInMemory *store = nullptr;
+  StoreInMemory *const store;
 
  private:
+  Keystore(std::unique_ptr<StoreInMemory> in_memory, crypto::AlgorithmSet usable)
+      : service(std::move(in_memory), usable), store(static_cast<StoreInMemory *>(&service.store())) {}
+
   static Answer read(Bytes payload) {
     Answer answer;
     answer.size = payload.size();
@@ -266,6 +268,6 @@ inline Asked t_prf(const ByteString &name, const ByteString &label, const ByteSt
           name + label + random};
 }
 
-}  // namespace ksd
+}  // namespace ksd::handlers
 
 #endif

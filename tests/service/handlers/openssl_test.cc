@@ -5,7 +5,7 @@
 
 #include "keystore.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 using openssl::Direction;
@@ -108,4 +108,4 @@ TEST_F(OpenSsl, AgreesOnTPrfForEveryNumberOfBlocksAndPartsOfOne) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::handlers

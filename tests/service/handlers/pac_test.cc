@@ -1,7 +1,7 @@
 // The messages on PACs: store, presence, T-PRF.
 #include "keystore.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 struct Pacs : testing::Test {
@@ -106,4 +106,4 @@ TEST_F(Pacs, TPrfRefusesARandomThatIsAnnouncedButNotSent) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::handlers

@@ -3,7 +3,7 @@
 
 #include "keystore.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 // Field is a length and offset pair of a descriptor, told again here from the layouts of the messages.
@@ -232,4 +232,4 @@ TEST_F(Requests, NamesOfUnknownTagsOrWithoutANameAreRefused) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::handlers

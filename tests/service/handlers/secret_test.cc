@@ -8,10 +8,14 @@
 #include "handlers/service.h"
 #include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::handlers {
 namespace {
 
 using testing::ElementsAre;
+using vault::bytes_of;
+using vault::metadata_in;
+using vault::secret_in;
+using vault::secret_name;
 
 using Message = std::vector<uint8_t>;
 
@@ -39,13 +43,12 @@ class Messages : public testing::Test {
  protected:
   Messages() {
     disk.skip_syncs();
-    service.use_store(folder.open());
     store().put(secret_name("mine"), secret_name("alias"), bytes_of("1"), bytes_of("meta"), 1000);
     store().put({KS_NAME_TAG_PAC, 7, std::string("p\0c", 3)}, std::nullopt, bytes_of("2"), bytes_of("pac"), 1000);
     store().put(secret_name("theirs", 8), secret_name("other", 8), bytes_of("3"), bytes_of("meta of 8"), 2000);
   }
 
-  Store &store() { return *service.store(); }
+  vault::Store &store() { return service.store(); }
 
   Message ask(const Caller &caller, uint32_t opcode, const std::string &descriptor, const std::string &sections = "") {
     Message message = hex(descriptor);
@@ -73,9 +76,9 @@ class Messages : public testing::Test {
     return text;
   }
 
-  Disk disk;
-  Folder folder;
-  Service service{std::make_shared<const Config>()};
+  vault::Disk disk;
+  vault::Folder folder;
+  Service service{folder.open(), {}};  // these messages compute nothing
   Dispatcher dispatcher;
   const Caller own{.uid = 1000, .gid = 1000, .pid = 1, .vdc_id = 7};
   const Caller other{.uid = 2000, .gid = 2000, .pid = 2, .vdc_id = 8};
@@ -324,4 +327,4 @@ TEST_F(Rename, RefusesANewNameOfAnotherVdcAndDoesntFindAnOldOne) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::handlers

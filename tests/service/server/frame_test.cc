@@ -8,9 +8,9 @@
 
 namespace {
 
-using ksd::Frame;
-using ksd::read_frame;
-using ksd::Verdict;
+using ksd::server::Frame;
+using ksd::server::read_frame;
+using ksd::server::Verdict;
 
 std::vector<uint8_t> bytes(const std::string &hex) {
   std::vector<uint8_t> result;

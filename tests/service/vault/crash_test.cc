@@ -14,7 +14,7 @@
 
 #include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 constexpr int kThreads = 3;
@@ -165,4 +165,4 @@ TEST_F(Crash, LosesNothingAcknowledgedAndShowsNothingHalfDone) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

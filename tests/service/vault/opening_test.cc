@@ -13,7 +13,7 @@
 #include "vault/master_key.h"
 #include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::AllOf;
@@ -298,4 +298,4 @@ TEST_F(MasterKeyFile, ComesFromTheCredentialsWhenNoneIsNamed) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

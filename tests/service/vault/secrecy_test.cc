@@ -17,7 +17,7 @@
 
 #include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::HasSubstr;
@@ -138,4 +138,4 @@ TEST(PlantedSecrets, AreInGuardedMemoryOnceAndNowhereWhenCleared) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

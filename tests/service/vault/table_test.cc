@@ -7,7 +7,7 @@
 
 #include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::ElementsAre;
@@ -140,4 +140,4 @@ TEST(Table, HoldsAllPositionsAndClosesUpWhenFull) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -12,7 +12,7 @@
 #include <iterator>
 #include <stdexcept>
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 // What a test wants to see of the log it looks at itself.
@@ -244,4 +244,4 @@ void Disk::wait_for_held_sync() {
   disk->changed.wait(lock, [] { return disk->held; });
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -12,7 +12,7 @@
 
 #include "vault/vault.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // Folder is a fresh folder that goes with the object.
 class Folder {
@@ -70,6 +70,6 @@ class Disk {
   void limit_room(int64_t bytes);
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif
