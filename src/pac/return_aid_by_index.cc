@@ -29,8 +29,10 @@ KsResult ks_return_aid_by_index(uint16_t *index, uint8_t **aid, uint16_t *aid_le
     if (const KsResult sent = exchange.run(&position); sent != KS_SUCCESS) return sent;
 
     const KsResult result = ks::reply_result(exchange.payload());
-    const uint16_t len = ks::reported_len(exchange.size(), exchange.payload());
-    // The name of the twin's reader: log filters take both walks for one.
+    // A success is believed to hold what its length says: the size, cut to 16 bits, shows 5 for a reply of 65,541.
+    const uint16_t len = result == KS_SUCCESS ? ks::reply_len(exchange.payload())
+                                              : ks::reported_len(exchange.size(), exchange.payload());
+    // The name of the twin's reader, as promised: in the trace the two walks look alike here.
     KS_TRACE(KS_SUBTYPE_NORMAL, "%s: Ret :%d len:%d \n", "ks_return_secret_handle_by_index_resp", result, len);
     if (result != KS_SUCCESS) return result;
 
