@@ -79,8 +79,7 @@ KsResult ks_cache_read_pac(const void *name, uint32_t name_len, uint8_t **metada
 
   const ks::CachedEntry entry(*value);
   const uint32_t len = entry.head.meta_len;
-  const uint8_t *cached = entry.region(0, len);
-  if (len == 0 || cached == nullptr) {  // damaged, which the caller is told by these two
+  if (len == 0) {  // a damaged entry, which the caller is told by these two
     *metadata = nullptr;
     *meta_len = 0;
   } else {
@@ -89,7 +88,7 @@ KsResult ks_cache_read_pac(const void *name, uint32_t name_len, uint8_t **metada
       KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Malloc failed \n");
       return KS_NO_MEMORY;
     }
-    memcpy(*metadata, cached, len);
+    memcpy(*metadata, entry.at(0), len);
     *meta_len = ks::low16(len);
   }
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return \n");

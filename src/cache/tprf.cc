@@ -97,13 +97,11 @@ KsResult ks_cache_read_tprf(const void *name, uint32_t name_len, const void *lab
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Cached Label Len :%d. Cached Random Len :%d\n", head.label_len, head.random_len);
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Received Label Len :%d.Received Random Len :%d\n", label_len, random_len);
 
-  const uint8_t *cached_label = entry.region(head.label_off, head.label_len);
-  const uint8_t *cached_output = entry.region(head.output_off, head.output_len);
-  if (head.label_len == 0 || head.output_len == 0 || cached_label == nullptr || cached_output == nullptr) {
+  if (head.label_len == 0 || head.output_len == 0) {
     KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Either label or output is not present in cache.\n");
     return KS_FAILURE;
   }
-  if (label_len != head.label_len || memcmp(label, cached_label, label_len) != 0) {
+  if (label_len != head.label_len || memcmp(label, entry.at(head.label_off), label_len) != 0) {
     KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Label mismatch.\n");
     return KS_FAILURE;
   }
@@ -112,12 +110,9 @@ KsResult ks_cache_read_tprf(const void *name, uint32_t name_len, const void *lab
     KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Random number length mismatch.\n");
     return KS_FAILURE;
   }
-  if (head.random_len != 0) {
-    const uint8_t *cached_random = entry.region(head.random_off, head.random_len);
-    if (cached_random == nullptr || memcmp(random, cached_random, random_len) != 0) {
-      KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Given random number does not match cached value.\n");
-      return KS_FAILURE;
-    }
+  if (head.random_len != 0 && memcmp(random, entry.at(head.random_off), head.random_len) != 0) {
+    KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Given random number does not match cached value.\n");
+    return KS_FAILURE;
   }
 
   *output = static_cast<uint8_t *>(calloc(1, head.output_len));
@@ -125,7 +120,7 @@ KsResult ks_cache_read_tprf(const void *name, uint32_t name_len, const void *lab
     KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Malloc failed \n");
     return KS_NO_MEMORY;
   }
-  memcpy(*output, cached_output, head.output_len);
+  memcpy(*output, entry.at(head.output_off), head.output_len);
   *output_len = head.output_len;
   // DIFFERS(tprf-found-alert): a success reported as an alert: it shows in histories that record alerts alone.
   KS_TRACE_HERE(KS_SUBTYPE_CACHE_ALERT, ":Valid TPRF found in cache.\n");

@@ -225,16 +225,28 @@ TEST_F(ReadPac, ReadsAnEntryWithoutMetadataAsANullBuffer) {
   EXPECT_THAT(flow(), IsEmpty());
 }
 
-TEST_F(ReadPac, NeverReadsPastADamagedValue) {
-  expect_damaged({});
-  expect_damaged(bytes("09 00 00"));     // not even a length
-  expect_damaged(bytes("09 00 00 00"));  // no whole header
-  expect_damaged(Bytes(kPlain.begin(), kPlain.begin() + 21));
-  expect_damaged(Bytes(kPlain.begin(), kPlain.begin() + 22));
-  expect_damaged(Bytes(kPlain.begin(), kPlain.end() - 1));  // one byte short
-  expect_damaged(bytes("ff ff ff ff") + Bytes(18, 0) + kMeta);
-  expect_damaged(bytes("ea ff ff ff") + Bytes(18, 0) + kMeta);  // 22 more would wrap to 0
+TEST_F(ReadPac, ReadsAValueTooShortForItsHeaderAsOneWithoutMetadata) {
+  for (ptrdiff_t size = 0; size < 22; ++size) {
+    SCOPED_TRACE(size);
+    expect_damaged(Bytes(kPlain.begin(), kPlain.begin() + size));
+  }
   EXPECT_THAT(flow(), IsEmpty());
+}
+
+TEST_F(ReadPac, BelievesTheLengthOfTheMetadataWhateverSizeTheValueIsSaidToHave) {
+  const Bytes longer(300, 0x5a);
+  sdb.entries[kKey] = bytes("2c 01 00 00") + Bytes(18, 0) + longer;
+  for (const uint32_t size : {22u, 30u, 321u, 322u, 0xffffffffu}) {
+    SCOPED_TRACE(size);
+    sdb.value_size = size;
+    EXPECT_EQ(read(), KS_SUCCESS);
+    EXPECT_EQ(last_traces(2),
+              (Lines{"103:ks_cache_read_pac(#):Total value Size :" + std::to_string(static_cast<int32_t>(size)) + " \n",
+                     "103:ks_cache_read_pac(#):Return \n"}));
+    EXPECT_EQ(meta_len, 300);
+    EXPECT_EQ(heap.content(metadata, 300), longer);
+    heap.release(metadata);
+  }
 }
 
 TEST_F(ReadPac, TakesNoNoticeOfWhatFollowsTheMetadata) {
