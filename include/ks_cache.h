@@ -79,7 +79,8 @@ KS_EXPORT uint32_t sksd_sdb_delete(const void *key, uint32_t key_size);
  * it may be NULL when `meta_len` is 0.
  *
  * KS_NO_MEMORY, KS_FAILURE (the database refused): the old entry is gone all the same.
- * NOTE: when the database refuses, the value that was built is never freed. */
+ * NOTE: when the database refuses, the value that was built is never freed. NOTE: a report takes `metadata` for a
+ * text. Metadata without a zero byte, which an opaque or info TLV begins with, costs as much of the stack again. */
 KS_EXPORT KsResult ks_cache_pac_write(const void *name, uint32_t name_len, const void *metadata, uint16_t meta_len);
 
 /* ks_cache_read_pac hands out a copy of the entry's metadata, which the caller frees, and its length. With a NULL

@@ -149,11 +149,29 @@ TEST_F(PacWrite, ReportsMetadataAsTextAndNeverReadsPastIt) {
   const std::string longest(511, 'm');
   EXPECT_EQ(reported(bytes_of(longest)),
             "ks_cache_pac_write(#):Total value size :533.URI :u:x.Meta :" + longest + ".Meta Len :511\n");
-  // Without an end of its own it is cut to what a record holds; with one it is not.
+  // The debug line is not bound by what a record holds, whether the metadata has an end of its own or not.
   EXPECT_EQ(reported(bytes_of(longest + "mmm")),
-            "ks_cache_pac_write(#):Total value size :536.URI :u:x.Meta :" + longest + ".Meta Len :514\n");
+            "ks_cache_pac_write(#):Total value size :536.URI :u:x.Meta :" + longest + "mmm.Meta Len :514\n");
   EXPECT_EQ(reported(bytes_of(longest + "mm") + Bytes(1, 0)),
             "ks_cache_pac_write(#):Total value size :536.URI :u:x.Meta :" + longest + "mm.Meta Len :514\n");
+  EXPECT_EQ(reported(Bytes(65535, 'm')), "ks_cache_pac_write(#):Total value size :65557.URI :u:x.Meta :" +
+                                             std::string(65535, 'm') + ".Meta Len :65535\n");
+}
+
+TEST_F(PacWrite, CutsItsRecordOfMetadataButNotItsDebugLine) {
+  trace.open_both();
+  EXPECT_EQ(write(Bytes(600, 'm')), KS_SUCCESS);
+
+  const std::string line =
+      "ks_cache_pac_write(#):Total value size :622.URI :u:x.Meta :" + std::string(600, 'm') + ".Meta Len :600\n";
+  EXPECT_THAT(trace.debug_lines, testing::Contains(line));
+  const auto records = traces();
+  const auto record = std::find_if(records.begin(), records.end(), [](const std::string &text) {
+    return text.find("Total value size") != std::string::npos;
+  });
+  ASSERT_NE(record, records.end());
+  EXPECT_THAT(*record, testing::MatchesRegex("ks_cache_pac_write\\(#\\):Total value size :622.URI :u:x.Meta :m+"));
+  EXPECT_EQ(trace.lengths[static_cast<size_t>(record - records.begin())], 516u) << "4, 511 characters, and the end";
 }
 
 TEST_F(PacWrite, PassesNullMetadataToItsReport) {
