@@ -3,7 +3,6 @@
 //   descriptor  name length | 2                                        (2 bytes), for the metadata of each PAC
 //   sections    name
 //   reply       result | length | metadata
-#include "ks_secret.h"
 #include "pac/requests.h"
 #include "transport/exchange.h"
 #include "transport/owned_block.h"
@@ -37,7 +36,8 @@ KsResult ks_clear_old_pacs(const char *i_id) {
     // DIFFERS(clear-old-pacs-keeps): neither message of a PAC's metadata is ever dropped, and further down its name is
     // not freed; platforms that account for messages know this walk by them.
     exchange.keep_messages();
-    const KsResult read = ks_return_metadata_resp(exchange.size(), exchange.payload(), metadata.place(), &meta_len);
+    KsResult read = ks::reply_result(exchange.payload());  // in place, and so is what follows
+    if (read == KS_SUCCESS) read = ks::copy_reply_data(exchange.payload(), metadata.place(), &meta_len);
     if (read != KS_SUCCESS) {
       KS_TRACE(KS_SUBTYPE_NORMAL, "PAC metadata retrieval from hw keystore failed, status %d.", read);
       return read;

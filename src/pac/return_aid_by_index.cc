@@ -37,12 +37,12 @@ KsResult ks_return_aid_by_index(uint16_t *index, uint8_t **aid, uint16_t *aid_le
     if (result != KS_SUCCESS) return result;
 
     ks::OwnedBlock name;  // declared behind the exchange: goes before its messages
-    *name.place() = static_cast<uint8_t *>(calloc(1, len));
-    if (name.data() == nullptr) return KS_NO_MEMORY;
-    memcpy(*name.place(), ks::reply_data(exchange.payload()), len);
-    if (!is_own_pac(name.data(), len)) continue;
+    uint16_t name_len = 0;
+    const KsResult copied = ks::copy_reply_data(exchange.payload(), name.place(), &name_len);
+    if (copied != KS_SUCCESS) return copied;
+    if (!is_own_pac(name.data(), name_len)) continue;
 
-    const uint16_t own_len = ks::low16(len - size_t{KS_NAME_HEADER_SIZE});
+    const uint16_t own_len = ks::low16(name_len - size_t{KS_NAME_HEADER_SIZE});
     *aid = name.take();
     memmove(*aid, *aid + KS_NAME_HEADER_SIZE, own_len);
     (*aid)[own_len] = 0;
