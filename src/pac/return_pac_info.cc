@@ -67,29 +67,11 @@ KsResult ks_cache_get_pac_info(const uint8_t *aid, uint32_t aid_len, uint8_t **i
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Meta_len = %d.\n", meta_len);
 
   ks::PacTlvSpan found;
-  switch (ks::ks_pac_metadata_walk(metadata.data(), meta_len, EAP_FAST_PAC_INFO, &found)) {
-    case ks::PacWalk::kFound:
-      break;
-    case ks::PacWalk::kMultipleOpaques:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Multiple Opaques present in PAC metadata.");
-      return KS_FAILURE;
-    case ks::PacWalk::kBadOpaqueLength:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Bad TLV length in PAC-opaque meta data.");
-      return KS_FAILURE;
-    case ks::PacWalk::kMultipleInfos:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Multiple Infos present in PAC metadata.");
-      return KS_FAILURE;
-    case ks::PacWalk::kBadInfoLength:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Bad TLV length in PAC-Info meta data.");
-      return KS_FAILURE;
-    case ks::PacWalk::kUnknownType:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Unknown PAC TLV type in meta data.");
-      return KS_FAILURE;
-    case ks::PacWalk::kIncomplete:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Incomplete PAC metadata received from keystore.");
-      return KS_FAILURE;
+  const ks::PacWalk end = ks::ks_pac_metadata_walk(metadata.data(), meta_len, EAP_FAST_PAC_INFO, &found);
+  if (end != ks::PacWalk::kFound) {
+    KS_TRACE(KS_SUBTYPE_NORMAL, ks::named_text(end), __func__, __LINE__);
+    return KS_FAILURE;
   }
-
   if (const KsResult copied = ks::copy_tlv(found, info); copied != KS_SUCCESS) return copied;
   *info_len = found.size;
   metadata.release();
