@@ -56,8 +56,8 @@ KsResult ks_cache_pac_write(const void *name, uint32_t name_len, const void *met
 
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Writing PAC into shared DB.\n");
   if (const uint32_t code = sksd_sdb_write(&key, sizeof key, value, size); code != 0) {
-    // DIFFERS(cache-write-keeps-value): the value stays allocated here, where ks_cache_pac_write_tprf frees it; those
-    // who account for our memory expect both.
+    // DIFFERS(cache-write-keeps-value): the value stays allocated here, where ks_cache_pac_write_tprf frees it.
+    // Levelled, a refusal would leave one block less here, or one more there.
     return ks::change_refusal(code, "%s(%d):SDB write error.\n");
   }
   free(value);
@@ -99,8 +99,9 @@ KsResult ks_cache_read_pac(const void *name, uint32_t name_len, uint8_t **metada
 }
 
 KsResult ks_cache_find_pac(const void *aid, uint32_t aid_len, uint32_t *found) {
-  // DIFFERS(cache-find-malloc): malloc and no report, where every other name comes from calloc and a failure is
-  // reported; those who count our allocations by kind rely on it.
+  // DIFFERS(cache-find-malloc): malloc, as for all names under which the cache is asked; the names of requests come
+  // from calloc. And no report, where the cache's other allocations report a failure. Levelled, another allocator
+  // function would be called, and a failure reported.
   void *name = malloc(sizeof(KsWireName));
   if (name == nullptr) return KS_NO_MEMORY;
   memset(name, 0, sizeof(KsWireName));

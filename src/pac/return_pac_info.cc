@@ -14,7 +14,7 @@
 namespace {
 
 // DIFFERS(info-walk-release): here it is a bad opaque that leaves both messages undropped for good, while all buffers
-// go; platforms that account for messages expect them.
+// go. Levelled, such a read would call mts_drop twice more.
 constexpr bool keeps_messages_after(ks::PacWalk end) {
   return end == ks::PacWalk::kMultipleOpaques || end == ks::PacWalk::kBadOpaqueLength;
 }
@@ -58,6 +58,7 @@ KsResult ks_cache_get_pac_info(const uint8_t *aid, uint32_t aid_len, uint8_t **i
   ks::OwnedBlock metadata;
   uint16_t meta_len = 0;
   // DIFFERS(cache-info-name-byte): the name's length is cut to 8 bits here, and is whole in ks_cache_get_pac_opaque.
+  // Levelled, an `aid_len` of 253 to 287 would be refused here, or let pass there.
   const KsResult read = ks_cache_read_pac(name, ks::wire_len(aid_len), metadata.place(), &meta_len);
   free(name);
   if (read != KS_SUCCESS) return read;
@@ -84,7 +85,7 @@ KsResult ks_return_pac_info(const uint8_t *aid, uint32_t aid_len, uint8_t **info
   if (!ks::is_aid(aid, aid_len) || info == nullptr || info_len == nullptr) return KS_INVALID_ARGS;
 
   // DIFFERS(info-single-reports): what ks_return_pac_opaque says twice and with a code, this read says once and
-  // without.
+  // without. Levelled, there would be twice as many reports, and another text for a miss.
   if (!ks::opens_cache()) {
     KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Cache absent. Using smartcard.");
   } else {

@@ -24,7 +24,7 @@ enum class Release : uint8_t {
 };
 
 // DIFFERS(opaque-walk-release): ks_return_pac_info frees every buffer whatever the damage; here it decides what goes
-// and when. Platforms that account for messages and memory expect what is left.
+// and when. Levelled, other blocks and messages would be left, and mts_drop be called before or behind other releases.
 constexpr Release release_after(ks::PacWalk end) {
   switch (end) {
     case ks::PacWalk::kMultipleInfos:
@@ -63,7 +63,8 @@ constexpr TwiceReported kFailedWalkTexts[] = {
 
 KsResult opaque_from_keystore(const uint8_t *aid, uint32_t aid_len, uint8_t **opaque, uint32_t *opaque_len) {
   ks::Exchange exchange(ks::kPacMetadata);
-  // DIFFERS(opaque-stack-name): the one name that isn't on the heap, so that a read allocates once less than its twin.
+  // DIFFERS(opaque-stack-name): the one name that isn't on the heap. Levelled, a read would allocate once more, and
+  // could fail at that.
   constexpr uint32_t kOwnsNothing = 0;
   ks::SectionList list(ks::kPacMetadata.sections.max, kOwnsNothing);
   if (!list.allocated()) return KS_NO_MEMORY;
@@ -118,7 +119,7 @@ KsResult ks_cache_get_pac_opaque(const uint8_t *aid, uint32_t aid_len, uint8_t *
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Found key in cache. Retreving PAC opaque.\n");
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Meta_len = %d.\n", meta_len);
 
-  // DIFFERS(opaque-walk-trace): the only reader that reports each TLV; cache engineers follow entries by it.
+  // DIFFERS(opaque-walk-trace): the only reader that reports each TLV. Levelled, these reports would be missing.
   ks::PacMetadataWalk walk(metadata.data(), meta_len);
   while (walk.next()) {
     if (walk.type() == EAP_FAST_PAC_OPAQUE) {
@@ -161,7 +162,7 @@ KsResult ks_return_pac_opaque(const uint8_t *aid, uint32_t aid_len, uint8_t **op
       *opaque_len = cached_len;
       return KS_SUCCESS;
     }
-    // A KsResult in the platform's words is nonsense, but it is what log readers know.
+    // The platform's words for a number that is no code of the platform: so the text is promised.
     KS_TRACE_TWICE(":PAC not found in cache.Error = %d(%s)", asked, syserr2str(asked));
     *opaque = nullptr;
     *opaque_len = 0;
