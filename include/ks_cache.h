@@ -136,7 +136,8 @@ KS_EXPORT KsResult ks_cache_purge_all(void);
 
 /* ks_cache_purge_vdc_keys does the same, but spares a key whose VDC id isn't the caller's and whose name tag lies
  * outside 0x29 to 0x50.
- * NOTE: every PAC's tag lies inside: as things are, this empties the cache for all VDCs. */
+ * NOTE: every PAC's tag lies inside: as things are, this empties the cache for all VDCs. NOTE: a key of fewer than 8
+ * bytes, which none of ours is, holds no VDC id and is deleted. */
 KS_EXPORT KsResult ks_cache_purge_vdc_keys(void);
 
 #endif
