@@ -73,7 +73,7 @@ KsResult ks_store_pac(const uint8_t *aid, uint32_t aid_len, const uint8_t *pac_k
 
   if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
 
-  const KsResult result = ks_store_pac_resp(exchange.size(), exchange.payload());
+  const KsResult result = ks::reply_result(exchange.payload());  // in place, as the request is not
   list.release();
   exchange.drop();
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return.\n");

@@ -72,6 +72,15 @@ void Exchange::drop() {
   sent_live_ = received_live_ = false;
 }
 
+KsResult copy_reply_data(const void *payload, uint8_t **out, uint16_t *out_len) {
+  const uint16_t len = reply_len(payload);
+  *out = static_cast<uint8_t *>(calloc(1, len));
+  if (*out == nullptr) return KS_NO_MEMORY;
+  memcpy(*out, reply_data(payload), len);
+  *out_len = len;
+  return KS_SUCCESS;
+}
+
 KsResult read_exactly(const void *payload, void *output, uint16_t expected_len) {
   if (const KsResult result = reply_result(payload); result != KS_SUCCESS) return result;
   const uint16_t len = reply_len(payload);

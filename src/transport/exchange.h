@@ -70,6 +70,10 @@ inline const uint8_t *reply_data(const void *payload) {
   return static_cast<const uint8_t *>(payload) + 6;
 }
 
+// copy_reply_data allocates the length of a success's data in zeroed bytes, stores the block in `out` even when there
+// is none, and copies the data and its length.
+KsResult copy_reply_data(const void *payload, uint8_t **out, uint16_t *out_len);
+
 // read_exactly copies the reply's data to `output` when it is as long as expected, and returns the final result. Any
 // other length is reported and a KS_FAILURE, with nothing written.
 KsResult read_exactly(const void *payload, void *output, uint16_t expected_len);
