@@ -44,13 +44,18 @@ const uint8_t *bytes_of(const std::string &text) {
   return reinterpret_cast<const uint8_t *>(text.data());
 }
 
+template <typename Range>
+Octets all_of(const Range &bytes) {
+  return {std::begin(bytes), std::end(bytes)};
+}
+
 // Handed is what an operation has handed out, which its caller frees.
 struct Handed {
   uint8_t *data = nullptr;
   uint16_t len = 0;
 
   ~Handed() { free(data); }
-  Octets bytes() const { return Octets(data, data + len); }
+  Octets bytes() const { return {data, data + len}; }
 };
 
 class WirePage : public testing::Test {
@@ -97,7 +102,7 @@ class WirePage : public testing::Test {
 void WirePage::exchange_with_device() {
   uint8_t random[4] = {};
   expect_exchange("random", kSuccess, [&] { return ks_generate_random_number(random, 4, 0); });
-  EXPECT_THAT(random, ElementsAreArray({0xee, 0xee, 0xee, 0xee}));
+  EXPECT_EQ(all_of(random), Octets(4, 0xee));
 
   uint16_t version = 0;
   uint32_t status = 77;
@@ -142,28 +147,28 @@ constexpr std::array<uint8_t, 16> kPlain = {0x6b, 0xc1, 0xbe, 0xe2, 0x2e, 0x40, 
 void WirePage::exchange_with_ciphers_and_digests() {
   std::array<uint8_t, 16> out{};
   expect_exchange("aes-encrypt", kSuccess, [&] { return ks_aes_encrypt("aes", kPlain.data(), out.data(), 16); });
-  EXPECT_THAT(out, ElementsAreArray({0x3a, 0xd7, 0x7b, 0xb4, 0x0d, 0x7a, 0x36, 0x60, 0xa8, 0x9e, 0xca, 0xf3, 0x24, 0x66,
-                                     0xef, 0x97}));
+  EXPECT_EQ(all_of(out),
+            Octets({0x3a, 0xd7, 0x7b, 0xb4, 0x0d, 0x7a, 0x36, 0x60, 0xa8, 0x9e, 0xca, 0xf3, 0x24, 0x66, 0xef, 0x97}));
 
   constexpr uint8_t kCbc[] = {0x76, 0x49, 0xab, 0xac, 0x81, 0x19, 0xb2, 0x46,
                               0xce, 0xe9, 0x8e, 0x9b, 0x12, 0xe9, 0x19, 0x7d};
   std::array<uint8_t, 16> iv = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
   expect_exchange("aes-cbc-encrypt", kSuccess,
                   [&] { return ks_aes_cbc_encrypt("aes", iv.data(), kPlain.data(), 16, out.data()); });
-  EXPECT_THAT(out, ElementsAreArray(kCbc));
-  EXPECT_THAT(iv, ElementsAreArray(kCbc));
+  EXPECT_EQ(all_of(out), all_of(kCbc));
+  EXPECT_EQ(all_of(iv), all_of(kCbc));
 
   constexpr uint8_t kNow[] = {0x4e, 0x6f, 0x77, 0x20, 0x69, 0x73, 0x20, 0x74};
   std::array<uint8_t, 8> des{};
   expect_exchange("des-encrypt", kSuccess, [&] { return ks_des_ecb_encrypt("des", kNow, 8, des.data(), 8); });
-  EXPECT_THAT(des, ElementsAreArray({0x3f, 0xa4, 0x0e, 0x8a, 0x98, 0x4d, 0x48, 0x15}));
+  EXPECT_EQ(all_of(des), Octets({0x3f, 0xa4, 0x0e, 0x8a, 0x98, 0x4d, 0x48, 0x15}));
 
   std::array<uint8_t, 20> hmac{};
   expect_exchange("hmac-sha1", kSuccess, [&] { return ks_hmac_sha1("aes", bytes_of("Hi There"), 8, hmac.data()); });
-  EXPECT_EQ(Octets(hmac.begin(), hmac.end()), page().bytes("hmac-sha1-reply").from(kHeaderSize + 6));
+  EXPECT_EQ(all_of(hmac), page().bytes("hmac-sha1-reply").from(kHeaderSize + 6));
 
   expect_exchange("md5", kSuccess, [&] { return ks_md5_hash("aes", bytes_of("a"), 1, bytes_of("b"), 1, out.data()); });
-  EXPECT_EQ(Octets(out.begin(), out.end()), page().bytes("md5-reply").from(kHeaderSize + 6));
+  EXPECT_EQ(all_of(out), page().bytes("md5-reply").from(kHeaderSize + 6));
 }
 
 void WirePage::exchange_with_ms_chap() {
@@ -176,7 +181,7 @@ void WirePage::exchange_with_ms_chap() {
   std::array<uint8_t, 24> response{};
   expect_exchange("nt-response", kSuccess,
                   [&] { return ks_GenerateNTResponse("old", kAuthenticator, kPeer, "User", response.data()); });
-  EXPECT_THAT(response, ElementsAreArray(kResponse));
+  EXPECT_EQ(all_of(response), all_of(kResponse));
 
   std::string answer(42, '\0');
   expect_exchange("authenticator-response", kSuccess, [&] {
@@ -194,11 +199,11 @@ void WirePage::exchange_with_ms_chap() {
   std::array<uint8_t, 16> out{};
   expect_exchange("old-hash", kSuccess,
                   [&] { return ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash("new", "old", out.data()); });
-  EXPECT_EQ(Octets(out.begin(), out.end()), page().bytes("old-hash-reply").from(kHeaderSize + 6));
+  EXPECT_EQ(all_of(out), page().bytes("old-hash-reply").from(kHeaderSize + 6));
 
   expect_exchange("master-key", kSuccess, [&] { return ks_GetMasterKey("old", kResponse, out.data()); });
-  EXPECT_THAT(out, ElementsAreArray({0xfd, 0xec, 0xe3, 0x71, 0x7a, 0x8c, 0x83, 0x8c, 0xb3, 0x88, 0xe5, 0x27, 0xae, 0x3c,
-                                     0xdd, 0x31}));
+  EXPECT_EQ(all_of(out),
+            Octets({0xfd, 0xec, 0xe3, 0x71, 0x7a, 0x8c, 0x83, 0x8c, 0xb3, 0x88, 0xe5, 0x27, 0xae, 0x3c, 0xdd, 0x31}));
 }
 
 void WirePage::exchange_with_pacs() {
@@ -217,7 +222,7 @@ void WirePage::exchange_with_pacs() {
   uint8_t *info = nullptr;
   uint32_t info_len = 0;
   expect_exchange("pac-metadata", kSuccess, [&] { return ks_return_pac_info(kAid, sizeof kAid, &info, &info_len); });
-  EXPECT_EQ(Octets(info, info + info_len), Octets(std::begin(kInfo), std::end(kInfo)));
+  EXPECT_EQ(Octets(info, info + info_len), all_of(kInfo));
   free(info);
 
   uint16_t index = 4;
