@@ -19,7 +19,7 @@ class Folder {
   const std::string &path() const { return path_; }
   std::string file(const char *name) const { return path_ + '/' + name; }
 
-  // write_config writes a configuration with this user in `vdc` and his cache in the folder.
+  // write_config writes a configuration with this user in `vdc` and the user's cache in the folder.
   void write_config(uint16_t vdc) const;
 
  private:

@@ -45,7 +45,7 @@ void open_missing_standard_files() {
   }
 }
 
-// die_of ends this process by the signal that ended the command, so that whoever started it sees the same.
+// die_of ends this process by the signal that ended the command, so that its parent sees the same.
 void die_of(int signal_number) {
   const rlimit no_core{0, 0};
   setrlimit(RLIMIT_CORE, &no_core);

@@ -151,7 +151,7 @@ bool Session::service_is_ready() const {
   return std::string_view(text.data(), static_cast<size_t>(size)).find("READY=1") != std::string_view::npos;
 }
 
-// Somebody killed the service, or it failed. It comes back, as a service manager would have it; the command's clients
+// The service was killed, or it failed. It comes back, as a service manager would have it; the command's clients
 // reconnect by themselves.
 void Session::restart_service() {
   const int status = service_.end();
