@@ -36,7 +36,7 @@ while read -r file; do
   fi
   while read -r included; do
     # What lies in no room is of the system, of the library's headers or of the platform's.
-    [ -e "$included" ] || [ -e "$(dirname "$file")/$included" ] || continue
+    [ -e "$included" ] || [ -e "${file%/*}/$included" ] || continue
     may_include "$room" "$included" || report "$file includes $included: $room may use: ${allowed[$room]:-nothing}"
   done < <(sed -nE 's/^ *# *include *["<]([^">]+)[">].*/\1/p' "$file")
   space="ksd::$room"
