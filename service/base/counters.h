@@ -1,4 +1,4 @@
-// counters.h: what the daemon counts. Adding is free of contention: threads add to shards of their own.
+// counters.h: what the daemon counts, on all threads.
 #ifndef SERVICE_BASE_COUNTERS_H
 #define SERVICE_BASE_COUNTERS_H
 
@@ -28,50 +28,23 @@ enum class Event : size_t {
 
 class Counters {
  public:
-  void add(Event event) { bump(shard().events[static_cast<size_t>(event)]); }
+  void add(Event event) { bump(events_[static_cast<size_t>(event)]); }
 
   // message counts a request of a known message, and whether it was answered with KS_SUCCESS.
-  void message(uint32_t opcode, bool success) {
-    bump((success ? shard().done : shard().failed)[opcode - kFirstOpcode]);
-  }
+  void message(uint32_t opcode, bool success) { bump((success ? done_ : failed_)[opcode - kFirstOpcode]); }
 
-  uint64_t total(Event event) const {
-    return sum([&](const Shard &s) -> const Counter & { return s.events[static_cast<size_t>(event)]; });
-  }
-  uint64_t done(uint32_t opcode) const {
-    return sum([&](const Shard &s) -> const Counter & { return s.done[opcode - kFirstOpcode]; });
-  }
-  uint64_t failed(uint32_t opcode) const {
-    return sum([&](const Shard &s) -> const Counter & { return s.failed[opcode - kFirstOpcode]; });
-  }
+  uint64_t total(Event event) const { return events_[static_cast<size_t>(event)].load(std::memory_order_relaxed); }
+  uint64_t done(uint32_t opcode) const { return done_[opcode - kFirstOpcode].load(std::memory_order_relaxed); }
+  uint64_t failed(uint32_t opcode) const { return failed_[opcode - kFirstOpcode].load(std::memory_order_relaxed); }
 
  private:
   using Counter = std::atomic<uint64_t>;
 
-  struct alignas(64) Shard {
-    std::array<Counter, static_cast<size_t>(Event::kCount)> events{};
-    std::array<Counter, kOpcodeCount> done{};
-    std::array<Counter, kOpcodeCount> failed{};
-  };
-
-  static constexpr size_t kShards = 16;
-
   static void bump(Counter &counter) { counter.fetch_add(1, std::memory_order_relaxed); }
 
-  Shard &shard() {
-    static std::atomic<size_t> threads{0};
-    thread_local const size_t mine = threads.fetch_add(1, std::memory_order_relaxed) % kShards;
-    return shards_[mine];
-  }
-
-  template <typename Pick>
-  uint64_t sum(Pick pick) const {
-    uint64_t total = 0;
-    for (const Shard &one : shards_) total += pick(one).load(std::memory_order_relaxed);
-    return total;
-  }
-
-  std::array<Shard, kShards> shards_{};
+  std::array<Counter, static_cast<size_t>(Event::kCount)> events_{};
+  std::array<Counter, kOpcodeCount> done_{};
+  std::array<Counter, kOpcodeCount> failed_{};
 };
 
 }  // namespace ksd

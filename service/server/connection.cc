@@ -62,15 +62,15 @@ std::optional<Peer> peer_of(int socket) {
 
 Connection::Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher,
                        const CurrentConfig &current_config, int socket, Peer peer)
-    : socket_(socket),
-      buffer_(map_buffer()),
-      service_(service),
+    : service_(service),
       dispatcher_(dispatcher),
       current_config_(current_config),
+      socket_(socket),
+      peer_(std::move(peer)),
       config_generation_(current_config.generation()),
-      peer_(std::move(peer)) {
-  config_ = current_config_.snapshot();
-  caller_ = config_->identify(peer_.uid, peer_.gid, peer_.pid, peer_.further_groups);
+      config_(current_config.snapshot()),
+      caller_(config_->identify(peer_.uid, peer_.gid, peer_.pid, peer_.further_groups)),
+      buffer_(map_buffer()) {
   make_room_for_replies(socket_);
   set_timeout(socket_, SO_SNDTIMEO, config_->send_limit_ms);
   set_timeout(socket_, SO_RCVTIMEO, config_->silence_limit_ms);

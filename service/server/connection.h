@@ -47,19 +47,20 @@ class Connection {
   void follow_configuration();
   void complain(LogLimiter::Kind kind, const char *what);
 
-  // What every request needs, in one cache line: the client has had the processor since the last one.
-  alignas(64) const int socket_;
-  bool silent_so_far_ = true;
-  uint8_t *const buffer_;
   handlers::Service &service_;
   const handlers::Dispatcher &dispatcher_;
   const CurrentConfig &current_config_;
-  uint64_t config_generation_ = 0;
-  handlers::Reply reply_;
 
+  const int socket_;
   const Peer peer_;
-  Caller caller_;
+  bool silent_so_far_ = true;
+
+  uint64_t config_generation_ = 0;  // of the two below
   std::shared_ptr<const config::Config> config_;
+  Caller caller_;
+
+  uint8_t *const buffer_;  // of the request that is being answered
+  handlers::Reply reply_;
 };
 
 }  // namespace ksd::server
