@@ -118,6 +118,18 @@ KS_STATIC_ASSERT(offsetof(KsAesCbcDescriptor, iv_offset) == 4);
 KS_STATIC_ASSERT(offsetof(KsAesCbcDescriptor, data_len) == 6);
 KS_STATIC_ASSERT(offsetof(KsAesCbcDescriptor, data_offset) == 8);
 
+/* KsAesCbcReply is what a reply to such a request begins with, at any alignment. The data follows it: as many bytes as
+ * `total_len` says without the IV. */
+typedef struct {
+  KsResult result;
+  uint16_t total_len; /* 16 more than the data's length */
+  uint8_t iv[16];     /* to chain with */
+} __attribute__((packed)) KsAesCbcReply;
+
+KS_STATIC_ASSERT(sizeof(KsAesCbcReply) == 22);
+KS_STATIC_ASSERT(offsetof(KsAesCbcReply, total_len) == 4);
+KS_STATIC_ASSERT(offsetof(KsAesCbcReply, iv) == 6);
+
 /* ks_aes_cbc_encrypt encrypts `len` bytes of `input` into `output` (as long) with AES in CBC mode under the secret
  * `name`. `iv` is 16 bytes, in and out: on success it holds the value to chain with, so that a long text is encrypted
  * by passing the same buffer from call to call. After a failure it is unchanged and the call may be repeated. `len` is
