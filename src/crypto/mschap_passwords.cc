@@ -108,8 +108,8 @@ KsResult ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash(const char *new_name
   // that can't be allocated would give 4, where it gives what a failed exchange gives.
   if (request.failed()) return KS_FAILURE;
   request.exchange();
-  // DIFFERS(old-hash-reader): every other operation reads with a reader of its own name. Levelled, a program that has
-  // put a function in the place of one of the two readers would see this operation enter the other.
+  // DIFFERS(old-hash-reader): the other operations read with the reader of their own or of their group. Levelled, a
+  // program with a function in the place of one of the two readers would see this operation enter the other.
   return request.read(ks_GenerateNTAuthenticatorResponse_resp, output, KS_PASSWORD_HASH_SIZE);
 }
 
