@@ -32,10 +32,9 @@ KsResult ks_clear_pac(const uint8_t *aid, uint32_t aid_len) {
   KsNameDescriptor descriptor;
   if (const KsResult built = ks::aid_request(aid, aid_len, list.data(), &descriptor); built != KS_SUCCESS) return built;
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
-  constexpr uint16_t kExpectedSize = 6;
-  if (exchange.size() != kExpectedSize) {  // only reported: the result word is there in any case
+  if (exchange.size() != ks::kClearPac.reply_size) {  // only reported: the result word is there in any case
     KS_TRACE(KS_SUBTYPE_NORMAL, "Invalid Response Length :%d \n", exchange.size());
   }
   const KsResult result = ks::reply_result(exchange.payload());

@@ -29,7 +29,7 @@ KsResult ks_clear_old_pacs(const char *i_id) {
       return built;
     }
     ks::Exchange exchange(ks::kPacMetadata);
-    if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) {
+    if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) {
       list.release();
       return sent;
     }

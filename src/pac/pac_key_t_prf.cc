@@ -13,7 +13,7 @@ KsResult ks_pac_key_t_prf_req(const uint8_t *aid, uint8_t aid_len, const uint8_t
                               KsPacKeyTPrfDescriptor *descriptor) {
   // DIFFERS(tprf-exact-name): a buffer that ends with the name, where other PAC requests have 35 bytes. Levelled, the
   // block would have another size.
-  void *name = ks::new_exact_wire_name(KS_NAME_TAG_PAC, aid, aid_len);
+  void *name = ks::new_wire_name(KS_NAME_TAG_PAC, aid, aid_len, ks::NameBuffer::kExact);
   if (name == nullptr) return KS_NO_MEMORY;
 
   descriptor->output_len = output_len;
@@ -92,7 +92,7 @@ KsResult ks_pac_key_t_prf(const uint8_t *aid, uint8_t aid_len, const uint8_t *la
   }
 
   ks::Exchange exchange(ks::kPacKeyTPrf);
-  ks::SectionList list(random != nullptr ? ks::kPacKeyTPrf.sections.max : ks::kPacKeyTPrf.sections.min);
+  ks::SectionList list(ks::kPacKeyTPrf, ks::kOwnsName, random != nullptr ? 1 : 0);
   if (!list.allocated()) {
     KS_TRACE(KS_SUBTYPE_NORMAL, "Calloc Failed");
     return KS_NO_MEMORY;
@@ -104,7 +104,7 @@ KsResult ks_pac_key_t_prf(const uint8_t *aid, uint8_t aid_len, const uint8_t *la
     return built;
   }
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
   return ks_pac_key_t_prf_resp(exchange.size(), exchange.payload(), output, output_len);
 }

@@ -26,7 +26,8 @@ KsResult ks_return_aid_by_index(uint16_t *index, uint8_t **aid, uint16_t *aid_le
 
   for (uint16_t position = *index;; ++position) {
     ks::Exchange exchange(ks::kAidByIndex);
-    if (const KsResult sent = exchange.run(&position); sent != KS_SUCCESS) return sent;
+    const KsIndexDescriptor descriptor = {.index = position};
+    if (const KsResult sent = ks_exchange(exchange, descriptor); sent != KS_SUCCESS) return sent;
 
     const KsResult result = ks::reply_result(exchange.payload());
     // A success is believed to hold what its length says: the size, cut to 16 bits, shows 5 for a reply of 65,541.

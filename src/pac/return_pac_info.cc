@@ -26,7 +26,7 @@ KsResult info_from_keystore(const uint8_t *aid, uint32_t aid_len, uint8_t **info
   KsNameDescriptor descriptor;
   if (const KsResult built = ks::aid_request(aid, aid_len, list.data(), &descriptor); built != KS_SUCCESS) return built;
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
   ks::OwnedBlock metadata;  // declared last: goes first
   uint16_t meta_len = 0;

@@ -66,14 +66,14 @@ KsResult opaque_from_keystore(const uint8_t *aid, uint32_t aid_len, uint8_t **op
   // DIFFERS(opaque-stack-name): the one name that isn't on the heap. Levelled, a read would allocate once more, and
   // could fail at that.
   constexpr uint32_t kOwnsNothing = 0;
-  ks::SectionList list(ks::kPacMetadata.sections.max, kOwnsNothing);
+  ks::SectionList list(ks::kPacMetadata, kOwnsNothing);
   if (!list.allocated()) return KS_NO_MEMORY;
   KsWireName name = {};
   ks::fill_wire_name(&name, KS_NAME_TAG_PAC, aid, aid_len);
   const KsNameDescriptor descriptor = {ks::wire_len(aid_len), sizeof descriptor};
   *list.data() = {&name, descriptor.name_len};
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
   ks::OwnedBlock metadata;  // declared last: goes first
   uint16_t meta_len = 0;
