@@ -38,7 +38,7 @@ const KsSdbDatum *sdb_read(const char *uri, const KsSdbDatum *key, uint32_t *err
   }
   if (sdb.value_error) *error = *sdb.value_error;
   sdb.value = std::make_unique<Guarded>(found->second);
-  sdb.value_datum = {sdb.value->data(), static_cast<uint32_t>(sdb.value->size())};
+  sdb.value_datum = {sdb.value->data(), sdb.value_size.value_or(static_cast<uint32_t>(sdb.value->size()))};
   return &sdb.value_datum;
 }
 
