@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "sdb.h"
+#include "temporary_folder.h"
 
 // The codes again, as numbers: what callers see.
 constexpr uint32_t kRetryCode = 0x411a0008;
@@ -67,14 +68,11 @@ inline int in_child(const std::function<int()> &work) {
 class Sdb : public testing::Test {
  protected:
   Sdb() {
-    std::string pattern = std::filesystem::temp_directory_path() / "sdb-test-XXXXXX";
-    root = mkdtemp(pattern.data());
     folder = root + "/cache";
     uri = "lmdb://" + folder + "/entries";
     const std::string ending = sizeof(void *) == 8 ? "-64.mdb" : "-32.mdb";
     data_file = folder + "/entries" + ending;
   }
-  ~Sdb() override { std::filesystem::remove_all(root); }
 
   uint32_t open() { return sdb_open(uri.c_str(), 1, 77, 0, 0); }
 
@@ -116,7 +114,8 @@ class Sdb : public testing::Test {
     return value;
   }
 
-  std::string root;
+  const ks_test::TemporaryFolder own_folder;
+  const std::string root = own_folder.path();
   std::string folder;
   std::string uri;
   std::string data_file;

@@ -22,26 +22,10 @@
 #include <vector>
 
 #include "host_wire.h"
+#include "temporary_folder.h"
 
+using ks_test::TemporaryFolder;
 using Octets = std::vector<uint8_t>;
-
-// TemporaryFolder is there as long as the object.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    char name[] = "/tmp/ks-host-test-XXXXXX";
-    if (mkdtemp(name) == nullptr) abort();
-    path_ = name;
-  }
-  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-  TemporaryFolder(const TemporaryFolder &) = delete;
-  TemporaryFolder &operator=(const TemporaryFolder &) = delete;
-
-  const std::string &path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // Signal is an event that threads wait for.
 class Signal {
