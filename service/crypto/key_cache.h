@@ -12,10 +12,10 @@
 #include <new>
 #include <type_traits>
 
+#include "base/secret_bytes.h"
 #include "crypto/ciphers.h"
-#include "vault/secret_bytes.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 // PreparedKey holds a key that is ready for use, or none. Who holds one may use it for as long as that takes: it is
 // overwritten when the cache has forgotten it and the last holder has let go.
@@ -91,6 +91,6 @@ class KeyCache {
   std::array<Shard, kShards> shards_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

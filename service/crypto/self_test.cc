@@ -6,13 +6,14 @@
 #include <array>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "crypto/ciphers.h"
 #include "crypto/digests.h"
 #include "crypto/hmac.h"
 #include "crypto/mschap.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 namespace {
 
@@ -249,4 +250,4 @@ AlgorithmSet self_test(Tamper tamper) {
   return passed;
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

@@ -12,7 +12,7 @@
 
 #include "vault/files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 constexpr int kApplicationId = 0x6b735631;  // "ksV1", for file(1) and for telling other databases
@@ -286,4 +286,4 @@ int64_t Database::number(sqlite3_stmt *statement) {
   return value;
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -14,7 +14,7 @@
 #include "ks_types.h"
 #include "vault/seal.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 inline constexpr int kSchemaVersion = 1;
 
@@ -94,6 +94,6 @@ class Database {
   Statement begin_, commit_, put_entry_, remove_entry_, put_header_, page_count_, free_page_count_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "vault/little_endian.h"
+#include "base/little_endian.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 // version 8, owner 4, length of name 1, of alias 1, of secret 4, of metadata 4; then these four
@@ -78,4 +78,4 @@ std::optional<Header> decode_header(Bytes plain) {
   return header;
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

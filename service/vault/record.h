@@ -8,11 +8,11 @@
 #include <span>
 #include <vector>
 
-#include "handler.h"
+#include "base/entry_name.h"
+#include "base/secret_bytes.h"
 #include "vault/seal.h"
-#include "vault/secret_bytes.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // EntryRow is one entry. It never changes once it is shared: a change makes another one with the same id. Ids grow and
 // are never used again, so the order of ids is the order of the table.
@@ -52,6 +52,6 @@ struct Header {
 std::vector<uint8_t> encode_header(const Header &header);
 std::optional<Header> decode_header(std::span<const uint8_t> plain);
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

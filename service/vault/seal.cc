@@ -4,9 +4,9 @@
 #include <new>
 #include <string_view>
 
-#include "vault/little_endian.h"
+#include "base/little_endian.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 constexpr char kKdfContext[crypto_kdf_CONTEXTBYTES + 1] = "ksdvault";
@@ -76,4 +76,4 @@ Digest Sealer::mark(uint64_t row, uint64_t version) const {
   return digest;
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -11,9 +11,9 @@
 #include <span>
 #include <vector>
 
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 inline constexpr size_t kMasterKeySize = crypto_kdf_KEYBYTES;
 
@@ -44,6 +44,6 @@ class Sealer {
   std::shared_ptr<const SecretBytes> mark_key_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

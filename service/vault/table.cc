@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 const std::array<uint8_t, crypto_shorthash_KEYBYTES> &name_hash_key() {
@@ -88,4 +88,4 @@ void Draft::replace(const RowPtr &before, const RowPtr &after) {
   if (!change->second.before && !after) changes_.erase(change);  // came and went within the group
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -12,7 +12,7 @@
 
 #include "vault/record.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // NameHash hashes names under a key drawn at start: users choose the names, and must not be able to choose ones that
 // meet in one bucket.
@@ -72,6 +72,6 @@ class Draft {
   size_t added_ = 0, removed_ = 0;
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

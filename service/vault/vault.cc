@@ -20,7 +20,7 @@
 #include "vault/master_key.h"
 #include "vault/table.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 constexpr size_t kLargestGroup = 256;     // changes in one commit
@@ -551,4 +551,4 @@ std::unique_ptr<Vault> open_vault(const VaultOptions &options) {
   return std::make_unique<FileVault>(std::move(database), sealer, std::move(state), options.limits);
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

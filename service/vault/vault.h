@@ -5,11 +5,11 @@
 #include <memory>
 #include <string>
 
-#include "config.h"
-#include "store.h"
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
+#include "vault/limits.h"
+#include "vault/store.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 class Vault : public Store {
  public:
@@ -28,6 +28,6 @@ struct VaultOptions {
 // replaced by an empty one. Closing it commits what has been asked for.
 std::unique_ptr<Vault> open_vault(const VaultOptions &options);
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

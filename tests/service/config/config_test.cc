@@ -1,5 +1,5 @@
 // The configuration file: what it means, and what is said about one that is wrong.
-#include "config.h"
+#include "config/config.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,26 +8,23 @@
 #include <filesystem>
 #include <fstream>
 
-#include "service/service_process.h"
-
 namespace {
 
-using ks_test::run_ksd;
 using ksd::Caller;
-using ksd::Config;
-using ksd::parse_config;
+using ksd::config::Config;
+using ksd::config::parse_config;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
 std::vector<std::string> problems_of(const std::string &text) {
   std::vector<std::string> texts;
-  for (const ksd::ConfigProblem &problem : parse_config(text).problems) texts.push_back(describe("f", problem));
+  for (const ksd::config::ConfigProblem &problem : parse_config(text).problems) texts.push_back(describe("f", problem));
   return texts;
 }
 
 Config good(const std::string &text) {
-  const ksd::ParsedConfig parsed = parse_config(text);
+  const ksd::config::ParsedConfig parsed = parse_config(text);
   EXPECT_THAT(problems_of(text), IsEmpty());
   return parsed.config;
 }
@@ -95,7 +92,7 @@ debug = [255]
   EXPECT_EQ(config.send_limit_ms, 200u);
   EXPECT_EQ(config.silence_limit_ms, 300u);
   EXPECT_EQ(config.supstate, 2u);
-  EXPECT_EQ(config.limits, (ksd::Limits{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(config.limits, (ksd::config::Limits{1, 2, 3, 4, 5, 6}));
   EXPECT_TRUE(config.gates.record[103] && config.gates.record[0] && !config.gates.record[100]);
   EXPECT_TRUE(config.gates.debug[255]);
 }
@@ -192,13 +189,13 @@ TEST(Config, RefusesAVdcWithoutIdOrTwice) {
 TEST(Config, IsNotReadFromAFileThatEverybodyMayWrite) {
   const ConfigFile file("");
   chmod(file.path.c_str(), 0646);
-  const auto problems = ksd::load_config(file.path).problems;
+  const auto problems = ksd::config::load_config(file.path).problems;
   ASSERT_EQ(problems.size(), 1u);
   EXPECT_EQ(describe("f", problems[0]), "f: everybody may write this file; run chmod o-w on it");
 }
 
 TEST(SampleConfig, IsValidAndShowsTheDefaults) {
-  const ksd::ParsedConfig sample = ksd::load_config(KS_SOURCE_DIR "/service/ksd.toml");
+  const ksd::config::ParsedConfig sample = ksd::config::load_config(KS_SOURCE_DIR "/service/ksd.toml");
   EXPECT_THAT(sample.problems, IsEmpty());
   const Config defaults;
   EXPECT_EQ(sample.config.socket, defaults.socket);
@@ -213,36 +210,6 @@ TEST(SampleConfig, IsValidAndShowsTheDefaults) {
   EXPECT_EQ(sample.config.limits, defaults.limits);
   EXPECT_EQ(sample.config.gates.record, defaults.gates.record);
   EXPECT_EQ(sample.config.gates.debug, defaults.gates.debug);
-}
-
-TEST(KsdCheck, AcceptsTheSample) {
-  const auto run = run_ksd({"--check", "--config", KS_SOURCE_DIR "/service/ksd.toml"});
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.output, KS_SOURCE_DIR "/service/ksd.toml: valid\n");
-}
-
-TEST(KsdCheck, NamesFileLineAndColumn) {
-  const ConfigFile file("[service]\nport = 1\n");
-  const auto run = run_ksd({"--check", "--config", file.path});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, testing::StartsWith(file.path + ":2:1: unknown key service.port"));
-}
-
-TEST(KsdCheck, SaysThatThereIsNoFile) {
-  const auto run = run_ksd({"--check", "--config", "/nonexistent/ksd.toml"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.errors, "/nonexistent/ksd.toml: No such file or directory\n");
-}
-
-TEST(KsdCommandLine, TellsItsVersionAndItsUse) {
-  EXPECT_EQ(run_ksd({"--version"}).output, "ksd 1.0.0\n");
-  EXPECT_THAT(run_ksd({"--help"}).output, HasSubstr("--master-key-file"));
-  EXPECT_EQ(run_ksd({"--help"}).status, 0);
-}
-
-TEST(KsdCommandLine, RefusesWrongUseWithStatus2) {
-  EXPECT_EQ(run_ksd({"--chek"}).status, 2);
-  EXPECT_EQ(run_ksd({"--log-level", "loud"}).status, 2);
 }
 
 }  // namespace

@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "random_input.h"
-#include "support.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 constexpr int kThreads = 3;
@@ -163,4 +163,4 @@ TEST_F(Crash, LosesNothingAcknowledgedAndShowsNothingHalfDone) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

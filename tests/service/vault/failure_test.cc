@@ -10,9 +10,9 @@
 #include <sstream>
 #include <thread>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::ElementsAre;
@@ -166,4 +166,4 @@ TEST_F(FailingDisk, KeepsNoReaderWaitingForASync) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

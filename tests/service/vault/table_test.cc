@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include "random_input.h"
-#include "support.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::ElementsAre;
@@ -139,4 +139,4 @@ TEST(Table, HoldsAllPositionsAndClosesUpWhenFull) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <thread>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::ElementsAre;
@@ -409,4 +409,4 @@ TEST_F(VaultCompact, LetsChangesThroughMeanwhile) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault
