@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 
+#include "leave.h"
 #include "sdb.h"
 #include "temporary_folder.h"
 
@@ -55,7 +56,7 @@ inline int status_of(pid_t child) {
 inline pid_t start_child(const std::function<int()> &work) {
   fflush(nullptr);
   const pid_t child = fork();
-  if (child == 0) _exit(work());
+  if (child == 0) ks_test::leave(work());
   return child;
 }
 

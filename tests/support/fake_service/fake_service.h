@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "host_wire.h"
+#include "leave.h"
 #include "temporary_folder.h"
 
 using ks_test::TemporaryFolder;
@@ -193,7 +194,7 @@ class FakeService {
 // passes_in_child runs `body` in a forked child and tells whether it came to its end there and returned true.
 inline bool passes_in_child(const std::function<bool()> &body) {
   const pid_t child = fork();
-  if (child == 0) _exit(body() ? 0 : 1);
+  if (child == 0) ks_test::leave(body() ? 0 : 1);
   int status = -1;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
