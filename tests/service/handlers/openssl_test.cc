@@ -1,9 +1,8 @@
 // Random messages of every length against OpenSSL.
 #include "openssl.h"
 
-#include <random>
-
 #include "keystore.h"
+#include "random_input.h"
 
 namespace ksd::handlers {
 namespace {
@@ -13,7 +12,7 @@ using openssl::Direction;
 struct OpenSsl : testing::Test {
   Keystore keystore;
   const ByteString name = secret_name("k");
-  std::mt19937 generator{20240229};
+  std::mt19937 generator = ks_test::random_input();
 
   ByteString random_bytes(size_t size) {
     ByteString bytes(size);

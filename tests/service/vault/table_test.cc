@@ -3,8 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <random>
-
+#include "random_input.h"
 #include "vault_files/vault_files.h"
 
 namespace ksd::vault {
@@ -96,7 +95,7 @@ TEST(Draft, LeavesNoTraceOfAnEntryThatCameAndWentInTheSameGroup) {
 }
 
 TEST(Table, AgreesWithAListThroughRandomGroups) {
-  std::mt19937 random(1);
+  std::mt19937 random = ks_test::random_input();
   Table table;
   std::vector<std::string> model;
   uint64_t last_id = 0;

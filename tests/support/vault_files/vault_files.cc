@@ -23,16 +23,6 @@ namespace {
 
 }  // namespace
 
-Folder::Folder() {
-  char path[] = "/tmp/ksd-vault-XXXXXX";
-  if (mkdtemp(path) == nullptr) throw std::runtime_error("no folder for the test");
-  path_ = path;
-}
-
-Folder::~Folder() {
-  std::filesystem::remove_all(path_);
-}
-
 std::vector<uint8_t> bytes_of(std::string_view text) {
   return {text.begin(), text.end()};
 }

@@ -10,27 +10,19 @@
 #include <string_view>
 #include <vector>
 
+#include "temporary_folder.h"
 #include "vault/vault.h"
 
 namespace ksd::vault {
 
-// Folder is a fresh folder that goes with the object.
-class Folder {
+// Folder is a fresh folder for a vault.
+class Folder : public ks_test::TemporaryFolder {
  public:
-  Folder();
-  ~Folder();
-  Folder(const Folder &) = delete;
-  Folder &operator=(const Folder &) = delete;
-
-  const std::string &path() const { return path_; }
-  std::string vault() const { return path_ + "/vault.db"; }
-  std::string log() const { return path_ + "/vault.db-wal"; }
-  std::string key() const { return path_ + "/master.key"; }
+  std::string vault() const { return path() + "/vault.db"; }
+  std::string log() const { return path() + "/vault.db-wal"; }
+  std::string key() const { return path() + "/master.key"; }
   VaultOptions options() const { return {.path = vault(), .master_key_file = key(), .limits = {}}; }
   std::unique_ptr<Vault> open() const { return open_vault(options()); }
-
- private:
-  std::string path_;
 };
 
 std::vector<uint8_t> bytes_of(std::string_view text);

@@ -19,6 +19,7 @@ namespace {
 using ks_test::ProgramRun;
 using ks_test::RawClient;
 using ks_test::run_program;
+using ks_test::TemporaryFolder;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -39,16 +40,6 @@ std::vector<std::string> inside(const std::string &test, std::vector<std::string
 std::string first_line(const std::string &text) {
   return text.substr(0, text.find('\n'));
 }
-
-// A folder of its own for --keep, gone with the object.
-struct KeptFolder {
-  KeptFolder() {
-    char name[] = "/tmp/ksXXXXXX";
-    path = mkdtemp(name);
-  }
-  ~KeptFolder() { std::filesystem::remove_all(path); }
-  std::string path;
-};
 
 pid_t service_of(const std::string &folder) {
   pid_t pid = 0;
@@ -105,11 +96,11 @@ TEST(KsSession, LeavesNeitherFolderNorService) {
 }
 
 TEST(KsSession, LeavesTheFolderThatIsToBeKept) {
-  const KeptFolder folder;
-  EXPECT_EQ(session({"--keep", folder.path, "--", "true"}).status, 0);
-  EXPECT_TRUE(std::filesystem::exists(folder.path + "/ksd.log"));
-  EXPECT_FALSE(std::filesystem::exists(folder.path + "/ksd.sock"));
-  EXPECT_EQ(session({"--keep", folder.path, "--", "true"}).status, 0);  // and takes it up again
+  const TemporaryFolder folder;  // for --keep
+  EXPECT_EQ(session({"--keep", folder.path(), "--", "true"}).status, 0);
+  EXPECT_TRUE(std::filesystem::exists(folder.path() + "/ksd.log"));
+  EXPECT_FALSE(std::filesystem::exists(folder.path() + "/ksd.sock"));
+  EXPECT_EQ(session({"--keep", folder.path(), "--", "true"}).status, 0);  // and takes it up again
 }
 
 TEST(KsSession, TakesEverythingDownOnASignal) {
@@ -172,26 +163,26 @@ TEST(KsSession, SaysWhenTheCommandCantBeRun) {
 }
 
 TEST(KsSession, RefusesAFolderThatOthersMayEnter) {
-  const KeptFolder folder;
-  chmod(folder.path.c_str(), 0755);
-  const ProgramRun run = session({"--keep", folder.path, "--", "true"});
+  const TemporaryFolder folder;  // for --keep
+  chmod(folder.path().c_str(), 0755);
+  const ProgramRun run = session({"--keep", folder.path(), "--", "true"});
   EXPECT_EQ(run.status, 125);
-  EXPECT_EQ(run.errors, "ks-session: " + folder.path +
+  EXPECT_EQ(run.errors, "ks-session: " + folder.path() +
                             ": isn't a folder of this user alone; run chmod 700 on it or name another\n");
 }
 
 TEST(KsSession, RefusesAFolderTooLongForASocket) {
-  const KeptFolder folder;
-  const ProgramRun run = session({"--keep", folder.path + "/" + std::string(100, 'x'), "--", "true"});
+  const TemporaryFolder folder;  // for --keep
+  const ProgramRun run = session({"--keep", folder.path() + "/" + std::string(100, 'x'), "--", "true"});
   EXPECT_EQ(run.status, 125);
   EXPECT_THAT(run.errors, HasSubstr("too long for the socket in it; 98 bytes are possible"));
 }
 
 TEST(KsSession, ShowsTheLogOfAServiceThatDoesntStart) {
-  const KeptFolder folder;
-  std::filesystem::create_directory(folder.path + "/ksd.sock.state");  // stands in the way
-  chmod((folder.path + "/ksd.sock.state").c_str(), 0700);
-  const ProgramRun run = session({"--keep", folder.path, "--", "true"});
+  const TemporaryFolder folder;                                          // for --keep
+  std::filesystem::create_directory(folder.path() + "/ksd.sock.state");  // stands in the way
+  chmod((folder.path() + "/ksd.sock.state").c_str(), 0700);
+  const ProgramRun run = session({"--keep", folder.path(), "--", "true"});
   EXPECT_EQ(run.status, 125);
   EXPECT_THAT(run.errors, HasSubstr("the service ended at its start; its log:"));
   EXPECT_THAT(run.errors, HasSubstr("can't open the state page"));

@@ -22,6 +22,7 @@ using ks_test::RawClient;
 using ks_test::run_as;
 using ks_test::run_ksd;
 using ks_test::ServiceProcess;
+using ks_test::TemporaryFolder;
 using ks_test::ServiceSetup;
 using testing::HasSubstr;
 
@@ -229,19 +230,14 @@ TEST(Log, HasTimesWhenAskedTo) {
 class PassedSocket {
  public:
   explicit PassedSocket(int type = SOCK_SEQPACKET) : fd_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {
-    char name[] = "/tmp/ksXXXXXX";
-    folder_ = mkdtemp(name);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path().copy(address.sun_path, sizeof address.sun_path - 1);
     EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     EXPECT_EQ(listen(fd_, 8), 0);
   }
-  ~PassedSocket() {
-    close(fd_);
-    std::filesystem::remove_all(folder_);
-  }
-  std::string path() const { return folder_ + "/p"; }
+  ~PassedSocket() { close(fd_); }
+  std::string path() const { return folder_.path() + "/p"; }
   ServiceSetup setup() const {
     ServiceSetup setup;
     setup.passed_socket = fd_;
@@ -250,7 +246,7 @@ class PassedSocket {
 
  private:
   int fd_;
-  std::string folder_;
+  TemporaryFolder folder_;
 };
 
 TEST(PassedSocket, IsServedAndLeftInPlace) {

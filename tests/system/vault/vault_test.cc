@@ -15,11 +15,11 @@
 #include <future>
 #include <iterator>
 #include <map>
-#include <random>
 #include <set>
 #include <stdexcept>
 #include <thread>
 
+#include "random_input.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
 
@@ -259,7 +259,7 @@ TEST(SecretStore, LetsWalksEndAmongChanges) {
 TEST(SecretStore, LosesNothingAcknowledgedWhenKilled) {
   constexpr int kClients = 4;
   ServiceProcess service;
-  std::mt19937 random(std::random_device{}());
+  std::mt19937 random = ks_test::random_input();
   std::array<std::map<std::string, std::string>, kClients> acknowledged;  // name to metadata
   for (int round = 0; round < 12; ++round) {
     std::array<std::string, kClients> under_way;  // the name that a killed request was about

@@ -69,13 +69,13 @@ class Test : public scripted::Test {
   // pac_traces leaves out what the functions of the cache report.
   Flow pac_traces() const {
     Flow out;
-    for (const std::string &text : traces()) {
+    for (const scripted::Report &report : trace.reports) {
       bool of_cache = false;
       for (const char *prefix : {"is_cache_present(", "ks_sdb_init(", "sksd_sdb_", "key_type", "key_handle",
                                  "ks_cache_read_", "ks_cache_find_pac("}) {
-        of_cache = of_cache || text.starts_with(prefix);
+        of_cache = of_cache || report.text.starts_with(prefix);
       }
-      if (!of_cache) out.push_back(text);
+      if (!of_cache) out.push_back(report.marked());
     }
     return out;
   }
