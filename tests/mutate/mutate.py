@@ -24,12 +24,23 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-# By the beginning of a path: the tests that can notice a fault there, by the beginnings of their names.
+# By the beginning of a path, the longest that fits: the tests that can notice a fault there, by the beginnings of their
+# names.
 COVERED_BY = {
     "src/": ("unit_", "contract", "system_"),
-    "platform/host/": ("host_", "system_"),
+    "platform/host/": ("host_", "system_spine", "system_session", "system_device"),
+    "platform/host/mts/": ("host_mts", "system_spine", "system_session", "system_device"),
+    "platform/host/sdb/": ("host_sdb", "system_cache", "system_pac"),
+    "platform/host/sdwrap/": ("host_sdwrap", "system_spine", "system_session"),
+    "platform/host/sysmgr/": ("host_sysmgr", "system_spine", "system_session", "system_cache"),
     "service/": ("service_", "system_"),
 }
+
+
+def tests_of(path):
+  fitting = [start for start in COVERED_BY if path.startswith(start)]
+  return COVERED_BY[max(fitting, key=len)] if fitting else ()
+
 
 # ---------------------------------------------------------------------------------------------------------------------
 # Mutants
@@ -469,14 +480,13 @@ class Session:
       folder = folder[2:]
     chosen = [name for name in self.files if name.endswith((".cc", ".h")) and
               (name == folder or name.startswith(folder + "/"))]
-    covered = [name for name in chosen if name.startswith(tuple(COVERED_BY))]
+    covered = [name for name in chosen if tests_of(name)]
     if not covered:
       raise Failure(f"'{folder}' has no sources; give src, platform/host, service, or a folder or file in one of them")
     return {name: (self.root / name).read_text() for name in covered}
 
   def prepare(self, paths):
-    prefixes = tuple(sorted({prefix for path in paths for start, names in COVERED_BY.items() if path.startswith(start)
-                             for prefix in names}))
+    prefixes = tuple(sorted({prefix for path in paths for prefix in tests_of(path)}))
     for site in self.sites:
       site.place.mkdir(exist_ok=True)
       site.synchronize(self.files)
@@ -540,9 +550,8 @@ class Session:
 
   def order(self, path):
     """The programs that cover a file: first those that are called as its folder or itself, then the quickest."""
-    prefixes = next(names for start, names in COVERED_BY.items() if path.startswith(start))
     words = set(Path(path).with_suffix("").parts)
-    covering = [program for program in self.programs if program.name.startswith(prefixes)]
+    covering = [program for program in self.programs if program.name.startswith(tests_of(path))]
     return sorted(covering, key=lambda program: (program.name.split("_", 1)[-1] not in words, program.seconds))
 
   def judge(self, mutant, source):
