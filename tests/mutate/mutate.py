@@ -35,6 +35,8 @@ COVERED_BY = {
     "platform/host/sysmgr/": ("host_sysmgr", "system_spine", "system_session", "system_cache"),
     "service/": ("service_", "system_"),
 }
+# The tests of a program that take less are run before the others.
+QUICK_SECONDS = 0.1
 
 
 def tests_of(path):
@@ -330,9 +332,15 @@ def object_of(compilation):
 @dataclass
 class Program:
   name: str
-  command: list
   folder: str
-  seconds: float = 0.0
+
+
+@dataclass
+class Step:
+  """A run of a program, or of some of its tests."""
+  program: Program
+  arguments: list
+  seconds: float
 
 
 class Site:
@@ -390,7 +398,7 @@ class Site:
       # One word: a program of our own. The others are scripts that look at sources or at the shape of a library.
       if test["name"].startswith(prefixes) and len(test.get("command", [])) <= 1:
         folder = {entry["name"]: entry["value"] for entry in test.get("properties", [])}.get("WORKING_DIRECTORY")
-        found.append(Program(test["name"], [], folder or str(self.build)))
+        found.append(Program(test["name"], folder or str(self.build)))
     return found
 
   def find_commands(self, programs):
@@ -471,7 +479,7 @@ class Session:
     isolate = isolation(self.root)
     self.sites = [Site(self.root, self.base / str(number), isolate) for number in range(arguments.jobs)]
     self.free = list(self.sites)
-    self.commands, self.excluded, self.programs = {}, {}, []
+    self.commands, self.steps = {}, []
     self.guard = threading.Lock()
 
   def sources(self):
@@ -499,60 +507,51 @@ class Session:
       if not site.make(targets, jobs=self.arguments.jobs):
         raise Failure(f"the tree doesn't build as it is; all of it is in {site.log}")
       self.commands[site] = site.find_commands(programs)
-    self.programs = programs
-    self.measure()
-
-  def measure(self):
-    """How long each program takes as the tree is; a test that fails already tells nothing, and is left out."""
-    site = self.sites[0]
-    for program in self.programs:
-      command = self.commands[site][program.name]
-      arguments = self.arguments_of(site, program)
-      began = time.monotonic()
-      status = site.test([*command, *arguments], program, 300)
-      if status != 0 and arguments:
-        self.exclude_failing(site, program)
-        began = time.monotonic()
-        status = site.test([*command, *self.arguments_of(site, program)], program, 300)
-      if status != 0:
-        note(f"{program.name} fails as the tree is, and is left out")
-        self.excluded[program.name] = None
-      program.seconds = time.monotonic() - began
-    self.programs = [program for program in self.programs if self.excluded.get(program.name, "") is not None]
-    if not self.programs:
+    for program in programs:
+      self.steps += self.steps_of(program)
+    if not self.steps:
       raise Failure("no test that covers that passes as the tree is")
 
-  def arguments_of(self, site, program):
-    if not self.is_gtest(site, program):
-      return []
-    failing = self.excluded.get(program.name, "")
-    return ["--gtest_fail_fast", "--gtest_brief=1", *([f"--gtest_filter=-{failing}"] if failing else [])]
-
-  def is_gtest(self, site, program):
-    if not hasattr(program, "gtest"):
-      listed = subprocess.run([*self.commands[site][program.name], "--gtest_list_tests"], cwd=program.folder,
-                              capture_output=True, text=True, check=False, timeout=60)
-      program.gtest = bool(re.search(r"^\w[\w/]*\.$", listed.stdout, re.MULTILINE))
-    return program.gtest
-
-  def exclude_failing(self, site, program):
+  def steps_of(self, program):
+    """How the program is run, by how long each test takes as the tree is. One that fails already tells nothing."""
+    site = self.sites[0]
+    command = self.commands[site][program.name]
     report = site.place / "report.json"
     report.unlink(missing_ok=True)
-    site.test([*self.commands[site][program.name], f"--gtest_output=json:{report}"], program, 300)
+    output = [f"--gtest_output=json:{report}"] if self.is_gtest(site, program) else []
+    began = time.monotonic()
+    status = site.test([*command, *output], program, 300)
+    seconds = time.monotonic() - began
+    if not output and status == 0:
+      return [Step(program, [], seconds)]
     if not report.exists():
-      return
-    suites = json.loads(report.read_text())["testsuites"]
-    failing = [f"{suite['name']}.{test['name']}" for suite in suites for test in suite["testsuite"]
-               if test.get("failures")]
-    for name in failing:
-      note(f"{program.name}: {name} fails as the tree is, and is left out")
-    self.excluded[program.name] = ":".join(failing)
+      note(f"{program.name} fails as the tree is, and is left out")
+      return []
+    lots = {True: [], False: []}
+    times = {True: 0.0, False: 0.0}
+    for suite in json.loads(report.read_text())["testsuites"]:
+      for test in suite["testsuite"]:
+        name, taken = f"{suite['name']}.{test['name']}", float(test["time"].rstrip("s"))
+        if test.get("failures"):
+          note(f"{program.name}: {name} fails as the tree is, and is left out")
+          continue
+        quick = taken < QUICK_SECONDS
+        lots[quick].append(name)
+        times[quick] += taken
+    start = max(0.0, seconds - sum(times.values()))
+    return [Step(program, ["--gtest_fail_fast", "--gtest_brief=1", f"--gtest_filter={':'.join(names)}"],
+                 start + times[quick]) for quick, names in lots.items() if names]
+
+  def is_gtest(self, site, program):
+    listed = subprocess.run([*self.commands[site][program.name], "--gtest_list_tests"], cwd=program.folder,
+                            capture_output=True, text=True, check=False, timeout=60)
+    return bool(re.search(r"^\w[\w/]*\.", listed.stdout, re.MULTILINE))
 
   def order(self, path):
-    """The programs that cover a file: first those that are called as its folder or itself, then the quickest."""
+    """What covers a file: first what is called as its folder or itself, then the quickest."""
     words = set(Path(path).with_suffix("").parts)
-    covering = [program for program in self.programs if program.name.startswith(tests_of(path))]
-    return sorted(covering, key=lambda program: (program.name.split("_", 1)[-1] not in words, program.seconds))
+    covering = [step for step in self.steps if step.program.name.startswith(tests_of(path))]
+    return sorted(covering, key=lambda step: (step.program.name.split("_", 1)[-1] not in words, step.seconds))
 
   def judge(self, mutant, source):
     with self.guard:
@@ -565,11 +564,12 @@ class Session:
 
   def judge_in(self, site, mutant, source):
     site.write(mutant, source)
-    for program in self.order(mutant.path):
+    for step in self.order(mutant.path):
+      program = step.program
       if not site.make([program.name], seconds=900):
         return Verdict("invalid")
-      limit = max(15.0, 5 * program.seconds)
-      status = site.test([*self.commands[site][program.name], *self.arguments_of(site, program)], program, limit)
+      limit = max(15.0, 5 * step.seconds)
+      status = site.test([*self.commands[site][program.name], *step.arguments], program, limit)
       if status != 0:
         return Verdict("killed", program.name if status is not None else f"{program.name}, which hangs")
     return Verdict("survived" if site.changes_code(mutant, source) else "same")
