@@ -67,6 +67,8 @@ NOT = re.compile(r"!(?=[A-Za-z_(])")
 # How long something waits isn't asserted by any test, and what is reserved ahead shows nowhere.
 UNASSERTED_NUMBER = re.compile(r"Ms\b|_ms\b|Ns\b|_ns\b|[Dd]eadline|tv_n?u?sec|\breserve\b|nanoseconds|microseconds"
                                r"|milliseconds|\bseconds\b")
+# How large a buffer is may be seen by reading the source only.
+ARRAY = re.compile(r"^\s*(?:(?:static|const|constinit|mutable) )*[\w:]+ \w+\[[^\]]*\](?:;| = )")
 EXPRESSION = re.compile(r"(?:\(?\*|\+\+|--)?[A-Za-z_][\w:]*(?:<[^;=]*>)?\s*"
                         r"(?:\(|\.|->|\[|=[^=]|[-+|&^*/%]=|<<=|>>=|\+\+|--)")
 NO_EXPRESSION = re.compile(r"(?:if|for|while|switch|do|else|goto|using|namespace|typedef|struct|class|enum|union|"
@@ -206,19 +208,28 @@ def negated_conditions(code):
 
 def edits(path, code):
   """Gives (kind, start, end, new text) of every fault."""
+  def line_of(match):
+    start = code.rfind("\n", 0, match.start()) + 1
+    return code[start:code.find("\n", match.start())], match.start() - start
+
   for match in OPERATOR.finditer(code):
+    operator = match.group(1)
+    if operator in ("<", ">=") and re.match(r"[<>=]+ 0\b(?![.x])", code[match.start():]):
+      # Whether a call failed: none gives what lies on the boundary.
+      yield "comparison", match.start(), match.end(), ">=" if operator == "<" else "<"
+      continue
     for kind, swap in SWAPS.items():
-      if match.group(1) in swap:
-        yield kind, match.start(), match.end(), swap[match.group(1)]
+      if operator in swap and not (kind == "arithmetic" and ARRAY.match(line_of(match)[0])):
+        yield kind, match.start(), match.end(), swap[operator]
   for match in NOT.finditer(code):
     yield "negation", match.start(), match.end(), ""
   for start, end in negated_conditions(code):
     yield "negation", start, end, None
   for match in NUMBER.finditer(code):
-    line_start = code.rfind("\n", 0, match.start()) + 1
-    line = code[line_start:code.find("\n", match.start())]
-    before = code[line_start:match.start()]
-    if UNASSERTED_NUMBER.search(line) or re.search(r"(?:[=(,{:]|return) -$", before):
+    line, column = line_of(match)
+    if UNASSERTED_NUMBER.search(line) or ARRAY.match(line) or \
+        re.search(r"(?:[=(,{:]|return|[=!]=) -$|[({]-$| (?:<|>=) $" if match.group(1) == "0" else
+                  r"(?:[=(,{:]|return|[=!]=) -$|[({]-$", line[:column]):
       continue
     # One of the two neighbours, by place: both would make every second fault a number.
     yield "constant", match.start(), match.end(), other_number(*match.groups(), match.start() % 2 == 0)

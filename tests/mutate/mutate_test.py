@@ -52,6 +52,14 @@ class Faults(unittest.TestCase):
                             "static_assert(sizeof(A) == 8);\n[[gnu::aligned(8)]] constexpr A a;\n"
                             "template <typename A, int n = 3>\n"), set())
 
+  def test_turn_round_whether_a_call_failed(self):
+    self.assertEqual(faults("if (file < 0) {\n"), {("comparison", "if (file >= 0) {")})
+    self.assertEqual(faults("int file = -1;\n"), set())
+
+  def test_leave_alone_how_large_a_buffer_is(self):
+    self.assertEqual(faults("  char name[NAME_MAX + 1];\n"), set())
+    self.assertEqual(faults("  a = name[3];\n"), {("constant", "a = name[2];")})
+
   def test_leave_alone_how_long_something_waits(self):
     self.assertEqual(faults("constexpr long kDeadlineMs = 250;\nnames.reserve(3)\n"), set())
 
