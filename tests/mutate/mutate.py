@@ -479,17 +479,9 @@ class Session:
   def __init__(self, arguments):
     self.root = arguments.root
     self.base = self.root / "build" / "mutate"
-    self.base.mkdir(parents=True, exist_ok=True)
-    self.lock = open(self.base / "lock", "w", encoding="ascii")
-    try:
-      fcntl.flock(self.lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    except BlockingIOError:
-      raise Failure("another run is at work in this tree") from None
     self.arguments = arguments
     self.files = files_of(self.root)
-    isolate = isolation(self.root)
-    self.sites = [Site(self.root, self.base / str(number), isolate) for number in range(arguments.jobs)]
-    self.free = list(self.sites)
+    self.sites, self.free = [], []
     self.commands, self.steps = {}, []
     self.guard = threading.Lock()
 
@@ -504,7 +496,19 @@ class Session:
       raise Failure(f"'{folder}' has no sources; give src, platform/host, service, or a folder or file in one of them")
     return {name: (self.root / name).read_text() for name in covered}
 
+  def lock(self):
+    self.base.mkdir(parents=True, exist_ok=True)
+    self.locked = open(self.base / "lock", "w", encoding="ascii")
+    try:
+      fcntl.flock(self.locked, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+      raise Failure("another run is at work in this tree") from None
+
   def prepare(self, paths):
+    self.lock()
+    isolate = isolation(self.root)
+    self.sites = [Site(self.root, self.base / str(number), isolate) for number in range(self.arguments.jobs)]
+    self.free = list(self.sites)
     prefixes = tuple(sorted({prefix for path in paths for prefix in tests_of(path)}))
     for site in self.sites:
       site.place.mkdir(exist_ok=True)
