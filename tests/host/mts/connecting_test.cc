@@ -171,4 +171,14 @@ TEST_F(Connecting, TakesTheLongestPath) {
   EXPECT_TRUE(works(bind_as(1)));
 }
 
+TEST_F(Connecting, TakesTheShortestPath) {
+  service.start();
+  EXPECT_TRUE(passes_in_child([this] {
+    const std::string path = socket_path();
+    if (chdir(path.substr(0, path.rfind('/')).c_str()) != 0 || symlink("ksd.sock", "s") != 0) return false;
+    setenv("KS_SOCKET", "s", 1);
+    return works(bind_as(1));
+  }));
+}
+
 }  // namespace

@@ -293,6 +293,19 @@ TEST_F(Interrupted, TakesNoSignalForAFailure) {
   EXPECT_EQ(service.connections(), 1U);
 }
 
+TEST_F(Interrupted, RefusesALargerReplyAllTheSame) {
+  service.handler = [&](int socket, const FakeService::Request &request) {
+    const int enough = signals_seen + 3;
+    if (request.payload == Octets{1}) {
+      while (signals_seen < enough) std::this_thread::yield();
+      return FakeService::reply(socket, request, Octets(192 * 1024 + 1));
+    }
+    return FakeService::echo(socket, request);
+  };
+  const uint32_t queue = bound_under_signals();
+  EXPECT_EQ(exchange(queue, {1}).error, static_cast<uint32_t>(EMSGSIZE));
+}
+
 TEST_F(Interrupted, GivesUpInTimeAllTheSame) {
   service.hello.receive_limit_ms = 60;
   service.handler = [&](int socket, const FakeService::Request &request) {

@@ -214,6 +214,42 @@ TEST_F(Ring, KeepsThoseOfTheLivingAndOfOthers) {
   }
 }
 
+// A name has up to 63 bytes: what is longer is none that this library gave.
+TEST_F(Ring, RemovesTheDeadOfTheLongestNames) {
+  const std::string dead = history() + "/" + std::to_string(dead_pid()) + "-";
+  const size_t other_bytes = dead.size() - history().size() - 1 + strlen("1.ring");
+  const std::string longest = dead + std::string(63 - other_bytes, '0') + "1.ring";
+  const std::string longer = dead + std::string(64 - other_bytes, '0') + "1.ring";
+  make(longest);
+  make(longer);
+  const timespec long_ago[] = {{1, 0}, {1, 0}};
+  utimensat(AT_FDCWD, longest.c_str(), long_ago, 0);
+  utimensat(AT_FDCWD, longer.c_str(), long_ago, 0);
+  const pid_t another = dead_pid();
+  for (int i = 0; i < 16; i++) make_dead(another, i, 1000 + i);
+  ASSERT_TRUE(passes_in_child([] { return report() == 0; }));
+  EXPECT_EQ(size_of(longest), -1);
+  EXPECT_EQ(size_of(longer), 0);
+}
+
+TEST_F(Ring, IsNotMappedInAChild) {
+  EXPECT_TRUE(passes_in_child([this] {
+    const auto is_mapped = [path = own_path()] {
+      std::string maps(1024 * 1024, '\0');
+      const int file = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+      size_t used = 0;
+      for (ssize_t size = 1; size > 0; used += static_cast<size_t>(size)) {
+        size = read(file, maps.data() + used, maps.size() - used);
+        if (size < 0) abort();
+      }
+      close(file);
+      return maps.find(path) != std::string::npos;
+    };
+    report();
+    return is_mapped() && passes_in_child([&] { return !is_mapped(); });
+  }));
+}
+
 TEST_F(Ring, LeavesNoDescriptorOpenAndErrnoAsItWas) {
   EXPECT_TRUE(passes_in_child([] {
     const auto descriptors = [] {
