@@ -25,7 +25,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 # By the beginning of a path, the longest that fits: the tests that can notice a fault there, by the beginnings of their
-# names.
+# names, and in the order in which they are asked.
 COVERED_BY = {
     "src/": ("unit_", "contract", "system_"),
     "platform/host/": ("host_", "system_spine", "system_session", "system_device"),
@@ -387,8 +387,8 @@ class Site:
 
   def make(self, targets, jobs=1, seconds=3600):
     with open(self.log, "wb") as log:
-      return run(["cmake", "--build", str(self.build), "-j", str(jobs), "--target", *targets], seconds, stdout=log,
-                 stderr=log, env=self.environment) == 0
+      return run(["ninja", "-C", str(self.build), "-j", str(jobs), *targets], seconds, stdout=log, stderr=log,
+                 env=self.environment) == 0
 
   def configure(self):
     plain = "-O0 -DNDEBUG"
@@ -563,10 +563,14 @@ class Session:
     return bool(re.search(r"^\w[\w/]*\.", listed.stdout, re.MULTILINE))
 
   def order(self, path):
-    """What covers a file: first what is called as its folder or itself, then the quickest."""
+    """What covers a file: first what is called as its folder or itself, then group by group, the quickest first."""
     words = set(Path(path).with_suffix("").parts)
-    covering = [step for step in self.steps if step.program.name.startswith(tests_of(path))]
-    return sorted(covering, key=lambda step: (step.program.name.split("_", 1)[-1] not in words, step.seconds))
+    groups = tests_of(path)
+    def place(step):
+      name = step.program.name
+      group = next(number for number, start in enumerate(groups) if name.startswith(start))
+      return (name.split("_", 1)[-1] not in words, group, step.seconds)
+    return sorted((step for step in self.steps if step.program.name.startswith(groups)), key=place)
 
   def judge(self, mutant, source):
     with self.guard:
@@ -579,10 +583,12 @@ class Session:
 
   def judge_in(self, site, mutant, source):
     site.write(mutant, source)
+    built = set()
     for step in self.order(mutant.path):
       program = step.program
-      if not site.make([program.name], seconds=900):
+      if program.name not in built and not site.make([program.name], seconds=900):
         return Verdict("invalid")
+      built.add(program.name)
       limit = max(15.0, 5 * step.seconds)
       status = site.test([*self.commands[site][program.name], *step.arguments], program, limit)
       if status != 0:
