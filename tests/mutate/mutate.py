@@ -305,7 +305,7 @@ def isolation(root):
 def limit_resources():
   """In the child: a fault must not fill memory or disk."""
   resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-  resource.setrlimit(resource.RLIMIT_AS, (8 << 30, 8 << 30))
+  resource.setrlimit(resource.RLIMIT_DATA, (4 << 30, 4 << 30))
   resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 30, 1 << 30))
 
 
