@@ -2,8 +2,8 @@
 
 #include <dlfcn.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -32,8 +32,16 @@ extern "C" int connect(int socket, const sockaddr *address, socklen_t size) {
   return result == SocketHooks::kPassOn ? real(socket, address, size) : result;
 }
 
-extern "C" int getsockopt(int socket, int level, int option, void *value, socklen_t *size) noexcept {
-  static auto *const real = next_of<int(int, int, int, void *, socklen_t *)>("getsockopt");
+// On i386 a program with times of 64 bits has other names for the two calls below, and other numbers for the limits.
+constexpr int kReceiveLimit64 = 66;
+constexpr int kSendLimit64 = 67;
+
+namespace {
+
+using Get = int(int, int, int, void *, socklen_t *);
+using Set = int(int, int, int, const void *, socklen_t);
+
+int get(Get *real, int socket, int level, int option, void *value, socklen_t *size) {
   const bool asked = level == SOL_SOCKET && option == SO_SNDBUF && active.send_buffer;
   const int answer = asked ? active.send_buffer() : SocketHooks::kPassOn;
   if (answer == SocketHooks::kPassOn) return real(socket, level, option, value, size);
@@ -41,18 +49,50 @@ extern "C" int getsockopt(int socket, int level, int option, void *value, sockle
   return 0;
 }
 
-extern "C" int setsockopt(int socket, int level, int option, const void *value, socklen_t size) noexcept {
-  static auto *const real = next_of<int(int, int, int, const void *, socklen_t)>("setsockopt");
+int set(Set *real, int socket, int level, int option, const void *value, socklen_t size) {
   if (level == SOL_SOCKET && (option == SO_SNDBUF || option == SO_SNDBUFFORCE) && active.set_send_buffer) {
     int wanted = 0;
     memcpy(&wanted, value, sizeof wanted);
     const int result = active.set_send_buffer(option, wanted);
     if (result != SocketHooks::kPassOn) return result;
   }
-  if (level == SOL_SOCKET && (option == SO_RCVTIMEO || option == SO_SNDTIMEO) && active.set_limit) {
-    timeval limit = {};
-    memcpy(&limit, value, sizeof limit);
-    active.set_limit(option, limit.tv_sec, limit.tv_usec);
+  const bool receives = option == SO_RCVTIMEO || option == kReceiveLimit64;
+  const bool sends = option == SO_SNDTIMEO || option == kSendLimit64;
+  if (level == SOL_SOCKET && (receives || sends) && active.set_limit) {
+    int64_t limit[2] = {};
+    if (size == sizeof limit) memcpy(limit, value, sizeof limit);
+    active.set_limit(receives ? SO_RCVTIMEO : SO_SNDTIMEO, static_cast<long>(limit[0]), static_cast<long>(limit[1]));
   }
   return real(socket, level, option, value, size);
+}
+
+}  // namespace
+
+extern "C" {
+
+int getsockopt(int socket, int level, int option, void *value, socklen_t *size) noexcept {
+  static auto *const real = next_of<Get>("getsockopt");
+  return get(real, socket, level, option, value, size);
+}
+
+int setsockopt(int socket, int level, int option, const void *value, socklen_t size) noexcept {
+  static auto *const real = next_of<Set>("setsockopt");
+  return set(real, socket, level, option, value, size);
+}
+
+#ifdef __i386__
+int getsockopt_64(int socket, int level, int option, void *value, socklen_t *size) noexcept __asm__("__getsockopt64");
+int setsockopt_64(int socket, int level, int option, const void *value, socklen_t size) noexcept
+    __asm__("__setsockopt64");
+
+int getsockopt_64(int socket, int level, int option, void *value, socklen_t *size) noexcept {
+  static auto *const real = next_of<Get>("__getsockopt64");
+  return get(real, socket, level, option, value, size);
+}
+
+int setsockopt_64(int socket, int level, int option, const void *value, socklen_t size) noexcept {
+  static auto *const real = next_of<Set>("__setsockopt64");
+  return set(real, socket, level, option, value, size);
+}
+#endif
 }
