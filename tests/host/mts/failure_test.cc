@@ -36,12 +36,6 @@ class CountedSignal {
   struct sigaction before_ = {};
 };
 
-size_t open_descriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) count++;
-  return count;
-}
-
 TEST_F(Mts, ReconnectsToAServiceThatRestartedBetweenExchanges) {
   const CountedSignal broken_pipe(SIGPIPE);
   const uint32_t queue = bound();

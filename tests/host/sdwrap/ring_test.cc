@@ -9,6 +9,7 @@
 
 #include "fake_service/fake_service.h"
 #include "sdwrap.h"
+#include "start_time.h"
 
 namespace {
 
@@ -28,16 +29,7 @@ class Ring : public testing::Test {
   std::string history() const { return folder_.path() + "/history"; }
 
   // The path that the calling process's ring has.
-  std::string own_path() const {
-    std::string line(1024, '\0');
-    const int file = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
-    line.resize(static_cast<size_t>(read(file, line.data(), line.size())));
-    close(file);
-    size_t at = line.rfind(')');
-    for (int field = 2; field < 22; field++) at = line.find(' ', at + 1);
-    return history() + "/" + std::to_string(getpid()) + "-" + line.substr(at + 1, line.find(' ', at + 1) - at - 1) +
-           ".ring";
-  }
+  std::string own_path() const { return history() + "/" + std::to_string(getpid()) + "-" + start_time() + ".ring"; }
 
   static int report() {
     const uint8_t record[] = {100, 0, 0, 0, 'x', 0};
@@ -50,6 +42,14 @@ class Ring : public testing::Test {
     if (read(file, &ring, sizeof ring) != sizeof ring) ring = {};
     close(file);
     return ring;
+  }
+
+  // Leaves a ring as if this process had made it before.
+  void lay_down(const HostRing &ring) const {
+    make(own_path());
+    const int file = open(own_path().c_str(), O_WRONLY | O_CLOEXEC);
+    if (write(file, &ring, sizeof ring) != sizeof ring) abort();
+    close(file);
   }
 
   static off_t size_of(const std::string &path) {
@@ -136,10 +136,7 @@ TEST_F(Ring, KeepsWhatAProgramBeforeExecRecorded) {
     ring.slots[0].sequence = 1;
     ring.slots[1].sequence = 2 | UINT64_C(1) << 63;  // it was ended while it wrote this one
     ring.slots[2].sequence = 3;
-    make(own_path());
-    const int file = open(own_path().c_str(), O_WRONLY | O_CLOEXEC);
-    if (write(file, &ring, sizeof ring) != sizeof ring) return false;
-    close(file);
+    lay_down(ring);
     report();
     const HostRing after = ring_at(own_path());
     return after.next == 4 && after.slots[0].sequence == 1 && after.slots[1].sequence == 0 &&
@@ -156,10 +153,7 @@ TEST_F(Ring, BeginsAnewInAFileOfAnotherForm) {
       ring.slot_count = 1024;
       ring.next = 700;
       reinterpret_cast<uint8_t *>(&ring)[field] ^= 8;
-      make(own_path());
-      const int file = open(own_path().c_str(), O_WRONLY | O_CLOEXEC);
-      if (write(file, &ring, sizeof ring) != sizeof ring) return false;
-      close(file);
+      lay_down(ring);
       report();
       const HostRing after = ring_at(own_path());
       return after.next == 1 && after.magic == 0x3172736b && after.version == 1 && after.slot_count == 1024;
@@ -252,15 +246,10 @@ TEST_F(Ring, IsNotMappedInAChild) {
 
 TEST_F(Ring, LeavesNoDescriptorOpenAndErrnoAsItWas) {
   EXPECT_TRUE(passes_in_child([] {
-    const auto descriptors = [] {
-      size_t count = 0;
-      for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) count++;
-      return count;
-    };
-    const size_t before = descriptors();
+    const size_t before = open_descriptors();
     errno = 77;
     report();
-    return errno == 77 && descriptors() == before;
+    return errno == 77 && open_descriptors() == before;
   }));
 }
 

@@ -65,13 +65,8 @@ TEST_F(Page, IsNoPipeAndNoFolder) {
 TEST_F(Page, LeavesNoDescriptorOpen) {
   write_page(0x3173736b, 1);
   EXPECT_TRUE(passes_in_child([] {
-    const auto descriptors = [] {
-      size_t count = 0;
-      for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) count++;
-      return count;
-    };
-    const size_t before = descriptors();
-    return holds() && descriptors() == before;
+    const size_t before = open_descriptors();
+    return holds() && open_descriptors() == before;
   }));
 }
 
