@@ -27,13 +27,13 @@ from pathlib import Path
 # By the beginning of a path, the longest that fits: the tests that can notice a fault there, by the beginnings of their
 # names, and in the order in which they are asked.
 COVERED_BY = {
-    "src/": ("unit_", "contract", "system_"),
+    "src/": ("unit_", "contract", "system_", "docs_", "hostile_"),
     "platform/host/": ("host_", "system_spine", "system_session", "system_device"),
     "platform/host/mts/": ("host_mts", "system_spine", "system_session", "system_device"),
-    "platform/host/sdb/": ("host_sdb", "system_cache", "system_pac"),
+    "platform/host/sdb/": ("host_sdb", "system_cache", "system_pac", "docs_cache"),
     "platform/host/sdwrap/": ("host_sdwrap", "system_spine", "system_session"),
     "platform/host/sysmgr/": ("host_sysmgr", "system_spine", "system_session", "system_cache"),
-    "service/": ("service_", "system_"),
+    "service/": ("service_", "system_", "docs_", "hostile_"),
 }
 # The tests of a program that take less are run before the others.
 QUICK_SECONDS = 0.1
