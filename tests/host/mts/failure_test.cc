@@ -36,12 +36,6 @@ class CountedSignal {
   struct sigaction before_ = {};
 };
 
-size_t open_descriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) count++;
-  return count;
-}
-
 TEST_F(Mts, ReconnectsToAServiceThatRestartedBetweenExchanges) {
   const CountedSignal broken_pipe(SIGPIPE);
   const uint32_t queue = bound();
@@ -291,6 +285,19 @@ TEST_F(Interrupted, TakesNoSignalForAFailure) {
 
   EXPECT_GE(signals_seen, 90);
   EXPECT_EQ(service.connections(), 1U);
+}
+
+TEST_F(Interrupted, RefusesALargerReplyAllTheSame) {
+  service.handler = [&](int socket, const FakeService::Request &request) {
+    const int enough = signals_seen + 3;
+    if (request.payload == Octets{1}) {
+      while (signals_seen < enough) std::this_thread::yield();
+      return FakeService::reply(socket, request, Octets(192 * 1024 + 1));
+    }
+    return FakeService::echo(socket, request);
+  };
+  const uint32_t queue = bound_under_signals();
+  EXPECT_EQ(exchange(queue, {1}).error, static_cast<uint32_t>(EMSGSIZE));
 }
 
 TEST_F(Interrupted, GivesUpInTimeAllTheSame) {

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "fake_service/fake_service.h"
+#include "start_time.h"
 
 namespace {
 
@@ -78,17 +79,6 @@ int report(const std::string &text, uint32_t subtype = 100) {
   record.subtype = subtype;
   strncpy(record.text, text.c_str(), sizeof record.text - 1);
   return sdwrap_hist_event(kEvent, static_cast<uint32_t>(strlen(record.text) + 5), &record);
-}
-
-// Field 22 of this process's own stat line.
-std::string start_time() {
-  std::string line(1024, '\0');
-  const int file = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
-  line.resize(static_cast<size_t>(read(file, line.data(), line.size())));
-  close(file);
-  size_t at = line.rfind(')');
-  for (int field = 2; field < 22; field++) at = line.find(' ', at + 1);
-  return line.substr(at + 1, line.find(' ', at + 1) - at - 1);
 }
 
 class Sdwrap : public testing::Test {

@@ -191,6 +191,12 @@ class FakeService {
   size_t closed_ = 0;
 };
 
+inline size_t open_descriptors() {
+  size_t count = 0;
+  for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) count++;
+  return count;
+}
+
 // passes_in_child runs `body` in a forked child and tells whether it came to its end there and returned true.
 inline bool passes_in_child(const std::function<bool()> &body) {
   const pid_t child = fork();

@@ -1,0 +1,184 @@
+// What is asked of the kernel and of the service while a connection is made.
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "client.h"
+#include "socket_hooks.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// A datagram of the largest size, and what the kernel adds to it.
+constexpr int kSendBuffer = 32 + 192 * 1024 + 32;
+
+using Set = std::pair<int, int>;
+
+class Connecting : public Mts {
+ protected:
+  // Binds on a kernel whose send buffers have that size, and which refuses what `refused` says, and returns what it was
+  // asked for.
+  std::vector<Set> buffers_asked_for(int size, int refused = 0) {
+    std::vector<Set> asked;
+    const WithSocketHooks hooks({.connect = {},
+                                 .send_buffer = [size] { return size; },
+                                 .set_send_buffer =
+                                     [&](int option, int wanted) {
+                                       asked.emplace_back(option, wanted);
+                                       errno = EPERM;
+                                       return option == refused ? -1 : 0;
+                                     },
+                                 .set_limit = {}});
+    EXPECT_NE(bound(), MTS_FAILED);
+    return asked;
+  }
+};
+
+TEST_F(Connecting, LeavesASendBufferAloneThatHoldsTheLargestDatagram) {
+  EXPECT_THAT(buffers_asked_for(kSendBuffer), IsEmpty());
+}
+
+TEST_F(Connecting, RaisesASmallerSendBuffer) {
+  EXPECT_THAT(buffers_asked_for(kSendBuffer - 1), ElementsAre(Set(SO_SNDBUFFORCE, kSendBuffer)));
+}
+
+TEST_F(Connecting, RaisesASendBufferAsFarAsItMay) {
+  EXPECT_THAT(buffers_asked_for(4096, SO_SNDBUFFORCE),
+              ElementsAre(Set(SO_SNDBUFFORCE, kSendBuffer), Set(SO_SNDBUF, kSendBuffer)));
+}
+
+TEST_F(Connecting, LimitsWaitsByThirtySecondsAndThenAsTheServiceSays) {
+  service.hello.receive_limit_ms = 61'234;
+  std::vector<std::vector<long>> limits;
+  const WithSocketHooks hooks({.connect = {},
+                               .send_buffer = {},
+                               .set_send_buffer = {},
+                               .set_limit = [&](int option, long seconds, long microseconds) {
+                                 limits.push_back({option, seconds, microseconds});
+                               }});
+  EXPECT_NE(bound(), MTS_FAILED);
+  EXPECT_THAT(limits, ElementsAre(ElementsAre(SO_RCVTIMEO, 30, 0), ElementsAre(SO_SNDTIMEO, 30, 0),
+                                  ElementsAre(SO_RCVTIMEO, 61, 234'000), ElementsAre(SO_SNDTIMEO, 61, 234'000)));
+}
+
+TEST_F(Connecting, KeepsTheThirtySecondsOfAServiceThatSaysNone) {
+  service.hello.receive_limit_ms = 0;
+  std::vector<long> seconds;
+  const WithSocketHooks hooks(
+      {.connect = {}, .send_buffer = {}, .set_send_buffer = {}, .set_limit = [&](int, long limit, long) {
+         seconds.push_back(limit);
+       }});
+  EXPECT_NE(bound(), MTS_FAILED);
+  EXPECT_THAT(seconds, ElementsAre(30, 30, 30, 30));
+}
+
+TEST_F(Connecting, TriesAgainAfterASignal) {
+  service.start();
+  int tries = 0;
+  const WithSocketHooks hooks({.connect =
+                                   [&] {
+                                     errno = EINTR;
+                                     return ++tries < 3 ? -1 : SocketHooks::kPassOn;
+                                   },
+                               .send_buffer = {},
+                               .set_send_buffer = {},
+                               .set_limit = {}});
+  EXPECT_TRUE(works(bind_as(1)));
+  EXPECT_EQ(tries, 3);
+}
+
+TEST_F(Connecting, TimesOutWhereTheQueueOfConnectionsDoesNotMove) {
+  const WithSocketHooks hooks({.connect =
+                                   [] {
+                                     errno = EAGAIN;
+                                     return -1;
+                                   },
+                               .send_buffer = {},
+                               .set_send_buffer = {},
+                               .set_limit = {}});
+  EXPECT_EQ(bind_as(1), MTS_FAILED);
+  EXPECT_EQ(mts_errno_get(MTS_FAILED), static_cast<uint32_t>(ETIMEDOUT));
+}
+
+TEST_F(Connecting, GreetsWithAHeaderAlone) {
+  Octets greeting;
+  service.greeter = [&](int socket, const FakeService::Request &request) {
+    greeting = request.datagram;
+    return FakeService::reply(socket, request,
+                              Octets(reinterpret_cast<const uint8_t *>(&service.hello),
+                                     reinterpret_cast<const uint8_t *>(&service.hello + 1)));
+  };
+  EXPECT_NE(bound(), MTS_FAILED);
+  EXPECT_EQ(greeting, (Octets{'k', 'w', 's', '1',  1,  0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0,
+                              0,   0,   0,   0xfe, 11, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+// A greeting that is answered wrongly: there is no service of this kind.
+class WrongGreeting : public Mts, public testing::WithParamInterface<std::pair<const char *, void (*)(Octets &)>> {};
+
+TEST_P(WrongGreeting, FailsTheBinding) {
+  service.greeter = [&](int socket, const FakeService::Request &request) {
+    const auto *hello = reinterpret_cast<const uint8_t *>(&service.hello);
+    Octets datagram = FakeService::reply_datagram(request, Octets(hello, hello + sizeof service.hello));
+    GetParam().second(datagram);
+    return FakeService::send_raw(socket, datagram);
+  };
+  EXPECT_EQ(bound(), MTS_FAILED);
+  EXPECT_EQ(mts_errno_get(MTS_FAILED), static_cast<uint32_t>(EPROTO));
+}
+
+// Cuts or fills the datagram up to so many bytes behind the header, whose word for it is right.
+template <uint32_t kSize>
+void resize(Octets &datagram) {
+  datagram.resize(32 + kSize);
+  const uint32_t size = kSize;
+  memcpy(datagram.data() + 28, &size, sizeof size);
+}
+
+INSTANTIATE_TEST_SUITE_P(Replies, WrongGreeting,
+                         testing::Values(std::pair("WithoutAResult", &resize<3>),
+                                         std::pair("OfTheResultAloneThoughItIsSuccess", &resize<4>),
+                                         std::pair("CutByAByte", &resize<239>),
+                                         std::pair("LongerByAByte", &resize<241>),
+                                         std::pair(
+                                             "OfAnotherOpcode", +[](Octets &datagram) { datagram[8] ^= 2; }),
+                                         std::pair(
+                                             "OfAnotherToken", +[](Octets &datagram) { datagram[12] ^= 2; })),
+                         [](const auto &instance) { return instance.param.first; });
+
+// The text's last byte may be its end.
+TEST_F(Connecting, TakesTheLongestText) {
+  memset(service.hello.running_cfg_uri, 'x', sizeof service.hello.running_cfg_uri - 1);
+  service.hello.running_cfg_uri[sizeof service.hello.running_cfg_uri - 1] = '\0';
+  EXPECT_TRUE(works(bound()));
+}
+
+TEST_F(Connecting, TakesTheLongestPath) {
+  const std::string folder = socket_path().substr(0, socket_path().rfind('/') + 1);
+  const std::string path = folder + std::string(107 - folder.size(), 's');
+  setenv("KS_SOCKET", path.c_str(), 1);
+  FakeService there(path);
+  there.start();
+  EXPECT_TRUE(works(bind_as(1)));
+
+  setenv("KS_SOCKET", (path + "s").c_str(), 1);
+  EXPECT_EQ(bind_as(1), MTS_FAILED);
+  EXPECT_EQ(mts_errno_get(MTS_FAILED), static_cast<uint32_t>(ENAMETOOLONG));
+  setenv("KS_SOCKET", path.c_str(), 1);
+  EXPECT_TRUE(works(bind_as(1)));
+}
+
+TEST_F(Connecting, TakesTheShortestPath) {
+  service.start();
+  EXPECT_TRUE(passes_in_child([this] {
+    const std::string path = socket_path();
+    if (chdir(path.substr(0, path.rfind('/')).c_str()) != 0 || symlink("ksd.sock", "s") != 0) return false;
+    setenv("KS_SOCKET", "s", 1);
+    return works(bind_as(1));
+  }));
+}
+
+}  // namespace

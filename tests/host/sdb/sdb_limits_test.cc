@@ -1,0 +1,113 @@
+// What other processes rely on: which bytes of the gate's file are locked when, and how many may read.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "sdb_fixture.h"
+
+namespace {
+
+class SdbLimits : public Sdb {
+ protected:
+  ~SdbLimits() override {
+    at_txn_begin = nullptr;
+    at_sync = nullptr;
+  }
+
+  // The bytes of the gate's file that this process holds, as another process sees them.
+  static std::string held_bytes() {
+    int ends[2];
+    if (pipe(ends) != 0) abort();
+    in_child([&] {
+      const int file = ::open(gate_file.c_str(), O_RDWR | O_CLOEXEC);
+      std::string held;
+      for (int byte = 0; byte < 6; ++byte) {
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_whence = SEEK_SET;
+        lock.l_start = byte;
+        lock.l_len = 1;
+        if (fcntl(file, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK) held += static_cast<char>('0' + byte);
+      }
+      held += ' ';
+      return write(ends[1], held.data(), held.size()) < 0 ? 1 : 0;
+    });
+    char held[16];
+    const ssize_t size = ::read(ends[0], held, sizeof held);
+    close(ends[0]);
+    close(ends[1]);
+    return std::string(held, static_cast<size_t>(size));
+  }
+
+  static std::string gate_file;
+  static std::string seen;
+};
+
+std::string SdbLimits::gate_file;
+std::string SdbLimits::seen;
+
+// Processes of another version of this library take the same bytes.
+TEST_F(SdbLimits, OfGatesAreBytes0To3) {
+  gate_file = data_file + "-gate";
+  seen.clear();
+  at_txn_begin = [] { seen += "begin " + held_bytes(); };
+  at_sync = [] { seen += "sync " + held_bytes(); };
+  ASSERT_EQ(open(), 0u);
+  EXPECT_EQ(seen.substr(seen.rfind("begin")), "begin 1 ") << "opening, inside the gate of the table of readers";
+
+  seen.clear();
+  EXPECT_EQ(put("key", "value"), 0u);
+  EXPECT_EQ(seen.substr(0, 9), "begin 13 ") << "writing, inside both gates";
+  EXPECT_EQ(seen.substr(9, 7), "sync 3 ") << "committing, inside the writers' gate alone";
+
+  seen.clear();
+  std::thread([this] { EXPECT_EQ(value_of("key"), "value"); }).join();
+  EXPECT_EQ(seen, "begin 1 ") << "a thread's first read";
+  EXPECT_EQ(held_bytes(), " ");
+}
+
+TEST_F(SdbLimits, OfReadersAreAboveTwoHundredThreads) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "value"), 0u);
+  constexpr unsigned kThreads = 200;
+  pthread_barrier_t all;
+  pthread_barrier_init(&all, nullptr, kThreads);
+  std::atomic<unsigned> right{0};
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      uint32_t code = read("key");
+      while (code == kRetryCode) code = read("key");  // so many wait for one gate
+      if (code == 0) ++right;
+      pthread_barrier_wait(&all);
+    });
+  }
+  for (std::thread &thread : threads) thread.join();
+  pthread_barrier_destroy(&all);
+  EXPECT_EQ(right, kThreads);
+}
+
+TEST_F(SdbLimits, OfAFilesSizeAreTold) {
+  EXPECT_EQ(in_child([&] {
+              signal(SIGXFSZ, SIG_IGN);
+              const rlimit limit = {.rlim_cur = 1 << 20, .rlim_max = 1 << 20};
+              if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 1;
+              if (open() != kSystemCode) return 2;
+              return std::string(syserr2str(kSystemCode)) == "A system call failed: " + data_file + ": File too large"
+                         ? 0
+                         : 3;
+            }),
+            0);
+}
+
+TEST_F(SdbLimits, OfItsMapAreTheFilesSize) {
+  ASSERT_EQ(open(), 0u);
+  EXPECT_EQ(std::filesystem::file_size(data_file), (sizeof(void *) == 8 ? 128u : 48u) * 1024 * 1024);
+}
+
+}  // namespace

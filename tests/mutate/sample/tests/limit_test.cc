@@ -1,0 +1,5 @@
+bool within(int value, int limit);
+
+int main() {
+  return within(1, 2) && !within(2, 2) ? 0 : 1;
+}
