@@ -114,7 +114,7 @@ TEST_F(Mts, RefusesMissingData) {
 // From a piece that is copied together to the largest there may be.
 TEST_F(Mts, CarriesRequestsAndRepliesOfEverySize) {
   const uint32_t queue = bound();
-  for (const size_t size : {1, 1023, 1024, 1025, 4096, 65'520, 131'070, 192 * 1024 - 8}) {
+  for (const size_t size : {1UL, 1023UL, 1024UL, 1025UL, 4096UL, 65'520UL, 131'070UL, 192 * 1024UL - 8}) {
     Octets data(size);
     for (size_t i = 0; i < size; i++) data[i] = static_cast<uint8_t>(i * 31 + size);
     const auto half = static_cast<uint32_t>(size / 2);

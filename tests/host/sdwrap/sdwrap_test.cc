@@ -203,7 +203,7 @@ TEST_F(Sdwrap, NamesTheRingByPidAndStartTime) {
 
 TEST_F(Sdwrap, KeepsLongReportsWhole) {
   EXPECT_TRUE(passes_in_child([this] {
-    for (const size_t length : {0, 99, 100, 203, 204, 511}) report(std::string(length, 'r'));
+    for (const size_t length : {0UL, 99UL, 100UL, 203UL, 204UL, 511UL}) report(std::string(length, 'r'));
     const auto records = RingFile(ring_of(getpid())).records();
     return records.size() == 6 && records[0].text().empty() && records[1].text().size() == 99 &&
            records[2].text().size() == 100 && records[3].text().size() == 203 && records[4].text().size() == 204 &&
@@ -392,7 +392,7 @@ TEST_F(DebugLines, AreOneWriteEachWithTheModulesName) {
 }
 
 TEST_F(DebugLines, AreNotCut) {
-  for (const size_t length : {1000, 1010, 1016, 1020, 1024, 1030, 3000}) {
+  for (const size_t length : {1000UL, 1010UL, 1016UL, 1020UL, 1024UL, 1030UL, 3000UL}) {
     const std::string text(length, 't');
     const auto lines = packets([&] { return buginf(1, sdwrap_dbg_modname, 0, "%s", text.c_str()) == 0; });
     ASSERT_EQ(lines.size(), 1U) << length;
