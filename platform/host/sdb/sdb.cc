@@ -9,6 +9,7 @@
 #include "sdb_codes.h"
 #include "sdb_database.h"
 #include "sdb_guard.h"
+#include "sdb_reading.h"
 #include "sdb_thread.h"
 #include "sdb_value.h"
 
@@ -19,10 +20,8 @@ namespace {
 constexpr uint32_t kOpenFlags = 1;
 
 const KsSdbDatum *read_value(Thread *thread, const char *uri, const KsSdbDatum *key, uint32_t *out_code) {
-  if (key == nullptr || key->data == nullptr || key->size == 0 || key->size > kMaxKeySize) {
-    *out_code = fail_with(thread, kBadArgument, "a key has 1 to %zu bytes", kMaxKeySize);
-    return nullptr;
-  }
+  *out_code = check_key(thread, key);
+  if (*out_code != kOk) return nullptr;
   Seat *seat = find_seat(thread, uri, out_code);
   if (seat == nullptr) return nullptr;
   *out_code = begin_read(thread, seat);

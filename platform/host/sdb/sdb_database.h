@@ -34,8 +34,7 @@ constexpr long kCommitDeadlineMs = 2000;
 struct Database {
   Database *next;
   char *uri;
-  uint32_t generation;
-  // The same folder and name under another URI are the same database: LMDB must not open it twice.
+  // Where it lies: the same folder and name under another URI are the same database.
   dev_t folder_device;
   ino_t folder_inode;
   MDB_env *environment;
@@ -52,16 +51,6 @@ uint32_t open_database(Thread *thread, const char *uri);
 // find_database returns the open database at the URI, opening again after fork what the parent had open; or null and
 // a code.
 Database *find_database(Thread *thread, const char *uri, uint32_t *out_code);
-
-// begin_read starts to read in the thread's seat: with no system call and no lock unless it is the first time.
-uint32_t begin_read(Thread *thread, Seat *seat);
-void end_read(Seat *seat);
-
-// check_file tells whether the file is still the one that was opened, and whole.
-uint32_t check_file(Thread *thread, const Database &database);
-
-// fail_with_lmdb is fail_with for a result of LMDB.
-uint32_t fail_with_lmdb(Thread *thread, const char *doing, int result);
 
 }  // namespace sdb
 

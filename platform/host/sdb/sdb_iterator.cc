@@ -6,6 +6,7 @@
 #include "sdb_codes.h"
 #include "sdb_database.h"
 #include "sdb_guard.h"
+#include "sdb_reading.h"
 #include "sdb_thread.h"
 #include "sdb_value.h"
 
@@ -54,7 +55,7 @@ uint32_t take(Thread *thread, Iteration *iteration, const MDB_val &key, const MD
 }
 
 uint32_t move_on(Thread *thread, Seat *seat, const KsSdbDatum **out_key, const KsSdbDatum **out_value) {
-  if (const uint32_t code = check_file(thread, *seat->database); code != kOk) return code;
+  if (const uint32_t code = check_file_in_place(thread, *seat->database); code != kOk) return code;
   if (const uint32_t code = begin_read(thread, seat); code != kOk) return code;
   Iteration &iteration = seat->iteration;
   MDB_val key;

@@ -8,6 +8,7 @@
 #include "sdb_codes.h"
 #include "sdb_database.h"
 #include "sdb_guard.h"
+#include "sdb_reading.h"
 #include "sdb_thread.h"
 #include "sdb_value.h"
 
@@ -18,9 +19,7 @@ namespace {
 uint32_t stage(const char *uri, const KsSdbDatum *key, const KsSdbDatum *value) {
   Thread *thread = enter();
   if (thread == nullptr) return kNoMemory;
-  if (key == nullptr || key->data == nullptr || key->size == 0 || key->size > kMaxKeySize) {
-    return fail_with(thread, kBadArgument, "a key has 1 to %zu bytes", kMaxKeySize);
-  }
+  if (const uint32_t code = check_key(thread, key); code != kOk) return code;
   if (value != nullptr && (value->size > kMaxValueSize || (value->data == nullptr && value->size != 0))) {
     return fail_with(thread, kBadArgument, "a value has at most %zu bytes", kMaxValueSize);
   }
@@ -103,7 +102,7 @@ uint32_t write_once(Thread *thread, Database &database, const Changes &changes, 
 }
 
 uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
-  if (const uint32_t code = check_file(thread, database); code != kOk) return code;
+  if (const uint32_t code = check_file_in_place(thread, database); code != kOk) return code;
   const uint32_t code = write_once(thread, database, changes, deadline);
   if (code != kFull) return code;
   // Readers that died in the middle of a read hold pages up.
