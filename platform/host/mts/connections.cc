@@ -174,6 +174,15 @@ __attribute__((noinline)) Slot *take_other() {
   return slot;
 }
 
+// Returns the slot that the token is of, whoever owns it, or null when this process has no such slot.
+Slot *slot_of(uint32_t token) {
+  const uint32_t index = token & ((UINT32_C(1) << kIndexBits) - 1);
+  Slot *slot = preferred;
+  if (slot != nullptr && slot->index == index && slot->generation == host::fork_generation()) return slot;
+  const Pool *pool = own_pool();
+  return pool == nullptr ? nullptr : slot_at(pool, index);
+}
+
 // Requests and replies hold secrets; the pages are not a child's to inherit either.
 uint8_t *make_buffer() {
   void *fresh = mmap(nullptr, HOST_WIRE_MAX_DATAGRAM, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -248,14 +257,6 @@ uint32_t next_token(Slot *slot) {
 
 void await_reply(Slot *slot) {
   set_state(slot, kAwaiting);
-}
-
-Slot *slot_of(uint32_t token) {
-  const uint32_t index = token & ((UINT32_C(1) << kIndexBits) - 1);
-  Slot *slot = preferred;
-  if (slot != nullptr && slot->index == index && slot->generation == host::fork_generation()) return slot;
-  const Pool *pool = own_pool();
-  return pool == nullptr ? nullptr : slot_at(pool, index);
 }
 
 Slot *resume(uint32_t token) {

@@ -2,7 +2,6 @@
 // reply. An exchange takes a connection of the pool in mts_send and gives it back in mts_recv.
 #include "mts.h"
 
-#include <malloc.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -53,9 +52,7 @@ constexpr uint32_t kSent = 0x73746d31;
 constexpr uint32_t kReceived = 0x72746d31;
 constexpr uint32_t kDropped = 0x64746d31;
 
-// Message is read and written where it lies, field by field: a copy as a whole would wait for the fields that were
-// written last.
-struct __attribute__((packed, may_alias)) Message {
+struct Message {
   uint32_t kind;
   uint32_t token;
   uint32_t payload_size;
@@ -63,11 +60,14 @@ struct __attribute__((packed, may_alias)) Message {
 };
 static_assert(sizeof(Message) <= sizeof(KsMtsMessage));
 
-Message *content(KsMtsMessage *message) {
-  return reinterpret_cast<Message *>(message->bytes);
+Message load(const KsMtsMessage *message) {
+  Message content;
+  memcpy(&content, message->bytes, sizeof content);
+  return content;
 }
-const Message *content(const KsMtsMessage *message) {
-  return reinterpret_cast<const Message *>(message->bytes);
+
+void store(const Message &content, KsMtsMessage *message) {
+  memcpy(message->bytes, &content, sizeof content);
 }
 
 // ---- Requests.
@@ -161,38 +161,6 @@ int send_on(Slot *slot, const Request &request) {
   return send_request(slot, request);
 }
 
-// ---- Payloads. Each is a heap block of its own, so that a message which is never dropped costs its memory only. A
-// dropped one's block stays with the slot, if there is none: it spares the next exchange the heap.
-
-#ifdef __SANITIZE_ADDRESS__
-constexpr size_t kKeptPayload = 0;  // no block is used again, so that a look at a dropped reply shows
-#else
-constexpr size_t kKeptPayload = 4096;
-#endif
-
-// The caller owns the slot: nobody else takes its spare block.
-void *take_block(Slot *slot, size_t size) {
-  if (size > kKeptPayload) return malloc(size);
-  uint8_t *spare = slot->spare.load(std::memory_order_acquire);
-  if (spare != nullptr) {
-    slot->spare.store(nullptr, std::memory_order_relaxed);
-    if (malloc_usable_size(spare) >= size) return spare;
-    free(spare);  // so that the larger one stays
-  }
-  return malloc(size);
-}
-
-// Anybody drops: the slot may be in others' hands, or have a spare block by now.
-void give_block_back(uint32_t token, void *block, size_t size) {
-  Slot *slot = size > kKeptPayload ? nullptr : mts::slot_of(token);
-  uint8_t *none = nullptr;
-  if (slot != nullptr && slot->spare.compare_exchange_strong(none, static_cast<uint8_t *>(block),
-                                                             std::memory_order_release, std::memory_order_relaxed)) {
-    return;
-  }
-  free(block);
-}
-
 // Receives the reply in the slot's buffer and stores it in `reply`, whose payload is a heap block of its own. Returns 0
 // or an error number; only without memory can the connection be used again.
 int receive_reply(Slot *slot, Message *reply) {
@@ -208,7 +176,7 @@ int receive_reply(Slot *slot, Message *reply) {
   const size_t payload_size = size - sizeof(HostWireHeader);
   if (payload_size < sizeof(KsResult)) return EPROTO;
 
-  reply->payload = take_block(slot, payload_size);
+  reply->payload = malloc(payload_size);
   if (reply->payload == nullptr) return ENOMEM;
   memcpy(reply->payload, slot->buffer + sizeof(HostWireHeader), payload_size);
   reply->payload_size = static_cast<uint32_t>(payload_size);
@@ -262,12 +230,12 @@ KS_EXPORT uint32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_
     return failed(error);
   }
   mts::await_reply(slot);
-  *content(sent) = {.kind = kSent, .token = request.header.token, .payload_size = 0, .payload = nullptr};
+  store({.kind = kSent, .token = request.header.token, .payload_size = 0, .payload = nullptr}, sent);
   return 0;
 }
 
 KS_EXPORT uint32_t mts_rr_token_get(const KsMtsMessage *sent) {
-  return sent == nullptr ? 0 : content(sent)->token;
+  return sent == nullptr ? 0 : load(sent).token;
 }
 
 KS_EXPORT uint32_t mts_recv(uint32_t queue, KsMtsMessage *received, const KsRecvOptions *options) {
@@ -285,31 +253,31 @@ KS_EXPORT uint32_t mts_recv(uint32_t queue, KsMtsMessage *received, const KsRecv
   }
   mts::give_back(slot);
   if (error != 0) return failed(error);
-  *content(received) = reply;
+  store(reply, received);
   return 0;
 }
 
 KS_EXPORT const void *mts_payload_get(const KsMtsMessage *received) {
-  return received == nullptr ? nullptr : content(received)->payload;
+  return received == nullptr ? nullptr : load(received).payload;
 }
 
 KS_EXPORT uint32_t mts_payload_size(const KsMtsMessage *received) {
-  return received == nullptr ? 0 : content(received)->payload_size;
+  return received == nullptr ? 0 : load(received).payload_size;
 }
 
 KS_EXPORT void mts_drop(uint32_t, KsMtsMessage *message) {
   if (message == nullptr) return;
-  Message *dropped = content(message);
-  if (dropped->kind == kSent) {
+  const Message dropped = load(message);
+  if (dropped.kind == kSent) {
     // Usually nothing: the reply is in. A request whose reply nobody waited for ends its connection.
-    if (Slot *slot = mts::resume(dropped->token)) mts::close_and_give_back(slot);
-  } else if (dropped->kind == kReceived) {
-    explicit_bzero(dropped->payload, dropped->payload_size);  // a reply may hold what a secret stands for
-    give_block_back(dropped->token, dropped->payload, dropped->payload_size);
+    if (Slot *slot = mts::resume(dropped.token)) mts::close_and_give_back(slot);
+  } else if (dropped.kind == kReceived) {
+    explicit_bzero(dropped.payload, dropped.payload_size);  // a reply may hold what a secret stands for
+    free(dropped.payload);
   } else {
     return;
   }
-  *dropped = {.kind = kDropped, .token = 0, .payload_size = 0, .payload = nullptr};
+  store({.kind = kDropped, .token = 0, .payload_size = 0, .payload = nullptr}, message);
 }
 
 KS_EXPORT uint32_t mts_errno_get(uint32_t) {
