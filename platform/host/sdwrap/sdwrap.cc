@@ -109,7 +109,7 @@ size_t format_line(char *out, size_t size, const char *modname, const char *form
 
 // The library has one history event, so gates are by subtype alone.
 KS_EXPORT int sdwrap_hist_event_subtype_check(uint32_t, uint32_t subtype) {
-  const Gates &gates = host::state_area.page.history_open;
+  const Gates &gates = host::state_page().history_open;
   if (!looks_open(gates, subtype)) return 1;
   return is_open(gates, subtype, subtype == HOST_DEFAULT_RECORDED_SUBTYPE) ? 0 : 1;
 }
@@ -129,7 +129,7 @@ KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *, ui
 }
 
 KS_EXPORT int sdwrap_chk_int(uint32_t flag, uint32_t, uint32_t, uint32_t) {
-  const Gates &gates = host::state_area.page.debug_open;
+  const Gates &gates = host::state_page().debug_open;
   if (!looks_open(gates, flag)) return 0;
   return is_open(gates, flag, false) ? 1 : 0;
 }

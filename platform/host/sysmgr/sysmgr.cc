@@ -90,7 +90,7 @@ KS_EXPORT uint32_t sysmgr_vdc_get(void) {
 
 KS_EXPORT uint32_t sysmgr_supstate_get(void) {
   host::refresh_state_page();
-  return host::state_page_mapped() ? host::state_word(host::state_area.page.supstate) : 0;
+  return host::state_page_mapped() ? host::state_word(host::state_page().supstate) : 0;
 }
 
 KS_EXPORT const char *sysmgr_running_cfg_uri_get(void) {
