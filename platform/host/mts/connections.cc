@@ -13,6 +13,7 @@
 #include "host_socket.h"
 
 namespace mts {
+
 namespace {
 
 // A token is a slot's index below and the serial number of its exchange above, which starts at 1.
@@ -50,7 +51,7 @@ constinit std::atomic<KnownPath *> current_path{nullptr};
 
 // Threads keep to a connection: the kernel then keeps the thread and its partner in the service on one processor. The
 // model spares a dependency on the dynamic linker.
-__attribute__((tls_model("initial-exec"))) constinit thread_local Slot *preferred = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local Slot *preferred = nullptr;
 
 uint32_t state_of(uint32_t word) {
   return word & kStateMask;
@@ -162,7 +163,7 @@ Slot *take_empty(Pool *pool) {
   return nullptr;
 }
 
-__attribute__((noinline)) Slot *take_other() {
+[[gnu::noinline]] Slot *take_other() {
   Pool *pool = own_pool();
   if (pool == nullptr) {
     errno = ENOMEM;
@@ -264,8 +265,6 @@ Slot *resume(uint32_t token) {
   if (slot == nullptr) return nullptr;
   uint32_t awaiting = token >> kIndexBits << kStateBits | kAwaiting;
   const uint32_t owned = with_state(awaiting, kOwned);
-  // The look first: whoever drops a request whose reply came asks in vain, and an exchange costs more.
-  if (slot->word.load(std::memory_order_relaxed) != awaiting) return nullptr;
   return slot->word.compare_exchange_strong(awaiting, owned, std::memory_order_acq_rel) ? slot : nullptr;
 }
 

@@ -16,7 +16,7 @@ namespace {
 
 using mts::Slot;
 
-__attribute__((tls_model("initial-exec"))) constinit thread_local uint32_t last_error = 0;
+[[gnu::tls_model("initial-exec")]] constinit thread_local uint32_t last_error = 0;
 
 uint32_t failed(int error) {
   last_error = static_cast<uint32_t>(error);
