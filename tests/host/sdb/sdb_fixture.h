@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +14,6 @@
 #include <string>
 #include <string_view>
 
-#include "fake_service/fake_service.h"
 #include "sdb.h"
 
 // The codes again, as numbers: what callers see.
@@ -66,6 +66,16 @@ inline int in_child(const std::function<int()> &work) {
 // Sdb has a folder of its own for each test, and so a database that no other test has opened in this process.
 class Sdb : public testing::Test {
  protected:
+  Sdb() {
+    std::string pattern = std::filesystem::temp_directory_path() / "sdb-test-XXXXXX";
+    root = mkdtemp(pattern.data());
+    folder = root + "/cache";
+    uri = "lmdb://" + folder + "/entries";
+    const std::string ending = sizeof(void *) == 8 ? "-64.mdb" : "-32.mdb";
+    data_file = folder + "/entries" + ending;
+  }
+  ~Sdb() override { std::filesystem::remove_all(root); }
+
   uint32_t open() { return sdb_open(uri.c_str(), 1, 77, 0, 0); }
 
   uint32_t stage(const std::string &key, const std::string &value) {
@@ -106,14 +116,10 @@ class Sdb : public testing::Test {
     return value;
   }
 
- private:
-  const TemporaryFolder temporary_;
-
- protected:
-  const std::string root = temporary_.path();
-  std::string folder = root + "/cache";
-  std::string uri = "lmdb://" + folder + "/entries";
-  const std::string data_file = folder + "/entries" + (sizeof(void *) == 8 ? "-64.mdb" : "-32.mdb");
+  std::string root;
+  std::string folder;
+  std::string uri;
+  std::string data_file;
 };
 
 #endif
