@@ -46,6 +46,58 @@ typedef struct {
 #define HOST_NO_VDC UINT32_C(0xffff)
 KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
 
+/* HostReplyShape is what a reply to the keystore's message `opcode` has to hold, so that whoever reads it without
+ * looking finds it there. Every reply begins with its result. What follows counts with KS_SUCCESS alone; the shape of
+ * most is a 16-bit length and as many bytes.
+ *
+ * A caller's buffer is as large as what was asked for, which the reply must not exceed. Where the reader compares the
+ * two itself, as those of ciphers and digests do, `most` says nothing. */
+typedef struct {
+  uint32_t opcode;
+  uint16_t least;       /* bytes that are read whatever stands in them, result and length included */
+  uint16_t most;        /* the largest length that may stand there */
+  uint8_t length_bytes; /* 0: no length is read; 1: its low byte; 2: all of it */
+  uint8_t asked_bytes;  /* 0, or the size of the number at the descriptor's start, which the length must not exceed */
+} HostReplyShape;
+
+/* In the order of opcodes, from KS_OP_GENERATE_RANDOM on. */
+static const HostReplyShape host_reply_shapes[] = {
+    {KS_OP_GENERATE_RANDOM, 6, UINT8_MAX, 1, 1},
+    {KS_OP_STORE_SECRET, 4, 0, 0, 0},
+    {KS_OP_ADD_METADATA, 4, 0, 0, 0},
+    {KS_OP_CLEAR, 4, 0, 0, 0},
+    {KS_OP_SECRET_EXISTS, 7, 0, 0, 0}, /* the flag, behind a length that nobody reads */
+    {KS_OP_HANDLE_BY_INDEX, 6, UINT16_MAX, 2, 0},
+    {KS_OP_RETURN_METADATA, 6, UINT16_MAX, 2, 0},
+    {KS_OP_RENAME, 4, 0, 0, 0},
+    {KS_OP_STORE_PAC, 4, 0, 0, 0},
+    {KS_OP_PAC_EXISTS, 7, 0, 0, 0},
+    {KS_OP_PAC_KEY_T_PRF, 6, UINT16_MAX, 2, 2},
+    {KS_OP_GENERATE_NT_RESPONSE, 6, UINT16_MAX, 2, 0},
+    {KS_OP_GENERATE_AUTH_RESPONSE, 6, UINT16_MAX, 2, 0},
+    {KS_OP_NEW_PASSWORD_ENCRYPTED, 6, 516, 2, 0}, /* RFC 2759's block; the reader takes any length */
+    {KS_OP_OLD_HASH_ENCRYPTED, 6, UINT16_MAX, 2, 0},
+    {KS_OP_GET_MASTER_KEY, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_CBC_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_CBC_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_HMAC_MD5, 6, UINT16_MAX, 2, 0},
+    {KS_OP_HMAC_SHA1, 6, UINT16_MAX, 2, 0},
+    {KS_OP_MD5, 6, UINT16_MAX, 2, 0},
+    {KS_OP_SHA1, 6, UINT16_MAX, 2, 0},
+    {KS_OP_DES_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_DES_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_3DES_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_3DES_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {66589, 4, 0, 0, 0}, /* four that are no messages */
+    {66590, 4, 0, 0, 0},
+    {66591, 4, 0, 0, 0},
+    {66592, 4, 0, 0, 0},
+    {KS_OP_FW_VERSION_STATUS, 9, 0, 0, 0}, /* version and status, behind a length that nobody reads */
+    {KS_OP_COMPACT_FW_MEMORY, 4, 0, 0, 0},
+};
+
 /* Where the service listens unless KS_SOCKET says otherwise. */
 #define HOST_DEFAULT_SOCKET "/run/ks/ksd.sock"
 

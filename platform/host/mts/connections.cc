@@ -14,10 +14,19 @@
 
 namespace mts {
 
+// KnownPath keeps a path that was ever in use: connections point to theirs. A service that was once there and has
+// stopped is waited for no longer than it asked for itself.
+struct KnownPath {
+  host::SocketPath path;
+  std::atomic<uint32_t> receive_limit_ms;
+  KnownPath *before;
+};
+
 namespace {
 
 // A token is a slot's index below and the serial number of its exchange above, which starts at 1.
 constexpr uint32_t kIndexBits = 12;
+constexpr uint32_t kIndexMask = (UINT32_C(1) << kIndexBits) - 1;
 constexpr uint32_t kSerialLimit = UINT32_C(1) << (32 - kIndexBits);
 
 // The states of a slot.
@@ -41,12 +50,6 @@ struct Pool {
 
 constinit std::atomic<Pool *> current_pool{nullptr};
 
-// KnownPath keeps every path that was ever in use: connections point to theirs.
-struct KnownPath {
-  host::SocketPath path;
-  KnownPath *before;
-};
-
 constinit std::atomic<KnownPath *> current_path{nullptr};
 
 // Threads keep to a connection: the kernel then keeps the thread and its partner in the service on one processor. The
@@ -64,12 +67,7 @@ uint32_t serial_of(uint32_t word) {
 }
 
 void close_socket(Slot *slot) {
-  // A program may have closed all descriptors and opened others under the same numbers.
-  struct stat status;
-  if (slot->socket >= 0 && fstat(slot->socket, &status) == 0 && S_ISSOCK(status.st_mode) &&
-      status.st_ino == slot->inode) {
-    close(slot->socket);
-  }
+  if (owns_socket(slot)) close(slot->socket);
   slot->socket = -1;
 }
 
@@ -177,7 +175,7 @@ Slot *take_empty(Pool *pool) {
 
 // Returns the slot that the token is of, whoever owns it, or null when this process has no such slot.
 Slot *slot_of(uint32_t token) {
-  const uint32_t index = token & ((UINT32_C(1) << kIndexBits) - 1);
+  const uint32_t index = token & kIndexMask;
   Slot *slot = preferred;
   if (slot != nullptr && slot->index == index && slot->generation == host::fork_generation()) return slot;
   const Pool *pool = own_pool();
@@ -207,7 +205,7 @@ void set_state(Slot *slot, uint32_t state) {
 void use_service_path() {
   auto *fresh = static_cast<KnownPath *>(malloc(sizeof(KnownPath)));
   if (fresh == nullptr) return;  // with the path of before, if there is one
-  new (fresh) KnownPath{};
+  new (fresh) KnownPath{.path = {}, .receive_limit_ms = host::kDefaultReceiveLimitMs, .before = nullptr};
   KnownPath *known = current_path.load(std::memory_order_acquire);
   do {
     if (known != nullptr && strcmp(known->path.text, fresh->path.text) == 0) {
@@ -227,26 +225,35 @@ Slot *take() {
 
 bool open(Slot *slot) {
   close_socket(slot);
-  const KnownPath *path = current_path.load(std::memory_order_acquire);
+  KnownPath *path = current_path.load(std::memory_order_acquire);
   if (slot->buffer == nullptr) slot->buffer = make_buffer();
   if (path == nullptr || slot->buffer == nullptr) {
     errno = ENOMEM;
     return false;
   }
   HostHelloReply hello;
-  const int socket = host::connect_to_service(path->path.text, &hello);
+  const int socket =
+      host::connect_to_service(path->path.text, path->receive_limit_ms.load(std::memory_order_relaxed), &hello);
   if (socket < 0) return false;
   struct stat status = {};
   fstat(socket, &status);
   slot->socket = socket;
+  slot->device = status.st_dev;
   slot->inode = status.st_ino;
-  slot->path = path->path.text;
+  slot->path = path;
   slot->receive_limit_ms = hello.receive_limit_ms;
+  path->receive_limit_ms.store(hello.receive_limit_ms, std::memory_order_relaxed);
   return true;
 }
 
+bool owns_socket(const Slot *slot) {
+  struct stat status;
+  return slot->socket >= 0 && fstat(slot->socket, &status) == 0 && status.st_dev == slot->device &&
+         status.st_ino == slot->inode;
+}
+
 bool is_usable(const Slot *slot) {
-  return slot->socket >= 0 && slot->path == current_path.load(std::memory_order_acquire)->path.text;
+  return slot->path == current_path.load(std::memory_order_acquire) && owns_socket(slot);
 }
 
 uint32_t next_token(Slot *slot) {
@@ -254,6 +261,11 @@ uint32_t next_token(Slot *slot) {
   if (serial == kSerialLimit) serial = 1;
   slot->word.store(serial << kStateBits | kOwned, std::memory_order_relaxed);
   return serial << kIndexBits | slot->index;
+}
+
+bool is_earlier(uint32_t token, uint32_t current) {
+  const uint32_t age = (current - token) >> kIndexBits;  // in exchanges, modulo their number
+  return (token & kIndexMask) == (current & kIndexMask) && age > 0 && age < kSerialLimit / 2;
 }
 
 void await_reply(Slot *slot) {

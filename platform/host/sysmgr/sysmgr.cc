@@ -52,7 +52,7 @@ const Known *known() {
   const int caller_errno = errno;
   const host::SocketPath path;
   HostHelloReply hello;
-  const int socket = host::connect_to_service(path.text, &hello);
+  const int socket = host::connect_to_service(path.text, host::kDefaultReceiveLimitMs, &hello);
   if (socket >= 0) close(socket);
   errno = caller_errno;
   if (socket < 0 || hello.vdc_id == HOST_NO_VDC) return nullptr;
