@@ -121,13 +121,16 @@ KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
 /* The gates of a process that has no state page: subtype 100 recorded, debug off. */
 #define HOST_DEFAULT_RECORDED_SUBTYPE 100
 
-/* Each process keeps its newest reports in "<folder of the socket>/history/<pid>-<start>.ring", `start` being the
- * process's start time in clock ticks since boot (field 22 of /proc/PID/stat). The service makes the folder, mode 1777.
+/* Each process keeps its newest reports in a ring, a file of its user's own: "history/NN.ring" in the socket's folder
+ * where that is the user's too, else "ks/NN.ring" in $XDG_RUNTIME_DIR or /run/user/UID. NN is 00 to 63. A process takes
+ * the number after the one that the file "next" names, and passes over those whose processes live: they hold a lock
+ * (flock) on theirs for as long as they map it. So a user has 64 rings at most, and the oldest dead ones go first.
  *
  * A record takes one or more slots. A writer reserves slots by adding to `next`, marks each as being written, fills
  * them and publishes the sequence numbers, that of the first slot last. A reader takes only slots whose sequence is the
  * one it expects, before and after its copy. A writer that finds a slot in use by another leaves its record out. */
 #define HOST_RING_MAGIC UINT32_C(0x3172736b) /* "ksr1" */
+#define HOST_RING_COUNT 64                   /* of a user */
 #define HOST_RING_SLOTS 1024
 #define HOST_RING_SLOT_DATA 104
 
@@ -147,8 +150,9 @@ typedef struct {
   uint32_t version; /* 1 */
   uint32_t slot_count;
   uint32_t pid;
-  uint64_t next; /* position of the next slot to be written, ever growing */
-  uint8_t reserved[40];
+  uint64_t next;  /* position of the next slot to be written, ever growing */
+  uint64_t start; /* when the process started, in clock ticks since boot: field 22 of /proc/PID/stat */
+  uint8_t reserved[32];
   char program[64]; /* the process's name, NUL-terminated */
   HostRingSlot slots[HOST_RING_SLOTS];
 } HostRing;
