@@ -26,6 +26,15 @@ constexpr unsigned kReaderSlots = 1022;
 constexpr long kOpenDeadlineMs = 250;
 constexpr long kCommitDeadlineMs = 2000;
 
+// GatePage is the first page of the gate's file, which all processes map. `changes` is odd while a commit is made, and
+// another number after it: what was read under an even one holds for as long as it stays. (A writer that dies leaves it
+// odd until the next commit.)
+struct GatePage {
+  uint8_t locks[64];  // bytes that are locked, never written
+  uint32_t changes;
+};
+constexpr size_t kGatePageSize = 4096;
+
 // Database is one open environment. It stays for the life of the process.
 //
 // LMDB's own locks have no limit of time, so each is taken behind a gate: its lock of the reader table (when a thread
@@ -43,6 +52,10 @@ struct Database {
   Gate commit_gate;
   dev_t file_device;
   ino_t file_inode;
+  const uint8_t *map;  // of the file, for reading; LMDB's own isn't told
+  GatePage *gate_page;
+  int gate_fd;
+  ino_t gate_inode;
 };
 
 // open_database opens the database at the URI, or finds it open.

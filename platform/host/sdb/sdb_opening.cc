@@ -1,6 +1,8 @@
 #include "sdb_opening.h"
 
+#include <fcntl.h>
 #include <lmdb.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,7 +34,7 @@ constexpr long kCommitByte = 2;
 
 void on_broken_assumption(MDB_env *, const char *) {
   Thread *thread = this_thread();
-  if (thread != nullptr && thread->escape_set) __builtin_longjmp(thread->escape, 1);
+  if (thread != nullptr && thread->escape_set) longjmp(thread->escape, 1);
 }
 
 // Opening is one attempt to open a database; it owns what it has opened until that is handed over.
@@ -43,6 +45,8 @@ class Opening {
 
   ~Opening() {
     if (environment_ != nullptr) mdb_env_close(environment_);
+    if (map_ != MAP_FAILED) munmap(map_, kMapSize);
+    if (gate_page_ != MAP_FAILED) munmap(gate_page_, kGatePageSize);
     if (in_gate_) database_->table_gate.leave();
     if (data_fd_ >= 0) close(data_fd_);
     if (gate_fd_ >= 0) close(gate_fd_);
@@ -62,6 +66,7 @@ class Opening {
     if (const uint32_t code = open_files(); code != kOk) return code;
     if (const uint32_t code = open_environment(); code != kOk) return code;
     if (const uint32_t code = extend_file(); code != kOk) return code;
+    if (const uint32_t code = map_files(); code != kOk) return code;
     if (const uint32_t code = check_same_file(); code != kOk) return code;
     return take_seat();
   }
@@ -71,6 +76,7 @@ class Opening {
     database_->table_gate.leave();
     in_gate_ = false;
     environment_ = nullptr;
+    map_ = gate_page_ = MAP_FAILED;
     gate_fd_ = -1;
     Database *opened = database_;
     database_ = nullptr;
@@ -158,6 +164,26 @@ class Opening {
     return fail_with(thread_, errno == ENOSPC ? kFull : kSystem, "%s: %s", data_path_, strerrordesc_np(errno));
   }
 
+  // Mapped once for all: a database stays open for the life of the process. The gate's page is allocated now, since
+  // storing into a mapped file whose file system is full would end the program.
+  uint32_t map_files() {
+    if (const int error = posix_fallocate(gate_fd_, 0, kGatePageSize); error != 0) {
+      return fail_with(thread_, error == ENOSPC ? kFull : kSystem, "%s: %s", gate_name_, strerrordesc_np(error));
+    }
+    map_ = mmap(nullptr, kMapSize, PROT_READ, MAP_SHARED, data_fd_, 0);
+    gate_page_ = mmap(nullptr, kGatePageSize, PROT_READ | PROT_WRITE, MAP_SHARED, gate_fd_, 0);
+    if (map_ == MAP_FAILED || gate_page_ == MAP_FAILED) {
+      return fail_with(thread_, errno == ENOMEM ? kNoMemory : kSystem, "%s: %s", data_path_, strerrordesc_np(errno));
+    }
+    database_->map = static_cast<const uint8_t *>(map_);
+    database_->gate_page = static_cast<GatePage *>(gate_page_);
+    database_->gate_fd = gate_fd_;
+    struct stat status;
+    if (fstat(gate_fd_, &status) != 0) return kSystem;
+    database_->gate_inode = status.st_ino;
+    return kOk;
+  }
+
   // The folder might have been exchanged since it was examined, but LMDB takes a path only.
   uint32_t check_same_file() {
     database_->environment = environment_;
@@ -206,6 +232,8 @@ class Opening {
   Folder folder_{-1, false, {}};
   Database *database_ = nullptr;
   MDB_env *environment_ = nullptr;
+  void *map_ = MAP_FAILED;
+  void *gate_page_ = MAP_FAILED;
   int gate_fd_ = -1;
   int data_fd_ = -1;
   bool in_gate_ = false;

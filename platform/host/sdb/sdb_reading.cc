@@ -31,9 +31,19 @@ uint32_t begin_first_read(Thread *thread, Seat *seat) {
   return result == 0 ? kOk : fail_with_lmdb(thread, "cannot begin to read", result);
 }
 
+// Whether the file is shorter than it was made. One that this process closed can't be asked any more: then no.
+bool is_truncated(int fd, dev_t device, ino_t inode, size_t size) {
+  struct stat status;
+  return fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode &&
+         status.st_size < static_cast<off_t>(size);
+}
+
 }  // namespace
 
 uint32_t begin_read(Thread *thread, Seat *seat) {
+  // What isn't there any more must not be touched, LMDB's heads included.
+  if (const uint32_t code = check_file_whole(thread, *seat->database); code != kOk) return code;
+  seat->changes_seen = changes_now(*seat->database);
   if (seat->reader == nullptr) return begin_first_read(thread, seat);
   const int result = mdb_txn_renew(seat->reader);
   if (result == 0) return kOk;
@@ -55,7 +65,15 @@ uint32_t check_file_in_place(Thread *thread, const Database &database) {
     return fail_with(thread, kUnsafe, "%s: its file was deleted or closed under the process; start it anew",
                      database.uri);
   }
-  if (status.st_size >= static_cast<off_t>(kMapSize)) return kOk;
+  return check_file_whole(thread, database);
+}
+
+uint32_t check_file_whole(Thread *thread, const Database &database) {
+  int fd = -1;
+  const bool truncated = mdb_env_get_fd(database.environment, &fd) == 0 &&
+                         (is_truncated(fd, database.file_device, database.file_inode, kMapSize) ||
+                          is_truncated(database.gate_fd, database.file_device, database.gate_inode, kGatePageSize));
+  if (!truncated) return kOk;
   return fail_with(thread, kDamaged, "%s: its file was truncated; delete it and start its users anew", database.uri);
 }
 

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "host_fork.h"
 
@@ -27,6 +28,7 @@ void drop_seats(Thread *thread) {
     // An inherited transaction is left alone: ending it would free the parent's slot.
     if (own && seat->reader != nullptr) mdb_txn_abort(seat->reader);
     seat->changes.drop_all();
+    explicit_bzero(seat->copies, sizeof seat->copies);
     free(seat);
   }
 }

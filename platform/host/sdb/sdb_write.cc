@@ -102,7 +102,6 @@ uint32_t write_once(Thread *thread, Database &database, const Changes &changes, 
 }
 
 uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
-  if (const uint32_t code = check_file_in_place(thread, database); code != kOk) return code;
   const uint32_t code = write_once(thread, database, changes, deadline);
   if (code != kFull) return code;
   // Readers that died in the middle of a read hold pages up.
@@ -113,6 +112,17 @@ uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &ch
   return dead == 0 ? code : write_once(thread, database, changes, deadline);
 }
 
+// From here on nobody takes a copy for what the file holds. Only who is inside the commit gate writes the number.
+void begin_change(const Database &database) {
+  uint32_t *changes = &database.gate_page->changes;
+  __atomic_store_n(changes, __atomic_load_n(changes, __ATOMIC_RELAXED) | 1, __ATOMIC_SEQ_CST);
+}
+
+void end_change(const Database &database) {
+  uint32_t *changes = &database.gate_page->changes;
+  __atomic_store_n(changes, __atomic_load_n(changes, __ATOMIC_RELAXED) + 1, __ATOMIC_SEQ_CST);
+}
+
 uint32_t commit(Thread *thread, Seat *seat) {
   if (seat->changes.first == nullptr) return kOk;
   const NoCancellation no_cancellation;
@@ -120,7 +130,12 @@ uint32_t commit(Thread *thread, Seat *seat) {
   const Deadline deadline = Deadline::in_ms(kCommitDeadlineMs);
   const GateResult entered = database.commit_gate.enter(deadline);
   if (entered != GateResult::kEntered) return busy(thread, entered, database);
-  const uint32_t code = write_inside_gate(thread, database, seat->changes, deadline);
+  uint32_t code = check_file_in_place(thread, database);
+  if (code == kOk) {
+    begin_change(database);
+    code = write_inside_gate(thread, database, seat->changes, deadline);
+    end_change(database);
+  }
   database.commit_gate.leave();
   return code;
 }
