@@ -135,7 +135,6 @@ class Daemon {
     // The page comes before the socket: clients look at it once they are greeted.
     state_page_.emplace(socket_path_);
     state_page_->publish(config);
-    make_history_folder(socket_path_);
     // Before anybody can connect: a service that can't open its vault is no service.
     open_service(config);
     if (socket_is_ours_) listener_ = listen_at(socket_path_, config);

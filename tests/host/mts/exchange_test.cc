@@ -56,7 +56,7 @@ TEST_F(Mts, SendsHeaderDescriptorAndSectionsWithoutGaps) {
   std::fill(seen.begin() + 12, seen.begin() + 16, uint8_t{0xaa});
   EXPECT_THAT(seen, ElementsAre(0x6b, 0x77, 0x73, 0x31,              // magic
                                 0x01, 0x00, 0x06, 0x00,              // version, descriptor size
-                                0x01, 0x04, 0x01, 0x00,              // opcode 66561
+                                0x02, 0x04, 0x01, 0x00,              // opcode 66562
                                 0xaa, 0xaa, 0xaa, 0xaa,              // token
                                 0x00, 0x00, 0x00, 0xfe,              // node
                                 0x0b, 0x00, 0x00, 0x00,              // service access point
