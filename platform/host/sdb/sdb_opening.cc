@@ -37,6 +37,27 @@ void on_broken_assumption(MDB_env *, const char *) {
   if (thread != nullptr && thread->escape_set) longjmp(thread->escape, 1);
 }
 
+// Returns where this process has mapped the file, which LMDB doesn't tell, or null where the kernel doesn't either.
+const uint8_t *find_mapping(ino_t inode, const char *name) {
+  FILE *maps = fopen("/proc/self/maps", "re");
+  if (maps == nullptr) return nullptr;
+  const uint8_t *found = nullptr;
+  char line[PATH_MAX + 128];
+  while (found == nullptr && fgets(line, sizeof line, maps) != nullptr) {
+    unsigned long start = 0;
+    unsigned long end = 0;
+    unsigned long long offset = 0;
+    unsigned long long number = 0;
+    line[strcspn(line, "\n")] = '\0';
+    if (sscanf(line, "%lx-%lx %*s %llx %*s %llu", &start, &end, &offset, &number) != 4) continue;
+    const char *slash = strrchr(line, '/');
+    const bool same = offset == 0 && number == inode && end - start >= kMapSize;
+    if (same && slash != nullptr && strcmp(slash + 1, name) == 0) found = reinterpret_cast<const uint8_t *>(start);
+  }
+  fclose(maps);
+  return found;
+}
+
 // Opening is one attempt to open a database; it owns what it has opened until that is handed over.
 class Opening {
  public:
@@ -170,12 +191,15 @@ class Opening {
     if (const int error = posix_fallocate(gate_fd_, 0, kGatePageSize); error != 0) {
       return fail_with(thread_, error == ENOSPC ? kFull : kSystem, "%s: %s", gate_name_, strerrordesc_np(error));
     }
-    map_ = mmap(nullptr, kMapSize, PROT_READ, MAP_SHARED, data_fd_, 0);
+    // A process of 32 bits has no room for the file twice.
+    const bool narrow = sizeof(void *) < 8;
+    const uint8_t *lmdbs_map = narrow ? find_mapping(database_->file_inode, data_name_) : nullptr;
+    if (lmdbs_map == nullptr) map_ = mmap(nullptr, kMapSize, PROT_READ, MAP_SHARED, data_fd_, 0);
     gate_page_ = mmap(nullptr, kGatePageSize, PROT_READ | PROT_WRITE, MAP_SHARED, gate_fd_, 0);
-    if (map_ == MAP_FAILED || gate_page_ == MAP_FAILED) {
+    if ((lmdbs_map == nullptr && map_ == MAP_FAILED) || gate_page_ == MAP_FAILED) {
       return fail_with(thread_, errno == ENOMEM ? kNoMemory : kSystem, "%s: %s", data_path_, strerrordesc_np(errno));
     }
-    database_->map = static_cast<const uint8_t *>(map_);
+    database_->map = lmdbs_map != nullptr ? lmdbs_map : static_cast<const uint8_t *>(map_);
     database_->gate_page = static_cast<GatePage *>(gate_page_);
     database_->gate_fd = gate_fd_;
     struct stat status;
