@@ -194,6 +194,16 @@ seeds("reply", {
     "no_header": reply("md5", 1, answer(data(b"5" * 16), HEADERLESS)),
     "empty_datagram": reply("md5", 1, answer(b"", HEADERLESS)),
     "hang_up": reply("md5", 1, answer(b"", HANG_UP)),
+    # What the library would believe, and the host platform doesn't hand on.
+    "random_more_than_asked_for": reply("random", 5, answer(data(b"r" * 6))),
+    "random_longer_than_its_reply": reply("random", 255, answer(data(b"abc", 255))),
+    "metadata_longer_than_its_reply": reply("return_metadata", 0, answer(data(b"meta", 65535))),
+    "opaque_longer_than_its_reply": reply("pac_opaque", 0, answer(data(GOOD_METADATA, 400))),
+    "name_longer_than_its_reply": reply("secret_by_index", 0, answer(data(A_NAME, 300))),
+    "aid_longer_than_its_reply": reply("aid_by_index", 0, answer(data(AN_AID, 300))),
+    "new_password_block_of_517_bytes": reply("new_password", 8, answer(data(b"p" * 517))),
+    "success_without_length": reply("return_metadata", 0, answer(result(SUCCESS))),
+    "digest_longer_than_its_reply": reply("md5", 1, answer(data(b"5" * 15, 16))),
     "reply_of_three_bytes": reply("md5", 1, answer(b"\x01\0\0")),
 })
 
