@@ -310,6 +310,19 @@ void read_all(const toml::table &table, Config &config, std::vector<ConfigProble
   top.refuse_unknown_keys();
 }
 
+// in_one_line shows control characters, which a problem may quote from the file, as hexadecimal.
+std::string in_one_line(std::string_view text) {
+  std::string line;
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+      line += fmt::format("\\x{:02x}", c);
+    } else {
+      line += c;
+    }
+  }
+  return line;
+}
+
 std::optional<std::string> read_file(int fd) {
   std::string text;
   std::array<char, 4096> part;
@@ -365,6 +378,7 @@ ParsedConfig parse_config(std::string_view text) {
     const toml::source_position at = error.source().begin;
     parsed.problems.push_back({at.line, at.column, std::string(error.description())});
   }
+  for (ConfigProblem &problem : parsed.problems) problem.text = in_one_line(problem.text);
   std::stable_sort(parsed.problems.begin(), parsed.problems.end(), [](const auto &a, const auto &b) {
     return std::pair(a.line, a.column) < std::pair(b.line, b.column);
   });
