@@ -1,7 +1,12 @@
 #include "base/log.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/base_sink.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdlib>
@@ -38,14 +43,61 @@ class JournalPriority : public spdlog::custom_flag_formatter {
   std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<JournalPriority>(); }
 };
 
+// StandardError writes each line with one call, and never waits: a reader that has stopped, or a terminal that was
+// halted, must not stop the service. Lines that find no room are counted, and the next that finds some says how many.
+class StandardError : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  StandardError() {
+    struct stat status {};
+    if (fstat(STDERR_FILENO, &status) < 0) return;
+    is_socket_ = S_ISSOCK(status.st_mode);
+    // A pipe is opened anew, for a mode of its own: the one that was passed is shared with other processes. Where that
+    // isn't allowed, the question for room has to do.
+    if (S_ISFIFO(status.st_mode)) own_pipe_ = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  }
+  ~StandardError() override {
+    if (own_pipe_ >= 0) close(own_pipe_);
+  }
+  StandardError(const StandardError &) = delete;
+  StandardError &operator=(const StandardError &) = delete;
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg &message) override {
+    if (dropped_ != 0) {
+      const std::string text = fmt::format("{} lines were lost: nobody read the log", dropped_);
+      if (put(spdlog::details::log_msg(message.logger_name, spdlog::level::warn, text))) dropped_ = 0;
+    }
+    if (dropped_ != 0 || !put(message)) ++dropped_;
+  }
+  void flush_() override {}
+
+ private:
+  bool put(const spdlog::details::log_msg &message) {
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    return write_now(line.data(), line.size()) == static_cast<ssize_t>(line.size());
+  }
+
+  ssize_t write_now(const char *line, size_t size) const {
+    if (is_socket_) return send(STDERR_FILENO, line, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (own_pipe_ >= 0) return write(own_pipe_, line, size);
+    pollfd room{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    if (poll(&room, 1, 0) <= 0 || (room.revents & POLLOUT) == 0) return -1;
+    return write(STDERR_FILENO, line, size);
+  }
+
+  bool is_socket_ = false;
+  int own_pipe_ = -1;
+  uint64_t dropped_ = 0;
+};
+
 constexpr std::chrono::minutes kOneLinePer{1};
 constexpr size_t kMostStates = 4096;  // then all are forgotten, which costs some lines too many
 
 }  // namespace
 
 void start_logging(LogFormat format, const std::string &level) {
-  // With a mutex, unlike with the journal's own datagrams: a line is never torn.
-  auto logger = std::make_shared<spdlog::logger>("ksd", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+  auto logger = std::make_shared<spdlog::logger>("ksd", std::make_shared<StandardError>());
   if (format == LogFormat::kAuto && std::getenv("JOURNAL_STREAM") != nullptr) format = LogFormat::kJournal;
   auto formatter = std::make_unique<spdlog::pattern_formatter>();
   if (format == LogFormat::kJournal) {

@@ -1,12 +1,14 @@
 #include "base/secret_bytes.h"
 
 #include <sodium.h>
+#include <spdlog/spdlog.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <cstring>
 #include <list>
 #include <mutex>
@@ -86,6 +88,7 @@ class GuardedHeap {
     madvise(first, usable, MADV_DONTDUMP);
     madvise(first, usable, MADV_WIPEONFORK);
     const bool locked = mlock(first, usable) == 0;
+    const int lock_error = errno;
     try {
       slots.with_room.push_front({.mapping = static_cast<uint8_t *>(mapping),
                                   .slots = first,
@@ -102,6 +105,10 @@ class GuardedHeap {
     chunk.self = slots.with_room.begin();
     for (size_t i = 0; i < slot_count; ++i) chunk.free_slots[i] = static_cast<uint16_t>(slot_count - 1 - i);
     use_.mapped_bytes += mapping_size;
+    if (use_.all_locked && !locked) {
+      spdlog::warn("secrets in memory can't all be locked against swapping: {}; raise LimitMEMLOCK",
+                   std::strerror(lock_error));
+    }
     use_.all_locked = use_.all_locked && locked;
   }
 

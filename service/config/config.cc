@@ -17,6 +17,7 @@
 
 #include "base/fd.h"
 #include "base/log.h"
+#include "base/trust.h"
 
 namespace ksd::config {
 namespace {
@@ -54,6 +55,16 @@ class Reader {
       out = *value;
     } else {
       problem(*node, fmt::format("{} takes a text in quotes", name(key)));
+    }
+  }
+
+  void flag(std::string_view key, bool &out) {
+    const toml::node *node = take(key);
+    if (node == nullptr) return;
+    if (const auto value = node->value_exact<bool>()) {
+      out = *value;
+    } else {
+      problem(*node, fmt::format("{} takes true or false", name(key)));
     }
   }
 
@@ -198,7 +209,9 @@ void read_service(Reader &reader, Config &config) {
   reader.number("receive_limit_ms", kLeastWait, kMostWait, config.receive_limit_ms);
   reader.number("send_limit_ms", kLeastWait, kMostWait, config.send_limit_ms);
   reader.number("silence_limit_ms", kLeastWait, kMostWait, config.silence_limit_ms);
+  reader.number("stop_limit_ms", kLeastWait, kMostWait, config.stop_limit_ms);
   reader.number("supstate", 0, UINT32_MAX, config.supstate);
+  reader.flag("allow_nobody", config.allow_nobody);
 }
 
 void read_limits(Reader &reader, Limits &limits) {
@@ -225,6 +238,20 @@ void read_gate(Reader &reader, std::string_view key, std::bitset<256> &gate) {
   });
 }
 
+// The kernel names everybody whom a container keeps from being named by this one number, so whatever it is allowed is
+// allowed to users of any container.
+constexpr uid_t kNobody = 65534;
+
+// may_stand_for tells whether `id` is somebody, and says otherwise what is wrong with it.
+bool may_stand_for(Reader &reader, const Config &config, const toml::node &node, uid_t id) {
+  if (id != kNobody || config.allow_nobody) return true;
+  reader.problem(node,
+                 fmt::format("{} is what the kernel calls everybody without an id of this machine; name somebody, "
+                             "or set service.allow_nobody = true",
+                             id));
+  return false;
+}
+
 // read_vdc takes one [[vdc]]: an id, and the users and groups that it is for.
 void read_vdc(Reader &reader, Config &config, std::set<uint16_t> &seen) {
   const toml::node *id_node = reader.take("id");
@@ -235,12 +262,13 @@ void read_vdc(Reader &reader, Config &config, std::set<uint16_t> &seen) {
     reader.problem(*id_node, fmt::format("VDC {} has a [[vdc]] already; put all its users there", id));
   }
   reader.ids("users", "user", user_id, [&](const toml::node &node, uid_t uid) {
-    if (!config.vdc_of_user.emplace(uid, id).second) {
+    if (may_stand_for(reader, config, node, uid) && !config.vdc_of_user.emplace(uid, id).second) {
       reader.problem(node, fmt::format("user {} belongs to VDC {} already", uid, config.vdc_of_user.at(uid)));
     }
   });
-  reader.ids("groups", "group", group_id,
-             [&](const toml::node &, gid_t gid) { config.vdc_of_group.emplace_back(gid, id); });
+  reader.ids("groups", "group", group_id, [&](const toml::node &node, gid_t gid) {
+    if (may_stand_for(reader, config, node, gid)) config.vdc_of_group.emplace_back(gid, id);
+  });
   reader.refuse_unknown_keys();
 }
 
@@ -255,9 +283,12 @@ void read_vdcs(Reader &reader, Config &config, std::vector<ConfigProblem> &probl
 }
 
 void read_administrators(Reader &reader, Config &config) {
-  reader.ids("users", "user", user_id, [&](const toml::node &, uid_t uid) { config.administrator_users.insert(uid); });
-  reader.ids("groups", "group", group_id,
-             [&](const toml::node &, gid_t gid) { config.administrator_groups.insert(gid); });
+  reader.ids("users", "user", user_id, [&](const toml::node &node, uid_t uid) {
+    if (may_stand_for(reader, config, node, uid)) config.administrator_users.insert(uid);
+  });
+  reader.ids("groups", "group", group_id, [&](const toml::node &node, gid_t gid) {
+    if (may_stand_for(reader, config, node, gid)) config.administrator_groups.insert(gid);
+  });
 }
 
 void read_all(const toml::table &table, Config &config, std::vector<ConfigProblem> &problems) {
@@ -345,7 +376,7 @@ ParsedConfig load_config(const std::string &path) {
   struct stat status {};
   if (!fd || fstat(fd.get(), &status) < 0) return file_problem(std::strerror(errno));
   // Whoever writes this file decides who may use which keys.
-  if ((status.st_mode & S_IWOTH) != 0) return file_problem("everybody may write this file; run chmod o-w on it");
+  if (auto why = why_others_may_replace(path)) return file_problem("isn't safe: " + std::move(*why));
   const std::optional<std::string> text = read_file(fd.get());
   if (!text) return file_problem(std::strerror(errno));
   return parse_config(*text);

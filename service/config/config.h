@@ -54,7 +54,9 @@ struct Config {
   uint32_t receive_limit_ms = 30000;  // how long clients wait for a reply
   uint32_t send_limit_ms = 5000;      // how long a client may leave a reply unread
   uint32_t silence_limit_ms = 10000;  // how long a new connection may say nothing
+  uint32_t stop_limit_ms = 5000;      // how long connections have to take their replies when the service ends
   uint32_t supstate = 0;
+  bool allow_nobody = false;  // whether 65534, as which users of containers show, may be mapped to a VDC
   Limits limits;
   Gates gates;
   std::map<uid_t, uint16_t> vdc_of_user;

@@ -11,11 +11,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
+#include "base/trust.h"
 #include "crypto/crypto.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/instance_lock.h"
 #include "server/listener.h"
 #include "server/notify.h"
 #include "server/server.h"
@@ -125,7 +128,11 @@ class Daemon {
       socket_path_ = config.socket;
       make_socket_folder(socket_path_);
     }
-    // The page comes first: it tells whether another service runs here, and clients look at it once they are greeted.
+    if (const auto why = why_others_may_write(folder_of_socket())) {
+      throw std::runtime_error(fmt::format("the folder of the socket isn't safe: {}", *why));
+    }
+    instance_lock_.emplace(socket_path_);
+    // The page comes before the socket: clients look at it once they are greeted.
     state_page_.emplace(socket_path_);
     state_page_->publish(config);
     make_history_folder(socket_path_);
@@ -133,6 +140,8 @@ class Daemon {
     open_service(config);
     if (socket_is_ours_) listener_ = listen_at(socket_path_, config);
   }
+
+  std::string folder_of_socket() const { return std::filesystem::path(socket_path_).parent_path(); }
 
   void open_service(const config::Config &config) {
     const crypto::AlgorithmSet usable = crypto::start();
@@ -209,7 +218,8 @@ class Daemon {
   const UniqueFd signals_;
   CurrentConfig config_;
   std::optional<handlers::Service> service_;
-  vault::Vault *vault_ = nullptr;  // the service's store
+  vault::Vault *vault_ = nullptr;              // the service's store
+  std::optional<InstanceLock> instance_lock_;  // let go last: until then nobody else touches socket and page
   UniqueFd listener_;
   std::string socket_path_;
   bool socket_is_ours_ = true;

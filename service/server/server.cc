@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <chrono>
 #include <system_error>
 #include <thread>
 
@@ -26,7 +27,13 @@ void Server::finish() {
   finishing_ = true;
   // What has arrived is still read and answered; the clients' next sends fail without having been delivered.
   for (const int socket : sockets_) shutdown(socket, SHUT_RD);
-  ended_.wait(lock, [this] { return sockets_.empty(); });
+  const auto all_ended = [this] { return sockets_.empty(); };
+  if (ended_.wait_for(lock, std::chrono::milliseconds(current_config_.snapshot()->stop_limit_ms), all_ended)) return;
+  // A client that reads slowly, or not at all, could keep the service for as long as it likes. What it hasn't read by
+  // now it doesn't get; what it asked to be stored is stored.
+  spdlog::warn("{} connections didn't take their replies in time; closing them", sockets_.size());
+  for (const int socket : sockets_) shutdown(socket, SHUT_RDWR);
+  ended_.wait(lock, all_ended);
 }
 
 bool Server::take_place(uid_t uid, int socket) {

@@ -26,6 +26,7 @@ class Server {
   void admit(UniqueFd socket);
 
   // finish lets every connection answer what it has received, then ends it, and returns when the last has ended.
+  // Connections that aren't through within the configuration's stop_limit_ms are closed as they are.
   void finish();
 
  private:

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -27,9 +26,6 @@ UniqueFd open_page(const std::string &path) {
   if (fstat(file.get(), &status) < 0) fail(path, "can't look at the state page");
   if (!S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
     throw std::runtime_error(fmt::format("{}: isn't a file of this user; remove it", path));
-  }
-  if (flock(file.get(), LOCK_EX | LOCK_NB) < 0) {
-    throw std::runtime_error(fmt::format("{}: another keystore service runs on this socket", path));
   }
   if (fchmod(file.get(), 0644) < 0) fail(path, "can't let clients read the state page");
   if (status.st_size < static_cast<off_t>(sizeof(HostStatePage)) && ftruncate(file.get(), sizeof(HostStatePage)) < 0) {

@@ -96,9 +96,6 @@ std::unique_ptr<Vault> open_vault(const VaultOptions &options) {
   const Header header = open_header(options.path, identity, sealer);
   State state = load(database, sealer, header);
   check_writable(database, sealer, header);
-  if (!guarded_memory_use().all_locked) {
-    spdlog::warn("{}: secrets in memory can't all be locked against swapping; raise LimitMEMLOCK", options.path);
-  }
   spdlog::info("{}: {} entries", options.path, state.table.size());
   return std::make_unique<FileVault>(std::move(database), sealer, std::move(state), options.limits);
 }

@@ -1,9 +1,11 @@
 // ks-session from outside, by what it prints, leaves behind and ends with. Tests named DISABLED_ run inside a session.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -52,6 +54,15 @@ pid_t service_of(const std::string &folder) {
   pid_t pid = 0;
   std::ifstream(folder + "/ksd.pid") >> pid;
   return pid;
+}
+
+// Whether the process is there and not merely waiting for whoever inherited it to take its status.
+bool runs(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string number;
+  std::string name;
+  std::string state;
+  return stat >> number >> name >> state && state != "Z" && state != "X";
 }
 
 TEST(InsideSession, DISABLED_IsGreetedInVdc12) {
@@ -116,6 +127,35 @@ TEST(KsSession, TakesEverythingDownOnASignal) {
     ASSERT_GT(service, 0);
     EXPECT_EQ(kill(service, 0), -1);
   }
+}
+
+// A session that is killed can't tidy up itself.
+TEST(KsSession, LeavesNothingWhenItIsKilled) {
+  for (const bool stopped : {false, true}) {
+    pid_t service = 0;
+    std::string folder;
+    run_program({kProgram, "--", "sh", "-c", "echo $KS_SESSION_DIR; exec sleep 1000"},
+                [&](pid_t pid, const std::string &line) {
+                  folder = line;
+                  service = service_of(folder);
+                  if (stopped) kill(service, SIGSTOP);
+                  kill(pid, SIGKILL);
+                });
+    ASSERT_GT(service, 0);
+    // The remover is nobody's child here; the end of its watch shows in the folder, and comes soon or never.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::filesystem::exists(folder) && std::chrono::steady_clock::now() < deadline) sched_yield();
+    EXPECT_FALSE(std::filesystem::exists(folder));
+    EXPECT_FALSE(runs(service));
+  }
+}
+
+TEST(KsSession, KeepsItsFilesToItselfUnderAnyUmaskAndGivesItToTheCommand) {
+  const mode_t old = umask(0);
+  const ProgramRun run = session({"--", "sh", "-c", "umask; stat -c %a $KS_SESSION_DIR/ksd.toml"});
+  umask(old);
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output, "0000\n600\n");
 }
 
 TEST(KsSession, BringsAKilledServiceBackWithoutRefusingAnybody) {
