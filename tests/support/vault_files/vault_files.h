@@ -25,8 +25,11 @@ class Folder {
   const std::string &path() const { return path_; }
   std::string vault() const { return path_ + "/vault.db"; }
   std::string log() const { return path_ + "/vault.db-wal"; }
+  std::string witness() const { return path_ + "/vault.db-witness"; }
   std::string key() const { return path_ + "/master.key"; }
-  VaultOptions options() const { return {.path = vault(), .master_key_file = key(), .limits = {}}; }
+  VaultOptions options() const {
+    return {.path = vault(), .master_key_file = key(), .witness = {}, .accept_loss = false, .limits = {}};
+  }
   std::unique_ptr<Vault> open() const { return open_vault(options()); }
 
  private:
@@ -60,9 +63,11 @@ class Disk {
 
   // Writes or syncs fail with that errno from now on; 0 mends them.
   void fail_writes(int error);
+  void fail_later_writes(int count, int error);  // all but the next `count`
   void fail_syncs(int error);
-  void skip_syncs();  // for tests of many commits that pull no plug
-  void hold_syncs();  // syncs wait until let_syncs_go
+  void fail_later_syncs(int error);  // but not one that is held
+  void skip_syncs();                 // for tests of many commits that pull no plug
+  void hold_syncs();                 // syncs wait until let_syncs_go
   void let_syncs_go();
   void wait_for_held_sync();
 
