@@ -32,6 +32,7 @@ class FileVault final : public Vault, private Audience {
 
  private:
   void prepare(const Group &group) override;
+  void discard() noexcept override { prepared_.clear(); }
   void show(Group &group, const Header &header) noexcept override;
 
   const VaultLock lock_;

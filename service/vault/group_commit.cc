@@ -111,6 +111,7 @@ std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> chang
   const Header header = group.finished_header(sealer_);
   audience_.prepare(group);
   if (const std::optional<WriteFailure> failed = writer_.write(group.changes(), header, state_.header)) {
+    audience_.discard();
     log_failure(*failed);
     return failed->code;
   }
@@ -119,6 +120,7 @@ std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> chang
   look_around(limits);
   return std::nullopt;
 } catch (const std::bad_alloc &) {
+  audience_.discard();
   return KS_NO_MEMORY;  // thrown before anything was committed
 }
 

@@ -25,6 +25,9 @@ class Audience {
   // prepare gets what show needs, before anything of the group is on disk. Throws std::bad_alloc.
   virtual void prepare(const Group &group) = 0;
 
+  // discard gives back what prepare got for a group that came to nothing: it holds secrets.
+  virtual void discard() noexcept = 0;
+
   // show makes readers see a group that is on disk now, with the header that went with it.
   virtual void show(Group &group, const Header &header) noexcept = 0;
 

@@ -118,6 +118,13 @@ TEST_F(FailingDisk, GivesGenerationsOfFailedChangesToNobodyElse) {
   EXPECT_GT(vault->find(secret_name("c"))->generation, second);
 }
 
+TEST_F(FailingDisk, KeepsNoSecretOfAChangeThatFailed) {
+  const size_t before = guarded_memory_use().used_slots;
+  disk.fail_writes(ENOSPC);
+  EXPECT_EQ(put(*vault, "b", "secret b"), KS_STORE_FULL);
+  EXPECT_EQ(guarded_memory_use().used_slots, before);
+}
+
 TEST_F(FailingDisk, FailsAlsoToCompactAndGoesOn) {
   for (int i = 0; i < 20; ++i) put(*vault, std::to_string(i), std::string(20000, 'x'));
   for (int i = 0; i < 20; ++i) vault->remove(secret_name(std::to_string(i)));
