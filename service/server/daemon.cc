@@ -144,8 +144,11 @@ class Daemon {
 
   void open_service(const config::Config &config) {
     const crypto::AlgorithmSet usable = crypto::start();
-    std::unique_ptr<vault::Vault> opened =
-        vault::open_vault({config.vault, config.master_key_file, vault_limits(config.limits)});
+    std::unique_ptr<vault::Vault> opened = vault::open_vault({.path = config.vault,
+                                                              .master_key_file = config.master_key_file,
+                                                              .witness = {},
+                                                              .accept_loss = options_.accept_loss,
+                                                              .limits = vault_limits(config.limits)});
     vault_ = opened.get();
     service_.emplace(std::move(opened), usable);
   }

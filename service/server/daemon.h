@@ -17,6 +17,7 @@ struct Options {
   std::string master_key_file;
   std::string log_level;
   LogFormat log_format = LogFormat::kAuto;
+  bool accept_loss = false;  // of what the vault lacks at this start
 };
 
 // load reads the configuration and puts the command line over it.

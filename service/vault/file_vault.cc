@@ -42,10 +42,8 @@ KsResult decide_rename(Group &group, const EntryName &from, const EntryName &to)
 
 }  // namespace
 
-FileVault::FileVault(Database database, const Sealer &sealer, State state, const Limits &limits)
-    : state_(std::move(state)),
-      commits_(std::move(database), sealer, state_, limits,
-               [this](const Group &group, const Header &header) { show(group, header); }) {}
+FileVault::FileVault(VaultLock lock, Writer writer, State state, const Limits &limits)
+    : lock_(std::move(lock)), state_(std::move(state)), commits_(std::move(writer), state_, limits, *this) {}
 
 std::optional<Entry> FileVault::find(const EntryName &name) const {
   RowPtr row;
@@ -121,13 +119,17 @@ Store::Usage FileVault::usage() const {
   return usage;
 }
 
-// show lets readers see what is on disk now.
-void FileVault::show(const Group &group, const Header &header) noexcept {
+void FileVault::prepare(const Group &group) {
+  const std::unique_lock lock(state_lock_);
+  prepared_ = state_.table.prepare(group.changes());
+}
+
+void FileVault::show(Group &group, const Header &header) noexcept {
   {
     const std::unique_lock lock(state_lock_);
     begin_epoch();
-    state_.table.apply(group.changes());
-    state_.ledger = group.ledger();
+    state_.table.apply(group.changes(), std::move(prepared_));
+    state_.ledger = group.take_ledger();
   }
   state_.header = header;
   if (!retired_) return;

@@ -7,13 +7,14 @@
 #include "vault/group_commit.h"
 #include "vault/read_mostly_lock.h"
 #include "vault/vault.h"
+#include "vault/vault_lock.h"
 
 namespace ksd::vault {
 
-class FileVault final : public Vault {
+class FileVault final : public Vault, private Audience {
  public:
-  // `state` is what `database` holds.
-  FileVault(Database database, const Sealer &sealer, State state, const Limits &limits);
+  // `state` is what `writer` writes to.
+  FileVault(VaultLock lock, Writer writer, State state, const Limits &limits);
 
   std::optional<Entry> find(const EntryName &name) const override;
   bool exists(const EntryName &name) const override;
@@ -30,11 +31,16 @@ class FileVault final : public Vault {
   void use_limits(const Limits &limits) override { commits_.use_limits(limits); }
 
  private:
-  void show(const Group &group, const Header &header) noexcept;
+  void prepare(const Group &group) override;
+  void discard() noexcept override { prepared_.clear(); }
+  void show(Group &group, const Header &header) noexcept override;
+
+  const VaultLock lock_;
 
   // Written under the lock, by the thread of writes.
   mutable ReadMostlyLock state_lock_;
   State state_;
+  Table::Prepared prepared_;
   std::function<void(uint64_t)> retired_;
 
   GroupCommit commits_;  // last: its thread uses the others

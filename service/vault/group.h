@@ -3,6 +3,7 @@
 #define SERVICE_VAULT_GROUP_H
 
 #include <cstdint>
+#include <utility>
 
 #include "ks_types.h"
 #include "vault/limits.h"
@@ -22,13 +23,16 @@ class Group {
   // store puts `after` in the place of `before`, null for a new entry. KS_STORE_FULL: limits forbid it.
   KsResult store(const RowPtr &before, EntryRow after);
 
-  void remove(const RowPtr &before) { replace(before, nullptr); }
+  void remove(const RowPtr &before) {
+    next_version();
+    replace(before, nullptr);
+  }
 
   const RowChanges &changes() const { return draft_.changes(); }
 
   // finished_header is the header that goes with the changes.
   Header finished_header(const Sealer &sealer) const;
-  const Ledger &ledger() const { return ledger_; }
+  Ledger take_ledger() noexcept { return std::move(ledger_); }
 
  private:
   // Versions are never used again, not even those of changes that failed: they are generations too.

@@ -13,24 +13,37 @@
 #include <thread>
 #include <vector>
 
-#include "vault/database.h"
 #include "vault/group.h"
 #include "vault/use_watch.h"
+#include "vault/writer.h"
 
 namespace ksd::vault {
+
+// Audience is who makes readers see a group. Both are called on the thread of writes.
+class Audience {
+ public:
+  // prepare gets what show needs, before anything of the group is on disk. Throws std::bad_alloc.
+  virtual void prepare(const Group &group) = 0;
+
+  // discard gives back what prepare got for a group that came to nothing: it holds secrets.
+  virtual void discard() noexcept = 0;
+
+  // show makes readers see a group that is on disk now, with the header that went with it.
+  virtual void show(Group &group, const Header &header) noexcept = 0;
+
+ protected:
+  ~Audience() = default;
+};
 
 class GroupCommit {
  public:
   // Decide puts a change into the group that it fell into, or gives the code of what prevents it.
   using Decide = std::function<KsResult(Group &)>;
 
-  // Show makes readers see a group that is on disk now, with the header that went with it. It doesn't throw.
-  using Show = std::function<void(const Group &, const Header &)>;
+  // `state` is changed by `audience` alone, on the thread of writes; that thread reads it without a lock.
+  GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience);
 
-  // `state` is changed by `show` alone, which is called on the thread of writes; that thread reads it without a lock.
-  GroupCommit(Database database, const Sealer &sealer, const State &state, const Limits &limits, Show show);
-
-  // All that has been asked for is committed first.
+  // All that has been asked for is committed first, and the vault is closed in order.
   ~GroupCommit();
   GroupCommit(const GroupCommit &) = delete;
   GroupCommit &operator=(const GroupCommit &) = delete;
@@ -53,23 +66,22 @@ class GroupCommit {
   };
 
   void work();
-  void process(std::span<Change *const> changes);
-  std::optional<KsResult> try_together(std::span<Change *const> changes, std::vector<KsResult> &results);
-  std::optional<WriteFailure> write(const RowChanges &changes, const Header &header);
-  bool put_row(const EntryRow &row);
-  bool put_header(const Header &header);
-  void overwrite_failed_write();
+  void take_group();
+  void process(std::span<Change *const> changes) noexcept;
+  std::optional<KsResult> try_together(std::span<Change *const> changes) noexcept;
   void look_around(const Limits &limits) noexcept;
-  void go_on_compacting();
-  void measure_room();
-  void log_failure(const WriteFailure &failure);
+  void go_on_compacting() noexcept;
+  void measure_room() noexcept;
+  void log_failure(const WriteFailure &failure) noexcept;
 
   // Of the thread of writes alone.
-  Database database_;
+  Writer writer_;
   const Sealer sealer_;
   const State &state_;
-  const Show show_;
+  Audience &audience_;
   UseWatch use_watch_;
+  std::vector<Change *> group_;    // with room for the largest group, as the next
+  std::vector<KsResult> results_;  // of decisions, in the order of the group
   bool failing_ = false;
   uint64_t last_version_;
 

@@ -38,10 +38,14 @@ class Sealer {
   // so that it follows each change at no cost, and nobody without the key can find other rows of the same sum.
   Digest mark(uint64_t row, uint64_t version) const;
 
+  // witness_mark stands for the version that a witness tells of.
+  Digest witness_mark(uint64_t version) const;
+
  private:
   VaultId vault_id_;
   std::shared_ptr<const SecretBytes> seal_key_;
   std::shared_ptr<const SecretBytes> mark_key_;
+  std::shared_ptr<const SecretBytes> witness_key_;
 };
 
 }  // namespace ksd::vault

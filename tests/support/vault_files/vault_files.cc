@@ -86,6 +86,7 @@ namespace {
 
 struct DiskState {
   std::atomic<int> write_error{0};
+  std::atomic<int> spared_writes{0};
   std::atomic<int> sync_error{0};
   std::atomic<bool> skip{false};
   std::atomic<int64_t> room{INT64_MAX};
@@ -93,6 +94,7 @@ struct DiskState {
   std::condition_variable changed;
   bool hold = false;
   bool held = false;
+  bool spares_held = false;
 };
 
 DiskState *disk = nullptr;
@@ -114,7 +116,8 @@ int read_file_part(sqlite3_file *file, void *to, int size, sqlite3_int64 offset)
   return real(file)->pMethods->xRead(real(file), to, size, offset);
 }
 int write_file_part(sqlite3_file *file, const void *from, int size, sqlite3_int64 offset) {
-  const int error = offset + size > disk->room ? ENOSPC : disk->write_error.load();
+  const bool spared = disk->write_error != 0 && disk->spared_writes > 0 && disk->spared_writes-- > 0;
+  const int error = offset + size > disk->room ? ENOSPC : spared ? 0 : disk->write_error.load();
   if (error == ENOSPC) return SQLITE_FULL;
   if (error != 0) return SQLITE_IOERR_WRITE;
   return real(file)->pMethods->xWrite(real(file), from, size, offset);
@@ -123,6 +126,7 @@ int truncate_file(sqlite3_file *file, sqlite3_int64 size) {
   return real(file)->pMethods->xTruncate(real(file), size);
 }
 int sync_file(sqlite3_file *file, int flags) {
+  bool succeeds = false;
   {
     std::unique_lock lock(disk->mutex);
     if (disk->hold) {
@@ -130,9 +134,10 @@ int sync_file(sqlite3_file *file, int flags) {
       disk->changed.notify_all();
       disk->changed.wait(lock, [] { return !disk->hold; });
       disk->held = false;
+      succeeds = disk->spares_held;
     }
   }
-  if (disk->sync_error != 0) return SQLITE_IOERR_FSYNC;
+  if (disk->sync_error != 0 && !succeeds) return SQLITE_IOERR_FSYNC;
   return disk->skip ? SQLITE_OK : real(file)->pMethods->xSync(real(file), flags);
 }
 int file_size(sqlite3_file *file, sqlite3_int64 *size) {
@@ -206,9 +211,19 @@ Disk::~Disk() {
 }
 
 void Disk::fail_writes(int error) {
+  disk->spared_writes = 0;
+  disk->write_error = error;
+}
+void Disk::fail_later_writes(int count, int error) {
+  disk->spared_writes = count;
   disk->write_error = error;
 }
 void Disk::fail_syncs(int error) {
+  disk->sync_error = error;
+}
+void Disk::fail_later_syncs(int error) {
+  const std::lock_guard lock(disk->mutex);
+  disk->spares_held = true;
   disk->sync_error = error;
 }
 void Disk::skip_syncs() {

@@ -20,8 +20,11 @@ class Folder : public ks_test::TemporaryFolder {
  public:
   std::string vault() const { return path() + "/vault.db"; }
   std::string log() const { return path() + "/vault.db-wal"; }
+  std::string witness() const { return path() + "/vault.db-witness"; }
   std::string key() const { return path() + "/master.key"; }
-  VaultOptions options() const { return {.path = vault(), .master_key_file = key(), .limits = {}}; }
+  VaultOptions options() const {
+    return {.path = vault(), .master_key_file = key(), .witness = {}, .accept_loss = false, .limits = {}};
+  }
   std::unique_ptr<Vault> open() const { return open_vault(options()); }
 };
 
@@ -52,9 +55,11 @@ class Disk {
 
   // Writes or syncs fail with that errno from now on; 0 mends them.
   void fail_writes(int error);
+  void fail_later_writes(int count, int error);  // all but the next `count`
   void fail_syncs(int error);
-  void skip_syncs();  // for tests of many commits that pull no plug
-  void hold_syncs();  // syncs wait until let_syncs_go
+  void fail_later_syncs(int error);  // but not one that is held
+  void skip_syncs();                 // for tests of many commits that pull no plug
+  void hold_syncs();                 // syncs wait until let_syncs_go
   void let_syncs_go();
   void wait_for_held_sync();
 
