@@ -23,7 +23,7 @@ namespace ksd::config {
 inline constexpr char kDefaultConfigPath[] = "/etc/ks/ksd.toml";
 inline constexpr char kDefaultVaultPath[] = "/var/lib/ks/vault.db";
 
-// Limits bounds what users may take, each by himself and all together. Bytes are those of secrets and metadata.
+// Limits bounds what users may take, each user alone and all together. Bytes are those of secrets and metadata.
 struct Limits {
   uint32_t connections = 1024;
   uint32_t connections_per_user = 256;

@@ -1,4 +1,4 @@
-// crypto_handlers.cc: the messages that compute with a stored key: ciphers, digests, HMACs and the functions of
+// crypto.cc: the messages that compute with a stored key: ciphers, digests, HMACs and the functions of
 // MS-CHAP.
 //
 // Each handler reads its descriptor and all its sections first, and answers KS_INVALID_ARGS unless they fit. Then it
