@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 namespace ksd::server {
@@ -64,18 +63,6 @@ void StatePage::publish(const config::Config &config) {
   store_gate(page_->debug_open, config.gates.debug);
   store(page_->version, 1);
   store(page_->magic, HOST_STATE_MAGIC);  // last: until then a client takes the page for absent
-}
-
-void make_history_folder(const std::string &socket_path) {
-  const std::string path = std::filesystem::path(socket_path).parent_path() / "history";
-  constexpr mode_t everybody_his_own = 01777;
-  if (mkdir(path.c_str(), 0700) < 0 && errno != EEXIST) fail(path, "can't make the history folder");
-  const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!folder) fail(path, "can't open the history folder");
-  struct stat status {};
-  if (fstat(folder.get(), &status) < 0) fail(path, "can't look at the history folder");
-  if ((status.st_mode & 07777) == everybody_his_own) return;
-  if (fchmod(folder.get(), everybody_his_own) < 0) fail(path, "can't open the history folder to clients");
 }
 
 }  // namespace ksd::server

@@ -26,9 +26,6 @@ class StatePage {
   HostStatePage *page_;
 };
 
-// make_history_folder makes the folder beside the socket in which clients keep their reports. Throws like StatePage.
-void make_history_folder(const std::string &socket_path);
-
 }  // namespace ksd::server
 
 #endif

@@ -90,9 +90,18 @@ TEST(StatePage, StaysTheSameFileWhenTheServiceStartsAgain) {
   EXPECT_EQ(page.supstate(), 3u);
 }
 
-TEST(History, HasAFolderForEveryUsersFiles) {
+TEST(SocketFolder, HoldsNothingThatClientsMayWrite) {
+  const ServiceProcess service;
+  EXPECT_FALSE(std::filesystem::exists(service.folder() + "/history"));
+}
+
+TEST(SocketFolder, KeepsAFolderOfAnEarlierVersionAsItIs) {
   ServiceProcess service;
-  EXPECT_EQ(mode_of(service.folder() + "/history"), 01777u);
+  service.stop();
+  const std::string history = service.folder() + "/history";
+  mkdir(history.c_str(), 0700);
+  service.start();
+  EXPECT_EQ(mode_of(history), 0700u);
 }
 
 TEST(Reload, CountsForConnectionsThatAreOpen) {
@@ -347,10 +356,11 @@ TEST_F(Users, AreKeptOutByTheModeOfTheSocket) {
 }
 
 TEST_F(Users, DontUseUpEachOthersConnections) {
-  ServiceProcess service(with_config("[limits]\nconnections_per_user = 1\n"));
+  ServiceProcess service(with_config(
+      "[limits]\nconnections_per_user = 1\n[[vdc]]\nid = 3\nusers = [0]\n[[vdc]]\nid = 4\nusers = [23456]\n"));
   RawClient own(service.socket());
   own.hello();
-  EXPECT_EQ(vdc_of(service, kUser, kGroup), 0xff);
+  EXPECT_EQ(vdc_of(service, kUser, kGroup), 4);
   RawClient second(service.socket());
   EXPECT_TRUE(second.is_closed());
 }
