@@ -294,6 +294,18 @@ TEST(PassedSocket, IsRefusedWhenItIsOfAnotherKind) {
   }
 }
 
+TEST(PassedSocket, IsRefusedInAFolderThatOthersMayWrite) {
+  const PassedSocket passed;
+  const std::string folder = std::filesystem::path(passed.path()).parent_path();
+  chmod(folder.c_str(), 0777);
+  try {
+    ServiceProcess service(passed.setup());
+    FAIL();
+  } catch (const std::runtime_error &error) {
+    EXPECT_THAT(error.what(), HasSubstr("the folder of the socket isn't safe: " + folder + " has mode 0777"));
+  }
+}
+
 // With several users: what the kernel says about them counts.
 class Users : public testing::Test {
  protected:
