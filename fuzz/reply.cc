@@ -13,6 +13,7 @@
 
 #include <cstdarg>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -46,15 +47,11 @@ class FalseService {
     require(bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0, "the service listens");
     require(listen(listener_, 64) == 0, "the service listens");
     setenv("KS_SOCKET", address.sun_path, 1);
-    path_ = address.sun_path;
     folder_ = folder;
   }
   FalseService(const FalseService &) = delete;
   FalseService &operator=(const FalseService &) = delete;
-  ~FalseService() {
-    unlink(path_.c_str());
-    rmdir(folder_.c_str());
-  }
+  ~FalseService() { std::filesystem::remove_all(folder_); }  // with what the client has put beside the socket
 
   std::deque<Answer> answers;  // to what isn't a greeting, in turn; then it hangs up
 
@@ -111,7 +108,6 @@ class FalseService {
 
   int listener_ = -1;
   std::vector<int> sockets_;
-  std::string path_;
   std::string folder_;
 };
 
@@ -248,7 +244,8 @@ constexpr Operation kOperations[] = {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (service == nullptr) {
-    service = new FalseService;
+    static FalseService only;
+    service = &only;
     stderr = fopen("/dev/null", "w");  // two operations print to it by promise
     require(ks_init(0, 1, 0) == KS_SUCCESS, "the library starts");
   }
