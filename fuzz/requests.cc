@@ -137,8 +137,11 @@ class World {
 
  private:
   void open() {
-    auto vault = ksd::vault::open_vault(
-        {.path = folder_ + "/vault.db", .master_key_file = folder_ + "/master.key", .limits = kLimits});
+    auto vault = ksd::vault::open_vault({.path = folder_ + "/vault.db",
+                                         .master_key_file = folder_ + "/master.key",
+                                         .witness = {},
+                                         .accept_loss = false,
+                                         .limits = kLimits});
     static const ksd::crypto::AlgorithmSet usable = ksd::crypto::start();
     service_ = std::make_unique<ksd::handlers::Service>(std::move(vault), usable);
   }

@@ -83,7 +83,7 @@ void write_file(const std::string &path, const Octets &content) {
 void begin_anew(ServiceProcess &service) {
   service.stop();
   std::filesystem::remove(service.vault());
-  std::filesystem::remove(service.vault() + "-wal");
+  for (const char *beside : {"-wal", "-witness"}) std::filesystem::remove(service.vault() + beside);
   write_file(service.master_key_file(), bytes("master-key"));
 }
 
@@ -133,6 +133,24 @@ Octets named(const std::string &name) {
   return wire;
 }
 
+// make_vault_of_page makes the vault of the examples, with a witness of `version`.
+void make_vault_of_page(const ServiceProcess &service, uint8_t version) {
+  Database db(service.vault());
+  db.script(page().text("sql", "vault-schema"));
+  db.run("INSERT INTO vault VALUES (1, ?, ?, ?)", {bytes("key-id"), bytes("vault-id"), bytes("sealed-header")});
+  db.run("INSERT INTO entry VALUES (1, ?)", {bytes("sealed-entry")});
+  Octets what = bytes("vault-id");
+  what.insert(what.end(), {version, 0, 0, 0, 0, 0, 0, 0});
+  const Octets key = derive(4, 32);
+  Octets witness(1024);
+  witness[512] = version;
+  crypto_generichash(&witness[520], 32, what.data(), what.size(), key.data(), key.size());
+  if (version == 1) {
+    EXPECT_EQ(part(witness, 512, 40), bytes("witness-slot"));
+  }
+  write_file(service.vault() + "-witness", witness);
+}
+
 TEST(VaultPage, DerivesItsKeysFromItsMasterKey) {
   EXPECT_EQ(derive(1, 32), page().bytes("seal-key"));
   EXPECT_EQ(derive(2, 32), page().bytes("mark-key"));
@@ -149,12 +167,7 @@ TEST(VaultPage, SealsItsRecordsAsItSays) {
 TEST(VaultPage, MakesAVaultThatTheDaemonOpens) {
   ServiceProcess service;
   begin_anew(service);
-  {
-    Database db(service.vault());
-    db.script(page().text("sql", "vault-schema"));
-    db.run("INSERT INTO vault VALUES (1, ?, ?, ?)", {bytes("key-id"), bytes("vault-id"), bytes("sealed-header")});
-    db.run("INSERT INTO entry VALUES (1, ?)", {bytes("sealed-entry")});
-  }
+  make_vault_of_page(service, 1);
   service.start();
 
   RawClient client(service.socket());
@@ -190,6 +203,22 @@ TEST(VaultPage, OpensWhatTheDaemonWrites) {
   EXPECT_EQ(open(entry[0], with_vault_id(bytes("entry-associated-data"), vault[1])),
             page().bytes("entry").with_any(8, 4))  // of whoever runs the test
       << "row 1";
+}
+
+TEST(VaultPage, ShowsTheWitnessAndItsKey) {
+  EXPECT_EQ(derive(4, 32), bytes("witness-key"));
+  ServiceProcess service;
+  begin_anew(service);
+  make_vault_of_page(service, 1);
+  service.start();
+  EXPECT_EQ(service.stop(), 0);
+}
+
+TEST(VaultPage, TellsWhenTheWitnessIsAheadOfTheVault) {
+  ServiceProcess service;
+  begin_anew(service);
+  make_vault_of_page(service, 2);
+  EXPECT_THROW(service.start(), std::runtime_error);
 }
 
 TEST(VaultPage, ShowsTheDaemonsSchema) {
