@@ -70,7 +70,7 @@ struct Config {
   std::set<uid_t> administrator_users;
   std::set<gid_t> administrator_groups;
 
-  // identify says who a caller is. A user's own mapping comes before those of his groups.
+  // identify says who a caller is. A user's own mapping comes before those of the groups.
   Caller identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> further_groups) const;
 
   // cache_uri_of is the URI below which a caller's databases lie, empty for none.

@@ -9,7 +9,7 @@ namespace {
 constexpr uid_t kAllUnmapped = static_cast<uid_t>(-1);  // nobody's number
 
 // How much of one user's work is done at once when there is nobody to leave room for. A user who comes finds no more
-// than this before him, and what one request costs is bounded.
+// than this ahead, and what one request costs is bounded.
 constexpr uint32_t kRequestsPerProcessor = 4;
 constexpr uint32_t kChangesAlone = 64;
 
