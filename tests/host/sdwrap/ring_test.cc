@@ -1,9 +1,7 @@
 // Which file becomes a process's ring, in which folder, and what becomes of those of the dead.
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -11,6 +9,7 @@
 #include <string>
 
 #include "fake_service/fake_service.h"
+#include "own_run.h"
 #include "sdwrap.h"
 #include "start_time.h"
 
@@ -307,18 +306,15 @@ TEST_F(Ring, IsNoneInARuntimeFolderOfAPathThatIsTooLong) {
   EXPECT_FALSE(takes(10'000));
 }
 
-// Where the socket's folder is none and the environment names no runtime folder either: the usual one. It is made in a
-// mount namespace of the test's own.
+// Where the socket's folder is none and the environment names no runtime folder either.
 TEST_F(Ring, LiesBelowRunUserByDefault) {
-  NEEDS_ROOT();
-  if (!passes_in_child([] { return unshare(CLONE_NEWNS) == 0; })) GTEST_SKIP() << "needs a mount namespace";
+  if (!passes_in_child(gives_own_run)) GTEST_SKIP() << "needs a mount namespace";
   setenv("KS_SOCKET", (folder() + "/none/ksd.sock").c_str(), 1);
   unsetenv("XDG_RUNTIME_DIR");
   EXPECT_TRUE(passes_in_child([] {
     constexpr uid_t kLast = 4294967294;  // the longest number that a user can have
     const std::string runtime = "/run/user/" + std::to_string(kLast);
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
-    if (mount("none", "/run", "tmpfs", 0, "mode=755") != 0 || mkdir("/run/user", 0755) != 0) return false;
+    if (!gives_own_run() || mkdir("/run/user", 0755) != 0) return false;
     if (mkdir(runtime.c_str(), 0700) != 0 || chown(runtime.c_str(), kLast, kLast) != 0) return false;
     return setresuid(kLast, kLast, kLast) == 0 && report() == 0 && is_own(runtime + "/ks/00.ring");
   }));

@@ -474,7 +474,10 @@ TEST_F(DebugLines, AreOneWriteEachWithTheModulesName) {
 }
 
 TEST_F(DebugLines, AreNotCut) {
-  for (const size_t length : {1000UL, 1010UL, 1016UL, 1020UL, 1024UL, 1030UL, 3000UL}) {
+  // Among these the one whose line, with what stands in front, just fits into the usual buffer or just doesn't.
+  std::vector<size_t> lengths = {3000};
+  for (size_t length = 1000; length < 1030; length++) lengths.push_back(length);
+  for (const size_t length : lengths) {
     const std::string text(length, 't');
     const auto lines = packets([&] { return buginf(1, sdwrap_dbg_modname, 0, "%s", text.c_str()) == 0; });
     ASSERT_EQ(lines.size(), 1U) << length;
