@@ -246,6 +246,72 @@ TEST_F(Mts, AsksNothingOfAReplyOfWhichTheResultAloneIsRead) {
   EXPECT_EQ(exchange(bound(), {1}, {}, kStore).payload, (Octets{1, 0, 0, 0, 0xff, 0xff}));
 }
 
+// What each message's reply is held to: the bytes that are read of it, and the bytes of its length that are.
+struct Held {
+  uint32_t opcode;
+  size_t least;
+  size_t length_bytes;
+};
+
+const Held kHeld[] = {
+    {66561, 6, 1}, {66562, 4, 0}, {66563, 4, 0}, {66564, 4, 0}, {66565, 7, 0}, {66566, 6, 2}, {66567, 6, 2},
+    {66568, 4, 0}, {66569, 4, 0}, {66570, 7, 0}, {66571, 6, 2}, {66572, 6, 2}, {66573, 6, 2}, {66574, 6, 2},
+    {66575, 6, 2}, {66576, 6, 2}, {66577, 6, 2}, {66578, 6, 2}, {66579, 6, 2}, {66580, 6, 2}, {66581, 6, 2},
+    {66582, 6, 2}, {66583, 6, 2}, {66584, 6, 2}, {66585, 6, 2}, {66586, 6, 2}, {66587, 6, 2}, {66588, 6, 2},
+    {66589, 4, 0}, {66590, 4, 0}, {66591, 4, 0}, {66592, 4, 0}, {66593, 9, 0}, {66594, 4, 0},
+};
+
+TEST_F(Mts, HoldsTheReplyToEachMessageToItsShape) {
+  Octets answer;
+  service.handler = [&](int socket, const FakeService::Request &request) {
+    return FakeService::reply(socket, request, answer);
+  };
+  const uint32_t queue = bound();
+  for (const Held &row : kHeld) {
+    SCOPED_TRACE(row.opcode);
+    // Those that say how much they want want all there can be; of the others, a descriptor says nothing about length.
+    const bool asks = row.opcode == kRandom || row.opcode == kTPrf;
+    const Octets descriptor = asks ? Octets{0xff, 0xff, 0, 0} : Octets{0, 0, 0, 0};
+    const auto passes = [&](const Octets &payload) {
+      answer = payload;
+      return exchange(queue, descriptor, {}, row.opcode).payload == payload;
+    };
+    Octets shortest = {1, 0, 0, 0};
+    shortest.resize(row.least);
+    EXPECT_TRUE(passes(shortest));
+    shortest.pop_back();
+    EXPECT_FALSE(row.least > 4 && passes(shortest));
+
+    Octets longest = {1, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0xff};
+    EXPECT_EQ(passes(longest), row.length_bytes == 0);
+    EXPECT_TRUE(passes(with_length(0x0101, 0x0101)));
+    EXPECT_EQ(passes(with_length(0x0101, 0x0100)), row.length_bytes < 2);
+    EXPECT_EQ(passes(with_length(0x0101, 0)), row.length_bytes == 0 && row.least <= 6);
+  }
+}
+
+TEST_F(Mts, HoldsTheReplyToAMessageThatIsNotKnownToNothing) {
+  service.handler = [](int socket, const FakeService::Request &request) {
+    return FakeService::reply(socket, request, {1, 0, 0, 0, 0xff});
+  };
+  const uint32_t queue = bound();
+  for (const uint32_t opcode : {2U, 66560U, 66595U}) {
+    EXPECT_EQ(exchange(queue, {1}, {}, opcode).payload, (Octets{1, 0, 0, 0, 0xff})) << opcode;
+  }
+}
+
+// A message that doesn't say how much it wants gets no less for it.
+TEST_F(Mts, AllowsWhatFitsItsLengthWhereNothingWasAskedFor) {
+  Octets answer = with_length(255, 255);
+  service.handler = [&](int socket, const FakeService::Request &request) {
+    return FakeService::reply(socket, request, answer);
+  };
+  const uint32_t queue = bound();
+  EXPECT_EQ(exchange(queue, {}, {}, kRandom).payload, answer);
+  answer = with_length(300, 300);
+  EXPECT_EQ(exchange(queue, {1}, {}, kTPrf).payload, answer);
+}
+
 // ---- Who serves, and where.
 
 TEST_F(Mts, RefusesASocketFolderThatOthersMayWrite) {

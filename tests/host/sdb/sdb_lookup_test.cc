@@ -112,7 +112,7 @@ TEST_F(SdbLookup, FindsNothingWithoutARoot) {
 TEST_F(SdbLookup, TakesTheLargestPageNumberOfTheMap) {
   const Image good = fill();
   Image image = good;
-  image.set(good.head() + kLastPage, size_t{size_ / kPage - 1});
+  image.set(good.head() + kLastPage, static_cast<size_t>(size_ / kPage) - 1);
   EXPECT_EQ(says(good, image, [&] { return reading(first); }), kWhole);
 }
 

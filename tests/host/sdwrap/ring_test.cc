@@ -1,9 +1,7 @@
 // Which file becomes a process's ring, in which folder, and what becomes of those of the dead.
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -11,6 +9,7 @@
 #include <string>
 
 #include "fake_service/fake_service.h"
+#include "own_run.h"
 #include "sdwrap.h"
 #include "start_time.h"
 
@@ -307,18 +306,15 @@ TEST_F(Ring, IsNoneInARuntimeFolderOfAPathThatIsTooLong) {
   EXPECT_FALSE(takes(10'000));
 }
 
-// Where the socket's folder is none and the environment names no runtime folder either: the usual one. It is made in a
-// mount namespace of the test's own.
+// Where the socket's folder is none and the environment names no runtime folder either.
 TEST_F(Ring, LiesBelowRunUserByDefault) {
-  NEEDS_ROOT();
-  if (!passes_in_child([] { return unshare(CLONE_NEWNS) == 0; })) GTEST_SKIP() << "needs a mount namespace";
+  if (!passes_in_child(gives_own_run)) GTEST_SKIP() << "needs a mount namespace";
   setenv("KS_SOCKET", (folder() + "/none/ksd.sock").c_str(), 1);
   unsetenv("XDG_RUNTIME_DIR");
   EXPECT_TRUE(passes_in_child([] {
     constexpr uid_t kLast = 4294967294;  // the longest number that a user can have
     const std::string runtime = "/run/user/" + std::to_string(kLast);
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
-    if (mount("none", "/run", "tmpfs", 0, "mode=755") != 0 || mkdir("/run/user", 0755) != 0) return false;
+    if (!gives_own_run() || mkdir("/run/user", 0755) != 0) return false;
     if (mkdir(runtime.c_str(), 0700) != 0 || chown(runtime.c_str(), kLast, kLast) != 0) return false;
     return setresuid(kLast, kLast, kLast) == 0 && report() == 0 && is_own(runtime + "/ks/00.ring");
   }));
@@ -369,14 +365,41 @@ TEST_F(Ring, LeavesNoDescriptorOpenAndErrnoAsItWas) {
 
 TEST_F(Ring, TakesARecordOfAnyLength) {
   EXPECT_TRUE(passes_in_child([this] {
-    const std::string bytes(516, 'b');
+    std::string bytes(516, 'b');
     uint64_t slots = 0;
     for (const uint32_t length : {0u, 1u, 104u, 105u, 208u, 209u, 515u, 516u}) {
+      if (length > 0) bytes[length - 1] = 'z';
       sdwrap_hist_event(0x730000, length, bytes.data());
       slots += length == 0 ? 1 : (length + 103) / 104;
-      if (ring_at(ring(0)).next != slots) return false;
+      const HostRing ring = ring_at(this->ring(0));
+      const HostRingSlot &last = ring.slots[slots - 1];
+      if (ring.next != slots || last.length != (length == 0 ? 0 : (length - 1) % 104 + 1)) return false;
+      if (length > 0 && last.data[(length - 1) % 104] != 'z') return false;
+      bytes.assign(516, 'b');
     }
     return sdwrap_hist_event(0x730000, 5, nullptr) == 1 && ring_at(ring(0)).next == slots;
+  }));
+}
+
+// Whoever was overtaken by a whole lap finds another in its place, or one who came later.
+TEST_F(Ring, LeavesOutARecordWhoseSlotIsAnothers) {
+  EXPECT_TRUE(passes_in_child([this] {
+    report();
+    for (const uint64_t sequence : {UINT64_C(1) << 63 | 1, UINT64_C(1026), UINT64_C(3)}) {
+      const uint64_t position = ring_at(ring(0)).next;
+      const auto at = static_cast<off_t>(offsetof(HostRing, slots) + position * sizeof(HostRingSlot));
+      const int file = open(ring(0).c_str(), O_RDWR | O_CLOEXEC);
+      if (pwrite(file, &sequence, sizeof sequence, at) != sizeof sequence) return false;
+      close(file);
+      report();
+      const HostRing after = ring_at(ring(0));
+      // What has its own place, or an earlier lap's, is no other's.
+      const bool others = sequence > position;
+      const HostRingSlot &slot = after.slots[position];
+      if (slot.sequence != (others ? sequence : position + 1) || slot.length != (others ? 0 : 6)) return false;
+      if (after.next != position + 1) return false;
+    }
+    return true;
   }));
 }
 
