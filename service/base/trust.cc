@@ -21,13 +21,13 @@ std::optional<std::string> why(const std::string &path, const struct stat &statu
   return std::nullopt;
 }
 
+}  // namespace
+
 std::string folder_of(const std::string &path) {
   const size_t slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
 }
-
-}  // namespace
 
 std::optional<std::string> why_others_may_write(const std::string &path) {
   struct stat status {};

@@ -7,6 +7,9 @@
 
 namespace ksd {
 
+// folder_of gives the folder that `path` lies in, "." for a bare name.
+std::string folder_of(const std::string &path);
+
 // why_others_may_write tells how somebody else could change the file or folder at `path`, and what to run against it,
 // or gives nothing when only this user and root can. A path that can't be examined gives nothing either: whoever opens
 // it learns why.

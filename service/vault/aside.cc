@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "base/trust.h"
 #include "vault/files.h"
 
 namespace ksd::vault {

@@ -10,6 +10,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "base/trust.h"
 #include "vault/files.h"
 
 namespace ksd::vault {

@@ -7,12 +7,6 @@
 
 namespace ksd::vault {
 
-std::string folder_of(const std::string &path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 bool file_exists(const std::string &path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0;

@@ -8,9 +8,6 @@
 
 namespace ksd::vault {
 
-// folder_of gives the folder that `path` lies in, "." for a bare name.
-std::string folder_of(const std::string &path);
-
 bool file_exists(const std::string &path);
 
 // make_file makes an empty file of mode 0600, or gives nothing, with errno, also when there is one already.

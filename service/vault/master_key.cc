@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "base/trust.h"
 #include "vault/files.h"
 #include "vault/seal.h"
 

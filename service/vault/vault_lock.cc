@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/trust.h"
 #include "vault/files.h"
 
 namespace ksd::vault {

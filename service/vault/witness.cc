@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "base/little_endian.h"
+#include "base/trust.h"
 #include "vault/files.h"
 
 namespace ksd::vault {

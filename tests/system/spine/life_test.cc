@@ -22,8 +22,8 @@ using ks_test::RawClient;
 using ks_test::run_as;
 using ks_test::run_ksd;
 using ks_test::ServiceProcess;
-using ks_test::TemporaryFolder;
 using ks_test::ServiceSetup;
+using ks_test::TemporaryFolder;
 using testing::HasSubstr;
 
 ServiceSetup with_config(const std::string &config) {
