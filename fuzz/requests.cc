@@ -10,6 +10,7 @@
 // Each input runs in two worlds that differ in what VDC 9 holds, and in nothing else.
 #include <spdlog/spdlog.h>
 
+#include <filesystem>
 #include <map>
 #include <set>
 #include <string>
@@ -87,10 +88,7 @@ class World {
   World &operator=(const World &) = delete;
   ~World() {
     service_.reset();
-    for (const char *file : {"/vault.db", "/vault.db-wal", "/vault.db-shm", "/master.key"}) {
-      unlink((folder_ + file).c_str());
-    }
-    rmdir(folder_.c_str());
+    std::filesystem::remove_all(folder_);
   }
 
   // begin puts into the table what is in it at the beginning of each input.
@@ -137,11 +135,11 @@ class World {
 
  private:
   void open() {
-    auto vault = ksd::vault::open_vault({.path = folder_ + "/vault.db",
-                                         .master_key_file = folder_ + "/master.key",
-                                         .witness = {},
-                                         .accept_loss = false,
-                                         .limits = kLimits});
+    ksd::vault::VaultOptions options;
+    options.path = folder_ + "/vault.db";
+    options.master_key_file = folder_ + "/master.key";
+    options.limits = kLimits;
+    auto vault = ksd::vault::open_vault(options);
     static const ksd::crypto::AlgorithmSet usable = ksd::crypto::start();
     service_ = std::make_unique<ksd::handlers::Service>(std::move(vault), usable);
   }

@@ -173,13 +173,14 @@ KS_EXPORT KsResult ks_clear_pac_resp(uint16_t payload_size, const void *payload)
 
 /* ks_pac_key_t_prf computes the T-PRF of RFC 4851 on the key of the PAC `aid`, with `label` and, unless `random` is
  * NULL, `random` as its seed: `output_len` bytes into `output`. A result that is cached for the same label and random
- * comes from the cache, whatever its length. Label and random are not checked here.
+ * comes from the cache, whatever its length. Label and random are not checked here. The service takes up to 1,024 bytes
+ * of each.
  *
  * KS_INVALID_ARGS: `aid` or `output` is NULL, `aid_len` is not 1 to 31, or `output_len` is 0. KS_NOT_FOUND: the
  * keystore has no such PAC. KS_FAILURE: the exchange failed, or the result is longer than `output_len`, in which case
- * the keystore isn't asked for a shorter one and nothing is copied. NOTE: a shorter result is a success, and the rest
- * of `output` stays as it was; its length isn't told. NOTE: the copy that the cache handed out stays allocated when it
- * is too long, or when this call opened the cache. */
+ * the keystore isn't asked for a shorter one and nothing is copied. KS_RPC_TOO_LARGE: the service refused the label or
+ * the random. NOTE: a shorter result is a success, and the rest of `output` stays as it was; its length isn't told.
+ * NOTE: the copy that the cache handed out stays allocated when it is too long, or when this call opened the cache. */
 KS_EXPORT KsResult ks_pac_key_t_prf(const uint8_t *aid, uint8_t aid_len, const uint8_t *label, uint16_t label_len,
                                     const uint8_t *random, uint16_t random_len, uint8_t *output, uint16_t output_len);
 

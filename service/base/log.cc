@@ -92,7 +92,8 @@ class StandardError : public spdlog::sinks::base_sink<std::mutex> {
 };
 
 constexpr std::chrono::minutes kOneLinePer{1};
-constexpr size_t kMostStates = 4096;  // then all are forgotten, which costs some lines too many
+constexpr std::chrono::seconds kLookForRoomEvery{1};
+constexpr size_t kMostStates = 512;  // so many lines a minute, and one of each kind
 
 }  // namespace
 
@@ -107,6 +108,8 @@ void start_logging(LogFormat format, const std::string &level) {
   }
   logger->set_formatter(std::move(formatter));
   logger->flush_on(spdlog::level::trace);
+  // A line that there is no memory for is lost; the library would write of it to standard error, past the sink.
+  logger->set_error_handler([](const std::string &) {});
   spdlog::set_default_logger(std::move(logger));
   set_log_level(level);
 }
@@ -125,15 +128,26 @@ std::string since_last(uint64_t held_back) {
 
 std::optional<uint64_t> LogLimiter::pass(Kind kind, uid_t uid, Clock::time_point now) {
   const std::lock_guard lock(mutex_);
-  if (states_.size() >= kMostStates) states_.clear();
-  const auto [found, is_new] = states_.try_emplace({kind, uid}, State{now, 0});
-  if (is_new) return 0;
-  State &state = found->second;
-  if (now - state.last < kOneLinePer) {
+  const std::pair key(kind, uid);
+  if (const auto found = states_.find(key); found != states_.end()) return pass(found->second, now);
+  forget_old_ones(now);
+  return pass(states_.size() < kMostStates ? states_[key] : of_others_[kind], now);
+}
+
+std::optional<uint64_t> LogLimiter::pass(State &state, Clock::time_point now) {
+  if (state.last && now - *state.last < kOneLinePer) {
     ++state.held_back;
     return std::nullopt;
   }
-  return std::exchange(state, State{now, 0}).held_back;
+  state.last = now;
+  return std::exchange(state.held_back, 0);
+}
+
+// Whoever has thousands of user ids would otherwise have as many lines.
+void LogLimiter::forget_old_ones(Clock::time_point now) {
+  if (states_.size() < kMostStates || now - looked_for_room_at_ < kLookForRoomEvery) return;
+  looked_for_room_at_ = now;
+  std::erase_if(states_, [&](const auto &entry) { return now - *entry.second.last >= kOneLinePer; });
 }
 
 }  // namespace ksd

@@ -40,20 +40,40 @@ class LogLimiter {
     kSilent,
     kRefused,
     kNearLimit,
-    kForeignName
+    kForeignName,
+    kCantAccept,
+    kSignal
   };
   using Clock = std::chrono::steady_clock;
 
-  // pass gives, when a line may be written, how many were held back since the last one.
+  // pass gives, when a line may be written, how many were held back since the last one. Of so many users at a time that
+  // their lines would fill the log, one line a minute passes for all that come in addition. Throws std::bad_alloc.
   std::optional<uint64_t> pass(Kind kind, uid_t uid, Clock::time_point now = Clock::now());
+
+  // warn writes a warning, if it may pass. One that there is no memory for is left out.
+  template <typename... Arguments>
+  void warn(Kind kind, uid_t uid, fmt::format_string<Arguments...> format, Arguments &&...arguments) noexcept {
+    try {
+      const std::optional<uint64_t> held_back = pass(kind, uid);
+      if (!held_back) return;
+      spdlog::warn("{}{}", fmt::format(format, std::forward<Arguments>(arguments)...), since_last(*held_back));
+    } catch (const std::exception &) {
+      return;
+    }
+  }
 
  private:
   struct State {
-    Clock::time_point last;
+    std::optional<Clock::time_point> last;
     uint64_t held_back = 0;
   };
+  static std::optional<uint64_t> pass(State &state, Clock::time_point now);
+  void forget_old_ones(Clock::time_point now);
+
   std::mutex mutex_;
   std::map<std::pair<Kind, uid_t>, State> states_;
+  std::map<Kind, State> of_others_;  // when there is no room above
+  Clock::time_point looked_for_room_at_{};
 };
 
 }  // namespace ksd

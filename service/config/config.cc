@@ -214,12 +214,49 @@ void read_service(Reader &reader, Config &config) {
   reader.flag("allow_nobody", config.allow_nobody);
 }
 
+// fit_places has what isn't told about connections follow their number: a file may be content to give that.
+void fit_places(Limits &limits) {
+  constexpr uint32_t kPlacesToAnUnmappedOne = 16;
+  constexpr uint32_t kPlacesToAnAdministrators = 64;
+  limits.connections_per_user = std::min(limits.connections_per_user, limits.connections);
+  limits.connections_unmapped =
+      std::min(limits.connections_unmapped, std::max(1u, limits.connections / kPlacesToAnUnmappedOne));
+  limits.connections_administrators =
+      std::min(limits.connections_administrators, limits.connections / kPlacesToAnAdministrators);
+}
+
+// Nothing can be kept of what isn't there, and nobody may be able to take everything.
+void refuse_places_that_are_not_there(Reader &reader, const Limits &limits) {
+  const auto refuse_above = [&](std::string_view key, uint64_t value, uint64_t most, const char *why) {
+    const toml::node *node = reader.take(key);
+    if (node == nullptr || value <= most) return;
+    reader.problem(
+        *node, fmt::format("{} of {} connections: {}; at most {} are possible", value, limits.connections, why, most));
+  };
+  const uint32_t most_reserved = limits.connections - 1;
+  refuse_above("connections_per_user", limits.connections_per_user, limits.connections, "no user can have so many");
+  refuse_above("connections_unmapped", limits.connections_unmapped, most_reserved,
+               "none would be left for users with a VDC");
+  refuse_above("connections_administrators", limits.connections_administrators,
+               most_reserved - std::min(limits.connections_unmapped, most_reserved),
+               "none would be left for users with a VDC");
+}
+
 void read_limits(Reader &reader, Limits &limits) {
   constexpr uint64_t kMostConnections = 65535;
   constexpr uint64_t kMostEntries = 65535;  // positions in the table are 16 bits wide
   constexpr uint64_t kMostBytes = uint64_t{1} << 40;
+  constexpr uint64_t kMostConnects = 1'000'000;
+  constexpr uint64_t kMostAtOnce = 1024;
   reader.number("connections", 1, kMostConnections, limits.connections);
+  fit_places(limits);
   reader.number("connections_per_user", 1, kMostConnections, limits.connections_per_user);
+  reader.number("connections_unmapped", 0, kMostConnections, limits.connections_unmapped);
+  reader.number("connections_administrators", 0, kMostConnections, limits.connections_administrators);
+  refuse_places_that_are_not_there(reader, limits);
+  reader.number("connects_per_second", 1, kMostConnects, limits.connects_per_second);
+  reader.number("requests_per_user", 0, kMostAtOnce, limits.requests_per_user);
+  reader.number("changes_per_user", 1, kMostAtOnce, limits.changes_per_user);
   reader.number("entries", 0, kMostEntries, limits.entries);
   reader.number("entries_per_user", 0, kMostEntries, limits.entries_per_user);
   reader.number("bytes", 0, kMostBytes, limits.bytes);

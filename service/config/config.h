@@ -23,10 +23,16 @@ namespace ksd::config {
 inline constexpr char kDefaultConfigPath[] = "/etc/ks/ksd.toml";
 inline constexpr char kDefaultVaultPath[] = "/var/lib/ks/vault.db";
 
-// Limits bounds what users may take, each user alone and all together. Bytes are those of secrets and metadata.
+// Limits bounds what users may take, each user alone and all together. Bytes are those of secrets and metadata. All
+// users without a VDC count as one user.
 struct Limits {
   uint32_t connections = 1024;
   uint32_t connections_per_user = 256;
+  uint32_t connections_unmapped = 64;        // of all users without a VDC together
+  uint32_t connections_administrators = 16;  // kept for administrators
+  uint32_t connects_per_second = 4000;       // of each user; more wait for their turn
+  uint32_t requests_per_user = 0;            // worked on at once while others are connected; 0: all processors but one
+  uint32_t changes_per_user = 8;             // on their way to the disk at once while others are connected
   uint32_t entries = 65535;
   uint32_t entries_per_user = 16384;
   uint64_t bytes = uint64_t{256} << 20;
@@ -64,7 +70,7 @@ struct Config {
   std::set<uid_t> administrator_users;
   std::set<gid_t> administrator_groups;
 
-  // identify says who a caller is. A user's own mapping comes before those of his groups.
+  // identify says who a caller is. A user's own mapping comes before those of the groups.
   Caller identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> further_groups) const;
 
   // cache_uri_of is the URI below which a caller's databases lie, empty for none.

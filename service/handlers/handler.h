@@ -14,11 +14,15 @@ class Service;  // what all handlers share (service.h)
 
 using Handler = void (*)(Service &, const Request &, Reply &);
 
+// Work is what a message costs: computing time, or a wait for the disk.
+enum class Work { kCompute, kChange };
+
 // Row is one message of the decoder table.
 struct Row {
   uint32_t opcode;
   const char *name;  // for logs and counters
   Handler handler;
+  Work work = Work::kCompute;
 };
 
 // Each family of messages brings its rows; the dispatcher puts them together.

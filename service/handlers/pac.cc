@@ -13,6 +13,10 @@ namespace {
 // A reply tells the length of what it holds in 16 bits, so nothing longer can be kept.
 constexpr size_t kLongestPart = UINT16_MAX;
 
+// Each 20 bytes of a T-PRF's output cost a pass over label and random, so what is harmless elsewhere would be millions
+// of bytes here. EAP-FAST has labels of some 30 bytes and a random of 64 (RFC 4851, section 5).
+constexpr size_t kLongestTPrfInput = 1024;
+
 void store_pac(Service &service, const Request &request, Reply &reply) {
   const auto descriptor = request.descriptor<KsStorePacDescriptor>();
   if (!descriptor) return reply.result(KS_INVALID_ARGS);
@@ -54,6 +58,7 @@ void pac_key_t_prf(Service &service, const Request &request, Reply &reply) {
   const uint16_t wanted = descriptor->output_len;
   if (!name || !label || !random || wanted == 0 || wanted > crypto::kTPrfMaxOutput)
     return reply.result(KS_INVALID_ARGS);
+  if (label->size() > kLongestTPrfInput || random->size() > kLongestTPrfInput) return reply.result(KS_RPC_TOO_LARGE);
 
   const NamedKey<crypto::HmacSha1Key> key(service, request, *name,
                                           {.algorithm = crypto::Algorithm::kTPrf, .owner = KeyDemand::Owner::kPac});
@@ -62,7 +67,7 @@ void pac_key_t_prf(Service &service, const Request &request, Reply &reply) {
 }
 
 constexpr std::array kRows{
-    Row{KS_OP_STORE_PAC, "store PAC", store_pac},
+    Row{KS_OP_STORE_PAC, "store PAC", store_pac, Work::kChange},
     Row{KS_OP_PAC_EXISTS, "PAC exists", pac_exists},
     Row{KS_OP_PAC_KEY_T_PRF, "PAC key T-PRF", pac_key_t_prf},
 };

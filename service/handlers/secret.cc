@@ -112,13 +112,13 @@ void rename(Service &service, const Request &request, Reply &reply) {
 }
 
 constexpr std::array kRows{
-    Row{KS_OP_STORE_SECRET, "store secret", store_secret},
-    Row{KS_OP_ADD_METADATA, "add metadata", add_metadata},
-    Row{KS_OP_CLEAR, "clear", clear},
+    Row{KS_OP_STORE_SECRET, "store secret", store_secret, Work::kChange},
+    Row{KS_OP_ADD_METADATA, "add metadata", add_metadata, Work::kChange},
+    Row{KS_OP_CLEAR, "clear", clear, Work::kChange},
     Row{KS_OP_SECRET_EXISTS, "secret exists", secret_exists},
     Row{KS_OP_HANDLE_BY_INDEX, "name by index", name_by_index},
     Row{KS_OP_RETURN_METADATA, "return metadata", return_metadata},
-    Row{KS_OP_RENAME, "rename", rename},
+    Row{KS_OP_RENAME, "rename", rename, Work::kChange},
 };
 
 }  // namespace

@@ -61,12 +61,13 @@ std::optional<Peer> peer_of(int socket) {
 }
 
 Connection::Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher,
-                       const CurrentConfig &current_config, int socket, Peer peer)
+                       const CurrentConfig &current_config, int socket, User &user, const Peer &peer)
     : service_(service),
       dispatcher_(dispatcher),
       current_config_(current_config),
+      user_(user),
       socket_(socket),
-      peer_(std::move(peer)),
+      peer_(peer),
       config_generation_(current_config.generation()),
       config_(current_config.snapshot()),
       caller_(config_->identify(peer_.uid, peer_.gid, peer_.pid, peer_.further_groups)),
@@ -84,11 +85,18 @@ void Connection::serve() {
   while (const std::optional<size_t> sent_size = receive()) {
     const size_t received = std::min<size_t>(*sent_size, HOST_WIRE_MAX_DATAGRAM);
     const Frame frame = read_frame({buffer_, received}, *sent_size);
+    Share::Pass pass(share_for(frame));
     const Next next = answer(frame);
-    const bool answered = next == Next::kAnswer && send(frame.header);
+    const bool answered = next == Next::kAnswer && send(frame.header, pass);
     cleanse(received);
     if (!answered) return;
   }
+}
+
+// A change waits for the disk more than it works, and those that wait together share one commit: it counts apart.
+Share &Connection::share_for(const Frame &frame) const {
+  const handlers::Row *row = frame.verdict == Verdict::kGood ? dispatcher_.find(frame.header.opcode) : nullptr;
+  return row != nullptr && row->work == handlers::Work::kChange ? user_.changes : user_.requests;
 }
 
 // receive gives the size that the next datagram had when it was sent, or nothing when there will be none. Descriptors
@@ -138,16 +146,21 @@ Connection::Next Connection::answer(const Frame &frame) {
       return Next::kHangUp;
   }
 
-  follow_configuration();
-  if (frame.header.opcode == HOST_OP_HELLO) {
-    answer_hello(frame);
-    return Next::kAnswer;
+  try {
+    answer_request(frame);
+  } catch (const std::bad_alloc &) {
+    reply_.result(KS_NO_MEMORY);
   }
+  return Next::kAnswer;
+}
+
+void Connection::answer_request(const Frame &frame) {
+  follow_configuration();
+  if (frame.header.opcode == HOST_OP_HELLO) return answer_hello(frame);
   const handlers::Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
   if (!dispatcher_.answer(service_, request, reply_)) {
     complain(LogLimiter::Kind::kUnknownOpcode, "sent an unknown opcode");
   }
-  return Next::kAnswer;
 }
 
 void Connection::answer_hello(const Frame &frame) {
@@ -162,8 +175,9 @@ void Connection::answer_hello(const Frame &frame) {
   reply_.record(hello);
 }
 
-// send sends the reply that has been made. It may wait for a client that is slow to read, but not for ever.
-bool Connection::send(const HostWireHeader &request) {
+// send sends the reply that has been made. It may wait for a client that is slow to read, but not for ever, and not at
+// the cost of the user's other work.
+bool Connection::send(const HostWireHeader &request, Share::Pass &pass) {
   HostWireHeader header = request;
   header.magic = HOST_WIRE_MAGIC;
   header.version = HOST_WIRE_VERSION;
@@ -171,13 +185,17 @@ bool Connection::send(const HostWireHeader &request) {
   header.payload_size = static_cast<uint32_t>(reply_.payload().size());
   reply_.header(header);
   const std::span<uint8_t> datagram = reply_.datagram();
-  while (host::send_datagram(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0) {
+  int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+  while (host::send_datagram(socket_, datagram.data(), datagram.size(), flags) < 0) {
     if (errno == EINTR) continue;
-    if (errno == EAGAIN) {
+    if (errno != EAGAIN) return false;
+    if ((flags & MSG_DONTWAIT) == 0) {
       service_.counters.add(Event::kUnread);
       complain(LogLimiter::Kind::kUnread, "doesn't read its replies; closing its connection");
+      return false;
     }
-    return false;
+    pass.give_back();
+    flags = MSG_NOSIGNAL;
   }
   return true;
 }
@@ -200,9 +218,7 @@ void Connection::follow_configuration() {
 }
 
 void Connection::complain(LogLimiter::Kind kind, const char *what) {
-  const std::optional<uint64_t> held_back = service_.log_limiter.pass(kind, peer_.uid);
-  if (!held_back) return;
-  spdlog::warn("user {} (pid {}) {}{}", peer_.uid, peer_.pid, what, since_last(*held_back));
+  service_.log_limiter.warn(kind, peer_.uid, "user {} (pid {}) {}", peer_.uid, peer_.pid, what);
 }
 
 }  // namespace ksd::server

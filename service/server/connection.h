@@ -11,6 +11,7 @@
 #include "handlers/service.h"
 #include "server/current_config.h"
 #include "server/frame.h"
+#include "server/users.h"
 
 namespace ksd::server {
 
@@ -25,10 +26,11 @@ struct Peer {
 // peer_of asks the kernel who opened the connection; nothing when it can't tell.
 std::optional<Peer> peer_of(int socket);
 
+// Connection serves one connection. `user` and `peer` outlive it.
 class Connection {
  public:
   Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const CurrentConfig &current_config,
-             int socket, Peer peer);
+             int socket, User &user, const Peer &peer);
   ~Connection();
 
   // serve answers requests until the client leaves, misbehaves beyond repair, or the socket is shut down for reading.
@@ -40,9 +42,11 @@ class Connection {
 
   std::optional<size_t> receive();
   bool peer_left() const;
+  Share &share_for(const Frame &frame) const;
   Next answer(const Frame &frame);
+  void answer_request(const Frame &frame);
   void answer_hello(const Frame &frame);
-  bool send(const HostWireHeader &request);
+  bool send(const HostWireHeader &request, Share::Pass &pass);
   void cleanse(size_t received);
   void follow_configuration();
   void complain(LogLimiter::Kind kind, const char *what);
@@ -50,9 +54,10 @@ class Connection {
   handlers::Service &service_;
   const handlers::Dispatcher &dispatcher_;
   const CurrentConfig &current_config_;
+  User &user_;
 
   const int socket_;
-  const Peer peer_;
+  const Peer &peer_;
   bool silent_so_far_ = true;
 
   uint64_t config_generation_ = 0;  // of the two below

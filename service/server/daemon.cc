@@ -8,7 +8,9 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -28,7 +30,13 @@
 namespace ksd::server {
 namespace {
 
-constexpr int kPauseWithoutDescriptors = 100;  // ms
+constexpr std::chrono::nanoseconds kPauseWithoutDescriptors = std::chrono::milliseconds(100);
+constexpr int kAcceptedAtOnce = 16;
+
+timespec to_timespec(std::chrono::nanoseconds time) {
+  constexpr int64_t kSecond = 1'000'000'000;
+  return {.tv_sec = time.count() / kSecond, .tv_nsec = time.count() % kSecond};
+}
 
 // Secrets pass through stacks and buffers: no core, no debugger of the same user, and where the system allows it no
 // page on its way to swap.
@@ -107,8 +115,10 @@ class Daemon {
     Server server(*service_, config_);
     spdlog::info("ksd {} serves {}", KSD_VERSION, socket_path_);
     notifier_.ready();
+    std::optional<std::chrono::nanoseconds> next_start;
     while (!asked_to_end()) {
-      if (wait()) accept_one(server);
+      if (wait(next_start)) accept_some(server);
+      next_start = server.start_next();
     }
     notifier_.stopping();
     close_socket();
@@ -158,33 +168,44 @@ class Daemon {
     listener_ = UniqueFd();
   }
 
-  // wait returns when there is a signal or a client, and tells whether there is a client.
-  bool wait() {
+  // wait returns when there is a signal or a client, or at the latest after `longest`, and tells whether there is a
+  // client.
+  bool wait(std::optional<std::chrono::nanoseconds> longest) {
     pollfd sources[] = {{.fd = signals_.get(), .events = POLLIN, .revents = 0},
                         {.fd = out_of_descriptors_ ? -1 : listener_.get(), .events = POLLIN, .revents = 0}};
-    poll(sources, 2, out_of_descriptors_ ? kPauseWithoutDescriptors : -1);
+    if (out_of_descriptors_) longest = std::min(longest.value_or(kPauseWithoutDescriptors), kPauseWithoutDescriptors);
+    const timespec limit = to_timespec(longest.value_or(std::chrono::nanoseconds(0)));
+    ppoll(sources, 2, longest ? &limit : nullptr, nullptr);
     out_of_descriptors_ = false;
     return sources[1].revents != 0;
   }
 
-  void accept_one(Server &server) {
-    UniqueFd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (client) return server.admit(std::move(client));
-    const int error = errno;
+  // Several at a time, since to accept one costs much less than to start it: whoever connects often fills a queue of
+  // their own, not that of the socket.
+  void accept_some(Server &server) {
+    for (int i = 0; i < kAcceptedAtOnce; ++i) {
+      UniqueFd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!client) return note_failed_accept(errno);
+      server.admit(std::move(client));
+    }
+  }
+
+  void note_failed_accept(int error) {
     if (error != EMFILE && error != ENFILE && error != ENOBUFS && error != ENOMEM) return;
     // The client stays in the queue; asking again at once would only spin.
     out_of_descriptors_ = true;
-    if (const auto held_back = service_->log_limiter.pass(LogLimiter::Kind::kRefused, geteuid())) {
-      spdlog::error("can't accept connections: {}{}", std::strerror(error), since_last(*held_back));
-    }
+    service_->log_limiter.warn(LogLimiter::Kind::kCantAccept, 0, "can't accept connections: {}", std::strerror(error));
   }
 
   // asked_to_end handles the signals that have come.
   bool asked_to_end() {
     signalfd_siginfo signal{};
     while (read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
-      if (signal.ssi_signo == SIGHUP) reload();
-      if (signal.ssi_signo == SIGUSR1) log_counters(service_->counters);
+      if (signal.ssi_signo == SIGHUP) {
+        obey("SIGHUP", [&] { reload(); });
+        obey("SIGHUP", [&] { notifier_.ready(); });  // a manager waits for it, whatever became of the reload
+      }
+      if (signal.ssi_signo == SIGUSR1) obey("SIGUSR1", [&] { log_counters(service_->counters); });
       if (signal.ssi_signo == SIGTERM || signal.ssi_signo == SIGINT) return true;
     }
     return false;
@@ -199,7 +220,16 @@ class Daemon {
       log_problems(options_.config, parsed.problems);
       spdlog::error("the configuration wasn't reloaded; the old one stays in force");
     }
-    notifier_.ready();
+  }
+
+  // obey does what a signal asks for, as far as there is memory for it.
+  template <typename Task>
+  void obey(const char *what, Task task) noexcept {
+    try {
+      task();
+    } catch (const std::exception &) {
+      service_->log_limiter.warn(LogLimiter::Kind::kSignal, 0, "{}: there is no memory for it", what);
+    }
   }
 
   void use(const config::Config &config) {

@@ -13,6 +13,10 @@
 namespace ksd::server {
 namespace {
 
+// How many connections wait in the socket itself, where they are all one queue: a short one, so that whoever connects
+// without end stands in the way of others for a few milliseconds at most. Those who find it full wait for room.
+constexpr int kQueue = 256;
+
 [[noreturn]] void fail(const std::string &path, const char *what) {
   throw std::runtime_error(fmt::format("{}: {}: {}", path, what, std::strerror(errno)));
 }
@@ -61,7 +65,7 @@ UniqueFd listen_at(const std::string &path, const config::Config &config) {
   if (config.socket_group && chown(path.c_str(), static_cast<uid_t>(-1), *config.socket_group) < 0) {
     fail(path, "can't give the socket to its group");
   }
-  if (listen(socket.get(), SOMAXCONN) < 0) fail(path, "can't listen on the socket");
+  if (listen(socket.get(), kQueue) < 0) fail(path, "can't listen on the socket");
   return socket;
 }
 

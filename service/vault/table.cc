@@ -47,10 +47,11 @@ Table::Prepared Table::prepare(const RowChanges &changes) {
   Names one;  // at a time: a map of its own for each would cost a table each
   size_t rows = rows_.size();
   for (const auto &[id, change] : changes) {
-    if (!change.after) continue;
+    const RowPtr &after = change.after;  // by a name that a function within may use
+    if (!after) continue;
     rows += change.before ? 0 : 1;
-    for_each_name(*change.after, [&](const EntryName &name) {
-      one.emplace(name, change.after);
+    for_each_name(*after, [&](const EntryName &name) {
+      one.emplace(name, after);
       prepared.push_back(one.extract(one.begin()));
     });
   }

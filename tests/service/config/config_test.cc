@@ -71,8 +71,13 @@ send_limit_ms = 200
 silence_limit_ms = 300
 supstate = 2
 [limits]
-connections = 1
-connections_per_user = 2
+connections = 9
+connections_per_user = 8
+connections_unmapped = 7
+connections_administrators = 1
+connects_per_second = 6
+requests_per_user = 5
+changes_per_user = 4
 entries = 3
 entries_per_user = 4
 bytes = 5
@@ -92,7 +97,7 @@ debug = [255]
   EXPECT_EQ(config.send_limit_ms, 200u);
   EXPECT_EQ(config.silence_limit_ms, 300u);
   EXPECT_EQ(config.supstate, 2u);
-  EXPECT_EQ(config.limits, (ksd::config::Limits{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(config.limits, (ksd::config::Limits{9, 8, 7, 1, 6, 5, 4, 3, 4, 5, 6}));
   EXPECT_TRUE(config.gates.record[103] && config.gates.record[0] && !config.gates.record[100]);
   EXPECT_TRUE(config.gates.debug[255]);
 }
@@ -149,6 +154,30 @@ TEST(Config, RefusesNumbersOutOfRange) {
               ElementsAre(HasSubstr("f:2:11: "), HasSubstr("f:3:15: "), HasSubstr("f:4:9: "),
                           "f:6:6: vdc.id takes a whole number from 0 to 65534"));
   EXPECT_THAT(problems_of("[trace]\nrecord = [255, 256]\n"), ElementsAre("f:2:16: a gate is a number from 0 to 255"));
+}
+
+TEST(Config, RefusesPlacesThatArentThere) {
+  EXPECT_THAT(problems_of("[limits]\nconnections = 10\nconnections_per_user = 11\n"),
+              ElementsAre("f:3:24: 11 of 10 connections: no user can have so many; at most 10 are possible"));
+  EXPECT_THAT(problems_of("[limits]\nconnections_unmapped = 1024\n"),
+              ElementsAre("f:2:24: 1024 of 1024 connections: none would be left for users with a VDC; at most 1023 are "
+                          "possible"));
+  EXPECT_THAT(problems_of("[limits]\nconnections = 10\nconnections_unmapped = 4\nconnections_administrators = 6\n"),
+              ElementsAre("f:4:30: 6 of 10 connections: none would be left for users with a VDC; at most 5 are "
+                          "possible"));
+  EXPECT_THAT(problems_of("[limits]\nconnections = 10\nconnections_unmapped = 4\nconnections_administrators = 5\n"),
+              IsEmpty());
+  EXPECT_THAT(problems_of("[limits]\nconnects_per_second = 0\nchanges_per_user = 0\nrequests_per_user = 1025\n"),
+              ElementsAre(HasSubstr("f:2:23: "), HasSubstr("f:3:20: "), HasSubstr("f:4:21: ")));
+}
+
+TEST(Config, HasPlacesFollowTheNumberOfConnections) {
+  const auto limits = good("[limits]\nconnections = 100\n").limits;
+  EXPECT_EQ(limits.connections_per_user, 100u);
+  EXPECT_EQ(limits.connections_unmapped, 6u);
+  EXPECT_EQ(limits.connections_administrators, 1u);
+  EXPECT_EQ(good("[limits]\nconnections = 1\n").limits.connections_unmapped, 1u);
+  EXPECT_EQ(good("[limits]\nconnections = 9999\n").limits.connections_per_user, 256u);
 }
 
 TEST(Config, RefusesAModeThatWasMeantToBeOctal) {

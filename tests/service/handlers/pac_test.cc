@@ -98,6 +98,16 @@ TEST_F(Pacs, TPrfTakesAnEmptyLabelAndAnAbsentRandom) {
   EXPECT_EQ(answer, success(unhex("183d88e556deff00866bbfbcff9b62a240c2aa61")));
 }
 
+// Each 20 bytes of output cost a pass over both.
+TEST_F(Pacs, TPrfTakesALabelAndARandomOf1024BytesAndNoMore) {
+  keystore.keep_pac("a-id", text("key"));
+  const ByteString longest(1024, 'x');
+  const ByteString too_long(1025, 'x');
+  EXPECT_EQ(t_prf(name, longest, longest, 5100).of(keystore).result, KS_SUCCESS);
+  EXPECT_EQ(t_prf(name, too_long, {}, 20).of(keystore), refusal(KS_RPC_TOO_LARGE));
+  EXPECT_EQ(t_prf(name, text("label"), too_long, 20).of(keystore), refusal(KS_RPC_TOO_LARGE));
+}
+
 TEST_F(Pacs, TPrfRefusesARandomThatIsAnnouncedButNotSent) {
   keystore.keep_pac("a-id", text("key"));
   const Asked asked{KS_OP_PAC_KEY_T_PRF, unhex("2800 08 14 0500 eeee 1c000000 2000 eeee 21000000"),

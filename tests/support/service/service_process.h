@@ -20,7 +20,7 @@
 
 namespace ks_test {
 
-// config_of_own_user is a configuration with the test's own user in `vdc` and his cache in the service's folder.
+// config_of_own_user is a configuration with the test's own user in `vdc` and that user's cache in the service's folder.
 std::string config_of_own_user(unsigned vdc);
 
 // ServiceSetup says how a service is to be. "@dir@" in the configuration and the arguments becomes the folder.

@@ -91,10 +91,18 @@ TEST(StatePage, StaysTheSameFileWhenTheServiceStartsAgain) {
   EXPECT_EQ(page.supstate(), 3u);
 }
 
-TEST(History, HasNoFolderThatEveryUserMayFill) {
+TEST(SocketFolder, HoldsNothingThatClientsMayWrite) {
+  const ServiceProcess service;
+  EXPECT_FALSE(std::filesystem::exists(service.folder() + "/history"));
+}
+
+TEST(SocketFolder, KeepsAFolderOfAnEarlierVersionAsItIs) {
   ServiceProcess service;
-  struct stat status;
-  EXPECT_NE(stat((service.folder() + "/history").c_str(), &status), 0);
+  service.stop();
+  const std::string history = service.folder() + "/history";
+  mkdir(history.c_str(), 0700);
+  service.start();
+  EXPECT_EQ(mode_of(history), 0700u);
 }
 
 TEST(Reload, CountsForConnectionsThatAreOpen) {
@@ -282,6 +290,18 @@ TEST(PassedSocket, IsRefusedWhenItIsOfAnotherKind) {
   }
 }
 
+TEST(PassedSocket, IsRefusedInAFolderThatOthersMayWrite) {
+  const PassedSocket passed;
+  const std::string folder = std::filesystem::path(passed.path()).parent_path();
+  chmod(folder.c_str(), 0777);
+  try {
+    ServiceProcess service(passed.setup());
+    FAIL();
+  } catch (const std::runtime_error &error) {
+    EXPECT_THAT(error.what(), HasSubstr("the folder of the socket isn't safe: " + folder + " has mode 0777"));
+  }
+}
+
 // With several users: what the kernel says about them counts.
 class Users : public testing::Test {
  protected:
@@ -344,10 +364,11 @@ TEST_F(Users, AreKeptOutByTheModeOfTheSocket) {
 }
 
 TEST_F(Users, DontUseUpEachOthersConnections) {
-  ServiceProcess service(with_config("[limits]\nconnections_per_user = 1\n"));
+  ServiceProcess service(with_config(
+      "[limits]\nconnections_per_user = 1\n[[vdc]]\nid = 3\nusers = [0]\n[[vdc]]\nid = 4\nusers = [23456]\n"));
   RawClient own(service.socket());
   own.hello();
-  EXPECT_EQ(vdc_of(service, kUser, kGroup), 0xff);
+  EXPECT_EQ(vdc_of(service, kUser, kGroup), 4);
   RawClient second(service.socket());
   EXPECT_TRUE(second.is_closed());
 }

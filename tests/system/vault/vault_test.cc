@@ -146,7 +146,7 @@ TEST(SecretStore, IsThereAgainAfterTheServiceWasKilled) {
   EXPECT_EQ(client.metadata("a").result(), kNotFound);
 }
 
-// Each user stores, walks, renames and clears among the others' entries, all at once, and meets his own only.
+// Each user stores, walks, renames and clears among the others' entries, all at once, and meets no entries but those.
 TEST(SecretStore, KeepsUsersApartWhoUseItAtOnce) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root, to act for several users";
   const ServiceProcess service(

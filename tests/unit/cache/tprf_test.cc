@@ -458,6 +458,10 @@ TEST_F(ReadTPrf, ComparesTheRandom) {
   expect_failure_with("Random number length mismatch.\n");
   EXPECT_EQ(read("LA", "r1s", 3), KS_FAILURE);
   expect_failure_with("Given random number does not match cached value.\n");
+
+  sdb.entries[kKey] = changed(14, bytes("01 00"));
+  EXPECT_EQ(read("LA", "s", 1), KS_FAILURE) << "one byte is a random, too";
+  expect_failure_with("Given random number does not match cached value.\n");
 }
 
 TEST_F(ReadTPrf, FailsWithoutARandomWhereTheEntryHasOne) {

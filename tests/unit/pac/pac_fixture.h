@@ -2,6 +2,7 @@
 #ifndef TESTS_UNIT_PAC_FIXTURE_H
 #define TESTS_UNIT_PAC_FIXTURE_H
 
+#include <algorithm>
 #include <csignal>
 
 #include "scripted.h"
@@ -83,6 +84,13 @@ class Test : public scripted::Test {
   void forget_reports() {
     scripted::platform().log.clear();
     trace.reports.clear();
+  }
+
+  // comes_before tells whether the log has both events, the first in front.
+  static bool comes_before(const std::string &first, const std::string &second) {
+    const Flow &log = scripted::platform().log;
+    const auto found = std::find(log.begin(), log.end(), first);
+    return std::find(found, log.end(), second) != log.end();
   }
 
   // takes checks what was handed out and releases it.
