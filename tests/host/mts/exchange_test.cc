@@ -199,6 +199,9 @@ TEST_F(Mts, TakesASecondDropForNothing) {
   for (int i = 0; i < 2; i++) {
     mts_drop(queue, &sent);
     mts_drop(queue, &received);
+    EXPECT_EQ(mts_rr_token_get(&sent), 0U);
+    EXPECT_EQ(mts_payload_get(&received), nullptr);
+    EXPECT_EQ(mts_payload_size(&received), 0U);
   }
 
   EXPECT_TRUE(works(queue));

@@ -398,6 +398,14 @@ TEST_F(SdbFull, SaysSoAndKeepsItsEntriesReadableAndDeletable) {
   EXPECT_EQ(value_of("small"), "v");
 }
 
+// A snapshot that nobody gives back would keep all pages since from being used again.
+TEST_F(SdbFull, IsNeverReachedByWritingTheSameAgain) {
+  ASSERT_EQ(open(), 0u);
+  const std::string value(1000000, 'v');
+  for (int i = 0; i < 150; ++i) ASSERT_EQ(put("key", value), 0u) << i;
+  EXPECT_EQ(value_of("key"), value);
+}
+
 TEST(SdbLibrary, NeedsOnlyTheCLibraryAndLmdb) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "sanitizers need their own";

@@ -101,9 +101,16 @@ TEST_F(Sysmgr, DoesNotKeepThatACallerHasNoId) {
 }
 
 TEST_F(Sysmgr, AsksForAChildAnew) {
+  const FakeService::Handler usual = service.greeter;
+  service.greeter = [&](int socket, const FakeService::Request &request) {
+    service.hello.vdc_id++;
+    return usual(socket, request);
+  };
   service.start();
-  EXPECT_TRUE(
-      passes_in_child([] { return sysmgr_vdc_get() == 7 && passes_in_child([] { return sysmgr_vdc_get() == 7; }); }));
+  EXPECT_TRUE(passes_in_child([] {
+    return sysmgr_vdc_get() == 8 && passes_in_child([] { return sysmgr_vdc_get() == 9 && sysmgr_vdc_get() == 9; }) &&
+           sysmgr_vdc_get() == 8;
+  }));
   EXPECT_EQ(service.connections(), 2U);
 }
 
@@ -158,6 +165,7 @@ TEST_F(Sysmgr, CompletesAUri) {
   EXPECT_STREQ(uri, "lmdb:///run/ks/db/sksd_ks_cache_data");
   EXPECT_STREQ(sysmgr_uri_complete("lmdb:///x/", "a", "b"), "lmdb:///x/ab");
   EXPECT_STREQ(sysmgr_uri_complete("lmdb:///x", nullptr, "b"), "lmdb:///x/b");
+  EXPECT_STREQ(sysmgr_uri_complete("lmdb:///x", "a", nullptr), "lmdb:///x/a");
   EXPECT_STREQ(sysmgr_uri_complete("", "sksd_", "ks_cache_data"), "");
   EXPECT_STREQ(sysmgr_uri_complete(nullptr, "sksd_", "ks_cache_data"), "");
   EXPECT_STREQ(uri, "lmdb:///run/ks/db/sksd_ks_cache_data") << "an earlier text is readable still";
