@@ -333,6 +333,23 @@ TEST_F(SdbSlots, OfTheDeadAreClearedWhenTheTableIsFull) {
   std::thread([&] { EXPECT_EQ(value_of("key"), "value"); }).join();
 }
 
+TEST_F(SdbSlots, OfThoseWhoDiedTogetherAreClearedByAReader) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "value"), 0u);
+  std::vector<pid_t> others;
+  for (unsigned i = 1; i < kSlots; ++i) {
+    others.push_back(start_child([&] {
+      if (value_of("key") != "value") return 1;
+      raise(SIGSTOP);
+      return 0;
+    }));
+    wait_until_stopped(others.back());
+  }
+  std::thread([&] { EXPECT_EQ(read("key"), kRetryCode); }).join();
+  for (const pid_t other : others) end(other);
+  std::thread([&] { EXPECT_EQ(value_of("key"), "value"); }).join();
+}
+
 TEST_F(SdbProcesses, ReadWithoutASystemCall) {
 #ifdef __SANITIZE_THREAD__
   GTEST_SKIP() << "this sanitizer makes system calls of its own";
