@@ -1,11 +1,15 @@
 // What other processes rely on: which bytes of the gate's file are locked when, and how many may read.
 #include <fcntl.h>
+#include <lmdb.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 
 #include <atomic>
+#include <cerrno>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "sdb_fixture.h"
@@ -17,6 +21,7 @@ class SdbLimits : public Sdb {
   ~SdbLimits() override {
     at_txn_begin = nullptr;
     at_sync = nullptr;
+    txn_begin_result = 0;
   }
 
   // The bytes of the gate's file that this process holds, as another process sees them.
@@ -103,6 +108,31 @@ TEST_F(SdbLimits, OfAFilesSizeAreTold) {
                          : 3;
             }),
             0);
+}
+
+TEST_F(SdbLimits, OfLmdbAreTold) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "value"), 0u);
+  for (const auto &[result, code, text] : {
+           std::tuple{ENOSPC, 0x411a0004, "The database is full: cannot begin to write: No space left on device"},
+           std::tuple{EDQUOT, 0x411a0004, "The database is full: cannot begin to write: Disk quota exceeded"},
+           std::tuple{EFBIG, 0x411a0004, "The database is full: cannot begin to write: File too large"},
+           std::tuple{ENOMEM, 0x411a0007, "Out of memory: cannot begin to write: Cannot allocate memory"},
+           std::tuple{EIO, 0x411a0009, "A system call failed: cannot begin to write: Input/output error"},
+       }) {
+    txn_begin_result = result;
+    EXPECT_EQ(put("key", "new"), static_cast<uint32_t>(code)) << result;
+    EXPECT_STREQ(syserr2str(static_cast<uint32_t>(code)), text);
+  }
+  for (const auto &[result, code] : {std::pair{MDB_MAP_RESIZED, 0x411a000c}, std::pair{MDB_MAP_FULL, 0x411a0004},
+                                     std::pair{MDB_TXN_FULL, 0x411a0004}, std::pair{MDB_CORRUPTED, 0x411a0002},
+                                     std::pair{MDB_PANIC, 0x411a0002}, std::pair{MDB_VERSION_MISMATCH, 0x411a000b}}) {
+    txn_begin_result = result;
+    std::thread([&, expected = static_cast<uint32_t>(code)] { EXPECT_EQ(read("key"), expected) << result; }).join();
+  }
+  txn_begin_result = 0;
+  EXPECT_EQ(value_of("key"), "value");
+  EXPECT_EQ(put("key", "new"), 0u);
 }
 
 TEST_F(SdbLimits, OfItsMapAreTheFilesSize) {

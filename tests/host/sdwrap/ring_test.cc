@@ -199,8 +199,10 @@ TEST_F(Ring, KeepsThoseOfTheLivingAndOfOthers) {
     others = make_dead(dead, 99, 1);
     ASSERT_EQ(chown(others.c_str(), kSomebody, kSomebody), 0);
   }
-  for (int i = 0; i < 20; i++) make_dead(dead, i, 1000 + i);
+  std::vector<std::string> paths;
+  for (int i = 0; i < 20; i++) paths.push_back(make_dead(dead, 100 + i, 1000 + i));
   ASSERT_TRUE(passes_in_child([] { return report() == 0; }));
+  for (int i = 0; i < 20; i++) EXPECT_EQ(size_of(paths[static_cast<size_t>(i)]) == 0, i >= 4) << i;
   EXPECT_EQ(size_of(living), 0);
   for (const std::string &path : odd) EXPECT_EQ(size_of(path), 0) << path;
   if (!others.empty()) {
