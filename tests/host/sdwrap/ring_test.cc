@@ -9,6 +9,7 @@
 
 #include "fake_service/fake_service.h"
 #include "sdwrap.h"
+#include "sdwrap_hooks.h"
 #include "start_time.h"
 
 namespace {
@@ -201,6 +202,8 @@ TEST_F(Ring, KeepsThoseOfTheLivingAndOfOthers) {
   }
   std::vector<std::string> paths;
   for (int i = 0; i < 20; i++) paths.push_back(make_dead(dead, 100 + i, 1000 + i));
+  // In a folder's own order, odd names come before all others or behind them.
+  for (const char *name : {"/0-2.ring", "/4294967295-2.ring"}) make(history() + name);
   ASSERT_TRUE(passes_in_child([] { return report() == 0; }));
   for (int i = 0; i < 20; i++) EXPECT_EQ(size_of(paths[static_cast<size_t>(i)]) == 0, i >= 4) << i;
   EXPECT_EQ(size_of(living), 0);
@@ -208,6 +211,19 @@ TEST_F(Ring, KeepsThoseOfTheLivingAndOfOthers) {
   if (!others.empty()) {
     EXPECT_EQ(size_of(others), 0);
   }
+}
+
+TEST_F(Ring, IsTriedForAgainAfterASecond) {
+  EXPECT_TRUE(passes_in_child([this] {
+    rmdir(history().c_str());
+    report();
+    mkdir(history().c_str(), 01777);
+    report();
+    const bool at_once = size_of(own_path()) != -1;
+    clock_ahead = 2;
+    report();
+    return !at_once && size_of(own_path()) == sizeof(HostRing) && ring_at(own_path()).next == 1;
+  }));
 }
 
 // A name has up to 63 bytes: what is longer is none that this library gave.
