@@ -1,5 +1,5 @@
 // beside.h: runs a program's benchmarks several times in turns and prints, for each that has a floor, how many times
-// the floor's cost it costs. Only the medians of one run are compared: the machine's mood is the same for both.
+// the floor's cost it costs. Only the medians of one run are compared: the machine is then in one state for both.
 #ifndef BENCH_BESIDE_H
 #define BENCH_BESIDE_H
 

@@ -21,7 +21,7 @@ target_link_libraries(ks_gtest_pch PUBLIC gmock gtest)
 # Compiled as the programs that use it are: gcc refuses a precompiled header of another kind of position independence.
 set_target_properties(ks_gtest_pch PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 # Test programs are compiled often and run briefly: without optimisation they take a third of the time to build.
-set(KS_TEST_OPTIONS -O0 -g1 ${KS_UNCHECKED})
+set(KS_TEST_OPTIONS -O0 -g1 ${KS_UNCHECKED} $<$<BOOL:${KS_COVERAGE}>:-DKS_COVERAGE>)
 target_compile_options(ks_gtest_pch PRIVATE -fPIE ${KS_TEST_OPTIONS})
 target_precompile_headers(ks_gtest_pch PRIVATE <gmock/gmock.h> <gtest/gtest.h> <string> <vector>)
 

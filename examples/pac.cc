@@ -12,7 +12,7 @@ namespace {
 
 int messages = 0;
 
-// In 2038, and in 2038 too for the ageing walk, which takes the four bytes in the processor's own order.
+// A time in 2038 whose bytes read alike both ways: the ageing walk takes them in the processor's own order.
 constexpr uint32_t kExpiry = 0x7fff'ff7f;
 
 }  // namespace

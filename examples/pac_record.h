@@ -1,4 +1,4 @@
-// pac_record.h: making the public part of a PAC, as whoever provisions PACs does.
+// pac_record.h: making the public part of a PAC, as a program that provisions PACs does.
 #ifndef EXAMPLES_PAC_RECORD_H
 #define EXAMPLES_PAC_RECORD_H
 

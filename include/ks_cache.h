@@ -79,7 +79,8 @@ KS_EXPORT uint32_t sksd_sdb_delete(const void *key, uint32_t key_size);
  * it may be NULL when `meta_len` is 0.
  *
  * KS_NO_MEMORY, KS_FAILURE (the database refused): the old entry is gone all the same.
- * NOTE: when the database refuses, the value that was built is never freed. */
+ * NOTE: when the database refuses, the value that was built is never freed. NOTE: a report takes `metadata` for a
+ * text. Metadata without a zero byte, which an opaque or info TLV begins with, costs as much of the stack again. */
 KS_EXPORT KsResult ks_cache_pac_write(const void *name, uint32_t name_len, const void *metadata, uint16_t meta_len);
 
 /* ks_cache_read_pac hands out a copy of the entry's metadata, which the caller frees, and its length. With a NULL
@@ -87,9 +88,11 @@ KS_EXPORT KsResult ks_cache_pac_write(const void *name, uint32_t name_len, const
  *
  * KS_NOT_FOUND: there is no entry. KS_FAILURE: the URI is wrong, or the key has no value. KS_NO_MEMORY: `*metadata` is
  * then NULL.
- * NOTE: KS_SUCCESS with a NULL `*metadata` and a length of 0 is a damaged entry: its metadata is empty, or isn't wholly
- * there. NOTE: a read error other than the three that have a meaning counts as none: with a NULL `metadata` the answer
- * is KS_SUCCESS. */
+ * NOTE: KS_SUCCESS with a NULL `*metadata` and a length of 0 is an entry without metadata, or a value too short for its
+ * head. NOTE: the lengths in a value are not compared with its size. The database must refuse what no writer wrote, as
+ * ours does by a check that it keeps beside each value. NOTE: more than 65,535 bytes of metadata, which no writer here
+ * can store, are handed out whole, with the low 16 bits of their length. NOTE: a read error other than the three that
+ * have a meaning counts as none: with a NULL `metadata` the answer is KS_SUCCESS. */
 KS_EXPORT KsResult ks_cache_read_pac(const void *name, uint32_t name_len, uint8_t **metadata, uint16_t *meta_len);
 
 /* ks_cache_find_pac tells whether the caller's VDC has an entry for `aid`, of 1 to 31 bytes, which is not tested for
@@ -108,10 +111,9 @@ KS_EXPORT KsResult ks_cache_pac_clear(const void *name, uint32_t name_len);
  * must exist; its metadata stays. `random` may be NULL: the T-PRF had none. All bytes are copied.
  *
  * KS_INVALID_ARGS: also for a NULL or empty `label` or `output`. KS_NOT_FOUND: there is no entry, and none is made.
- * KS_FAILURE: the entry was damaged and is deleted, or the database refused; KS_NO_MEMORY. After a refusal, and where
- * the new value can't be allocated, the entry is gone.
- * NOTE: two copies of the metadata are never freed, whatever the result. NOTE: a NULL `random` with a length leaves a
- * gap of that length in the value. */
+ * KS_FAILURE: the entry had no metadata and is deleted, or the database refused; KS_NO_MEMORY. After a refusal, and
+ * where the new value can't be allocated, the entry is gone. NOTE: two copies of the metadata are never freed, whatever
+ * the result. NOTE: a NULL `random` with a length leaves a gap of that length in the value. */
 KS_EXPORT KsResult ks_cache_pac_write_tprf(const void *name, uint32_t name_len, const void *label, uint16_t label_len,
                                            const void *random, uint16_t random_len, const void *output,
                                            uint16_t output_len);
@@ -121,7 +123,8 @@ KS_EXPORT KsResult ks_cache_pac_write_tprf(const void *name, uint32_t name_len, 
  *
  * KS_INVALID_ARGS: also for a NULL or empty `label`. KS_NOT_FOUND: there is no entry. KS_FAILURE: it has no T-PRF
  * result, or that of another label or random; nothing but the report tells these apart. KS_NO_MEMORY: `*output` is then
- * NULL. */
+ * NULL.
+ * NOTE: as in ks_cache_read_pac, the lengths and offsets in a value are not compared with its size. */
 KS_EXPORT KsResult ks_cache_read_tprf(const void *name, uint32_t name_len, const void *label, uint16_t label_len,
                                       const void *random, uint16_t random_len, uint8_t **output, uint16_t *output_len);
 
@@ -133,7 +136,8 @@ KS_EXPORT KsResult ks_cache_purge_all(void);
 
 /* ks_cache_purge_vdc_keys does the same, but spares a key whose VDC id isn't the caller's and whose name tag lies
  * outside 0x29 to 0x50.
- * NOTE: every PAC's tag lies inside: as things are, this empties the cache for all VDCs. */
+ * NOTE: every PAC's tag lies inside: as things are, this empties the cache for all VDCs. NOTE: a key of fewer than 8
+ * bytes, which none of ours is, holds no VDC id and is deleted. */
 KS_EXPORT KsResult ks_cache_purge_vdc_keys(void);
 
 #endif

@@ -9,8 +9,9 @@
  * the processor's own byte order. Reserved bytes are not written; the service ignores them. */
 
 /* For every operation here: KS_FAILURE is a failed exchange, or a reply whose data has not the length that was asked
- * for. Whether the name exists (KS_NOT_FOUND) and its key suits (KS_BAD_KEY, KS_KEY_LEN_UNSUPPORTED) only the service
- * knows: its answer comes back unchanged. The `_resp` functions do not read `payload_size`. */
+ * for (ks_NewPasswordEncryptedWithOldNtPasswordHash takes any). Whether the name exists (KS_NOT_FOUND) and its key
+ * suits (KS_BAD_KEY, KS_KEY_LEN_UNSUPPORTED) only the service knows: its answer comes back unchanged. The `_resp`
+ * functions do not read `payload_size`. */
 
 /* --- DES and 3DES, ECB mode */
 
@@ -80,10 +81,11 @@ KS_EXPORT KsResult ks_aes_encrypt(const char *name, const uint8_t *input, uint8_
 KS_EXPORT KsResult ks_aes_decrypt(const char *name, const uint8_t *input, uint8_t *output, uint16_t len);
 
 /* ks_aes_encrypt_req builds a request: allocates the wire name, fills the two entries of `sections` (name, data) and
- * `descriptor`. The caller frees the name through `sections[0]`. It checks nothing and takes the low 8 bits of the
- * name's length.
+ * `descriptor`. The caller frees the name through `sections[0]`. It checks nothing.
  *
- * KS_NO_MEMORY: the name can't be allocated; nothing is written. */
+ * KS_NO_MEMORY: the name can't be allocated; nothing is written.
+ * NOTE: the low 8 bits of the name's length are copied into a buffer for 31. A name whose low 8 bits say 32 to 255
+ * damages the heap; one of 257 bytes is taken by its first. */
 KS_EXPORT KsResult ks_aes_encrypt_req(const char *name, const uint8_t *input, uint16_t len, KsSection *sections,
                                       KsAesDescriptor *descriptor);
 
@@ -118,6 +120,18 @@ KS_STATIC_ASSERT(offsetof(KsAesCbcDescriptor, iv_offset) == 4);
 KS_STATIC_ASSERT(offsetof(KsAesCbcDescriptor, data_len) == 6);
 KS_STATIC_ASSERT(offsetof(KsAesCbcDescriptor, data_offset) == 8);
 
+/* KsAesCbcReply is what a reply to such a request begins with, at any alignment. The data follows it: as many bytes as
+ * `total_len` says without the IV. */
+typedef struct {
+  KsResult result;
+  uint16_t total_len; /* 16 more than the data's length */
+  uint8_t iv[16];     /* to chain with */
+} __attribute__((packed)) KsAesCbcReply;
+
+KS_STATIC_ASSERT(sizeof(KsAesCbcReply) == 22);
+KS_STATIC_ASSERT(offsetof(KsAesCbcReply, total_len) == 4);
+KS_STATIC_ASSERT(offsetof(KsAesCbcReply, iv) == 6);
+
 /* ks_aes_cbc_encrypt encrypts `len` bytes of `input` into `output` (as long) with AES in CBC mode under the secret
  * `name`. `iv` is 16 bytes, in and out: on success it holds the value to chain with, so that a long text is encrypted
  * by passing the same buffer from call to call. After a failure it is unchanged and the call may be repeated. `len` is
@@ -126,7 +140,8 @@ KS_STATIC_ASSERT(offsetof(KsAesCbcDescriptor, data_offset) == 8);
  * KS_INVALID_ARGS: a pointer is NULL, the name is refused, or `len` is none of these.
  * NOTE: the low 8 bits of the name's length decide: of a name of 257 to 287 bytes only the first 1 to 31 are used.
  * ks_aes_cbc_decrypt refuses such a name.
- * NOTE: a reply counts the IV in 16 bits of length, so a `len` above 65,504 can never be answered: KS_FAILURE.
+ * NOTE: a reply counts the IV in its 16 bits of length, so a `len` above 65,504 can't be answered: the keystore daemon
+ * refuses it with KS_RPC_TOO_LARGE.
  * NOTE: where `output` and `iv` overlap, the data is written last. */
 KS_EXPORT KsResult ks_aes_cbc_encrypt(const char *name, uint8_t *iv, const uint8_t *input, uint16_t len,
                                       uint8_t *output);
@@ -139,10 +154,10 @@ KS_EXPORT KsResult ks_aes_cbc_decrypt(const char *name, uint8_t *iv, const uint8
                                       uint8_t *output);
 
 /* ks_aes_cbc_encrypt_req builds a request: allocates the wire name, fills the three entries of `sections` (name, IV,
- * data) and `descriptor`. The caller frees the name through `sections[0]`. It checks nothing and takes the low 8 bits
- * of the name's length.
+ * data) and `descriptor`. The caller frees the name through `sections[0]`. It checks nothing.
  *
- * KS_NO_MEMORY: the name can't be allocated; nothing is written. */
+ * KS_NO_MEMORY: the name can't be allocated; nothing is written.
+ * NOTE: a name whose low 8 bits of length say 32 to 255 damages the heap, as in ks_aes_encrypt_req. */
 KS_EXPORT KsResult ks_aes_cbc_encrypt_req(const char *name, const uint8_t *iv, const uint8_t *input, uint16_t len,
                                           KsSection *sections, KsAesCbcDescriptor *descriptor);
 
@@ -190,14 +205,16 @@ KS_STATIC_ASSERT(offsetof(KsHashDescriptor, second_offset) == 8);
  * KS_INVALID_ARGS: the name is not 1 to 31 bytes, both pieces are absent, they are too long, or `output` is NULL.
  * NOTE: one present piece is enough and the other isn't looked at: a NULL pointer with a length other than 0 goes to
  * the message service as it is.
- * NOTE: the wire name (the name's length plus 4 bytes) stays allocated after every call, whatever its result. */
+ * NOTE: once the request is built, the wire name (the name's length plus 4 bytes) stays allocated, whatever comes of
+ * the exchange. A call that is refused, or ends without memory, leaves nothing. */
 KS_EXPORT KsResult ks_md5_hash(const char *name, const uint8_t *first, uint16_t first_len, const uint8_t *second,
                                uint16_t second_len, uint8_t *output);
 
 /* ks_sha1_hash does the same with SHA-1; `output` is 20 bytes.
  *
- * NOTE: when the wire name can't be allocated, the request goes out all the same, with an empty section list and a
- * descriptor of arbitrary content; the service's answer to that is the result. ks_md5_hash gives KS_NO_MEMORY. */
+ * NOTE: the wire name stays allocated as there. When it can't be allocated, the request goes out all the same, with an
+ * empty section list and a descriptor of arbitrary content; the service's answer to that is the result. ks_md5_hash
+ * gives KS_NO_MEMORY. */
 KS_EXPORT KsResult ks_sha1_hash(const char *name, const uint8_t *first, uint16_t first_len, const uint8_t *second,
                                 uint16_t second_len, uint8_t *output);
 

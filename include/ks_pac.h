@@ -134,8 +134,11 @@ KS_EXPORT uint32_t ks_get_pac_expiration(const uint8_t *aid, uint32_t aid_len);
  *
  * KS_NOT_FOUND: the keystore has no such PAC; look at the result before `*exists`. KS_FW_COMM_ERROR: the exchange
  * failed.
- * NOTE: once the cache was asked in vain, the keystore's positive answer can't be delivered: the process faults on a
- * NULL pointer. `*exists` is 0 by then. Warm the cache, or ask ks_return_pac_info. */
+ * NOTE: before you call it: with an open cache that lacks a PAC of the keystore, the process faults. Once the cache was
+ * asked in vain, the keystore's positive answer is stored through a NULL pointer; `*exists` is 0 by then. An answer is
+ * safe when the cache has the PAC, when the keystore hasn't, and while the cache can't be opened.
+ * Call ks_return_pac_opaque or ks_return_pac_info instead, and free what they hand out: KS_SUCCESS means that the PAC
+ * is there, KS_NOT_FOUND that it isn't. ks_cache_find_pac asks the cache alone. */
 KS_EXPORT KsResult ks_pac_exists(const uint8_t *aid, uint32_t aid_len, uint32_t *exists);
 
 /* ks_pac_exists_req allocates the name, which the caller frees through `section`, and fills both outputs. It checks
@@ -170,13 +173,14 @@ KS_EXPORT KsResult ks_clear_pac_resp(uint16_t payload_size, const void *payload)
 
 /* ks_pac_key_t_prf computes the T-PRF of RFC 4851 on the key of the PAC `aid`, with `label` and, unless `random` is
  * NULL, `random` as its seed: `output_len` bytes into `output`. A result that is cached for the same label and random
- * comes from the cache, whatever its length. Label and random are not checked here.
+ * comes from the cache, whatever its length. Label and random are not checked here. The service takes up to 1,024 bytes
+ * of each.
  *
  * KS_INVALID_ARGS: `aid` or `output` is NULL, `aid_len` is not 1 to 31, or `output_len` is 0. KS_NOT_FOUND: the
  * keystore has no such PAC. KS_FAILURE: the exchange failed, or the result is longer than `output_len`, in which case
- * the keystore isn't asked for a shorter one and nothing is copied. NOTE: a shorter result is a success, and the rest
- * of `output` stays as it was; its length isn't told. NOTE: the copy that the cache handed out stays allocated when it
- * is too long, or when this call opened the cache. */
+ * the keystore isn't asked for a shorter one and nothing is copied. KS_RPC_TOO_LARGE: the service refused the label or
+ * the random. NOTE: a shorter result is a success, and the rest of `output` stays as it was; its length isn't told.
+ * NOTE: the copy that the cache handed out stays allocated when it is too long, or when this call opened the cache. */
 KS_EXPORT KsResult ks_pac_key_t_prf(const uint8_t *aid, uint8_t aid_len, const uint8_t *label, uint16_t label_len,
                                     const uint8_t *random, uint16_t random_len, uint8_t *output, uint16_t output_len);
 
@@ -205,9 +209,11 @@ KS_EXPORT KsResult ks_cache_get_pac_tprf(const uint8_t *aid, uint32_t aid_len, c
 /* ks_sw_pac_still_valid returns 1 if a PAC with this metadata is to be kept for the identity `i_id`, and 0 if it isn't:
  * its info must hold that identity, and no lifetime that has passed. Only the first info counts, and the walk ends at
  * another identity, or as soon as it has met both. Damaged metadata gives 0.
- * NOTE: the lifetime is compared as a signed number in the processor's own byte order, not converted as
- * ks_get_pac_expiration converts it.
- * NOTE: `i_id` is not tested: NULL faults at the first identity. */
+ * NOTE: before you call it: the lifetime is compared as a signed number in the processor's own byte order, not
+ * converted as ks_get_pac_expiration converts it. On a little-endian processor the last byte of the time decides: nine
+ * of ten PACs with a lifetime count as expired, however long they still live, and some that have expired count as
+ * alive. To know whether a PAC has expired, compare ks_get_pac_expiration with time(). NOTE: `i_id` is not tested: NULL
+ * faults at the first identity. */
 KS_EXPORT uint32_t ks_sw_pac_still_valid(const uint8_t *meta, uint16_t meta_len, const char *i_id);
 
 /* ks_clear_old_pacs removes the caller's PACs that ks_sw_pac_still_valid doesn't accept for `i_id` from the keystore:
@@ -215,8 +221,12 @@ KS_EXPORT uint32_t ks_sw_pac_still_valid(const uint8_t *meta, uint16_t meta_len,
  * passed over.
  *
  * KS_SUCCESS: the end of the table was reached. Any other result ends the walk.
- * NOTE: the position behind a PAC that stays is not looked at, so that one call may pass over PACs; call again.
- * NOTE: each PAC visited costs its two messages and its name for the life of the process. */
+ * NOTE: before you call it: by the byte order in which ks_sw_pac_still_valid compares lifetimes, most PACs that still
+ * live are removed on a little-endian processor. Ask ks_return_aid_by_index for each PAC and ks_get_pac_expiration for
+ * its time instead, and remove with ks_clear_pac those that have expired. A time of 0 says that none could be told.
+ * After each removal begin again at position 0: the table may have closed up. NOTE: the position behind a PAC that
+ * stays is not looked at, so that one call may pass over PACs; call again. NOTE: each PAC visited costs its two
+ * messages and its name for the life of the process. */
 KS_EXPORT KsResult ks_clear_old_pacs(const char *i_id);
 
 /* ks_clear_all_pacs removes all of the caller's PACs from the keystore, up to the first that can't be removed, whose

@@ -5,11 +5,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <new>
 
 #include "crypto/cleanse.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 struct AesSize {
   const nettle_cipher &cipher;
@@ -88,4 +89,4 @@ bool TripleDesKey::prepare(void *place, Bytes key) {
   return true;
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

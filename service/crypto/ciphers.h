@@ -10,9 +10,9 @@
 #include <nettle/aes.h>
 #include <nettle/des.h>
 
-#include "handler.h"
+#include "base/bytes.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 inline constexpr size_t kAesBlockSize = AES_BLOCK_SIZE;
 inline constexpr size_t kDesBlockSize = DES_BLOCK_SIZE;
@@ -80,6 +80,6 @@ class TripleDesKey {
   des3_ctx schedule_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

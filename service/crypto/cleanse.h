@@ -6,7 +6,7 @@
 
 #include <type_traits>
 
-namespace ksd {
+namespace ksd::crypto {
 
 // Cleansed holds a T on the stack and overwrites it at the end of the scope, which the compiler may not leave out.
 template <typename T>
@@ -22,6 +22,6 @@ struct Cleansed {
   T value;
 };
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

@@ -5,16 +5,17 @@
 
 #include <stdexcept>
 
-namespace ksd {
+namespace ksd::crypto {
 
-Crypto::Crypto(Tamper tamper) {
+AlgorithmSet start() {
   if (sodium_init() < 0) throw std::runtime_error("libsodium can't be started: is there a system random generator?");
-  passed_ = self_test(tamper);
-  for (size_t i = 0; i < passed_.size(); ++i) {
-    if (passed_[i]) continue;
+  const AlgorithmSet passed = self_test();
+  for (size_t i = 0; i < passed.size(); ++i) {
+    if (passed[i]) continue;
     spdlog::critical("{} failed its self-test and is refused; reinstall the cryptographic library, then restart",
                      algorithm_name(static_cast<Algorithm>(i)));
   }
+  return passed;
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

@@ -5,21 +5,24 @@
 #include "crypto/key_cache.h"
 #include "crypto/self_test.h"
 
-namespace ksd {
+namespace ksd::crypto {
+
+// start runs the self-test, and gives the algorithms that passed it. Each that failed is logged. Throws
+// std::runtime_error when there are no random numbers to be had.
+AlgorithmSet start();
 
 class Crypto {
  public:
-  // The self-test runs here. An algorithm that fails it is logged, and is refused from then on, alone.
-  explicit Crypto(Tamper tamper = nullptr);
+  explicit Crypto(AlgorithmSet usable) : usable_(usable) {}
 
-  bool usable(Algorithm algorithm) const { return passed_.test(static_cast<size_t>(algorithm)); }
+  bool usable(Algorithm algorithm) const { return usable_.test(static_cast<size_t>(algorithm)); }
 
   KeyCache keys;
 
  private:
-  AlgorithmSet passed_;
+  const AlgorithmSet usable_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

@@ -7,10 +7,10 @@
 
 #include <initializer_list>
 
+#include "base/bytes.h"
 #include "crypto/cleanse.h"
-#include "handler.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 struct Md5 {
   static constexpr uint16_t kDigestSize = MD5_DIGEST_SIZE;
@@ -37,6 +37,6 @@ void digest_of(std::initializer_list<Bytes> pieces, uint8_t *out) {
   Digest::digest(&state.value, Digest::kDigestSize, out);
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
-namespace ksd {
+namespace ksd::crypto {
 
 // T1 = HMAC(key, label ‖ 0 ‖ seed ‖ length ‖ 1), Tn = HMAC(key, Tn-1 ‖ label ‖ 0 ‖ seed ‖ length ‖ n), the length as
 // two bytes, big-endian.
@@ -21,4 +22,4 @@ void t_prf(const HmacSha1Key &key, Bytes label, Bytes seed, std::span<uint8_t> o
   }
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

@@ -12,7 +12,7 @@
 #include "crypto/ciphers.h"
 #include "crypto/cleanse.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 // HmacKey holds the states of the inner and the outer digest after the key has gone in. Any key will do.
 template <PreparedKind kKindOf, typename State, const nettle_hash &kHash, size_t kSize>
@@ -50,6 +50,6 @@ inline constexpr size_t kTPrfMaxOutput = size_t{255} * HmacSha1Key::kDigestSize;
 // zero byte that the function puts between it and the seed.
 void t_prf(const HmacSha1Key &key, Bytes label, Bytes seed, std::span<uint8_t> out);
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace ksd {
+namespace ksd::crypto {
 
 KeyCache::Kept *KeyCache::Shard::find(uint64_t generation, PreparedKind kind) {
   for (Kept &one : kept) {
@@ -56,4 +56,4 @@ size_t KeyCache::size() const {
   return count;
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

@@ -4,6 +4,7 @@
 #include <nettle/md4.h>
 
 #include <array>
+#include <cstring>
 #include <new>
 #include <string_view>
 
@@ -11,7 +12,7 @@
 #include "crypto/digests.h"
 #include "crypto/utf16.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 namespace {
 
@@ -124,4 +125,4 @@ void master_key(const NtHash &password, Bytes nt_response, uint8_t *out) {
   std::memcpy(out, digest.value.data(), kMasterKeySize);
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

@@ -4,7 +4,7 @@
 
 #include "crypto/ciphers.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 inline constexpr size_t kChallengeSize = 16;
 inline constexpr uint16_t kNtResponseSize = 24;
@@ -50,6 +50,6 @@ void old_hash_block(const NtHash &new_password, const NtHash &old_password, uint
 
 void master_key(const NtHash &password, Bytes nt_response, uint8_t *out);
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

@@ -6,13 +6,14 @@
 #include <array>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "crypto/ciphers.h"
 #include "crypto/digests.h"
 #include "crypto/hmac.h"
 #include "crypto/mschap.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 namespace {
 
@@ -55,7 +56,7 @@ Written aes_ecb() {
   const Written block = unhex("00112233445566778899aabbccddeeff");
   const Written longest = unhex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
   Written all;
-  for (const size_t size : {16, 24, 32}) {
+  for (const size_t size : {16U, 24U, 32U}) {
     const Bytes key = Bytes(longest).first(size);
     Written cipher(kAesBlockSize), plain(kAesBlockSize);
     Local<AesEncryptKey>(key)->ecb(block, cipher.data());
@@ -249,4 +250,4 @@ AlgorithmSet self_test(Tamper tamper) {
   return passed;
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

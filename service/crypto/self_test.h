@@ -3,11 +3,13 @@
 #define SERVICE_CRYPTO_SELF_TEST_H
 
 #include <bitset>
+#include <cstdint>
+#include <span>
 #include <string_view>
 
-#include "handler.h"
+#include "base/bytes.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 enum class Algorithm : uint8_t {
   kAesEcb,
@@ -37,6 +39,6 @@ using Tamper = void (*)(Algorithm algorithm, std::span<uint8_t> computed);
 // self_test computes every algorithm's values, and gives those that came out right.
 AlgorithmSet self_test(Tamper tamper = nullptr);
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

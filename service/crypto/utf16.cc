@@ -1,6 +1,6 @@
 #include "crypto/utf16.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 namespace {
 
@@ -70,4 +70,4 @@ void to_utf16le(Bytes utf8, uint8_t *out) {
   }
 }
 
-}  // namespace ksd
+}  // namespace ksd::crypto

@@ -4,9 +4,9 @@
 
 #include <optional>
 
-#include "handler.h"
+#include "base/bytes.h"
 
-namespace ksd {
+namespace ksd::crypto {
 
 // utf16_size gives the size in bytes of `utf8` as UTF-16, or nothing when it is no well-formed UTF-8: an overlong form,
 // a surrogate, a code point above 10ffff or a piece of one are refused, so that a password has one hash only.
@@ -15,6 +15,6 @@ std::optional<size_t> utf16_size(Bytes utf8);
 // to_utf16le writes the utf16_size bytes of a well-formed `utf8` to `out`.
 void to_utf16le(Bytes utf8, uint8_t *out);
 
-}  // namespace ksd
+}  // namespace ksd::crypto
 
 #endif

@@ -2,19 +2,20 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <stdexcept>
 
 #include "vault/files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
+constexpr int kLogSizeLimit = 8 << 20;
 constexpr int kApplicationId = 0x6b735631;  // "ksV1", for file(1) and for telling other databases
 
 // Free pages go back a few at a time (auto_vacuum), so that compaction never holds up others for long and needs neither
@@ -64,12 +65,6 @@ void refuse_damaged(const std::string &path, const std::string &what) {
 }
 
 void Database::create(const std::string &path, const VaultIdentity &identity) {
-  const std::string folder = folder_of(path);
-  const UniqueFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!lock || flock(lock.get(), LOCK_EX) != 0) {
-    fail("{}: the vault can't be made: folder {}: {}; make the folder for user {}", path, folder, errno_text(errno),
-         geteuid());
-  }
   const std::string draft = path + ".new";  // any that is there is of a start that was cut short
   unlink(draft.c_str());
   unlink((draft + "-journal").c_str());
@@ -81,7 +76,7 @@ void Database::create(const std::string &path, const VaultIdentity &identity) {
   const bool placed = link(draft.c_str(), path.c_str()) == 0 || errno == EEXIST;
   const int error = errno;
   unlink(draft.c_str());
-  if (!placed || fsync(lock.get()) != 0) {
+  if (!placed || !sync_folder(folder_of(path))) {
     fail("{}: the vault can't be made: {}; give it a folder on a local disk", path, errno_text(placed ? errno : error));
   }
 }
@@ -98,6 +93,14 @@ Database::Database(const std::string &path, int flags, int in_use_wait_ms) : pat
   // Held by one process alone, the log needs no shared memory file beside it; that has to be said before any access.
   require(run("PRAGMA locking_mode = EXCLUSIVE;"));
   require(run("PRAGMA trusted_schema = OFF; PRAGMA temp_store = MEMORY; PRAGMA synchronous = FULL;"));
+  // By itself SQLite writes the log back when the last one closes it, also after what it says was refused, and every so
+  // often within a commit, where it keeps to itself that a sync failed.
+  sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  const auto remember_length = [](void *frames, sqlite3 *, const char *, int count) {
+    *static_cast<int *>(frames) = count;
+    return SQLITE_OK;
+  };
+  sqlite3_wal_hook(db, remember_length, log_frames_.get());
 }
 
 void Database::make_schema(const VaultIdentity &identity) {
@@ -118,6 +121,9 @@ Database::Database(const std::string &path, int in_use_wait_ms)
   if (stat(path.c_str(), &info) == 0 && info.st_size == 0) refuse_damaged(path_, "the file is empty");
   check_schema();
   require(run("PRAGMA journal_mode = WAL; PRAGMA cell_size_check = ON;"));
+  // A longer log, of one large change, is cut when it begins anew. It never becomes empty: a log in use that holds
+  // nothing was cut by somebody else.
+  require(run(fmt::format("PRAGMA journal_size_limit = {}", kLogSizeLimit).c_str()));
 
   begin_ = prepare("BEGIN IMMEDIATE");
   commit_ = prepare("COMMIT");
@@ -139,7 +145,9 @@ void Database::check_schema() {
         path_, version, kSchemaVersion);
   }
   if (version < kSchemaVersion) refuse_damaged(path_, fmt::format("there never was a schema version {}", version));
+}
 
+void Database::check_structure() {
   const Statement check = prepare("PRAGMA quick_check(1)");
   const int step = sqlite3_step(check.get());
   if (step != SQLITE_ROW) refuse(step);
@@ -207,12 +215,20 @@ std::optional<WriteFailure> Database::give_back(int pages) {
   return failure();
 }
 
-std::optional<WriteFailure> Database::shorten() {
-  sqlite3 *db = db_.get();
-  if (sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK) {
-    return std::nullopt;
-  }
-  return failure();
+std::optional<WriteFailure> Database::checkpoint(int mode) {
+  if (sqlite3_wal_checkpoint_v2(db_.get(), nullptr, mode, nullptr, nullptr) != SQLITE_OK) return failure();
+  *log_frames_ = 0;
+  return std::nullopt;
+}
+
+std::optional<WriteFailure> Database::write_back() {
+  return checkpoint(SQLITE_CHECKPOINT_RESTART);
+}
+
+std::optional<WriteFailure> Database::put_log_away() {
+  if (std::optional<WriteFailure> failed = checkpoint(SQLITE_CHECKPOINT_TRUNCATE)) return failed;
+  sqlite3_db_config(db_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+  return std::nullopt;
 }
 
 Database::Room Database::room() {
@@ -224,10 +240,15 @@ Database::Room Database::room() {
   return {count(page_count_.get()), count(free_page_count_.get())};
 }
 
-WriteFailure Database::failure() const {
+WriteFailure Database::failure() const noexcept {
   const int error = sqlite3_errcode(db_.get());
-  const bool no_memory = (error & 0xff) == SQLITE_NOMEM;
-  return {is_full(error) ? KS_STORE_FULL : no_memory ? KS_NO_MEMORY : KS_FW_BAD_CELL, error_text()};
+  const bool no_memory = (error & 0xff) == SQLITE_NOMEM || error == SQLITE_IOERR_NOMEM;
+  WriteFailure failure{is_full(error) ? KS_STORE_FULL : no_memory ? KS_NO_MEMORY : KS_FW_BAD_CELL, {}};
+  try {
+    failure.text = error_text();
+  } catch (const std::bad_alloc &) {  // the code alone, then: what failed is still to be undone
+  }
+  return failure;
 }
 
 bool Database::is_full(int error) const {
@@ -286,4 +307,4 @@ int64_t Database::number(sqlite3_stmt *statement) {
   return value;
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

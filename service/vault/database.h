@@ -14,7 +14,7 @@
 #include "ks_types.h"
 #include "vault/seal.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 inline constexpr int kSchemaVersion = 1;
 
@@ -31,7 +31,7 @@ struct VaultIdentity {
 // WriteFailure is why a write didn't happen: the code for the client, and a text for the log.
 struct WriteFailure {
   KsResult code = KS_FW_BAD_CELL;
-  std::string text;
+  std::string text;  // empty when there was no memory for it
 };
 
 class Database {
@@ -41,11 +41,15 @@ class Database {
   static void create(const std::string &path, const VaultIdentity &identity);
 
   // The file is locked against other processes for as long as the object lives. Throws std::runtime_error, one line
-  // with the file's name and what to do, when it can't be opened for writing, isn't a vault, is damaged, or is of a
-  // newer schema; in_use_wait_ms is how long one that another process is just letting go of is waited for.
+  // with the file's name and what to do, when it can't be opened for writing, isn't a vault or is of a newer schema;
+  // in_use_wait_ms is how long one that another process is just letting go of is waited for. Nothing is written: the
+  // log is read, and stays as it is when the object goes, unless put_log_away was called.
   explicit Database(const std::string &path, int in_use_wait_ms = 2000);
 
   VaultIdentity identity();
+
+  // check_structure throws like the constructor when SQLite finds the file damaged.
+  void check_structure();
   void for_each_entry(const std::function<void(uint64_t id, std::span<const uint8_t> sealed)> &visit);
 
   // transaction runs `body`, which writes with the three below until one of them says false, and commits. When it gives
@@ -55,10 +59,16 @@ class Database {
   bool remove_entry(uint64_t id);
   bool put_header(std::span<const uint8_t> sealed);
 
-  // give_back moves up to `pages` free pages to the end of the file, as a transaction of its own. shorten then writes
-  // the log back into the file and cuts off what is free.
+  // give_back moves up to `pages` free pages to the end of the file, as a transaction of its own.
   std::optional<WriteFailure> give_back(int pages);
-  std::optional<WriteFailure> shorten();
+
+  // write_back writes the log back into the file and cuts off there what is free. The next transaction begins the log
+  // anew, over what it holds.
+  std::optional<WriteFailure> write_back();
+  bool log_is_long() const { return *log_frames_ >= kLongLog; }
+
+  // put_log_away writes the log back and has it removed when the object goes.
+  std::optional<WriteFailure> put_log_away();
 
   struct Room {
     int64_t pages = 0;
@@ -87,13 +97,17 @@ class Database {
   int64_t number(sqlite3_stmt *statement);
   bool is_full(int error) const;
   std::string error_text() const;
-  WriteFailure failure() const;
+  WriteFailure failure() const noexcept;
+  std::optional<WriteFailure> checkpoint(int mode);
+
+  static constexpr int kLongLog = 1000;
 
   std::string path_;
+  std::unique_ptr<int> log_frames_ = std::make_unique<int>(0);
   std::unique_ptr<sqlite3, Close> db_;
   Statement begin_, commit_, put_entry_, remove_entry_, put_header_, page_count_, free_page_count_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -5,7 +5,7 @@
 
 #include <system_error>
 
-namespace ksd {
+namespace ksd::vault {
 
 std::string folder_of(const std::string &path) {
   const size_t slash = path.rfind('/');
@@ -31,4 +31,4 @@ std::string errno_text(int error) {
   return std::system_category().message(error);
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

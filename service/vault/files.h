@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "fd.h"
+#include "base/fd.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // folder_of gives the folder that `path` lies in, "." for a bare name.
 std::string folder_of(const std::string &path);
@@ -22,6 +22,6 @@ bool sync_folder(const std::string &folder);
 // errno_text words an error number.
 std::string errno_text(int error);
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -1,6 +1,6 @@
 #include "vault/ledger.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 // fits tells whether `use` stays within the limits when `before` is replaced. Null: not counted here so far.
@@ -43,4 +43,4 @@ void Ledger::replace(const EntryRow *before, const EntryRow *after) {
   }
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -6,10 +6,10 @@
 #include <map>
 #include <optional>
 
-#include "config.h"
+#include "vault/limits.h"
 #include "vault/record.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // Use counts entries, and the bytes of their secrets and metadata.
 struct Use {
@@ -42,6 +42,6 @@ class Ledger {
   std::map<uid_t, Use> users_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -11,7 +11,7 @@
 #include "vault/files.h"
 #include "vault/seal.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 template <typename... Args>
@@ -94,4 +94,4 @@ MasterKey read_master_key(const std::string &file, bool may_create) {
   return {read_key(fd.get(), path), path};
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

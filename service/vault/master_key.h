@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // MasterKey is the key and the file it came from, for messages.
 struct MasterKey {
@@ -21,6 +21,6 @@ struct MasterKey {
 // std::runtime_error, one line with the file's name and what to do.
 MasterKey read_master_key(const std::string &file, bool may_create);
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -2,14 +2,15 @@
 
 #include <algorithm>
 
-#include "vault/little_endian.h"
+#include "base/little_endian.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 // version 8, owner 4, length of name 1, of alias 1, of secret 4, of metadata 4; then these four
 constexpr size_t kEntryHead = 8 + 4 + 1 + 1 + 4 + 4;
 constexpr size_t kHeaderSize = 8 + 8 + 8 + sizeof(Digest);
+constexpr uint8_t kInUse = 1;
 
 }  // namespace
 
@@ -65,12 +66,15 @@ std::vector<uint8_t> encode_header(const Header &header) {
   put_little_endian(plain.data() + 8, header.last_version);
   put_little_endian(plain.data() + 16, header.entry_count);
   std::copy(header.digest.begin(), header.digest.end(), plain.begin() + 24);
+  if (header.in_use) plain.push_back(kInUse);
   return plain;
 }
 
 std::optional<Header> decode_header(Bytes plain) {
-  if (plain.size() != kHeaderSize) return std::nullopt;
+  const bool is_marked = plain.size() == kHeaderSize + 1 && plain.back() == kInUse;
+  if (plain.size() != kHeaderSize && !is_marked) return std::nullopt;
   Header header;
+  header.in_use = is_marked;
   header.last_id = get_little_endian<uint64_t>(plain.data());
   header.last_version = get_little_endian<uint64_t>(plain.data() + 8);
   header.entry_count = get_little_endian<uint64_t>(plain.data() + 16);
@@ -78,4 +82,4 @@ std::optional<Header> decode_header(Bytes plain) {
   return header;
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

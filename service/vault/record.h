@@ -8,11 +8,11 @@
 #include <span>
 #include <vector>
 
-#include "handler.h"
+#include "base/entry_name.h"
+#include "base/secret_bytes.h"
 #include "vault/seal.h"
-#include "vault/secret_bytes.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // EntryRow is one entry. It never changes once it is shared: a change makes another one with the same id. Ids grow and
 // are never used again, so the order of ids is the order of the table.
@@ -41,17 +41,20 @@ RowPtr decode_entry(uint64_t id, std::span<const uint8_t> plain);
 // put back or set back to an older version show.
 struct Header {
   uint64_t last_id = 0;
-  uint64_t last_version = 0;
+  uint64_t last_version = 0;  // grows with every change, so that a witness can tell of the last one
   uint64_t entry_count = 0;
   Digest digest{};
+  bool in_use = false;  // a service has the vault open, or ended without an orderly end
 
   void add(const Digest &mark) { sodium_add(digest.data(), mark.data(), digest.size()); }
   void take_out(const Digest &mark) { sodium_sub(digest.data(), mark.data(), digest.size()); }
 };
 
+// encode_header gives a header's plain text. That of a vault which was closed in order has no mark behind it, as all
+// headers had none once.
 std::vector<uint8_t> encode_header(const Header &header);
 std::optional<Header> decode_header(std::span<const uint8_t> plain);
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

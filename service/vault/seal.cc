@@ -4,13 +4,13 @@
 #include <new>
 #include <string_view>
 
-#include "vault/little_endian.h"
+#include "base/little_endian.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 constexpr char kKdfContext[crypto_kdf_CONTEXTBYTES + 1] = "ksdvault";
-enum Subkey : uint64_t { kSealKey = 1, kMarkKey = 2, kKeyId = 3 };
+enum Subkey : uint64_t { kSealKey = 1, kMarkKey = 2, kKeyId = 3, kWitnessKey = 4 };
 
 constexpr size_t kNonceSize = crypto_aead_xchacha20poly1305_ietf_NPUBBYTES;
 constexpr size_t kTagSize = crypto_aead_xchacha20poly1305_ietf_ABYTES;
@@ -43,7 +43,10 @@ KeyId key_id_of(const SecretBytes &master_key) {
 }
 
 Sealer::Sealer(const SecretBytes &master_key, const VaultId &vault_id)
-    : vault_id_(vault_id), seal_key_(derive(master_key, kSealKey)), mark_key_(derive(master_key, kMarkKey)) {}
+    : vault_id_(vault_id),
+      seal_key_(derive(master_key, kSealKey)),
+      mark_key_(derive(master_key, kMarkKey)),
+      witness_key_(derive(master_key, kWitnessKey)) {}
 
 std::vector<uint8_t> Sealer::seal(RecordKind kind, uint64_t row, std::span<const uint8_t> plain) const {
   std::vector<uint8_t> sealed(kNonceSize + plain.size() + kTagSize);
@@ -76,4 +79,14 @@ Digest Sealer::mark(uint64_t row, uint64_t version) const {
   return digest;
 }
 
-}  // namespace ksd
+Digest Sealer::witness_mark(uint64_t version) const {
+  std::array<uint8_t, sizeof(VaultId) + 8> what;
+  std::copy(vault_id_.begin(), vault_id_.end(), what.begin());
+  put_little_endian(what.data() + sizeof(VaultId), version);
+  Digest digest;
+  crypto_generichash(digest.data(), digest.size(), what.data(), what.size(), witness_key_->bytes().data(),
+                     witness_key_->size());
+  return digest;
+}
+
+}  // namespace ksd::vault

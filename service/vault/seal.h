@@ -11,9 +11,9 @@
 #include <span>
 #include <vector>
 
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 inline constexpr size_t kMasterKeySize = crypto_kdf_KEYBYTES;
 
@@ -38,12 +38,16 @@ class Sealer {
   // so that it follows each change at no cost, and nobody without the key can find other rows of the same sum.
   Digest mark(uint64_t row, uint64_t version) const;
 
+  // witness_mark stands for the version that a witness tells of.
+  Digest witness_mark(uint64_t version) const;
+
  private:
   VaultId vault_id_;
   std::shared_ptr<const SecretBytes> seal_key_;
   std::shared_ptr<const SecretBytes> mark_key_;
+  std::shared_ptr<const SecretBytes> witness_key_;
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 const std::array<uint8_t, crypto_shorthash_KEYBYTES> &name_hash_key() {
@@ -42,7 +42,28 @@ void Table::reserve(size_t entries) {
   names_.reserve(entries);
 }
 
-void Table::apply(const RowChanges &changes) noexcept {
+Table::Prepared Table::prepare(const RowChanges &changes) {
+  Prepared prepared;
+  Names one;  // at a time: a map of its own for each would cost a table each
+  size_t rows = rows_.size();
+  for (const auto &[id, change] : changes) {
+    const RowPtr &after = change.after;  // by a name that a function within may use
+    if (!after) continue;
+    rows += change.before ? 0 : 1;
+    for_each_name(*after, [&](const EntryName &name) {
+      one.emplace(name, after);
+      prepared.push_back(one.extract(one.begin()));
+    });
+  }
+  // Twice as much each time, so that growing stays cheap.
+  if (rows > rows_.capacity()) rows_.reserve(std::max(rows, 2 * rows_.capacity()));
+  const size_t names = names_.size() + prepared.size();
+  const auto bound = static_cast<size_t>(static_cast<float>(names_.bucket_count()) * names_.max_load_factor());
+  if (names >= bound) names_.reserve(std::max(names + 1, 2 * bound));
+  return prepared;
+}
+
+void Table::apply(const RowChanges &changes, Prepared prepared) noexcept {
   close_gaps(changes);
   // All old names go first: within a group one row may take a name that another has given up.
   for (const auto &[id, change] : changes) {
@@ -50,17 +71,16 @@ void Table::apply(const RowChanges &changes) noexcept {
   }
   for (const auto &[id, change] : changes) {
     if (!change.after) continue;
-    const RowPtr &row = change.after;
-    for_each_name(*row, [&](const EntryName &name) { names_.emplace(name, row); });
     if (change.before) {
-      *std::lower_bound(rows_.begin(), rows_.end(), id, has_smaller_id) = row.get();
+      *std::lower_bound(rows_.begin(), rows_.end(), id, has_smaller_id) = change.after.get();
     } else {
-      rows_.push_back(row.get());  // ids only grow
+      rows_.push_back(change.after.get());  // ids only grow
     }
   }
+  for (Names::node_type &name : prepared) names_.insert(std::move(name));
 }
 
-void Table::close_gaps(const RowChanges &changes) {
+void Table::close_gaps(const RowChanges &changes) noexcept {
   auto kept_end = rows_.begin();
   auto next = rows_.begin();  // first row that hasn't moved up
   for (const auto &[id, change] : changes) {
@@ -88,4 +108,4 @@ void Draft::replace(const RowPtr &before, const RowPtr &after) {
   if (!change->second.before && !after) changes_.erase(change);  // came and went within the group
 }
 
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -12,7 +12,7 @@
 
 #include "vault/record.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 // NameHash hashes names under a key drawn at start: users choose the names, and must not be able to choose ones that
 // meet in one bucket.
@@ -39,17 +39,24 @@ class Table {
   size_t size() const { return rows_.size(); }
   void reserve(size_t entries);
 
-  // apply makes the changes of a whole group at once; rows that stay keep their order. Not having the memory for it
-  // ends the process: the disk has the changes already, and a restart finds them there.
-  void apply(const RowChanges &changes) noexcept;
+  // Prepared is the memory that the changes of a group need.
+  using Names = std::unordered_map<EntryName, RowPtr, NameHash>;
+  using Prepared = std::vector<Names::node_type>;
+
+  // prepare gets that memory, while nothing has happened yet. Throws std::bad_alloc.
+  Prepared prepare(const RowChanges &changes);
+
+  // apply makes the changes of a whole group at once; rows that stay keep their order. It can't fail: the disk has the
+  // changes already.
+  void apply(const RowChanges &changes, Prepared prepared) noexcept;
 
  private:
-  void close_gaps(const RowChanges &changes);
+  void close_gaps(const RowChanges &changes) noexcept;
 
   // Plain pointers, which `names_` keeps alive: closing a gap in a full table then moves half a megabyte, in some 20
   // us.
   std::vector<const EntryRow *> rows_;  // ascending by id
-  std::unordered_map<EntryName, RowPtr, NameHash> names_;
+  Names names_;
 };
 
 // Draft is the table as it will be once a group of changes is on disk.
@@ -72,6 +79,6 @@ class Draft {
   size_t added_ = 0, removed_ = 0;
 };
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

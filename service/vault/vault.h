@@ -5,11 +5,11 @@
 #include <memory>
 #include <string>
 
-#include "config.h"
-#include "store.h"
-#include "vault/secret_bytes.h"
+#include "base/secret_bytes.h"
+#include "vault/limits.h"
+#include "vault/store.h"
 
-namespace ksd {
+namespace ksd::vault {
 
 class Vault : public Store {
  public:
@@ -20,14 +20,17 @@ class Vault : public Store {
 struct VaultOptions {
   std::string path;
   std::string master_key_file;  // empty: systemd's credentials directory
+  std::string witness;          // empty: beside the vault
+  bool accept_loss = false;     // go on with what is whole when acknowledged changes are missing, after a copy
   Limits limits;
 };
 
 // open_vault opens the vault, or makes an empty one with its key where there is none at all. Whatever stands in the way
 // is thrown as std::runtime_error, one line with the file's name and what to do: a vault that can't be opened is never
-// replaced by an empty one. Closing it commits what has been asked for.
+// replaced by an empty one, and one that lacks what was acknowledged is not opened. Closing it commits what has been
+// asked for.
 std::unique_ptr<Vault> open_vault(const VaultOptions &options);
 
-}  // namespace ksd
+}  // namespace ksd::vault
 
 #endif

@@ -23,27 +23,23 @@ inline KsCacheKey cache_key(const void *name, uint32_t name_len) {
   return key;
 }
 
-// CachedEntry looks at a value where it lies, in the database's memory, and never outside it. A header that isn't
-// wholly there reads as zeros, and a region that runs past the value's end is not there.
+// CachedEntry looks at a value where it lies, in the database's memory. A value is trusted once it has been read: the
+// lengths and offsets in its header are not compared with its size, which is only reported. It is the database that
+// keeps what no writer wrote from getting here. A value too short for its header reads as zeros, which is an entry
+// without metadata and without a T-PRF result.
 class CachedEntry {
  public:
-  explicit CachedEntry(const KsSdbDatum &value) {
-    if (value.size < kEntryHeadSize) return;
-    memcpy(&head, value.data, kEntryHeadSize);
-    body_ = static_cast<const uint8_t *>(value.data) + kEntryHeadSize;
-    body_len_ = value.size - kEntryHeadSize;
+  explicit CachedEntry(const KsSdbDatum &value) : value_(static_cast<const uint8_t *>(value.data)) {
+    if (value.size >= kEntryHeadSize) memcpy(&head, value.data, kEntryHeadSize);
   }
 
-  // region gives the first byte of `len` bytes at `offset` in the body, or null where they aren't all there.
-  const uint8_t *region(uint32_t offset, uint32_t len) const {
-    return offset <= body_len_ && len <= body_len_ - offset ? body_ + offset : nullptr;
-  }
+  // at gives the byte at `offset` in the body.
+  const uint8_t *at(uint32_t offset) const { return value_ + kEntryHeadSize + offset; }
 
   KsCacheEntry head = {};
 
  private:
-  const uint8_t *body_ = nullptr;
-  uint32_t body_len_ = 0;
+  const uint8_t *value_;
 };
 
 // The two below report in the name of the function that calls them, which is an exported one.

@@ -19,10 +19,11 @@ bool spares_nothing(const KsSdbDatum &, uint16_t) {
 }
 
 // DIFFERS(purge-vdc-tag-range): a foreign key is spared only when its tag lies outside this range, and the tags of
-// secrets and PACs lie inside: the purge of a VDC deletes all VDCs' PACs, and the processes that call it count on it.
+// secrets and PACs lie inside: the purge of a VDC deletes all VDCs' PACs. Levelled, other VDCs' PACs would stay.
 bool spares_foreign(const KsSdbDatum &key, uint16_t vdc) {
   const auto *bytes = static_cast<const uint8_t *>(key.data);
-  if (key.size < offsetof(KsCacheKey, key_handle) + KS_NAME_HEADER_SIZE) return false;  // not a key of ours
+  constexpr size_t kWithVdc = offsetof(KsCacheKey, key_handle) + KS_NAME_HEADER_SIZE;
+  if (key.size < kWithVdc) return false;  // no VDC to be another's, and no key of ours: it goes
   const uint8_t tag = bytes[4];
   const auto owner = static_cast<uint16_t>(bytes[6] << 8 | bytes[7]);
   return owner != vdc && (tag < 0x29 || tag > 0x50);
@@ -42,7 +43,7 @@ KsResult purge(const Purge &how) {
   }
 
   // DIFFERS(purge-count-by-halves): counted where it is reported, once for each open half, so by two when both are
-  // open; the trace of the field shows it so.
+  // open. Levelled, the numbers in the reports would change.
   uint32_t count = 0;
   uint32_t moved = sdb_getkey(ks_cache_uri, &key, &value);
   while (moved == 0) {
@@ -65,7 +66,9 @@ KsResult ks_cache_purge_all(void) {
 
 KsResult ks_cache_purge_vdc_keys(void) {
   // DIFFERS(purge-vdc-asks): asked anew, before anything is reported, where every name is made with the stored vdc_id.
+  // Levelled, sysmgr_vdc_get would not be called, and before ks_init the keys of VDC 0 would be the caller's.
   const auto vdc = static_cast<uint16_t>(sysmgr_vdc_get());
-  // DIFFERS(purge-vdc-clears-places): the purge of all keys leaves the places as the last move left them.
+  // DIFFERS(purge-vdc-clears-places): the purge of all keys leaves the places as the last move left them. Levelled, the
+  // database would find other pointers in them at each move.
   return purge({.function = __func__, .spares = spares_foreign, .vdc = vdc, .clears_places = true});
 }

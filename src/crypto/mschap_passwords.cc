@@ -12,35 +12,61 @@
 //
 // W is the length of a wire name, counted in 8 bits; names are copied by 16 bits of their length.
 #include "crypto/request.h"
-#include "ks_crypto.h"
-#include "transport/exchange.h"
 
-static constexpr uint32_t kBothNames = 0b11;
+namespace {
 
-static KsWireName *allocate_name(const char *name) {
-  // DIFFERS(name-copied-low16): as in mschap_responses.cc.
-  return ks::new_wire_name(KS_NAME_TAG_SECRET, name, ks::low16(strlen(name)));
+constexpr uint32_t kBothNames = 0b11;
+
+KsResult build_new_password(const char *name, const uint8_t *new_password, uint16_t new_password_len,
+                            KsSection *sections, KsNewPasswordDescriptor *descriptor) {
+  if (!ks::place_secret_low16(name, sections, descriptor)) return KS_NO_MEMORY;
+  // DIFFERS(new-password-low8): 256 goes out as 0, and the section alone has the length; every other length in a
+  // descriptor is as wide as its argument. Levelled, the offset behind it would stand further back in the descriptor.
+  descriptor->new_password_len = ks::low8(new_password_len);
+  descriptor->new_password_offset = uint32_t{descriptor->name_len} + sizeof *descriptor;
+  return ks::place_rest(sections, {{new_password, new_password_len}});
 }
+
+KsResult build_old_hash(const char *new_name, const char *old_name, KsSection *sections,
+                        KsOldHashDescriptor *descriptor) {
+  const auto new_wire_name = [](const char *name) {
+    return ks::new_wire_name(KS_NAME_TAG_SECRET, name, ks::low16(strlen(name)), ks::NameBuffer::kWireName);
+  };
+  void *first = new_wire_name(new_name);
+  if (first == nullptr) return KS_NO_MEMORY;
+  void *second = new_wire_name(old_name);
+  if (second == nullptr) {
+    free(first);
+    return KS_NO_MEMORY;
+  }
+  descriptor->name_len = ks::wire_len(strlen(new_name));
+  descriptor->name_offset = sizeof *descriptor;
+  descriptor->second_name_len = ks::wire_len(strlen(old_name));
+  descriptor->second_name_offset = uint32_t{descriptor->name_len} + sizeof *descriptor;
+  sections[0] = {first, descriptor->name_len};
+  return ks::place_rest(sections, {{second, descriptor->second_name_len}});
+}
+
+KsResult build_master_key(const char *name, const uint8_t *nt_response, KsSection *sections,
+                          KsMasterKeyDescriptor *descriptor) {
+  if (!ks::place_secret_low16(name, sections, descriptor)) return KS_NO_MEMORY;
+  descriptor->nt_response_len = KS_NT_RESPONSE_SIZE;
+  descriptor->nt_response_offset = ks::low16(descriptor->name_len + sizeof *descriptor);
+  return ks::place_rest(sections, {{nt_response, KS_NT_RESPONSE_SIZE}});
+}
+
+}  // namespace
 
 KsResult ks_NewPasswordEncryptedWithOldNtPasswordHash_req(const char *name, const uint8_t *new_password,
                                                           uint16_t new_password_len, KsSection *sections,
                                                           KsNewPasswordDescriptor *descriptor) {
-  if (const KsResult placed = ks::place_name(allocate_name(name), strlen(name), sections, descriptor);
-      placed != KS_SUCCESS) {
-    return placed;
-  }
-  // DIFFERS(new-password-low8): 256 goes out as 0, and the section alone has the length; services end the password with
-  // the message.
-  descriptor->new_password_len = ks::low8(new_password_len);
-  descriptor->new_password_offset = uint32_t{descriptor->name_len} + sizeof *descriptor;
-  sections[1] = {new_password, new_password_len};
-  return KS_SUCCESS;
+  return build_new_password(name, new_password, new_password_len, sections, descriptor);
 }
 
 KsResult ks_NewPasswordEncryptedWithOldNtPasswordHash_resp(uint16_t, const void *payload, uint8_t *output) {
   if (const KsResult result = ks::reply_result(payload); result != KS_SUCCESS) return result;
-  // DIFFERS(new-password-any-reply): every other reader here expects a length; this one believes the service, so that
-  // its callers get blocks of whatever size their standard has.
+  // DIFFERS(new-password-any-reply): every other reader here expects a length. Levelled, a block of any other length
+  // than the expected one would be KS_FAILURE and not be copied.
   memcpy(output, ks::reply_data(payload), ks::reply_len(payload));
   return KS_SUCCESS;
 }
@@ -53,35 +79,15 @@ KsResult ks_NewPasswordEncryptedWithOldNtPasswordHash(const char *name, const ui
   if (new_password_len > KS_NEW_PASSWORD_MAX) return KS_INVALID_ARGS;
   if (output == nullptr) return KS_INVALID_ARGS;
 
-  ks::Exchange exchange(ks::kNewPassword);
-  ks::SectionList list(ks::kNewPassword);
-  if (!list.allocated()) return KS_NO_MEMORY;
-  KsNewPasswordDescriptor descriptor;
-  if (const KsResult built = ks_NewPasswordEncryptedWithOldNtPasswordHash_req(name, new_password, new_password_len,
-                                                                              list.data(), &descriptor);
-      built != KS_SUCCESS) {
-    return built;
-  }
-
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  return ks_NewPasswordEncryptedWithOldNtPasswordHash_resp(exchange.size(), exchange.payload(), output);
+  ks::Request request(ks::kNewPassword);
+  request.build(build_new_password, name, new_password, new_password_len);
+  request.exchange();
+  return request.read(ks_NewPasswordEncryptedWithOldNtPasswordHash_resp, output);
 }
 
 KsResult ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash_req(const char *new_name, const char *old_name,
                                                                 KsSection *sections, KsOldHashDescriptor *descriptor) {
-  KsWireName *new_wire_name = allocate_name(new_name);
-  if (new_wire_name == nullptr) return KS_NO_MEMORY;
-  KsWireName *old_wire_name = allocate_name(old_name);
-  if (old_wire_name == nullptr) {
-    free(new_wire_name);
-    return KS_NO_MEMORY;
-  }
-  ks::place_name(new_wire_name, strlen(new_name), sections, descriptor);
-  descriptor->second_name_len = ks::wire_len(strlen(old_name));
-  descriptor->second_name_offset = uint32_t{descriptor->name_len} + sizeof *descriptor;
-  sections[1] = {old_wire_name, descriptor->second_name_len};
-  return KS_SUCCESS;
+  return build_old_hash(new_name, old_name, sections, descriptor);
 }
 
 KsResult ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash_resp(uint16_t, const void *payload, uint8_t *output,
@@ -95,34 +101,21 @@ KsResult ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash(const char *new_name
   if (!ks::is_name(old_name)) return KS_INVALID_ARGS;
   if (output == nullptr) return KS_INVALID_ARGS;
 
-  ks::Exchange exchange(ks::kOldHash);
-  ks::SectionList list(ks::kOldHash.sections.max, kBothNames);
-  if (!list.allocated()) return KS_NO_MEMORY;
-  KsOldHashDescriptor descriptor;
-  if (ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash_req(new_name, old_name, list.data(), &descriptor) !=
-      KS_SUCCESS) {
-    // DIFFERS(old-hash-no-memory): a name that can't be allocated is a failed send to the callers of this operation,
-    // and KS_NO_MEMORY to those of its siblings and of its own builder.
-    return KS_FAILURE;
-  }
-
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  // DIFFERS(old-hash-reader): read with the authenticator response's reader; the operation's own, which is alike, is
-  // for callers that run the exchange themselves.
-  return ks_GenerateNTAuthenticatorResponse_resp(exchange.size(), exchange.payload(), output, KS_PASSWORD_HASH_SIZE);
+  ks::Request request(ks::kOldHash, kBothNames);
+  if (!request.has_list()) return KS_NO_MEMORY;
+  request.build(build_old_hash, new_name, old_name);
+  // DIFFERS(old-hash-no-memory): the siblings, and this operation's own builder, answer KS_NO_MEMORY. Levelled, a name
+  // that can't be allocated would give 4, where it gives what a failed exchange gives.
+  if (request.failed()) return KS_FAILURE;
+  request.exchange();
+  // DIFFERS(old-hash-reader): the other operations read with the reader of their own or of their group. Levelled, a
+  // program with a function in the place of one of the two readers would see this operation enter the other.
+  return request.read(ks_GenerateNTAuthenticatorResponse_resp, output, KS_PASSWORD_HASH_SIZE);
 }
 
 KsResult ks_GetMasterKey_req(const char *name, const uint8_t *nt_response, KsSection *sections,
                              KsMasterKeyDescriptor *descriptor) {
-  if (const KsResult placed = ks::place_name(allocate_name(name), strlen(name), sections, descriptor);
-      placed != KS_SUCCESS) {
-    return placed;
-  }
-  descriptor->nt_response_len = KS_NT_RESPONSE_SIZE;
-  descriptor->nt_response_offset = ks::low16(descriptor->name_len + sizeof *descriptor);
-  sections[1] = {nt_response, KS_NT_RESPONSE_SIZE};
-  return KS_SUCCESS;
+  return build_master_key(name, nt_response, sections, descriptor);
 }
 
 KsResult ks_GetMasterKey_resp(uint16_t, const void *payload, uint8_t *output, uint16_t expected_len) {
@@ -131,18 +124,10 @@ KsResult ks_GetMasterKey_resp(uint16_t, const void *payload, uint8_t *output, ui
 
 KsResult ks_GetMasterKey(const char *name, const uint8_t *nt_response, uint8_t *output) {
   if (!ks::is_name(name)) return KS_INVALID_ARGS;
-  if (nt_response == nullptr) return KS_INVALID_ARGS;
-  if (output == nullptr) return KS_INVALID_ARGS;
+  if (!ks::are_given(nt_response, output)) return KS_INVALID_ARGS;
 
-  ks::Exchange exchange(ks::kMasterKey);
-  ks::SectionList list(ks::kMasterKey);
-  if (!list.allocated()) return KS_NO_MEMORY;
-  KsMasterKeyDescriptor descriptor;
-  if (const KsResult built = ks_GetMasterKey_req(name, nt_response, list.data(), &descriptor); built != KS_SUCCESS) {
-    return built;
-  }
-
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  return ks_GetMasterKey_resp(exchange.size(), exchange.payload(), output, KS_MASTER_KEY_SIZE);
+  ks::Request request(ks::kMasterKey);
+  request.build(build_master_key, name, nt_response);
+  request.exchange();
+  return request.read(ks_GetMasterKey_resp, output, KS_MASTER_KEY_SIZE);
 }

@@ -7,23 +7,16 @@
 //   sections    name | authenticator challenge | peer challenge | user name | NT response
 //   reply       result | length | response
 #include "crypto/request.h"
-#include "ks_crypto.h"
-#include "transport/exchange.h"
+
+namespace {
 
 // build_challenges does all that both requests have.
 template <typename Descriptor>
-static KsResult build_challenges(const char *name, const uint8_t *authenticator_challenge,
-                                 const uint8_t *peer_challenge, const char *user_name, uint16_t reply_len,
-                                 KsSection *sections, Descriptor *descriptor) {
-  const size_t name_len = strlen(name);
-  // DIFFERS(name-copied-low16): W counts 8 bits of the length, the copy 16, as in DES; AES and hashes copy what W
-  // counts.
-  void *wire_name = ks::new_wire_name(KS_NAME_TAG_SECRET, name, ks::low16(name_len));
-  if (const KsResult placed = ks::place_name(wire_name, name_len, sections, descriptor); placed != KS_SUCCESS) {
-    return placed;
-  }
-  // DIFFERS(mschap-user-name-low8): a user name is cut by its length modulo 256, not refused; services that know this
-  // get the same 0 to 255 bytes in the descriptor and the section.
+KsResult build_challenges(const char *name, const uint8_t *authenticator_challenge, const uint8_t *peer_challenge,
+                          const char *user_name, uint16_t reply_len, KsSection *sections, Descriptor *descriptor) {
+  if (!ks::place_secret_low16(name, sections, descriptor)) return KS_NO_MEMORY;
+  // DIFFERS(mschap-user-name-low8): a user name is cut by its length modulo 256, where the names of secrets are refused
+  // when they are too long. Levelled, a user name of 256 bytes would be refused or go out whole, and no longer empty.
   const uint8_t user_name_len = ks::low8(strlen(user_name));
   descriptor->reply_len = reply_len;
   descriptor->authenticator_challenge_len = KS_CHALLENGE_SIZE;
@@ -32,11 +25,24 @@ static KsResult build_challenges(const char *name, const uint8_t *authenticator_
   descriptor->peer_challenge_offset = descriptor->authenticator_challenge_offset + KS_CHALLENGE_SIZE;
   descriptor->user_name_len = user_name_len;
   descriptor->user_name_offset = descriptor->peer_challenge_offset + KS_CHALLENGE_SIZE;
-  sections[1] = {authenticator_challenge, KS_CHALLENGE_SIZE};
-  sections[2] = {peer_challenge, KS_CHALLENGE_SIZE};
-  sections[3] = {user_name, user_name_len};
+  return ks::place_rest(
+      sections,
+      {{authenticator_challenge, KS_CHALLENGE_SIZE}, {peer_challenge, KS_CHALLENGE_SIZE}, {user_name, user_name_len}});
+}
+
+KsResult build_response(const char *name, const uint8_t *nt_response, const uint8_t *peer_challenge,
+                        const uint8_t *authenticator_challenge, const char *user_name, uint16_t reply_len,
+                        KsSection *sections, KsAuthenticatorResponseDescriptor *descriptor) {
+  const KsResult built =
+      build_challenges(name, authenticator_challenge, peer_challenge, user_name, reply_len, sections, descriptor);
+  if (built != KS_SUCCESS) return built;
+  descriptor->nt_response_len = KS_NT_RESPONSE_SIZE;
+  descriptor->nt_response_offset = descriptor->user_name_offset + descriptor->user_name_len;
+  sections[4] = {nt_response, KS_NT_RESPONSE_SIZE};
   return KS_SUCCESS;
 }
+
+}  // namespace
 
 KsResult ks_GenerateNTResponse_req(const char *name, const uint8_t *authenticator_challenge,
                                    const uint8_t *peer_challenge, const char *user_name, uint16_t reply_len,
@@ -51,39 +57,21 @@ KsResult ks_GenerateNTResponse_resp(uint16_t, const void *payload, uint8_t *outp
 KsResult ks_GenerateNTResponse(const char *name, const uint8_t *authenticator_challenge, const uint8_t *peer_challenge,
                                const char *user_name, uint8_t *output) {
   if (!ks::is_name(name)) return KS_INVALID_ARGS;
-  if (authenticator_challenge == nullptr) return KS_INVALID_ARGS;
-  if (peer_challenge == nullptr) return KS_INVALID_ARGS;
-  if (user_name == nullptr) return KS_INVALID_ARGS;
-  if (output == nullptr) return KS_INVALID_ARGS;
+  if (!ks::are_given(authenticator_challenge, peer_challenge, user_name, output)) return KS_INVALID_ARGS;
 
-  ks::Exchange exchange(ks::kNtResponse);
-  ks::SectionList list(ks::kNtResponse);
-  if (!list.allocated()) return KS_NO_MEMORY;
-  KsNtResponseDescriptor descriptor;
-  if (const KsResult built = ks_GenerateNTResponse_req(name, authenticator_challenge, peer_challenge, user_name,
-                                                       KS_NT_RESPONSE_SIZE, list.data(), &descriptor);
-      built != KS_SUCCESS) {
-    return built;
-  }
-
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  return ks_GenerateNTResponse_resp(exchange.size(), exchange.payload(), output, KS_NT_RESPONSE_SIZE);
+  ks::Request request(ks::kNtResponse);
+  request.build(build_challenges<KsNtResponseDescriptor>, name, authenticator_challenge, peer_challenge, user_name,
+                uint16_t{KS_NT_RESPONSE_SIZE});
+  request.exchange();
+  return request.read(ks_GenerateNTResponse_resp, output, KS_NT_RESPONSE_SIZE);
 }
 
 KsResult ks_GenerateNTAuthenticatorResponse_req(const char *name, const uint8_t *nt_response,
                                                 const uint8_t *peer_challenge, const uint8_t *authenticator_challenge,
                                                 const char *user_name, uint16_t reply_len, KsSection *sections,
                                                 KsAuthenticatorResponseDescriptor *descriptor) {
-  if (const KsResult built =
-          build_challenges(name, authenticator_challenge, peer_challenge, user_name, reply_len, sections, descriptor);
-      built != KS_SUCCESS) {
-    return built;
-  }
-  descriptor->nt_response_len = KS_NT_RESPONSE_SIZE;
-  descriptor->nt_response_offset = descriptor->user_name_offset + descriptor->user_name_len;
-  sections[4] = {nt_response, KS_NT_RESPONSE_SIZE};
-  return KS_SUCCESS;
+  return build_response(name, nt_response, peer_challenge, authenticator_challenge, user_name, reply_len, sections,
+                        descriptor);
 }
 
 KsResult ks_GenerateNTAuthenticatorResponse_resp(uint16_t, const void *payload, uint8_t *output,
@@ -92,30 +80,17 @@ KsResult ks_GenerateNTAuthenticatorResponse_resp(uint16_t, const void *payload, 
 }
 
 // DIFFERS(auth-response-order): the peer challenge is the earlier argument, as in the standard, and the later section,
-// as in ks_GenerateNTResponse, whose arguments have the sections' order.
+// as in ks_GenerateNTResponse, whose arguments have the sections' order. Levelled in either way, the service would take
+// one challenge for the other and compute another response.
 KsResult ks_GenerateAuthenticatorResponse(const char *name, const uint8_t *nt_response, const uint8_t *peer_challenge,
                                           const uint8_t *authenticator_challenge, const char *user_name,
                                           uint8_t *output) {
   if (!ks::is_name(name)) return KS_INVALID_ARGS;
-  if (nt_response == nullptr) return KS_INVALID_ARGS;
-  if (authenticator_challenge == nullptr) return KS_INVALID_ARGS;
-  if (peer_challenge == nullptr) return KS_INVALID_ARGS;
-  if (user_name == nullptr) return KS_INVALID_ARGS;
-  if (output == nullptr) return KS_INVALID_ARGS;
+  if (!ks::are_given(nt_response, authenticator_challenge, peer_challenge, user_name, output)) return KS_INVALID_ARGS;
 
-  ks::Exchange exchange(ks::kAuthResponse);
-  ks::SectionList list(ks::kAuthResponse);
-  if (!list.allocated()) return KS_NO_MEMORY;
-  KsAuthenticatorResponseDescriptor descriptor;
-  if (const KsResult built =
-          ks_GenerateNTAuthenticatorResponse_req(name, nt_response, peer_challenge, authenticator_challenge, user_name,
-                                                 KS_AUTHENTICATOR_RESPONSE_SIZE, list.data(), &descriptor);
-      built != KS_SUCCESS) {
-    return built;
-  }
-
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  return ks_GenerateNTAuthenticatorResponse_resp(exchange.size(), exchange.payload(), output,
-                                                 KS_AUTHENTICATOR_RESPONSE_SIZE);
+  ks::Request request(ks::kAuthResponse);
+  request.build(build_response, name, nt_response, peer_challenge, authenticator_challenge, user_name,
+                uint16_t{KS_AUTHENTICATOR_RESPONSE_SIZE});
+  request.exchange();
+  return request.read(ks_GenerateNTAuthenticatorResponse_resp, output, KS_AUTHENTICATOR_RESPONSE_SIZE);
 }

@@ -10,7 +10,8 @@
 KsResult ks_return_fw_version_and_status_resp(uint16_t payload_size, const void *payload, uint16_t *version,
                                               uint32_t *status) {
   const KsResult result = ks::reply_result(payload);
-  // DIFFERS(fw-status-dump): the only reader that prints its reply, on failures too; field staff read it there.
+  // DIFFERS(fw-status-dump): the only reader that prints its reply, on failures too. Levelled, nothing would stand on
+  // standard error after the call.
   ks::dump_to_stderr(payload, payload_size);
   if (result == KS_SUCCESS) {
     memcpy(version, ks::reply_data(payload), sizeof *version);
@@ -24,7 +25,7 @@ KsResult ks_return_fw_version_and_status(uint16_t *version, uint32_t *status) {
   if (version == nullptr || status == nullptr) return KS_INVALID_ARGS;
 
   ks::Exchange exchange(ks::kFwVersionStatus);
-  if (const KsResult sent = exchange.run(nullptr); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange); sent != KS_SUCCESS) return sent;
 
   return ks_return_fw_version_and_status_resp(exchange.size(), exchange.payload(), version, status);
 }
@@ -35,7 +36,7 @@ KsResult ks_compact_fw_memory_resp(uint16_t, const void *payload) {
 
 KsResult ks_compact_fw_memory(void) {
   ks::Exchange exchange(ks::kCompactFwMemory);
-  if (const KsResult sent = exchange.run(nullptr); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange); sent != KS_SUCCESS) return sent;
 
   return ks_compact_fw_memory_resp(exchange.size(), exchange.payload());
 }

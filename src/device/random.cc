@@ -7,9 +7,17 @@
 #include "transport/exchange.h"
 #include "transport/trace.h"
 
-void ks_generate_random_number_req(uint32_t count, uint32_t request_word, KsRandomDescriptor *descriptor) {
-  descriptor->count = ks::low8(count);
+namespace {
+
+void describe(uint8_t count, uint32_t request_word, KsRandomDescriptor *descriptor) {
+  descriptor->count = count;
   descriptor->request_word = request_word;
+}
+
+}  // namespace
+
+void ks_generate_random_number_req(uint32_t count, uint32_t request_word, KsRandomDescriptor *descriptor) {
+  describe(ks::low8(count), request_word, descriptor);
 }
 
 KsResult ks_generate_random_number_resp(uint16_t, const void *payload, uint8_t *output) {
@@ -18,8 +26,9 @@ KsResult ks_generate_random_number_resp(uint16_t, const void *payload, uint8_t *
     KS_TRACE(KS_SUBTYPE_NORMAL, "Random number ret failed :%d, %16x \n", result, result);
     return result;
   }
-  // DIFFERS(random-count-byte): every other reader takes 16 bits of length and most check it; this one believes a byte.
-  const uint8_t count = static_cast<const uint8_t *>(payload)[4];
+  // DIFFERS(random-count-byte): every other reader takes 16 bits of length, most of them to compare. Levelled, a length
+  // field of 0x0104 would copy 260 bytes where it copies 4.
+  const uint8_t count = static_cast<const uint8_t *>(payload)[offsetof(ks::ReplyHead, len)];
   memcpy(output, ks::reply_data(payload), count);
   return KS_SUCCESS;
 }
@@ -29,9 +38,9 @@ KsResult ks_generate_random_number(uint8_t *output, uint8_t count, uint32_t requ
 
   ks::Exchange exchange(ks::kGenerateRandom);
   KsRandomDescriptor descriptor;
-  ks_generate_random_number_req(count, request_word, &descriptor);
+  describe(count, request_word, &descriptor);
 
-  if (const KsResult sent = exchange.run(&descriptor); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor); sent != KS_SUCCESS) return sent;
 
   return ks_generate_random_number_resp(exchange.size(), exchange.payload(), output);
 }

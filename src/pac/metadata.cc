@@ -7,6 +7,25 @@
 
 namespace ks {
 
+namespace {
+
+// In the order of PacWalk. The public reads report these without the name.
+constexpr const char *kNamedTexts[] = {
+    nullptr,
+    "%s(%d):Multiple Opaques present in PAC metadata.",
+    "%s(%d):Bad TLV length in PAC-opaque meta data.",
+    "%s(%d):Multiple Infos present in PAC metadata.",
+    "%s(%d):Bad TLV length in PAC-Info meta data.",
+    "%s(%d):Unknown PAC TLV type in meta data.",
+    "%s(%d):Incomplete PAC metadata received from keystore.",
+};
+
+}  // namespace
+
+const char *named_text(PacWalk end) {
+  return kNamedTexts[static_cast<size_t>(end)];
+}
+
 bool PacMetadataWalk::next() {
   if (judgement_ != PacWalk::kFound || remaining_ == 0) return false;
   judgement_ = judge();
@@ -51,30 +70,14 @@ PacWalk ks_pac_metadata_walk(const uint8_t *meta, uint16_t meta_len, uint16_t wa
   return walk.end(wanted, found);
 }
 
+// The texts take no arguments behind the name's, and so none at all here.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
 void report_failed_walk(PacWalk end) {
-  switch (end) {
-    case PacWalk::kFound:
-      return;
-    case PacWalk::kMultipleOpaques:
-      KS_TRACE(KS_SUBTYPE_NORMAL, "Multiple Opaques present in PAC metadata.");
-      return;
-    case PacWalk::kBadOpaqueLength:
-      KS_TRACE(KS_SUBTYPE_NORMAL, "Bad TLV length in PAC-opaque meta data.");
-      return;
-    case PacWalk::kMultipleInfos:
-      KS_TRACE(KS_SUBTYPE_NORMAL, "Multiple Infos present in PAC metadata.");
-      return;
-    case PacWalk::kBadInfoLength:
-      KS_TRACE(KS_SUBTYPE_NORMAL, "Bad TLV length in PAC-Info meta data.");
-      return;
-    case PacWalk::kUnknownType:
-      KS_TRACE(KS_SUBTYPE_NORMAL, "Unknown PAC TLV type in meta data.");
-      return;
-    case PacWalk::kIncomplete:
-      KS_TRACE(KS_SUBTYPE_NORMAL, "Incomplete PAC metadata received from keystore.");
-      return;
-  }
+  constexpr size_t kName = sizeof "%s(%d):" - 1;
+  KS_TRACE(KS_SUBTYPE_NORMAL, named_text(end) + kName);
 }
+#pragma GCC diagnostic pop
 
 KsResult copy_tlv(const PacTlvSpan &tlv, uint8_t **out) {
   *out = static_cast<uint8_t *>(malloc(tlv.size));

@@ -60,7 +60,10 @@ class PacMetadataWalk {
 // ks_pac_metadata_walk is the walk for readers that only want its end.
 PacWalk ks_pac_metadata_walk(const uint8_t *meta, uint16_t meta_len, uint16_t wanted, PacTlvSpan *found);
 
-// report_failed_walk reports the end of a failed walk in the words of the two public reads.
+// named_text is the report of a failed walk that begins with its function's name and line.
+const char *named_text(PacWalk end);
+
+// report_failed_walk reports a failed walk as the two public reads do: the same text, without a name.
 void report_failed_walk(PacWalk end);
 
 // copy_tlv allocates exactly the TLV's size, stores the block in `out` even when there is none, and copies the TLV.

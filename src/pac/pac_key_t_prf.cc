@@ -11,9 +11,9 @@
 KsResult ks_pac_key_t_prf_req(const uint8_t *aid, uint8_t aid_len, const uint8_t *label, uint16_t label_len,
                               const uint8_t *random, uint16_t random_len, uint16_t output_len, KsSection *sections,
                               KsPacKeyTPrfDescriptor *descriptor) {
-  // DIFFERS(tprf-exact-name): a buffer that ends with the name, where other PAC requests have 35 bytes; those who count
-  // our memory expect both.
-  void *name = ks::new_exact_wire_name(KS_NAME_TAG_PAC, aid, aid_len);
+  // DIFFERS(tprf-exact-name): a buffer that ends with the name, where other PAC requests have 35 bytes. Levelled, the
+  // block would have another size.
+  void *name = ks::new_wire_name(KS_NAME_TAG_PAC, aid, aid_len, ks::NameBuffer::kExact);
   if (name == nullptr) return KS_NO_MEMORY;
 
   descriptor->output_len = output_len;
@@ -32,7 +32,7 @@ KsResult ks_pac_key_t_prf_req(const uint8_t *aid, uint8_t aid_len, const uint8_t
 }
 
 // DIFFERS(tprf-short-reply): a reply shorter than asked for is a success, where the readers of digests and ciphers take
-// the expected length only; callers that ask for the most they can use rely on it.
+// the expected length only. Levelled, it would be KS_FAILURE with nothing copied.
 KsResult ks_pac_key_t_prf_resp(uint16_t, const void *payload, uint8_t *output, uint16_t output_len) {
   if (const KsResult result = ks::reply_result(payload); result != KS_SUCCESS) return result;
   const uint16_t len = ks::reply_len(payload);
@@ -77,14 +77,14 @@ KsResult ks_pac_key_t_prf(const uint8_t *aid, uint8_t aid_len, const uint8_t *la
       KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Valid PAC tprf found in cache.");
       if (cached_len > output_len) {
         // DIFFERS(tprf-cached-too-long): final, although the keystore could compute the shorter output; and the cached
-        // copy stays allocated. Callers see the same failure whoever has the result.
+        // copy stays allocated. Levelled with any other miss, the keystore would be asked.
         KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Buffer too small output buffer len :%d output data len :%d \n", output_len,
                       cached_len);
         return KS_FAILURE;
       }
       memcpy(output, cached, cached_len);
-      // DIFFERS(tprf-cached-copy): freed only when the cache was open before this call; those who account for our
-      // memory expect one copy for each opening.
+      // DIFFERS(tprf-cached-copy): freed only when the cache was open before this call. Levelled, the call that opens
+      // it would leave one block less.
       if (was_open) free(cached);
       return KS_SUCCESS;
     }
@@ -92,7 +92,7 @@ KsResult ks_pac_key_t_prf(const uint8_t *aid, uint8_t aid_len, const uint8_t *la
   }
 
   ks::Exchange exchange(ks::kPacKeyTPrf);
-  ks::SectionList list(random != nullptr ? ks::kPacKeyTPrf.sections.max : ks::kPacKeyTPrf.sections.min);
+  ks::SectionList list(ks::kPacKeyTPrf, ks::kOwnsName, random != nullptr ? 1 : 0);
   if (!list.allocated()) {
     KS_TRACE(KS_SUBTYPE_NORMAL, "Calloc Failed");
     return KS_NO_MEMORY;
@@ -104,7 +104,7 @@ KsResult ks_pac_key_t_prf(const uint8_t *aid, uint8_t aid_len, const uint8_t *la
     return built;
   }
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
   return ks_pac_key_t_prf_resp(exchange.size(), exchange.payload(), output, output_len);
 }

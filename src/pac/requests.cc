@@ -3,9 +3,8 @@
 namespace ks {
 
 KsResult aid_request(const uint8_t *aid, size_t aid_len, KsSection *section, KsNameDescriptor *descriptor) {
-  void *name = aid_len <= KS_PAC_NAME_MAX ? new_wire_name(KS_NAME_TAG_PAC, aid, aid_len)
-                                          : new_exact_wire_name(KS_NAME_TAG_PAC, aid, aid_len);
-  return place_name(name, aid_len, section, descriptor);
+  const bool placed = place_name(KS_NAME_TAG_PAC, aid, aid_len, NameBuffer::kAtLeast, section, descriptor);
+  return placed ? KS_SUCCESS : KS_NO_MEMORY;
 }
 
 uint8_t *new_cache_name(const uint8_t *aid, uint32_t aid_len) {

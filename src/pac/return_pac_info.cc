@@ -14,7 +14,7 @@
 namespace {
 
 // DIFFERS(info-walk-release): here it is a bad opaque that leaves both messages undropped for good, while all buffers
-// go; platforms that account for messages expect them.
+// go. Levelled, such a read would call mts_drop twice more.
 constexpr bool keeps_messages_after(ks::PacWalk end) {
   return end == ks::PacWalk::kMultipleOpaques || end == ks::PacWalk::kBadOpaqueLength;
 }
@@ -26,7 +26,7 @@ KsResult info_from_keystore(const uint8_t *aid, uint32_t aid_len, uint8_t **info
   KsNameDescriptor descriptor;
   if (const KsResult built = ks::aid_request(aid, aid_len, list.data(), &descriptor); built != KS_SUCCESS) return built;
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
   ks::OwnedBlock metadata;  // declared last: goes first
   uint16_t meta_len = 0;
@@ -58,6 +58,7 @@ KsResult ks_cache_get_pac_info(const uint8_t *aid, uint32_t aid_len, uint8_t **i
   ks::OwnedBlock metadata;
   uint16_t meta_len = 0;
   // DIFFERS(cache-info-name-byte): the name's length is cut to 8 bits here, and is whole in ks_cache_get_pac_opaque.
+  // Levelled, an `aid_len` of 253 to 287 would be refused here, or let pass there.
   const KsResult read = ks_cache_read_pac(name, ks::wire_len(aid_len), metadata.place(), &meta_len);
   free(name);
   if (read != KS_SUCCESS) return read;
@@ -67,29 +68,11 @@ KsResult ks_cache_get_pac_info(const uint8_t *aid, uint32_t aid_len, uint8_t **i
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Meta_len = %d.\n", meta_len);
 
   ks::PacTlvSpan found;
-  switch (ks::ks_pac_metadata_walk(metadata.data(), meta_len, EAP_FAST_PAC_INFO, &found)) {
-    case ks::PacWalk::kFound:
-      break;
-    case ks::PacWalk::kMultipleOpaques:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Multiple Opaques present in PAC metadata.");
-      return KS_FAILURE;
-    case ks::PacWalk::kBadOpaqueLength:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Bad TLV length in PAC-opaque meta data.");
-      return KS_FAILURE;
-    case ks::PacWalk::kMultipleInfos:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Multiple Infos present in PAC metadata.");
-      return KS_FAILURE;
-    case ks::PacWalk::kBadInfoLength:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Bad TLV length in PAC-Info meta data.");
-      return KS_FAILURE;
-    case ks::PacWalk::kUnknownType:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Unknown PAC TLV type in meta data.");
-      return KS_FAILURE;
-    case ks::PacWalk::kIncomplete:
-      KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Incomplete PAC metadata received from keystore.");
-      return KS_FAILURE;
+  const ks::PacWalk end = ks::ks_pac_metadata_walk(metadata.data(), meta_len, EAP_FAST_PAC_INFO, &found);
+  if (end != ks::PacWalk::kFound) {
+    KS_TRACE(KS_SUBTYPE_NORMAL, ks::named_text(end), __func__, __LINE__);
+    return KS_FAILURE;
   }
-
   if (const KsResult copied = ks::copy_tlv(found, info); copied != KS_SUCCESS) return copied;
   *info_len = found.size;
   metadata.release();
@@ -102,7 +85,7 @@ KsResult ks_return_pac_info(const uint8_t *aid, uint32_t aid_len, uint8_t **info
   if (!ks::is_aid(aid, aid_len) || info == nullptr || info_len == nullptr) return KS_INVALID_ARGS;
 
   // DIFFERS(info-single-reports): what ks_return_pac_opaque says twice and with a code, this read says once and
-  // without.
+  // without. Levelled, there would be twice as many reports, and another text for a miss.
   if (!ks::opens_cache()) {
     KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Cache absent. Using smartcard.");
   } else {

@@ -24,7 +24,7 @@ enum class Release : uint8_t {
 };
 
 // DIFFERS(opaque-walk-release): ks_return_pac_info frees every buffer whatever the damage; here it decides what goes
-// and when. Platforms that account for messages and memory expect what is left.
+// and when. Levelled, other blocks and messages would be left, and mts_drop be called before or behind other releases.
 constexpr Release release_after(ks::PacWalk end) {
   switch (end) {
     case ks::PacWalk::kMultipleInfos:
@@ -37,18 +37,43 @@ constexpr Release release_after(ks::PacWalk end) {
   }
 }
 
+// What the cache half reports of a failed walk, without and with a line end.
+struct TwiceReported {
+  const char *first;
+  const char *second;
+};
+
+#define TWICE(text) \
+  { "%s(%d)" text, "%s(%d)" text "\n" }
+
+// In the order of ks::PacWalk.
+constexpr TwiceReported kFailedWalkTexts[] = {
+    {nullptr, nullptr},
+    TWICE(":Multiple Opaques present in PAC metadata."),
+    TWICE(":Bad TLV length in PAC-opaque meta data."),
+    TWICE(":Multiple Infos present in PAC metadata."),
+    // DIFFERS(opaque-walk-words): for the next two ends the other readers say what is wrong. Levelled, both texts
+    // change.
+    TWICE(":Multiple Infos present in PAC metadata."),  // an info of a bad length
+    TWICE(":tlv->type is EAP_FAST_PAC_OPAQUE."),        // a TLV of an unknown type
+    TWICE(":Incomplete PAC metadata received from keystore."),
+};
+
+#undef TWICE
+
 KsResult opaque_from_keystore(const uint8_t *aid, uint32_t aid_len, uint8_t **opaque, uint32_t *opaque_len) {
   ks::Exchange exchange(ks::kPacMetadata);
-  // DIFFERS(opaque-stack-name): the one name that isn't on the heap, so that a read allocates once less than its twin.
+  // DIFFERS(opaque-stack-name): the one name that isn't on the heap. Levelled, a read would allocate once more, and
+  // could fail at that.
   constexpr uint32_t kOwnsNothing = 0;
-  ks::SectionList list(ks::kPacMetadata.sections.max, kOwnsNothing);
+  ks::SectionList list(ks::kPacMetadata, kOwnsNothing);
   if (!list.allocated()) return KS_NO_MEMORY;
   KsWireName name = {};
   ks::fill_wire_name(&name, KS_NAME_TAG_PAC, aid, aid_len);
   const KsNameDescriptor descriptor = {ks::wire_len(aid_len), sizeof descriptor};
   *list.data() = {&name, descriptor.name_len};
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
   ks::OwnedBlock metadata;  // declared last: goes first
   uint16_t meta_len = 0;
@@ -94,7 +119,7 @@ KsResult ks_cache_get_pac_opaque(const uint8_t *aid, uint32_t aid_len, uint8_t *
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Found key in cache. Retreving PAC opaque.\n");
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Meta_len = %d.\n", meta_len);
 
-  // DIFFERS(opaque-walk-trace): the only reader that reports each TLV; cache engineers follow entries by it.
+  // DIFFERS(opaque-walk-trace): the only reader that reports each TLV. Levelled, these reports would be missing.
   ks::PacMetadataWalk walk(metadata.data(), meta_len);
   while (walk.next()) {
     if (walk.type() == EAP_FAST_PAC_OPAQUE) {
@@ -106,28 +131,12 @@ KsResult ks_cache_get_pac_opaque(const uint8_t *aid, uint32_t aid_len, uint8_t *
     }
   }
   ks::PacTlvSpan found;
-  switch (walk.end(EAP_FAST_PAC_OPAQUE, &found)) {
-    case ks::PacWalk::kFound:
-      break;
-    case ks::PacWalk::kMultipleOpaques:
-      KS_TRACE_TWICE(":Multiple Opaques present in PAC metadata.");
-      return KS_FAILURE;
-    case ks::PacWalk::kBadOpaqueLength:
-      KS_TRACE_TWICE(":Bad TLV length in PAC-opaque meta data.");
-      return KS_FAILURE;
-    case ks::PacWalk::kMultipleInfos:
-      KS_TRACE_TWICE(":Multiple Infos present in PAC metadata.");
-      return KS_FAILURE;
-    // DIFFERS(opaque-walk-words): for the next two ends the other readers say what is wrong; log filters match these.
-    case ks::PacWalk::kBadInfoLength:
-      KS_TRACE_TWICE(":Multiple Infos present in PAC metadata.");
-      return KS_FAILURE;
-    case ks::PacWalk::kUnknownType:
-      KS_TRACE_TWICE(":tlv->type is EAP_FAST_PAC_OPAQUE.");
-      return KS_FAILURE;
-    case ks::PacWalk::kIncomplete:
-      KS_TRACE_TWICE(":Incomplete PAC metadata received from keystore.");
-      return KS_FAILURE;
+  const ks::PacWalk end = walk.end(EAP_FAST_PAC_OPAQUE, &found);
+  if (end != ks::PacWalk::kFound) {
+    const TwiceReported &text = kFailedWalkTexts[static_cast<size_t>(end)];
+    KS_TRACE(KS_SUBTYPE_NORMAL, text.first, __func__, __LINE__);
+    KS_TRACE(KS_SUBTYPE_NORMAL, text.second, __func__, __LINE__);
+    return KS_FAILURE;
   }
 
   if (const KsResult copied = ks::copy_tlv(found, opaque); copied != KS_SUCCESS) return copied;
@@ -153,7 +162,7 @@ KsResult ks_return_pac_opaque(const uint8_t *aid, uint32_t aid_len, uint8_t **op
       *opaque_len = cached_len;
       return KS_SUCCESS;
     }
-    // A KsResult in the platform's words is nonsense, but it is what log readers know.
+    // The platform's words for a number that is no code of the platform: so the text is promised.
     KS_TRACE_TWICE(":PAC not found in cache.Error = %d(%s)", asked, syserr2str(asked));
     *opaque = nullptr;
     *opaque_len = 0;

@@ -22,7 +22,7 @@ bool is_tlv_of(uint16_t type, const uint8_t *tlv, uint32_t len) {
 KsResult ks_store_pac_req(const uint8_t *aid, uint32_t aid_len, const uint8_t *pac_key, uint32_t pac_key_len,
                           const uint8_t *opaque, uint32_t opaque_len, const uint8_t *info, uint32_t info_len,
                           KsSection *sections, KsStorePacDescriptor *descriptor) {
-  KsWireName *name = ks::new_wire_name(KS_NAME_TAG_PAC, aid, aid_len);
+  void *name = ks::new_wire_name(KS_NAME_TAG_PAC, aid, aid_len, ks::NameBuffer::kWireName);
   if (name == nullptr) return KS_NO_MEMORY;
   if (!is_tlv_of(EAP_FAST_PAC_OPAQUE, opaque, opaque_len) || !is_tlv_of(EAP_FAST_PAC_INFO, info, info_len)) {
     free(name);
@@ -62,7 +62,7 @@ KsResult ks_store_pac(const uint8_t *aid, uint32_t aid_len, const uint8_t *pac_k
   if (info == nullptr || info_len == 0) return KS_INVALID_ARGS;
 
   ks::Exchange exchange(ks::kStorePac);
-  ks::SectionList list(ks::kStorePac.sections.max, kOwnedSections);
+  ks::SectionList list(ks::kStorePac, kOwnedSections);
   if (!list.allocated()) return KS_NO_MEMORY;
   KsStorePacDescriptor descriptor;
   if (const KsResult built = ks_store_pac_req(aid, aid_len, pac_key, pac_key_len, opaque, opaque_len, info, info_len,
@@ -71,9 +71,9 @@ KsResult ks_store_pac(const uint8_t *aid, uint32_t aid_len, const uint8_t *pac_k
     return built;
   }
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
+  if (const KsResult sent = ks_exchange(exchange, descriptor, list); sent != KS_SUCCESS) return sent;
 
-  const KsResult result = ks_store_pac_resp(exchange.size(), exchange.payload());
+  const KsResult result = ks::reply_result(exchange.payload());  // in place, as the request is not
   list.release();
   exchange.drop();
   KS_TRACE_HERE(KS_SUBTYPE_NORMAL, ":Return.\n");

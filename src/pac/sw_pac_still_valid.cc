@@ -1,7 +1,8 @@
 // ks_sw_pac_still_valid: whether a PAC is to be kept for an identity.
 //
 // DIFFERS(still-valid-walk): a walk of its own, not that of the readers. It stops at the first info, takes any other
-// TLV in its stride, and compares the lifetime as it stands in memory. Devices have aged their PACs by these rules.
+// TLV in its stride, and compares the lifetime as it stands in memory. Levelled, ks_clear_old_pacs would remove PACs
+// that now stay, such as those with an unknown TLV between, and keep some that now go.
 #include <string.h>
 #include <time.h>
 
@@ -21,8 +22,9 @@ const uint8_t *first_info(const uint8_t *meta, uint16_t meta_len) {
   return nullptr;
 }
 
-// has_passed compares in the processor's own byte order, signed: DIFFERS(still-valid-lifetime): ks_get_pac_expiration
-// converts the same four bytes. What a device keeps or clears must not change with its next version.
+// has_passed compares in the processor's own byte order, signed. DIFFERS(still-valid-lifetime): ks_get_pac_expiration
+// converts the same four bytes. Levelled, a PAC that is still alive would stay where little-endian processors now
+// remove most such PACs.
 bool has_passed(const uint8_t *lifetime) {
   int32_t expiry;
   memcpy(&expiry, lifetime, sizeof expiry);

@@ -2,26 +2,20 @@
 //
 //   descriptor  W | 6 | metadata length, 16 bits | its offset, 16 bits   (6 bytes; W: length of the wire name)
 //   sections    name | metadata
-//   reply       result
-#include "ks_secret.h"
+//   reply       result, of 4 bytes as it is expected
 #include "secret/requests.h"
-#include "transport/exchange.h"
 #include "transport/trace.h"
-
-static_assert(sizeof(KsNameDataDescriptor) == ks::kAddMetadata.descriptor_size);
 
 namespace {
 
 constexpr uint16_t kMaxMetadata = 1024;
-constexpr uint16_t kUsualReplySize = 4;
 
 }  // namespace
 
 KsResult ks_add_metadata_req(const char *name, const uint8_t *metadata, uint16_t metadata_len, KsSection *sections,
                              KsNameDataDescriptor *descriptor) {
-  if (const KsResult begun = ks::name_request(name, sections, descriptor); begun != KS_SUCCESS) return begun;
-  ks::place_data(metadata, metadata_len, sections, descriptor);
-  return KS_SUCCESS;
+  if (!ks::place_secret(name, sections, descriptor)) return KS_NO_MEMORY;
+  return ks::place_data(metadata, metadata_len, sections, descriptor);
 }
 
 KsResult ks_add_metadata_resp(uint16_t, const void *payload) {
@@ -29,31 +23,22 @@ KsResult ks_add_metadata_resp(uint16_t, const void *payload) {
 }
 
 KsResult ks_add_metadata(const char *name, const uint8_t *metadata, uint16_t metadata_len) {
-  // DIFFERS(add-metadata-null-name): silent, where the siblings report a null name like any other fault; monitors that
-  // count reports of bad arguments rely on it.
+  // DIFFERS(add-metadata-null-name): the siblings report a null name like any other fault. Levelled, there would be a
+  // report of it.
   if (name == nullptr) return KS_INVALID_ARGS;
-  // DIFFERS(add-metadata-limit): a store takes metadata of any length; this limit is what callers size blocks by.
-  if (!ks::is_name(name) || metadata_len > kMaxMetadata) {
-    KS_TRACE(KS_SUBTYPE_NORMAL, "Invalid Arguments \n");
-    return KS_INVALID_ARGS;
-  }
+  // DIFFERS(add-metadata-limit): a store takes metadata of any length. Levelled, a block of 1,025 bytes would be sent.
+  if (!ks::is_name(name) || metadata_len > kMaxMetadata) return ks::report_bad_arguments();
 
-  ks::Exchange exchange(ks::kAddMetadata);
-  ks::SectionList list(ks::kAddMetadata);
-  if (!list.allocated()) {
+  ks::Request request(ks::kAddMetadata);
+  if (!request.has_list()) {
     KS_TRACE(KS_SUBTYPE_NORMAL, "Memory Allocation Failed \n");
     return KS_NO_MEMORY;
   }
-  KsNameDataDescriptor descriptor;
-  if (const KsResult built = ks_add_metadata_req(name, metadata, metadata_len, list.data(), &descriptor);
-      built != KS_SUCCESS) {
-    return built;
-  }
+  request.build(ks_add_metadata_req, name, metadata, metadata_len);
+  if (const KsResult sent = request.exchange(); sent != KS_SUCCESS) return sent;
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  if (exchange.size() != kUsualReplySize) {  // only reported: the result word is there in any case
-    KS_TRACE(KS_SUBTYPE_NORMAL, "Invalid Payload Size :%d \n", exchange.size());
+  if (request.size() != ks::kAddMetadata.reply_size) {  // only reported: the result word is there in any case
+    KS_TRACE(KS_SUBTYPE_NORMAL, "Invalid Payload Size :%d \n", request.size());
   }
-  return ks_add_metadata_resp(exchange.size(), exchange.payload());
+  return ks::reply_result(request.payload());
 }

@@ -4,19 +4,13 @@
 //               last two are 0 without a linked name)
 //   sections    old name | new name | one byte of the linked name, if that isn't empty
 //   reply       result, of any size
-#include <stdlib.h>
-
-#include "ks_secret.h"
 #include "secret/requests.h"
-#include "transport/exchange.h"
-#include "transport/trace.h"
-
-static_assert(sizeof(KsRenameDescriptor) == ks::kRenameSecret.descriptor_size);
 
 namespace {
 
-// DIFFERS(rename-linked-name): the third name is measured as a text in its wire form, whose second byte is 0: its tag
-// alone travels, in front of a buffer of exactly its length, and nothing bounds it. Services ignore the byte.
+// DIFFERS(rename-linked-name): a store sends its linked name whole and bounds it. This one is measured as a text in its
+// wire form, whose second byte is 0: its tag alone travels, from a buffer of exactly its length, and nothing bounds it.
+// Levelled, the whole name would travel, and one of 32 bytes would be refused.
 constexpr uint8_t kLinkedNameLen = 1;
 
 // WireNames are the buffers of a request.
@@ -32,7 +26,7 @@ bool allocate(WireNames *names, const char *old_name, const char *new_name, cons
   names->old_name = ks::new_secret_name(old_name, strlen(old_name));
   if (names->old_name != nullptr) names->new_name = ks::new_secret_name(new_name, strlen(new_name));
   if (names->new_name != nullptr && linked_len != 0) {
-    names->linked_name = ks::new_exact_wire_name(KS_NAME_TAG_SECRET, linked_name, linked_len);
+    names->linked_name = ks::new_wire_name(KS_NAME_TAG_SECRET, linked_name, linked_len, ks::NameBuffer::kExact);
   }
   if (names->new_name != nullptr && (linked_len == 0 || names->linked_name != nullptr)) return true;
   free(names->old_name);
@@ -55,15 +49,24 @@ void fill(const WireNames &names, size_t old_len, size_t new_len, KsSection *sec
   sections[2] = {names.linked_name, kLinkedNameLen};
 }
 
+// build is what the operation and its exported builder share. `names` tells which buffers it has made.
+KsResult build(const char *old_name, const char *new_name, const char *linked_name, WireNames *names,
+               KsSection *sections, KsRenameDescriptor *descriptor) {
+  if (!allocate(names, old_name, new_name, linked_name)) return KS_NO_MEMORY;
+  fill(*names, strlen(old_name), strlen(new_name), sections, descriptor);
+  return KS_SUCCESS;
+}
+
+constexpr uint32_t kAllNames = 0b111;  // entry 2, where there is one, holds the third name or null
+
 }  // namespace
 
 KsResult ks_rename_secret_req(const char *old_name, const char *new_name, const char **linked_name, KsSection *sections,
                               KsRenameDescriptor *descriptor) {
   WireNames names;
-  if (!allocate(&names, old_name, new_name, *linked_name)) return KS_NO_MEMORY;
-  fill(names, strlen(old_name), strlen(new_name), sections, descriptor);
-  if (names.linked_name != nullptr) *linked_name = static_cast<const char *>(names.linked_name);
-  return KS_SUCCESS;
+  const KsResult built = build(old_name, new_name, *linked_name, &names, sections, descriptor);
+  if (built == KS_SUCCESS && names.linked_name != nullptr) *linked_name = static_cast<const char *>(names.linked_name);
+  return built;
 }
 
 KsResult ks_rename_secret_resp(const void *payload) {
@@ -74,24 +77,17 @@ KsResult ks_rename_secret(const char *old_name, const char *new_name, const char
   if (!ks::is_name(old_name) || !ks::is_name(new_name)) return KS_INVALID_ARGS;
   if (strcmp(old_name, new_name) == 0) return KS_SUCCESS;  // whether there is such an entry or not
 
-  ks::Exchange exchange(ks::kRenameSecret);
-  // Entry 2 is ours when there is one: it holds the third name, or null.
-  ks::SectionList list(linked_name == nullptr ? 2 : 3, 0b111);
-  if (!list.allocated()) {
-    KS_TRACE(KS_SUBTYPE_NORMAL, "Memory Allocation failed \n");
-    // DIFFERS(rename-no-list): 2 where the rest of the secret store says 4; callers that retry on 4 must not retry
-    // this.
+  ks::Request request(ks::kRenameSecret, kAllNames, linked_name != nullptr ? 1 : 0);
+  if (!request.has_list()) {
+    // DIFFERS(rename-no-list): the rest of the secret store answers 4. Levelled, this would, too.
+    static_cast<void>(ks::report_no_list());
     return KS_FAILURE;
   }
-  KsRenameDescriptor descriptor = {};
   WireNames names;
-  // DIFFERS(rename-without-names): a name that can't be allocated doesn't end the operation: the list goes out empty,
-  // and the service's answer is the caller's, who is promised what the service makes of it.
-  if (allocate(&names, old_name, new_name, linked_name)) {
-    fill(names, strlen(old_name), strlen(new_name), list.data(), &descriptor);
-  }
+  // DIFFERS(rename-without-names): elsewhere a name that can't be allocated ends the operation. Levelled, the answer
+  // would be KS_NO_MEMORY, where it is the service's to a list of empty sections.
+  request.build_or_send_empty(build, old_name, new_name, linked_name, &names);
+  if (const KsResult sent = request.exchange(); sent != KS_SUCCESS) return sent;
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  return ks::reply_result(exchange.payload());
+  return ks::reply_result(request.payload());
 }

@@ -3,48 +3,41 @@
 //   descriptor  W | 2                                                  (2 bytes; W: length of the wire name)
 //   sections    name
 //   reply       result | length, not read | flag, 8 bits
-#include "ks_secret.h"
 #include "secret/requests.h"
-#include "transport/exchange.h"
-#include "transport/trace.h"
 
-static_assert(sizeof(KsNameDescriptor) == ks::kSecretExists.descriptor_size);
+namespace {
 
-KsResult ks_secret_exists_req(const char *name, KsSection *section, KsNameDescriptor *descriptor) {
-  return ks::name_request(name, section, descriptor);
-}
-
-KsResult ks_secret_exists_resp(uint16_t, const void *payload, uint32_t *exists) {
+KsResult read_flag(uint16_t, const void *payload, uint32_t *exists) {
   const KsResult result = ks::reply_result(payload);
   if (result == KS_SUCCESS) {
     *exists = *ks::reply_data(payload);  // as the service sends it, 0 and 1 or not
-    return KS_SUCCESS;
+    return result;
   }
   if (result == KS_NOT_FOUND) {
-    // DIFFERS(secret-missing-success): a secret that isn't there is an answer, where a missing PAC is KS_NOT_FOUND;
-    // callers look at the flag alone.
+    // DIFFERS(secret-missing-success): a missing PAC is KS_NOT_FOUND. Levelled, a secret that isn't there would give
+    // KS_NOT_FOUND and leave `exists` as it was.
     *exists = 0;
     return KS_SUCCESS;
   }
   return result;
 }
 
+}  // namespace
+
+KsResult ks_secret_exists_req(const char *name, KsSection *section, KsNameDescriptor *descriptor) {
+  return ks::build_name(name, section, descriptor);
+}
+
+KsResult ks_secret_exists_resp(uint16_t payload_size, const void *payload, uint32_t *exists) {
+  return read_flag(payload_size, payload, exists);
+}
+
 KsResult ks_secret_exists(const char *name, uint32_t *exists) {
-  if (!ks::is_name(name) || exists == nullptr) {
-    KS_TRACE(KS_SUBTYPE_NORMAL, "Invalid Arguments \n");
-    return KS_INVALID_ARGS;
-  }
+  if (!ks::is_name(name) || exists == nullptr) return ks::report_bad_arguments();
 
-  ks::Exchange exchange(ks::kSecretExists);
-  ks::SectionList list(ks::kSecretExists);
-  if (!list.allocated()) {
-    KS_TRACE(KS_SUBTYPE_NORMAL, "Memory Allocation failed \n");
-    return KS_NO_MEMORY;
-  }
-  KsNameDescriptor descriptor;
-  if (const KsResult built = ks_secret_exists_req(name, list.data(), &descriptor); built != KS_SUCCESS) return built;
-
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  return ks_secret_exists_resp(exchange.size(), exchange.payload(), exists);
+  ks::Request request(ks::kSecretExists);
+  if (!request.has_list()) return ks::report_no_list();
+  request.build(ks::build_name, name);
+  request.exchange();
+  return request.read(read_flag, exists);
 }

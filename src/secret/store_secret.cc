@@ -4,14 +4,8 @@
 //               lengths of the wire names, L 0 without a linked name; lengths and offsets behind them in 16 bits)
 //   sections    name | linked name, if it isn't empty | secret | metadata, if it isn't null
 //   reply       result
-#include <stdlib.h>
-
-#include "ks_secret.h"
 #include "secret/requests.h"
-#include "transport/exchange.h"
 #include "transport/trace.h"
-
-static_assert(sizeof(KsStoreDescriptor) == ks::kStoreSecret.descriptor_size);
 
 namespace {
 
@@ -21,13 +15,14 @@ bool is_linked(const char *linked_name) {
   return linked_name != nullptr && *linked_name != '\0';
 }
 
-// The list as the pointers alone make it: an empty linked name has an entry, too, which stays null at the end.
-uint32_t section_count(const char *linked_name, const uint8_t *metadata) {
-  return 2u + (linked_name != nullptr) + (metadata != nullptr);
+// Optional entries as the pointers alone make them: an empty linked name has one, too, which stays null at the end.
+uint32_t optional_sections(const char *linked_name, const uint8_t *metadata) {
+  return 0u + (linked_name != nullptr) + (metadata != nullptr);
 }
 
-// DIFFERS(store-empty-linked-name): with an empty linked name the second entry is the caller's secret, and is freed all
-// the same. A caller that passes such a name hands over the heap block that its secret is in.
+// DIFFERS(store-empty-linked-name): a null linked name and one of a length leave the secret to its caller. With an
+// empty one the second entry is the secret, and is freed all the same. Levelled, the secret would still be allocated
+// after the call, and a caller that handed it over would lose the block.
 uint32_t owned_entries(const char *linked_name) {
   return linked_name != nullptr ? 0b11 : 0b01;
 }
@@ -40,6 +35,7 @@ KsResult ks_store_secret_and_metadata_req(const char *name, const char *linked_n
   const size_t name_len = strlen(name);
   void *wire_name = ks::new_secret_name(name, name_len);
   if (wire_name == nullptr) return KS_NO_MEMORY;
+  // Allocated before it is known whether there is a linked name: each store makes the same two allocations.
   void *linked_wire_name = calloc(1, sizeof(KsWireName));
   if (linked_wire_name == nullptr) {
     free(wire_name);
@@ -87,22 +83,18 @@ KsResult ks_store_secret_and_metadata(const char *name, const char *linked_name,
   if (!ks::is_name(name)) return KS_INVALID_ARGS;
   if (secret_len > kMaxSecret) return KS_INVALID_ARGS;
 
-  ks::Exchange exchange(ks::kStoreSecret);
-  ks::SectionList list(section_count(linked_name, metadata), owned_entries(linked_name));
-  if (!list.allocated()) {
+  ks::Request request(ks::kStoreSecret, owned_entries(linked_name), optional_sections(linked_name, metadata));
+  if (!request.has_list()) {
     KS_TRACE(KS_SUBTYPE_NORMAL, "Memory Allocation Failed\n");
     return KS_NO_MEMORY;
   }
-  KsStoreDescriptor descriptor;
-  const KsResult built = ks_store_secret_and_metadata_req(name, linked_name, secret, secret_len, metadata, metadata_len,
-                                                          list.data(), &descriptor);
-  // DIFFERS(store-linked-name-code): a linked name that is too long is answered with 4 too; others pass on what the
-  // builder says. Callers take any 4 of a store for a request that couldn't be built.
-  if (built != KS_SUCCESS) return KS_NO_MEMORY;
+  request.build(ks_store_secret_and_metadata_req, name, linked_name, secret, secret_len, metadata, metadata_len);
+  // DIFFERS(store-linked-name-code): others pass on what the builder says. Levelled, a linked name that is too long
+  // would give KS_INVALID_ARGS.
+  if (request.failed()) return KS_NO_MEMORY;
+  if (const KsResult sent = request.exchange(); sent != KS_SUCCESS) return sent;
 
-  if (const KsResult sent = exchange.run(&descriptor, list); sent != KS_SUCCESS) return sent;
-
-  const KsResult result = ks_store_secret_and_metadata_resp(exchange.size(), exchange.payload());
+  const KsResult result = ks::reply_result(request.payload());
   if (result == KS_SUCCESS) {
     KS_TRACE(KS_SUBTYPE_NORMAL, "Store secret success\n");
   } else {

@@ -1,118 +1,131 @@
 // catalog.h: every message to the keystore service, and all about it that is a value. The operations compose the shared
-// stages of exchange.h around a row of this table.
+// stages of exchange.h and request.h around a row of this table.
 #ifndef TRANSPORT_CATALOG_H
 #define TRANSPORT_CATALOG_H
 
-#include "ks_types.h"
+#include "ks_api.h"
+#include "transport/reply.h"
 
 namespace ks {
 
-// Wording is the family of texts in which an operation reports a failed exchange. Callers' log filters match them.
-enum class Wording : uint8_t { kA, kB, kC, kD, kE, kF, kG };
-
-struct SectionCount {
-  uint8_t min = 0;
-  uint8_t max = 0;
+// Wording is the family of texts in which an operation reports a failed exchange, named by what stands between "failed"
+// and the error number. exchange.cc has the texts.
+enum class Wording : uint8_t {
+  kColon,             // "failed : 17"
+  kFullStop,          // "failed. Error:17"
+  kFullStopUnspaced,  // "failed.Error:17 " of a send, "failed. Error:17 " of a receive
+  kErrno,             // "failed. Errno :17 "
+  kSendOnly,          // "failed :17 " of a send; a failed receive is silent
+  kFullStopColon,     // "failed. Error :17 "
+  kNoFullStop,        // "failed Error :17 "
 };
 
-// Message is one row: a message as one operation sends it.
-struct Message {
+// MessageValues is one row: a message as one operation sends it.
+struct MessageValues {
   uint32_t op;
-  uint16_t descriptor_size = 0;
-  SectionCount sections = {};
+  uint8_t sections = 0;     // entries of the section list; an operation with optional ones adds those
+  uint16_t reply_size = 0;  // what the operation expects and reports otherwise; 0: it doesn't look
   KsResult send_failure = KS_FAILURE;
   KsResult recv_failure = KS_FAILURE;
-  Wording wording = Wording::kA;
+  Wording wording = Wording::kColon;
   bool asks_size = true;             // whether mts_payload_size is called
   bool drops_after_release = false;  // on a failed receive: the sent message goes after the buffers, not before
 };
 
+// Message is a row with the record that its requests begin with: no other can be sent with it.
+template <typename Descriptor>
+struct Message : MessageValues {};
+
+struct NoDescriptor {};
+
 // Device services.
-inline constexpr Message kGenerateRandom{.op = KS_OP_GENERATE_RANDOM, .descriptor_size = 8};
-inline constexpr Message kFwVersionStatus{.op = KS_OP_FW_VERSION_STATUS};
-inline constexpr Message kCompactFwMemory{.op = KS_OP_COMPACT_FW_MEMORY};
+inline constexpr Message<KsRandomDescriptor> kGenerateRandom{{.op = KS_OP_GENERATE_RANDOM}};
+inline constexpr Message<NoDescriptor> kFwVersionStatus{{.op = KS_OP_FW_VERSION_STATUS}};
+inline constexpr Message<NoDescriptor> kCompactFwMemory{{.op = KS_OP_COMPACT_FW_MEMORY}};
 
 // Secret store.
-inline constexpr Message kStoreSecret{
-    .op = KS_OP_STORE_SECRET, .descriptor_size = 12, .sections = {2, 4}, .wording = Wording::kE};
-inline constexpr Message kAddMetadata{.op = KS_OP_ADD_METADATA,
-                                      .descriptor_size = 6,
-                                      .sections = {2, 2},
-                                      .send_failure = KS_FW_COMM_ERROR,
-                                      .recv_failure = KS_FW_COMM_ERROR,
-                                      .wording = Wording::kD};
-inline constexpr Message kReturnMetadata{.op = KS_OP_RETURN_METADATA,
-                                         .descriptor_size = 2,
-                                         .sections = {1, 1},
-                                         .wording = Wording::kC,
-                                         // DIFFERS(return-metadata-late-drop): every other operation drops the sent
-                                         // message first; here it stays until the buffers are freed.
-                                         .drops_after_release = true};
-inline constexpr Message kSecretByIndex{.op = KS_OP_HANDLE_BY_INDEX,
-                                        .descriptor_size = 2,
-                                        .send_failure = KS_FW_COMM_ERROR,
-                                        .recv_failure = KS_FW_COMM_ERROR,
-                                        .wording = Wording::kF};
-inline constexpr Message kSecretExists{.op = KS_OP_SECRET_EXISTS,
-                                       .descriptor_size = 2,
-                                       .sections = {1, 1},
-                                       .send_failure = KS_FW_COMM_ERROR,
-                                       .recv_failure = KS_FW_COMM_ERROR,
-                                       .wording = Wording::kG};
-inline constexpr Message kClearSecret{.op = KS_OP_CLEAR,
-                                      .descriptor_size = 2,
-                                      .sections = {1, 1},
-                                      .send_failure = KS_FW_COMM_ERROR,
-                                      .recv_failure = KS_FW_COMM_ERROR,
-                                      .wording = Wording::kG};
-inline constexpr Message kRenameSecret{.op = KS_OP_RENAME,
-                                       .descriptor_size = 6,
-                                       .sections = {2, 3},
-                                       .wording = Wording::kB,
-                                       // DIFFERS(rename-no-size): the one operation that never asks for the reply's
-                                       // size; a platform that accounts for calls relies on it.
-                                       .asks_size = false};
+inline constexpr Message<KsStoreDescriptor> kStoreSecret{
+    {.op = KS_OP_STORE_SECRET, .sections = 2, .wording = Wording::kSendOnly}};
+inline constexpr Message<KsNameDataDescriptor> kAddMetadata{{.op = KS_OP_ADD_METADATA,
+                                                             .sections = 2,
+                                                             .reply_size = sizeof(KsResult),
+                                                             .send_failure = KS_FW_COMM_ERROR,
+                                                             .recv_failure = KS_FW_COMM_ERROR,
+                                                             .wording = Wording::kErrno}};
+inline constexpr Message<KsNameDescriptor> kReturnMetadata{
+    {.op = KS_OP_RETURN_METADATA,
+     .sections = 1,
+     .wording = Wording::kFullStopUnspaced,
+     // DIFFERS(return-metadata-late-drop): every other operation drops the sent message before its buffers are freed.
+     // Levelled, the message service would see the drop in front of the two frees.
+     .drops_after_release = true}};
+inline constexpr Message<KsIndexDescriptor> kSecretByIndex{{.op = KS_OP_HANDLE_BY_INDEX,
+                                                            .send_failure = KS_FW_COMM_ERROR,
+                                                            .recv_failure = KS_FW_COMM_ERROR,
+                                                            .wording = Wording::kFullStopColon}};
+inline constexpr Message<KsNameDescriptor> kSecretExists{{.op = KS_OP_SECRET_EXISTS,
+                                                          .sections = 1,
+                                                          .send_failure = KS_FW_COMM_ERROR,
+                                                          .recv_failure = KS_FW_COMM_ERROR,
+                                                          .wording = Wording::kNoFullStop}};
+inline constexpr Message<KsNameDescriptor> kClearSecret{{.op = KS_OP_CLEAR,
+                                                         .sections = 1,
+                                                         .reply_size = sizeof(ReplyHead),
+                                                         .send_failure = KS_FW_COMM_ERROR,
+                                                         .recv_failure = KS_FW_COMM_ERROR,
+                                                         .wording = Wording::kNoFullStop}};
+inline constexpr Message<KsRenameDescriptor> kRenameSecret{
+    {.op = KS_OP_RENAME,
+     .sections = 2,
+     .wording = Wording::kFullStop,
+     // DIFFERS(rename-no-size): the one operation that never asks for the reply's size. Levelled, the message service
+     // would see one more call of mts_payload_size for each rename.
+     .asks_size = false}};
 
 // PAC store.
-inline constexpr Message kStorePac{
-    .op = KS_OP_STORE_PAC, .descriptor_size = 20, .sections = {3, 3}, .wording = Wording::kB};
-inline constexpr Message kPacMetadata{.op = KS_OP_RETURN_METADATA,
-                                      .descriptor_size = 2,
-                                      .sections = {1, 1},
-                                      // DIFFERS(pac-read-send-failure): PAC readers are promised 12 for a failed send
-                                      // but 2 for a failed receive; ks_return_metadata answers 2 for both.
-                                      .send_failure = KS_FW_COMM_ERROR,
-                                      .wording = Wording::kB};
-inline constexpr Message kPacExists{.op = KS_OP_PAC_EXISTS,
-                                    .descriptor_size = 2,
-                                    .sections = {1, 1},
-                                    .send_failure = KS_FW_COMM_ERROR,
-                                    .recv_failure = KS_FW_COMM_ERROR,
-                                    .wording = Wording::kB};
-// DIFFERS(aid-by-index-failure): same message as kSecretByIndex, but PAC walks are promised 2, in other words.
-inline constexpr Message kAidByIndex{.op = KS_OP_HANDLE_BY_INDEX, .descriptor_size = 2, .wording = Wording::kB};
-// DIFFERS(clear-pac-failure): same message as kClearSecret, but PAC callers are promised 2, in other words.
-inline constexpr Message kClearPac{.op = KS_OP_CLEAR, .descriptor_size = 2, .sections = {1, 1}, .wording = Wording::kB};
-inline constexpr Message kPacKeyTPrf{.op = KS_OP_PAC_KEY_T_PRF, .descriptor_size = 20, .sections = {2, 3}};
+inline constexpr Message<KsStorePacDescriptor> kStorePac{
+    {.op = KS_OP_STORE_PAC, .sections = 3, .wording = Wording::kFullStop}};
+inline constexpr Message<KsNameDescriptor> kPacMetadata{
+    {.op = KS_OP_RETURN_METADATA,
+     .sections = 1,
+     // DIFFERS(pac-read-send-failure): ks_return_metadata sends the same message and answers 2 for both failures.
+     // Levelled, a PAC reader whose send failed would answer 2, as it does when the reply failed, and no longer 12.
+     .send_failure = KS_FW_COMM_ERROR,
+     .wording = Wording::kFullStop}};
+inline constexpr Message<KsNameDescriptor> kPacExists{{.op = KS_OP_PAC_EXISTS,
+                                                       .sections = 1,
+                                                       .reply_size = sizeof(ReplyHead),
+                                                       .send_failure = KS_FW_COMM_ERROR,
+                                                       .recv_failure = KS_FW_COMM_ERROR,
+                                                       .wording = Wording::kFullStop}};
+// DIFFERS(aid-by-index-failure): kSecretByIndex is the same message with other codes and words. Levelled, a PAC walk
+// whose exchange failed would answer 12 and report "failed. Error :17 ".
+inline constexpr Message<KsIndexDescriptor> kAidByIndex{{.op = KS_OP_HANDLE_BY_INDEX, .wording = Wording::kFullStop}};
+// DIFFERS(clear-pac-failure): kClearSecret is the same message with other codes and words. Levelled, a PAC that
+// couldn't be cleared for a failed exchange would give 12 and the report "failed Error :17 ".
+inline constexpr Message<KsNameDescriptor> kClearPac{
+    {.op = KS_OP_CLEAR, .sections = 1, .reply_size = sizeof(ReplyHead), .wording = Wording::kFullStop}};
+inline constexpr Message<KsPacKeyTPrfDescriptor> kPacKeyTPrf{{.op = KS_OP_PAC_KEY_T_PRF, .sections = 2}};
 
 // Cryptographic operations.
-inline constexpr Message kDesEncrypt{.op = KS_OP_DES_ENCRYPT, .descriptor_size = 6, .sections = {2, 2}};
-inline constexpr Message kDesDecrypt{.op = KS_OP_DES_DECRYPT, .descriptor_size = 6, .sections = {2, 2}};
-inline constexpr Message k3desEncrypt{.op = KS_OP_3DES_ENCRYPT, .descriptor_size = 6, .sections = {2, 2}};
-inline constexpr Message k3desDecrypt{.op = KS_OP_3DES_DECRYPT, .descriptor_size = 6, .sections = {2, 2}};
-inline constexpr Message kAesEncrypt{.op = KS_OP_AES_ENCRYPT, .descriptor_size = 8, .sections = {2, 2}};
-inline constexpr Message kAesDecrypt{.op = KS_OP_AES_DECRYPT, .descriptor_size = 8, .sections = {2, 2}};
-inline constexpr Message kAesCbcEncrypt{.op = KS_OP_AES_CBC_ENCRYPT, .descriptor_size = 12, .sections = {3, 3}};
-inline constexpr Message kAesCbcDecrypt{.op = KS_OP_AES_CBC_DECRYPT, .descriptor_size = 12, .sections = {3, 3}};
-inline constexpr Message kMd5{.op = KS_OP_MD5, .descriptor_size = 10, .sections = {3, 3}};
-inline constexpr Message kSha1{.op = KS_OP_SHA1, .descriptor_size = 10, .sections = {3, 3}};
-inline constexpr Message kHmacMd5{.op = KS_OP_HMAC_MD5, .descriptor_size = 6, .sections = {2, 2}};
-inline constexpr Message kHmacSha1{.op = KS_OP_HMAC_SHA1, .descriptor_size = 6, .sections = {2, 2}};
-inline constexpr Message kNtResponse{.op = KS_OP_GENERATE_NT_RESPONSE, .descriptor_size = 28, .sections = {4, 4}};
-inline constexpr Message kAuthResponse{.op = KS_OP_GENERATE_AUTH_RESPONSE, .descriptor_size = 36, .sections = {5, 5}};
-inline constexpr Message kNewPassword{.op = KS_OP_NEW_PASSWORD_ENCRYPTED, .descriptor_size = 8, .sections = {2, 2}};
-inline constexpr Message kOldHash{.op = KS_OP_OLD_HASH_ENCRYPTED, .descriptor_size = 8, .sections = {2, 2}};
-inline constexpr Message kMasterKey{.op = KS_OP_GET_MASTER_KEY, .descriptor_size = 6, .sections = {2, 2}};
+inline constexpr Message<KsDesDescriptor> kDesEncrypt{{.op = KS_OP_DES_ENCRYPT, .sections = 2}};
+inline constexpr Message<KsDesDescriptor> kDesDecrypt{{.op = KS_OP_DES_DECRYPT, .sections = 2}};
+inline constexpr Message<KsDesDescriptor> k3desEncrypt{{.op = KS_OP_3DES_ENCRYPT, .sections = 2}};
+inline constexpr Message<KsDesDescriptor> k3desDecrypt{{.op = KS_OP_3DES_DECRYPT, .sections = 2}};
+inline constexpr Message<KsAesDescriptor> kAesEncrypt{{.op = KS_OP_AES_ENCRYPT, .sections = 2}};
+inline constexpr Message<KsAesDescriptor> kAesDecrypt{{.op = KS_OP_AES_DECRYPT, .sections = 2}};
+inline constexpr Message<KsAesCbcDescriptor> kAesCbcEncrypt{{.op = KS_OP_AES_CBC_ENCRYPT, .sections = 3}};
+inline constexpr Message<KsAesCbcDescriptor> kAesCbcDecrypt{{.op = KS_OP_AES_CBC_DECRYPT, .sections = 3}};
+inline constexpr Message<KsHashDescriptor> kMd5{{.op = KS_OP_MD5, .sections = 3}};
+inline constexpr Message<KsHashDescriptor> kSha1{{.op = KS_OP_SHA1, .sections = 3}};
+inline constexpr Message<KsHmacDescriptor> kHmacMd5{{.op = KS_OP_HMAC_MD5, .sections = 2}};
+inline constexpr Message<KsHmacDescriptor> kHmacSha1{{.op = KS_OP_HMAC_SHA1, .sections = 2}};
+inline constexpr Message<KsNtResponseDescriptor> kNtResponse{{.op = KS_OP_GENERATE_NT_RESPONSE, .sections = 4}};
+inline constexpr Message<KsAuthenticatorResponseDescriptor> kAuthResponse{
+    {.op = KS_OP_GENERATE_AUTH_RESPONSE, .sections = 5}};
+inline constexpr Message<KsNewPasswordDescriptor> kNewPassword{{.op = KS_OP_NEW_PASSWORD_ENCRYPTED, .sections = 2}};
+inline constexpr Message<KsOldHashDescriptor> kOldHash{{.op = KS_OP_OLD_HASH_ENCRYPTED, .sections = 2}};
+inline constexpr Message<KsMasterKeyDescriptor> kMasterKey{{.op = KS_OP_GET_MASTER_KEY, .sections = 2}};
 
 }  // namespace ks
 

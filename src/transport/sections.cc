@@ -11,14 +11,11 @@ void fill_wire_name(void *wire, uint8_t tag, const void *name, size_t name_len) 
   memcpy(out + KS_NAME_HEADER_SIZE, name, name_len);
 }
 
-KsWireName *new_wire_name(uint8_t tag, const void *name, size_t name_len) {
-  void *wire = calloc(1, sizeof(KsWireName));
-  if (wire != nullptr) fill_wire_name(wire, tag, name, name_len);
-  return static_cast<KsWireName *>(wire);
-}
-
-void *new_exact_wire_name(uint8_t tag, const void *name, size_t name_len) {
-  void *wire = calloc(1, KS_NAME_HEADER_SIZE + name_len);
+void *new_wire_name(uint8_t tag, const void *name, size_t name_len, NameBuffer buffer) {
+  const size_t exact = KS_NAME_HEADER_SIZE + name_len;
+  const bool fits = exact <= sizeof(KsWireName);
+  const bool is_exact = buffer == NameBuffer::kExact || (buffer == NameBuffer::kAtLeast && !fits);
+  void *wire = calloc(1, is_exact ? exact : sizeof(KsWireName));
   if (wire != nullptr) fill_wire_name(wire, tag, name, name_len);
   return wire;
 }

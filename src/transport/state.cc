@@ -1,25 +1,9 @@
+// state.cc: the exported objects, each with one meaning for the whole process.
 #include "ks_api.h"
 #include "mts.h"
-#include "sysmgr.h"
-#include "transport/trace.h"
 
-uint32_t ks_mts_q = MTS_FAILED;
+uint32_t ks_mts_q = MTS_FAILED;  // until ks_init has bound one
 uint16_t vdc_id = 0;
 uint32_t app_uuid = 0;
-uint32_t ks_cache_present = 0;
+uint32_t ks_cache_present = 0;  // this and the next are ks_sdb_init's to write
 char ks_cache_uri[256] = {};
-
-KsResult ks_init(uint32_t first, uint32_t uuid, uint32_t third) {
-  const KsBindTemplate bind = {.word0 = 1, .word1 = 0, .word2 = 1024, .app_uuid = uuid, .word4 = 0, .word5 = 15};
-  app_uuid = uuid;
-  ks_mts_q = mts_bind(1, first, &bind, third);
-  if (ks_mts_q == MTS_FAILED) {
-    KS_TRACE(KS_SUBTYPE_NORMAL, "mts_bind failed \n");
-    return KS_FAILURE;
-  }
-
-  vdc_id = static_cast<uint16_t>(sysmgr_vdc_get());
-  KS_TRACE(KS_SUBTYPE_NORMAL, "mts_bind succeeded \n");
-  static_cast<void>(ks_sdb_init(app_uuid));  // a library without its cache is fully started: readers try again
-  return KS_SUCCESS;
-}

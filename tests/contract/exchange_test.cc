@@ -1,4 +1,6 @@
 // Every operation through what can go wrong with its exchange: result, report, release order, outputs.
+#include <algorithm>
+
 #include "operations.h"
 
 namespace contract {
@@ -7,14 +9,22 @@ namespace {
 using scripted::Bytes;
 using testing::Each;
 
+Flow operator+(Flow left, const Flow &right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
 class EveryOperation : public scripted::Test, public testing::WithParamInterface<Operation> {
  protected:
   const Operation &operation = GetParam();
 
   Flow reported(const std::string &failure) const {
-    Flow all = operation.entry_reports;
-    if (!failure.empty()) all.push_back(failure);
-    return all;
+    return operation.entry_reports + (failure.empty() ? Flow() : Flow{failure});
+  }
+
+  void expect_left(const Flow &blocks) {
+    EXPECT_EQ(heap.left(), blocks);
+    expect_leaked(heap.live());
   }
 };
 
@@ -29,7 +39,7 @@ TEST_P(EveryOperation, SendsItsOpcodeOnceAndReleasesInOrder) {
   EXPECT_EQ(mts.requests.size(), 1u);
   EXPECT_EQ(flow(), operation.success_flow);
   operation.cleanup();
-  expect_leaked(operation.leaked);
+  expect_left(operation.leaked);
 }
 
 TEST_P(EveryOperation, AnswersAFailedSendWithItsCodeAndDropsNothing) {
@@ -39,7 +49,7 @@ TEST_P(EveryOperation, AnswersAFailedSendWithItsCodeAndDropsNothing) {
   EXPECT_EQ(traces(), reported(operation.send_text));
   EXPECT_EQ(flow(), operation.send_failure_flow);
   EXPECT_THAT(operation.outputs(), Each(0xee));
-  expect_leaked(operation.leaked_on_send_failure);
+  expect_left(operation.leaked_on_send_failure);
 }
 
 TEST_P(EveryOperation, AnswersAFailedReceiveWithItsCodeAndDropsTheSentMessageOnly) {
@@ -49,7 +59,7 @@ TEST_P(EveryOperation, AnswersAFailedReceiveWithItsCodeAndDropsTheSentMessageOnl
   EXPECT_EQ(traces(), reported(operation.recv_text));
   EXPECT_EQ(flow(), operation.recv_failure_flow);
   EXPECT_THAT(operation.outputs(), Each(0xee));
-  expect_leaked(operation.leaked_on_recv_failure);
+  expect_left(operation.leaked_on_recv_failure);
 }
 
 TEST_P(EveryOperation, AsksForTheErrorNumberOncePerOpenHalf) {
@@ -64,9 +74,8 @@ TEST_P(EveryOperation, AsksForTheErrorNumberOncePerOpenHalf) {
   operation.call();
   EXPECT_EQ(mts.errno_calls, 2);
 
-  std::vector<size_t> leaked = operation.leaked_on_send_failure;
-  leaked.insert(leaked.end(), leaked.begin(), leaked.end());
-  expect_leaked(leaked);
+  const Flow &leaked = operation.leaked_on_send_failure;
+  expect_left(leaked + leaked);
 }
 
 TEST_P(EveryOperation, SendsOnTheAllOnesQueueBeforeInit) {
@@ -75,7 +84,7 @@ TEST_P(EveryOperation, SendsOnTheAllOnesQueueBeforeInit) {
   EXPECT_EQ(operation.call(), operation.send_failure);
 
   EXPECT_EQ(mts.request().queue, 0xffffffffu);
-  expect_leaked(operation.leaked_on_send_failure);
+  expect_left(operation.leaked_on_send_failure);
 }
 
 TEST_P(EveryOperation, RecordsTheMessageEventsWithEveryGateShut) {
@@ -84,7 +93,7 @@ TEST_P(EveryOperation, RecordsTheMessageEventsWithEveryGateShut) {
   operation.call();
 
   EXPECT_EQ(events({"hist"}), (Flow{"hist sent", "hist received failed"}));
-  expect_leaked(operation.leaked_on_recv_failure);
+  expect_left(operation.leaked_on_recv_failure);
 }
 
 TEST_P(EveryOperation, PassesOnEveryRefusalWithItsOutputsUntouched) {
@@ -93,18 +102,39 @@ TEST_P(EveryOperation, PassesOnEveryRefusalWithItsOutputsUntouched) {
   EXPECT_EQ(operation.call(), KS_FW_PANIC);
 
   EXPECT_THAT(operation.outputs(), Each(0xee));
-  expect_leaked(operation.leaked);
+  expect_left(operation.leaked);
 }
 
-TEST_P(EveryOperation, AnswersAFailedAllocationWithItsCode) {
-  for (size_t n = 0; n < operation.no_memory.size(); ++n) {
-    mts.answer = [this](const auto &) { return scripted::Answer{.payload = operation.good_reply}; };
-    heap.fail_nth(static_cast<int>(n) + 1);
-    EXPECT_EQ(operation.call(), operation.no_memory[n]) << "allocation " << n + 1;
+TEST_P(EveryOperation, TellsOfEachAllocationItMakesWhatItsFailureGives) {
+  const auto allocates = [](const std::string &event) { return event.find("alloc ") != std::string::npos; };
+  const Flow &flow = operation.success_flow;
+
+  EXPECT_EQ(operation.no_memory.size(), static_cast<size_t>(std::count_if(flow.begin(), flow.end(), allocates)));
+}
+
+TEST_P(EveryOperation, AnswersReportsAndKeepsForEachFailedAllocationWhatIsPromised) {
+  int n = 0;
+  for (const NoMemory &expected : operation.no_memory) {
+    SCOPED_TRACE("allocation " + std::to_string(++n));
+    scripted::platform().log.clear();
+    trace.reports.clear();
+    heap.fail_nth(n);
+    // Whether the call sends anything is seen in its flow.
+    mts.script.assign(1, {.payload = operation.good_reply});
+    EXPECT_EQ(operation.call(), expected.result);
+    mts.script.clear();
+
+    EXPECT_EQ(flow(), expected.flow);
+    EXPECT_EQ(traces(), operation.entry_reports + expected.reports);
+    EXPECT_EQ(heap.left(), expected.left);
+    EXPECT_EQ(mts.undropped(), 0);
+    if (expected.outputs.empty()) {
+      EXPECT_THAT(operation.outputs(), Each(0xee));
+    } else {
+      EXPECT_EQ(operation.outputs(), expected.outputs);
+    }
+    heap.reset();
   }
-  operation.cleanup();
-  const std::vector<size_t> live = heap.live();
-  expect_leaked(live);
 }
 
 }  // namespace

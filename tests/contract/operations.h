@@ -9,6 +9,15 @@ namespace contract {
 
 using Flow = std::vector<std::string>;
 
+// NoMemory is what comes of one call whose n-th allocation fails.
+struct NoMemory {
+  KsResult result;
+  Flow flow;          // every allocation, the failing one among them, and what is released of them; messages, too
+  Flow reports = {};  // behind those that every call makes
+  Flow left = {};     // what stays allocated, by kind and size: "calloc 35"
+  scripted::Bytes outputs = {};  // empty: all untouched
+};
+
 struct Operation {
   std::string name;
   uint32_t op;
@@ -31,16 +40,15 @@ struct Operation {
   Flow send_failure_flow;
   Flow recv_failure_flow;
 
-  // What the operation answers when its n-th allocation fails, for each allocation it makes.
-  std::vector<KsResult> no_memory = {};
-  // Reports that every call makes besides, in front of and behind those of a failed exchange.
+  // What comes of each allocation's failure, in the order of the allocations.
+  std::vector<NoMemory> no_memory = {};
+  // Reports that every call makes in front of all others.
   Flow entry_reports = {};
-  Flow exit_reports = {};
 
-  // Sizes of the blocks that stay allocated, where that is promised.
-  std::vector<size_t> leaked = {};
-  std::vector<size_t> leaked_on_send_failure = {};
-  std::vector<size_t> leaked_on_recv_failure = {};
+  // Blocks that stay allocated, where that is promised, as NoMemory::left tells of them.
+  Flow leaked = {};
+  Flow leaked_on_send_failure = {};
+  Flow leaked_on_recv_failure = {};
 };
 
 // A file for each family.

@@ -41,7 +41,8 @@ Operation usual(const std::string &name, uint32_t op, const std::string &list, s
                            "drop received"},
           .send_failure_flow = {"calloc " + list, "calloc 35", "send", "free 35", "free " + list},
           .recv_failure_flow = {"calloc " + list, "calloc 35", "send", "recv", "drop sent", "free 35", "free " + list},
-          .no_memory = {4, 4}};
+          .no_memory = {{.result = 4, .flow = {"calloc " + list}},
+                        {.result = 4, .flow = {"calloc " + list, "calloc 35", "free " + list}}}};
 }
 
 Operation des(const std::string &name, uint32_t op,
@@ -65,13 +66,13 @@ Operation cbc(const std::string &name, uint32_t op,
 // The digests keep a name of exactly its length, 6 bytes here.
 Operation hash(const std::string &name, uint32_t op,
                KsResult (*run)(const char *, const uint8_t *, uint16_t, const uint8_t *, uint16_t, uint8_t *),
-               const Bytes &good_reply, KsResult without_name) {
+               const Bytes &good_reply, const NoMemory &without_name) {
   Operation row = usual(name, op, "list[3]", good([run] { return run("k1", data, 2, data, 3, output); }), good_reply);
   row.success_flow = {"calloc list[3]", "calloc 6", "send", "recv", "free list[3]", "drop sent", "drop received"};
   row.send_failure_flow = {"calloc list[3]", "calloc 6", "send", "free list[3]"};
   row.recv_failure_flow = {"calloc list[3]", "calloc 6", "send", "recv", "drop sent", "free list[3]"};
-  row.no_memory = {4, without_name};
-  row.leaked = row.leaked_on_send_failure = row.leaked_on_recv_failure = {6};
+  row.no_memory = {{.result = 4, .flow = {"calloc list[3]"}}, without_name};
+  row.leaked = row.leaked_on_send_failure = row.leaked_on_recv_failure = {"calloc 6"};
   return row;
 }
 
@@ -79,7 +80,7 @@ Operation hmac_md5() {
   Operation row = usual("ks_hmac_md5", 66581, "list[2]", good([] { return ks_hmac_md5("k1", data, 3, output); }),
                         bytes("01 00 00 00 10 00") + Bytes(16));
   row.send_failure_flow = {"calloc list[2]", "calloc 35", "send", "free list[2]"};
-  row.leaked_on_send_failure = {35};
+  row.leaked_on_send_failure = {"calloc 35"};
   return row;
 }
 
@@ -92,7 +93,11 @@ Operation old_hash() {
   row.send_failure_flow = {"calloc list[2]", "calloc 35", "calloc 35", "send", "free 35", "free 35", "free list[2]"};
   row.recv_failure_flow = {"calloc list[2]", "calloc 35", "calloc 35", "send",        "recv",
                            "drop sent",      "free 35",   "free 35",   "free list[2]"};
-  row.no_memory = {4, 2, 2};
+  row.no_memory = {
+      {.result = 4, .flow = {"calloc list[2]"}},
+      {.result = 2, .flow = {"calloc list[2]", "calloc 35", "free list[2]"}},
+      {.result = 2, .flow = {"calloc list[2]", "calloc 35", "calloc 35", "free 35", "free list[2]"}},
+  };
   return row;
 }
 
@@ -112,9 +117,13 @@ std::vector<Operation> crypto_operations() {
       aes("ks_aes_decrypt", 66578, ks_aes_decrypt),
       cbc("ks_aes_cbc_encrypt", 66579, ks_aes_cbc_encrypt),
       cbc("ks_aes_cbc_decrypt", 66580, ks_aes_cbc_decrypt),
-      hash("ks_md5_hash", 66583, ks_md5_hash, reply_16, 4),
+      hash("ks_md5_hash", 66583, ks_md5_hash, reply_16,
+           {.result = 4, .flow = {"calloc list[3]", "calloc 6", "free list[3]"}}),
       // Sent without a name, and answered well all the same.
-      hash("ks_sha1_hash", 66584, ks_sha1_hash, reply_20, 1),
+      hash("ks_sha1_hash", 66584, ks_sha1_hash, reply_20,
+           {.result = 1,
+            .flow = {"calloc list[3]", "calloc 6", "send", "recv", "free list[3]", "drop sent", "drop received"},
+            .outputs = Bytes(20) + Bytes(60, 0xee)}),
       hmac_md5(),
       usual("ks_hmac_sha1", 66582, "list[2]", good([] { return ks_hmac_sha1("k1", data, 3, output); }), reply_20),
       usual("ks_hmac_sha1_for_pac", 66582, "list[2]",

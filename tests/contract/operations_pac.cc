@@ -2,6 +2,7 @@
 
 using scripted::Bytes;
 using scripted::bytes;
+using scripted::operator+;
 
 namespace contract {
 namespace {
@@ -35,17 +36,16 @@ Bytes raw(const T &object) {
 }
 
 Bytes block_and_len() {
-  const Bytes block = raw(out.block);
-  Bytes all = raw(out.len);
-  all.insert(all.end(), block.begin(), block.end());
-  return all;
+  return raw(out.len) + raw(out.block);
+}
+
+// null_block is what block_and_len gives when the pointer alone was handed out, and is null.
+Bytes null_block() {
+  return Bytes(sizeof out.len, 0xee) + Bytes(sizeof out.block);
 }
 
 Bytes aid_outputs() {
-  const Bytes block = raw(out.block);
-  Bytes all = raw(out.short_len);
-  all.insert(all.end(), block.begin(), block.end());
-  return all;
+  return raw(out.short_len) + raw(out.block);
 }
 
 void release_block() {
@@ -86,7 +86,9 @@ std::vector<Operation> pac_operations() {
        .send_failure_flow = {"calloc list[3]", "calloc 35", "calloc 15", "send", "free 35", "free 15", "free list[3]"},
        .recv_failure_flow = {"calloc list[3]", "calloc 35", "calloc 15", "send", "recv", "drop sent", "free 35",
                              "free 15", "free list[3]"},
-       .no_memory = {4, 4, 4},
+       .no_memory = {{.result = 4, .flow = {"calloc list[3]"}},
+                     {.result = 4, .flow = {"calloc list[3]", "calloc 35", "free list[3]"}},
+                     {.result = 4, .flow = {"calloc list[3]", "calloc 35", "calloc 15", "free 35", "free list[3]"}}},
        .entry_reports = {"ks_store_pac(#)\n"}},
       {.name = "ks_return_pac_opaque",
        .op = 66567,
@@ -106,7 +108,14 @@ std::vector<Operation> pac_operations() {
                         "drop sent", "drop received"},
        .send_failure_flow = {"calloc list[1]", "send", "free list[1]"},
        .recv_failure_flow = {"calloc list[1]", "send", "recv", "drop sent", "free list[1]"},
-       .no_memory = {4, 4, 4},
+       .no_memory = {{.result = 4, .flow = {"calloc list[1]"}},
+                     {.result = 4,
+                      .flow = {"calloc list[1]", "send", "recv", "calloc 15", "free list[1]", "drop sent",
+                               "drop received"}},
+                     {.result = 4,
+                      .flow = {"calloc list[1]", "send", "recv", "calloc 15", "malloc 7", "free 15", "free list[1]",
+                               "drop sent", "drop received"},
+                      .outputs = null_block()}},
        .entry_reports = reported_without_cache("ks_return_pac_opaque", true, {kAbsent, kAbsent + "\n"})},
       {.name = "ks_return_pac_info",
        .op = 66567,
@@ -126,7 +135,15 @@ std::vector<Operation> pac_operations() {
                         "free list[1]", "free 17", "drop sent", "drop received"},
        .send_failure_flow = {"calloc list[1]", "calloc 35", "send", "free 35", "free list[1]"},
        .recv_failure_flow = {"calloc list[1]", "calloc 35", "send", "recv", "drop sent", "free 35", "free list[1]"},
-       .no_memory = {4, 4, 4, 4},
+       .no_memory = {{.result = 4, .flow = {"calloc list[1]"}},
+                     {.result = 4, .flow = {"calloc list[1]", "calloc 35", "free list[1]"}},
+                     {.result = 4,
+                      .flow = {"calloc list[1]", "calloc 35", "send", "recv", "calloc 17", "free 35", "free list[1]",
+                               "drop sent", "drop received"}},
+                     {.result = 4,
+                      .flow = {"calloc list[1]", "calloc 35", "send", "recv", "calloc 17", "malloc 10", "free 17",
+                               "free 35", "free list[1]", "drop sent", "drop received"},
+                      .outputs = null_block()}},
        .entry_reports = reported_without_cache("ks_return_pac_info", true, {kAbsent})},
       {.name = "ks_pac_exists",
        .op = 66570,
@@ -145,7 +162,8 @@ std::vector<Operation> pac_operations() {
                         "drop received"},
        .send_failure_flow = {"calloc list[1]", "calloc 35", "send", "free 35", "free list[1]"},
        .recv_failure_flow = {"calloc list[1]", "calloc 35", "send", "recv", "drop sent", "free 35", "free list[1]"},
-       .no_memory = {4, 4},
+       .no_memory = {{.result = 4, .flow = {"calloc list[1]"}},
+                     {.result = 4, .flow = {"calloc list[1]", "calloc 35", "free list[1]"}}},
        .entry_reports = reported_without_cache("ks_pac_exists", true, {kAbsent, kAbsent + "\n"})},
       {.name = "ks_return_aid_by_index",
        .op = 66566,
@@ -165,7 +183,9 @@ std::vector<Operation> pac_operations() {
        .success_flow = {"send", "recv", "calloc 7", "drop sent", "drop received"},
        .send_failure_flow = {"send"},
        .recv_failure_flow = {"send", "recv", "drop sent"},
-       .no_memory = {4},
+       .no_memory = {{.result = 4,
+                      .flow = {"send", "recv", "calloc 7", "drop sent", "drop received"},
+                      .reports = {"ks_return_secret_handle_by_index_resp: Ret :1 len:7 \n"}}},
        .entry_reports = {"ks_return_aid_by_index(#)\n"}},
       {.name = "ks_clear_pac",
        .op = 66564,
@@ -179,7 +199,8 @@ std::vector<Operation> pac_operations() {
                         "drop received"},
        .send_failure_flow = {"calloc list[1]", "calloc 35", "send", "free 35", "free list[1]"},
        .recv_failure_flow = {"calloc list[1]", "calloc 35", "send", "recv", "drop sent", "free 35", "free list[1]"},
-       .no_memory = {2, 4},
+       .no_memory = {{.result = 2, .flow = {"calloc list[1]"}},
+                     {.result = 4, .flow = {"calloc list[1]", "calloc 35", "free list[1]"}}},
        .entry_reports = {"ks_clear_pac(#):\n"}},
       {.name = "ks_pac_key_t_prf",
        .op = 66571,
@@ -198,7 +219,8 @@ std::vector<Operation> pac_operations() {
                         "drop received"},
        .send_failure_flow = {"calloc list[3]", "calloc 7", "send", "free 7", "free list[3]"},
        .recv_failure_flow = {"calloc list[3]", "calloc 7", "send", "recv", "drop sent", "free 7", "free list[3]"},
-       .no_memory = {4, 4},
+       .no_memory = {{.result = 4, .flow = {"calloc list[3]"}, .reports = {"Calloc Failed"}},
+                     {.result = 4, .flow = {"calloc list[3]", "calloc 7", "free list[3]"}}},
        .entry_reports = reported_without_cache("ks_pac_key_t_prf", false, {kAbsent})},
   };
 }

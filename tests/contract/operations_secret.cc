@@ -2,6 +2,7 @@
 
 using scripted::Bytes;
 using scripted::bytes;
+using scripted::operator+;
 
 namespace contract {
 
@@ -30,9 +31,12 @@ Bytes outputs() {
   return Bytes(at, at + sizeof out);
 }
 
+constexpr char kFailedCapital[] = "Memory Allocation Failed \n";
+constexpr char kFailed[] = "Memory Allocation failed \n";
+
 // usual is a row with the releases that most have in common: a list of one section, the name.
 Operation usual(const std::string &name, uint32_t op, const std::string &list, std::function<KsResult()> call,
-                const Bytes &good_reply) {
+                const Bytes &good_reply, const std::string &no_list = kFailed) {
   return {.name = name,
           .op = op,
           .call = std::move(call),
@@ -46,7 +50,8 @@ Operation usual(const std::string &name, uint32_t op, const std::string &list, s
                            "drop received"},
           .send_failure_flow = {"calloc " + list, "calloc 35", "send", "free 35", "free " + list},
           .recv_failure_flow = {"calloc " + list, "calloc 35", "send", "recv", "drop sent", "free 35", "free " + list},
-          .no_memory = {4, 4}};
+          .no_memory = {{.result = 4, .flow = {"calloc " + list}, .reports = {no_list}},
+                        {.result = 4, .flow = {"calloc " + list, "calloc 35", "free " + list}}}};
 }
 
 Operation store_secret() {
@@ -61,13 +66,17 @@ Operation store_secret() {
   for (Flow *flow : {&row.success_flow, &row.send_failure_flow, &row.recv_failure_flow}) {
     flow->insert(flow->begin() + 2, {"calloc 35", "free 35"});
   }
-  row.no_memory = {4, 4, 4};
+  row.no_memory = {
+      {.result = 4, .flow = {"calloc list[2]"}, .reports = {"Memory Allocation Failed\n"}},
+      {.result = 4, .flow = {"calloc list[2]", "calloc 35", "free list[2]"}},
+      {.result = 4, .flow = {"calloc list[2]", "calloc 35", "calloc 35", "free 35", "free list[2]"}},
+  };
   return row;
 }
 
 Operation add_metadata() {
   Operation row = usual("ks_add_metadata", 66563, "list[2]", good([] { return ks_add_metadata("k1", nullptr, 0); }),
-                        bytes("01 00 00 00"));
+                        bytes("01 00 00 00"), kFailedCapital);
   row.send_text = "mts_send failed. Errno :17 \n";
   row.recv_text = "mts_recv failed. Errno :17 \n";
   return row;
@@ -85,7 +94,11 @@ Operation return_metadata() {
   row.recv_text = "mts_recv failed. Error:17 \n";
   row.success_flow.insert(row.success_flow.begin() + 4, "calloc 2");
   row.recv_failure_flow = {"calloc list[1]", "calloc 35", "send", "recv", "free 35", "free list[1]", "drop sent"};
-  row.no_memory = {4, 4, 4};
+  // The pointer is handed out, null as it is, and the length isn't.
+  row.no_memory.push_back({.result = 4,
+                           .flow = {"calloc list[1]", "calloc 35", "send", "recv", "calloc 2", "free 35",
+                                    "free list[1]", "drop sent", "drop received"},
+                           .outputs = Bytes(sizeof out.block) + Bytes(sizeof out - sizeof out.block, 0xee)});
   return row;
 }
 
@@ -106,7 +119,9 @@ Operation by_index() {
           .success_flow = {"send", "recv", "calloc 5", "drop sent", "drop received"},
           .send_failure_flow = {"send"},
           .recv_failure_flow = {"send", "recv", "drop sent"},
-          .no_memory = {4}};
+          .no_memory = {{.result = 4,
+                         .flow = {"send", "recv", "calloc 5", "drop sent", "drop received"},
+                         .reports = {"ks_return_secret_handle_by_index_resp: Ret :1 len:5 \n"}}}};
 }
 
 Operation rename_secret() {
@@ -120,7 +135,15 @@ Operation rename_secret() {
   row.send_failure_flow = {"calloc list[2]", "calloc 35", "calloc 35", "send", "free 35", "free 35", "free list[2]"};
   row.recv_failure_flow = {"calloc list[2]", "calloc 35", "calloc 35", "send",        "recv",
                            "drop sent",      "free 35",   "free 35",   "free list[2]"};
-  row.no_memory = {2, /* sent without names: */ 1, 1};
+  // It is sent without names, and answered well all the same.
+  row.no_memory = {
+      {.result = 2, .flow = {"calloc list[2]"}, .reports = {kFailed}},
+      {.result = 1,
+       .flow = {"calloc list[2]", "calloc 35", "send", "recv", "free list[2]", "drop sent", "drop received"}},
+      {.result = 1,
+       .flow = {"calloc list[2]", "calloc 35", "calloc 35", "free 35", "send", "recv", "free list[2]", "drop sent",
+                "drop received"}},
+  };
   return row;
 }
 

@@ -406,8 +406,9 @@ class Site:
                             check=True, env=self.environment)
     found = []
     for test in json.loads(listed.stdout)["tests"]:
-      # One word: a program of our own. The others are scripts that look at sources or at the shape of a library.
-      if test["name"].startswith(prefixes) and len(test.get("command", [])) <= 1:
+      # A program that is built here. The others are scripts that look at sources or at the shape of a library.
+      command = test.get("command", [])
+      if test["name"].startswith(prefixes) and (not command or command[0].startswith(f"{self.build}/")):
         folder = {entry["name"]: entry["value"] for entry in test.get("properties", [])}.get("WORKING_DIRECTORY")
         found.append(Program(test["name"], folder or str(self.build)))
     return found

@@ -2,24 +2,46 @@
 #ifndef TOOLS_KS_SESSION_FOLDER_H
 #define TOOLS_KS_SESSION_FOLDER_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
 namespace ks_session {
 
+// Remover is a process that removes a folder once the last holder of its lifeline has ended, however it ended. This
+// process holds it, and whoever it is handed to.
+class Remover {
+ public:
+  Remover() = default;
+  ~Remover();
+  Remover(const Remover &) = delete;
+  Remover &operator=(const Remover &) = delete;
+
+  void watch_over(const std::string &folder);
+  int lifeline() const { return lifeline_; }  // a descriptor that exec closes; -1 when nothing is watched over
+
+ private:
+  pid_t pid_ = -1;
+  int lifeline_ = -1;
+};
+
 class Folder {
  public:
-  // An empty `keep` makes a fresh folder that goes with the object. Otherwise `keep` is made when absent, and stays.
-  // Throws std::runtime_error with what is wrong and what to do.
+  // An empty `keep` makes a fresh folder that goes with the object, or with this process and the service when they are
+  // killed. Otherwise `keep` is made when absent, and stays. Throws std::runtime_error with what is wrong and what to
+  // do.
   explicit Folder(const std::string &keep);
-  ~Folder();
   Folder(const Folder &) = delete;
   Folder &operator=(const Folder &) = delete;
 
   const std::string &path() const { return path_; }
   std::string file(const char *name) const { return path_ + '/' + name; }
 
-  // write_config writes a configuration with this user in `vdc` and his cache in the folder.
+  // lifeline is for the service to inherit, so that the folder stays until it has ended too; -1 for none.
+  int lifeline() const { return remover_.lifeline(); }
+
+  // write_config writes a configuration with this user in `vdc` and the user's cache in the folder.
   void write_config(uint16_t vdc) const;
 
  private:
@@ -28,7 +50,7 @@ class Folder {
   void check_length() const;
 
   std::string path_;
-  bool keep_;
+  Remover remover_;
 };
 
 }  // namespace ks_session

@@ -1,6 +1,7 @@
 // ks-session: runs a command against a private keystore service that comes and goes with it.
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,10 +25,11 @@ struct Arguments {
 };
 
 int run_session(const Arguments &arguments, int *wait_status) {
+  const mode_t command_umask = umask(077);
   try {
     const ks_session::Folder folder(arguments.keep);
     folder.write_config(arguments.vdc);
-    *wait_status = Session(folder).run(arguments.command);
+    *wait_status = Session(folder, command_umask).run(arguments.command);
     return 0;
   } catch (const Session::CommandFailure &failure) {
     std::fprintf(stderr, "ks-session: can't run %s: %s\n", arguments.command[0].c_str(), std::strerror(failure.error));
@@ -45,7 +47,7 @@ void open_missing_standard_files() {
   }
 }
 
-// die_of ends this process by the signal that ended the command, so that whoever started it sees the same.
+// die_of ends this process by the signal that ended the command, so that its parent sees the same.
 void die_of(int signal_number) {
   const rlimit no_core{0, 0};
   setrlimit(RLIMIT_CORE, &no_core);

@@ -5,6 +5,7 @@
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,13 +55,19 @@ std::string read_all(const std::string &path) {
   return text.str();
 }
 
+// end_with has this process, just forked, end when the session is killed.
+void end_with(pid_t session, int signal) {
+  prctl(PR_SET_PDEATHSIG, signal);
+  if (getppid() != session) _exit(kNoSession);  // it was, before that counted
+}
+
 bool is_from_terminal(const signalfd_siginfo &signal) {
   return signal.ssi_code > 0;
 }
 
 }  // namespace
 
-Session::Session(const Folder &folder) : folder_(folder) {
+Session::Session(const Folder &folder, mode_t command_umask) : folder_(folder), command_umask_(command_umask) {
   sigset_t handled;
   sigemptyset(&handled);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&handled, signal);
@@ -84,7 +91,10 @@ Session::~Session() {
 int Session::run(const std::vector<std::string> &command) {
   start_service();
   if (interrupted_by_ != 0) return interrupted_by_;  // as if the command had died of it
-  Child child(command, old_mask_, [this] {
+  const pid_t session = getpid();
+  Child child(command, old_mask_, [this, session] {
+    end_with(session, SIGTERM);
+    umask(command_umask_);
     setenv("KS_SOCKET", folder_.file("ksd.sock").c_str(), 1);
     setenv("KS_SESSION_DIR", folder_.path().c_str(), 1);
   });
@@ -107,8 +117,10 @@ void Session::start_service() {
   const std::vector<std::string> arguments{
       service_program(),        "--config",          folder_.file("ksd.toml"),  "--vault",
       folder_.file("vault.db"), "--master-key-file", folder_.file("master.key")};
+  const pid_t session = getpid();
   service_ = Child(arguments, old_mask_, [&] {
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    end_with(session, SIGKILL);  // which it gets even when it is stopped; nothing that it answered is lost by it
+    if (folder_.lifeline() >= 0) fcntl(folder_.lifeline(), F_SETFD, 0);
     setpgid(0, 0);  // what the terminal sends to the command isn't for the service
     const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);
@@ -151,7 +163,7 @@ bool Session::service_is_ready() const {
   return std::string_view(text.data(), static_cast<size_t>(size)).find("READY=1") != std::string_view::npos;
 }
 
-// Somebody killed the service, or it failed. It comes back, as a service manager would have it; the command's clients
+// The service was killed, or it failed. It comes back, as a service manager would have it; the command's clients
 // reconnect by themselves.
 void Session::restart_service() {
   const int status = service_.end();

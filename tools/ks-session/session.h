@@ -20,7 +20,8 @@ class Session {
  public:
   // The service's socket is bound here and passed to the service, so that clients that come while it starts, or starts
   // again after it was killed, wait instead of being refused. Throws std::runtime_error.
-  explicit Session(const Folder &folder);
+  // `command_umask` is what the command gets; the session's own files are this user's alone.
+  Session(const Folder &folder, mode_t command_umask);
   ~Session();
   Session(const Session &) = delete;
   Session &operator=(const Session &) = delete;
@@ -42,6 +43,7 @@ class Session {
   [[noreturn]] void service_failed(const std::string &how) const;
 
   const Folder &folder_;
+  const mode_t command_umask_;
   sigset_t old_mask_;
   int signals_ = -1;
   int listener_ = -1;

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "host_datagram.h"
+#include "host_trust.h"
 
 namespace host {
 
@@ -51,21 +52,20 @@ void size_send_buffer(int socket) {
   setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferNeeded, sizeof kSendBufferNeeded);
 }
 
-bool connect_socket(int socket, const char *path) {
+bool connect_socket(int socket, const char *path, const Deadline &deadline) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path, path, strlen(path) + 1);
-  const int64_t deadline = now_ms() + kDefaultReceiveLimitMs;
   // A Unix socket whose connect was interrupted is unconnected still, and waits its whole limit again.
   while (connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    if (errno == EINTR && now_ms() < deadline) continue;
+    if (errno == EINTR && deadline.left_ms() > 0) continue;
     if (errno == EAGAIN || errno == EINTR) errno = ETIMEDOUT;  // a queue of waiting connections that doesn't move
     return false;
   }
   return true;
 }
 
-bool greet(int socket, HostHelloReply *hello) {
+bool greet(int socket, const Deadline &deadline, HostHelloReply *hello) {
   constexpr uint32_t kToken = 1;
   const HostWireHeader request = {.magic = HOST_WIRE_MAGIC,
                                   .version = HOST_WIRE_VERSION,
@@ -86,13 +86,13 @@ bool greet(int socket, HostHelloReply *hello) {
     HostWireHeader header;
     HostHelloReply hello;
   } reply;
-  const ssize_t size = receive(socket, &reply, sizeof reply, kDefaultReceiveLimitMs);
+  const ssize_t size = receive(socket, &reply, sizeof reply, deadline, false);
   if (size < 0) {
     if (errno == EMSGSIZE) errno = EPROTO;
     return false;
   }
-  if (!check_reply(&reply, static_cast<size_t>(size), HOST_OP_HELLO, kToken) ||
-      reply.header.payload_size < sizeof reply.hello.result) {
+  if (!is_reply(&reply, static_cast<size_t>(size)) || reply.header.opcode != HOST_OP_HELLO ||
+      reply.header.token != kToken || reply.header.payload_size < sizeof reply.hello.result) {
     errno = EPROTO;
     return false;
   }
@@ -110,13 +110,11 @@ bool greet(int socket, HostHelloReply *hello) {
   return true;
 }
 
-// Waits until `deadline` for something to receive, through any number of signals.
-bool wait_readable(int socket, int64_t deadline) {
-  for (;;) {
-    const int64_t left = deadline - now_ms();
-    if (left <= 0) break;
+// Waits until the deadline for something to receive, through any number of signals.
+bool wait_readable(int socket, const Deadline &deadline) {
+  for (int left = deadline.left_ms(); left > 0; left = deadline.left_ms()) {
     pollfd wanted = {.fd = socket, .events = POLLIN, .revents = 0};
-    const int ready = poll(&wanted, 1, left > INT32_MAX ? INT32_MAX : static_cast<int>(left));
+    const int ready = poll(&wanted, 1, left);
     if (ready > 0) return true;
     if (ready < 0 && errno != EINTR) return false;
   }
@@ -132,16 +130,31 @@ bool peer_is_gone(int socket) {
 
 }  // namespace
 
-int connect_to_service(const char *path, HostHelloReply *hello) {
+Deadline Deadline::in_ms(uint32_t limit_ms) {
+  Deadline deadline;
+  deadline.at_ms_ = now_ms() + limit_ms;
+  return deadline;
+}
+
+int Deadline::left_ms() const {
+  const int64_t left = at_ms_ - now_ms();
+  if (left <= 0) return 0;
+  return left > INT32_MAX ? INT32_MAX : static_cast<int>(left);
+}
+
+int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello) {
   if (path[0] == '\0') {
     errno = ENAMETOOLONG;
     return -1;
   }
+  uid_t folder_owner;
+  if (!check_folder_of(path, &folder_owner)) return -1;
   const int socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (socket < 0) return -1;
-  if (set_limits(socket, kDefaultReceiveLimitMs) && connect_socket(socket, path)) {
+  const Deadline deadline = Deadline::in_ms(limit_ms);
+  if (set_limits(socket, limit_ms) && connect_socket(socket, path, deadline) && check_peer(socket, folder_owner)) {
     size_send_buffer(socket);
-    if (greet(socket, hello) && set_limits(socket, hello->receive_limit_ms)) return socket;
+    if (greet(socket, deadline, hello) && set_limits(socket, hello->receive_limit_ms)) return socket;
   }
   const int why = errno;
   close(socket);
@@ -149,20 +162,18 @@ int connect_to_service(const char *path, HostHelloReply *hello) {
   return -1;
 }
 
-ssize_t receive(int socket, void *buffer, size_t size, uint32_t limit_ms) {
-  const int64_t deadline = now_ms() + limit_ms;
+ssize_t receive(int socket, void *buffer, size_t size, const Deadline &deadline, bool fresh_limit) {
+  // The socket's limit would begin anew with each signal, and may not be what it was set to: it ends the first wait at
+  // most, and what is left is waited for here.
+  ssize_t received = -1;
+  errno = EINTR;
   // MSG_TRUNC: a datagram's own size is returned, so that a cut one shows.
-  ssize_t received = receive_datagram(socket, buffer, size, MSG_TRUNC);
-  // The socket's limit would begin anew with each signal: from the first one on, the wait has an end of its own.
-  while (received < 0 && errno == EINTR) {
+  if (fresh_limit) received = receive_datagram(socket, buffer, size, MSG_TRUNC);
+  while (received < 0 && (errno == EINTR || errno == EAGAIN)) {
     if (!wait_readable(socket, deadline)) return -1;
     received = receive_datagram(socket, buffer, size, MSG_TRUNC | MSG_DONTWAIT);
-    if (received < 0 && errno == EAGAIN) errno = EINTR;  // taken by nobody else, but readiness is only a hint
   }
-  if (received < 0) {
-    if (errno == EAGAIN) errno = ETIMEDOUT;
-    return -1;
-  }
+  if (received < 0) return -1;
   if (received == 0) {
     errno = peer_is_gone(socket) ? ECONNRESET : EPROTO;
     return -1;
@@ -174,12 +185,12 @@ ssize_t receive(int socket, void *buffer, size_t size, uint32_t limit_ms) {
   return received;
 }
 
-bool check_reply(const void *datagram, size_t size, uint32_t opcode, uint32_t token) {
+bool is_reply(const void *datagram, size_t size) {
   HostWireHeader header;
   if (size < sizeof header) return false;
   memcpy(&header, datagram, sizeof header);
-  return header.magic == HOST_WIRE_MAGIC && header.version == HOST_WIRE_VERSION && header.opcode == opcode &&
-         header.token == token && header.payload_size == size - sizeof header;
+  return header.magic == HOST_WIRE_MAGIC && header.version == HOST_WIRE_VERSION &&
+         header.payload_size == size - sizeof header;
 }
 
 }  // namespace host

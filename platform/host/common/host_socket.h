@@ -26,20 +26,33 @@ struct SocketPath {
 // How long is waited for the service until its hello says otherwise.
 inline constexpr uint32_t kDefaultReceiveLimitMs = 30'000;
 
-// connect_to_service opens a connection and exchanges the hello. Returns the descriptor, which exec closes and whose
-// receive and send limits and send buffer are set, or -1 with errno:
-// ENAMETOOLONG for an empty path, ETIMEDOUT, EPROTO for an answer that isn't a hello's, ECONNREFUSED when the service
-// turned the caller away, or whatever socket and connect give.
-int connect_to_service(const char *path, HostHelloReply *hello);
+// Deadline is an instant of the monotonic clock, to the tick.
+class Deadline {
+ public:
+  static Deadline in_ms(uint32_t limit_ms);
+
+  // left_ms is how long it is until then, at most INT32_MAX; 0 when it has passed.
+  int left_ms() const;
+
+ private:
+  int64_t at_ms_;
+};
+
+// connect_to_service opens a connection and exchanges the hello, both within `limit_ms`. Returns the descriptor, which
+// exec closes and whose receive and send limits and send buffer are set, or -1 with errno: ENAMETOOLONG for an empty
+// path, EPERM where strangers listen or could do so (host_trust.h), ETIMEDOUT, EPROTO for an answer that isn't a
+// hello's, ECONNREFUSED when the service turned the caller away, or whatever socket and connect give.
+int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello);
 
 // receive takes one datagram of at most `size` bytes and returns its size, or -1 with errno: ETIMEDOUT when none comes
-// within `limit_ms`, which has to be the socket's own receive limit; ECONNRESET when the other end is gone; EPROTO for
-// an empty datagram; EMSGSIZE for one that is larger. A signal doesn't end or prolong the wait; descriptors that come
-// along are closed by the kernel.
-ssize_t receive(int socket, void *buffer, size_t size, uint32_t limit_ms);
+// before the deadline, ECONNRESET when the other end is gone; EPROTO for an empty datagram; EMSGSIZE for one that is
+// larger. A signal doesn't end or prolong the wait; descriptors that come along are closed by the kernel.
+//
+// `fresh_limit` says that the socket's own receive limit is the deadline: then the first wait is left to it.
+ssize_t receive(int socket, void *buffer, size_t size, const Deadline &deadline, bool fresh_limit);
 
-// check_reply looks whether the `size` bytes at `datagram` are the whole reply to the request of `opcode` and `token`.
-bool check_reply(const void *datagram, size_t size, uint32_t opcode, uint32_t token);
+// is_reply looks whether the `size` bytes at `datagram` are a whole reply to anything.
+bool is_reply(const void *datagram, size_t size);
 
 }  // namespace host
 

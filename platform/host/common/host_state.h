@@ -10,21 +10,19 @@
 
 namespace host {
 
-inline constexpr size_t kPageSize = 4096;
-
-// StateArea is a page of the library's own image that the service's page is mapped over, so that reading a word needs
-// no pointer. Until then every gate in it looks open, which sends the caller to find out what holds, and `magic` is 0.
-union StateArea {
-  HostStatePage page;
-  uint8_t bytes[kPageSize];
-};
-alignas(kPageSize) extern StateArea state_area;
+// state_page is the page as it is mapped now; what it pointed to before stays mapped. Never null: at first it is a page
+// of the library's own, in which every gate looks open, so that the caller goes and finds out what holds, and `magic`
+// is 0.
+extern std::atomic<const HostStatePage *> state_page_in_use;
+inline const HostStatePage &state_page() {
+  return *state_page_in_use.load(std::memory_order_acquire);
+}
 
 inline uint32_t state_word(const uint32_t &word) {
   return __atomic_load_n(&word, __ATOMIC_RELAXED);
 }
 inline bool state_page_mapped() {
-  return state_word(state_area.page.magic) == HOST_STATE_MAGIC;
+  return state_word(state_page().magic) == HOST_STATE_MAGIC;
 }
 
 // refresh_state_page maps the page if it can be, and another that has taken its place since. That costs a system call

@@ -46,6 +46,58 @@ typedef struct {
 #define HOST_NO_VDC UINT32_C(0xffff)
 KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
 
+/* HostReplyShape is what a reply to the keystore's message `opcode` has to hold, so that whoever reads it without
+ * looking finds it there. Every reply begins with its result. What follows counts with KS_SUCCESS alone; the shape of
+ * most is a 16-bit length and as many bytes.
+ *
+ * A caller's buffer is as large as what was asked for, which the reply must not exceed. Where the reader compares the
+ * two itself, as those of ciphers and digests do, `most` says nothing. */
+typedef struct {
+  uint32_t opcode;
+  uint16_t least;       /* bytes that are read whatever stands in them, result and length included */
+  uint16_t most;        /* the largest length that may stand there */
+  uint8_t length_bytes; /* 0: no length is read; 1: its low byte; 2: all of it */
+  uint8_t asked_bytes;  /* 0, or the size of the number at the descriptor's start, which the length must not exceed */
+} HostReplyShape;
+
+/* In the order of opcodes, from KS_OP_GENERATE_RANDOM on. */
+static const HostReplyShape host_reply_shapes[] = {
+    {KS_OP_GENERATE_RANDOM, 6, UINT8_MAX, 1, 1},
+    {KS_OP_STORE_SECRET, 4, 0, 0, 0},
+    {KS_OP_ADD_METADATA, 4, 0, 0, 0},
+    {KS_OP_CLEAR, 4, 0, 0, 0},
+    {KS_OP_SECRET_EXISTS, 7, 0, 0, 0}, /* the flag, behind a length that nobody reads */
+    {KS_OP_HANDLE_BY_INDEX, 6, UINT16_MAX, 2, 0},
+    {KS_OP_RETURN_METADATA, 6, UINT16_MAX, 2, 0},
+    {KS_OP_RENAME, 4, 0, 0, 0},
+    {KS_OP_STORE_PAC, 4, 0, 0, 0},
+    {KS_OP_PAC_EXISTS, 7, 0, 0, 0},
+    {KS_OP_PAC_KEY_T_PRF, 6, UINT16_MAX, 2, 2},
+    {KS_OP_GENERATE_NT_RESPONSE, 6, UINT16_MAX, 2, 0},
+    {KS_OP_GENERATE_AUTH_RESPONSE, 6, UINT16_MAX, 2, 0},
+    {KS_OP_NEW_PASSWORD_ENCRYPTED, 6, 516, 2, 0}, /* RFC 2759's block; the reader takes any length */
+    {KS_OP_OLD_HASH_ENCRYPTED, 6, UINT16_MAX, 2, 0},
+    {KS_OP_GET_MASTER_KEY, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_CBC_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_AES_CBC_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_HMAC_MD5, 6, UINT16_MAX, 2, 0},
+    {KS_OP_HMAC_SHA1, 6, UINT16_MAX, 2, 0},
+    {KS_OP_MD5, 6, UINT16_MAX, 2, 0},
+    {KS_OP_SHA1, 6, UINT16_MAX, 2, 0},
+    {KS_OP_DES_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_DES_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_3DES_ENCRYPT, 6, UINT16_MAX, 2, 0},
+    {KS_OP_3DES_DECRYPT, 6, UINT16_MAX, 2, 0},
+    {66589, 4, 0, 0, 0}, /* four that are no messages */
+    {66590, 4, 0, 0, 0},
+    {66591, 4, 0, 0, 0},
+    {66592, 4, 0, 0, 0},
+    {KS_OP_FW_VERSION_STATUS, 9, 0, 0, 0}, /* version and status, behind a length that nobody reads */
+    {KS_OP_COMPACT_FW_MEMORY, 4, 0, 0, 0},
+};
+
 /* Where the service listens unless KS_SOCKET says otherwise. */
 #define HOST_DEFAULT_SOCKET "/run/ks/ksd.sock"
 
@@ -69,13 +121,16 @@ KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
 /* The gates of a process that has no state page: subtype 100 recorded, debug off. */
 #define HOST_DEFAULT_RECORDED_SUBTYPE 100
 
-/* Each process keeps its newest reports in "<folder of the socket>/history/<pid>-<start>.ring", `start` being the
- * process's start time in clock ticks since boot (field 22 of /proc/PID/stat). The service makes the folder, mode 1777.
+/* Each process keeps its newest reports in a ring, a file of its user's own: "history/NN.ring" in the socket's folder
+ * where that is the user's too, else "ks/NN.ring" in $XDG_RUNTIME_DIR or /run/user/UID. NN is 00 to 63. A process takes
+ * the number after the one that the file "next" names, and passes over those whose processes live: they hold a lock
+ * (flock) on theirs for as long as they map it. So a user has 64 rings at most, and the oldest dead ones go first.
  *
  * A record takes one or more slots. A writer reserves slots by adding to `next`, marks each as being written, fills
  * them and publishes the sequence numbers, that of the first slot last. A reader takes only slots whose sequence is the
  * one it expects, before and after its copy. A writer that finds a slot in use by another leaves its record out. */
 #define HOST_RING_MAGIC UINT32_C(0x3172736b) /* "ksr1" */
+#define HOST_RING_COUNT 64                   /* of a user */
 #define HOST_RING_SLOTS 1024
 #define HOST_RING_SLOT_DATA 104
 
@@ -95,8 +150,9 @@ typedef struct {
   uint32_t version; /* 1 */
   uint32_t slot_count;
   uint32_t pid;
-  uint64_t next; /* position of the next slot to be written, ever growing */
-  uint8_t reserved[40];
+  uint64_t next;  /* position of the next slot to be written, ever growing */
+  uint64_t start; /* when the process started, in clock ticks since boot: field 22 of /proc/PID/stat */
+  uint8_t reserved[32];
   char program[64]; /* the process's name, NUL-terminated */
   HostRingSlot slots[HOST_RING_SLOTS];
 } HostRing;

@@ -13,10 +13,20 @@
 #include "host_socket.h"
 
 namespace mts {
+
+// KnownPath keeps a path that was ever in use: connections point to theirs. A service that was once there and has
+// stopped is waited for no longer than it asked for itself.
+struct KnownPath {
+  host::SocketPath path;
+  std::atomic<uint32_t> receive_limit_ms;
+  KnownPath *before;
+};
+
 namespace {
 
 // A token is a slot's index below and the serial number of its exchange above, which starts at 1.
 constexpr uint32_t kIndexBits = 12;
+constexpr uint32_t kIndexMask = (UINT32_C(1) << kIndexBits) - 1;
 constexpr uint32_t kSerialLimit = UINT32_C(1) << (32 - kIndexBits);
 
 // The states of a slot.
@@ -40,17 +50,11 @@ struct Pool {
 
 constinit std::atomic<Pool *> current_pool{nullptr};
 
-// KnownPath keeps every path that was ever in use: connections point to theirs.
-struct KnownPath {
-  host::SocketPath path;
-  KnownPath *before;
-};
-
 constinit std::atomic<KnownPath *> current_path{nullptr};
 
 // Threads keep to a connection: the kernel then keeps the thread and its partner in the service on one processor. The
 // model spares a dependency on the dynamic linker.
-__attribute__((tls_model("initial-exec"))) constinit thread_local Slot *preferred = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local Slot *preferred = nullptr;
 
 uint32_t state_of(uint32_t word) {
   return word & kStateMask;
@@ -63,12 +67,7 @@ uint32_t serial_of(uint32_t word) {
 }
 
 void close_socket(Slot *slot) {
-  // A program may have closed all descriptors and opened others under the same numbers.
-  struct stat status;
-  if (slot->socket >= 0 && fstat(slot->socket, &status) == 0 && S_ISSOCK(status.st_mode) &&
-      status.st_ino == slot->inode) {
-    close(slot->socket);
-  }
+  if (owns_socket(slot)) close(slot->socket);
   slot->socket = -1;
 }
 
@@ -162,7 +161,7 @@ Slot *take_empty(Pool *pool) {
   return nullptr;
 }
 
-__attribute__((noinline)) Slot *take_other() {
+[[gnu::noinline]] Slot *take_other() {
   Pool *pool = own_pool();
   if (pool == nullptr) {
     errno = ENOMEM;
@@ -172,6 +171,15 @@ __attribute__((noinline)) Slot *take_other() {
   if (slot == nullptr) slot = take_empty(pool);
   if (slot != nullptr) preferred = slot;
   return slot;
+}
+
+// Returns the slot that the token is of, whoever owns it, or null when this process has no such slot.
+Slot *slot_of(uint32_t token) {
+  const uint32_t index = token & kIndexMask;
+  Slot *slot = preferred;
+  if (slot != nullptr && slot->index == index && slot->generation == host::fork_generation()) return slot;
+  const Pool *pool = own_pool();
+  return pool == nullptr ? nullptr : slot_at(pool, index);
 }
 
 // Requests and replies hold secrets; the pages are not a child's to inherit either.
@@ -197,7 +205,7 @@ void set_state(Slot *slot, uint32_t state) {
 void use_service_path() {
   auto *fresh = static_cast<KnownPath *>(malloc(sizeof(KnownPath)));
   if (fresh == nullptr) return;  // with the path of before, if there is one
-  new (fresh) KnownPath{};
+  new (fresh) KnownPath{.path = {}, .receive_limit_ms = host::kDefaultReceiveLimitMs, .before = nullptr};
   KnownPath *known = current_path.load(std::memory_order_acquire);
   do {
     if (known != nullptr && strcmp(known->path.text, fresh->path.text) == 0) {
@@ -217,26 +225,35 @@ Slot *take() {
 
 bool open(Slot *slot) {
   close_socket(slot);
-  const KnownPath *path = current_path.load(std::memory_order_acquire);
+  KnownPath *path = current_path.load(std::memory_order_acquire);
   if (slot->buffer == nullptr) slot->buffer = make_buffer();
   if (path == nullptr || slot->buffer == nullptr) {
     errno = ENOMEM;
     return false;
   }
   HostHelloReply hello;
-  const int socket = host::connect_to_service(path->path.text, &hello);
+  const int socket =
+      host::connect_to_service(path->path.text, path->receive_limit_ms.load(std::memory_order_relaxed), &hello);
   if (socket < 0) return false;
   struct stat status = {};
   fstat(socket, &status);
   slot->socket = socket;
+  slot->device = status.st_dev;
   slot->inode = status.st_ino;
-  slot->path = path->path.text;
+  slot->path = path;
   slot->receive_limit_ms = hello.receive_limit_ms;
+  path->receive_limit_ms.store(hello.receive_limit_ms, std::memory_order_relaxed);
   return true;
 }
 
+bool owns_socket(const Slot *slot) {
+  struct stat status;
+  return slot->socket >= 0 && fstat(slot->socket, &status) == 0 && status.st_dev == slot->device &&
+         status.st_ino == slot->inode;
+}
+
 bool is_usable(const Slot *slot) {
-  return slot->socket >= 0 && slot->path == current_path.load(std::memory_order_acquire)->path.text;
+  return slot->path == current_path.load(std::memory_order_acquire) && owns_socket(slot);
 }
 
 uint32_t next_token(Slot *slot) {
@@ -246,16 +263,13 @@ uint32_t next_token(Slot *slot) {
   return serial << kIndexBits | slot->index;
 }
 
-void await_reply(Slot *slot) {
-  set_state(slot, kAwaiting);
+bool is_earlier(uint32_t token, uint32_t current) {
+  const uint32_t age = (current - token) >> kIndexBits;  // in exchanges, modulo their number
+  return (token & kIndexMask) == (current & kIndexMask) && age > 0 && age < kSerialLimit / 2;
 }
 
-Slot *slot_of(uint32_t token) {
-  const uint32_t index = token & ((UINT32_C(1) << kIndexBits) - 1);
-  Slot *slot = preferred;
-  if (slot != nullptr && slot->index == index && slot->generation == host::fork_generation()) return slot;
-  const Pool *pool = own_pool();
-  return pool == nullptr ? nullptr : slot_at(pool, index);
+void await_reply(Slot *slot) {
+  set_state(slot, kAwaiting);
 }
 
 Slot *resume(uint32_t token) {
@@ -263,8 +277,6 @@ Slot *resume(uint32_t token) {
   if (slot == nullptr) return nullptr;
   uint32_t awaiting = token >> kIndexBits << kStateBits | kAwaiting;
   const uint32_t owned = with_state(awaiting, kOwned);
-  // The look first: whoever drops a request whose reply came asks in vain, and an exchange costs more.
-  if (slot->word.load(std::memory_order_relaxed) != awaiting) return nullptr;
   return slot->word.compare_exchange_strong(awaiting, owned, std::memory_order_acq_rel) ? slot : nullptr;
 }
 

@@ -1,8 +1,8 @@
 // connections.h: the process's connections to the service, pooled.
 //
 // A connection carries one exchange at a time. Whoever takes a slot owns its connection, socket, buffer and all, until
-// the slot is given back, so nothing but the slot's word and its spare block is shared and no lock is held while
-// anybody waits. There are as many connections as there were ever exchanges at the same time.
+// the slot is given back, so nothing but the slot's word is shared and no lock is held while anybody waits. There are
+// as many connections as there were ever exchanges at the same time.
 #ifndef MTS_CONNECTIONS_H
 #define MTS_CONNECTIONS_H
 
@@ -12,25 +12,33 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host_wire.h"
+
 namespace mts {
 
+struct KnownPath;
+
 // Slot is a place for one connection. `word` is the serial number of the slot's last exchange, shifted left by
-// kStateBits, and its state. `index` and `generation` never change; the other members belong to the owner,
-// `spare` as long as it isn't null.
+// kStateBits, and its state. `index` and `generation` never change; the other members belong to the owner. Aligned, so
+// that threads in two slots never write to one cache line.
 struct alignas(64) Slot {
   std::atomic<uint32_t> word;
   uint32_t index;
-  uint32_t generation;           // of host::fork_generation
-  int socket;                    // -1: not open
-  std::atomic<uint8_t *> spare;  // a block for a reply, or null; the owner takes it, anybody may put one there
-  ino_t inode;                   // of the socket, by which it is told from a stranger's under the same number
-  const char *path;              // where it is connected, one of service_path's texts
+  uint32_t generation;  // of host::fork_generation
   uint32_t receive_limit_ms;
-  uint32_t opcode;     // of the exchange in progress
-  size_t buffer_used;  // bytes of `buffer` that may hold something of an exchange
+  KnownPath *path;  // where it is connected
+  int socket;       // -1: not open
+  dev_t device;     // of the socket, which with its inode tells it from a stranger's under the same number
+  ino_t inode;
   uint8_t *buffer;     // HOST_WIRE_MAX_DATAGRAM bytes, mapped: touched as far as messages go
+  size_t buffer_used;  // bytes of `buffer` that may hold something of an exchange
+
+  // Of the exchange in progress:
+  uint64_t sent_at;             // in the processor's own ticks
+  const HostReplyShape *shape;  // of its reply; null for a message that isn't known
+  uint32_t opcode;
+  uint32_t most;  // that its reply's length may say
 };
-static_assert(sizeof(Slot) == 64, "an exchange is to touch one cache line of it");
 
 // use_service_path reads from the environment where the service is; all connections go there from now on.
 void use_service_path();
@@ -39,8 +47,13 @@ void use_service_path();
 // before others. Null with errno when there are too many exchanges at a time (EMFILE) or no memory.
 Slot *take();
 
-// open connects and greets, closing what the slot had open. Returns false with errno.
+// open connects and greets, closing what the slot had open, within the limit that the service told last. Returns false
+// with errno.
 bool open(Slot *slot);
+
+// owns_socket tells whether the slot's descriptor is still its socket. A program that closes what it doesn't know, and
+// then opens files of its own, gets its numbers: what was meant for the service would go there.
+bool owns_socket(const Slot *slot);
 
 // is_usable tells whether the slot has a connection to where the service is now. (It may have been closed there.)
 bool is_usable(const Slot *slot);
@@ -48,11 +61,11 @@ bool is_usable(const Slot *slot);
 // next_token begins an exchange in the caller's slot and returns its token, never 0.
 uint32_t next_token(Slot *slot);
 
+// is_earlier tells whether the token is of an earlier exchange in the slot of `current`.
+bool is_earlier(uint32_t token, uint32_t current);
+
 // await_reply leaves the slot to whoever resumes it under the token.
 void await_reply(Slot *slot);
-
-// slot_of gives the slot that the token is of, whoever owns it. Null when this process has no such slot.
-Slot *slot_of(uint32_t token);
 
 // resume gives the slot back to the holder of the token, once. Null when nothing is awaited under it in this process.
 Slot *resume(uint32_t token);

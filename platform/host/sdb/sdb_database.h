@@ -26,6 +26,15 @@ constexpr unsigned kReaderSlots = 1022;
 constexpr long kOpenDeadlineMs = 250;
 constexpr long kCommitDeadlineMs = 2000;
 
+// GatePage is the first page of the gate's file, which all processes map. `changes` is odd while a commit is made, and
+// another number after it: what was read under an even one holds for as long as it stays. (A writer that dies leaves it
+// odd until the next commit.)
+struct GatePage {
+  uint8_t locks[64];  // bytes that are locked, never written
+  uint32_t changes;
+};
+constexpr size_t kGatePageSize = 4096;
+
 // Database is one open environment. It stays for the life of the process.
 //
 // LMDB's own locks have no limit of time, so each is taken behind a gate: its lock of the reader table (when a thread
@@ -34,8 +43,7 @@ constexpr long kCommitDeadlineMs = 2000;
 struct Database {
   Database *next;
   char *uri;
-  uint32_t generation;
-  // The same folder and name under another URI are the same database: LMDB must not open it twice.
+  // Where it lies: the same folder and name under another URI are the same database.
   dev_t folder_device;
   ino_t folder_inode;
   MDB_env *environment;
@@ -44,6 +52,10 @@ struct Database {
   Gate commit_gate;
   dev_t file_device;
   ino_t file_inode;
+  const uint8_t *map;  // of the file, for reading; LMDB's own isn't told
+  GatePage *gate_page;
+  int gate_fd;
+  ino_t gate_inode;
 };
 
 // open_database opens the database at the URI, or finds it open.
@@ -52,16 +64,6 @@ uint32_t open_database(Thread *thread, const char *uri);
 // find_database returns the open database at the URI, opening again after fork what the parent had open; or null and
 // a code.
 Database *find_database(Thread *thread, const char *uri, uint32_t *out_code);
-
-// begin_read starts to read in the thread's seat: with no system call and no lock unless it is the first time.
-uint32_t begin_read(Thread *thread, Seat *seat);
-void end_read(Seat *seat);
-
-// check_file tells whether the file is still the one that was opened, and whole.
-uint32_t check_file(Thread *thread, const Database &database);
-
-// fail_with_lmdb is fail_with for a result of LMDB.
-uint32_t fail_with_lmdb(Thread *thread, const char *doing, int result);
 
 }  // namespace sdb
 

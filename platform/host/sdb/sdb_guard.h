@@ -3,6 +3,7 @@
 #define SDB_GUARD_H
 
 #include <lmdb.h>
+#include <setjmp.h>
 
 #include "sdb_thread.h"
 
@@ -12,8 +13,7 @@ namespace sdb {
 // assumption broken, which would end the process, the result is MDB_CORRUPTED.
 template <typename Work>
 [[gnu::noinline]] int guarded(Thread *thread, const Work &work) {
-  // The compiler's own form, at a third of the cost of the library's.
-  if (__builtin_setjmp(thread->escape) != 0) {
+  if (_setjmp(thread->escape) != 0) {
     thread->escape_set = false;
     return MDB_CORRUPTED;
   }

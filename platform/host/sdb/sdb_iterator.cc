@@ -5,7 +5,7 @@
 
 #include "sdb_codes.h"
 #include "sdb_database.h"
-#include "sdb_guard.h"
+#include "sdb_reading.h"
 #include "sdb_thread.h"
 #include "sdb_value.h"
 
@@ -14,25 +14,6 @@ namespace sdb {
 namespace {
 
 constexpr uint32_t kIteratorFlags = 1;
-
-// Places the cursor at the first key behind the iteration's.
-int place(MDB_cursor *cursor, const Iteration &iteration, MDB_val *out_key, MDB_val *out_value) {
-  if (!iteration.at_key) return mdb_cursor_get(cursor, out_key, out_value, MDB_FIRST);
-  const MDB_val last{iteration.key.size, const_cast<void *>(iteration.key.data)};
-  *out_key = last;
-  const int result = mdb_cursor_get(cursor, out_key, out_value, MDB_SET_RANGE);
-  if (result != 0 || out_key->mv_size != last.mv_size) return result;
-  if (memcmp(out_key->mv_data, last.mv_data, last.mv_size) != 0) return result;
-  return mdb_cursor_get(cursor, out_key, out_value, MDB_NEXT);
-}
-
-int find_next(Thread *thread, Seat *seat, MDB_val *out_key, MDB_val *out_value) {
-  MDB_cursor *cursor = nullptr;
-  if (const int result = mdb_cursor_open(seat->reader, seat->database->entries, &cursor); result != 0) return result;
-  const int result = guarded(thread, [&] { return place(cursor, seat->iteration, out_key, out_value); });
-  mdb_cursor_close(cursor);
-  return result;
-}
 
 // The order of keys: byte by byte, and a longer one after its beginning.
 bool is_behind(const MDB_val &key, const KsSdbDatum &last) {
@@ -54,15 +35,17 @@ uint32_t take(Thread *thread, Iteration *iteration, const MDB_val &key, const MD
 }
 
 uint32_t move_on(Thread *thread, Seat *seat, const KsSdbDatum **out_key, const KsSdbDatum **out_value) {
-  if (const uint32_t code = check_file(thread, *seat->database); code != kOk) return code;
-  if (const uint32_t code = begin_read(thread, seat); code != kOk) return code;
   Iteration &iteration = seat->iteration;
+  const MDB_val last{iteration.key.size, const_cast<void *>(iteration.key.data)};
   MDB_val key;
   MDB_val value;
   bool has_value = false;
-  const int result = find_next(thread, seat, &key, &value);
-  uint32_t code = result == 0 ? take(thread, &iteration, key, value, &has_value) : code_of_lmdb(result);
-  end_read(seat);
+  uint32_t code = read_in(
+      thread, seat,
+      [&](size_t txn_id) {
+        return find_behind(*seat->database, txn_id, iteration.at_key ? &last : nullptr, &key, &value);
+      },
+      [&] { return take(thread, &iteration, key, value, &has_value); });
   if (code == kNoKey) code = kNoMoreKeys;
   if (code != kOk) return code;
 

@@ -6,6 +6,8 @@
 #ifndef SDB_THREAD_H
 #define SDB_THREAD_H
 
+#include <setjmp.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -57,12 +59,26 @@ struct Iteration {
   KsSdbDatum value;
 };
 
+// Copy is an entry as it was read last: it is handed out again, without a look at the files, as long as nobody has
+// committed and the clock hasn't ticked. That spares a warm read the two looks, of 350 ns each where all of it takes
+// 260.
+struct Copy {
+  int64_t tick;
+  uint32_t changes;  // of the gate's page
+  uint32_t key_size;
+  uint32_t stored_size;            // 0: there is no such entry
+  alignas(8) uint8_t bytes[1000];  // what is stored, check in front, and the key behind it
+};
+constexpr size_t kCopies = 8;
+
 struct Seat {
   Seat *next;
   Database *database;
   MDB_txn *reader;  // between reads it is reset, so that it holds a slot but no pages; null before the first
   Changes changes;
   Iteration iteration;
+  uint32_t changes_seen;  // before the last read
+  Copy copies[kCopies];
 };
 
 struct Thread {
@@ -72,7 +88,7 @@ struct Thread {
   KsSdbDatum value;
 
   // Where to go on when LMDB finds an assumption about its pages broken, instead of ending the process.
-  void *escape[5];
+  jmp_buf escape;
   bool escape_set;
 
   uint32_t failure_code;  // of the latest call, when `failure` tells more about it

@@ -1,4 +1,5 @@
-// sdb_value.h: from the map to the caller.
+// sdb_value.h: what calls of the interface have in common: their beginning, their key, and the way of a value from the
+// map to the caller.
 #ifndef SDB_VALUE_H
 #define SDB_VALUE_H
 
@@ -26,6 +27,11 @@ inline Seat *find_seat(Thread *thread, const char *uri, uint32_t *out_code) {
   Seat *seat = seat_at(thread, database);
   if (seat == nullptr) *out_code = kNoMemory;
   return seat;
+}
+
+inline uint32_t check_key(Thread *thread, const KsSdbDatum *key) {
+  const bool good = key != nullptr && key->data != nullptr && key->size > 0 && key->size <= kMaxKeySize;
+  return good ? kOk : fail_with(thread, kBadArgument, "a key has 1 to %zu bytes", kMaxKeySize);
 }
 
 // copy_stored copies the stored bytes, check in front, to the thread's buffer.

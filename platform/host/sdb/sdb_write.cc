@@ -8,6 +8,7 @@
 #include "sdb_codes.h"
 #include "sdb_database.h"
 #include "sdb_guard.h"
+#include "sdb_reading.h"
 #include "sdb_thread.h"
 #include "sdb_value.h"
 
@@ -18,9 +19,7 @@ namespace {
 uint32_t stage(const char *uri, const KsSdbDatum *key, const KsSdbDatum *value) {
   Thread *thread = enter();
   if (thread == nullptr) return kNoMemory;
-  if (key == nullptr || key->data == nullptr || key->size == 0 || key->size > kMaxKeySize) {
-    return fail_with(thread, kBadArgument, "a key has 1 to %zu bytes", kMaxKeySize);
-  }
+  if (const uint32_t code = check_key(thread, key); code != kOk) return code;
   if (value != nullptr && (value->size > kMaxValueSize || (value->data == nullptr && value->size != 0))) {
     return fail_with(thread, kBadArgument, "a value has at most %zu bytes", kMaxValueSize);
   }
@@ -103,7 +102,6 @@ uint32_t write_once(Thread *thread, Database &database, const Changes &changes, 
 }
 
 uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
-  if (const uint32_t code = check_file(thread, database); code != kOk) return code;
   const uint32_t code = write_once(thread, database, changes, deadline);
   if (code != kFull) return code;
   // Readers that died in the middle of a read hold pages up.
@@ -114,6 +112,17 @@ uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &ch
   return dead == 0 ? code : write_once(thread, database, changes, deadline);
 }
 
+// From here on nobody takes a copy for what the file holds. Only who is inside the commit gate writes the number.
+void begin_change(const Database &database) {
+  uint32_t *changes = &database.gate_page->changes;
+  __atomic_store_n(changes, __atomic_load_n(changes, __ATOMIC_RELAXED) | 1, __ATOMIC_SEQ_CST);
+}
+
+void end_change(const Database &database) {
+  uint32_t *changes = &database.gate_page->changes;
+  __atomic_store_n(changes, __atomic_load_n(changes, __ATOMIC_RELAXED) + 1, __ATOMIC_SEQ_CST);
+}
+
 uint32_t commit(Thread *thread, Seat *seat) {
   if (seat->changes.first == nullptr) return kOk;
   const NoCancellation no_cancellation;
@@ -121,7 +130,12 @@ uint32_t commit(Thread *thread, Seat *seat) {
   const Deadline deadline = Deadline::in_ms(kCommitDeadlineMs);
   const GateResult entered = database.commit_gate.enter(deadline);
   if (entered != GateResult::kEntered) return busy(thread, entered, database);
-  const uint32_t code = write_inside_gate(thread, database, seat->changes, deadline);
+  uint32_t code = check_file_in_place(thread, database);
+  if (code == kOk) {
+    begin_change(database);
+    code = write_inside_gate(thread, database, seat->changes, deadline);
+    end_change(database);
+  }
   database.commit_gate.leave();
   return code;
 }

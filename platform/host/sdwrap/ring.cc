@@ -1,8 +1,7 @@
 #include "ring.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -10,7 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +19,7 @@
 #include "host_wire.h"
 
 namespace sdwrap {
+
 namespace {
 
 constexpr uint64_t kRetryNs = 1'000'000'000;
@@ -30,10 +30,10 @@ constexpr uint64_t kBeingWritten = UINT64_C(1) << 63;
 
 // Mapped is the ring of the process that has this generation of host::fork_generation. In a child it is its parent's,
 // which isn't mapped there, until the child makes its own.
-struct alignas(64) Mapped {
+struct Mapped {
   std::atomic<uint32_t> generation;
   std::atomic<HostRing *> ring;
-  char path[host::kSocketPathSize + 64];
+  char path[PATH_MAX];
 };
 
 constinit Mapped current{};
@@ -69,19 +69,95 @@ void program_name(char *out, size_t size) {
   out[strcspn(out, "\n")] = '\0';
 }
 
-// Opens the file, making it if need be. A program that was started by exec goes on with the ring of the one before.
-// In a folder where everybody may write, a file is only taken when it is the caller's own.
-int open_ring(const char *path) {
-  const int file = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+// ---- The folder. Whoever may write there could fill the file system that it is on, so it is always the user's own.
+
+bool is_own(int file, mode_t forbidden) {
+  struct stat status;
+  return fstat(file, &status) == 0 && status.st_uid == geteuid() && (status.st_mode & forbidden) == 0;
+}
+
+// Opens the folder `name` in the folder `parent`, making it if need be, when both are the user's own. -1 otherwise.
+int open_own_folder(const char *parent, const char *name) {
+  const int above = open(parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (above < 0) return -1;
+  int folder = -1;
+  if (is_own(above, S_IWGRP | S_IWOTH) && (mkdirat(above, name, 0700) == 0 || errno == EEXIST)) {
+    folder = openat(above, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  }
+  close(above);
+  if (folder >= 0 && !is_own(folder, S_IRWXG | S_IRWXO)) {
+    close(folder);
+    folder = -1;
+  }
+  return folder;
+}
+
+// Opens the folder of the user's rings, -1 where there can be none, and writes its path.
+int open_folder(char *path, size_t size) {
+  const host::SocketPath socket;
+  const char *slash = strrchr(socket.text, '/');
+  char parent[sizeof socket.text] = ".";
+  if (slash != nullptr) snprintf(parent, sizeof parent, "%.*s/", static_cast<int>(slash - socket.text), socket.text);
+  snprintf(path, size, "%s/history", parent);
+  if (const int folder = open_own_folder(parent, "history"); folder >= 0) return folder;
+
+  char usual[sizeof "/run/user/4294967295"];
+  snprintf(usual, sizeof usual, "/run/user/%u", geteuid());
+  const char *runtime = secure_getenv("XDG_RUNTIME_DIR");
+  if (runtime == nullptr) runtime = usual;
+  if (static_cast<size_t>(snprintf(path, size, "%s/ks", runtime)) >= size) return -1;
+  return open_own_folder(runtime, "ks");
+}
+
+// ---- The file.
+
+int open_file(int folder, const char *name) {
+  return openat(folder, name, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+}
+
+// Opens the ring, making it if need be, and takes it for this process. -1 when it is another's.
+int open_ring(int folder, const char *name) {
+  const int file = open_file(folder, name);
   if (file < 0) return -1;
   struct stat status;
-  const bool own = fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
-                   status.st_nlink == 1 && (status.st_mode & 077) == 0;
+  const bool free = fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_own(file, S_IRWXG | S_IRWXO) &&
+                    status.st_nlink == 1 && flock(file, LOCK_EX | LOCK_NB) == 0;
   // Allocated now: storing into a mapped file whose file system is full would end the program.
-  if (own && posix_fallocate(file, 0, sizeof(HostRing)) == 0) return file;
-  if (own) unlink(path);
+  if (free && posix_fallocate(file, 0, sizeof(HostRing)) == 0) return file;
+  if (free) unlinkat(folder, name, 0);
   close(file);
   return -1;
+}
+
+// Opens the first ring from the next one on that nobody holds. Two processes that come at once may read the same
+// number: the ring's own lock keeps them apart.
+int open_free_ring(int folder, char (&name)[16]) {
+  const int next = open_file(folder, "next");
+  if (next < 0) return -1;
+  uint32_t first = 0;
+  if (pread(next, &first, sizeof first, 0) != sizeof first) first = 0;
+  int file = -1;
+  for (uint32_t i = 0; file < 0 && i < HOST_RING_COUNT; i++) {
+    const uint32_t number = (first + i) % HOST_RING_COUNT;
+    snprintf(name, sizeof name, "%02u.ring", number);
+    file = open_ring(folder, name);
+    const uint32_t behind = (number + 1) % HOST_RING_COUNT;
+    [[maybe_unused]] const ssize_t noted = file < 0 ? 0 : pwrite(next, &behind, sizeof behind, 0);
+  }
+  close(next);
+  return file;
+}
+
+// Opens a ring for this process and notes its path.
+int take_ring() {
+  char folder_path[sizeof current.path - 16];
+  const int folder = open_folder(folder_path, sizeof folder_path);
+  if (folder < 0) return -1;
+  char name[16];
+  const int file = open_free_ring(folder, name);
+  close(folder);
+  if (file >= 0) snprintf(current.path, sizeof current.path, "%s/%s", folder_path, name);
+  return file;
 }
 
 HostRing *map_ring(int file, void *where) {
@@ -92,95 +168,32 @@ HostRing *map_ring(int file, void *where) {
   return static_cast<HostRing *>(area);
 }
 
+// What the ring held was of a process that has ended.
 void describe(HostRing *ring) {
-  if (ring->magic != HOST_RING_MAGIC || ring->version != 1 || ring->slot_count != HOST_RING_SLOTS) {
-    memset(ring, 0, sizeof *ring);
-  }
-  // Threads that exec ended may have left slots half written.
-  for (HostRingSlot &slot : ring->slots) {
-    if (slot.sequence >= kBeingWritten) slot.sequence = 0;
-  }
+  memset(ring, 0, sizeof *ring);
   ring->version = 1;
   ring->slot_count = HOST_RING_SLOTS;
   ring->pid = static_cast<uint32_t>(getpid());
+  ring->start = start_time();
   program_name(ring->program, sizeof ring->program);
   __atomic_store_n(&ring->magic, HOST_RING_MAGIC, __ATOMIC_RELEASE);
 }
 
-// ---- Rings of the dead. They are there to be read after a crash, but memory isn't to fill with them: each new ring
-// removes those beyond the newest few of the same user.
-
-constexpr size_t kDeadKept = 16;
-
-struct DeadRing {
-  timespec written;
-  char name[64];
-};
-
-bool older(const timespec &a, const timespec &b) {
-  return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
-
-bool describes_dead_ring(int folder, const char *name, DeadRing *ring) {
-  unsigned pid = 0;
-  unsigned long long start = 0;
-  int length = 0;
-  if (sscanf(name, "%u-%llu.ring%n", &pid, &start, &length) != 2 || length == 0 || name[length] != '\0') return false;
-  if (strlen(name) >= sizeof ring->name || pid == 0 || pid > INT32_MAX) return false;
-  struct stat status;
-  if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0 || status.st_uid != geteuid()) return false;
-  if (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) return false;
-  ring->written = status.st_mtim;
-  memcpy(ring->name, name, strlen(name) + 1);
-  return true;
-}
-
-void remove_old_rings(const char *folder_path) {
-  DIR *folder = opendir(folder_path);
-  if (folder == nullptr) return;
-  DeadRing kept[kDeadKept];
-  size_t count = 0;
-  DeadRing ring;
-  while (const dirent *entry = readdir(folder)) {
-    if (!describes_dead_ring(dirfd(folder), entry->d_name, &ring)) continue;
-    if (count < kDeadKept) {
-      kept[count++] = ring;
-      continue;
-    }
-    size_t oldest = 0;
-    for (size_t i = 1; i < count; i++) {
-      if (older(kept[i].written, kept[oldest].written)) oldest = i;
-    }
-    const bool older_than_all = older(ring.written, kept[oldest].written);
-    unlinkat(dirfd(folder), older_than_all ? ring.name : kept[oldest].name, 0);
-    if (!older_than_all) kept[oldest] = ring;
-  }
-  closedir(folder);
-}
-
 // Returns this process's ring, mapped and current, or null.
 HostRing *make_ring(uint32_t generation) {
-  const host::SocketPath socket;
-  const char *slash = strrchr(socket.text, '/');
-  char folder[sizeof socket.text + 16];
-  snprintf(folder, sizeof folder, "%.*s/history", slash == nullptr ? 1 : static_cast<int>(slash - socket.text),
-           slash == nullptr ? "." : socket.text);
-
-  snprintf(current.path, sizeof current.path, "%s/%d-%llu.ring", folder, getpid(), start_time());
-  const int file = open_ring(current.path);
+  const int file = take_ring();
   if (file < 0) return nullptr;
   HostRing *ring = map_ring(file, nullptr);
-  close(file);
+  close(file);  // the mapping keeps the lock
   if (ring == nullptr) return nullptr;
   describe(ring);
   current.ring.store(ring, std::memory_order_relaxed);
   current.generation.store(generation, std::memory_order_release);
-  remove_old_rings(folder);
   return ring;
 }
 
 // Returns this process's ring, or null: where there can be none, and for a moment while another thread makes it.
-__attribute__((noinline, cold)) HostRing *ring_made(uint32_t generation) {
+[[gnu::noinline, gnu::cold]] HostRing *ring_made(uint32_t generation) {
   const uint64_t now = read_clock(CLOCK_REALTIME_COARSE);
   if (now < next_try_ns.load(std::memory_order_relaxed)) return nullptr;
   uint32_t maker = making.load(std::memory_order_relaxed);
@@ -214,12 +227,13 @@ void publish(HostRingSlot *slot, uint64_t position) {
   __atomic_store_n(&slot->sequence, position + 1, __ATOMIC_RELEASE);
 }
 
+// Asked for once in a thread: gettid takes 140 ns, a record 18.
 uint32_t thread_id(uint32_t generation) {
   struct Cached {
     uint32_t generation;  // the thread that forked has another id in the child
     uint32_t id;
   };
-  __attribute__((tls_model("initial-exec"))) static constinit thread_local Cached cached{};
+  [[gnu::tls_model("initial-exec")]] static constinit thread_local Cached cached{};
   if (cached.generation != generation) cached = {.generation = generation, .id = static_cast<uint32_t>(gettid())};
   return cached.id;
 }
@@ -231,8 +245,6 @@ uint64_t record(uint16_t kind, const void *data, size_t length, clockid_t clock)
   HostRing *ring = current.generation.load(std::memory_order_acquire) == generation
                        ? current.ring.load(std::memory_order_relaxed)
                        : ring_made(generation);
-  // Between two records the slot has left the cache: it comes back while the clock is read.
-  if (ring != nullptr) __builtin_prefetch(slot_at(ring, __atomic_load_n(&ring->next, __ATOMIC_RELAXED)), 1);
   const uint64_t now = read_clock(clock);
   if (ring == nullptr) return now;
   if (length > kMaxRecord) length = kMaxRecord;
@@ -262,13 +274,16 @@ void keep_ring_visible() {
   HostRing *ring = current.ring.load(std::memory_order_relaxed);
   struct stat status;
   if (lstat(current.path, &status) == 0) return;
-  const int file = open_ring(current.path);
+  char before[sizeof current.path];
+  memcpy(before, current.path, sizeof before);
+  const int file = take_ring();
   if (file < 0) return;
   // In one step, at the same address: writers never find the ring away.
   if (pwrite(file, ring, sizeof(HostRing), 0) == static_cast<ssize_t>(sizeof(HostRing))) {
     map_ring(file, ring);
   } else {
     unlink(current.path);
+    memcpy(current.path, before, sizeof before);
   }
   close(file);
 }

@@ -52,7 +52,7 @@ const Known *known() {
   const int caller_errno = errno;
   const host::SocketPath path;
   HostHelloReply hello;
-  const int socket = host::connect_to_service(path.text, &hello);
+  const int socket = host::connect_to_service(path.text, host::kDefaultReceiveLimitMs, &hello);
   if (socket >= 0) close(socket);
   errno = caller_errno;
   if (socket < 0 || hello.vdc_id == HOST_NO_VDC) return nullptr;
@@ -90,7 +90,7 @@ KS_EXPORT uint32_t sysmgr_vdc_get(void) {
 
 KS_EXPORT uint32_t sysmgr_supstate_get(void) {
   host::refresh_state_page();
-  return host::state_page_mapped() ? host::state_word(host::state_area.page.supstate) : 0;
+  return host::state_page_mapped() ? host::state_word(host::state_page().supstate) : 0;
 }
 
 KS_EXPORT const char *sysmgr_running_cfg_uri_get(void) {

@@ -199,7 +199,7 @@ TEST_F(Mts, LeavesNothingOfAnExchangeInMemory) {
     sections.section_count = 1;
     KsMtsMessage sent;
     KsMtsMessage received;
-    if (mts_send(queue, 0, 0, 66561, nullptr, 0, &sent, 0, &sections) != 0) return false;
+    if (mts_send(queue, 0, 0, 66562, nullptr, 0, &sent, 0, &sections) != 0) return false;
     if (!is_in_memory(masked, kMask, page)) return false;  // the request, and so this search finds it
     if (receive_by(queue, mts_rr_token_get(&sent), &received) != 0) return false;
     if (!is_in_memory(masked, kMask, page)) return false;  // the reply

@@ -21,8 +21,9 @@ inline uint32_t bind_as(uint32_t app_uuid) {
   return mts_bind(1, 0, &bind, 0);
 }
 
+// A store, unless said otherwise: of its reply nothing is read but the result, so that the rest may be anything.
 inline uint32_t send_sections(uint32_t queue, const Octets &descriptor, const std::vector<KsSection> &sections,
-                              KsMtsMessage *sent, uint32_t opcode = 66561) {
+                              KsMtsMessage *sent, uint32_t opcode = 66562) {
   KsSendOptions options = {};
   options.select = 1;
   options.sections = sections.data();
@@ -43,11 +44,12 @@ inline Octets payload_of(const KsMtsMessage &received) {
   return Octets(bytes, bytes + mts_payload_size(&received));
 }
 
-inline Answer exchange(uint32_t queue, const Octets &descriptor, const std::vector<KsSection> &sections = {}) {
+inline Answer exchange(uint32_t queue, const Octets &descriptor, const std::vector<KsSection> &sections = {},
+                       uint32_t opcode = 66562) {
   Answer answer;
   KsMtsMessage sent;
   KsMtsMessage received;
-  answer.sent = send_sections(queue, descriptor, sections, &sent);
+  answer.sent = send_sections(queue, descriptor, sections, &sent, opcode);
   if (answer.sent == MTS_FAILED) {
     answer.error = mts_errno_get(queue);
     return answer;

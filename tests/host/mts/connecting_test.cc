@@ -1,12 +1,14 @@
 // What is asked of the kernel and of the service while a connection is made.
 #include <malloc.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <functional>
 #include <utility>
 
 #include "client.h"
+#include "own_run.h"
 #include "socket_hooks.h"
 
 namespace {
@@ -244,6 +246,20 @@ TEST_F(Sending, CostsNoMemoryWhereThereIsNoService) {
   const size_t before = mallinfo2().uordblks;
   for (int i = 0; i < 100; i++) EXPECT_EQ(bind_as(1), MTS_FAILED);
   EXPECT_LT(mallinfo2().uordblks, before + 4096);
+}
+
+TEST_F(Connecting, GoesToRunKsWhereTheEnvironmentNamesNoPath) {
+  if (!passes_in_child(gives_own_run)) GTEST_SKIP() << "needs a mount namespace";
+  for (const char *named : {static_cast<const char *>(nullptr), ""}) {
+    EXPECT_TRUE(passes_in_child([named] {
+      if (!gives_own_run() || mkdir("/run/ks", 0755) != 0) return false;
+      FakeService served("/run/ks/ksd.sock");
+      served.start();
+      unsetenv("KS_SOCKET");
+      if (named != nullptr) setenv("KS_SOCKET", named, 1);
+      return bind_as(1) != MTS_FAILED;
+    }));
+  }
 }
 
 }  // namespace

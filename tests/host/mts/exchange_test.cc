@@ -56,7 +56,7 @@ TEST_F(Mts, SendsHeaderDescriptorAndSectionsWithoutGaps) {
   std::fill(seen.begin() + 12, seen.begin() + 16, uint8_t{0xaa});
   EXPECT_THAT(seen, ElementsAre(0x6b, 0x77, 0x73, 0x31,              // magic
                                 0x01, 0x00, 0x06, 0x00,              // version, descriptor size
-                                0x01, 0x04, 0x01, 0x00,              // opcode 66561
+                                0x02, 0x04, 0x01, 0x00,              // opcode 66562
                                 0xaa, 0xaa, 0xaa, 0xaa,              // token
                                 0x00, 0x00, 0x00, 0xfe,              // node
                                 0x0b, 0x00, 0x00, 0x00,              // service access point
@@ -114,7 +114,7 @@ TEST_F(Mts, RefusesMissingData) {
 // From a piece that is copied together to the largest there may be.
 TEST_F(Mts, CarriesRequestsAndRepliesOfEverySize) {
   const uint32_t queue = bound();
-  for (const size_t size : {1, 1023, 1024, 1025, 4096, 65'520, 131'070, 192 * 1024 - 8}) {
+  for (const size_t size : {1UL, 1023UL, 1024UL, 1025UL, 4096UL, 65'520UL, 131'070UL, 192 * 1024UL - 8}) {
     Octets data(size);
     for (size_t i = 0; i < size; i++) data[i] = static_cast<uint8_t>(i * 31 + size);
     const auto half = static_cast<uint32_t>(size / 2);

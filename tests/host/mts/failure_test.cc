@@ -72,6 +72,23 @@ TEST_F(Mts, NeverSendsTwiceWhatMayHaveBeenDelivered) {
   EXPECT_EQ(service.requests().size(), 1U);
 }
 
+TEST_F(Mts, SendsOnceWhateverErrnoWasBefore) {
+  std::atomic<unsigned> requests = 0;
+  service.handler = [&](int socket, const FakeService::Request &request) {
+    requests++;
+    return FakeService::echo(socket, request);
+  };
+  const uint32_t queue = bound();
+  const std::vector<uint8_t> large(20'000);  // gathered by the kernel; what is smaller is copied together
+  errno = EINTR;
+  EXPECT_TRUE(works(queue));
+  errno = EINTR;
+  EXPECT_EQ(exchange(queue, {}, {{large.data(), 20'000}}).payload.size(), 20'004U);
+  errno = EINTR;
+  EXPECT_NE(bind_as(1), MTS_FAILED);
+  EXPECT_EQ(requests, 2U);
+}
+
 TEST_F(Mts, GivesUpAtTheServicesLimitAndForgetsTheLateReply) {
   service.hello.receive_limit_ms = 400;
   service.handler = [&](int socket, const FakeService::Request &request) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <thread>
 
@@ -54,6 +55,32 @@ TEST_F(Mts, GivesAChildConnectionsOfItsOwn) {
   EXPECT_EQ(service.connections(), 2U);
   EXPECT_TRUE(works(queue));
   EXPECT_EQ(service.connections(), 2U) << "the parent's own goes on";
+}
+
+TEST_F(Mts, GivesAChildTokensOfItsOwn) {
+  const uint32_t queue = bound();
+  const auto tokens = [queue] {
+    std::vector<uint32_t> found;
+    for (int i = 0; i < 3; i++) {
+      KsMtsMessage sent;
+      KsMtsMessage received;
+      if (send_sections(queue, {1}, {}, &sent) == MTS_FAILED) abort();
+      found.push_back(mts_rr_token_get(&sent));
+      if (receive_by(queue, found.back(), &received) == MTS_FAILED) abort();
+      mts_drop(queue, &sent);
+      mts_drop(queue, &received);
+    }
+    return found;
+  };
+  EXPECT_TRUE(passes_in_child([&] {
+    const std::vector<uint32_t> parents = tokens();
+    return passes_in_child([&] {
+      for (const uint32_t own : tokens()) {
+        if (std::find(parents.begin(), parents.end(), own) != parents.end()) return false;
+      }
+      return true;
+    });
+  }));
 }
 
 TEST_F(Mts, LeavesAParentsExchangeToTheParent) {

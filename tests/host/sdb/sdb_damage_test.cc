@@ -272,6 +272,64 @@ TEST_F(SdbDamage, OfAnOpenFileStopsWritesAndIterations) {
   EXPECT_EQ(sdb_getkey(uri.c_str(), &k, &v), kDamagedCode);
 }
 
+TEST_F(SdbDamage, OfAnOpenFileThatWasTruncatedIsAMiss) {
+  for (const off_t size : {off_t{0}, off_t{1}, off_t{4096}, off_t{8192}, off_t{40000}, off_t{kUsed}}) {
+    fill();
+    EXPECT_EQ(in_child([&] {
+                if (open() != 0 || read(key(1)) != 0) return 1;
+                if (truncate(data_file.c_str(), size) != 0) return 2;
+                if (read(key(2)) != kDamagedCode || read("no such key") != kDamagedCode) return 3;
+                // What was read just now may be known still, but not for long.
+                while (read(key(1)) == 0) continue;
+                return read(key(1)) == kDamagedCode ? 0 : 4;
+              }),
+              0)
+        << size;
+    std::filesystem::remove_all(folder);
+  }
+}
+
+TEST_F(SdbDamage, OfTheGatesFileIsAMissToo) {
+  fill();
+  EXPECT_EQ(in_child([&] {
+              if (open() != 0) return 1;
+              if (truncate((data_file + "-gate").c_str(), 0) != 0) return 2;
+              return read(key(1)) == kDamagedCode && put("a", "b") == kDamagedCode ? 0 : 3;
+            }),
+            0);
+}
+
+// While the file is open, by writing to it: to a page, to many, to its heads.
+TEST_F(SdbDamage, OfAnOpenFileThatWasAlteredNeverEndsAReader) {
+  fill();
+  std::minstd_rand random(44);
+  EXPECT_EQ(in_child([&] {
+              if (open() != 0) return 1;
+              const int fd = ::open(data_file.c_str(), O_RDWR | O_CLOEXEC);
+              for (unsigned round = 0; round < 300; ++round) {
+                std::string damaged = content_;
+                const size_t page = 4096 * (random() % 40);
+                for (size_t i = 0; i < 1 + random() % 200; ++i)
+                  damaged[page + random() % 4096] = static_cast<char>(random());
+                if (pwrite(fd, damaged.data(), kUsed, 0) != static_cast<ssize_t>(kUsed)) return 2;
+                for (unsigned i = 0; i < kEntries; i += 7) {
+                  std::string found;
+                  if (read(key(i), &found) == 0 && found != value(i)) return 3;
+                }
+                sdb_iterator_init(uri.c_str(), 1);
+                const KsSdbDatum *k = nullptr;
+                const KsSdbDatum *v = nullptr;
+                unsigned steps = 0;
+                for (uint32_t code = sdb_getkey(uri.c_str(), &k, &v); code == 0;
+                     code = sdb_getnext(uri.c_str(), &k, &v)) {
+                  if (++steps > 10 * kEntries) return 4;
+                }
+              }
+              return 0;
+            }),
+            0);
+}
+
 TEST_F(SdbDamage, OfPagesInUseIsAnErrorForAsLongAsItLasts) {
   ASSERT_EQ(open(), 0u);
   for (unsigned i = 0; i < kEntries; ++i) stage(key(i), value(i));

@@ -14,7 +14,9 @@
 #include <string>
 #include <string_view>
 
+#include "leave.h"
 #include "sdb.h"
+#include "temporary_folder.h"
 
 // The codes again, as numbers: what callers see.
 constexpr uint32_t kRetryCode = 0x411a0008;
@@ -58,7 +60,7 @@ inline int status_of(pid_t child) {
 inline pid_t start_child(const std::function<int()> &work) {
   fflush(nullptr);
   const pid_t child = fork();
-  if (child == 0) _exit(work());
+  if (child == 0) ks_test::leave(work());
   return child;
 }
 
@@ -71,14 +73,11 @@ inline int in_child(const std::function<int()> &work) {
 class Sdb : public testing::Test {
  protected:
   Sdb() {
-    std::string pattern = std::filesystem::temp_directory_path() / "sdb-test-XXXXXX";
-    root = mkdtemp(pattern.data());
     folder = root + "/cache";
     uri = "lmdb://" + folder + "/entries";
     const std::string ending = sizeof(void *) == 8 ? "-64.mdb" : "-32.mdb";
     data_file = folder + "/entries" + ending;
   }
-  ~Sdb() override { std::filesystem::remove_all(root); }
 
   uint32_t open() { return sdb_open(uri.c_str(), 1, 77, 0, 0); }
 
@@ -120,7 +119,8 @@ class Sdb : public testing::Test {
     return value;
   }
 
-  std::string root;
+  const ks_test::TemporaryFolder own_folder;
+  const std::string root = own_folder.path();
   std::string folder;
   std::string uri;
   std::string data_file;

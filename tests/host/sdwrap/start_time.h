@@ -1,4 +1,4 @@
-// start_time.h: the part of a ring's name that tells processes of one number apart.
+// start_time.h: the part of a ring's head that tells processes of one number apart.
 #ifndef TESTS_HOST_SDWRAP_START_TIME_H
 #define TESTS_HOST_SDWRAP_START_TIME_H
 

@@ -140,6 +140,19 @@ TEST_F(Sysmgr, TakesNoOtherFileForThePage) {
   }));
 }
 
+TEST_F(Sysmgr, TakesNoPageThatOthersMayWriteOrThatIsAStrangers) {
+  EXPECT_TRUE(passes_in_child([this] {
+    const std::string path = socket_path() + ".state";
+    write_state(page_of(KS_SUPSTATE_HOLD));
+    chmod(path.c_str(), 0666);
+    const bool writable = sysmgr_supstate_get() == 0;
+    chmod(path.c_str(), 0644);
+    const bool strangers = geteuid() != 0 || (chown(path.c_str(), 12345, 12345) == 0 && sysmgr_supstate_get() == 0);
+    const bool back = geteuid() != 0 || chown(path.c_str(), 0, 0) == 0;
+    return writable && strangers && back && sysmgr_supstate_get() == KS_SUPSTATE_HOLD;
+  }));
+}
+
 TEST_F(Sysmgr, CompletesAUri) {
   const char *uri = sysmgr_uri_complete("lmdb:///run/ks/db", "sksd_", "ks_cache_data");
   EXPECT_STREQ(uri, "lmdb:///run/ks/db/sksd_ks_cache_data");

@@ -1,5 +1,5 @@
 // The configuration file: what it means, and what is said about one that is wrong.
-#include "config.h"
+#include "config/config.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,26 +8,23 @@
 #include <filesystem>
 #include <fstream>
 
-#include "service/service_process.h"
-
 namespace {
 
-using ks_test::run_ksd;
 using ksd::Caller;
-using ksd::Config;
-using ksd::parse_config;
+using ksd::config::Config;
+using ksd::config::parse_config;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
 std::vector<std::string> problems_of(const std::string &text) {
   std::vector<std::string> texts;
-  for (const ksd::ConfigProblem &problem : parse_config(text).problems) texts.push_back(describe("f", problem));
+  for (const ksd::config::ConfigProblem &problem : parse_config(text).problems) texts.push_back(describe("f", problem));
   return texts;
 }
 
 Config good(const std::string &text) {
-  const ksd::ParsedConfig parsed = parse_config(text);
+  const ksd::config::ParsedConfig parsed = parse_config(text);
   EXPECT_THAT(problems_of(text), IsEmpty());
   return parsed.config;
 }
@@ -74,8 +71,13 @@ send_limit_ms = 200
 silence_limit_ms = 300
 supstate = 2
 [limits]
-connections = 1
-connections_per_user = 2
+connections = 9
+connections_per_user = 8
+connections_unmapped = 7
+connections_administrators = 1
+connects_per_second = 6
+requests_per_user = 5
+changes_per_user = 4
 entries = 3
 entries_per_user = 4
 bytes = 5
@@ -95,7 +97,7 @@ debug = [255]
   EXPECT_EQ(config.send_limit_ms, 200u);
   EXPECT_EQ(config.silence_limit_ms, 300u);
   EXPECT_EQ(config.supstate, 2u);
-  EXPECT_EQ(config.limits, (ksd::Limits{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(config.limits, (ksd::config::Limits{9, 8, 7, 1, 6, 5, 4, 3, 4, 5, 6}));
   EXPECT_TRUE(config.gates.record[103] && config.gates.record[0] && !config.gates.record[100]);
   EXPECT_TRUE(config.gates.debug[255]);
 }
@@ -154,6 +156,30 @@ TEST(Config, RefusesNumbersOutOfRange) {
   EXPECT_THAT(problems_of("[trace]\nrecord = [255, 256]\n"), ElementsAre("f:2:16: a gate is a number from 0 to 255"));
 }
 
+TEST(Config, RefusesPlacesThatArentThere) {
+  EXPECT_THAT(problems_of("[limits]\nconnections = 10\nconnections_per_user = 11\n"),
+              ElementsAre("f:3:24: 11 of 10 connections: no user can have so many; at most 10 are possible"));
+  EXPECT_THAT(problems_of("[limits]\nconnections_unmapped = 1024\n"),
+              ElementsAre("f:2:24: 1024 of 1024 connections: none would be left for users with a VDC; at most 1023 are "
+                          "possible"));
+  EXPECT_THAT(problems_of("[limits]\nconnections = 10\nconnections_unmapped = 4\nconnections_administrators = 6\n"),
+              ElementsAre("f:4:30: 6 of 10 connections: none would be left for users with a VDC; at most 5 are "
+                          "possible"));
+  EXPECT_THAT(problems_of("[limits]\nconnections = 10\nconnections_unmapped = 4\nconnections_administrators = 5\n"),
+              IsEmpty());
+  EXPECT_THAT(problems_of("[limits]\nconnects_per_second = 0\nchanges_per_user = 0\nrequests_per_user = 1025\n"),
+              ElementsAre(HasSubstr("f:2:23: "), HasSubstr("f:3:20: "), HasSubstr("f:4:21: ")));
+}
+
+TEST(Config, HasPlacesFollowTheNumberOfConnections) {
+  const auto limits = good("[limits]\nconnections = 100\n").limits;
+  EXPECT_EQ(limits.connections_per_user, 100u);
+  EXPECT_EQ(limits.connections_unmapped, 6u);
+  EXPECT_EQ(limits.connections_administrators, 1u);
+  EXPECT_EQ(good("[limits]\nconnections = 1\n").limits.connections_unmapped, 1u);
+  EXPECT_EQ(good("[limits]\nconnections = 9999\n").limits.connections_per_user, 256u);
+}
+
 TEST(Config, RefusesAModeThatWasMeantToBeOctal) {
   EXPECT_THAT(problems_of("[service]\nsocket_mode = 660\n"),
               ElementsAre("f:2:15: socket_mode takes permission bits in octal, as 0o660"));
@@ -189,16 +215,8 @@ TEST(Config, RefusesAVdcWithoutIdOrTwice) {
       ElementsAre("f:1:1: this [[vdc]] has no id", "f:6:6: VDC 3 has a [[vdc]] already; put all its users there"));
 }
 
-TEST(Config, IsNotReadFromAFileThatEverybodyMayWrite) {
-  const ConfigFile file("");
-  chmod(file.path.c_str(), 0646);
-  const auto problems = ksd::load_config(file.path).problems;
-  ASSERT_EQ(problems.size(), 1u);
-  EXPECT_EQ(describe("f", problems[0]), "f: everybody may write this file; run chmod o-w on it");
-}
-
 TEST(SampleConfig, IsValidAndShowsTheDefaults) {
-  const ksd::ParsedConfig sample = ksd::load_config(KS_SOURCE_DIR "/service/ksd.toml");
+  const ksd::config::ParsedConfig sample = ksd::config::load_config(KS_SOURCE_DIR "/service/ksd.toml");
   EXPECT_THAT(sample.problems, IsEmpty());
   const Config defaults;
   EXPECT_EQ(sample.config.socket, defaults.socket);
@@ -215,34 +233,47 @@ TEST(SampleConfig, IsValidAndShowsTheDefaults) {
   EXPECT_EQ(sample.config.gates.debug, defaults.gates.debug);
 }
 
-TEST(KsdCheck, AcceptsTheSample) {
-  const auto run = run_ksd({"--check", "--config", KS_SOURCE_DIR "/service/ksd.toml"});
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.output, KS_SOURCE_DIR "/service/ksd.toml: valid\n");
+TEST(Config, RefusesToMapTheNumberOfEverybodyInContainers) {
+  const std::string refusal =
+      " is what the kernel calls everybody without an id of this machine; name somebody, or set service.allow_nobody = "
+      "true";
+  EXPECT_THAT(problems_of("[[vdc]]\nid = 1\nusers = [65534]\n"), ElementsAre("f:3:10: 65534" + refusal));
+  EXPECT_THAT(problems_of("[[vdc]]\nid = 1\ngroups = [65534]\n"), ElementsAre("f:3:11: 65534" + refusal));
+  EXPECT_THAT(problems_of("[administrators]\nusers = [65534]\n"), ElementsAre("f:2:10: 65534" + refusal));
+  EXPECT_THAT(problems_of("[administrators]\ngroups = [65534]\n"), ElementsAre("f:2:11: 65534" + refusal));
 }
 
-TEST(KsdCheck, NamesFileLineAndColumn) {
-  const ConfigFile file("[service]\nport = 1\n");
-  const auto run = run_ksd({"--check", "--config", file.path});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, testing::StartsWith(file.path + ":2:1: unknown key service.port"));
+TEST(Config, MapsTheNumberOfEverybodyInContainersWhenToldTo) {
+  const Config config = good("[service]\nallow_nobody = true\n[[vdc]]\nid = 3\nusers = [65534]\n");
+  EXPECT_EQ(config.identify(65534, 1, 1, {}).vdc_id, 3);
 }
 
-TEST(KsdCheck, SaysThatThereIsNoFile) {
-  const auto run = run_ksd({"--check", "--config", "/nonexistent/ksd.toml"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.errors, "/nonexistent/ksd.toml: No such file or directory\n");
-}
-
-TEST(KsdCommandLine, TellsItsVersionAndItsUse) {
-  EXPECT_EQ(run_ksd({"--version"}).output, "ksd 1.0.0\n");
-  EXPECT_THAT(run_ksd({"--help"}).output, HasSubstr("--master-key-file"));
-  EXPECT_EQ(run_ksd({"--help"}).status, 0);
-}
-
-TEST(KsdCommandLine, RefusesWrongUseWithStatus2) {
-  EXPECT_EQ(run_ksd({"--chek"}).status, 2);
-  EXPECT_EQ(run_ksd({"--log-level", "loud"}).status, 2);
+TEST(ConfigFile, IsRefusedWhenOthersMayWriteOrReplaceIt) {
+  char name[] = "/tmp/ksXXXXXX";
+  const std::string folder = mkdtemp(name);
+  const std::string path = folder + "/ksd.toml";
+  std::ofstream(path) << "";
+  const auto problem = [&] {
+    const auto problems = ksd::config::load_config(path).problems;
+    return problems.empty() ? std::string() : problems[0].text;
+  };
+  chmod(path.c_str(), 0600);
+  EXPECT_EQ(problem(), "");
+  chmod(path.c_str(), 0620);
+  EXPECT_EQ(problem(),
+            "isn't safe: " + path + " has mode 0620, with which others may write it; run: chmod go-w " + path);
+  chmod(path.c_str(), 0602);
+  EXPECT_THAT(problem(), HasSubstr("has mode 0602"));
+  chmod(path.c_str(), 0644);
+  chmod(folder.c_str(), 0777);
+  EXPECT_THAT(problem(), HasSubstr(folder + " has mode 0777"));
+  chmod(folder.c_str(), 01777);
+  EXPECT_EQ(problem(), "");
+  if (geteuid() == 0) {
+    EXPECT_EQ(chown(path.c_str(), 23456, 23456), 0);
+    EXPECT_THAT(problem(), HasSubstr(path + " belongs to user 23456, who is neither root nor the service's user 0"));
+  }
+  std::filesystem::remove_all(folder);
 }
 
 }  // namespace

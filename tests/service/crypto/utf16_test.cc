@@ -5,7 +5,7 @@
 
 #include "published_vectors.h"
 
-namespace ksd {
+namespace ksd::crypto {
 namespace {
 
 using published::ByteString;
@@ -74,4 +74,4 @@ TEST(Utf16, EveryCodePointGoesThere) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::crypto

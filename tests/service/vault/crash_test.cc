@@ -9,12 +9,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <random>
 #include <thread>
 
-#include "support.h"
+#include "random_input.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 constexpr int kThreads = 3;
@@ -150,9 +150,7 @@ class Crash : public testing::Test {
 TEST_F(Crash, LosesNothingAcknowledgedAndShowsNothingHalfDone) {
   const char *wanted = std::getenv("KS_CRASH_ROUNDS");
   const int rounds = wanted == nullptr ? 200 : std::atoi(wanted);
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  std::mt19937 random = ks_test::random_input();
   // A kill takes nothing from what the kernel has, synced or not; without syncs there are more commits to interrupt.
   disk.skip_syncs();
   for (int round = 0; round < rounds && !HasFatalFailure(); ++round) {
@@ -165,4 +163,4 @@ TEST_F(Crash, LosesNothingAcknowledgedAndShowsNothingHalfDone) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -10,10 +10,10 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "support.h"
 #include "vault/master_key.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::AllOf;
@@ -298,4 +298,4 @@ TEST_F(MasterKeyFile, ComesFromTheCredentialsWhenNoneIsNamed) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

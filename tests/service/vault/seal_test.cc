@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "support.h"
 #include "vault/record.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 std::shared_ptr<const SecretBytes> master_key(uint8_t fill) {
@@ -113,4 +113,4 @@ TEST(EntryText, IsRefusedWhenCutShortOrTooLong) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -15,9 +15,9 @@
 #include <set>
 #include <sstream>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::HasSubstr;
@@ -138,4 +138,4 @@ TEST(PlantedSecrets, AreInGuardedMemoryOnceAndNowhereWhenCleared) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <thread>
 
-#include "support.h"
+#include "vault_files/vault_files.h"
 
-namespace ksd {
+namespace ksd::vault {
 namespace {
 
 using testing::ElementsAre;
@@ -362,7 +362,7 @@ TEST_F(VaultLimits, CountAnEntryForWhoStoredItLast) {
   EXPECT_EQ(put(*vault, "b", "1", "", 2000), KS_SUCCESS);
   EXPECT_EQ(put(*vault, "a", "2", "", 2000), KS_STORE_FULL);
   EXPECT_EQ(put(*vault, "a", "2", "", 3000), KS_SUCCESS);
-  EXPECT_EQ(put(*vault, "c", "1", "", 1000), KS_SUCCESS) << "the first user's entry isn't his any more";
+  EXPECT_EQ(put(*vault, "c", "1", "", 1000), KS_SUCCESS) << "the first user's entry is no longer theirs";
   reopen();
   vault->use_limits({.entries_per_user = 1});
   EXPECT_EQ(put(*vault, "d", "1", "", 3000), KS_STORE_FULL) << "owners are kept";
@@ -409,4 +409,4 @@ TEST_F(VaultCompact, LetsChangesThroughMeanwhile) {
 }
 
 }  // namespace
-}  // namespace ksd
+}  // namespace ksd::vault

@@ -22,26 +22,11 @@
 #include <vector>
 
 #include "host_wire.h"
+#include "leave.h"
+#include "temporary_folder.h"
 
+using ks_test::TemporaryFolder;
 using Octets = std::vector<uint8_t>;
-
-// TemporaryFolder is there as long as the object.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    char name[] = "/tmp/ks-host-test-XXXXXX";
-    if (mkdtemp(name) == nullptr) abort();
-    path_ = name;
-  }
-  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-  TemporaryFolder(const TemporaryFolder &) = delete;
-  TemporaryFolder &operator=(const TemporaryFolder &) = delete;
-
-  const std::string &path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // Signal is an event that threads wait for.
 class Signal {
@@ -215,7 +200,7 @@ inline size_t open_descriptors() {
 // passes_in_child runs `body` in a forked child and tells whether it came to its end there and returned true.
 inline bool passes_in_child(const std::function<bool()> &body) {
   const pid_t child = fork();
-  if (child == 0) _exit(body() ? 0 : 1);
+  if (child == 0) ks_test::leave(body() ? 0 : 1);
   int status = -1;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }

@@ -112,7 +112,13 @@ class Mts {
 struct Report {
   uint32_t subtype;
   std::string text;  // with the line number of "name(123)" replaced by "#"
+
+  // The text alone for the subtype of nearly all reports, 103; any other stands in front: "100:text".
+  std::string marked() const;
 };
+
+// alert is how a report of subtype 100 is marked, so that an expected plain text stands for subtype 103 alone.
+std::string alert(const std::string &text);
 
 class Trace {
  public:
@@ -123,6 +129,7 @@ class Trace {
   std::vector<std::string> debug_lines;  // likewise normalised
   int history_checks = 0;
   int debug_checks = 0;
+  uint32_t asked = 0;  // the subtype of the last history check, which the rest of the report has to keep to
   void close() { history_open = {}, debug_open = {}; }
   void open_both() { debug_open = {{100, true}, {103, true}}; }
 };
@@ -144,10 +151,11 @@ class Sdb {
   std::optional<uint32_t> read_error;   // no value, this error word
   std::optional<uint32_t> value_error;  // the value, but with this error word
   std::optional<uint32_t> write_code, delete_code, done_code, iterator_code;
-  bool null_value = false;           // a read that finds the key and gives no value
-  uint32_t missing_delete_code = 0;  // what deleting an absent key says
-  int text_calls = 0;                // of syserr2str
-  std::deque<std::string> texts;     // keeps what syserr2str handed out
+  bool null_value = false;             // a read that finds the key and gives no value
+  std::optional<uint32_t> value_size;  // what a read says of the value's size, unless it is so
+  uint32_t missing_delete_code = 0;    // what deleting an absent key says
+  int text_calls = 0;                  // of syserr2str
+  std::deque<std::string> texts;       // keeps what syserr2str handed out
 
   std::function<void()> staged;
   std::unique_ptr<Guarded> value, key;  // the last ones handed out
@@ -170,6 +178,8 @@ class Heap {
   void release(const void *block);
   // Sizes of the blocks that are allocated now, in the order of their allocation.
   std::vector<size_t> live() const;
+  // The same blocks as the log tells of them when they were made: "calloc 35", "malloc 7", "calloc list[2]".
+  std::vector<std::string> left() const;
   Bytes content(const void *block, size_t size) const;  // checks that the block has exactly that size
 
   void *allocate(size_t size, bool zeroed, const std::string &event);
@@ -180,9 +190,11 @@ class Heap {
   struct Block {
     std::unique_ptr<Guarded> memory;
     size_t size;
-    std::string label;
+    std::string made;  // the log's event
     uint64_t order;
   };
+  std::vector<const Block *> in_order() const;
+
   std::map<const void *, Block> blocks_;
   std::deque<std::unique_ptr<Guarded>> freed_;  // forbidden, and kept a while so that late touches fault
   int failing_ = 0;
@@ -201,7 +213,7 @@ class Clock {
 // Platform is everything together, and the one ordered log of all calls:
 //   "calloc 35", "malloc 35", "calloc list[2]", "free 35", "free list[2]"   with the block's size
 //   "send", "recv", "drop sent", "drop received", "hist sent", "hist received"
-//   "report TEXT", "debug TEXT", "errno", "size"
+//   "report TEXT", "debug TEXT", "errno", "size"                            the text of an alert as alert() marks it
 //   "sysmgr_vdc_get", "supstate", "sdb_open", "sdb_read", ..., "usleep 1000"
 struct Platform {
   std::vector<std::string> log;
@@ -215,6 +227,11 @@ struct Platform {
 
 Platform &platform();
 
+// For the fakes: note adds to the log; a message's number and whether it was "sent" or "received".
+void note(std::string event);
+uint32_t message_id(const KsMtsMessage *message);
+const char *kind_of(uint32_t id);
+
 // Test is the fixture of every scripted test: a fresh platform with a bound queue, VDC 7 and a closed cache; at the end
 // nothing may be left over that the test didn't announce.
 class Test : public testing::Test {
@@ -222,7 +239,7 @@ class Test : public testing::Test {
   Test();
   void TearDown() override;
 
-  // What the library reported, text by text; with_subtype puts "100:" or "103:" in front.
+  // What the library reported, in order and marked by subtype; with_subtype puts "103:" in front, too.
   std::vector<std::string> traces(bool with_subtype = false) const;
   // The log's heap and message events: what is allocated, sent, freed, dropped, in order.
   std::vector<std::string> flow() const;

@@ -8,14 +8,12 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "fail.h"
+
 namespace ks_test {
 namespace {
 
 constexpr timeval kPatience{.tv_sec = 30, .tv_usec = 0};  // the point at which a silent service fails the test
-
-[[noreturn]] void fail(const std::string &what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
-}
 
 }  // namespace
 

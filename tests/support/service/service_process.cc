@@ -21,15 +21,13 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "fail.h"
+
 namespace ks_test {
 namespace {
 
 constexpr int kPatience = 30'000;  // ms: not a delay, only the point at which a hung service fails the test
 constexpr char kProgram[] = KS_SERVICE_DIR "/ksd";
-
-[[noreturn]] void fail(const std::string &what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
-}
 
 std::string read_all(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
@@ -100,18 +98,14 @@ std::string config_of_own_user(unsigned vdc) {
 }
 
 ServiceProcess::ServiceProcess(const ServiceSetup &setup) : setup_(setup) {
-  char name[] = "/tmp/ksXXXXXX";  // short: a socket's path has 107 bytes
-  if (mkdtemp(name) == nullptr) fail("mkdtemp");
-  folder_ = name;
-  chmod(name, 0711);
+  chmod(folder().c_str(), 0711);
   mkdir(cache_folder().c_str(), 0700);
-  notifications_ = notification_socket(folder_ + "/notify");
+  notifications_ = notification_socket(folder() + "/notify");
   write_config(setup_.config);
   try {
     start();
   } catch (...) {
     close(notifications_);
-    std::filesystem::remove_all(folder_);
     throw;
   }
 }
@@ -119,20 +113,18 @@ ServiceProcess::ServiceProcess(const ServiceSetup &setup) : setup_(setup) {
 ServiceProcess::~ServiceProcess() {
   if (pid_ > 0) kill();
   close(notifications_);
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
 }
 
 std::string ServiceProcess::log() const {
-  return read_all(folder_ + "/log");
+  return read_all(folder() + "/log");
 }
 
 void ServiceProcess::start() {
   Child child;
-  child.arguments = {kProgram, "--config",          folder_ + "/ksd.toml", "--vault",
+  child.arguments = {kProgram, "--config",          folder() + "/ksd.toml", "--vault",
                      vault(),  "--master-key-file", master_key_file()};
   std::vector<std::string> more = setup_.environment;
-  more.push_back("NOTIFY_SOCKET=" + folder_ + "/notify");
+  more.push_back("NOTIFY_SOCKET=" + folder() + "/notify");
   if (setup_.passed_socket < 0) {
     child.arguments.insert(child.arguments.end(), {"--socket", socket()});
   } else {
@@ -144,7 +136,7 @@ void ServiceProcess::start() {
   child.arguments.insert(child.arguments.begin(), setup_.wrapper.begin(), setup_.wrapper.end());
   for (const std::string &argument : setup_.arguments) child.arguments.push_back(expand(argument));
   child.environment = environment_with(more);
-  child.errors = open((folder_ + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  child.errors = open((folder() + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   pid_ = child.start();
   close(child.errors);
   wait_for_notification("READY=1");
@@ -191,13 +183,13 @@ int ServiceProcess::wait_exit() {
 std::string ServiceProcess::expand(std::string text) const {
   constexpr std::string_view mark = "@dir@";
   for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at)) {
-    text.replace(at, mark.size(), folder_);
+    text.replace(at, mark.size(), folder());
   }
   return text;
 }
 
 void ServiceProcess::write_config(const std::string &config) const {
-  std::ofstream(folder_ + "/ksd.toml") << expand(config);
+  std::ofstream(folder() + "/ksd.toml") << expand(config);
 }
 
 // Waits for the state and for the service's end, whichever comes first.

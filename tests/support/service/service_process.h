@@ -16,9 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "temporary_folder.h"
+
 namespace ks_test {
 
-// config_of_own_user is a configuration with the test's own user in `vdc` and his cache in the service's folder.
+// config_of_own_user is a configuration with the test's own user in `vdc` and that user's cache in the service's folder.
 std::string config_of_own_user(unsigned vdc);
 
 // ServiceSetup says how a service is to be. "@dir@" in the configuration and the arguments becomes the folder.
@@ -37,12 +39,12 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess &) = delete;
   ServiceProcess &operator=(const ServiceProcess &) = delete;
 
-  const std::string &folder() const { return folder_; }  // mode 0711, for tests with several users
-  std::string socket() const { return folder_ + "/s"; }  // for KS_SOCKET
-  std::string state_page() const { return folder_ + "/s.state"; }
-  std::string vault() const { return folder_ + "/vault.db"; }
-  std::string master_key_file() const { return folder_ + "/master.key"; }
-  std::string cache_folder() const { return folder_ + "/cache"; }  // mode 0700, of the test's user
+  const std::string &folder() const { return folder_.path(); }  // mode 0711, for tests with several users
+  std::string socket() const { return folder() + "/s"; }        // for KS_SOCKET
+  std::string state_page() const { return folder() + "/s.state"; }
+  std::string vault() const { return folder() + "/vault.db"; }
+  std::string master_key_file() const { return folder() + "/master.key"; }
+  std::string cache_folder() const { return folder() + "/cache"; }  // mode 0700, of the test's user
   pid_t pid() const { return pid_; }
 
   // log gives all lines so far, of all starts. A line about a client is there before the client's connection ends.
@@ -79,7 +81,7 @@ class ServiceProcess {
   void write_config(const std::string &config) const;
   void wait_for_notification(const char *state);
 
-  std::string folder_;
+  const TemporaryFolder folder_;
   ServiceSetup setup_;
   int notifications_ = -1;
   pid_t pid_ = -1;

@@ -7,8 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 
 #include "ks_api.h"
@@ -27,6 +29,11 @@ extern "C" int usleep(useconds_t) {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+Bytes operator+(Bytes left, const Bytes &right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
 
 const Bytes kAid = {'a', 'i', 'd'};
 const Bytes kWire = {0x31, 0, 0, 7, 'a', 'i', 'd'};
@@ -160,6 +167,70 @@ TEST_F(Cache, ShowsEightProcessesAtOnceNoTornEntry) {
     }));
   }
   for (const pid_t child : children) EXPECT_TRUE(succeeds(child));
+}
+
+// Alters every copy of `bytes` in the database's files, as a fault of the disk would. Returns how many there were.
+int alter_in_files(const std::string &folder, const Bytes &bytes, const Bytes &altered) {
+  constexpr size_t kUsed = 256 * 1024;
+  int found = 0;
+  for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+    if (entry.path().extension() != ".mdb") continue;
+    std::fstream file(entry.path(), std::ios::binary | std::ios::in | std::ios::out);
+    std::string content(kUsed, '\0');  // the file itself is as large as the database may grow
+    file.read(content.data(), kUsed);
+    file.clear();
+    const auto same = [](char left, uint8_t right) { return static_cast<uint8_t>(left) == right; };
+    for (auto at = content.begin();; ++at) {
+      at = std::search(at, content.end(), bytes.begin(), bytes.end(), same);
+      if (at == content.end()) break;
+      file.seekp(at - content.begin());
+      file.write(reinterpret_cast<const char *>(altered.data()), static_cast<std::streamsize>(altered.size()));
+      ++found;
+    }
+  }
+  return found;
+}
+
+// The library believes the lengths and offsets of a value. What was altered behind the library's back must not get
+// that far.
+TEST_F(Cache, ReadsAnEntryThatWasAlteredInItsFileAsAFailureUntilItIsWrittenAgain) {
+  struct Alteration {
+    const char *what;
+    size_t at;
+    Bytes bytes;
+  };
+  const Bytes meta = {0, 2, 0, 1, 0xaa, 0, 9, 0, 3, 0xd1, 0xd2, 0xd3};
+  const Bytes entry = Bytes{12, 0, 0, 0, 12, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 17, 0, 0, 0, 3, 0} + meta +
+                      Bytes{'l', 'a', 'b', 'e', 'l', 7, 8, 9};
+  for (const auto &[what, at, bytes] : {Alteration{"longer metadata", 0, {0x2c, 1, 0, 0}},
+                                        {"metadata of 4 GiB", 0, {0xff, 0xff, 0xff, 0xff}},
+                                        {"a label elsewhere", 4, {0, 0, 0, 0x80}},
+                                        {"a longer label", 8, {5, 1}},
+                                        {"an output elsewhere", 16, {0xff, 0xff, 0xff, 0xff}},
+                                        {"a longer output", 20, {0xff, 0xff}},
+                                        {"another byte of the metadata", 33, {0xd4}}}) {
+    SCOPED_TRACE(what);
+    ASSERT_EQ(write(meta), KS_SUCCESS);
+    ASSERT_EQ(write_tprf("label", {7, 8, 9}), KS_SUCCESS);
+    Bytes altered = entry;
+    std::copy(bytes.begin(), bytes.end(), altered.begin() + static_cast<ptrdiff_t>(at));
+    ASSERT_GE(alter_in_files(service->cache_folder(), entry, altered), 1);
+
+    Bytes found;
+    EXPECT_EQ(read(&found), KS_FAILURE);
+    EXPECT_EQ(read_tprf("label", &found), KS_FAILURE);
+    EXPECT_EQ(write_tprf("label", {7}), KS_FAILURE);
+    EXPECT_EQ(find(), KS_SUCCESS) << "the key is there, and no look at the value was asked for";
+    uint8_t *opaque = nullptr;
+    uint16_t short_len = 0;
+    EXPECT_EQ(ks_cache_get_pac_opaque(kAid.data(), size(kAid), &opaque, &short_len), KS_FAILURE);
+    uint32_t len = 0;
+    EXPECT_EQ(ks_return_pac_opaque(kAid.data(), size(kAid), &opaque, &len), KS_NOT_FOUND) << "the keystore's answer";
+
+    ASSERT_EQ(write(meta), KS_SUCCESS);
+    EXPECT_EQ(read(&found), KS_SUCCESS);
+    EXPECT_EQ(found, meta);
+  }
 }
 
 // Held is a process that keeps all others from opening the database, until the object goes or ends it.

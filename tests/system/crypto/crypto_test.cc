@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <random>
 
 #include "ks_api.h"
 #include "openssl_command.h"
 #include "published_vectors.h"
+#include "random_input.h"
 #include "service/library_suite.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
@@ -182,7 +182,7 @@ class Crypto : public ks_test::LibrarySuite {
 
   static ks_test::RawClient *raw_;
   KsResult result_ = KS_FAILURE;
-  std::mt19937 generator_{20240229};
+  std::mt19937 generator_ = ks_test::random_input();
 };
 
 ks_test::RawClient *Crypto::raw_ = nullptr;

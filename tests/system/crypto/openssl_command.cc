@@ -9,38 +9,27 @@
 #include <stdexcept>
 
 #include "service/service_process.h"
+#include "temporary_folder.h"
 
 namespace openssl {
 namespace {
 
-// Folder is a fresh folder for the files that the command reads and writes: thousands of small ones, so rather in
-// memory.
+// Folder is for the files that the command reads and writes: thousands of small ones, so rather in memory.
 class Folder {
  public:
-  Folder() {
-    const std::filesystem::path memory = "/dev/shm";
-    const bool in_memory = access(memory.c_str(), W_OK) == 0;
-    std::string pattern = (in_memory ? memory : std::filesystem::temp_directory_path()) / "ks-openssl-XXXXXX";
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp " + pattern + " failed");
-    path_ = pattern;
-  }
-  ~Folder() { std::filesystem::remove_all(path_); }
-  Folder(const Folder &) = delete;
-  Folder &operator=(const Folder &) = delete;
-
   std::string write(const std::string &name, const ByteString &content) const {
-    std::ofstream(path_ / name, std::ios::binary)
+    std::ofstream(path(name), std::ios::binary)
         .write(reinterpret_cast<const char *>(content.data()), static_cast<std::streamsize>(content.size()));
-    return path_ / name;
+    return path(name);
   }
   ByteString read(const std::string &name) const {
-    std::ifstream file(path_ / name, std::ios::binary);
+    std::ifstream file(path(name), std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
   }
-  std::string path(const std::string &name) const { return path_ / name; }
+  std::string path(const std::string &name) const { return folder_.path() + "/" + name; }
 
  private:
-  std::filesystem::path path_;
+  const ks_test::TemporaryFolder folder_{access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp"};
 };
 
 // MD4, DES and RC4 come from the legacy provider.

@@ -1,9 +1,11 @@
 // ks-session from outside, by what it prints, leaves behind and ends with. Tests named DISABLED_ run inside a session.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -17,6 +19,7 @@ namespace {
 using ks_test::ProgramRun;
 using ks_test::RawClient;
 using ks_test::run_program;
+using ks_test::TemporaryFolder;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -38,20 +41,19 @@ std::string first_line(const std::string &text) {
   return text.substr(0, text.find('\n'));
 }
 
-// A folder of its own for --keep, gone with the object.
-struct KeptFolder {
-  KeptFolder() {
-    char name[] = "/tmp/ksXXXXXX";
-    path = mkdtemp(name);
-  }
-  ~KeptFolder() { std::filesystem::remove_all(path); }
-  std::string path;
-};
-
 pid_t service_of(const std::string &folder) {
   pid_t pid = 0;
   std::ifstream(folder + "/ksd.pid") >> pid;
   return pid;
+}
+
+// Whether the process is there and not merely waiting for whoever inherited it to take its status.
+bool runs(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string number;
+  std::string name;
+  std::string state;
+  return stat >> number >> name >> state && state != "Z" && state != "X";
 }
 
 TEST(InsideSession, DISABLED_IsGreetedInVdc12) {
@@ -94,11 +96,11 @@ TEST(KsSession, LeavesNeitherFolderNorService) {
 }
 
 TEST(KsSession, LeavesTheFolderThatIsToBeKept) {
-  const KeptFolder folder;
-  EXPECT_EQ(session({"--keep", folder.path, "--", "true"}).status, 0);
-  EXPECT_TRUE(std::filesystem::exists(folder.path + "/ksd.log"));
-  EXPECT_FALSE(std::filesystem::exists(folder.path + "/ksd.sock"));
-  EXPECT_EQ(session({"--keep", folder.path, "--", "true"}).status, 0);  // and takes it up again
+  const TemporaryFolder folder;  // for --keep
+  EXPECT_EQ(session({"--keep", folder.path(), "--", "true"}).status, 0);
+  EXPECT_TRUE(std::filesystem::exists(folder.path() + "/ksd.log"));
+  EXPECT_FALSE(std::filesystem::exists(folder.path() + "/ksd.sock"));
+  EXPECT_EQ(session({"--keep", folder.path(), "--", "true"}).status, 0);  // and takes it up again
 }
 
 TEST(KsSession, TakesEverythingDownOnASignal) {
@@ -118,6 +120,35 @@ TEST(KsSession, TakesEverythingDownOnASignal) {
   }
 }
 
+// A session that is killed can't tidy up itself.
+TEST(KsSession, LeavesNothingWhenItIsKilled) {
+  for (const bool stopped : {false, true}) {
+    pid_t service = 0;
+    std::string folder;
+    run_program({kProgram, "--", "sh", "-c", "echo $KS_SESSION_DIR; exec sleep 1000"},
+                [&](pid_t pid, const std::string &line) {
+                  folder = line;
+                  service = service_of(folder);
+                  if (stopped) kill(service, SIGSTOP);
+                  kill(pid, SIGKILL);
+                });
+    ASSERT_GT(service, 0);
+    // The remover is nobody's child here; the end of its watch shows in the folder, and comes soon or never.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::filesystem::exists(folder) && std::chrono::steady_clock::now() < deadline) sched_yield();
+    EXPECT_FALSE(std::filesystem::exists(folder));
+    EXPECT_FALSE(runs(service));
+  }
+}
+
+TEST(KsSession, KeepsItsFilesToItselfUnderAnyUmaskAndGivesItToTheCommand) {
+  const mode_t old = umask(0);
+  const ProgramRun run = session({"--", "sh", "-c", "umask; stat -c %a $KS_SESSION_DIR/ksd.toml"});
+  umask(old);
+  EXPECT_EQ(run.status, 0) << run.errors;
+  EXPECT_EQ(run.output, "0000\n600\n");
+}
+
 TEST(KsSession, BringsAKilledServiceBackWithoutRefusingAnybody) {
   const ProgramRun run = session(inside("IsServedAfterTheServiceWasKilled"));
   EXPECT_EQ(run.status, 0) << run.output << run.errors;
@@ -132,26 +163,26 @@ TEST(KsSession, SaysWhenTheCommandCantBeRun) {
 }
 
 TEST(KsSession, RefusesAFolderThatOthersMayEnter) {
-  const KeptFolder folder;
-  chmod(folder.path.c_str(), 0755);
-  const ProgramRun run = session({"--keep", folder.path, "--", "true"});
+  const TemporaryFolder folder;  // for --keep
+  chmod(folder.path().c_str(), 0755);
+  const ProgramRun run = session({"--keep", folder.path(), "--", "true"});
   EXPECT_EQ(run.status, 125);
-  EXPECT_EQ(run.errors, "ks-session: " + folder.path +
+  EXPECT_EQ(run.errors, "ks-session: " + folder.path() +
                             ": isn't a folder of this user alone; run chmod 700 on it or name another\n");
 }
 
 TEST(KsSession, RefusesAFolderTooLongForASocket) {
-  const KeptFolder folder;
-  const ProgramRun run = session({"--keep", folder.path + "/" + std::string(100, 'x'), "--", "true"});
+  const TemporaryFolder folder;  // for --keep
+  const ProgramRun run = session({"--keep", folder.path() + "/" + std::string(100, 'x'), "--", "true"});
   EXPECT_EQ(run.status, 125);
   EXPECT_THAT(run.errors, HasSubstr("too long for the socket in it; 98 bytes are possible"));
 }
 
 TEST(KsSession, ShowsTheLogOfAServiceThatDoesntStart) {
-  const KeptFolder folder;
-  std::filesystem::create_directory(folder.path + "/ksd.sock.state");  // stands in the way
-  chmod((folder.path + "/ksd.sock.state").c_str(), 0700);
-  const ProgramRun run = session({"--keep", folder.path, "--", "true"});
+  const TemporaryFolder folder;                                          // for --keep
+  std::filesystem::create_directory(folder.path() + "/ksd.sock.state");  // stands in the way
+  chmod((folder.path() + "/ksd.sock.state").c_str(), 0700);
+  const ProgramRun run = session({"--keep", folder.path(), "--", "true"});
   EXPECT_EQ(run.status, 125);
   EXPECT_THAT(run.errors, HasSubstr("the service ended at its start; its log:"));
   EXPECT_THAT(run.errors, HasSubstr("can't open the state page"));

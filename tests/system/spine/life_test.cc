@@ -22,6 +22,7 @@ using ks_test::RawClient;
 using ks_test::run_as;
 using ks_test::run_ksd;
 using ks_test::ServiceProcess;
+using ks_test::TemporaryFolder;
 using ks_test::ServiceSetup;
 using testing::HasSubstr;
 
@@ -90,9 +91,18 @@ TEST(StatePage, StaysTheSameFileWhenTheServiceStartsAgain) {
   EXPECT_EQ(page.supstate(), 3u);
 }
 
-TEST(History, HasAFolderForEveryUsersFiles) {
+TEST(SocketFolder, HoldsNothingThatClientsMayWrite) {
+  const ServiceProcess service;
+  EXPECT_FALSE(std::filesystem::exists(service.folder() + "/history"));
+}
+
+TEST(SocketFolder, KeepsAFolderOfAnEarlierVersionAsItIs) {
   ServiceProcess service;
-  EXPECT_EQ(mode_of(service.folder() + "/history"), 01777u);
+  service.stop();
+  const std::string history = service.folder() + "/history";
+  mkdir(history.c_str(), 0700);
+  service.start();
+  EXPECT_EQ(mode_of(history), 0700u);
 }
 
 TEST(Reload, CountsForConnectionsThatAreOpen) {
@@ -229,19 +239,14 @@ TEST(Log, HasTimesWhenAskedTo) {
 class PassedSocket {
  public:
   explicit PassedSocket(int type = SOCK_SEQPACKET) : fd_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {
-    char name[] = "/tmp/ksXXXXXX";
-    folder_ = mkdtemp(name);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path().copy(address.sun_path, sizeof address.sun_path - 1);
     EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     EXPECT_EQ(listen(fd_, 8), 0);
   }
-  ~PassedSocket() {
-    close(fd_);
-    std::filesystem::remove_all(folder_);
-  }
-  std::string path() const { return folder_ + "/p"; }
+  ~PassedSocket() { close(fd_); }
+  std::string path() const { return folder_.path() + "/p"; }
   ServiceSetup setup() const {
     ServiceSetup setup;
     setup.passed_socket = fd_;
@@ -250,7 +255,7 @@ class PassedSocket {
 
  private:
   int fd_;
-  std::string folder_;
+  TemporaryFolder folder_;
 };
 
 TEST(PassedSocket, IsServedAndLeftInPlace) {
@@ -282,6 +287,18 @@ TEST(PassedSocket, IsRefusedWhenItIsOfAnotherKind) {
     FAIL();
   } catch (const std::runtime_error &error) {
     EXPECT_THAT(error.what(), HasSubstr("use ListenSequentialPacket="));
+  }
+}
+
+TEST(PassedSocket, IsRefusedInAFolderThatOthersMayWrite) {
+  const PassedSocket passed;
+  const std::string folder = std::filesystem::path(passed.path()).parent_path();
+  chmod(folder.c_str(), 0777);
+  try {
+    ServiceProcess service(passed.setup());
+    FAIL();
+  } catch (const std::runtime_error &error) {
+    EXPECT_THAT(error.what(), HasSubstr("the folder of the socket isn't safe: " + folder + " has mode 0777"));
   }
 }
 
@@ -347,10 +364,11 @@ TEST_F(Users, AreKeptOutByTheModeOfTheSocket) {
 }
 
 TEST_F(Users, DontUseUpEachOthersConnections) {
-  ServiceProcess service(with_config("[limits]\nconnections_per_user = 1\n"));
+  ServiceProcess service(with_config(
+      "[limits]\nconnections_per_user = 1\n[[vdc]]\nid = 3\nusers = [0]\n[[vdc]]\nid = 4\nusers = [23456]\n"));
   RawClient own(service.socket());
   own.hello();
-  EXPECT_EQ(vdc_of(service, kUser, kGroup), 0xff);
+  EXPECT_EQ(vdc_of(service, kUser, kGroup), 4);
   RawClient second(service.socket());
   EXPECT_TRUE(second.is_closed());
 }

@@ -14,6 +14,7 @@
 
 namespace {
 
+using ks_test::config_of_own_user;
 using ks_test::Datagram;
 using ks_test::RawClient;
 using ks_test::RawReply;
@@ -263,7 +264,7 @@ TEST(Silence, EndsAConnectionThatNeverSpokeAndNoOther) {
 }
 
 TEST(ConnectionLimits, CloseWhatIsAboveThemAndMakeRoomAgain) {
-  ServiceProcess service(with_config("[limits]\nconnections_per_user = 2\n"));
+  ServiceProcess service(with_config(config_of_own_user(7) + "[limits]\nconnections_per_user = 2\n"));
   RawClient first(service.socket());
   first.hello();
   {
@@ -281,6 +282,19 @@ TEST(ConnectionLimits, CloseWhatIsAboveThemAndMakeRoomAgain) {
     RawClient next(service.socket());
     greeted = next.send(bytes(kHello)) && next.receive();
   }
+}
+
+TEST(ConnectionLimits, OfUsersWithoutAVdcHoldForAllOfThem) {
+  ServiceProcess service(with_config("[limits]\nconnections_unmapped = 2\n"));
+  RawClient first(service.socket());
+  first.hello();
+  RawClient second(service.socket());
+  second.hello();
+  RawClient third(service.socket());
+  EXPECT_TRUE(third.is_closed());
+  EXPECT_THAT(service.log(), HasSubstr("2 of 2 connections of users without a VDC are in use"));
+  EXPECT_THAT(service.log(), HasSubstr("refused a connection of user " + std::to_string(getuid()) +
+                                       ": users without a VDC have too many"));
 }
 
 TEST(ConnectionLimits, HoldForAllTogether) {

@@ -15,11 +15,11 @@
 #include <future>
 #include <iterator>
 #include <map>
-#include <random>
 #include <set>
 #include <stdexcept>
 #include <thread>
 
+#include "random_input.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
 
@@ -146,7 +146,7 @@ TEST(SecretStore, IsThereAgainAfterTheServiceWasKilled) {
   EXPECT_EQ(client.metadata("a").result(), kNotFound);
 }
 
-// Each user stores, walks, renames and clears among the others' entries, all at once, and meets his own only.
+// Each user stores, walks, renames and clears among the others' entries, all at once, and meets no entries but those.
 TEST(SecretStore, KeepsUsersApartWhoUseItAtOnce) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root, to act for several users";
   const ServiceProcess service(
@@ -259,7 +259,7 @@ TEST(SecretStore, LetsWalksEndAmongChanges) {
 TEST(SecretStore, LosesNothingAcknowledgedWhenKilled) {
   constexpr int kClients = 4;
   ServiceProcess service;
-  std::mt19937 random(std::random_device{}());
+  std::mt19937 random = ks_test::random_input();
   std::array<std::map<std::string, std::string>, kClients> acknowledged;  // name to metadata
   for (int round = 0; round < 12; ++round) {
     std::array<std::string, kClients> under_way;  // the name that a killed request was about

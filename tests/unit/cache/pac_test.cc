@@ -149,11 +149,29 @@ TEST_F(PacWrite, ReportsMetadataAsTextAndNeverReadsPastIt) {
   const std::string longest(511, 'm');
   EXPECT_EQ(reported(bytes_of(longest)),
             "ks_cache_pac_write(#):Total value size :533.URI :u:x.Meta :" + longest + ".Meta Len :511\n");
-  // Without an end of its own it is cut to what a record holds; with one it is not.
+  // The debug line is not bound by what a record holds, whether the metadata has an end of its own or not.
   EXPECT_EQ(reported(bytes_of(longest + "mmm")),
-            "ks_cache_pac_write(#):Total value size :536.URI :u:x.Meta :" + longest + ".Meta Len :514\n");
+            "ks_cache_pac_write(#):Total value size :536.URI :u:x.Meta :" + longest + "mmm.Meta Len :514\n");
   EXPECT_EQ(reported(bytes_of(longest + "mm") + Bytes(1, 0)),
             "ks_cache_pac_write(#):Total value size :536.URI :u:x.Meta :" + longest + "mm.Meta Len :514\n");
+  EXPECT_EQ(reported(Bytes(65535, 'm')), "ks_cache_pac_write(#):Total value size :65557.URI :u:x.Meta :" +
+                                             std::string(65535, 'm') + ".Meta Len :65535\n");
+}
+
+TEST_F(PacWrite, CutsItsRecordOfMetadataButNotItsDebugLine) {
+  trace.open_both();
+  EXPECT_EQ(write(Bytes(600, 'm')), KS_SUCCESS);
+
+  const std::string line =
+      "ks_cache_pac_write(#):Total value size :622.URI :u:x.Meta :" + std::string(600, 'm') + ".Meta Len :600\n";
+  EXPECT_THAT(trace.debug_lines, testing::Contains(line));
+  const auto records = traces();
+  const auto record = std::find_if(records.begin(), records.end(), [](const std::string &text) {
+    return text.find("Total value size") != std::string::npos;
+  });
+  ASSERT_NE(record, records.end());
+  EXPECT_THAT(*record, testing::MatchesRegex("ks_cache_pac_write\\(#\\):Total value size :622.URI :u:x.Meta :m+"));
+  EXPECT_EQ(trace.lengths[static_cast<size_t>(record - records.begin())], 516u) << "4, 511 characters, and the end";
 }
 
 TEST_F(PacWrite, PassesNullMetadataToItsReport) {
@@ -225,16 +243,28 @@ TEST_F(ReadPac, ReadsAnEntryWithoutMetadataAsANullBuffer) {
   EXPECT_THAT(flow(), IsEmpty());
 }
 
-TEST_F(ReadPac, NeverReadsPastADamagedValue) {
-  expect_damaged({});
-  expect_damaged(bytes("09 00 00"));     // not even a length
-  expect_damaged(bytes("09 00 00 00"));  // no whole header
-  expect_damaged(Bytes(kPlain.begin(), kPlain.begin() + 21));
-  expect_damaged(Bytes(kPlain.begin(), kPlain.begin() + 22));
-  expect_damaged(Bytes(kPlain.begin(), kPlain.end() - 1));  // one byte short
-  expect_damaged(bytes("ff ff ff ff") + Bytes(18, 0) + kMeta);
-  expect_damaged(bytes("ea ff ff ff") + Bytes(18, 0) + kMeta);  // 22 more would wrap to 0
+TEST_F(ReadPac, ReadsAValueTooShortForItsHeaderAsOneWithoutMetadata) {
+  for (ptrdiff_t size = 0; size < 22; ++size) {
+    SCOPED_TRACE(size);
+    expect_damaged(Bytes(kPlain.begin(), kPlain.begin() + size));
+  }
   EXPECT_THAT(flow(), IsEmpty());
+}
+
+TEST_F(ReadPac, BelievesTheLengthOfTheMetadataWhateverSizeTheValueIsSaidToHave) {
+  const Bytes longer(300, 0x5a);
+  sdb.entries[kKey] = bytes("2c 01 00 00") + Bytes(18, 0) + longer;
+  for (const uint32_t size : {22u, 30u, 321u, 322u, 0xffffffffu}) {
+    SCOPED_TRACE(size);
+    sdb.value_size = size;
+    EXPECT_EQ(read(), KS_SUCCESS);
+    EXPECT_EQ(last_traces(2),
+              (Lines{"103:ks_cache_read_pac(#):Total value Size :" + std::to_string(static_cast<int32_t>(size)) + " \n",
+                     "103:ks_cache_read_pac(#):Return \n"}));
+    EXPECT_EQ(meta_len, 300);
+    EXPECT_EQ(heap.content(metadata, 300), longer);
+    heap.release(metadata);
+  }
 }
 
 TEST_F(ReadPac, TakesNoNoticeOfWhatFollowsTheMetadata) {

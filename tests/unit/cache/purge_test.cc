@@ -176,6 +176,18 @@ TEST_F(PurgeVdcKeys, SparesForeignKeysWhoseTagIsOutsideTheRangeOnly) {
   EXPECT_THAT(left, ElementsAre(key("00", "0009"), key("28", "0009"), key("51", "0009"), key("ff", "0009")));
 }
 
+TEST_F(PurgeVdcKeys, DeletesAKeyTooShortForAVdcId) {
+  for (ptrdiff_t size = 0; size <= 8; ++size) {
+    const Bytes whole = key("28", "0009");
+    sdb.entries[Bytes(whole.begin(), whole.begin() + size)] = kPlain;
+  }
+  trace.close();  // the reports of a key read four bytes of it in any case
+  EXPECT_EQ(ks_cache_purge_vdc_keys(), KS_SUCCESS);
+
+  ASSERT_EQ(sdb.entries.size(), 1u);
+  EXPECT_EQ(sdb.entries.begin()->first.size(), 8u);
+}
+
 TEST_F(PurgeVdcKeys, TakesBothBytesOfTheIdInBigEndian) {
   sysmgr.vdc = 0x1234;
   for (const char *vdc : {"3412", "1235", "0034", "1200"}) sdb.entries[key("28", vdc)] = kPlain;

@@ -168,7 +168,7 @@ TEST_F(WriteTPrf, PassesOnAnyOtherFailureOfTheRead) {
 }
 
 TEST_F(WriteTPrf, DeletesAnEntryWithoutMetadata) {
-  for (const Bytes &damaged : {Bytes(22, 0), Bytes(3, 9), Bytes(kPlain.begin(), kPlain.end() - 1)}) {
+  for (const Bytes &damaged : {Bytes(22, 0), Bytes(3, 9), bytes("00 00 00 00") + Bytes(18, 9) + kMeta}) {
     sdb.entries[kKey] = damaged;
     trace.reports.clear();
     EXPECT_EQ(write(), KS_FAILURE);
@@ -179,6 +179,15 @@ TEST_F(WriteTPrf, DeletesAnEntryWithoutMetadata) {
                     "it.\n"} +
                   clearing());
   }
+}
+
+TEST_F(WriteTPrf, TakesTheMetadataOfAValueThatIsSaidToBeShorter) {
+  sdb.entries[kKey] = kPlain;
+  sdb.value_size = 23;
+  EXPECT_EQ(write(), KS_SUCCESS);
+
+  EXPECT_EQ(sdb.entries[kKey], kWithResult);
+  expect_leaked({9, 9});
 }
 
 TEST_F(WriteTPrf, KeepsTheEntryWhenTheCopyCantBeAllocated) {
@@ -394,27 +403,45 @@ TEST_F(ReadTPrf, FailsWithoutALabelOrAnOutput) {
   expect_failure_with("Either label or output is not present in cache.\n");
 }
 
-TEST_F(ReadTPrf, NeverReadsPastADamagedValue) {
-  const std::string absent = "Either label or output is not present in cache.\n";
-  for (size_t size = 0; size < kWithResult.size(); ++size) {
+TEST_F(ReadTPrf, ReadsAValueTooShortForItsHeaderAsOneWithoutAResult) {
+  for (size_t size = 0; size < 22; ++size) {
     sdb.entries[kKey] = Bytes(kWithResult.begin(), kWithResult.begin() + static_cast<ptrdiff_t>(size));
     EXPECT_EQ(read(), KS_FAILURE) << size;
-    expect_failure_with(absent);
+    expect_failure_with("Either label or output is not present in cache.\n");
   }
-  const Bytes far = bytes("ff ff ff ff"), wraps = bytes("ea ff ff ff"), behind = bytes("13 00 00 00");
-  for (const Bytes &offset : {far, wraps, behind}) {
-    sdb.entries[kKey] = changed(4, offset);
-    EXPECT_EQ(read(), KS_FAILURE);
-    expect_failure_with(absent);
+}
 
-    sdb.entries[kKey] = changed(16, offset);
-    EXPECT_EQ(read(), KS_FAILURE);
-    expect_failure_with(absent);
-
-    sdb.entries[kKey] = changed(10, offset);
-    EXPECT_EQ(read(), KS_FAILURE);
-    expect_failure_with("Given random number does not match cached value.\n");
+TEST_F(ReadTPrf, BelievesTheOffsetsWhateverSizeTheValueIsSaidToHave) {
+  for (const uint32_t size : {22u, 33u, 36u, 39u, 40u, 0xffffffffu}) {
+    SCOPED_TRACE(size);
+    sdb.value_size = size;
+    EXPECT_EQ(read(), KS_SUCCESS);
+    EXPECT_EQ(heap.content(output, 4), kOutput);
+    heap.release(output);
   }
+}
+
+// Nothing of the output is read before everything else agrees.
+TEST_F(ReadTPrf, TellsAnEntryThatIsCutInItsOutputByItsLabelAndRandomFirst) {
+  sdb.entries[kKey].resize(kWithResult.size() - 1);
+  EXPECT_EQ(read("LB"), KS_FAILURE);
+  expect_failure_with("Label mismatch.\n");
+  EXPECT_EQ(read("LA", "r1", 2), KS_FAILURE);
+  expect_failure_with("Random number length mismatch.\n");
+  EXPECT_EQ(read("LA", nullptr, 0), KS_FAILURE);
+  expect_failure_with("Random number length mismatch.\n");
+  EXPECT_EQ(read("LA", "r1s", 3), KS_FAILURE);
+  expect_failure_with("Given random number does not match cached value.\n");
+}
+
+// What a longer length promises isn't read either.
+TEST_F(ReadTPrf, ComparesLengthsBeforeBytes) {
+  sdb.entries[kKey] = changed(8, bytes("ff ff"));
+  EXPECT_EQ(read(), KS_FAILURE);
+  expect_failure_with("Label mismatch.\n");
+  sdb.entries[kKey] = changed(14, bytes("ff ff"));
+  EXPECT_EQ(read(), KS_FAILURE);
+  expect_failure_with("Random number length mismatch.\n");
 }
 
 TEST_F(ReadTPrf, ComparesTheWholeLabelInItsCase) {
@@ -430,6 +457,10 @@ TEST_F(ReadTPrf, ComparesTheRandom) {
   EXPECT_EQ(read("LA", "", 0), KS_FAILURE);
   expect_failure_with("Random number length mismatch.\n");
   EXPECT_EQ(read("LA", "r1s", 3), KS_FAILURE);
+  expect_failure_with("Given random number does not match cached value.\n");
+
+  sdb.entries[kKey] = changed(14, bytes("01 00"));
+  EXPECT_EQ(read("LA", "s", 1), KS_FAILURE) << "one byte is a random, too";
   expect_failure_with("Given random number does not match cached value.\n");
 }
 

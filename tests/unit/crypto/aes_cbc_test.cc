@@ -185,6 +185,18 @@ TEST_P(AesCbc, AnswersNoMemoryAndSendsNothing) {
   EXPECT_THAT(iv, Each(0x1f));
 }
 
+TEST_P(AesCbc, BuildsRequestsOfLongNamesPastTheEndOfTheBuffer) {
+  KsSection sections[3];
+  KsAesCbcDescriptor descriptor;
+  heap.pad_next(1);  // 4 + 32 bytes go into a buffer of 35
+  EXPECT_EQ(GetParam().req(name_of(32).c_str(), iv.data(), input.data(), 7, sections, &descriptor), KS_SUCCESS);
+
+  const auto *wire_name = static_cast<const uint8_t *>(sections[0].data);
+  EXPECT_EQ(Bytes(wire_name, wire_name + 36), bytes("30 00 00 07") + Bytes(32, 'k'));
+  EXPECT_EQ(sections[0].length, 36u);
+  heap.release(sections[0].data);
+}
+
 TEST_P(AesCbc, BuildsRequestsForOthersAndLeavesTheReservedByte) {
   KsSection sections[3];
   KsAesCbcDescriptor descriptor;

@@ -142,6 +142,18 @@ TEST_P(AesEcb, BuildsRequestsForOthersByTheLowBitsOfTheNamesLength) {
   heap.release(sections[0].data);
 }
 
+TEST_P(AesEcb, BuildsRequestsOfLongNamesPastTheEndOfTheBuffer) {
+  KsSection sections[2];
+  KsAesDescriptor descriptor;
+  heap.pad_next(224);  // 4 + 255 bytes go into a buffer of 35
+  EXPECT_EQ(GetParam().req(name_of(255).c_str(), input.data(), 7, sections, &descriptor), KS_SUCCESS);
+
+  const auto *wire_name = static_cast<const uint8_t *>(sections[0].data);
+  EXPECT_EQ(Bytes(wire_name, wire_name + 259), bytes("30 00 00 07") + Bytes(255, 'k'));
+  EXPECT_EQ(sections[0].length, 3u);
+  heap.release(sections[0].data);
+}
+
 TEST_P(AesEcb, BuildsNothingWithoutMemory) {
   KsSection sections[2];
   unwrite(sections);

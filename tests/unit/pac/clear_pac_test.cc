@@ -27,6 +27,7 @@ TEST_F(ClearPac, SendsTheName) {
   EXPECT_THAT(flow(), ElementsAre("calloc list[1]", "calloc 35", "send", "recv", "free 35", "free list[1]", "drop sent",
                                   "drop received"));
   EXPECT_THAT(traces(), ElementsAre("ks_clear_pac(#):\n", "ks_clear_pac(#):Return.\n"));
+  EXPECT_EQ(scripted::platform().log.back(), "report ks_clear_pac(#):Return.\n") << "behind both drops";
 }
 
 TEST_F(ClearPac, ReportsAnotherSizeAndStillReadsTheResult) {

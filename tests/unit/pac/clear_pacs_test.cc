@@ -138,6 +138,22 @@ TEST_F(ClearOldPacs, LeavesForASecondCallWhatAClosingTableMovedAway) {
   expect_kept(3);
 }
 
+// An A-ID of 65,531 bytes comes in a reply of 65,541, of which mts_payload_size's low 16 bits show 5.
+TEST_F(ClearOldPacs, PassesOverAnAidTooLongToBeCleared) {
+  const Bytes longest = bytes("31 00 00 07") + Bytes(65531, 0xa1);
+  mts.reply_with(bytes("01 00 00 00 ff ff") + longest);
+  mts.reply_with(reply(kToGo));
+  mts.reply_with(result_only(KS_NO_MORE_ENTRIES));
+  EXPECT_EQ(ks_clear_old_pacs("bob"), KS_SUCCESS);
+
+  ASSERT_EQ(mts.requests.size(), 3u);
+  EXPECT_EQ(mts.request(1).descriptor, bytes("ff 02"));
+  EXPECT_EQ(mts.request(1).sections.at(0).content, bytes("31 00 00 07") + Bytes(251, 0xa1));
+  EXPECT_EQ(mts.sent(2), bytes("02 00")) << "as behind any PAC that stays";
+  expect_undropped(2);
+  expect_leaked({65535});
+}
+
 TEST_F(ClearOldPacs, GoesOnBehindAClearThatFails) {
   clear_result = KS_FW_PANIC;
   add("31 00 00 07 a0", kToGo);
@@ -262,6 +278,13 @@ TEST_F(ClearOldPacs, SendsAnOverlongAidOfTheServiceFromABufferThatHoldsIt) {
   EXPECT_EQ(mts.request(1).sections[0].content, bytes("31 00 00 07") + Bytes(100, 0xa7));
   expect_undropped(2);
   expect_leaked({104});
+}
+
+TEST_F(ClearAllPacs, EndsAtAnAidTooLongToBeCleared) {
+  mts.reply_with(bytes("01 00 00 00 ff ff  31 00 00 07") + Bytes(65531, 0xa1));
+  EXPECT_EQ(ks_clear_all_pacs(), KS_INVALID_ARGS);
+
+  EXPECT_EQ(mts.requests.size(), 1u);
 }
 
 TEST_F(ClearAllPacs, StartsAtTheFirstPositionForEveryPac) {

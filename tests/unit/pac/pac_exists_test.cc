@@ -44,6 +44,7 @@ TEST_F(PacExists, AsksTheKeystoreWhenTheCacheIsAbsent) {
   EXPECT_THAT(pac_traces(), ElementsAre("ks_pac_exists(#)\n", "ks_pac_exists(#):Cache absent. Using smartcard.",
                                         "ks_pac_exists(#):Cache absent. Using smartcard.\n",
                                         "Invalid Response Length:7\n", "ks_pac_exists(#):Return.\n"));
+  EXPECT_EQ(scripted::platform().log.back(), "report ks_pac_exists(#):Return.\n") << "behind both drops";
 }
 
 TEST_F(PacExists, ReadsTheFlagBehindAReplyOfTheExpectedSize) {

@@ -2,6 +2,7 @@
 #ifndef TESTS_UNIT_PAC_FIXTURE_H
 #define TESTS_UNIT_PAC_FIXTURE_H
 
+#include <algorithm>
 #include <csignal>
 
 #include "scripted.h"
@@ -69,13 +70,13 @@ class Test : public scripted::Test {
   // pac_traces leaves out what the functions of the cache report.
   Flow pac_traces() const {
     Flow out;
-    for (const std::string &text : traces()) {
+    for (const scripted::Report &report : trace.reports) {
       bool of_cache = false;
       for (const char *prefix : {"is_cache_present(", "ks_sdb_init(", "sksd_sdb_", "key_type", "key_handle",
                                  "ks_cache_read_", "ks_cache_find_pac("}) {
-        of_cache = of_cache || text.starts_with(prefix);
+        of_cache = of_cache || report.text.starts_with(prefix);
       }
-      if (!of_cache) out.push_back(text);
+      if (!of_cache) out.push_back(report.marked());
     }
     return out;
   }
@@ -83,6 +84,13 @@ class Test : public scripted::Test {
   void forget_reports() {
     scripted::platform().log.clear();
     trace.reports.clear();
+  }
+
+  // comes_before tells whether the log has both events, the first in front.
+  static bool comes_before(const std::string &first, const std::string &second) {
+    const Flow &log = scripted::platform().log;
+    const auto found = std::find(log.begin(), log.end(), first);
+    return std::find(found, log.end(), second) != log.end();
   }
 
   // takes checks what was handed out and releases it.

@@ -82,6 +82,41 @@ TEST_F(ReturnAidByIndex, ReportsTheLengthOfALongerRefusal) {
   EXPECT_EQ(traces().back(), "ks_return_secret_handle_by_index_resp: Ret :6 len:9 \n");
 }
 
+TEST_F(ReturnAidByIndex, BelievesTheLengthOfASuccessWhateverSizeTheReplyIsSaidToHave) {
+  for (const uint32_t size : {0u, 4u, 6u, 0xffffu, 0x10006u}) {
+    SCOPED_TRACE(size);
+    index = 0;
+    forget_reports();
+    mts.reply_with(bytes("01 00 00 00 07 00  31 00 00 07 a1 00 a3"), size);
+    EXPECT_EQ(next(), KS_SUCCESS);
+
+    EXPECT_EQ(found_len, 3);
+    EXPECT_EQ(heap.content(found, 7), bytes("a1 00 a3 00 a1 00 a3"));
+    EXPECT_THAT(traces(true), ElementsAre("103:ks_return_aid_by_index(#)\n",
+                                          "103:ks_return_secret_handle_by_index_resp: Ret :1 len:7 \n",
+                                          "103:ks_return_aid_by_index(#):Return KS_SUCCESS.\n"));
+    heap.release(found);
+  }
+}
+
+TEST_F(ReturnAidByIndex, HandsOutTheLongestAidWhole) {
+  const Bytes longest(65531, 0xa1);
+  mts.reply_with(bytes("01 00 00 00 ff ff  31 00 00 07") + longest);  // 65,541 bytes, of which 16 bits show 5
+  ASSERT_EQ(next(), KS_SUCCESS);
+
+  EXPECT_EQ(found_len, 65531);
+  EXPECT_EQ(heap.content(found, 65535), longest + bytes("00 a1 a1 a1"));
+  heap.release(found);
+}
+
+TEST_F(ReturnAidByIndex, ReportsNoLengthOfARefusalThatIsSaidToEndBeforeIt) {
+  for (const uint32_t size : {0u, 4u, 5u, 0x10005u}) {
+    mts.reply_with(bytes("06 00 00 00 09 00"), size);
+    EXPECT_EQ(next(), KS_NO_MORE_ENTRIES);
+    EXPECT_EQ(traces().back(), "ks_return_secret_handle_by_index_resp: Ret :6 len:0 \n") << size;
+  }
+}
+
 TEST_F(ReturnAidByIndex, WrapsFromTheLastPositionToTheFirst) {
   index = 65535;
   mts.reply_with(reply(bytes("31 00 00 07 a1")));

@@ -91,6 +91,7 @@ TEST_F(ReturnPacInfo, AnswersFromTheCacheWithoutAMessage) {
   EXPECT_EQ(read(), KS_SUCCESS);
 
   EXPECT_THAT(flow(), ElementsAre("malloc 35", "calloc 19", "free 35", "malloc 12", "free 19"));
+  EXPECT_TRUE(comes_before("free 19", "report ks_cache_get_pac_info(#):Return\n"));
   takes(info, info_len, kInfo);
   EXPECT_EQ(ks_cache_present, 1u);
   EXPECT_THAT(pac_traces(),

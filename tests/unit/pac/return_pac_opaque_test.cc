@@ -165,6 +165,7 @@ TEST_F(ReturnPacOpaque, AnswersFromTheCacheWithoutAMessage) {
   EXPECT_EQ(read(), KS_SUCCESS);
 
   EXPECT_THAT(flow(), ElementsAre("malloc 35", "calloc 19", "free 35", "malloc 7", "free 19"));
+  EXPECT_TRUE(comes_before("free 19", "report ks_cache_get_pac_opaque(#):Return\n"));
   takes(opaque, opaque_len, kOpaque);
   const Flow found = {"ks_cache_get_pac_opaque(#):Found key in cache. Retreving PAC opaque.",
                       "ks_cache_get_pac_opaque(#):Meta_len = 19.",

@@ -13,6 +13,23 @@ class Init : public scripted::Test {
   }
 };
 
+// The exported objects as they are before main, when no fixture has set them.
+const struct Objects {
+  uint32_t queue = ks_mts_q;
+  uint16_t vdc = vdc_id;
+  uint32_t uuid = app_uuid;
+  uint32_t cache_present = ks_cache_present;
+  std::string uri = ks_cache_uri;
+} kAtStart;
+
+TEST(BeforeInit, NothingIsBoundAndNoCacheIsThere) {
+  EXPECT_EQ(kAtStart.queue, 0xffffffffu);
+  EXPECT_EQ(kAtStart.vdc, 0);
+  EXPECT_EQ(kAtStart.uuid, 0u);
+  EXPECT_EQ(kAtStart.cache_present, 0u);
+  EXPECT_EQ(kAtStart.uri, "");
+}
+
 TEST_F(Init, BindsWithTheTemplateAndItsOwnArgumentsUnchanged) {
   EXPECT_EQ(ks_init(0xa1, 0xb2, 0xc3), KS_SUCCESS);
 

@@ -70,7 +70,7 @@ TEST_F(Trace, HasAGateOfItsOwnForEachSubtype) {
   KS_TRACE(KS_SUBTYPE_NORMAL, "normal");
   KS_TRACE(KS_SUBTYPE_CACHE_ALERT, "alert");
 
-  EXPECT_THAT(traces(true), ElementsAre("100:alert"));
+  EXPECT_THAT(traces(), ElementsAre(scripted::alert("alert")));
   EXPECT_THAT(trace.debug_lines, ElementsAre("normal"));
 }
 

@@ -1,0 +1,25 @@
+// caller.h: on whose behalf the service works.
+#ifndef SERVICE_BASE_CALLER_H
+#define SERVICE_BASE_CALLER_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+
+namespace ksd {
+
+// Caller is who opened the connection, by the kernel's word (SO_PEERCRED), with what the configuration maps it to.
+struct Caller {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  pid_t pid = 0;
+  std::optional<uint16_t> vdc_id;  // none: an unmapped user, who may not use any name
+  bool administrator = false;      // may act for any VDC
+
+  bool may_use(uint16_t vdc) const { return administrator || (vdc_id && *vdc_id == vdc); }
+};
+
+}  // namespace ksd
+
+#endif

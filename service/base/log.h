@@ -1,0 +1,81 @@
+// log.h: how the daemon logs. Lines go to standard error: with a time when a person or a file reads them, with a
+// priority in front when the journal does. Nothing that a client sent is ever part of a line.
+#ifndef SERVICE_BASE_LOG_H
+#define SERVICE_BASE_LOG_H
+
+#include <spdlog/spdlog.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace ksd {
+
+enum class LogFormat { kAuto, kPlain, kJournal };
+
+// start_logging makes the process's logger. kAuto takes the journal's form when standard error is the journal.
+void start_logging(LogFormat format, const std::string &level);
+
+// set_log_level takes "debug", "info", "warning" or "error".
+void set_log_level(const std::string &level);
+bool is_log_level(const std::string &level);
+
+// since_last words what a LogLimiter held back, for the end of a line: " (7 more since the last such line)" or nothing.
+std::string since_last(uint64_t held_back);
+
+// LogLimiter keeps users from filling the log: of the lines of one kind about one user it lets one a minute pass.
+class LogLimiter {
+ public:
+  enum class Kind {
+    kMalformed,
+    kUnknownOpcode,
+    kTooLarge,
+    kForeignDatagram,
+    kUnread,
+    kSilent,
+    kRefused,
+    kNearLimit,
+    kForeignName,
+    kCantAccept,
+    kSignal
+  };
+  using Clock = std::chrono::steady_clock;
+
+  // pass gives, when a line may be written, how many were held back since the last one. Of so many users at a time that
+  // their lines would fill the log, one line a minute passes for all that come in addition. Throws std::bad_alloc.
+  std::optional<uint64_t> pass(Kind kind, uid_t uid, Clock::time_point now = Clock::now());
+
+  // warn writes a warning, if it may pass. One that there is no memory for is left out.
+  template <typename... Arguments>
+  void warn(Kind kind, uid_t uid, fmt::format_string<Arguments...> format, Arguments &&...arguments) noexcept {
+    try {
+      const std::optional<uint64_t> held_back = pass(kind, uid);
+      if (!held_back) return;
+      spdlog::warn("{}{}", fmt::format(format, std::forward<Arguments>(arguments)...), since_last(*held_back));
+    } catch (const std::exception &) {
+      return;
+    }
+  }
+
+ private:
+  struct State {
+    std::optional<Clock::time_point> last;
+    uint64_t held_back = 0;
+  };
+  static std::optional<uint64_t> pass(State &state, Clock::time_point now);
+  void forget_old_ones(Clock::time_point now);
+
+  std::mutex mutex_;
+  std::map<std::pair<Kind, uid_t>, State> states_;
+  std::map<Kind, State> of_others_;  // when there is no room above
+  Clock::time_point looked_for_room_at_{};
+};
+
+}  // namespace ksd
+
+#endif

@@ -1,0 +1,441 @@
+#include "config/config.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <optional>
+
+#include "base/fd.h"
+#include "base/log.h"
+#include "base/trust.h"
+
+namespace ksd::config {
+namespace {
+
+constexpr size_t kLongestSocketPath = sizeof(sockaddr_un{}.sun_path) - 1;
+constexpr size_t kLongestUri = sizeof(HostHelloReply{}.running_cfg_uri) - 1;
+constexpr std::string_view kUriScheme = "lmdb:///";
+
+std::optional<uid_t> user_id(const std::string &name) {
+  const passwd *entry = getpwnam(name.c_str());
+  return entry != nullptr ? std::optional(entry->pw_uid) : std::nullopt;
+}
+
+std::optional<gid_t> group_id(const std::string &name) {
+  const group *entry = getgrnam(name.c_str());
+  return entry != nullptr ? std::optional(entry->gr_gid) : std::nullopt;
+}
+
+// Reader takes the keys of one table, each at most once, and in the end finds those that nobody asked for. What is
+// absent leaves the default as it is.
+class Reader {
+ public:
+  Reader(const toml::table &table, std::string where, std::vector<ConfigProblem> &problems)
+      : table_(table), where_(std::move(where)), problems_(problems) {}
+
+  const toml::node *take(std::string_view key) {
+    if (std::find(known_.begin(), known_.end(), key) == known_.end()) known_.push_back(key);
+    return table_.get(key);
+  }
+
+  void text(std::string_view key, std::string &out) {
+    const toml::node *node = take(key);
+    if (node == nullptr) return;
+    if (const auto value = node->value_exact<std::string>()) {
+      out = *value;
+    } else {
+      problem(*node, fmt::format("{} takes a text in quotes", name(key)));
+    }
+  }
+
+  void flag(std::string_view key, bool &out) {
+    const toml::node *node = take(key);
+    if (node == nullptr) return;
+    if (const auto value = node->value_exact<bool>()) {
+      out = *value;
+    } else {
+      problem(*node, fmt::format("{} takes true or false", name(key)));
+    }
+  }
+
+  template <typename Number>
+  void number(std::string_view key, uint64_t least, uint64_t most, Number &out) {
+    const toml::node *node = take(key);
+    if (node == nullptr) return;
+    const auto value = node->value_exact<int64_t>();
+    if (value && *value >= 0 && static_cast<uint64_t>(*value) >= least && static_cast<uint64_t>(*value) <= most) {
+      out = static_cast<Number>(*value);
+    } else {
+      problem(*node, fmt::format("{} takes a whole number from {} to {}", name(key), least, most));
+    }
+  }
+
+  // each calls `use` with every element of an array.
+  template <typename Use>
+  void each(std::string_view key, const char *of_what, Use use) {
+    const toml::node *node = take(key);
+    if (node == nullptr) return;
+    const toml::array *array = node->as_array();
+    if (array == nullptr) return problem(*node, fmt::format("{} takes an array of {}", name(key), of_what));
+    for (const toml::node &element : *array) use(element);
+  }
+
+  // ids calls `use` with every user or group of an array, names resolved.
+  template <typename Resolve, typename Use>
+  void ids(std::string_view key, const char *kind, Resolve resolve, Use use) {
+    each(key, fmt::format("{} names and ids", kind).c_str(), [&](const toml::node &element) {
+      if (const auto id = one_id(element, kind, resolve)) use(element, *id);
+    });
+  }
+
+  template <typename Resolve>
+  std::optional<uid_t> one_id(const toml::node &node, const char *kind, Resolve resolve) {
+    if (const auto number = node.value_exact<int64_t>()) {
+      if (*number >= 0 && *number < std::numeric_limits<uid_t>::max()) return static_cast<uid_t>(*number);
+    } else if (const auto text = node.value_exact<std::string>()) {
+      if (const auto id = resolve(*text)) return id;
+      problem(node, fmt::format("there is no {} \"{}\" on this machine; create it or give a number", kind, *text));
+      return std::nullopt;
+    }
+    problem(node, fmt::format("a {} is a name in quotes or a number", kind));
+    return std::nullopt;
+  }
+
+  std::optional<Reader> section(std::string_view key) {
+    const toml::node *node = take(key);
+    if (node == nullptr) return std::nullopt;
+    if (const toml::table *table = node->as_table()) return Reader(*table, std::string(key), problems_);
+    problem(*node, fmt::format("{} is a section: write [{}]", key, key));
+    return std::nullopt;
+  }
+
+  void refuse_unknown_keys() {
+    for (const auto &[key, node] : table_) {
+      if (std::find(known_.begin(), known_.end(), key.str()) != known_.end()) continue;
+      at(key.source(), fmt::format("unknown key {}; known here: {}", name(key.str()), fmt::join(known_, ", ")));
+    }
+  }
+
+  void problem(const toml::node &node, std::string text) { at(node.source(), std::move(text)); }
+  void problem(std::string text) { at(table_.source(), std::move(text)); }
+
+ private:
+  std::string name(std::string_view key) const {
+    return where_.empty() ? std::string(key) : fmt::format("{}.{}", where_, key);
+  }
+  void at(const toml::source_region &source, std::string text) {
+    problems_.push_back({source.begin.line, source.begin.column, std::move(text)});
+  }
+
+  const toml::table &table_;
+  std::string where_;
+  std::vector<ConfigProblem> &problems_;
+  std::vector<std::string_view> known_;
+};
+
+void read_path(Reader &reader, std::string_view key, size_t longest, std::string &out) {
+  reader.text(key, out);
+  const toml::node *node = reader.take(key);
+  if (node == nullptr || !node->is_string()) return;
+  if (out.empty() || out.front() != '/') {
+    reader.problem(*node, fmt::format("{} takes an absolute path", key));
+  } else if (out.size() > longest) {
+    reader.problem(*node, fmt::format("{} is {} bytes long; at most {} are possible", key, out.size(), longest));
+  }
+}
+
+void replace_all(std::string &text, std::string_view from, const std::string &to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+}
+
+std::string expand(std::string uri, uid_t uid, uint16_t vdc) {
+  replace_all(uri, "{uid}", std::to_string(uid));
+  replace_all(uri, "{vdc}", std::to_string(vdc));
+  return uri;
+}
+
+void read_cache_uri(Reader &reader, Config &config) {
+  reader.text("cache_uri", config.cache_uri);
+  const toml::node *node = reader.take("cache_uri");
+  const std::string &uri = config.cache_uri;
+  if (node == nullptr || uri.empty()) return;
+  if (!uri.starts_with(kUriScheme)) {
+    reader.problem(*node, "cache_uri takes \"lmdb:///folder\", or \"\" for no cache");
+  } else if (expand(uri, 0, 0).find_first_of("{}") != std::string::npos) {
+    reader.problem(*node, "cache_uri knows the placeholders {uid} and {vdc} only");
+  } else if (expand(uri, std::numeric_limits<uid_t>::max(), UINT16_MAX).size() > kLongestUri) {
+    reader.problem(*node, fmt::format("cache_uri is too long: {} bytes are possible", kLongestUri));
+  }
+}
+
+void read_socket_mode(Reader &reader, Config &config) {
+  const toml::node *node = reader.take("socket_mode");
+  if (node == nullptr) return;
+  const auto mode = node->value_exact<int64_t>();
+  if (mode && *mode >= 0 && *mode <= 0777) {
+    config.socket_mode = static_cast<mode_t>(*mode);
+  } else {
+    reader.problem(*node, "socket_mode takes permission bits in octal, as 0o660");
+  }
+}
+
+void read_service(Reader &reader, Config &config) {
+  read_path(reader, "socket", kLongestSocketPath, config.socket);
+  read_socket_mode(reader, config);
+  if (const toml::node *node = reader.take("socket_group")) {
+    config.socket_group = reader.one_id(*node, "group", group_id);
+  }
+  read_path(reader, "vault", SIZE_MAX, config.vault);
+  read_path(reader, "master_key_file", SIZE_MAX, config.master_key_file);
+  read_cache_uri(reader, config);
+  reader.text("log_level", config.log_level);
+  if (!is_log_level(config.log_level)) {
+    reader.problem(*reader.take("log_level"), "log_level takes \"debug\", \"info\", \"warning\" or \"error\"");
+  }
+  constexpr uint64_t kLeastWait = 10;
+  constexpr uint64_t kMostWait = 3'600'000;
+  reader.number("receive_limit_ms", kLeastWait, kMostWait, config.receive_limit_ms);
+  reader.number("send_limit_ms", kLeastWait, kMostWait, config.send_limit_ms);
+  reader.number("silence_limit_ms", kLeastWait, kMostWait, config.silence_limit_ms);
+  reader.number("stop_limit_ms", kLeastWait, kMostWait, config.stop_limit_ms);
+  reader.number("supstate", 0, UINT32_MAX, config.supstate);
+  reader.flag("allow_nobody", config.allow_nobody);
+}
+
+// fit_places has what isn't told about connections follow their number: a file may be content to give that.
+void fit_places(Limits &limits) {
+  constexpr uint32_t kPlacesToAnUnmappedOne = 16;
+  constexpr uint32_t kPlacesToAnAdministrators = 64;
+  limits.connections_per_user = std::min(limits.connections_per_user, limits.connections);
+  limits.connections_unmapped =
+      std::min(limits.connections_unmapped, std::max(1u, limits.connections / kPlacesToAnUnmappedOne));
+  limits.connections_administrators =
+      std::min(limits.connections_administrators, limits.connections / kPlacesToAnAdministrators);
+}
+
+// Nothing can be kept of what isn't there, and nobody may be able to take everything.
+void refuse_places_that_are_not_there(Reader &reader, const Limits &limits) {
+  const auto refuse_above = [&](std::string_view key, uint64_t value, uint64_t most, const char *why) {
+    const toml::node *node = reader.take(key);
+    if (node == nullptr || value <= most) return;
+    reader.problem(
+        *node, fmt::format("{} of {} connections: {}; at most {} are possible", value, limits.connections, why, most));
+  };
+  const uint32_t most_reserved = limits.connections - 1;
+  refuse_above("connections_per_user", limits.connections_per_user, limits.connections, "no user can have so many");
+  refuse_above("connections_unmapped", limits.connections_unmapped, most_reserved,
+               "none would be left for users with a VDC");
+  refuse_above("connections_administrators", limits.connections_administrators,
+               most_reserved - std::min(limits.connections_unmapped, most_reserved),
+               "none would be left for users with a VDC");
+}
+
+void read_limits(Reader &reader, Limits &limits) {
+  constexpr uint64_t kMostConnections = 65535;
+  constexpr uint64_t kMostEntries = 65535;  // positions in the table are 16 bits wide
+  constexpr uint64_t kMostBytes = uint64_t{1} << 40;
+  constexpr uint64_t kMostConnects = 1'000'000;
+  constexpr uint64_t kMostAtOnce = 1024;
+  reader.number("connections", 1, kMostConnections, limits.connections);
+  fit_places(limits);
+  reader.number("connections_per_user", 1, kMostConnections, limits.connections_per_user);
+  reader.number("connections_unmapped", 0, kMostConnections, limits.connections_unmapped);
+  reader.number("connections_administrators", 0, kMostConnections, limits.connections_administrators);
+  refuse_places_that_are_not_there(reader, limits);
+  reader.number("connects_per_second", 1, kMostConnects, limits.connects_per_second);
+  reader.number("requests_per_user", 0, kMostAtOnce, limits.requests_per_user);
+  reader.number("changes_per_user", 1, kMostAtOnce, limits.changes_per_user);
+  reader.number("entries", 0, kMostEntries, limits.entries);
+  reader.number("entries_per_user", 0, kMostEntries, limits.entries_per_user);
+  reader.number("bytes", 0, kMostBytes, limits.bytes);
+  reader.number("bytes_per_user", 0, kMostBytes, limits.bytes_per_user);
+}
+
+void read_gate(Reader &reader, std::string_view key, std::bitset<256> &gate) {
+  if (reader.take(key) != nullptr) gate.reset();
+  reader.each(key, "numbers", [&](const toml::node &element) {
+    const auto number = element.value_exact<int64_t>();
+    if (number && *number >= 0 && *number < 256) {
+      gate.set(static_cast<size_t>(*number));
+    } else {
+      reader.problem(element, "a gate is a number from 0 to 255");
+    }
+  });
+}
+
+// The kernel names everybody whom a container keeps from being named by this one number, so whatever it is allowed is
+// allowed to users of any container.
+constexpr uid_t kNobody = 65534;
+
+// may_stand_for tells whether `id` is somebody, and says otherwise what is wrong with it.
+bool may_stand_for(Reader &reader, const Config &config, const toml::node &node, uid_t id) {
+  if (id != kNobody || config.allow_nobody) return true;
+  reader.problem(node,
+                 fmt::format("{} is what the kernel calls everybody without an id of this machine; name somebody, "
+                             "or set service.allow_nobody = true",
+                             id));
+  return false;
+}
+
+// read_vdc takes one [[vdc]]: an id, and the users and groups that it is for.
+void read_vdc(Reader &reader, Config &config, std::set<uint16_t> &seen) {
+  const toml::node *id_node = reader.take("id");
+  if (id_node == nullptr) reader.problem("this [[vdc]] has no id");
+  uint16_t id = 0;
+  reader.number("id", 0, HOST_NO_VDC - 1, id);
+  if (id_node != nullptr && !seen.insert(id).second) {
+    reader.problem(*id_node, fmt::format("VDC {} has a [[vdc]] already; put all its users there", id));
+  }
+  reader.ids("users", "user", user_id, [&](const toml::node &node, uid_t uid) {
+    if (may_stand_for(reader, config, node, uid) && !config.vdc_of_user.emplace(uid, id).second) {
+      reader.problem(node, fmt::format("user {} belongs to VDC {} already", uid, config.vdc_of_user.at(uid)));
+    }
+  });
+  reader.ids("groups", "group", group_id, [&](const toml::node &node, gid_t gid) {
+    if (may_stand_for(reader, config, node, gid)) config.vdc_of_group.emplace_back(gid, id);
+  });
+  reader.refuse_unknown_keys();
+}
+
+void read_vdcs(Reader &reader, Config &config, std::vector<ConfigProblem> &problems) {
+  std::set<uint16_t> seen;
+  reader.each("vdc", "tables: write [[vdc]]", [&](const toml::node &element) {
+    const toml::table *table = element.as_table();
+    if (table == nullptr) return reader.problem(element, "a vdc is a table: write [[vdc]]");
+    Reader vdc(*table, "vdc", problems);
+    read_vdc(vdc, config, seen);
+  });
+}
+
+void read_administrators(Reader &reader, Config &config) {
+  reader.ids("users", "user", user_id, [&](const toml::node &node, uid_t uid) {
+    if (may_stand_for(reader, config, node, uid)) config.administrator_users.insert(uid);
+  });
+  reader.ids("groups", "group", group_id, [&](const toml::node &node, gid_t gid) {
+    if (may_stand_for(reader, config, node, gid)) config.administrator_groups.insert(gid);
+  });
+}
+
+void read_all(const toml::table &table, Config &config, std::vector<ConfigProblem> &problems) {
+  Reader top(table, "", problems);
+  const auto in_section = [&](std::string_view key, auto read) {
+    if (std::optional<Reader> section = top.section(key)) {
+      read(*section);
+      section->refuse_unknown_keys();
+    }
+  };
+  in_section("service", [&](Reader &reader) { read_service(reader, config); });
+  in_section("limits", [&](Reader &reader) { read_limits(reader, config.limits); });
+  in_section("trace", [&](Reader &reader) {
+    read_gate(reader, "record", config.gates.record);
+    read_gate(reader, "debug", config.gates.debug);
+  });
+  in_section("administrators", [&](Reader &reader) { read_administrators(reader, config); });
+  read_vdcs(top, config, problems);
+  top.refuse_unknown_keys();
+}
+
+// in_one_line shows control characters, which a problem may quote from the file, as hexadecimal.
+std::string in_one_line(std::string_view text) {
+  std::string line;
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+      line += fmt::format("\\x{:02x}", c);
+    } else {
+      line += c;
+    }
+  }
+  return line;
+}
+
+std::optional<std::string> read_file(int fd) {
+  std::string text;
+  std::array<char, 4096> part;
+  while (true) {
+    const ssize_t size = read(fd, part.data(), part.size());
+    if (size < 0 && errno == EINTR) continue;
+    if (size < 0) return std::nullopt;
+    if (size == 0) return text;
+    text.append(part.data(), static_cast<size_t>(size));
+  }
+}
+
+ParsedConfig file_problem(std::string text) {
+  ParsedConfig parsed;
+  parsed.problems.push_back({0, 0, std::move(text)});
+  return parsed;
+}
+
+}  // namespace
+
+Caller Config::identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> further_groups) const {
+  const auto is_member = [&](gid_t wanted) {
+    return wanted == gid || std::find(further_groups.begin(), further_groups.end(), wanted) != further_groups.end();
+  };
+  Caller caller;
+  caller.uid = uid;
+  caller.gid = gid;
+  caller.pid = pid;
+  caller.administrator = administrator_users.contains(uid) ||
+                         std::any_of(administrator_groups.begin(), administrator_groups.end(), is_member);
+  if (const auto own = vdc_of_user.find(uid); own != vdc_of_user.end()) {
+    caller.vdc_id = own->second;
+    return caller;
+  }
+  for (const auto &[group, vdc] : vdc_of_group) {
+    if (!is_member(group)) continue;
+    caller.vdc_id = vdc;
+    return caller;
+  }
+  return caller;
+}
+
+std::string Config::cache_uri_of(const Caller &caller) const {
+  if (!caller.vdc_id && cache_uri.find("{vdc}") != std::string::npos) return {};
+  return expand(cache_uri, caller.uid, caller.vdc_id.value_or(0));
+}
+
+ParsedConfig parse_config(std::string_view text) {
+  ParsedConfig parsed;
+  try {
+    read_all(toml::parse(text), parsed.config, parsed.problems);
+  } catch (const toml::parse_error &error) {
+    const toml::source_position at = error.source().begin;
+    parsed.problems.push_back({at.line, at.column, std::string(error.description())});
+  }
+  for (ConfigProblem &problem : parsed.problems) problem.text = in_one_line(problem.text);
+  std::stable_sort(parsed.problems.begin(), parsed.problems.end(), [](const auto &a, const auto &b) {
+    return std::pair(a.line, a.column) < std::pair(b.line, b.column);
+  });
+  return parsed;
+}
+
+ParsedConfig load_config(const std::string &path) {
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (!fd || fstat(fd.get(), &status) < 0) return file_problem(std::strerror(errno));
+  // Whoever writes this file decides who may use which keys.
+  if (auto why = why_others_may_replace(path)) return file_problem("isn't safe: " + std::move(*why));
+  const std::optional<std::string> text = read_file(fd.get());
+  if (!text) return file_problem(std::strerror(errno));
+  return parse_config(*text);
+}
+
+std::string describe(const std::string &path, const ConfigProblem &problem) {
+  if (problem.line == 0) return fmt::format("{}: {}", path, problem.text);
+  return fmt::format("{}:{}:{}: {}", path, problem.line, problem.column, problem.text);
+}
+
+}  // namespace ksd::config

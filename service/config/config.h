@@ -1,0 +1,103 @@
+// config.h: the configuration of the daemon, as the file tells it and as everybody reads it. A Config never changes:
+// a reload makes another one.
+#ifndef SERVICE_CONFIG_CONFIG_H
+#define SERVICE_CONFIG_CONFIG_H
+
+#include <sys/types.h>
+
+#include <bitset>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/caller.h"
+#include "host_wire.h"
+
+namespace ksd::config {
+
+inline constexpr char kDefaultConfigPath[] = "/etc/ks/ksd.toml";
+inline constexpr char kDefaultVaultPath[] = "/var/lib/ks/vault.db";
+
+// Limits bounds what users may take, each user alone and all together. Bytes are those of secrets and metadata. All
+// users without a VDC count as one user.
+struct Limits {
+  uint32_t connections = 1024;
+  uint32_t connections_per_user = 256;
+  uint32_t connections_unmapped = 64;        // of all users without a VDC together
+  uint32_t connections_administrators = 16;  // kept for administrators
+  uint32_t connects_per_second = 4000;       // of each user; more wait for their turn
+  uint32_t requests_per_user = 0;            // worked on at once while others are connected; 0: all processors but one
+  uint32_t changes_per_user = 8;             // on their way to the disk at once while others are connected
+  uint32_t entries = 65535;
+  uint32_t entries_per_user = 16384;
+  uint64_t bytes = uint64_t{256} << 20;
+  uint64_t bytes_per_user = uint64_t{64} << 20;
+
+  friend bool operator==(const Limits &, const Limits &) = default;
+};
+
+// Gates says which subtypes of reports all clients record, and for which flags they print debug lines.
+struct Gates {
+  std::bitset<256> record;
+  std::bitset<256> debug;
+
+  Gates() { record.set(HOST_DEFAULT_RECORDED_SUBTYPE); }
+};
+
+struct Config {
+  std::string socket = HOST_DEFAULT_SOCKET;
+  mode_t socket_mode = 0666;
+  std::optional<gid_t> socket_group;
+  std::string vault = kDefaultVaultPath;
+  std::string master_key_file;  // empty: the one of the systemd credentials directory
+  std::string cache_uri = "lmdb:///run/user/{uid}/ks";
+  std::string log_level = "info";
+  uint32_t receive_limit_ms = 30000;  // how long clients wait for a reply
+  uint32_t send_limit_ms = 5000;      // how long a client may leave a reply unread
+  uint32_t silence_limit_ms = 10000;  // how long a new connection may say nothing
+  uint32_t stop_limit_ms = 5000;      // how long connections have to take their replies when the service ends
+  uint32_t supstate = 0;
+  bool allow_nobody = false;  // whether 65534, as which users of containers show, may be mapped to a VDC
+  Limits limits;
+  Gates gates;
+  std::map<uid_t, uint16_t> vdc_of_user;
+  std::vector<std::pair<gid_t, uint16_t>> vdc_of_group;  // in the order of the file: the first that fits counts
+  std::set<uid_t> administrator_users;
+  std::set<gid_t> administrator_groups;
+
+  // identify says who a caller is. A user's own mapping comes before those of the groups.
+  Caller identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> further_groups) const;
+
+  // cache_uri_of is the URI below which a caller's databases lie, empty for none.
+  std::string cache_uri_of(const Caller &caller) const;
+};
+
+// ConfigProblem is one thing that is wrong with a configuration, at a line and column counted from 1.
+struct ConfigProblem {
+  uint32_t line = 0;
+  uint32_t column = 0;
+  std::string text;
+};
+
+struct ParsedConfig {
+  Config config;  // of use only without problems
+  std::vector<ConfigProblem> problems;
+};
+
+// parse_config reads a configuration and finds all that is wrong with it. Names of users and groups are looked up.
+ParsedConfig parse_config(std::string_view text);
+
+// load_config reads the file at `path`; one that can't be read is a problem of line 0.
+ParsedConfig load_config(const std::string &path);
+
+// describe words a problem as compilers do: "file:line:column: text".
+std::string describe(const std::string &path, const ConfigProblem &problem);
+
+}  // namespace ksd::config
+
+#endif

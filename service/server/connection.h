@@ -1,0 +1,73 @@
+// connection.h: one client's connection, served by one thread with blocking calls.
+#ifndef SERVICE_SERVER_CONNECTION_H
+#define SERVICE_SERVER_CONNECTION_H
+
+#include <optional>
+#include <vector>
+
+#include "base/fd.h"
+#include "base/log.h"
+#include "handlers/dispatch.h"
+#include "handlers/service.h"
+#include "server/current_config.h"
+#include "server/frame.h"
+#include "server/users.h"
+
+namespace ksd::server {
+
+// Peer is the opener of a connection, by the kernel's word.
+struct Peer {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  pid_t pid = 0;
+  std::vector<gid_t> further_groups;
+};
+
+// peer_of asks the kernel who opened the connection; nothing when it can't tell.
+std::optional<Peer> peer_of(int socket);
+
+// Connection serves one connection. `user` and `peer` outlive it.
+class Connection {
+ public:
+  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const CurrentConfig &current_config,
+             int socket, User &user, const Peer &peer);
+  ~Connection();
+
+  // serve answers requests until the client leaves, misbehaves beyond repair, or the socket is shut down for reading.
+  void serve();
+
+ private:
+  // What the thread does after a datagram.
+  enum class Next { kAnswer, kHangUp };
+
+  std::optional<size_t> receive();
+  bool peer_left() const;
+  Share &share_for(const Frame &frame) const;
+  Next answer(const Frame &frame);
+  void answer_request(const Frame &frame);
+  void answer_hello(const Frame &frame);
+  bool send(const HostWireHeader &request, Share::Pass &pass);
+  void cleanse(size_t received);
+  void follow_configuration();
+  void complain(LogLimiter::Kind kind, const char *what);
+
+  handlers::Service &service_;
+  const handlers::Dispatcher &dispatcher_;
+  const CurrentConfig &current_config_;
+  User &user_;
+
+  const int socket_;
+  const Peer &peer_;
+  bool silent_so_far_ = true;
+
+  uint64_t config_generation_ = 0;  // of the two below
+  std::shared_ptr<const config::Config> config_;
+  Caller caller_;
+
+  uint8_t *const buffer_;  // of the request that is being answered
+  handlers::Reply reply_;
+};
+
+}  // namespace ksd::server
+
+#endif

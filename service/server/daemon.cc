@@ -1,0 +1,294 @@
+#include "server/daemon.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include "base/trust.h"
+#include "crypto/crypto.h"
+#include "handlers/dispatch.h"
+#include "handlers/service.h"
+#include "server/instance_lock.h"
+#include "server/listener.h"
+#include "server/notify.h"
+#include "server/server.h"
+#include "server/state_page.h"
+#include "vault/vault.h"
+
+namespace ksd::server {
+namespace {
+
+constexpr std::chrono::nanoseconds kPauseWithoutDescriptors = std::chrono::milliseconds(100);
+constexpr int kAcceptedAtOnce = 16;
+
+timespec to_timespec(std::chrono::nanoseconds time) {
+  constexpr int64_t kSecond = 1'000'000'000;
+  return {.tv_sec = time.count() / kSecond, .tv_nsec = time.count() % kSecond};
+}
+
+// Secrets pass through stacks and buffers: no core, no debugger of the same user, and where the system allows it no
+// page on its way to swap.
+void harden_process() {
+  const rlimit no_core{0, 0};
+  setrlimit(RLIMIT_CORE, &no_core);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // their reports need a process that can be traced
+  prctl(PR_SET_DUMPABLE, 0);
+  const rlimit all_memory{RLIM_INFINITY, RLIM_INFINITY};
+  // Only with no limit at all: under one, later allocations would fail.
+  const bool may_lock = setrlimit(RLIMIT_MEMLOCK, &all_memory) == 0;
+  if (!may_lock || mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) < 0) {
+    spdlog::info("memory isn't locked as a whole (keys are); LimitMEMLOCK=infinity allows it");
+  }
+#endif
+}
+
+// Without these, a file or socket would get the number of standard error, and the log would go there.
+void open_missing_standard_files() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);  // takes the lowest free number, which is this one
+  }
+}
+
+void raise_descriptor_limit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) < 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// The signals that the daemon waits for, as a descriptor. Blocked before any thread starts, so that all inherit it.
+UniqueFd signals_as_file() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&signals, signal);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+void log_problems(const std::string &path, const std::vector<config::ConfigProblem> &problems) {
+  for (const config::ConfigProblem &problem : problems) spdlog::error("{}", describe(path, problem));
+}
+
+void log_counters(const Counters &counters) {
+  const handlers::Dispatcher dispatcher;
+  for (uint32_t opcode = kFirstOpcode; opcode <= kLastOpcode; ++opcode) {
+    const handlers::Row *row = dispatcher.find(opcode);
+    if (row == nullptr) continue;
+    spdlog::info("{}: {} done, {} failed", row->name, counters.done(opcode), counters.failed(opcode));
+  }
+  spdlog::info(
+      "connections: {} opened, {} refused; datagrams: {} malformed, {} too large, {} foreign; unknown opcodes: "
+      "{}; names of other VDCs: {}; unread replies: {}",
+      counters.total(Event::kConnected), counters.total(Event::kRefusedConnection), counters.total(Event::kMalformed),
+      counters.total(Event::kTooLarge), counters.total(Event::kForeignDatagram), counters.total(Event::kUnknownOpcode),
+      counters.total(Event::kForeignName), counters.total(Event::kUnread));
+}
+
+vault::Limits vault_limits(const config::Limits &limits) {
+  return {.entries = limits.entries,
+          .entries_per_user = limits.entries_per_user,
+          .bytes = limits.bytes,
+          .bytes_per_user = limits.bytes_per_user};
+}
+
+class Daemon {
+ public:
+  Daemon(const Options &options, const config::Config &config)
+      : options_(options), signals_(signals_as_file()), config_(config) {
+    open_socket(config);
+  }
+
+  void run() {
+    Server server(*service_, config_);
+    spdlog::info("ksd {} serves {}", KSD_VERSION, socket_path_);
+    notifier_.ready();
+    std::optional<std::chrono::nanoseconds> next_start;
+    while (!asked_to_end()) {
+      if (wait(next_start)) accept_some(server);
+      next_start = server.start_next();
+    }
+    notifier_.stopping();
+    close_socket();
+    server.finish();
+    log_counters(service_->counters);
+    spdlog::info("ended");
+  }
+
+ private:
+  void open_socket(const config::Config &config) {
+    if (std::optional<UniqueFd> passed = passed_socket()) {
+      listener_ = std::move(*passed);
+      fcntl(listener_.get(), F_SETFL, O_NONBLOCK);
+      socket_path_ = socket_path_of(listener_.get());
+      socket_is_ours_ = false;
+    } else {
+      socket_path_ = config.socket;
+      make_socket_folder(socket_path_);
+    }
+    if (const auto why = why_others_may_write(folder_of_socket())) {
+      throw std::runtime_error(fmt::format("the folder of the socket isn't safe: {}", *why));
+    }
+    instance_lock_.emplace(socket_path_);
+    // The page comes before the socket: clients look at it once they are greeted.
+    state_page_.emplace(socket_path_);
+    state_page_->publish(config);
+    // Before anybody can connect: a service that can't open its vault is no service.
+    open_service(config);
+    if (socket_is_ours_) listener_ = listen_at(socket_path_, config);
+  }
+
+  std::string folder_of_socket() const { return std::filesystem::path(socket_path_).parent_path(); }
+
+  void open_service(const config::Config &config) {
+    const crypto::AlgorithmSet usable = crypto::start();
+    std::unique_ptr<vault::Vault> opened = vault::open_vault({.path = config.vault,
+                                                              .master_key_file = config.master_key_file,
+                                                              .witness = {},
+                                                              .accept_loss = options_.accept_loss,
+                                                              .limits = vault_limits(config.limits)});
+    vault_ = opened.get();
+    service_.emplace(std::move(opened), usable);
+  }
+
+  void close_socket() {
+    if (socket_is_ours_) unlink(socket_path_.c_str());
+    listener_ = UniqueFd();
+  }
+
+  // wait returns when there is a signal or a client, or at the latest after `longest`, and tells whether there is a
+  // client.
+  bool wait(std::optional<std::chrono::nanoseconds> longest) {
+    pollfd sources[] = {{.fd = signals_.get(), .events = POLLIN, .revents = 0},
+                        {.fd = out_of_descriptors_ ? -1 : listener_.get(), .events = POLLIN, .revents = 0}};
+    if (out_of_descriptors_) longest = std::min(longest.value_or(kPauseWithoutDescriptors), kPauseWithoutDescriptors);
+    const timespec limit = to_timespec(longest.value_or(std::chrono::nanoseconds(0)));
+    ppoll(sources, 2, longest ? &limit : nullptr, nullptr);
+    out_of_descriptors_ = false;
+    return sources[1].revents != 0;
+  }
+
+  // Several at a time, since to accept one costs much less than to start it: whoever connects often fills a queue of
+  // their own, not that of the socket.
+  void accept_some(Server &server) {
+    for (int i = 0; i < kAcceptedAtOnce; ++i) {
+      UniqueFd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!client) return note_failed_accept(errno);
+      server.admit(std::move(client));
+    }
+  }
+
+  void note_failed_accept(int error) {
+    if (error != EMFILE && error != ENFILE && error != ENOBUFS && error != ENOMEM) return;
+    // The client stays in the queue; asking again at once would only spin.
+    out_of_descriptors_ = true;
+    service_->log_limiter.warn(LogLimiter::Kind::kCantAccept, 0, "can't accept connections: {}", std::strerror(error));
+  }
+
+  // asked_to_end handles the signals that have come.
+  bool asked_to_end() {
+    signalfd_siginfo signal{};
+    while (read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
+      if (signal.ssi_signo == SIGHUP) {
+        obey("SIGHUP", [&] { reload(); });
+        obey("SIGHUP", [&] { notifier_.ready(); });  // a manager waits for it, whatever became of the reload
+      }
+      if (signal.ssi_signo == SIGUSR1) obey("SIGUSR1", [&] { log_counters(service_->counters); });
+      if (signal.ssi_signo == SIGTERM || signal.ssi_signo == SIGINT) return true;
+    }
+    return false;
+  }
+
+  void reload() {
+    notifier_.reloading();
+    const config::ParsedConfig parsed = load(options_);
+    if (parsed.problems.empty()) {
+      use(parsed.config);
+    } else {
+      log_problems(options_.config, parsed.problems);
+      spdlog::error("the configuration wasn't reloaded; the old one stays in force");
+    }
+  }
+
+  // obey does what a signal asks for, as far as there is memory for it.
+  template <typename Task>
+  void obey(const char *what, Task task) noexcept {
+    try {
+      task();
+    } catch (const std::exception &) {
+      service_->log_limiter.warn(LogLimiter::Kind::kSignal, 0, "{}: there is no memory for it", what);
+    }
+  }
+
+  void use(const config::Config &config) {
+    const std::shared_ptr<const config::Config> old = config_.snapshot();
+    const bool needs_restart = config.socket != old->socket || config.socket_mode != old->socket_mode ||
+                               config.socket_group != old->socket_group || config.vault != old->vault ||
+                               config.master_key_file != old->master_key_file;
+    if (needs_restart) spdlog::warn("a change of socket, vault or master key counts from the next start");
+    set_log_level(config.log_level);
+    config_.replace(config);
+    vault_->use_limits(vault_limits(config.limits));
+    state_page_->publish(config);
+    spdlog::info("configuration reloaded");
+  }
+
+  const Options &options_;
+  Notifier notifier_;
+  const UniqueFd signals_;
+  CurrentConfig config_;
+  std::optional<handlers::Service> service_;
+  vault::Vault *vault_ = nullptr;              // the service's store
+  std::optional<InstanceLock> instance_lock_;  // let go last: until then nobody else touches socket and page
+  UniqueFd listener_;
+  std::string socket_path_;
+  bool socket_is_ours_ = true;
+  bool out_of_descriptors_ = false;
+  std::optional<StatePage> state_page_;
+};
+
+}  // namespace
+
+config::ParsedConfig load(const Options &options) {
+  config::ParsedConfig parsed = config::load_config(options.config);
+  config::Config &config = parsed.config;
+  if (!options.socket.empty()) config.socket = options.socket;
+  if (!options.vault.empty()) config.vault = options.vault;
+  if (!options.master_key_file.empty()) config.master_key_file = options.master_key_file;
+  if (!options.log_level.empty()) config.log_level = options.log_level;
+  return parsed;
+}
+
+int run_daemon(const Options &options) {
+  open_missing_standard_files();
+  start_logging(options.log_format, options.log_level.empty() ? "info" : options.log_level);
+  const config::ParsedConfig parsed = load(options);
+  if (!parsed.problems.empty()) {
+    log_problems(options.config, parsed.problems);
+    return 1;
+  }
+  set_log_level(parsed.config.log_level);
+  harden_process();
+  raise_descriptor_limit();
+  try {
+    Daemon(options, parsed.config).run();
+  } catch (const std::exception &error) {
+    spdlog::critical("{}", error.what());
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace ksd::server

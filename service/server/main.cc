@@ -1,0 +1,53 @@
+// ksd: the keystore service. The command line is read here; what it asks for happens in daemon.cc.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <map>
+
+#include "server/daemon.h"
+
+namespace {
+
+constexpr int kWrongUse = 2;
+
+int check(const ksd::server::Options &options) {
+  const ksd::config::ParsedConfig parsed = ksd::server::load(options);
+  for (const ksd::config::ConfigProblem &problem : parsed.problems) {
+    std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
+  }
+  if (!parsed.problems.empty()) return 1;
+  std::printf("%s: valid\n", options.config.c_str());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  ksd::server::Options options;
+  options.config = ksd::config::kDefaultConfigPath;
+  bool only_check = false;
+
+  CLI::App app("ksd keeps secrets and PACs and computes with keys that never leave it.");
+  app.add_option("--config", options.config, "Configuration file")->capture_default_str();
+  app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one");
+  app.add_option("--vault", options.vault, "Vault file, instead of the configured one");
+  app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start");
+  app.add_flag("--accept-loss", options.accept_loss,
+               "Start also from a vault that lacks acknowledged changes, after copying its files aside");
+  app.add_flag("--check", only_check, "Check the configuration, say what is wrong with it, and end");
+  app.add_option("--log-level", options.log_level, "debug, info, warning or error, instead of the configured one")
+      ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
+  const std::map<std::string, ksd::LogFormat> formats{
+      {"auto", ksd::LogFormat::kAuto}, {"plain", ksd::LogFormat::kPlain}, {"journal", ksd::LogFormat::kJournal}};
+  app.add_option("--log-format", options.log_format, "auto, plain (with times) or journal (with priorities)")
+      ->transform(CLI::Transformer(formats));
+  app.set_version_flag("--version", "ksd " KSD_VERSION);
+  app.footer(
+      "Signals: HUP reloads the configuration, USR1 logs the counters, TERM ends after the last commit.\n"
+      "Exit status: 0 ended as asked, 1 failed (the log says why), 2 wrong use.");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? 0 : kWrongUse;
+  }
+  return only_check ? check(options) : ksd::server::run_daemon(options);
+}

@@ -1,0 +1,79 @@
+#include "server/notify.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <stdexcept>
+
+namespace ksd::server {
+namespace {
+
+constexpr int kFirstPassed = 3;
+
+std::string take_variable(const char *name) {
+  const char *value = std::getenv(name);
+  std::string taken = value != nullptr ? value : "";
+  unsetenv(name);
+  return taken;
+}
+
+int socket_option(int socket, int option) {
+  int value = 0;
+  socklen_t size = sizeof value;
+  return getsockopt(socket, SOL_SOCKET, option, &value, &size) < 0 ? -1 : value;
+}
+
+}  // namespace
+
+Notifier::Notifier() : address_(take_variable("NOTIFY_SOCKET")) {}
+
+void Notifier::ready() {
+  tell("READY=1\nSTATUS=serving");
+}
+
+void Notifier::reloading() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  tell(fmt::format("RELOADING=1\nMONOTONIC_USEC={}", now.tv_sec * 1'000'000 + now.tv_nsec / 1000));
+}
+
+void Notifier::stopping() {
+  tell("STOPPING=1\nSTATUS=finishing what was begun");
+}
+
+void Notifier::tell(const std::string &state) {
+  sockaddr_un address{};
+  if (address_.empty() || address_.size() >= sizeof address.sun_path) return;
+  const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  address.sun_family = AF_UNIX;
+  address_.copy(address.sun_path, sizeof address.sun_path);
+  if (address.sun_path[0] == '@') address.sun_path[0] = '\0';  // a name that is in no folder
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
+  sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), size);
+}
+
+std::optional<UniqueFd> passed_socket() {
+  const std::string pid = take_variable("LISTEN_PID");
+  const std::string count = take_variable("LISTEN_FDS");
+  take_variable("LISTEN_FDNAMES");
+  if (count.empty() || pid != std::to_string(getpid())) return std::nullopt;
+  if (count != "1") throw std::runtime_error(fmt::format("{} sockets were passed; pass one", count));
+  UniqueFd socket(kFirstPassed);
+  fcntl(socket.get(), F_SETFD, FD_CLOEXEC);
+  const bool usable = socket_option(socket.get(), SO_DOMAIN) == AF_UNIX &&
+                      socket_option(socket.get(), SO_TYPE) == SOCK_SEQPACKET &&
+                      socket_option(socket.get(), SO_ACCEPTCONN) == 1;
+  if (!usable) {
+    throw std::runtime_error(
+        "the socket that was passed isn't a listening Unix socket of sequential packets; use ListenSequentialPacket=");
+  }
+  return socket;
+}
+
+}  // namespace ksd::server

@@ -1,0 +1,35 @@
+// notify.h: the two small protocols by which a service manager and the daemon speak: state notifications, and sockets
+// that the manager opened.
+#ifndef SERVICE_SERVER_NOTIFY_H
+#define SERVICE_SERVER_NOTIFY_H
+
+#include <optional>
+#include <string>
+
+#include "base/fd.h"
+
+namespace ksd::server {
+
+// Notifier tells the service manager named by NOTIFY_SOCKET how the service is. Without one it does nothing.
+class Notifier {
+ public:
+  // Takes the variable out of the environment.
+  Notifier();
+
+  void ready();
+  void reloading();
+  void stopping();
+
+ private:
+  void tell(const std::string &state);
+
+  std::string address_;
+};
+
+// passed_socket takes the listening socket that the service manager passed, if it did (LISTEN_FDS), and the variables
+// out of the environment. Throws std::runtime_error when what was passed isn't one socket that can be served.
+std::optional<UniqueFd> passed_socket();
+
+}  // namespace ksd::server
+
+#endif

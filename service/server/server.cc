@@ -1,0 +1,163 @@
+#include "server/server.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <system_error>
+#include <thread>
+
+namespace ksd::server {
+namespace {
+
+// Nothing tells when the last of several users has been gone for long enough, so it is looked for in between.
+constexpr std::chrono::seconds kLookForCrowd{5};
+
+// Whether the other end has closed and left nothing to be read. Such a connection needs no thread.
+bool has_gone(int socket) {
+  pollfd state{.fd = socket, .events = POLLIN | POLLRDHUP, .revents = 0};
+  char byte;
+  return poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP)) != 0 &&
+         recv(socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) <= 0;
+}
+
+// What is logged of users without a VDC counts for all of them together, as they themselves do.
+uid_t logged_as(const Caller &caller) {
+  return rank_of(caller) == Rank::kUnmapped ? static_cast<uid_t>(-1) : caller.uid;
+}
+
+}  // namespace
+
+void Server::admit(UniqueFd socket) noexcept {
+  Caller caller;
+  try {
+    std::optional<Peer> peer = peer_of(socket.get());
+    if (!peer) return;
+    caller.uid = peer->uid;
+    caller = current_config_.snapshot()->identify(peer->uid, peer->gid, peer->pid, peer->further_groups);
+    // All memory is taken before the place is.
+    std::unique_ptr<Session> session(new Session{std::move(socket), std::move(*peer), rank_of(caller)});
+    const Users::Place place = take_place(caller, session->socket.get());
+    if (place.user == nullptr) return refuse(caller, place.why);
+    note_use(caller, place);
+
+    session->user = place.user;
+    if (place.user->waiting.empty()) turns_.push(*place.user);
+    place.user->waiting.push(*session.release());
+  } catch (const std::bad_alloc &) {
+    refuse(caller, "there is no memory");
+  }
+}
+
+std::optional<std::chrono::nanoseconds> Server::start_next() noexcept {
+  const uint32_t per_second = current_config_.snapshot()->limits.connects_per_second;
+  const Clock::time_point now = Clock::now();
+  std::optional<std::chrono::nanoseconds> wait;
+  {
+    const std::lock_guard lock(mutex_);
+    if (users_.check_crowd(now)) wait = kLookForCrowd;
+  }
+  Queue<User> without_allowance;
+  bool did_one = false;
+  while (!did_one && !turns_.empty()) {
+    User &user = turns_.pop();
+    const bool gone = has_gone(user.waiting.first()->socket.get());
+    if (!gone && !user.connects.take(per_second, now)) {
+      wait = std::min(wait.value_or(kLookForCrowd), user.connects.wait_for_one(per_second));
+      without_allowance.push(user);
+      continue;
+    }
+    did_one = true;
+    std::unique_ptr<Session> session(&user.waiting.pop());
+    if (!user.waiting.empty()) turns_.push(user);  // the user's next turn is after those of all others
+    if (gone) {
+      give_place_back(*session);
+    } else {
+      start(std::move(session));
+    }
+  }
+  if (did_one && !turns_.empty()) wait = std::chrono::nanoseconds(0);
+  while (!without_allowance.empty()) turns_.push(without_allowance.pop());
+  return wait;
+}
+
+void Server::finish() {
+  while (!turns_.empty()) {
+    User &user = turns_.pop();
+    while (!user.waiting.empty()) start(std::unique_ptr<Session>(&user.waiting.pop()));
+  }
+  std::unique_lock lock(mutex_);
+  finishing_ = true;
+  // What has arrived is still read and answered; the clients' next sends fail without having been delivered.
+  for (const int socket : sockets_) shutdown(socket, SHUT_RD);
+  const auto all_ended = [this] { return sockets_.empty(); };
+  if (ended_.wait_for(lock, std::chrono::milliseconds(current_config_.snapshot()->stop_limit_ms), all_ended)) return;
+  // A client that reads slowly, or not at all, could keep the service for as long as it likes. What it hasn't read by
+  // now it doesn't get; what it asked to be stored is stored.
+  spdlog::warn("{} connections didn't take their replies in time; closing them", sockets_.size());
+  for (const int socket : sockets_) shutdown(socket, SHUT_RDWR);
+  ended_.wait(lock, all_ended);
+}
+
+Users::Place Server::take_place(const Caller &caller, int socket) {
+  const config::Limits limits = current_config_.snapshot()->limits;
+  const Clock::time_point now = Clock::now();
+  const std::lock_guard lock(mutex_);
+  sockets_.insert(socket);
+  Users::Place place;
+  try {
+    place = users_.take(caller, limits, now);
+  } catch (const std::bad_alloc &) {
+    place.why = "there is no memory";
+  }
+  if (place.user == nullptr) sockets_.erase(socket);
+  return place;
+}
+
+void Server::give_place_back(const Session &session) {
+  const std::lock_guard lock(mutex_);
+  sockets_.erase(session.socket.get());
+  users_.give_back(*session.user, session.rank);
+  ended_.notify_all();  // under the lock: the server may be gone as soon as it is free
+}
+
+void Server::start(std::unique_ptr<Session> session) noexcept {
+  try {
+    std::thread(&Server::serve, this, session.get()).detach();
+    session.release();  // the thread's now
+  } catch (const std::exception &) {
+    Caller caller;
+    caller.uid = session->peer.uid;
+    give_place_back(*session);
+    refuse(caller, "there are no more threads");
+  }
+}
+
+void Server::refuse(const Caller &caller, const char *why) noexcept {
+  service_.counters.add(Event::kRefusedConnection);
+  service_.log_limiter.warn(LogLimiter::Kind::kRefused, logged_as(caller), "refused a connection of user {}: {}",
+                            caller.uid, why);
+}
+
+void Server::note_use(const Caller &caller, const Users::Place &place) noexcept {
+  service_.counters.add(Event::kConnected);
+  if (uint64_t{place.used} * 5 < uint64_t{place.limit} * 4) return;
+  service_.log_limiter.warn(LogLimiter::Kind::kNearLimit, logged_as(caller),
+                            "user {} connects: {} of {} connections {} are in use", caller.uid, place.used, place.limit,
+                            place.whose);
+}
+
+void Server::serve(Session *started) noexcept {
+  const std::unique_ptr<Session> session(started);
+  try {
+    Connection(service_, dispatcher_, current_config_, session->socket.get(), *session->user, session->peer).serve();
+  } catch (const std::exception &) {
+    Caller caller;
+    caller.uid = session->peer.uid;
+    refuse(caller, "there is no memory");
+  }
+  // First out of the set, then closed: finish must not meet another's socket under the same number.
+  give_place_back(*session);
+}
+
+}  // namespace ksd::server

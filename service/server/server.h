@@ -1,0 +1,72 @@
+// server.h: the connections that are open, who holds them, and the threads that serve them.
+#ifndef SERVICE_SERVER_SERVER_H
+#define SERVICE_SERVER_SERVER_H
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+
+#include "base/fd.h"
+#include "handlers/dispatch.h"
+#include "handlers/service.h"
+#include "server/connection.h"
+#include "server/users.h"
+
+namespace ksd::server {
+
+// Session is a connection from its acceptance to its end.
+struct Session {
+  UniqueFd socket;
+  Peer peer;
+  Rank rank = Rank::kUnmapped;
+  User *user = nullptr;
+  Session *next = nullptr;  // in the queue of its user
+};
+
+// Server gives each connection a thread of its own. admit, start_next and finish are for one thread, which accepts.
+class Server {
+ public:
+  Server(handlers::Service &service, const CurrentConfig &current_config)
+      : service_(service), current_config_(current_config) {}
+  ~Server() { finish(); }
+  Server(const Server &) = delete;
+  Server &operator=(const Server &) = delete;
+
+  // admit takes in a new connection, or closes it when its opener or all together have too many. It does nothing that
+  // takes long, so that whoever connects often keeps nobody else from being accepted.
+  void admit(UniqueFd socket) noexcept;
+
+  // start_next gives a thread to one connection that was taken in: the users take turns, and none has more of them in a
+  // second than the configuration allows. Gives the time after which it is to be called again, if not at the next
+  // admission.
+  std::optional<std::chrono::nanoseconds> start_next() noexcept;
+
+  // finish lets every connection answer what it has received, then ends it, and returns when the last has ended.
+  // Connections that aren't through within the configuration's stop_limit_ms are closed as they are.
+  void finish();
+
+ private:
+  Users::Place take_place(const Caller &caller, int socket);
+  void give_place_back(const Session &session);
+  void start(std::unique_ptr<Session> session) noexcept;
+  void refuse(const Caller &caller, const char *why) noexcept;
+  void note_use(const Caller &caller, const Users::Place &place) noexcept;
+  void serve(Session *session) noexcept;
+
+  handlers::Service &service_;
+  const CurrentConfig &current_config_;
+  const handlers::Dispatcher dispatcher_;
+  Queue<User> turns_;  // those who have connections waiting; of the thread that accepts
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::set<int> sockets_;
+  Users users_;
+  bool finishing_ = false;
+};
+
+}  // namespace ksd::server
+
+#endif

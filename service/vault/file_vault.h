@@ -1,0 +1,51 @@
+// file_vault.h: the vault itself: reads from memory, and what a change makes of the table.
+#ifndef SERVICE_VAULT_FILE_VAULT_H
+#define SERVICE_VAULT_FILE_VAULT_H
+
+#include <functional>
+
+#include "vault/group_commit.h"
+#include "vault/read_mostly_lock.h"
+#include "vault/vault.h"
+#include "vault/vault_lock.h"
+
+namespace ksd::vault {
+
+class FileVault final : public Vault, private Audience {
+ public:
+  // `state` is what `writer` writes to.
+  FileVault(VaultLock lock, Writer writer, State state, const Limits &limits);
+
+  std::optional<Entry> find(const EntryName &name) const override;
+  bool exists(const EntryName &name) const override;
+  std::optional<EntryName> at(uint16_t position) const override;
+  size_t count() const override;
+  KsResult put(const EntryName &name, const std::optional<EntryName> &alias, Bytes secret, Bytes metadata,
+               uid_t owner) override;
+  KsResult set_metadata(const EntryName &name, Bytes metadata) override;
+  KsResult remove(const EntryName &name) override;
+  KsResult rename(const EntryName &from, const EntryName &to) override;
+  void on_retired(std::function<void(uint64_t generation)> retired) override { retired_ = std::move(retired); }
+  KsResult compact() override { return commits_.compact(); }
+  Usage usage() const override;
+  void use_limits(const Limits &limits) override { commits_.use_limits(limits); }
+
+ private:
+  void prepare(const Group &group) override;
+  void discard() noexcept override { prepared_.clear(); }
+  void show(Group &group, const Header &header) noexcept override;
+
+  const VaultLock lock_;
+
+  // Written under the lock, by the thread of writes.
+  mutable ReadMostlyLock state_lock_;
+  State state_;
+  Table::Prepared prepared_;
+  std::function<void(uint64_t)> retired_;
+
+  GroupCommit commits_;  // last: its thread uses the others
+};
+
+}  // namespace ksd::vault
+
+#endif

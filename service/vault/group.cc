@@ -1,0 +1,25 @@
+#include "vault/group.h"
+
+namespace ksd::vault {
+
+KsResult Group::store(const RowPtr &before, EntryRow after) {
+  if (!ledger_.admits(before.get(), after, limits_)) return KS_STORE_FULL;
+  if (before == nullptr) after.id = ++header_.last_id;
+  after.version = next_version();
+  if (before == nullptr || before->secret != after.secret) after.generation = after.version;
+  replace(before, std::make_shared<const EntryRow>(std::move(after)));
+  return KS_SUCCESS;
+}
+
+Header Group::finished_header(const Sealer &sealer) const {
+  Header header = header_;
+  header.last_version = last_version_;
+  header.entry_count = draft_.size();
+  for (const auto &[id, change] : changes()) {
+    if (change.before) header.take_out(sealer.mark(id, change.before->version));
+    if (change.after) header.add(sealer.mark(id, change.after->version));
+  }
+  return header;
+}
+
+}  // namespace ksd::vault

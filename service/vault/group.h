@@ -1,0 +1,55 @@
+// group.h: changes that are decided one after the other and reach the disk in one commit.
+#ifndef SERVICE_VAULT_GROUP_H
+#define SERVICE_VAULT_GROUP_H
+
+#include <cstdint>
+#include <utility>
+
+#include "ks_types.h"
+#include "vault/limits.h"
+#include "vault/seal.h"
+#include "vault/state.h"
+
+namespace ksd::vault {
+
+// Group is a number of changes that reach the disk together, on top of a state that stays as it is until then.
+class Group {
+ public:
+  Group(const State &base, const Limits &limits, uint64_t &last_version)
+      : draft_(base.table), header_(base.header), ledger_(base.ledger), limits_(limits), last_version_(last_version) {}
+
+  RowPtr find(const EntryName &name) const { return draft_.find(name); }
+
+  // store puts `after` in the place of `before`, null for a new entry. KS_STORE_FULL: limits forbid it.
+  KsResult store(const RowPtr &before, EntryRow after);
+
+  void remove(const RowPtr &before) {
+    next_version();
+    replace(before, nullptr);
+  }
+
+  const RowChanges &changes() const { return draft_.changes(); }
+
+  // finished_header is the header that goes with the changes.
+  Header finished_header(const Sealer &sealer) const;
+  Ledger take_ledger() noexcept { return std::move(ledger_); }
+
+ private:
+  // Versions are never used again, not even those of changes that failed: they are generations too.
+  uint64_t next_version() { return ++last_version_; }
+
+  void replace(const RowPtr &before, const RowPtr &after) {
+    draft_.replace(before, after);
+    ledger_.replace(before.get(), after.get());
+  }
+
+  Draft draft_;
+  Header header_;
+  Ledger ledger_;
+  const Limits &limits_;
+  uint64_t &last_version_;
+};
+
+}  // namespace ksd::vault
+
+#endif

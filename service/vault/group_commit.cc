@@ -1,0 +1,182 @@
+#include "vault/group_commit.h"
+
+#include <spdlog/spdlog.h>
+
+#include <new>
+
+namespace ksd::vault {
+namespace {
+
+constexpr size_t kLargestGroup = 256;     // changes in one commit
+constexpr int64_t kPagesWorthwhile = 64;  // free ones, below which compaction is said to be of no help
+
+}  // namespace
+
+GroupCommit::GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience)
+    : writer_(std::move(writer)),
+      sealer_(writer_.sealer()),
+      state_(state),
+      audience_(audience),
+      last_version_(state.header.last_version),
+      limits_(limits) {
+  group_.reserve(kLargestGroup);
+  results_.reserve(kLargestGroup);
+  look_around(limits_);
+  worker_ = std::thread([this] { work(); });
+}
+
+GroupCommit::~GroupCommit() {
+  {
+    const std::lock_guard lock(queue_mutex_);
+    closing_ = true;
+  }
+  work_to_do_.notify_one();
+  worker_.join();
+  writer_.end(state_.header);
+}
+
+KsResult GroupCommit::commit(Decide decide) {
+  Change change{std::move(decide), {}};
+  std::future<KsResult> answer = change.answer.get_future();
+  {
+    const std::lock_guard lock(queue_mutex_);
+    queue_.push_back(&change);
+  }
+  work_to_do_.notify_one();
+  return answer.get();
+}
+
+KsResult GroupCommit::compact() {
+  std::future<KsResult> answer;
+  {
+    const std::lock_guard lock(queue_mutex_);
+    answer = compactions_.emplace_back().get_future();
+  }
+  work_to_do_.notify_one();
+  return answer.get();
+}
+
+Limits GroupCommit::current_limits() const {
+  const std::lock_guard lock(limits_mutex_);
+  return limits_;
+}
+
+void GroupCommit::use_limits(const Limits &limits) {
+  const std::lock_guard lock(limits_mutex_);
+  limits_ = limits;
+}
+
+void GroupCommit::work() {
+  for (;;) {
+    {
+      std::unique_lock lock(queue_mutex_);
+      work_to_do_.wait(lock, [&] { return closing_ || !queue_.empty() || !compactions_.empty(); });
+      if (queue_.empty() && compactions_.empty()) return;
+      take_group();
+    }
+    if (!group_.empty()) {
+      process(group_);
+      writer_.tidy_up();
+    }
+    go_on_compacting();
+  }
+}
+
+void GroupCommit::take_group() {
+  group_.clear();
+  while (!queue_.empty() && group_.size() < kLargestGroup) {
+    group_.push_back(queue_.front());
+    queue_.pop_front();
+  }
+}
+
+// process brings a group to disk and answers it. When that fails, each change is tried by itself: a large one that
+// doesn't fit must not fail others, and one that makes room must succeed.
+void GroupCommit::process(std::span<Change *const> changes) noexcept {
+  const std::optional<KsResult> failed = try_together(changes);
+  if (failed && changes.size() > 1) {
+    for (Change *const &change : changes) process({&change, 1});
+    return;
+  }
+  for (size_t i = 0; i < changes.size(); ++i) changes[i]->answer.set_value(failed ? *failed : results_[i]);
+}
+
+// Memory is had before the disk is touched: with the commit, the group has happened, and what follows can't fail.
+std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> changes) noexcept try {
+  const Limits limits = current_limits();
+  Group group(state_, limits, last_version_);
+  results_.clear();
+  for (Change *change : changes) results_.push_back(change->decide(group));
+  if (group.changes().empty()) return std::nullopt;
+  const Header header = group.finished_header(sealer_);
+  audience_.prepare(group);
+  if (const std::optional<WriteFailure> failed = writer_.write(group.changes(), header, state_.header)) {
+    audience_.discard();
+    log_failure(*failed);
+    return failed->code;
+  }
+  failing_ = false;
+  audience_.show(group, header);
+  look_around(limits);
+  return std::nullopt;
+} catch (const std::bad_alloc &) {
+  audience_.discard();
+  return KS_NO_MEMORY;  // thrown before anything was committed
+}
+
+void GroupCommit::look_around(const Limits &limits) noexcept {
+  try {
+    use_watch_.look_at(writer_.path(), state_.ledger, limits);
+  } catch (const std::bad_alloc &) {  // it looks again after the next change
+  }
+  measure_room();
+}
+
+// go_on_compacting gives back some free pages and leaves the rest to the next time round, so that changes get their
+// turn in between.
+void GroupCommit::go_on_compacting() noexcept {
+  {
+    const std::lock_guard lock(queue_mutex_);
+    if (compactions_.empty()) return;
+  }
+  bool done = true;
+  KsResult result = KS_SUCCESS;
+  try {
+    if (const std::optional<WriteFailure> failed = writer_.give_back(done)) {
+      log_failure(*failed);
+      result = failed->code;
+    }
+  } catch (const std::bad_alloc &) {
+    result = KS_NO_MEMORY;
+  }
+  if (!done && result == KS_SUCCESS) return;
+  measure_room();
+  std::vector<std::promise<KsResult>> answers;
+  {
+    const std::lock_guard lock(queue_mutex_);
+    answers.swap(compactions_);
+  }
+  for (std::promise<KsResult> &answer : answers) answer.set_value(result);
+}
+
+void GroupCommit::measure_room() noexcept {
+  const Database::Room room = writer_.room();
+  compaction_helps_.store(room.free_pages >= kPagesWorthwhile && room.free_pages * 4 >= room.pages,
+                          std::memory_order_relaxed);
+}
+
+// log_failure says it once per streak of failures: clients are told each time.
+void GroupCommit::log_failure(const WriteFailure &failure) noexcept {
+  if (failing_) return;
+  failing_ = true;
+  try {
+    const bool lasts = failure.code == KS_FW_BAD_CELL;
+    spdlog::error("{}: changes are refused: {}; reads go on. {}", writer_.path(), failure.text,
+                  lasts ? "Look after the disk, then restart the service: until then nothing is written"
+                        : "Make room on the disk or look after it");
+  } catch (...) {  // no memory for a line
+    failing_ = false;
+  }
+}
+
+}  // namespace ksd::vault

@@ -1,0 +1,102 @@
+// group_commit.h: the thread of all writes. What came in while one group was on its way to the disk is the next group.
+#ifndef SERVICE_VAULT_GROUP_COMMIT_H
+#define SERVICE_VAULT_GROUP_COMMIT_H
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <thread>
+#include <vector>
+
+#include "vault/group.h"
+#include "vault/use_watch.h"
+#include "vault/writer.h"
+
+namespace ksd::vault {
+
+// Audience is who makes readers see a group. Both are called on the thread of writes.
+class Audience {
+ public:
+  // prepare gets what show needs, before anything of the group is on disk. Throws std::bad_alloc.
+  virtual void prepare(const Group &group) = 0;
+
+  // discard gives back what prepare got for a group that came to nothing: it holds secrets.
+  virtual void discard() noexcept = 0;
+
+  // show makes readers see a group that is on disk now, with the header that went with it.
+  virtual void show(Group &group, const Header &header) noexcept = 0;
+
+ protected:
+  ~Audience() = default;
+};
+
+class GroupCommit {
+ public:
+  // Decide puts a change into the group that it fell into, or gives the code of what prevents it.
+  using Decide = std::function<KsResult(Group &)>;
+
+  // `state` is changed by `audience` alone, on the thread of writes; that thread reads it without a lock.
+  GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience);
+
+  // All that has been asked for is committed first, and the vault is closed in order.
+  ~GroupCommit();
+  GroupCommit(const GroupCommit &) = delete;
+  GroupCommit &operator=(const GroupCommit &) = delete;
+
+  // commit waits until the change is on disk, and gives its result.
+  KsResult commit(Decide decide);
+
+  // compact gives free pages back while changes go on, and waits for the last of them.
+  KsResult compact();
+  bool compaction_helps() const { return compaction_helps_.load(std::memory_order_relaxed); }
+
+  Limits current_limits() const;
+  void use_limits(const Limits &limits);
+
+ private:
+  // Change is one asked-for change, on the stack of who waits for its answer.
+  struct Change {
+    Decide decide;
+    std::promise<KsResult> answer;
+  };
+
+  void work();
+  void take_group();
+  void process(std::span<Change *const> changes) noexcept;
+  std::optional<KsResult> try_together(std::span<Change *const> changes) noexcept;
+  void look_around(const Limits &limits) noexcept;
+  void go_on_compacting() noexcept;
+  void measure_room() noexcept;
+  void log_failure(const WriteFailure &failure) noexcept;
+
+  // Of the thread of writes alone.
+  Writer writer_;
+  const Sealer sealer_;
+  const State &state_;
+  Audience &audience_;
+  UseWatch use_watch_;
+  std::vector<Change *> group_;    // with room for the largest group, as the next
+  std::vector<KsResult> results_;  // of decisions, in the order of the group
+  bool failing_ = false;
+  uint64_t last_version_;
+
+  mutable std::mutex limits_mutex_;
+  Limits limits_;
+  std::atomic<bool> compaction_helps_{false};
+
+  std::mutex queue_mutex_;
+  std::condition_variable work_to_do_;
+  std::deque<Change *> queue_;
+  std::vector<std::promise<KsResult>> compactions_;
+  bool closing_ = false;
+  std::thread worker_;
+};
+
+}  // namespace ksd::vault
+
+#endif

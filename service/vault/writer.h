@@ -1,0 +1,64 @@
+// writer.h: all that the vault writes: rows and header in one transaction, and what guards them.
+#ifndef SERVICE_VAULT_WRITER_H
+#define SERVICE_VAULT_WRITER_H
+
+#include <optional>
+
+#include "vault/database.h"
+#include "vault/record.h"
+#include "vault/reserve.h"
+#include "vault/seal.h"
+#include "vault/table.h"
+#include "vault/witness.h"
+
+namespace ksd::vault {
+
+// Writer keeps three promises beside the transaction's own. A change counts when the witness knows of it. Before the
+// first change, the file itself says that it is in use, so that it is never taken for whole without its log. And when a
+// write or sync has failed for another reason than a full disk, nothing more is written until the next start: what the
+// kernel did with the pages of a failed sync can't be known, and a later sync that succeeds says nothing about them.
+class Writer {
+ public:
+  Writer(Database database, const Sealer &sealer, Witness witness);
+
+  // begin is the mark of use, and the witness. write does it first when it couldn't be done yet, as on a full disk.
+  std::optional<WriteFailure> begin(const Header &header);
+
+  // write brings changes and their header to disk. When it fails, none of it is there, and `present` is the header.
+  std::optional<WriteFailure> write(const RowChanges &changes, const Header &header, const Header &present);
+
+  // tidy_up does what no answer waits for: writes a long log back, and fills the reserve again.
+  void tidy_up() noexcept;
+
+  // give_back is a step of compaction; `done` tells whether it was the last.
+  std::optional<WriteFailure> give_back(bool &done);
+
+  // end marks the vault as closed in order. A vault that couldn't be marked is as safe, but is lost without its log.
+  void end(const Header &header) noexcept;
+
+  const Sealer &sealer() const { return sealer_; }
+  Database::Room room() { return database_.room(); }
+  const std::string &path() const { return database_.path(); }
+
+ private:
+  template <typename Step>
+  std::optional<WriteFailure> with_reserve(Step step);
+  std::optional<WriteFailure> write_once(const RowChanges &changes, const Header &header);
+  std::optional<WriteFailure> judge(std::optional<WriteFailure> failed) noexcept;
+  bool put_row(const EntryRow &row);
+  bool put_header(const Header &header, bool in_use);
+  void store_in_witness(uint64_t version) noexcept;
+
+  Database database_;
+  Sealer sealer_;
+  Witness witness_;
+  Reserve reserve_;
+  bool begun_ = false;
+  bool broken_ = false;  // nothing is written any more
+  std::string why_broken_;
+  bool witness_failing_ = false;
+};
+
+}  // namespace ksd::vault
+
+#endif

@@ -1,0 +1,132 @@
+// Allocations of the thread of writes that fail: whoever waits is answered, and the service goes on.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <future>
+#include <new>
+#include <thread>
+
+#include "vault_files/vault_files.h"
+
+namespace {
+
+// While armed, allocations of the thread of writes, which is every one that isn't marked as a test's, fail from the
+// `first`th on, `count` of them.
+std::atomic<bool> armed{false};
+std::atomic<long> until_failure{0}, failures_left{0};
+thread_local bool is_of_test = false;
+
+bool is_to_fail() {
+  if (!armed || is_of_test) return false;
+  return --until_failure < 0 && failures_left-- > 0;
+}
+
+}  // namespace
+
+void *operator new(size_t size) {
+  void *memory = is_to_fail() ? nullptr : std::malloc(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void operator delete(void *memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void *memory, size_t) noexcept {
+  std::free(memory);
+}
+
+namespace ksd::vault {
+namespace {
+
+class NoMemory : public testing::Test {
+ protected:
+  NoMemory() {
+    is_of_test = true;
+    disk.skip_syncs();
+    vault = folder.open();
+  }
+  ~NoMemory() override { armed = false; }
+
+  void arm(long first, long count) {
+    until_failure = first;
+    failures_left = count;
+    armed = true;
+  }
+
+  // disarm tells whether an allocation failed.
+  bool disarm() {
+    armed = false;
+    return until_failure < 0;
+  }
+
+  Disk disk;
+  Folder folder;
+  std::unique_ptr<Vault> vault;
+};
+
+// Every allocation of each kind of change fails, alone and with all that follow.
+TEST_F(NoMemory, AnswersEveryChangeAndChangesNothingThen) {
+  for (const long count : {1L, 1000000L}) {
+    long refused = 0;
+    bool failed = true;
+    for (long first = 0; failed; ++first) {
+      SCOPED_TRACE(std::to_string(count) + " from " + std::to_string(first));
+      ASSERT_EQ(put(*vault, "a", "old", "old"), KS_SUCCESS);
+      vault->remove(secret_name("b"));
+      vault->remove(secret_name("c"));
+
+      arm(first, count);
+      const KsResult stored = put(*vault, "b", "new");
+      const KsResult replaced = put(*vault, "a", "new", "new");
+      const KsResult renamed = vault->rename(secret_name("b"), secret_name("c"));
+      const KsResult removed = vault->remove(secret_name("a"));
+      vault->compact();
+      failed = disarm();
+
+      refused += (stored == KS_NO_MEMORY) + (replaced == KS_NO_MEMORY) + (removed == KS_NO_MEMORY);
+      ASSERT_TRUE(stored == KS_SUCCESS || stored == KS_NO_MEMORY) << stored;
+      ASSERT_TRUE(replaced == KS_SUCCESS || replaced == KS_NO_MEMORY) << replaced;
+      ASSERT_TRUE(removed == KS_SUCCESS || removed == KS_NO_MEMORY) << removed;
+      EXPECT_EQ(renamed == KS_SUCCESS, vault->exists(secret_name("c")));
+      EXPECT_EQ(stored == KS_SUCCESS && renamed != KS_SUCCESS, vault->exists(secret_name("b")));
+      EXPECT_EQ(removed == KS_SUCCESS, !vault->exists(secret_name("a")));
+      if (removed != KS_SUCCESS) {
+        EXPECT_EQ(metadata_in(*vault, secret_name("a")), replaced == KS_SUCCESS ? "new" : "old");
+      }
+    }
+    EXPECT_GT(refused, 20);
+  }
+  const std::vector<std::string> names = names_in(*vault);
+  vault.reset();
+  vault = folder.open();
+  EXPECT_EQ(names_in(*vault), names);
+}
+
+TEST_F(NoMemory, AnswersAllOfAGroup) {
+  for (long first = 0; first < 400; first += 7) {
+    SCOPED_TRACE(first);
+    disk.hold_syncs();
+    std::vector<std::future<KsResult>> answers;
+    const auto later = [&](int number) {
+      return std::async(std::launch::async, [this, number] {
+        is_of_test = true;
+        return put(*vault, std::to_string(number), "x");
+      });
+    };
+    answers.push_back(later(0));
+    disk.wait_for_held_sync();
+    for (int i = 1; i < 12; ++i) answers.push_back(later(i));
+    arm(first, 1000000);
+    disk.let_syncs_go();
+    for (auto &answer : answers) {
+      const KsResult result = answer.get();
+      EXPECT_TRUE(result == KS_SUCCESS || result == KS_NO_MEMORY) << result;
+    }
+    disarm();
+    EXPECT_EQ(put(*vault, "after", "x"), KS_SUCCESS);
+  }
+}
+
+}  // namespace
+}  // namespace ksd::vault
