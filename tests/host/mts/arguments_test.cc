@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
+#include <thread>
 
 #include "client.h"
 
@@ -83,6 +84,40 @@ TEST_F(Mts, CarriesManyExchangesAtATime) {
   EXPECT_EQ(service.connections(), size_t{kCount}) << "all of them are used again";
   for (uint8_t i = 0; i < kCount; i++) mts_drop(queue, &sent[i]);
   service.wait_until_closed(kCount);
+}
+
+// There are 4096 connections at most.
+TEST_F(Mts, LosesNoConnectionByFailing) {
+  const uint32_t queue = bound();
+  service.stop();
+  for (int i = 0; i < 5'000; i++) ASSERT_EQ(exchange(queue, {1}).error, static_cast<uint32_t>(ECONNREFUSED)) << i;
+  service.start();
+  EXPECT_TRUE(works(queue));
+}
+
+TEST_F(Mts, GivesAnIdleConnectionToAnotherThread) {
+  const uint32_t queue = bound();
+  EXPECT_TRUE(passes_in_child([&] {
+    bool right = works(queue);
+    std::thread([&] { right = right && works(queue); }).join();
+    return right;
+  }));
+  EXPECT_EQ(service.connections(), 2U) << "the binding's, and one of the child's";
+}
+
+TEST_F(Mts, GivesAChildTokensThatAreNoneOfItsParents) {
+  const uint32_t queue = bound();
+  EXPECT_TRUE(passes_in_child([&] {
+    KsMtsMessage sent;
+    if (send_sections(queue, {1}, {}, &sent) != 0) return false;
+    const uint32_t token = mts_rr_token_get(&sent);
+    return passes_in_child([&] {
+      KsMtsMessage own;
+      KsMtsMessage received;
+      return send_sections(queue, {2}, {}, &own) == 0 && receive_by(queue, token, &received) == MTS_FAILED &&
+             receive_by(queue, mts_rr_token_get(&own), &received) == 0 && payload_of(received) == Octets{1, 0, 0, 0, 2};
+    });
+  }));
 }
 
 TEST_F(Mts, GoesWhereTheLatestBindingWent) {

@@ -2,7 +2,9 @@
 
 #include <dlfcn.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -69,6 +71,21 @@ int set(Set *real, int socket, int level, int option, const void *value, socklen
 }  // namespace
 
 extern "C" {
+
+// Six words at most go into the kernel, whatever they are.
+long syscall(long number, ...) noexcept {
+  static auto *const real = next_of<long(long, long, long, long, long, long, long)>("syscall");
+  if (number == SYS_sendto && active.send) {
+    const long result = active.send();
+    if (result != SocketHooks::kPassOn) return result;
+  }
+  va_list words;
+  va_start(words, number);
+  long word[6];
+  for (long &one : word) one = va_arg(words, long);
+  va_end(words);
+  return real(number, word[0], word[1], word[2], word[3], word[4], word[5]);
+}
 
 int getsockopt(int socket, int level, int option, void *value, socklen_t *size) noexcept {
   static auto *const real = next_of<Get>("getsockopt");

@@ -10,13 +10,15 @@
 struct SocketHooks {
   static constexpr int kPassOn = -2;
 
-  std::function<int()> connect;
+  std::function<int()> connect = nullptr;
   // The call itself, with 0, for SO_SNDBUF alone: the size to answer, or kPassOn.
-  std::function<int()> send_buffer;
+  std::function<int()> send_buffer = nullptr;
   // For SO_SNDBUF and SO_SNDBUFFORCE, with what was asked for.
-  std::function<int(int option, int size)> set_send_buffer;
+  std::function<int(int option, int size)> set_send_buffer = nullptr;
   // Sees SO_RCVTIMEO and SO_SNDTIMEO, which go on to the kernel.
-  std::function<void(int option, long seconds, long microseconds)> set_limit;
+  std::function<void(int option, long seconds, long microseconds)> set_limit = nullptr;
+  // Sees each datagram before it goes; not under ThreadSanitizer, where datagrams go another way.
+  std::function<long()> send = nullptr;
 };
 
 // As long as it is there, the calls of this process go by its hooks.

@@ -106,6 +106,14 @@ TEST_F(SdbReasons, NameTheFile) {
   EXPECT_EQ(reason(kSystemCode), "cannot open " + data_file + ": Is a directory");
 }
 
+TEST_F(SdbReasons, AreAnyRightsBeyondTheOwners) {
+  ASSERT_EQ(in_child([&] { return static_cast<int>(open()); }), 0);
+  for (const mode_t more : {0001u, 0002u, 0004u, 0010u, 0020u, 0040u, 0100u, 01000u, 02000u, 04000u}) {
+    ASSERT_EQ(chmod(data_file.c_str(), 0600 | more), 0);
+    EXPECT_EQ(open(), kUnsafeCode) << std::oct << more;
+  }
+}
+
 TEST_F(SdbReasons, SayWhatBecameOfAnOpenFile) {
   ASSERT_EQ(open(), 0u);
   ASSERT_EQ(put("key", "value"), 0u);

@@ -44,6 +44,10 @@ inline std::string text(const KsSdbDatum *value) {
 // Called where libsdb begins a transaction, and where LMDB has written a commit's pages but not yet its head.
 extern void (*at_txn_begin)();
 extern void (*at_sync)();
+// What beginning a transaction comes to, unless it is 0.
+extern int txn_begin_result;
+// The allocation of libsdb that fails, counted down; below 1 none does. Not under sanitizers, whose heap is theirs.
+extern int failing_allocation;
 
 // The exit status of a child, or 1000 and the signal that ended it.
 inline int status_of(pid_t child) {

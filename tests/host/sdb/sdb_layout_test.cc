@@ -232,6 +232,18 @@ TEST_F(SdbLayout, IsExaminedForLongListsOfFreePages) {
               "a large entry is damaged"}});
 }
 
+TEST_F(SdbLayout, TakesABranchOfTwo) {
+  EXPECT_EQ(in_child([&] {
+              if (open() != 0) return 1;
+              for (const char *key : {"a", "b", "c"}) stage(key, std::string(1500, 'v'));
+              return done() == 0 ? 0 : 2;
+            }),
+            0);
+  const Image image = load();
+  ASSERT_EQ(image.nodes(image.root(kEntriesTree)), 2u);
+  EXPECT_EQ(in_child([&] { return open() == 0 && value_of("c") == std::string(1500, 'v') ? 0 : 1; }), 0);
+}
+
 TEST_F(SdbLayout, TakesTheLargestOfEverything) {
   const std::string long_key(511, 'k');
   const std::string large(1024 * 1024, 'l');

@@ -1,11 +1,17 @@
 // What other processes rely on: which bytes of the gate's file are locked when, and how many may read.
 #include <fcntl.h>
+#include <lmdb.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 
 #include <atomic>
+#include <cerrno>
+#include <functional>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "sdb_fixture.h"
@@ -17,6 +23,12 @@ class SdbLimits : public Sdb {
   ~SdbLimits() override {
     at_txn_begin = nullptr;
     at_sync = nullptr;
+    txn_begin_result = 0;
+  }
+
+  uint32_t put_anew(const std::string &key) {
+    const uint32_t code = open();
+    return code != 0 ? code : put(key, "value");
   }
 
   // The bytes of the gate's file that this process holds, as another process sees them.
@@ -103,6 +115,107 @@ TEST_F(SdbLimits, OfAFilesSizeAreTold) {
                          : 3;
             }),
             0);
+}
+
+TEST_F(SdbLimits, OfLmdbAreTold) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "value"), 0u);
+  for (const auto &[result, code, text] : {
+           std::tuple{ENOSPC, 0x411a0004, "The database is full: cannot begin to write: No space left on device"},
+           std::tuple{EDQUOT, 0x411a0004, "The database is full: cannot begin to write: Disk quota exceeded"},
+           std::tuple{EFBIG, 0x411a0004, "The database is full: cannot begin to write: File too large"},
+           std::tuple{ENOMEM, 0x411a0007, "Out of memory: cannot begin to write: Cannot allocate memory"},
+           std::tuple{EIO, 0x411a0009, "A system call failed: cannot begin to write: Input/output error"},
+       }) {
+    txn_begin_result = result;
+    EXPECT_EQ(put("key", "new"), static_cast<uint32_t>(code)) << result;
+    EXPECT_STREQ(syserr2str(static_cast<uint32_t>(code)), text);
+  }
+  for (const auto &[result, code] : {std::pair{MDB_MAP_RESIZED, 0x411a000c}, std::pair{MDB_MAP_FULL, 0x411a0004},
+                                     std::pair{MDB_TXN_FULL, 0x411a0004}, std::pair{MDB_CORRUPTED, 0x411a0002},
+                                     std::pair{MDB_PANIC, 0x411a0002}, std::pair{MDB_VERSION_MISMATCH, 0x411a000b}}) {
+    txn_begin_result = result;
+    std::thread([&, expected = static_cast<uint32_t>(code)] { EXPECT_EQ(read("key"), expected) << result; }).join();
+  }
+  txn_begin_result = 0;
+  EXPECT_EQ(value_of("key"), "value");
+  EXPECT_EQ(put("key", "new"), 0u);
+}
+
+// Every allocation fails once, in a process that has made none before: the call that makes it says so, and the same
+// call again does its work.
+TEST_F(SdbLimits, OfMemoryAreToldAndHarmNothing) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the heap is the sanitizer's";
+#endif
+  constexpr uint32_t kNoMemoryCode = 0x411a0007;
+  const std::string large(10'000, 'l');
+  const KsSdbDatum *key = nullptr;
+  const KsSdbDatum *value = nullptr;
+  const std::function<uint32_t()> calls[] = {
+      [&] { return open(); },
+      [&] { return stage("key", large); },
+      [&] { return done(); },
+      [&] { return read("key"); },
+      [&] { return stage_delete("none"); },
+      [&] { return sdb_iterator_init(uri.c_str(), 1); },
+      [&] { return sdb_getkey(uri.c_str(), &key, &value); },
+  };
+  int failures = 0;
+  for (const auto &call : calls) {
+    // In a child of its own, and in a thread of its own besides, so that nothing is there yet.
+    for (int n = 1;; ++n) {
+      const int status = in_child([&] {
+        int result = 2;
+        std::thread([&] {
+          for (const auto &before : calls) {
+            if (&before == &call) break;
+            if (before() != 0) return;
+          }
+          failing_allocation = n;
+          const uint32_t code = call();
+          const bool failed = failing_allocation == 0;
+          failing_allocation = 0;
+          if (code != (failed ? kNoMemoryCode : 0)) return;
+          if (failed && call() != 0) return;
+          result = failed ? 1 : 0;
+        }).join();
+        return result;
+      });
+      ASSERT_LT(status, 2) << "call " << &call - calls << ", allocation " << n;
+      if (status == 0) break;
+      ++failures;
+    }
+  }
+  EXPECT_GT(failures, 6);
+  for (const auto &call : calls) {  // the first call of a thread, where others have opened
+    ASSERT_EQ(open(), 0u);
+    if (&call == &calls[2] || &call == &calls[6]) continue;
+    std::thread([&] {
+      failing_allocation = 1;
+      EXPECT_EQ(call(), kNoMemoryCode) << &call - calls;
+      failing_allocation = 0;
+    }).join();
+  }
+}
+
+TEST_F(SdbLimits, OfMemoryAreNotReachedByFailing) {
+  ASSERT_EQ(in_child([&] { return static_cast<int>(put_anew("key")); }), 0);
+  ASSERT_EQ(chmod(data_file.c_str(), 0666), 0);
+  EXPECT_EQ(open(), kUnsafeCode);
+  const size_t before_opening = mallinfo2().uordblks;
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(open(), kUnsafeCode);
+  EXPECT_LT(mallinfo2().uordblks, before_opening + 4096);
+
+  ASSERT_EQ(chmod(data_file.c_str(), 0600), 0);
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
+  const KsSdbDatum *key = nullptr;
+  const KsSdbDatum *value = nullptr;
+  ASSERT_EQ(sdb_getkey(uri.c_str(), &key, &value), 0u);
+  const size_t before_moving = mallinfo2().uordblks;
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(sdb_getkey(uri.c_str(), &key, &value), 0u);
+  EXPECT_LT(mallinfo2().uordblks, before_moving + 4096);
 }
 
 TEST_F(SdbLimits, OfItsMapAreTheFilesSize) {

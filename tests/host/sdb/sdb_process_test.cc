@@ -331,6 +331,23 @@ TEST_F(SdbSlots, OfTheDeadAreClearedWhenTheTableIsFull) {
   std::thread([&] { EXPECT_EQ(value_of("key"), "value"); }).join();
 }
 
+TEST_F(SdbSlots, OfThoseWhoDiedTogetherAreClearedByAReader) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "value"), 0u);
+  std::vector<pid_t> others;
+  for (unsigned i = 1; i < kSlots; ++i) {
+    others.push_back(start_child([&] {
+      if (value_of("key") != "value") return 1;
+      raise(SIGSTOP);
+      return 0;
+    }));
+    wait_until_stopped(others.back());
+  }
+  std::thread([&] { EXPECT_EQ(read("key"), kRetryCode); }).join();
+  for (const pid_t other : others) end(other);
+  std::thread([&] { EXPECT_EQ(value_of("key"), "value"); }).join();
+}
+
 // A thread keeps copies of what it read last: a commit anywhere ends them.
 TEST_F(SdbProcesses, SeeWhatAnotherCommittedAtOnce) {
   ASSERT_EQ(open(), 0u);

@@ -247,6 +247,15 @@ TEST_F(SdbIteration, IsNotDisturbedByDeletingTheKeyJustHandedOut) {
   EXPECT_EQ(keys_from(sdb_getkey), "");
 }
 
+TEST_F(SdbIteration, BeginsAgainWhenItIsSetUpAgain) {
+  ASSERT_EQ(open(), 0u);
+  for (const char *key : {"a", "b", "c"}) put(key, "v");
+  ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
+  EXPECT_EQ(keys_from(sdb_getnext), "a=v b=v c=v ");
+  ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
+  EXPECT_EQ(keys_from(sdb_getnext), "a=v b=v c=v ");
+}
+
 TEST_F(SdbIteration, BelongsToItsThread) {
   ASSERT_EQ(open(), 0u);
   for (const char *key : {"a", "b", "c"}) put(key, "v");

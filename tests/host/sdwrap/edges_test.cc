@@ -8,6 +8,7 @@
 
 #include "fake_service/fake_service.h"
 #include "sdwrap.h"
+#include "sdwrap_hooks.h"
 
 namespace {
 
@@ -79,6 +80,14 @@ TEST_F(Edges, OfWhatCanBePrintedAreNotCrossed) {
 
 TEST_F(Edges, OfALineAreKeptForAnEmptyMessage) {
   EXPECT_TRUE(lines_of([] { buginf(1, "mod", 0, "%s", ""); }).ends_with("]: \n"));
+}
+
+TEST_F(Edges, OfALineAreKeptThroughSignals) {
+  const std::string line = lines_of([] {
+    interrupted_writes = 3;
+    buginf(1, "mod", 0, "%d\n", 7);
+  });
+  EXPECT_TRUE(line.ends_with("]: 7\n")) << line;
 }
 
 TEST_F(Edges, AreNoReasonToLoseErrnoOrASignal) {

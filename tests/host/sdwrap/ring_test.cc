@@ -11,6 +11,7 @@
 #include "fake_service/fake_service.h"
 #include "own_run.h"
 #include "sdwrap.h"
+#include "sdwrap_hooks.h"
 #include "start_time.h"
 
 namespace {
@@ -330,6 +331,20 @@ TEST_F(Ring, StandsBesideASocketWithoutAFolder) {
 }
 
 // ---- What its process has of it.
+
+TEST_F(Ring, IsTriedForAgainAfterASecond) {
+  EXPECT_TRUE(passes_in_child([this] {
+    std::filesystem::remove_all(history());
+    make(history());  // where the folder should be
+    report();
+    if (unlink(history().c_str()) != 0) return false;
+    report();
+    const bool at_once = size_of(ring(0)) != -1;
+    clock_ahead = 2;
+    report();
+    return !at_once && is_own(ring(0));
+  }));
+}
 
 TEST_F(Ring, IsNotMappedInAChild) {
   EXPECT_TRUE(passes_in_child([this] {
