@@ -18,6 +18,14 @@ namespace mts {
 
 struct KnownPath;
 
+// Identity is what tells an open file from all others: device and inode. That of no file is all zeros.
+struct Identity {
+  uint64_t device;
+  uint64_t inode;
+
+  friend bool operator==(const Identity &, const Identity &) = default;
+};
+
 // Slot is a place for one connection. `word` is the serial number of the slot's last exchange, shifted left by
 // kStateBits, and its state. `index` and `generation` never change; the other members belong to the owner. Aligned, so
 // that threads in two slots never write to one cache line.
@@ -26,10 +34,9 @@ struct alignas(64) Slot {
   uint32_t index;
   uint32_t generation;  // of host::fork_generation
   uint32_t receive_limit_ms;
-  KnownPath *path;  // where it is connected
-  int socket;       // -1: not open
-  dev_t device;     // of the socket, which with its inode tells it from a stranger's under the same number
-  ino_t inode;
+  KnownPath *path;     // where it is connected
+  int socket;          // -1: not open
+  Identity identity;   // of the socket, which tells it from a stranger's under the same number
   uint8_t *buffer;     // HOST_WIRE_MAX_DATAGRAM bytes, mapped: touched as far as messages go
   size_t buffer_used;  // bytes of `buffer` that may hold something of an exchange
 
