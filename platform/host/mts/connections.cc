@@ -67,16 +67,16 @@ uint32_t serial_of(uint32_t word) {
   return word >> kStateBits;
 }
 
-// The system call itself: the C library's fstat asks by way of an empty path, which takes 40 ns longer, and 90 ns in a
-// process of 32 bits. It stands in front of every send.
+// It stands in front of every send. The C library's fstat asks by way of an empty path, which takes 40 ns longer than
+// the system call itself. In 32 bits the two have records of their own.
 Identity identity_of(int file) {
-#ifdef __i386__
-  constexpr long kCall = SYS_fstat64;
+  struct stat status;
+#ifdef __x86_64__
+  const long failed = syscall(SYS_fstat, file, &status);
 #else
-  constexpr long kCall = SYS_fstat;
+  const long failed = fstat(file, &status);
 #endif
-  struct stat64 status;
-  if (syscall(kCall, file, &status) != 0) return {};
+  if (failed != 0) return {};
   return {.device = status.st_dev, .inode = status.st_ino};
 }
 
