@@ -5,6 +5,8 @@ function(ks_runtime_sources target)
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
     $<$<COMPILE_LANGUAGE:CXX>:-fno-threadsafe-statics> $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
     -fvisibility=hidden -fstack-protector-strong -fno-plt -ffunction-sections -fdata-sections
+    # An exported function is entered by its name, so that one which stands in front of it is too. GCC assumes no less.
+    $<$<CXX_COMPILER_ID:Clang>:-fsemantic-interposition>
     # Fortified copies would end the process where an overrun is promised behaviour.
     -U_FORTIFY_SOURCE
     # The order and kind of allocations is promised: the compiler must not merge or remove them.
