@@ -29,20 +29,21 @@ Writer::Writer(Database database, const Sealer &sealer, Witness witness)
 std::optional<WriteFailure> Writer::begin(const Header &header) {
   if (broken_) return WriteFailure{KS_FW_BAD_CELL, why_broken_};
   reserve_.keep();  // a full one may be there from last time
-  const auto mark = [&] {
-    // The log begins anew, so that nothing of an earlier life stands behind what this one writes.
-    std::optional<WriteFailure> failed = database_.write_back();
-    if (!failed) failed = database_.transaction([&] { return put_header(header, true); });
-    if (!failed) failed = database_.write_back();
-    return failed;
-  };
-  if (auto failed = judge(with_reserve(mark))) return failed;
-  // Only now: what the log held may not have been on disk before, and the witness must never be ahead.
+  // The log begins anew, so that nothing of an earlier life stands behind what this one writes.
+  if (auto failed = judge(with_reserve([&] { return database_.write_back(); }))) return failed;
+  // Only now: what the log held may not have been on disk before, and the witness must never be ahead. And before the
+  // mark of use: a vault that was in use is expected to have its witness, whenever a kill came.
   if (const int error = witness_.set_up(header.last_version)) {
     const bool full = error == ENOSPC || error == EDQUOT;
     return WriteFailure{full ? KS_STORE_FULL : KS_FW_BAD_CELL,
                         fmt::format("{} can't be written: {}", witness_.path(), errno_text(error))};
   }
+  const auto mark = [&] {
+    std::optional<WriteFailure> failed = database_.transaction([&] { return put_header(header, true); });
+    if (!failed) failed = database_.write_back();
+    return failed;
+  };
+  if (auto failed = judge(with_reserve(mark))) return failed;
   begun_ = true;
   return std::nullopt;
 }
