@@ -156,7 +156,7 @@ class Daemon {
     const crypto::AlgorithmSet usable = crypto::start();
     std::unique_ptr<vault::Vault> opened = vault::open_vault({.path = config.vault,
                                                               .master_key_file = config.master_key_file,
-                                                              .witness = {},
+                                                              .witness = config.witness,
                                                               .accept_loss = options_.accept_loss,
                                                               .limits = vault_limits(config.limits)});
     vault_ = opened.get();
@@ -236,8 +236,8 @@ class Daemon {
     const std::shared_ptr<const config::Config> old = config_.snapshot();
     const bool needs_restart = config.socket != old->socket || config.socket_mode != old->socket_mode ||
                                config.socket_group != old->socket_group || config.vault != old->vault ||
-                               config.master_key_file != old->master_key_file;
-    if (needs_restart) spdlog::warn("a change of socket, vault or master key counts from the next start");
+                               config.master_key_file != old->master_key_file || config.witness != old->witness;
+    if (needs_restart) spdlog::warn("a change of socket, vault, master key or witness counts from the next start");
     set_log_level(config.log_level);
     config_.replace(config);
     vault_->use_limits(vault_limits(config.limits));
