@@ -14,7 +14,9 @@
 #include <vector>
 
 #include "vault/group.h"
+#include "vault/master_key.h"
 #include "vault/use_watch.h"
+#include "vault/vault.h"
 #include "vault/writer.h"
 
 namespace ksd::vault {
@@ -31,6 +33,9 @@ class Audience {
   // show makes readers see a group that is on disk now, with the header that went with it.
   virtual void show(Group &group, const Header &header) noexcept = 0;
 
+  // use_header puts a header in force that is on disk now, with no other change.
+  virtual void use_header(const Header &header) noexcept = 0;
+
  protected:
   ~Audience() = default;
 };
@@ -41,7 +46,8 @@ class GroupCommit {
   using Decide = std::function<KsResult(Group &)>;
 
   // `state` is changed by `audience` alone, on the thread of writes; that thread reads it without a lock.
-  GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience);
+  // `master` is the key that the vault was opened with. A change of it that was interrupted goes on.
+  GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience, MasterKey master);
 
   // All that has been asked for is committed first, and the vault is closed in order.
   ~GroupCommit();
@@ -55,6 +61,14 @@ class GroupCommit {
   KsResult compact();
   bool compaction_helps() const { return compaction_helps_.load(std::memory_order_relaxed); }
 
+  // between_groups has `errand` done on the thread of writes while no change is under way, and waits for it. What it
+  // throws is thrown here.
+  void between_groups(const std::function<void()> &errand);
+
+  KsResult change_key(std::shared_ptr<const SecretBytes> next);
+  KeyChangeProgress key_change() const;
+  const VaultId &vault_id() const { return vault_id_; }
+
   Limits current_limits() const;
   void use_limits(const Limits &limits);
 
@@ -65,7 +79,19 @@ class GroupCommit {
     std::promise<KsResult> answer;
   };
 
+  // Errand is something else to be done on the thread of writes, on the stack of who waits for it.
+  struct Errand {
+    const std::function<void()> &what;
+    std::promise<void> done;
+  };
+
   void work();
+  void do_errands() noexcept;
+  KsResult begin_key_change(std::shared_ptr<const SecretBytes> next);
+  void go_on_changing_key() noexcept;
+  std::optional<WriteFailure> change_key_further();
+  std::optional<WriteFailure> move_some_rows();
+  void tell_progress(KeyChangeProgress::State state) noexcept;
   void take_group();
   void process(std::span<Change *const> changes) noexcept;
   std::optional<KsResult> try_together(std::span<Change *const> changes) noexcept;
@@ -76,7 +102,7 @@ class GroupCommit {
 
   // Of the thread of writes alone.
   Writer writer_;
-  const Sealer sealer_;
+  const VaultId vault_id_;
   const State &state_;
   Audience &audience_;
   UseWatch use_watch_;
@@ -84,6 +110,11 @@ class GroupCommit {
   std::vector<KsResult> results_;  // of decisions, in the order of the group
   bool failing_ = false;
   uint64_t last_version_;
+  MasterKey master_;
+  bool key_change_runs_ = false;
+
+  mutable std::mutex progress_mutex_;
+  KeyChangeProgress progress_;
 
   mutable std::mutex limits_mutex_;
   Limits limits_;
@@ -93,6 +124,7 @@ class GroupCommit {
   std::condition_variable work_to_do_;
   std::deque<Change *> queue_;
   std::vector<std::promise<KsResult>> compactions_;
+  std::deque<Errand *> errands_;
   bool closing_ = false;
   std::thread worker_;
 };

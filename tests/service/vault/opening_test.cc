@@ -64,8 +64,8 @@ TEST_F(OpenVault, RefusesAnotherMasterKey) {
 }
 
 TEST_F(OpenVault, RefusesANewerSchema) {
-  sql("PRAGMA user_version = 2");
-  refuses(folder.vault(), "schema version 2", "start the newer ksd");
+  sql("PRAGMA user_version = 3");
+  refuses(folder.vault(), "schema version 3", "start the newer ksd");
 }
 
 TEST_F(OpenVault, RefusesAFileThatIsEmptyOrNoVault) {
