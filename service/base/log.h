@@ -42,7 +42,8 @@ class LogLimiter {
     kNearLimit,
     kForeignName,
     kCantAccept,
-    kSignal
+    kSignal,
+    kBackups
   };
   using Clock = std::chrono::steady_clock;
 

@@ -15,9 +15,11 @@ const Administration::Row Administration::kRows[] = {
     {HOST_OP_STATUS, &Administration::status},
 };
 
-bool Administration::answer(const handlers::Request &request, handlers::Reply &reply) {
+bool Administration::answer(const handlers::Request &request, handlers::Reply &reply, BackupSession &backup) {
+  if (!request.caller.administrator) return false;
+  if (vault_.answer(request, reply, backup)) return true;
   const auto row = std::ranges::find(kRows, request.opcode, &Row::opcode);
-  if (row == std::end(kRows) || !request.caller.administrator) return false;
+  if (row == std::end(kRows)) return false;
   (this->*row->handler)(request, reply);
   return true;
 }

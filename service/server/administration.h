@@ -8,6 +8,7 @@
 #include "handlers/request.h"
 #include "handlers/service.h"
 #include "server/current_config.h"
+#include "server/vault_administration.h"
 
 namespace ksd::server {
 
@@ -27,12 +28,12 @@ class Crowd {
 class Administration {
  public:
   // All of them outlive it.
-  Administration(handlers::Service &service, const CurrentConfig &current_config, Crowd &crowd)
-      : service_(service), current_config_(current_config), crowd_(crowd) {}
+  Administration(handlers::Service &service, vault::Vault &vault, const CurrentConfig &current_config, Crowd &crowd)
+      : service_(service), vault_(vault, service.log_limiter), current_config_(current_config), crowd_(crowd) {}
 
   // answer leaves a reply to an administration message of an administrator, and gives false for all others: to those
-  // who aren't administrators there are no such messages.
-  bool answer(const handlers::Request &request, handlers::Reply &reply);
+  // who aren't administrators there are no such messages. `backup` is what the connection reads.
+  bool answer(const handlers::Request &request, handlers::Reply &reply, BackupSession &backup);
 
  private:
   struct Row;
@@ -41,6 +42,7 @@ class Administration {
   void status(const handlers::Request &request, handlers::Reply &reply);
 
   handlers::Service &service_;
+  VaultAdministration vault_;
   const CurrentConfig &current_config_;
   Crowd &crowd_;
   const std::time_t started_at_ = std::time(nullptr);

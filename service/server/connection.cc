@@ -112,6 +112,12 @@ std::optional<size_t> Connection::receive() {
       return static_cast<size_t>(size);
     }
     if (size < 0 && errno == EINTR) continue;
+    if (size < 0 && errno == EAGAIN && backup_.is_open()) {
+      backup_.end();
+      wait_for_backup();
+      complain(LogLimiter::Kind::kBackups, "left its backup unread; it was ended");
+      continue;
+    }
     if (size < 0 && errno == EAGAIN) complain(LogLimiter::Kind::kSilent, "connected and said nothing");
     return std::nullopt;
   }
@@ -160,10 +166,19 @@ void Connection::answer_request(const Frame &frame) {
   follow_configuration();
   if (frame.header.opcode == HOST_OP_HELLO) return answer_hello(frame);
   const handlers::Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
-  if (frame.header.opcode < kFirstOpcode && administration_.answer(request, reply_)) return;
+  if (frame.header.opcode < kFirstOpcode && administration_.answer(request, reply_, backup_)) {
+    return wait_for_backup();
+  }
   if (!dispatcher_.answer(service_, request, reply_)) {
     complain(LogLimiter::Kind::kUnknownOpcode, "sent an unknown opcode");
   }
+}
+
+// wait_for_backup bounds how long a backup is kept for a client that doesn't read on: as long as clients wait.
+void Connection::wait_for_backup() {
+  if (backup_.is_open() == backup_is_awaited_) return;
+  backup_is_awaited_ = backup_.is_open();
+  set_timeout(socket_, SO_RCVTIMEO, backup_is_awaited_ ? config_->receive_limit_ms : 0);
 }
 
 void Connection::answer_hello(const Frame &frame) {

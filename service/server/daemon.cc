@@ -68,6 +68,29 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// read_passphrase reads a line, byte by byte: what stands behind it may be for somebody else. Nothing for -1.
+std::shared_ptr<const SecretBytes> read_passphrase(int fd) {
+  constexpr size_t kLongest = 4096;
+  if (fd < 0) return nullptr;
+  const std::shared_ptr<SecretBytes> line = SecretBytes::allocate(kLongest);
+  size_t size = 0;
+  for (; size < kLongest; ++size) {
+    ssize_t got = 0;
+    while ((got = read(fd, line->writable().data() + size, 1)) < 0 && errno == EINTR) {
+    }
+    if (got < 0) {
+      throw std::runtime_error(
+          fmt::format("--passphrase-fd: descriptor {}: {}; open it for reading", fd, std::strerror(errno)));
+    }
+    if (got == 0 || line->bytes()[size] == '\n') break;
+  }
+  if (size == 0 || size == kLongest) {
+    throw std::runtime_error(
+        fmt::format("--passphrase-fd: descriptor {} gives no passphrase of 1 to {} bytes", fd, kLongest - 1));
+  }
+  return SecretBytes::copy_of(line->bytes().first(size));
+}
+
 // The signals that the daemon waits for, as a descriptor. Blocked before any thread starts, so that all inherit it.
 UniqueFd signals_as_file() {
   sigset_t signals;
@@ -112,7 +135,7 @@ class Daemon {
   }
 
   void run() {
-    Server server(*service_, config_);
+    Server server(*service_, *vault_, config_);
     spdlog::info("ksd {} serves {}", KSD_VERSION, socket_path_);
     notifier_.ready();
     std::optional<std::chrono::nanoseconds> next_start;
@@ -158,7 +181,8 @@ class Daemon {
                                                               .master_key_file = config.master_key_file,
                                                               .witness = config.witness,
                                                               .accept_loss = options_.accept_loss,
-                                                              .limits = vault_limits(config.limits)});
+                                                              .limits = vault_limits(config.limits),
+                                                              .passphrase = read_passphrase(options_.passphrase_fd)});
     vault_ = opened.get();
     service_.emplace(std::move(opened), usable);
   }

@@ -29,8 +29,8 @@ struct Session {
 // Server gives each connection a thread of its own. admit, start_next and finish are for one thread, which accepts.
 class Server : private Crowd {
  public:
-  Server(handlers::Service &service, const CurrentConfig &current_config)
-      : service_(service), current_config_(current_config), administration_(service, current_config, *this) {}
+  Server(handlers::Service &service, vault::Vault &vault, const CurrentConfig &current_config)
+      : service_(service), current_config_(current_config), administration_(service, vault, current_config, *this) {}
   ~Server() override { finish(); }
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;

@@ -229,6 +229,8 @@ KsResult GroupCommit::begin_key_change(std::shared_ptr<const SecretBytes> next) 
       return KS_FW_BAD_CELL;
     }
     spdlog::info("{}: the change of the master key begins", writer_.path());
+  } else if (next != nullptr && key_id_of(*next) != key_id_of(*writer_.keys().next_key())) {
+    return KS_INVALID_ARGS;  // another one than that under way
   }
   key_change_runs_ = true;
   tell_progress(KeyChangeProgress::State::kMoving);

@@ -20,8 +20,13 @@ struct PassphraseCost {
   uint32_t kibibytes = 0;
 };
 
+// As libsodium names them.
+inline constexpr PassphraseCost kInteractiveCost{.passes = crypto_pwhash_argon2id_OPSLIMIT_INTERACTIVE,
+                                                 .kibibytes = crypto_pwhash_argon2id_MEMLIMIT_INTERACTIVE / 1024};
 inline constexpr PassphraseCost kModerateCost{.passes = crypto_pwhash_argon2id_OPSLIMIT_MODERATE,
                                               .kibibytes = crypto_pwhash_argon2id_MEMLIMIT_MODERATE / 1024};
+inline constexpr PassphraseCost kSensitiveCost{.passes = crypto_pwhash_argon2id_OPSLIMIT_SENSITIVE,
+                                               .kibibytes = crypto_pwhash_argon2id_MEMLIMIT_SENSITIVE / 1024};
 
 // PassphraseParameters stand in the clear beside what is sealed under the passphrase.
 struct PassphraseParameters {

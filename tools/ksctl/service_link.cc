@@ -54,6 +54,14 @@ ServiceLink::ServiceLink(const std::string &socket) : socket_path_(socket) {
 }
 
 std::vector<uint8_t> ServiceLink::ask(uint32_t opcode, std::span<const uint8_t> descriptor) {
+  std::vector<uint8_t> reply;
+  const KsResult result = result_of(opcode, descriptor, &reply);
+  if (result == KS_SUCCESS) return reply;
+  throw Failure(Exit::kFailed,
+                fmt::format("{}: {} ({}); the service's log says more", socket_path_, kserr2str(result), result));
+}
+
+KsResult ServiceLink::result_of(uint32_t opcode, std::span<const uint8_t> descriptor, std::vector<uint8_t> *reply) {
   const HostWireHeader header = {.magic = HOST_WIRE_MAGIC,
                                  .version = HOST_WIRE_VERSION,
                                  .descriptor_size = static_cast<uint16_t>(descriptor.size()),
@@ -84,11 +92,9 @@ std::vector<uint8_t> ServiceLink::ask(uint32_t opcode, std::span<const uint8_t> 
                               "those in [administrators] of its configuration",
                               socket_path_));
   }
-  if (result != KS_SUCCESS) {
-    throw Failure(Exit::kFailed,
-                  fmt::format("{}: {} ({}); the service's log says more", socket_path_, kserr2str(result), result));
-  }
-  return {datagram.begin() + sizeof header, datagram.begin() + size};
+  if (reply != nullptr) reply->assign(datagram.begin() + sizeof header, datagram.begin() + size);
+  explicit_bzero(datagram.data(), datagram.size());  // a request may bear a key
+  return result;
 }
 
 Failure ServiceLink::too_short() const {
