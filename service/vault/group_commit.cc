@@ -240,19 +240,23 @@ KsResult GroupCommit::begin_key_change(std::shared_ptr<const SecretBytes> next) 
 // go_on_changing_key does one step, so that changes get their turn in between.
 void GroupCommit::go_on_changing_key() noexcept {
   if (!key_change_runs_) return;
-  std::string why;
   try {
     const std::optional<WriteFailure> failed = change_key_further();
     writer_.tidy_up();
-    if (!failed) return;
-    why = failed->text;
+    if (failed) stop_changing_key(failed->text.c_str());
   } catch (const std::exception &error) {
-    why = error.what();
+    stop_changing_key(error.what());
   }
+}
+
+void GroupCommit::stop_changing_key(const char *why) noexcept {
   key_change_runs_ = false;
   tell_progress(KeyChangeProgress::State::kStopped);
-  spdlog::error("{}: the change of the master key stopped: {}; what has moved stays, ask for it again to have it go on",
-                writer_.path(), why);
+  try {
+    spdlog::error("{}: the change of the master key stopped: {}; what has moved stays, ask for it again to go on",
+                  writer_.path(), why);
+  } catch (...) {  // no memory for a line
+  }
 }
 
 std::optional<WriteFailure> GroupCommit::change_key_further() {

@@ -89,6 +89,7 @@ class GroupCommit {
   void do_errands() noexcept;
   KsResult begin_key_change(std::shared_ptr<const SecretBytes> next);
   void go_on_changing_key() noexcept;
+  void stop_changing_key(const char *why) noexcept;
   std::optional<WriteFailure> change_key_further();
   std::optional<WriteFailure> move_some_rows();
   void tell_progress(KeyChangeProgress::State state) noexcept;

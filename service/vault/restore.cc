@@ -120,6 +120,7 @@ Restored restore_backup(int file, const std::string &name, Bytes passphrase, con
   for (const std::string &path : {options.vault, options.master_key.file, options.witness}) {
     if (!path.empty()) refuse_what_others_may_write(path);
   }
+  BackupReader backup(file, name, passphrase);  // before anything is touched, the lock included
   const VaultLock lock(options.vault);
   finish_placing(options.vault);
   Restored restored;
@@ -134,7 +135,6 @@ Restored restore_backup(int file, const std::string &name, Bytes passphrase, con
     master = read_master_key(options.master_key, false);
   }
 
-  BackupReader backup(file, name, passphrase);
   NewVault draft(options.vault);
   create_vault(draft.vault(), *master.key);
   fill(draft.vault(), *master.key, backup, progress);

@@ -24,7 +24,8 @@ class OperatingPage : public testing::Test {
 
   static ServiceSetup with_administrator() {
     ServiceSetup setup;
-    setup.config += "\n[administrators]\nusers = [" + std::to_string(getuid()) + "]\n";
+    const std::string users = "users = [" + std::to_string(getuid()) + "]\n";
+    setup.config = "[administrators]\n" + users + "[[vdc]]\nid = 7\n" + users;
     return setup;
   }
 

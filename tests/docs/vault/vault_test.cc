@@ -285,9 +285,8 @@ TEST(VaultPage, BeginsAChangeOfKeysThatTheDaemonEnds) {
   service.start();
   while (read_file(service.master_key_file()) != bytes("next-master-key")) usleep(1000);
   service.stop();
-  Database db(service.vault());
-  EXPECT_EQ(db.run("SELECT key_id FROM vault").at(0), bytes("next-key-id"));
-  EXPECT_TRUE(db.run("SELECT * FROM key_change").empty());
+  EXPECT_EQ(Database(service.vault()).run("SELECT key_id FROM vault").at(0), bytes("next-key-id"));
+  EXPECT_TRUE(Database(service.vault()).run("SELECT * FROM key_change").empty());
   service.start();
   EXPECT_EQ(RawClient(service.socket()).exchange(66567, {8, 2}, named("home")).result(), kSuccess);
 }
@@ -333,7 +332,7 @@ TEST(BackupPage, MakesABackupThatIsRestored) {
 
 TEST(BackupPage, OpensABackupThatWasMade) {
   ks_test::ServiceSetup setup;
-  setup.config += "\n[administrators]\nusers = [" + std::to_string(getuid()) + "]\n";
+  setup.config = "[administrators]\nusers = [" + std::to_string(getuid()) + "]\n[[vdc]]\nid = 7\nusers = []\n";
   ServiceProcess service(setup);
   begin_anew(service);
   make_vault_of_page(service, 1);

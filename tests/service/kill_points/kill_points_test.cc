@@ -49,6 +49,14 @@ auto at_kill_point(Call call, Half half) {
   return result;
 }
 
+// A kill ends a write between two pages of the kernel's: within one the kernel copies all or nothing.
+size_t half_of(size_t size, off_t at) {
+  constexpr size_t kPage = 4096;
+  const size_t begin = static_cast<size_t>(at), middle = (begin + size / 2) / kPage * kPage;
+  const size_t end = middle > begin ? middle : (begin / kPage + 1) * kPage;
+  return end < begin + size ? end - begin : 0;
+}
+
 template <typename Call>
 auto at_kill_point(Call call) {
   return at_kill_point(call, [] {});
@@ -62,11 +70,12 @@ auto at_kill_point(Call call) {
 EXPORTED ssize_t write(int fd, const void *from, size_t size) {
   static auto *const next = real<ssize_t(int, const void *, size_t)>("write");
   if (kill_point.number == 0 || fd <= STDERR_FILENO) return next(fd, from, size);
-  return at_kill_point([&] { return next(fd, from, size); }, [&] { next(fd, from, size / 2); });
+  return at_kill_point([&] { return next(fd, from, size); },
+                       [&] { next(fd, from, half_of(size, lseek(fd, 0, SEEK_CUR))); });
 }
 EXPORTED ssize_t pwrite(int fd, const void *from, size_t size, off_t at) {
   static auto *const next = real<ssize_t(int, const void *, size_t, off_t)>("pwrite");
-  return at_kill_point([&] { return next(fd, from, size, at); }, [&] { next(fd, from, size / 2, at); });
+  return at_kill_point([&] { return next(fd, from, size, at); }, [&] { next(fd, from, half_of(size, at), at); });
 }
 EXPORTED ssize_t pwrite64(int fd, const void *from, size_t size, off64_t at) {
   return pwrite(fd, from, size, at);
