@@ -22,6 +22,15 @@
 #include <string>
 #include <vector>
 
+// Of two functions the libraries call another one on i386, where their files' sizes and their times have 64 bits.
+#ifdef __i386__
+extern "C" int library_fstat(int file, void *status) noexcept __asm__("__fstat64_time64");
+extern "C" int library_fcntl(int file, int command, ...) __asm__("__fcntl_time64");
+#else
+extern "C" int library_fstat(int file, void *status) noexcept __asm__("fstat64");
+extern "C" int library_fcntl(int file, int command, ...) __asm__("fcntl64");
+#endif
+
 namespace ks_test {
 
 // Slots are the places where a library keeps the address of a function.
