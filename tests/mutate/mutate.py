@@ -36,6 +36,9 @@ COVERED_BY = {
     "platform/host/sdwrap/": ("host_sdwrap", "system_spine", "system_session"),
     "platform/host/sysmgr/": ("host_sysmgr", "system_spine", "system_session", "system_cache"),
     "service/": ("service_", "system_", "docs_", "hostile_"),
+    # The rooms below these know nothing of them.
+    "service/handlers/": ("service_handlers", "service_server", "system_", "docs_", "hostile_"),
+    "service/server/": ("service_server", "system_", "docs_", "hostile_"),
 }
 # The tests of a program that take less are run before the others.
 QUICK_SECONDS = 0.1
