@@ -1,6 +1,7 @@
 // What the library asks of the system, and what becomes of an exchange when the system says no.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 
 #include <cerrno>
@@ -180,6 +181,25 @@ TEST_F(Calls, KeepRequestsAndRepliesOutOfChildren) {
                                     }));
   EXPECT_EQ(library.bind(), 0U);
   EXPECT_EQ(kept, 1);
+}
+
+TEST_F(Calls, AskOnceForThePageThatTellsProcessesApart) {
+  service.start();
+  int pages = 0;
+  const Unused library("libpaging.so");
+  const LibraryCalls<mmap64> calls(
+      "libpaging.so", see_calls<void *>([&](void *, size_t size, auto...) { pages += size < kBufferSize; }));
+  EXPECT_EQ(library.bind(), 0U);
+  EXPECT_TRUE(library.works() && library.works());
+  EXPECT_EQ(pages, 1);
+}
+
+TEST_F(Calls, WaitForAReplyInTheReceiveItself) {
+  const uint32_t queue = bound();
+  int polls = 0;
+  const LibraryCalls<poll> calls(kLibrary, see_calls<int>([&](auto...) { ++polls; }));
+  EXPECT_TRUE(works(queue));
+  EXPECT_EQ(polls, 0);
 }
 
 }  // namespace

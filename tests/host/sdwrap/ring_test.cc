@@ -491,6 +491,18 @@ TEST_F(Ring, TellsNoStartWhereTheSystemDoesNot) {
   }
 }
 
+// The library asks for the thread's number in the midst of its first record.
+TEST_F(Ring, MarksASlotForAsLongAsItIsWritten) {
+  EXPECT_TRUE(passes_in_child([this] {
+    uint64_t marked = 0;
+    const LibraryCalls<gettid> calls(kLibrary, [&]() -> std::optional<pid_t> {
+      marked = ring_at(ring(0)).slots[0].sequence;
+      return std::nullopt;
+    });
+    return report() == 0 && marked == (UINT64_C(1) << 63 | 1) && ring_at(ring(0)).slots[0].sequence == 1;
+  }));
+}
+
 // A ring that was deleted is put back. While that fails, the process goes on to look for the one it had.
 TEST_F(Ring, IsPutBackOnceThereIsRoom) {
   EXPECT_TRUE(passes_in_child([this] {
