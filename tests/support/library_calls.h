@@ -22,14 +22,24 @@
 #include <string>
 #include <vector>
 
-// Of two functions the libraries call another one on i386, where their files' sizes and their times have 64 bits.
+// Some functions have another name on i386 for programs whose files' sizes and times have 64 bits, as the libraries
+// are.
+struct Time64 {
+  int64_t seconds;
+  int64_t nanoseconds;
+};
 #ifdef __i386__
-extern "C" int library_fstat(int file, void *status) noexcept __asm__("__fstat64_time64");
-extern "C" int library_fcntl(int file, int command, ...) __asm__("__fcntl_time64");
+#define KS_NAME_OF_64_BITS(usual, of_i386) __asm__(of_i386)
 #else
-extern "C" int library_fstat(int file, void *status) noexcept __asm__("fstat64");
-extern "C" int library_fcntl(int file, int command, ...) __asm__("fcntl64");
+#define KS_NAME_OF_64_BITS(usual, of_i386) __asm__(usual)
 #endif
+extern "C" {
+int library_fstat(int file, void *status) noexcept KS_NAME_OF_64_BITS("fstat64", "__fstat64_time64");
+int library_fcntl(int file, int command, ...) KS_NAME_OF_64_BITS("fcntl64", "__fcntl_time64");
+int library_clock_gettime(int clock, Time64 *out) noexcept KS_NAME_OF_64_BITS("clock_gettime", "__clock_gettime64");
+int library_mutex_clocklock(void *mutex, int clock, const Time64 *until) noexcept
+    KS_NAME_OF_64_BITS("pthread_mutex_clocklock", "__pthread_mutex_clocklock64");
+}
 
 namespace ks_test {
 

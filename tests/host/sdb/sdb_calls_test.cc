@@ -218,4 +218,24 @@ TEST_F(SdbCalls, ThatLoseAReadersSlotTakeAnother) {
   }).join();
 }
 
+// A quarter of a second is waited for an opening.
+TEST_F(SdbCalls, WaitAsLongAcrossTheEndOfASecond) {
+  const LibraryCalls<library_clock_gettime> clock(kLibrary, [](int, Time64 *out) {
+    *out = {100, 900'000'000};
+    return std::optional(0);
+  });
+  std::vector<Time64> ends;
+  const LibraryCalls<library_mutex_clocklock> locks(kLibrary,
+                                                    [&](void *, int, const Time64 *until) -> std::optional<int> {
+                                                      ends.push_back(*until);
+                                                      return std::nullopt;
+                                                    });
+  ASSERT_EQ(open(), 0u);
+  ASSERT_FALSE(ends.empty());
+  for (const Time64 &end : ends) {
+    EXPECT_EQ(end.seconds, 101);
+    EXPECT_EQ(end.nanoseconds, 150'000'000);
+  }
+}
+
 }  // namespace

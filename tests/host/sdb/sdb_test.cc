@@ -228,6 +228,14 @@ TEST_F(SdbIteration, GoesThroughAllKeysAndCanBeginAgain) {
   EXPECT_EQ(keys_from(sdb_getkey), "a=va ab=vab b=vb c=vc ");
 }
 
+TEST_F(SdbIteration, HandsOutTheLongestKey) {
+  ASSERT_EQ(open(), 0u);
+  const std::string longest(511, 'k');
+  ASSERT_EQ(put(longest, "value"), 0u);
+  ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
+  EXPECT_EQ(keys_from(sdb_getkey), longest + "=value ");
+}
+
 TEST_F(SdbIteration, IsNotDisturbedByDeletingTheKeyJustHandedOut) {
   ASSERT_EQ(open(), 0u);
   for (int i = 0; i < 500; ++i) stage("key " + std::to_string(1000 + i), std::string(40, 'v'));
