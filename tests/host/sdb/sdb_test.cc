@@ -71,6 +71,14 @@ TEST_F(SdbRead, GivesWhatWasWritten) {
   }
 }
 
+// The first entry of a page ends with it, when its key has an even length.
+TEST_F(SdbRead, GivesALargeValueWhoseEntryEndsItsPage) {
+  ASSERT_EQ(open(), 0u);
+  const std::string large(10'000, 'v');
+  ASSERT_EQ(put("even", large), 0u);
+  EXPECT_TRUE(value_of("even") == large);
+}
+
 TEST_F(SdbRead, KeepsBytesOfAnyValue) {
   ASSERT_EQ(open(), 0u);
   const std::string key("\0\xff\0k", 4);
