@@ -194,7 +194,7 @@ TEST_F(Ring, IsTheOneThatIsNext) {
 }
 
 TEST_F(Ring, IsTheFirstWhereTheNextCannotBeRead) {
-  for (const size_t size : {0, 1, 3}) {
+  for (const size_t size : {0u, 1u, 3u}) {
     write_bytes(history() + "/next", "\7\7\7", size);
     EXPECT_TRUE(passes_in_child([this] { return report() == 0 && is_own(ring(0)); })) << size;
     EXPECT_EQ(next(), 1U);

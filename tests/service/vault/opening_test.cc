@@ -264,7 +264,7 @@ TEST_F(OpenVault, NeverShowsAnythingElseWhenAByteIsFlipped) {
 }
 
 TEST_F(MasterKeyFile, IsRefusedWithAnotherMode) {
-  for (const mode_t mode : {0640, 0604, 0700, 0200}) {
+  for (const mode_t mode : {0640u, 0604u, 0700u, 0200u}) {
     chmod(folder.key().c_str(), mode);
     refuses(folder.key(), "has mode 0", "chmod 0600 " + folder.key());
   }
@@ -279,7 +279,7 @@ TEST_F(MasterKeyFile, IsRefusedWhenItBelongsToSomebodyElse) {
 }
 
 TEST_F(MasterKeyFile, IsRefusedWhenItHasAnotherSizeOrIsNoFile) {
-  for (const size_t size : {0, 31, 33, 64}) {
+  for (const size_t size : {0u, 31u, 33u, 64u}) {
     write_file(folder.key(), std::string(size, 'k'));
     refuses(folder.key(), "exactly 32 bytes", "put the right file there");
   }
