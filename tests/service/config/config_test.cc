@@ -122,6 +122,12 @@ TEST(Config, NamesAdministratorsByUserAndByGroup) {
   EXPECT_FALSE(config.identify(1000, 1, 1, {}).may_use(0));
 }
 
+TEST(Config, TakesAGroupByItsName) {
+  EXPECT_EQ(good("[service]\nsocket_group = \"root\"\n").socket_group, 0u);
+  EXPECT_THAT(problems_of("[service]\nsocket_group = \"no-such-group\"\n"),
+              ElementsAre("f:2:16: there is no group \"no-such-group\" on this machine; create it or give a number"));
+}
+
 TEST(Config, FillsUserAndVdcIntoTheCacheUri) {
   const Config config = good("[service]\ncache_uri = \"lmdb:///c/{vdc}/{uid}/{uid}\"\n[[vdc]]\nid = 5\nusers = [12]\n");
   EXPECT_EQ(config.cache_uri_of(config.identify(12, 1, 1, {})), "lmdb:///c/5/12/12");
