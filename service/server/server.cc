@@ -23,7 +23,7 @@ bool has_gone(int socket) {
 
 // What is logged of users without a VDC counts for all of them together, as they themselves do.
 uid_t logged_as(const Caller &caller) {
-  return rank_of(caller) == Rank::kUnmapped ? static_cast<uid_t>(-1) : caller.uid;
+  return rank_of(caller) == Rank::kUnmapped ? static_cast<uid_t>(-1) : caller.counted_as;
 }
 
 }  // namespace

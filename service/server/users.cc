@@ -119,7 +119,7 @@ const char *Users::why_not(Rank rank, const User &user, const config::Limits &li
 }
 
 User &Users::user_of(const Caller &caller, const config::Limits &limits, Clock::time_point now) {
-  const uid_t key = rank_of(caller) == Rank::kUnmapped ? kAllUnmapped : caller.uid;
+  const uid_t key = rank_of(caller) == Rank::kUnmapped ? kAllUnmapped : caller.counted_as;
   if (const auto found = users_.find(key); found != users_.end()) return *found->second;
   if (users_.size() >= forget_above_) forget_the_gone(limits, now);
   auto user = std::make_unique<User>(shared_requests(limits), limits.changes_per_user, crowded_);

@@ -20,6 +20,7 @@ constexpr Clock::time_point kStart{std::chrono::hours(1)};
 Caller user(uid_t uid) {
   Caller caller;
   caller.uid = uid;
+  caller.counted_as = uid;
   caller.vdc_id = 7;
   return caller;
 }
@@ -27,6 +28,7 @@ Caller user(uid_t uid) {
 Caller stranger(uid_t uid) {
   Caller caller;
   caller.uid = uid;
+  caller.counted_as = uid;
   return caller;
 }
 
