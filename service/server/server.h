@@ -30,11 +30,11 @@ struct Session {
 // that has just begun comes to a processor after all that want one already; one that has waited comes before them. On
 // a machine with hundreds of busy threads that is the difference between half a second and half a millisecond. admit,
 // start_next and finish are for one thread, which accepts.
-class Server {
+class Server : private Crowd {
  public:
   Server(handlers::Service &service, const CurrentConfig &current_config)
-      : service_(service), current_config_(current_config) {}
-  ~Server() { finish(); }
+      : service_(service), current_config_(current_config), administration_(service, current_config, *this) {}
+  ~Server() override { finish(); }
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
 
@@ -68,10 +68,12 @@ class Server {
   void work(Session *session) noexcept;
   void serve(Session *session) noexcept;
   Session *wait_for_another() noexcept;
+  Places places() override;
 
   handlers::Service &service_;
   const CurrentConfig &current_config_;
   const handlers::Dispatcher dispatcher_;
+  Administration administration_;
   Queue<User> turns_;  // those who have connections waiting; of the thread that accepts
   std::mutex mutex_;
   std::condition_variable ended_;
