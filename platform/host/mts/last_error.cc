@@ -52,6 +52,10 @@ const char *system_word(uint32_t error) {
 
 constexpr char kStartService[] =
     "Start the service, ksd, or run the program under `ks-session --`; KS_SOCKET names another socket";
+constexpr char kNotMoving[] =
+    "It is stopped or overloaded: look after its process. The limit is receive_limit_ms in its configuration, 30 s "
+    "until "
+    "it has told";
 constexpr char kNoMemory[] = "Free some, or raise the process's limits";
 
 const char *tell_want(uint32_t error, Text &text) {
@@ -123,7 +127,7 @@ const char *tell_connect(const Failure &failure, Text &text) {
       return "Add the user to the group, or change socket_mode or socket_group in the service's configuration";
     case ETIMEDOUT:
       text.add("the keystore service took no connection within %u ms", failure.obstacle.detail);
-      return "It is stopped or overloaded: look after its process. receive_limit_ms in its configuration is the limit";
+      return kNotMoving;
     default:
       return tell_want(failure.error, text);
   }
@@ -140,7 +144,7 @@ const char *tell_greeting(const Failure &failure, Text &text) {
       return "There may be too many: its log names the limit, of connections under [limits] in its configuration";
     case ETIMEDOUT:
       text.add("the keystore service didn't greet within %u ms", failure.obstacle.detail);
-      return "It is stopped or overloaded: look after its process. receive_limit_ms in its configuration is the limit";
+      return kNotMoving;
     case EPROTO:
       text.add("what listens there isn't a keystore service of this version");
       return "Have KS_SOCKET name the service's socket; client and service have to be of one version";
@@ -198,7 +202,7 @@ const char *tell_send(const Failure &failure, Text &text) {
   switch (failure.error) {
     case ETIMEDOUT:
       text.add("the keystore service took no request within %u ms", failure.detail);
-      return "It is stopped or overloaded: look after its process. receive_limit_ms in its configuration is the limit";
+      return kNotMoving;
     case EMSGSIZE:
       text.add("the request of %u bytes is longer than the socket's send buffer", failure.detail);
       return "Raise net.core.wmem_max to 98352 or more";
