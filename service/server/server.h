@@ -54,12 +54,14 @@ class Server {
   void start(std::unique_ptr<Session> session) noexcept;
   void refuse(const Caller &caller, const char *why) noexcept;
   void note_use(const Caller &caller, const Users::Place &place) noexcept;
+  void note_unmapped(const Caller &caller, const config::Config &config) noexcept;
   void serve(Session *session) noexcept;
 
   handlers::Service &service_;
   const CurrentConfig &current_config_;
   const handlers::Dispatcher dispatcher_;
-  Queue<User> turns_;  // those who have connections waiting; of the thread that accepts
+  LogLimiter unmapped_log_{16};  // a small one of its own: their numbers cost nothing
+  Queue<User> turns_;            // those who have connections waiting; of the thread that accepts
   std::mutex mutex_;
   std::condition_variable ended_;
   std::set<int> sockets_;
