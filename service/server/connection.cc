@@ -61,9 +61,11 @@ std::optional<Peer> peer_of(int socket) {
 }
 
 Connection::Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher,
-                       const CurrentConfig &current_config, int socket, User &user, const Peer &peer)
+                       Administration &administration, const CurrentConfig &current_config, int socket, User &user,
+                       const Peer &peer)
     : service_(service),
       dispatcher_(dispatcher),
+      administration_(administration),
       current_config_(current_config),
       user_(user),
       socket_(socket),
@@ -158,6 +160,7 @@ void Connection::answer_request(const Frame &frame) {
   follow_configuration();
   if (frame.header.opcode == HOST_OP_HELLO) return answer_hello(frame);
   const handlers::Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
+  if (frame.header.opcode < kFirstOpcode && administration_.answer(request, reply_)) return;
   if (!dispatcher_.answer(service_, request, reply_)) {
     complain(LogLimiter::Kind::kUnknownOpcode, "sent an unknown opcode");
   }

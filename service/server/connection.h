@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/administration.h"
 #include "server/current_config.h"
 #include "server/frame.h"
 #include "server/users.h"
@@ -26,11 +27,11 @@ struct Peer {
 // peer_of asks the kernel who opened the connection; nothing when it can't tell.
 std::optional<Peer> peer_of(int socket);
 
-// Connection serves one connection. `user` and `peer` outlive it.
+// Connection serves one connection. All that it is given outlives it.
 class Connection {
  public:
-  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const CurrentConfig &current_config,
-             int socket, User &user, const Peer &peer);
+  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, Administration &administration,
+             const CurrentConfig &current_config, int socket, User &user, const Peer &peer);
   ~Connection();
 
   // serve answers requests until the client leaves, misbehaves beyond repair, or the socket is shut down for reading.
@@ -53,6 +54,7 @@ class Connection {
 
   handlers::Service &service_;
   const handlers::Dispatcher &dispatcher_;
+  Administration &administration_;
   const CurrentConfig &current_config_;
   User &user_;
 

@@ -169,7 +169,9 @@ void Server::note_unmapped(const Caller &caller, const config::Config &config) n
 void Server::serve(Session *started) noexcept {
   const std::unique_ptr<Session> session(started);
   try {
-    Connection(service_, dispatcher_, current_config_, session->socket.get(), *session->user, session->peer).serve();
+    Connection(service_, dispatcher_, administration_, current_config_, session->socket.get(), *session->user,
+               session->peer)
+        .serve();
   } catch (const std::exception &) {
     Caller caller;
     caller.uid = session->peer.uid;
@@ -177,6 +179,11 @@ void Server::serve(Session *started) noexcept {
   }
   // First out of the set, then closed: finish must not meet another's socket under the same number.
   give_place_back(*session);
+}
+
+Places Server::places() {
+  const std::lock_guard lock(mutex_);
+  return {.connections = users_.all(), .users = static_cast<uint32_t>(users_.known())};
 }
 
 }  // namespace ksd::server

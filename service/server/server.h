@@ -27,11 +27,11 @@ struct Session {
 };
 
 // Server gives each connection a thread of its own. admit, start_next and finish are for one thread, which accepts.
-class Server {
+class Server : private Crowd {
  public:
   Server(handlers::Service &service, const CurrentConfig &current_config)
-      : service_(service), current_config_(current_config) {}
-  ~Server() { finish(); }
+      : service_(service), current_config_(current_config), administration_(service, current_config, *this) {}
+  ~Server() override { finish(); }
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
 
@@ -56,10 +56,12 @@ class Server {
   void note_use(const Caller &caller, const Users::Place &place) noexcept;
   void note_unmapped(const Caller &caller, const config::Config &config) noexcept;
   void serve(Session *session) noexcept;
+  Places places() override;
 
   handlers::Service &service_;
   const CurrentConfig &current_config_;
   const handlers::Dispatcher dispatcher_;
+  Administration administration_;
   LogLimiter unmapped_log_{16};  // a small one of its own: their numbers cost nothing
   Queue<User> turns_;            // those who have connections waiting; of the thread that accepts
   std::mutex mutex_;

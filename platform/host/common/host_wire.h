@@ -9,8 +9,10 @@
 #define HOST_WIRE_MAGIC UINT32_C(0x3173776b) /* "kws1" */
 #define HOST_WIRE_VERSION 1
 
-/* Opcodes of the host platform itself; the keystore's own begin at 66561. */
+/* Opcodes of the host platform itself; the keystore's own begin at 66561. Those above the hello are for administrators,
+ * by the kernel's word; to everybody else they are unknown, and answered like any other unknown opcode. */
 #define HOST_OP_HELLO UINT32_C(1)
+#define HOST_OP_STATUS UINT32_C(2)
 
 /* The largest datagram either end sends: header, and a payload whose lengths are 16 bits wide with room to spare for
  * names and descriptors (a store has two 16-bit lengths). Both ends size their socket buffers for it. */
@@ -45,6 +47,27 @@ typedef struct {
 
 #define HOST_NO_VDC UINT32_C(0xffff)
 KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
+
+/* HostStatusReply answers HOST_OP_STATUS, whose request has no payload. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t pid;
+  uint64_t started_at; /* seconds since 1970 */
+  uint32_t service_version;
+  uint32_t connections;
+  uint32_t connection_limit;
+  uint32_t users; /* connected now or lately; all users without a VDC are one */
+  uint64_t entries;
+  uint64_t entry_limit;
+  uint32_t flags; /* HOST_STATUS_... */
+  uint32_t reserved;
+} HostStatusReply;
+
+#define HOST_STATUS_MEMORY_UNLOCKED UINT32_C(1)   /* some keys lie in memory that could be swapped */
+#define HOST_STATUS_STORE_NEARLY_FULL UINT32_C(2) /* over 90 % */
+#define HOST_STATUS_COMPACTION_HELPS UINT32_C(4)
+
+KS_STATIC_ASSERT(sizeof(HostStatusReply) == 56);
 
 /* HostReplyShape is what a reply to the keystore's message `opcode` has to hold, so that whoever reads it without
  * looking finds it there. Every reply begins with its result. What follows counts with KS_SUCCESS alone; the shape of

@@ -1,0 +1,72 @@
+// command.h: what a command of ksctl is: a row with its words, its help, its parameters and its function. The command
+// line is read, the help printed and completions are made from these rows.
+#ifndef TOOLS_KSCTL_COMMAND_H
+#define TOOLS_KSCTL_COMMAND_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "failure.h"
+#include "output.h"
+
+namespace ksctl {
+
+enum class Kind {
+  kFlag,        // has no value
+  kText,        // any
+  kNumber,      // not negative, decimal
+  kDescriptor,  // the number of an open file descriptor
+  kFile,        // completed with the names of files
+  kFolder,
+  kChoice,  // one of `choices`
+};
+
+// Parameter is an option ("--json") or, without dashes, an argument in its place ("NAME").
+struct Parameter {
+  const char *name;
+  Kind kind = Kind::kText;
+  const char *help = "";
+  bool required = false;
+  const char *choices = "";  // of kChoice, parted by commas
+};
+
+// Arguments are what the user gave, by the names of the parameters. What is of the wrong kind doesn't get here.
+class Arguments {
+ public:
+  explicit Arguments(std::map<std::string, std::string> given) : given_(std::move(given)) {}
+
+  bool has(const char *name) const { return given_.contains(name); }
+  const std::string &text(const char *name) const { return given_.at(name); }  // of one that is there
+  std::string text_or(const char *name, const char *otherwise) const { return has(name) ? text(name) : otherwise; }
+  uint64_t number(const char *name) const { return std::stoull(text(name)); }  // of one that is there
+  std::optional<int> descriptor(const char *name) const {
+    return has(name) ? std::optional<int>(std::stoi(text(name))) : std::nullopt;
+  }
+
+ private:
+  std::map<std::string, std::string> given_;
+};
+
+// Session is what every command has: where to print, and which service it is about.
+struct Session {
+  Output &output;
+  std::string socket;  // of --socket, KS_SOCKET or the default
+};
+
+struct Command {
+  const char *words;  // "secret put"
+  const char *help;   // one line
+  std::span<const Parameter> parameters;
+  void (*run)(Session &session, const Arguments &arguments);  // throws Failure
+  const char *footer = "";                                    // what the help says at its end
+};
+
+// The families, each in a file of its name.
+std::span<const Command> service_commands();  // status
+
+}  // namespace ksctl
+
+#endif
