@@ -21,8 +21,8 @@
 
 #include "base/trust.h"
 #include "crypto/crypto.h"
-#include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/counter_lines.h"
 #include "server/instance_lock.h"
 #include "server/listener.h"
 #include "server/notify.h"
@@ -105,18 +105,7 @@ void log_problems(const std::string &path, const std::vector<config::ConfigProbl
 }
 
 void log_counters(const Counters &counters) {
-  const handlers::Dispatcher dispatcher;
-  for (uint32_t opcode = kFirstOpcode; opcode <= kLastOpcode; ++opcode) {
-    const handlers::Row *row = dispatcher.find(opcode);
-    if (row == nullptr) continue;
-    spdlog::info("{}: {} done, {} failed", row->name, counters.done(opcode), counters.failed(opcode));
-  }
-  spdlog::info(
-      "connections: {} opened, {} refused; datagrams: {} malformed, {} too large, {} foreign; unknown opcodes: "
-      "{}; names of other VDCs: {}; unread replies: {}",
-      counters.total(Event::kConnected), counters.total(Event::kRefusedConnection), counters.total(Event::kMalformed),
-      counters.total(Event::kTooLarge), counters.total(Event::kForeignDatagram), counters.total(Event::kUnknownOpcode),
-      counters.total(Event::kForeignName), counters.total(Event::kUnread));
+  for (const std::string &line : counter_lines(counters)) spdlog::info("{}", line);
 }
 
 vault::Limits vault_limits(const config::Limits &limits) {

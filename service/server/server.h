@@ -66,6 +66,7 @@ class Server : private Crowd {
   void note_use(const Caller &caller, const Users::Place &place) noexcept;
   bool give_to_idle(Session *session) noexcept;
   void work(Session *session) noexcept;
+  void note_unmapped(const Caller &caller, const config::Config &config) noexcept;
   void serve(Session *session) noexcept;
   Session *wait_for_another() noexcept;
   Places places() override;
@@ -74,7 +75,8 @@ class Server : private Crowd {
   const CurrentConfig &current_config_;
   const handlers::Dispatcher dispatcher_;
   Administration administration_;
-  Queue<User> turns_;  // those who have connections waiting; of the thread that accepts
+  LogLimiter unmapped_log_{16};  // a small one of its own: their numbers cost nothing
+  Queue<User> turns_;            // those who have connections waiting; of the thread that accepts
   std::mutex mutex_;
   std::condition_variable ended_;
   std::set<int> sockets_;

@@ -85,9 +85,12 @@ Users::Place Users::take(const Caller &caller, const config::Limits &limits, Clo
   }
   const uint32_t own_limit = limit_of_one(rank, limits);
   const bool own_is_fuller = uint64_t{user.connections} * limits.connections >= uint64_t{all()} * own_limit;
-  if (!own_is_fuller) return {.user = &user, .whose = "of all users", .used = all(), .limit = limits.connections};
+  if (!own_is_fuller) {
+    return {.user = &user, .whose = "of all users", .key = "connections", .used = all(), .limit = limits.connections};
+  }
   return {.user = &user,
           .whose = rank == Rank::kUnmapped ? "of users without a VDC" : "of this user",
+          .key = rank == Rank::kUnmapped ? "connections_unmapped" : "connections_per_user",
           .used = user.connections,
           .limit = own_limit};
 }
@@ -105,17 +108,18 @@ bool Users::check_crowd(Clock::time_point now) {
 }
 
 const char *Users::why_not(Rank rank, const User &user, const config::Limits &limits) const {
-  if (all() >= limits.connections) return "all together have too many";
+  if (all() >= limits.connections) return "all together have too many (connections under [limits])";
   if (user.connections >= limit_of_one(rank, limits)) {
-    return rank == Rank::kUnmapped ? "users without a VDC have too many" : "the user has too many";
+    return rank == Rank::kUnmapped ? "users without a VDC have too many (connections_unmapped under [limits])"
+                                   : "the user has too many (connections_per_user under [limits])";
   }
   if (rank == Rank::kAdministrator) return nullptr;
 
   const uint32_t places = limits.connections - std::min(limits.connections, limits.connections_administrators);
   const uint32_t used = taken(Rank::kUnmapped) + taken(Rank::kMapped);
-  if (used >= places) return "the places that are left are kept for administrators";
+  if (used >= places) return "what is left is kept for administrators (connections_administrators under [limits])";
   if (rank == Rank::kMapped && user.connections >= kFew && used >= places - places / kPartForThem) {
-    return "the places that are left are kept for users with fewer";
+    return "what is left is kept for users with fewer (an eighth of connections under [limits])";
   }
   return nullptr;
 }

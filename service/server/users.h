@@ -70,6 +70,7 @@ class Users {
     User *user = nullptr;    // none: refused
     const char *why = "";    // then, for the log
     const char *whose = "";  // of the fuller of the user's and all places, with what is taken and what there is
+    const char *key = "";    // and the name of that limit in the configuration
     uint32_t used = 0;
     uint32_t limit = 0;
   };

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "vault/group.h"
 #include "vault/use_watch.h"
 #include "vault/writer.h"
@@ -72,6 +73,7 @@ class GroupCommit {
   void look_around(const Limits &limits) noexcept;
   void go_on_compacting() noexcept;
   void measure_room() noexcept;
+  void log_refusal(const Group &group) noexcept;
   void log_failure(const WriteFailure &failure) noexcept;
 
   // Of the thread of writes alone.
@@ -80,6 +82,7 @@ class GroupCommit {
   const State &state_;
   Audience &audience_;
   UseWatch use_watch_;
+  LogLimiter log_limiter_;
   std::vector<Change *> group_;    // with room for the largest group, as the next
   std::vector<KsResult> results_;  // of decisions, in the order of the group
   bool failing_ = false;
