@@ -4,7 +4,6 @@
 Nothing on it is loaded from elsewhere: it reads the same from a disk without a network.
 """
 
-import html
 import html.parser
 import re
 import shutil
@@ -42,15 +41,16 @@ ELSEWHERE = {
     "examples": "examples.md",
     "service/ksd.toml": "ksd.toml.md",
 }
+LANGUAGES = {name: name for name in ("c", "cpp", "python", "sh", "sql", "toml")}
 
 
-def page_for(target, written):
+def page_for(target):
   """The page that a link to a file of the repository leads to; None where it stays as it is."""
   if target.startswith("docs/"):
     return target[len("docs/"):]
   if target.startswith("include/"):
     return f"api/{Path(target).stem}.md" if target.endswith(".h") else None
-  return ELSEWHERE.get(target.rstrip("/"), None)
+  return ELSEWHERE.get(target.rstrip("/"))
 
 
 def staged(text, folder):
@@ -67,14 +67,14 @@ def staged(text, folder):
         parts.pop()
       elif part != ".":
         parts.append(part)
-    page = page_for("/".join(parts), None)
+    page = page_for("/".join(parts))
     if page is None:
-      return f"{match[1]}"  # what isn't on the site is named and not linked
+      return match[1]  # what isn't on the site is named and not linked
     return f"[{match[1]}]({page}{'#' + anchor if anchor else ''})"
 
   text = re.sub(r"(?<!!)\[([^\]]+)\]\(([^)\s]+)\)", link, text)
-  # "```bytes name": the name tells the tests which block it is.
-  return re.sub(r"^```(bytes|sql|sh|text|output)? [^\n]*$", r"```text", text, flags=re.M)
+  # What stands behind a block's language is for the tests.
+  return re.sub(r"^```(\w+)(?: [^\n]*)?$", lambda match: "```" + LANGUAGES.get(match[1], "text"), text, flags=re.M)
 
 
 def code_page(title, intro, path, language):
