@@ -42,7 +42,8 @@ class LogLimiter {
     kNearLimit,
     kForeignName,
     kCantAccept,
-    kSignal
+    kSignal,
+    kAdministration
   };
   using Clock = std::chrono::steady_clock;
 
