@@ -213,8 +213,7 @@ Session *Server::wait_for_another() noexcept {
 void Server::serve(Session *started) noexcept {
   const std::unique_ptr<Session> session(started);
   try {
-    Connection(service_, dispatcher_, administration_, current_config_, session->socket.get(), *session->user,
-               session->peer)
+    Connection(service_, dispatcher_, desk_, current_config_, session->socket.get(), *session->user, session->peer)
         .serve();
   } catch (const std::exception &) {
     Caller caller;
@@ -227,7 +226,19 @@ void Server::serve(Session *started) noexcept {
 
 Places Server::places() {
   const std::lock_guard lock(mutex_);
-  return {.connections = users_.all(), .users = static_cast<uint32_t>(users_.known())};
+  return users_.places();
+}
+
+std::vector<Visitor> Server::visitors(uid_t from, size_t most) {
+  const std::lock_guard lock(mutex_);
+  return users_.visitors(from, most);
+}
+
+std::optional<MessageCountList> Server::messages_of(uid_t uid) {
+  const std::lock_guard lock(mutex_);
+  const User *user = users_.find(uid);
+  if (user == nullptr) return std::nullopt;
+  return list_of(user->messages);
 }
 
 }  // namespace ksd::server

@@ -65,7 +65,8 @@ struct Command {
 };
 
 // The families, each in a file of its name.
-std::span<const Command> service_commands();  // status
+std::span<const Command> service_commands();  // status, owners, limits, reload, checkpoint
+std::span<const Command> stats_commands();    // stats
 
 }  // namespace ksctl
 

@@ -210,6 +210,14 @@ void Output::json(const Value &value) {
   print(to_json(value).dump());
 }
 
+void Output::complain(const std::string &line) const {
+  std::fprintf(stderr, "%s\n", printable(line).c_str());
+}
+
+std::string Output::alarm(const std::string &text) const {
+  return colour_ ? "\033[1;31m" + text + "\033[0m" : text;
+}
+
 std::string Output::strong(const std::string &text) const {
   return colour_ ? "\033[1m" + text + "\033[0m" : text;
 }
