@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host_message.h"
 #include "host_state.h"
 #include "ring.h"
 
@@ -106,6 +107,13 @@ size_t format_line(char *out, size_t size, const char *modname, const char *form
   return end + 1;
 }
 
+// A message that failed was never filled in, and what another message service fills in is its own.
+uint32_t opcode_of(const KsMtsMessage *message, uint32_t result) {
+  if (message == nullptr || result == MTS_FAILED) return 0;
+  const host::Message content = host::load(message);
+  return content.kind == host::kSentMessage || content.kind == host::kReceivedMessage ? content.opcode : 0;
+}
+
 }  // namespace
 
 // The library has one history event, so gates are by subtype alone.
@@ -120,11 +128,14 @@ KS_EXPORT int sdwrap_hist_event(uint32_t, uint32_t length, const void *record) {
   return 0;
 }
 
-KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *, uint32_t result, uint32_t) {
+KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *message, uint32_t result, uint32_t) {
   // Two of these go with every exchange, and the exact clock would more than double their 18 ns: their order is exact,
-  // their time that of the last tick.
-  const HostRingMtsEvent event = {.direction = direction, .result = result};
-  look_after_files(sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, CLOCK_REALTIME_COARSE));
+  // their time that of the last tick. Where all reports are recorded, the clock is read anyway, and often.
+  const bool exact = sdwrap_hist_event_subtype_check(0, HOST_DETAILED_SUBTYPE) == 0;
+  const HostRingMtsEvent event = {
+      .direction = direction, .result = result, .opcode = opcode_of(message, result), .exact = exact ? 1U : 0U};
+  look_after_files(
+      sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, exact ? CLOCK_REALTIME : CLOCK_REALTIME_COARSE));
   return 0;
 }
 
