@@ -66,6 +66,7 @@ struct Command {
 
 // The families, each in a file of its name.
 std::span<const Command> service_commands();  // status
+std::span<const Command> history_commands();  // history
 
 }  // namespace ksctl
 
