@@ -147,6 +147,15 @@ void add_exchange(std::vector<Line> &lines, const Exchange &exchange, uint64_t b
   lines.push_back({exchange.begin_ns, std::move(text)});
 }
 
+std::string without_blanks_at_ends(const std::string &text) {
+  std::string out;
+  for (const char c : text) {
+    if (c == '\n') out.erase(out.find_last_not_of(' ') + 1);
+    out += c;
+  }
+  return out;
+}
+
 std::string draw(const Timeline &timeline) {
   const uint64_t begin = begin_of(timeline);
   const uint64_t end = std::max(end_of(timeline), begin);
@@ -160,12 +169,8 @@ std::string draw(const Timeline &timeline) {
       fmt::format("{}[{}], {}, from {}, {} ms\n", printable(timeline.program), timeline.pid,
                   timeline.running ? "running" : "ended", time_in_words(begin), milliseconds(end - begin));
   text += fmt::format("  {:>10}  {:>10}  {:<28}\n", "at ms", "for ms", "message");
-  for (const Line &line : lines) {
-    text += line.text;
-    text.erase(text.find_last_not_of(' ') + 1);
-    text += '\n';
-  }
-  return text;
+  for (const Line &line : lines) text += line.text + '\n';
+  return without_blanks_at_ends(text);
 }
 
 // ---- As an object.

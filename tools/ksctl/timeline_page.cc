@@ -145,7 +145,7 @@ function axis(height) {
     const column = Math.round(x(at)) + 0.5;
     pen.moveTo(column, kAxis - 6);
     pen.lineTo(column, height);
-    pen.fillText(words(Math.abs(at) < step / 2 ? 0 : at), column + 4, kAxis - 11);
+    pen.fillText(Math.abs(at) < step / 2 ? '0' : words(at), column + 4, kAxis - 11);
   }
   pen.stroke();
 }
@@ -231,7 +231,9 @@ function tell() {
   const table = element('table'), head = element('tr');
   for (const title of ['After', 'Part', 'Level', 'Function', 'Text']) head.append(element('th', title));
   table.append(head);
-  for (const part of e.parts) {
+  const next = exchanges.find(other => other.lane === e.lane && other.at_ns >= e.at_ns + e.for_ns && other !== e);
+  const behind = dots.filter(d => d.lane === e.lane && d.at_ns >= e.at_ns + e.for_ns && (!next || d.at_ns <= next.at_ns));
+  for (const part of [...e.parts, ...behind]) {
     const row = element('tr');
     row.append(element('td', words(part.at_ns - e.at_ns), 'number'), element('td', part.part));
     row.append(element('td', part.level || ''));
