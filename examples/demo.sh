@@ -40,4 +40,9 @@ run cache purge
 title 'PACs: what each step costs in messages to the keystore'
 run pac
 
+title 'What the service says of itself, what a look at everything finds, and what the programs did'
+"$build/ksctl" status
+"$build/ksctl" doctor --config "$KS_SESSION_DIR/ksd.toml"
+"$build/ksctl" history --timeline --last 40
+
 printf '\nDone. What was shown is in examples/; ./dev help lists what else there is.\n'

@@ -67,6 +67,7 @@ struct Command {
 // The families, each in a file of its name.
 std::span<const Command> service_commands();  // status
 std::span<const Command> history_commands();  // history
+std::span<const Command> doctor_commands();   // doctor
 
 }  // namespace ksctl
 

@@ -18,7 +18,11 @@
 namespace ksctl {
 namespace {
 
-constexpr std::array kFamilies{service_commands, history_commands};
+constexpr std::array kFamilies{
+    service_commands,
+    history_commands,
+    doctor_commands,
+};
 
 // What may be given with every command, in front of it or behind.
 struct Common {
