@@ -85,6 +85,13 @@ Peer connect_once(const std::string &path) {
   return peer;
 }
 
+// served_by gives the process that serves whoever connects. The kernel names the one that began to listen, which is
+// another when the socket was passed on.
+pid_t served_by(const Patient &patient, const Peer &peer) {
+  const std::optional<ServiceProcess> holder = service_process(patient);
+  return holder ? holder->pid : peer.credentials.pid;
+}
+
 std::string continue_it(pid_t pid) {
   return fmt::format("kill -CONT {}", pid);
 }
@@ -121,7 +128,9 @@ void look_at_folder(const Patient &patient, Findings &findings) {
 
 void look_at_mode(const Patient &patient, const struct stat &status, Findings &findings) {
   const mode_t mode = status.st_mode & 07777;
-  if (patient.config && mode != patient.config->socket_mode) {
+  const Peer peer = connect_once(patient.socket);
+  const bool passed_on = peer.error == 0 && served_by(patient, peer) != peer.credentials.pid;
+  if (patient.config && !passed_on && mode != patient.config->socket_mode) {
     findings.fault(fmt::format("{} has mode {:04o}, and the configuration says {:04o}", patient.socket, mode,
                                patient.config->socket_mode),
                    fmt::format("chmod {:04o} {}", patient.config->socket_mode, patient.socket));
@@ -152,12 +161,13 @@ void look_at_socket(const Patient &patient, Findings &findings) {
 }
 
 void look_at_answer(const Patient &patient, const Peer &peer, Findings &findings) {
+  const pid_t pid = served_by(patient, peer);
   HostHelloReply hello{};
   const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kHelloLimitMs, &hello));
-  if (link) return findings.good(fmt::format("process {} answers", peer.credentials.pid));
+  if (link) return findings.good(fmt::format("process {} answers", pid));
   switch (errno) {
     case ETIMEDOUT:
-      return findings.fault(fmt::format("process {} didn't answer in {} s", peer.credentials.pid, kHelloLimitMs / 1000),
+      return findings.fault(fmt::format("process {} didn't answer in {} s", pid, kHelloLimitMs / 1000),
                             "look at its log and at what keeps the machine busy");
     case EPERM:
       return findings.fault(
@@ -184,10 +194,8 @@ void look_at_service(const Patient &patient, Findings &findings) {
   if (peer.error == ECONNREFUSED) return findings.fault("nobody listens at the socket", kStart);
   if (peer.error == ENOENT) return findings.fault("there is no socket to connect to", kStart);
   if (peer.error != 0) return findings.unknown(fmt::format("no connection: {}", std::strerror(peer.error)));
-  if (state_of(peer.credentials.pid) == 'T') {
-    return findings.fault(fmt::format("process {} is stopped", peer.credentials.pid),
-                          continue_it(peer.credentials.pid));
-  }
+  const pid_t pid = served_by(patient, peer);
+  if (state_of(pid) == 'T') return findings.fault(fmt::format("process {} is stopped", pid), continue_it(pid));
   look_at_answer(patient, peer, findings);
 }
 
@@ -261,7 +269,7 @@ void look_at_limits(const Patient &patient, Findings &findings) {
   constexpr uint64_t kKeysMemory = uint64_t{4} << 20;
   const Peer peer = connect_once(patient.socket);
   if (peer.error != 0) return findings.unknown("no service runs whose limits could be read");
-  const pid_t pid = peer.credentials.pid;
+  const pid_t pid = served_by(patient, peer);
   const std::string limits = file_text(fmt::format("/proc/{}/limits", pid));
   const std::optional<uint64_t> files = limit_of(limits, "Max open files", true);
   const std::optional<uint64_t> locked = limit_of(limits, "Max locked memory", false);

@@ -19,13 +19,13 @@ constexpr char kHead[] = R"html(<!DOCTYPE html>
 :root {
   color-scheme: light dark;
   --ground: #ffffff; --panel: #f4f5f7; --ink: #1c2330; --faint: #667085; --line: #d9dde3; --stripe: #f9fafb;
-  --answered: #2f6fde; --failed: #c8322b; --open: #8a6d1a; --on-bar: #ffffff; --normal: #0f1b33; --alert: #d9730d;
+  --answered: #2f6fde; --failed: #c8322b; --open: #8a6d1a; --on-bar: #ffffff; --normal: #667085; --alert: #d9730d;
   --chosen: #111827;
 }
 @media (prefers-color-scheme: dark) {
   :root {
     --ground: #14171c; --panel: #1d2229; --ink: #e6e9ee; --faint: #9aa4b2; --line: #323a45; --stripe: #181c22;
-    --answered: #5b93f5; --failed: #f0706a; --open: #d5b04a; --on-bar: #0c1018; --normal: #f3f6fb; --alert: #ffa040;
+    --answered: #5b93f5; --failed: #f0706a; --open: #d5b04a; --on-bar: #0c1018; --normal: #b6beca; --alert: #ffa040;
     --chosen: #ffffff;
   }
 }
@@ -56,8 +56,9 @@ canvas:focus-visible, button:focus-visible { outline: 2px solid var(--answered);
 #chosen p { margin: 0 0 8px; color: var(--faint); }
 table { border-collapse: collapse; font-variant-numeric: tabular-nums; }
 th { text-align: left; font-weight: 600; color: var(--faint); }
-th, td { padding: 2px 18px 2px 0; vertical-align: top; overflow-wrap: anywhere; }
-td.number { text-align: right; white-space: nowrap; }
+th, td { padding: 2px 18px 2px 0; vertical-align: top; white-space: nowrap; }
+td:last-child { white-space: normal; overflow-wrap: anywhere; }
+td.number { text-align: right; }
 kbd { border: 1px solid var(--line); border-radius: 4px; padding: 0 5px; font-size: 12px; background: var(--panel); }
 </style>
 </head>
@@ -145,7 +146,7 @@ function axis(height) {
     const column = Math.round(x(at)) + 0.5;
     pen.moveTo(column, kAxis - 6);
     pen.lineTo(column, height);
-    pen.fillText(Math.abs(at) < step / 2 ? '0' : words(at), column + 4, kAxis - 11);
+    if (column < width - 60) pen.fillText(Math.abs(at) < step / 2 ? '0' : words(at), column + 4, kAxis - 11);
   }
   pen.stroke();
 }

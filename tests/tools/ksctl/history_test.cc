@@ -326,7 +326,7 @@ TEST_F(KsctlHistory, DrawsThePageInABrowserByWhichItZooms) {
     </script>)";
 
   const std::string page = browser(file("page.html"), file("profile"));
-  if (page.empty()) GTEST_SKIP() << "there is no chromium on this machine; ./dev browser installs it";
+  if (page.empty()) GTEST_SKIP() << "there is no chromium on this machine; ./dev viewers installs it";
 
   EXPECT_THAT(page, ContainsRegex("<html[^>]* data-drawn=\"3\""));
   for (const char *what : {"zoomed", "moved", "fitted", "wheeled", "stepped"}) {
