@@ -98,7 +98,8 @@ void Connection::serve() {
 // A change waits for the disk more than it works, and those that wait together share one commit: it counts apart.
 Share &Connection::share_for(const Frame &frame) const {
   const handlers::Row *row = frame.verdict == Verdict::kGood ? dispatcher_.find(frame.header.opcode) : nullptr;
-  return row != nullptr && row->work == handlers::Work::kChange ? user_.changes : user_.requests;
+  if (row == nullptr || row->work != handlers::Work::kChange) return user_.requests;
+  return user_.changes_of(frame.message.size());
 }
 
 // receive gives the size that the next datagram had when it was sent, or nothing when there will be none. Descriptors

@@ -12,6 +12,7 @@ constexpr uid_t kAllUnmapped = static_cast<uid_t>(-1);  // nobody's number
 // than this ahead, and what one request costs is bounded.
 constexpr uint32_t kRequestsPerProcessor = 4;
 constexpr uint32_t kChangesAlone = 64;
+constexpr uint32_t kLargeForSmall = 8;  // a large change takes as long to write as so many small ones
 
 // How long several users count as connected after all but one have gone: those who come and go, such as programs that
 // run for a moment, find room from the beginning.
@@ -69,7 +70,8 @@ Rank rank_of(const Caller &caller) {
 
 User::User(uint32_t requests_shared, uint32_t changes_shared, const std::atomic<bool> &crowded)
     : requests(std::max(requests_shared, kRequestsPerProcessor * processors()), requests_shared, crowded),
-      changes(std::max(changes_shared, kChangesAlone), changes_shared, crowded) {}
+      changes(std::max(changes_shared, kChangesAlone), changes_shared, crowded),
+      large_changes(std::max(changes_shared, kChangesAlone), std::max(1u, changes_shared / kLargeForSmall), crowded) {}
 
 Users::Place Users::take(const Caller &caller, const config::Limits &limits, Clock::time_point now) {
   const Rank rank = rank_of(caller);
@@ -119,7 +121,7 @@ const char *Users::why_not(Rank rank, const User &user, const config::Limits &li
 }
 
 User &Users::user_of(const Caller &caller, const config::Limits &limits, Clock::time_point now) {
-  const uid_t key = rank_of(caller) == Rank::kUnmapped ? kAllUnmapped : caller.uid;
+  const uid_t key = rank_of(caller) == Rank::kUnmapped ? kAllUnmapped : caller.counted_as;
   if (const auto found = users_.find(key); found != users_.end()) return *found->second;
   if (users_.size() >= forget_above_) forget_the_gone(limits, now);
   auto user = std::make_unique<User>(shared_requests(limits), limits.changes_per_user, crowded_);

@@ -47,8 +47,15 @@ Rank rank_of(const Caller &caller);
 struct User {
   User(uint32_t requests_shared, uint32_t changes_shared, const std::atomic<bool> &crowded);
 
+  // changes_of gives the share that a change of so many bytes counts for.
+  Share &changes_of(size_t size) { return size > kLargeChange ? large_changes : changes; }
+
+  // What the changes of others wait for is how much is written before them, so there are fewer large ones at a time.
+  static constexpr size_t kLargeChange = 4096;
+
   Share requests;
   Share changes;
+  Share large_changes;
   Allowance connects;
   uint32_t connections = 0;
   Queue<Session> waiting;  // for a thread
