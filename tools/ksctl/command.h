@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "failure.h"
 #include "output.h"
@@ -66,6 +67,13 @@ struct Command {
 
 // The families, each in a file of its name.
 std::span<const Command> service_commands();  // status
+std::span<const Command> explain_commands();  // explain
+
+// Of all families, for what is made from the table.
+std::vector<const Command *> every_command();
+
+// common_parameters are those that may be given with every command, in front of it or behind.
+std::span<const Parameter> common_parameters();
 
 }  // namespace ksctl
 
