@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::array kFamilies{
     service_commands,
+    secret_commands,
     explain_commands,
 };
 
