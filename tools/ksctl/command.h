@@ -66,9 +66,10 @@ struct Command {
 };
 
 // The families, each in a file of its name.
-std::span<const Command> service_commands();  // status
-std::span<const Command> explain_commands();  // explain
-std::span<const Command> secret_commands();   // secret put, list, show, rename, rm
+std::span<const Command> service_commands();     // status
+std::span<const Command> explain_commands();     // explain
+std::span<const Command> secret_commands();      // secret put, list, show, rename, rm
+std::span<const Command> completion_commands();  // completion
 
 // Of all families, for what is made from the table.
 std::vector<const Command *> every_command();

@@ -21,6 +21,7 @@ constexpr std::array kFamilies{
     service_commands,
     secret_commands,
     explain_commands,
+    completion_commands,
 };
 
 constexpr Parameter kCommon[] = {
