@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,15 +14,14 @@
 
 #include "command.h"
 #include "host_wire.h"
+#include "progress.h"
 
 namespace ksctl {
 namespace {
 
 constexpr std::array kFamilies{
-    service_commands,
-    secret_commands,
-    explain_commands,
-    completion_commands,
+    service_commands, secret_commands,  pac_commands,     pac_transfer_commands,
+    cache_commands,   context_commands, explain_commands, completion_commands,
 };
 
 constexpr Parameter kCommon[] = {
@@ -145,6 +145,7 @@ int run(const Chosen &chosen, const Common &common) {
     std::fprintf(stderr, "ksctl: standard output: %s; what was to be printed is cut\n", std::strerror(errno));
     exit = Exit::kFailed;
   }
+  if (const int number = caught_signal(); number != 0) raise(number);
   return static_cast<int>(exit);
 }
 

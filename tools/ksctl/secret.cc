@@ -29,11 +29,6 @@ Object named(const std::string &name) {
   return {{"name", name}, {"name_hex", hex(bytes_of(name))}};
 }
 
-Object operator+(Object left, const Object &right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
-
 // What is given as metadata, if any is.
 std::optional<Bytes> given_metadata(const Arguments &arguments) {
   const std::optional<int> fd = arguments.descriptor("--metadata-fd");
