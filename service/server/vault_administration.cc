@@ -1,19 +1,13 @@
-#include "server/vault_administration.h"
+// The messages for administrators that are about the vault: backups, and its master key.
 
 #include <algorithm>
 #include <array>
 #include <ctime>
 
 #include "host_wire.h"
+#include "server/administration.h"
 
 namespace ksd::server {
-
-const VaultAdministration::Row VaultAdministration::kRows[] = {
-    {HOST_OP_BEGIN_BACKUP, &VaultAdministration::begin_backup},
-    {HOST_OP_NEXT_BACKUP_PART, &VaultAdministration::next_part},
-    {HOST_OP_CHANGE_MASTER_KEY, &VaultAdministration::change_key},
-    {HOST_OP_MASTER_KEY_CHANGE, &VaultAdministration::key_change},
-};
 
 static_assert(sizeof(HostBackupReply{}.stream_header) == sizeof(vault::BackupStreamHeader));
 static_assert(sizeof(HostBackupRequest{}.opening) == vault::kBackupOpeningSize);
@@ -39,35 +33,29 @@ void BackupSession::end() {
   open_ = nullptr;
 }
 
-bool VaultAdministration::answer(const handlers::Request &request, handlers::Reply &reply, BackupSession &session) {
-  const auto row = std::ranges::find(kRows, request.opcode, &Row::opcode);
-  if (row == std::end(kRows)) return false;
-  (this->*row->handler)(request, reply, session);
-  return true;
-}
-
-void VaultAdministration::begin_backup(const handlers::Request &request, handlers::Reply &reply,
-                                       BackupSession &session) {
+void Administration::begin_backup(const Asked &asked) {
+  const handlers::Request &request = asked.request;
   if (request.descriptor_size != sizeof(HostBackupRequest) || request.message.size() != sizeof(HostBackupRequest)) {
-    return reply.result(KS_INVALID_ARGS);
+    return asked.reply.result(KS_INVALID_ARGS);
   }
-  if (!session.begin(backups_)) {
-    log_limiter_.warn(LogLimiter::Kind::kBackups, request.caller.uid,
-                      "refused a backup to user {}: {} are being read already", request.caller.uid, kBackupsAtOnce);
-    return reply.result(KS_TIMEOUT);
+  if (!asked.backup.begin(backups_)) {
+    service_.log_limiter.warn(LogLimiter::Kind::kBackups, request.caller.uid,
+                              "refused a backup to user {}: {} are being read already", request.caller.uid,
+                              kBackupsAtOnce);
+    return asked.reply.result(KS_TIMEOUT);
   }
   try {
-    open_backup(request, reply, session);
+    open_backup(asked);
   } catch (...) {
-    session.end();
+    asked.backup.end();
     throw;
   }
 }
 
 // The key stays in the request, which is cleansed once it is answered, and in guarded memory.
-void VaultAdministration::open_backup(const handlers::Request &request, handlers::Reply &reply,
-                                      BackupSession &session) {
+void Administration::open_backup(const Asked &asked) {
   constexpr size_t kKeySize = sizeof(HostBackupRequest{}.key);
+  const handlers::Request &request = asked.request;
   const std::shared_ptr<const SecretBytes> key = SecretBytes::copy_of(request.message.first(kKeySize));
   vault::Snapshot snapshot = vault_.snapshot();
   HostBackupReply begun{};
@@ -76,40 +64,36 @@ void VaultAdministration::open_backup(const handlers::Request &request, handlers
   begun.version = snapshot.header.last_version;
   auto writer = std::make_unique<vault::BackupWriter>(std::move(snapshot), static_cast<uint64_t>(std::time(nullptr)),
                                                       *key, request.message.subspan(kKeySize));
+  begun.parts = static_cast<uint32_t>(writer->parts());
   std::copy(writer->stream_header().begin(), writer->stream_header().end(), begun.stream_header);
-  session.use(std::move(writer));
+  asked.backup.use(std::move(writer));
   spdlog::info("user {} (pid {}) takes a backup of {} entries", request.caller.uid, request.caller.pid, begun.entries);
-  reply.record(begun);
+  asked.reply.record(begun);
 }
 
-void VaultAdministration::next_part(const handlers::Request &request, handlers::Reply &reply, BackupSession &session) {
-  if (!request.message.empty()) return reply.result(KS_INVALID_ARGS);
-  if (!session.is_open()) return reply.result(KS_NOT_FOUND);
+void Administration::next_backup_part(const Asked &asked) {
+  if (!asked.backup.is_open()) return asked.reply.result(KS_NOT_FOUND);
   static_assert(vault::kSealedPartSize <= UINT16_MAX);
   std::array<uint8_t, vault::kSealedPartSize> part;
-  const size_t size = session.writer().next(part.data());
-  if (size == 0) session.end();
-  reply.data(Bytes(part).first(size));
+  const size_t size = asked.backup.writer().next(part.data());
+  if (size == 0) asked.backup.end();
+  asked.reply.data(Bytes(part).first(size));
 }
 
-void VaultAdministration::change_key(const handlers::Request &request, handlers::Reply &reply, BackupSession &) {
-  if (!request.message.empty() && request.message.size() != vault::kMasterKeySize) {
-    return reply.result(KS_INVALID_ARGS);
-  }
-  std::shared_ptr<const SecretBytes> next;
-  if (!request.message.empty()) next = SecretBytes::copy_of(request.message);
-  reply.result(vault_.change_key(std::move(next)));
+void Administration::change_master_key(const Asked &asked) {
+  const Bytes key = asked.request.message;
+  if (!key.empty() && key.size() != vault::kMasterKeySize) return asked.reply.result(KS_INVALID_ARGS);
+  asked.reply.result(vault_.change_key(key.empty() ? nullptr : SecretBytes::copy_of(key)));
 }
 
-void VaultAdministration::key_change(const handlers::Request &request, handlers::Reply &reply, BackupSession &) {
-  if (!request.message.empty()) return reply.result(KS_INVALID_ARGS);
+void Administration::master_key_change(const Asked &asked) {
   const vault::KeyChangeProgress progress = vault_.key_change();
   HostKeyChangeReply told{};
   told.result = KS_SUCCESS;
   told.state = static_cast<uint32_t>(progress.state);
   told.moved = progress.moved;
   told.entries = progress.entries;
-  reply.record(told);
+  asked.reply.record(told);
 }
 
 }  // namespace ksd::server

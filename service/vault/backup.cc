@@ -51,6 +51,9 @@ BackupWriter::BackupWriter(Snapshot snapshot, uint64_t time, const SecretBytes &
       part_(SecretBytes::allocate(kBackupPartSize)) {
   std::sort(snapshot_.rows.begin(), snapshot_.rows.end(),
             [](const RowPtr &a, const RowPtr &b) { return a->id < b->id; });
+  size_t size = kHeadSize + kTrailerSize;
+  for (const RowPtr &row : snapshot_.rows) size += kEntryHeadSize + encoded_size(*row);
+  parts_ = (size + kBackupPartSize - 1) / kBackupPartSize;
   crypto_secretstream_xchacha20poly1305_init_push(state_in(stream_), stream_header_.data(), key.bytes().data());
   crypto_generichash_init(&hash_, nullptr, 0, 32);
 }

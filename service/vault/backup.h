@@ -46,6 +46,9 @@ class BackupWriter {
   // that of the snapshot, in seconds since 1970.
   BackupWriter(Snapshot snapshot, uint64_t time, const SecretBytes &key, Bytes opening);
 
+  // parts is how many there are.
+  size_t parts() const { return parts_; }
+
   const BackupStreamHeader &stream_header() const { return stream_header_; }
 
   // next writes the next sealed part to `out`, which has room for kSealedPartSize bytes, and gives its length; 0 when
@@ -61,6 +64,7 @@ class BackupWriter {
   Snapshot snapshot_;
   uint64_t time_;
   std::vector<uint8_t> opening_;
+  size_t parts_ = 0;
   BackupStreamHeader stream_header_{};
   std::shared_ptr<SecretBytes> stream_, part_;
   crypto_generichash_state hash_;

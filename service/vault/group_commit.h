@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "vault/group.h"
 #include "vault/master_key.h"
 #include "vault/use_watch.h"
@@ -65,6 +66,9 @@ class GroupCommit {
   // throws is thrown here.
   void between_groups(const std::function<void()> &errand);
 
+  const std::string &path() const { return writer_.path(); }
+  KsResult write_back(uint64_t &pages);
+  Condition condition() const;
   KsResult change_key(std::shared_ptr<const SecretBytes> next);
   KeyChangeProgress key_change() const;
   const VaultId &vault_id() const { return vault_id_; }
@@ -99,7 +103,9 @@ class GroupCommit {
   void look_around(const Limits &limits) noexcept;
   void go_on_compacting() noexcept;
   void measure_room() noexcept;
+  void log_refusal(const Group &group) noexcept;
   void log_failure(const WriteFailure &failure) noexcept;
+  void tell_condition(const char *refusal) noexcept;
 
   // Of the thread of writes alone.
   Writer writer_;
@@ -107,6 +113,7 @@ class GroupCommit {
   const State &state_;
   Audience &audience_;
   UseWatch use_watch_;
+  LogLimiter log_limiter_;
   std::vector<Change *> group_;    // with room for the largest group, as the next
   std::vector<KsResult> results_;  // of decisions, in the order of the group
   bool failing_ = false;
@@ -116,6 +123,9 @@ class GroupCommit {
 
   mutable std::mutex progress_mutex_;
   KeyChangeProgress progress_;
+
+  mutable std::mutex condition_mutex_;
+  Condition condition_;
 
   mutable std::mutex limits_mutex_;
   Limits limits_;

@@ -34,6 +34,9 @@ class Writer {
   // give_back is a step of compaction; `done` tells whether it was the last.
   std::optional<WriteFailure> give_back(bool &done);
 
+  // write_log_back tells how many pages the log held.
+  std::optional<WriteFailure> write_log_back(uint64_t &pages);
+
   // A change of the master key, in these steps. What each has done is on disk when it gives nothing, and a kill
   // between two leaves what opens with the present key, and once all has moved with the next one as well.
   //
@@ -53,6 +56,9 @@ class Writer {
 
   const Keys &keys() const { return keys_; }
   Database::Room room() { return database_.room(); }
+  bool has_begun() const { return begun_; }
+  bool is_broken() const { return broken_; }
+  bool reserve_is_kept() const { return reserve_.is_kept(); }
   const std::string &path() const { return database_.path(); }
 
  private:

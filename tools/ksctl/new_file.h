@@ -1,36 +1,15 @@
-// new_file.h: a file that is there as a whole or not at all.
+// new_file.h: a file that is there whole, or not at all.
 #ifndef TOOLS_KSCTL_NEW_FILE_H
 #define TOOLS_KSCTL_NEW_FILE_H
 
-#include <cstdint>
-#include <span>
 #include <string>
-
-#include "base/fd.h"
+#include <string_view>
 
 namespace ksctl {
 
-// NewFile has no name until keep gives it one, where the file system can do that; else one that ends in ".part". It
-// never takes the place of a file that is there: Failure kConflict. Other failures are kFailed, with the cause.
-class NewFile {
- public:
-  explicit NewFile(const std::string &path);
-  ~NewFile();
-  NewFile(const NewFile &) = delete;
-  NewFile &operator=(const NewFile &) = delete;
-
-  void write(std::span<const uint8_t> bytes);
-
-  // keep brings it to disk, under its name.
-  void keep();
-
- private:
-  [[noreturn]] void fail() const;
-
-  const std::string path_, draft_;
-  ksd::UniqueFd file_;
-  bool has_name_ = false;
-};
+// write_new_file writes a file of mode 0600 under another name and puts it in the place of `path` when it is whole.
+// Throws Failure when it can't be; then what was at `path` is there still.
+void write_new_file(const std::string &path, std::string_view content);
 
 }  // namespace ksctl
 

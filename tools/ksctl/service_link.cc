@@ -57,7 +57,7 @@ std::vector<uint8_t> ServiceLink::ask(uint32_t opcode, std::span<const uint8_t> 
   std::vector<uint8_t> reply;
   const KsResult result = result_of(opcode, descriptor, &reply);
   if (result == KS_SUCCESS) return reply;
-  throw Failure(Exit::kFailed,
+  throw Failure(result == KS_NOT_FOUND ? Exit::kNotFound : Exit::kFailed,
                 fmt::format("{}: {} ({}); the service's log says more", socket_path_, kserr2str(result), result));
 }
 
@@ -71,12 +71,12 @@ KsResult ServiceLink::result_of(uint32_t opcode, std::span<const uint8_t> descri
                                  .sap = KS_SERVICE_SAP,
                                  .app_uuid = 0,
                                  .payload_size = static_cast<uint32_t>(descriptor.size())};
-  std::vector<uint8_t> datagram(sizeof header + descriptor.size());
+  std::vector<uint8_t> datagram(HOST_WIRE_MAX_DATAGRAM);  // for the reply as well, so that no copy of a key is left
   std::memcpy(datagram.data(), &header, sizeof header);
   if (!descriptor.empty()) std::memcpy(datagram.data() + sizeof header, descriptor.data(), descriptor.size());
-  if (host::send_datagram(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0) throw lost("sent");
+  if (host::send_datagram(socket_.get(), datagram.data(), sizeof header + descriptor.size(), MSG_NOSIGNAL) < 0)
+    throw lost("sent");
 
-  datagram.resize(HOST_WIRE_MAX_DATAGRAM);
   const host::Deadline deadline = host::Deadline::in_ms(hello_.receive_limit_ms);
   const ssize_t size = host::receive(socket_.get(), datagram.data(), datagram.size(), deadline, false);
   if (size < 0) throw lost("received");

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "command.h"
-#include "new_file.h"
+#include "growing_file.h"
 #include "progress.h"
 #include "secret_input.h"
 #include "service_link.h"
@@ -64,7 +64,7 @@ ksd::UniqueFd open_file(const std::string &path) {
 }
 
 void backup(Session &session, const Arguments &arguments) {
-  NewFile file(arguments.text("FILE"));
+  GrowingFile file(arguments.text("FILE"));
   ServiceLink link(session.socket);
   const Secret passphrase = read_passphrase(arguments.descriptor("--passphrase-fd"), kOfBackup, true);
 
@@ -79,15 +79,16 @@ void backup(Session &session, const Arguments &arguments) {
   file.write(opening);
   file.write(begun.stream_header);
   uint64_t bytes = opening.size() + sizeof begun.stream_header;
-  Progress progress("MiB");
+  std::optional<Progress> progress(std::in_place, "backup", "parts", begun.parts);
   for (;;) {
+    progress->step();
     const std::vector<uint8_t> reply = link.ask(HOST_OP_NEXT_BACKUP_PART);
     const auto part = std::span(reply).subspan(std::min<size_t>(reply.size(), 6));
     if (part.empty()) break;
     file.write(part);
     bytes += part.size();
-    progress.tell(bytes >> 20, bytes >> 20);
   }
+  progress.reset();
   file.keep();
   session.output.done(
       fmt::format("{}: {} entries, {} bytes", arguments.text("FILE"), begun.entries, bytes),
@@ -110,11 +111,15 @@ void restore(Session &session, const Arguments &arguments) {
   }
   const ksd::UniqueFd file = open_file(name);
   const Secret passphrase = read_passphrase(arguments.descriptor("--passphrase-fd"), kOfBackup, false);
-  Progress shown("entries");
-  const auto progress = [&shown](uint64_t done, uint64_t all) { shown.tell(done, all); };
+  std::optional<Progress> shown;
+  const auto progress = [&shown](uint64_t, uint64_t all) {
+    if (!shown) shown.emplace("restore", "entries", all);
+    shown->step();
+  };
 
   if (only_verify) {
     const auto contents = vault::verify_backup(file.get(), name, passphrase->bytes(), progress);
+    shown.reset();
     session.output.done(
         fmt::format("{}: whole, {} entries of {}", name, contents.entry_count, time_in_words(contents.time)),
         described(name, contents));
@@ -126,6 +131,7 @@ void restore(Session &session, const Arguments &arguments) {
                      .passphrase = optional_passphrase(arguments, "--key-passphrase-fd")},
       .witness = arguments.text_or("--witness", "")};
   const auto restored = vault::restore_backup(file.get(), name, passphrase->bytes(), options, progress);
+  shown.reset();
   Object object = described(name, restored.contents);
   object.emplace_back("vault", options.vault);
   object.emplace_back("made_key", restored.made_key);
@@ -199,13 +205,14 @@ void rekey(Session &session, const Arguments &arguments) {
   constexpr std::chrono::milliseconds kPause(50);
   ServiceLink link(session.socket);
   begin_rekey(link, arguments);
-  Progress progress("entries");
-  HostKeyChangeReply told;
-  for (;;) {
-    told = link.ask_for<HostKeyChangeReply>(HOST_OP_MASTER_KEY_CHANGE);
-    if (told.state != HOST_KEY_MOVING) break;
-    progress.tell(told.moved, told.entries);
-    std::this_thread::sleep_for(kPause);
+  auto told = link.ask_for<HostKeyChangeReply>(HOST_OP_MASTER_KEY_CHANGE);
+  {
+    Progress progress("vault rekey", "entries", told.entries);
+    for (uint64_t moved = 0; told.state == HOST_KEY_MOVING;) {
+      for (; moved < told.moved; ++moved) progress.step();
+      std::this_thread::sleep_for(kPause);
+      told = link.ask_for<HostKeyChangeReply>(HOST_OP_MASTER_KEY_CHANGE);
+    }
   }
   if (told.state == HOST_KEY_STOPPED) {
     throw Failure(Exit::kFailed,
@@ -221,7 +228,7 @@ void rekey(Session &session, const Arguments &arguments) {
 
 void export_key(Session &session, const Arguments &arguments) {
   const std::string &path = arguments.text("FILE");
-  NewFile file(path);
+  GrowingFile file(path);
   const vault::MasterKey master =
       vault::read_master_key({.file = arguments.text("--master-key-file"),
                               .passphrase = optional_passphrase(arguments, "--key-passphrase-fd")},
