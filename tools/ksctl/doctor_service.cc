@@ -100,7 +100,8 @@ std::string continue_it(pid_t pid) {
 
 void look_at_folder(const Patient &patient, Findings &findings) {
   uid_t owner = 0;
-  if (host::check_folder_of(patient.socket.c_str(), &owner)) return;
+  uint32_t level = 0;
+  if (host::check_folder_of(patient.socket.c_str(), &owner, &level)) return;
   const int why = errno;
   const std::string folder = ksd::folder_of(patient.socket);
   switch (why) {
@@ -163,7 +164,8 @@ void look_at_socket(const Patient &patient, Findings &findings) {
 void look_at_answer(const Patient &patient, const Peer &peer, Findings &findings) {
   const pid_t pid = served_by(patient, peer);
   HostHelloReply hello{};
-  const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kHelloLimitMs, &hello));
+  host::Obstacle obstacle;
+  const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kHelloLimitMs, &hello, &obstacle));
   if (link) return findings.good(fmt::format("process {} answers", pid));
   switch (errno) {
     case ETIMEDOUT:

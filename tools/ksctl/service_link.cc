@@ -49,7 +49,8 @@ Failure no_connection(const std::string &path, int why) {
 
 ServiceLink::ServiceLink(const std::string &socket) : socket_path_(socket) {
   const char *path = socket.size() < host::kSocketPathSize ? socket.c_str() : "";
-  socket_ = ksd::UniqueFd(host::connect_to_service(path, host::kDefaultReceiveLimitMs, &hello_));
+  host::Obstacle obstacle;
+  socket_ = ksd::UniqueFd(host::connect_to_service(path, host::kDefaultReceiveLimitMs, &hello_, &obstacle));
   if (!socket_) throw no_connection(socket, errno);
 }
 
