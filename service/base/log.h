@@ -44,7 +44,8 @@ class LogLimiter {
     kUnmapped,
     kStoreRefused,
     kCantAccept,
-    kSignal
+    kSignal,
+    kAdministration
   };
   using Clock = std::chrono::steady_clock;
 

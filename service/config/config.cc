@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -24,6 +25,7 @@ namespace {
 
 constexpr size_t kLongestSocketPath = sizeof(sockaddr_un{}.sun_path) - 1;
 constexpr size_t kLongestUri = sizeof(HostHelloReply{}.running_cfg_uri) - 1;
+constexpr char kSubordinateUsersPath[] = "/etc/subuid";
 constexpr std::string_view kUriScheme = "lmdb:///";
 
 std::optional<uid_t> user_id(const std::string &name) {
@@ -388,6 +390,33 @@ std::optional<std::string> read_file(int fd) {
   }
 }
 
+// number_of takes a text that is a number and nothing else.
+std::optional<uint32_t> number_of(std::string_view text) {
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+// Whose range is nobody's any more stands together under its first number.
+std::optional<SubordinateUsers> subordinate_users_of(std::string_view line) {
+  const size_t first_at = line.find(':') + 1;
+  const size_t count_at = line.find(':', first_at) + 1;
+  if (first_at == 0 || count_at == 0) return std::nullopt;
+  const std::string_view owner = line.substr(0, first_at - 1);
+  const auto first = number_of(line.substr(first_at, count_at - 1 - first_at));
+  const auto count = number_of(line.substr(count_at));
+  if (!first || !count) return std::nullopt;
+  const std::optional<uid_t> named = user_id(std::string(owner));
+  return SubordinateUsers{*first, *count, named ? *named : number_of(owner).value_or(*first)};
+}
+
+// None are no problem: most machines have no such file.
+std::vector<SubordinateUsers> load_subordinate_users() {
+  const UniqueFd fd(open(kSubordinateUsersPath, O_RDONLY | O_CLOEXEC));
+  return parse_subordinate_users(fd ? read_file(fd.get()).value_or("") : "");
+}
+
 ParsedConfig file_problem(std::string text) {
   ParsedConfig parsed;
   parsed.problems.push_back({0, 0, std::move(text)});
@@ -404,11 +433,18 @@ Caller Config::identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> 
   caller.uid = uid;
   caller.gid = gid;
   caller.pid = pid;
+  caller.counted_as = uid;
   caller.administrator = administrator_users.contains(uid) ||
                          std::any_of(administrator_groups.begin(), administrator_groups.end(), is_member);
   if (const auto own = vdc_of_user.find(uid); own != vdc_of_user.end()) {
     caller.vdc_id = own->second;
     return caller;
+  }
+  const auto behind = std::upper_bound(subordinate_users.begin(), subordinate_users.end(), uid,
+                                       [](uid_t left, const SubordinateUsers &right) { return left < right.first; });
+  if (behind != subordinate_users.begin()) {
+    const SubordinateUsers &range = *std::prev(behind);
+    if (uid - range.first < range.count) caller.counted_as = range.owner;
   }
   for (const auto &[group, vdc] : vdc_of_group) {
     if (!is_member(group)) continue;
@@ -445,6 +481,17 @@ ParsedConfig parse_config(std::string_view text) {
   return parsed;
 }
 
+std::vector<SubordinateUsers> parse_subordinate_users(std::string_view text) {
+  std::vector<SubordinateUsers> all;
+  for (size_t begin = 0; begin < text.size();) {
+    const size_t end = std::min(text.find('\n', begin), text.size());
+    if (const auto range = subordinate_users_of(text.substr(begin, end - begin))) all.push_back(*range);
+    begin = end + 1;
+  }
+  std::stable_sort(all.begin(), all.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+  return all;
+}
+
 ParsedConfig load_config(const std::string &path) {
   const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat status {};
@@ -454,6 +501,7 @@ ParsedConfig load_config(const std::string &path) {
   const std::optional<std::string> text = read_file(fd.get());
   if (!text) return file_problem(std::strerror(errno));
   ParsedConfig parsed = parse_config(*text);
+  parsed.config.subordinate_users = load_subordinate_users();
   parsed.config.file = path;
   return parsed;
 }

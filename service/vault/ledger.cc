@@ -37,15 +37,17 @@ std::optional<Refusal> Ledger::refusal(const EntryRow *before, const EntryRow &a
 
 void Ledger::replace(const EntryRow *before, const EntryRow *after) {
   if (before != nullptr) {
-    Use &user = users_[before->owner];
-    for (Use *use : {&all_, &user}) {
+    UserUse &user = users_[before->owner];
+    for (Use *use : {&all_, static_cast<Use *>(&user)}) {
       --use->entries;
       use->bytes -= before->bytes();
     }
     if (user.entries == 0) users_.erase(before->owner);
   }
   if (after == nullptr) return;
-  for (Use *use : {&all_, &users_[after->owner]}) {
+  UserUse &user = users_[after->owner];
+  user.vdc_id = after->name.vdc_id;
+  for (Use *use : {&all_, static_cast<Use *>(&user)}) {
     ++use->entries;
     use->bytes += after->bytes();
   }

@@ -17,6 +17,10 @@ struct Use {
   uint64_t bytes = 0;
 };
 
+struct UserUse : Use {
+  uint16_t vdc_id = 0;  // of the entry that was stored last
+};
+
 // reaches tells whether `percent` of the entries or of the bytes of `limit` are used.
 bool reaches(const Use &use, const Use &limit, unsigned percent);
 
@@ -37,16 +41,16 @@ class Ledger {
   void replace(const EntryRow *before, const EntryRow *after);
 
   const Use &all() const { return all_; }
-  const std::map<uid_t, Use> &users() const { return users_; }
+  const std::map<uid_t, UserUse> &users() const { return users_; }
 
  private:
   Use of(uid_t user) const {
     const auto found = users_.find(user);
-    return found == users_.end() ? Use{} : found->second;
+    return found == users_.end() ? Use{} : Use(found->second);
   }
 
   Use all_;
-  std::map<uid_t, Use> users_;
+  std::map<uid_t, UserUse> users_;
 };
 
 }  // namespace ksd::vault

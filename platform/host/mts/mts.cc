@@ -10,11 +10,15 @@
 
 #include "connections.h"
 #include "host_datagram.h"
+#include "host_message.h"
 #include "host_socket.h"
 #include "last_error.h"
 
 namespace {
 
+using host::load;
+using host::Message;
+using host::store;
 using mts::Slot;
 using mts::Step;
 
@@ -54,30 +58,6 @@ bool find_queue(uint32_t queue, uint32_t *app_uuid) {
   const uint64_t entry = queues[queue - 1].load(std::memory_order_acquire);
   *app_uuid = static_cast<uint32_t>(entry);
   return entry != 0;
-}
-
-// ---- Messages. What is kept in the 25 bytes of a KsMtsMessage.
-
-constexpr uint32_t kSent = 0x73746d31;
-constexpr uint32_t kReceived = 0x72746d31;
-constexpr uint32_t kDropped = 0x64746d31;
-
-struct Message {
-  uint32_t kind;
-  uint32_t token;
-  uint32_t payload_size;
-  void *payload;  // of a received one: a heap block of its own
-};
-static_assert(sizeof(Message) <= sizeof(KsMtsMessage));
-
-Message load(const KsMtsMessage *message) {
-  Message content;
-  memcpy(&content, message->bytes, sizeof content);
-  return content;
-}
-
-void store(const Message &content, KsMtsMessage *message) {
-  memcpy(message->bytes, &content, sizeof content);
 }
 
 // ---- Requests.
@@ -325,7 +305,12 @@ KS_EXPORT uint32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_
   }
   slot->sent_at = ticks();
   mts::await_reply(slot);
-  store({.kind = kSent, .token = request.header.token, .payload_size = 0, .payload = nullptr}, sent);
+  store({.kind = host::kSentMessage,
+         .token = request.header.token,
+         .payload_size = 0,
+         .opcode = opcode,
+         .payload = nullptr},
+        sent);
   return 0;
 }
 
@@ -340,7 +325,11 @@ KS_EXPORT uint32_t mts_recv(uint32_t queue, KsMtsMessage *received, const KsRecv
   Slot *slot = mts::resume(options->token);
   if (slot == nullptr) return failed_call(EINVAL);
 
-  Message reply = {.kind = kReceived, .token = options->token, .payload_size = 0, .payload = nullptr};
+  Message reply = {.kind = host::kReceivedMessage,
+                   .token = options->token,
+                   .payload_size = 0,
+                   .opcode = slot->opcode,
+                   .payload = nullptr};
   const int error = receive_reply(slot, &reply);
   if (error != 0) failed_receive(slot, error);
   if (error != 0 && error != ENOMEM) {
@@ -364,16 +353,16 @@ KS_EXPORT uint32_t mts_payload_size(const KsMtsMessage *received) {
 KS_EXPORT void mts_drop(uint32_t, KsMtsMessage *message) {
   if (message == nullptr) return;
   const Message dropped = load(message);
-  if (dropped.kind == kSent) {
+  if (dropped.kind == host::kSentMessage) {
     // Usually nothing: the reply is in. A request whose reply nobody waited for ends its connection.
     if (Slot *slot = mts::resume(dropped.token)) mts::close_and_give_back(slot);
-  } else if (dropped.kind == kReceived) {
+  } else if (dropped.kind == host::kReceivedMessage) {
     explicit_bzero(dropped.payload, dropped.payload_size);  // a reply may hold what a secret stands for
     free(dropped.payload);
   } else {
     return;
   }
-  store({.kind = kDropped, .token = 0, .payload_size = 0, .payload = nullptr}, message);
+  store({.kind = host::kDroppedMessage, .token = 0, .payload_size = 0, .opcode = 0, .payload = nullptr}, message);
 }
 
 KS_EXPORT uint32_t mts_errno_get(uint32_t) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host_message.h"
 #include "host_state.h"
 #include "ring.h"
 #include "tracing.h"
@@ -121,6 +122,13 @@ void print_report(const void *record, uint32_t length) {
   if (size > 0) sdwrap::write_line(line, static_cast<size_t>(size));
 }
 
+// A message that failed was never filled in, and what another message service fills in is its own.
+uint32_t opcode_of(const KsMtsMessage *message, uint32_t result) {
+  if (message == nullptr || result == MTS_FAILED) return 0;
+  const host::Message content = host::load(message);
+  return content.kind == host::kSentMessage || content.kind == host::kReceivedMessage ? content.opcode : 0;
+}
+
 }  // namespace
 
 // The library has one history event, so gates are by subtype alone.
@@ -136,11 +144,14 @@ KS_EXPORT int sdwrap_hist_event(uint32_t, uint32_t length, const void *record) {
   return 0;
 }
 
-KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *, uint32_t result, uint32_t) {
+KS_EXPORT int sdwrap_hist_mts_event(uint32_t direction, const KsMtsMessage *message, uint32_t result, uint32_t) {
   // Two of these go with every exchange, and the exact clock would more than double their 18 ns: their order is exact,
-  // their time that of the last tick.
-  const HostRingMtsEvent event = {.direction = direction, .result = result};
-  look_after_files(sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, CLOCK_REALTIME_COARSE));
+  // their time that of the last tick. Where all reports are recorded, the clock is read anyway, and often.
+  const bool exact = sdwrap_hist_event_subtype_check(0, HOST_DETAILED_SUBTYPE) == 0;
+  const HostRingMtsEvent event = {
+      .direction = direction, .result = result, .opcode = opcode_of(message, result), .exact = exact ? 1U : 0U};
+  look_after_files(
+      sdwrap::record(HOST_RING_MTS_EVENT, &event, sizeof event, exact ? CLOCK_REALTIME : CLOCK_REALTIME_COARSE));
   return 0;
 }
 

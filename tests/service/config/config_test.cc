@@ -111,6 +111,35 @@ TEST(Config, GivesUsersTheirOwnVdcBeforeThatOfTheirGroups) {
   EXPECT_FALSE(config.identify(1007, 1, 1, {}).vdc_id);
 }
 
+TEST(Config, CountsTheUsersOfAContainerAsItsOwner) {
+  Config config = good("[[vdc]]\nid = 6\nusers = [200007]\n");
+  EXPECT_EQ(config.identify(200000, 1, 1, {}).counted_as, 200000u);
+  config.subordinate_users = ksd::config::parse_subordinate_users("1001:200000:65536\nroot:100000:50000\n");
+  EXPECT_EQ(config.identify(100000, 1, 1, {}).counted_as, 0u);
+  EXPECT_EQ(config.identify(149999, 1, 1, {}).counted_as, 0u);
+  EXPECT_EQ(config.identify(200000, 1, 1, {}).counted_as, 1001u);
+  EXPECT_EQ(config.identify(265535, 1, 1, {}).counted_as, 1001u);
+  for (const uid_t outside : {99999u, 150000u, 199999u, 265536u}) {
+    EXPECT_EQ(config.identify(outside, 1, 1, {}).counted_as, outside);
+  }
+  EXPECT_EQ(config.identify(200007, 1, 1, {}).counted_as, 200007u) << "whom the configuration names";
+  EXPECT_EQ(config.identify(200000, 1, 1, {}).uid, 200000u);
+}
+
+TEST(SubordinateUsers, OfNobodyStandTogether) {
+  const auto ranges = ksd::config::parse_subordinate_users("there-is-no-such-user:300000:10");
+  ASSERT_EQ(ranges.size(), 1u);
+  EXPECT_EQ(ranges[0].owner, 300000u);
+  EXPECT_EQ(ranges[0].count, 10u);
+}
+
+TEST(SubordinateUsers, AreNotTakenFromLinesThatAreNone) {
+  for (const char *text : {"", "\n", ":", "root", "root:1", "root:1:", "root::1", "root:x:1", "root:1:1:1", "root:1:-1",
+                           "root:4294967296:1", "# root:1:1 "}) {
+    EXPECT_THAT(ksd::config::parse_subordinate_users(text), IsEmpty()) << text;
+  }
+}
+
 TEST(Config, NamesAdministratorsByUserAndByGroup) {
   const Config config = good("[administrators]\nusers = [\"root\"]\ngroups = [77]\n");
   const std::vector<gid_t> group{77};
@@ -120,6 +149,12 @@ TEST(Config, NamesAdministratorsByUserAndByGroup) {
   EXPECT_FALSE(config.identify(1000, 1, 1, {}).administrator);
   EXPECT_TRUE(config.identify(0, 0, 1, {}).may_use(9));
   EXPECT_FALSE(config.identify(1000, 1, 1, {}).may_use(0));
+}
+
+TEST(Config, TakesAGroupByItsName) {
+  EXPECT_EQ(good("[service]\nsocket_group = \"root\"\n").socket_group, 0u);
+  EXPECT_THAT(problems_of("[service]\nsocket_group = \"no-such-group\"\n"),
+              ElementsAre("f:2:16: there is no group \"no-such-group\" on this machine; create it or give a number"));
 }
 
 TEST(Config, FillsUserAndVdcIntoTheCacheUri) {

@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <semaphore>
+#include <thread>
+
 namespace {
 
 using ksd::Caller;
@@ -20,6 +23,7 @@ constexpr Clock::time_point kStart{std::chrono::hours(1)};
 Caller user(uid_t uid) {
   Caller caller;
   caller.uid = uid;
+  caller.counted_as = uid;
   caller.vdc_id = 7;
   return caller;
 }
@@ -27,6 +31,7 @@ Caller user(uid_t uid) {
 Caller stranger(uid_t uid) {
   Caller caller;
   caller.uid = uid;
+  caller.counted_as = uid;
   return caller;
 }
 
@@ -126,6 +131,23 @@ TEST_F(Places, OfOneUserMakeNoCrowd) {
   EXPECT_TRUE(users.check_crowd(now));
   now += std::chrono::seconds(1);
   EXPECT_FALSE(users.check_crowd(now));
+}
+
+TEST_F(Places, OfUsersInACrowdAreForOneLargeChangeAtATimeAndMoreSmallOnes) {
+  take(user(1), 1);
+  take(user(2), 1);
+  ksd::server::Share::Pass large(last->changes_of(4097));
+  const ksd::server::Share::Pass small(last->changes_of(4096));
+  const ksd::server::Share::Pass another(last->changes_of(20));
+  std::binary_semaphore second_came_in(0);
+  std::thread other([&] {
+    const ksd::server::Share::Pass second(last->changes_of(60000));
+    second_came_in.release();
+  });
+  EXPECT_FALSE(second_came_in.try_acquire());
+  large.give_back();
+  second_came_in.acquire();
+  other.join();
 }
 
 TEST(Allowance, LetsATenthOfASecondsThroughAtOnceAndTheRestInTime) {
