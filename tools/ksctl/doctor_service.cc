@@ -100,8 +100,7 @@ std::string continue_it(pid_t pid) {
 
 void look_at_folder(const Patient &patient, Findings &findings) {
   uid_t owner = 0;
-  uint32_t level = 0;
-  if (host::check_folder_of(patient.socket.c_str(), &owner, &level)) return;
+  if (host::check_folder_of(patient.socket.c_str(), &owner)) return;
   const int why = errno;
   const std::string folder = ksd::folder_of(patient.socket);
   switch (why) {
@@ -164,8 +163,7 @@ void look_at_socket(const Patient &patient, Findings &findings) {
 void look_at_answer(const Patient &patient, const Peer &peer, Findings &findings) {
   const pid_t pid = served_by(patient, peer);
   HostHelloReply hello{};
-  host::Obstacle obstacle;
-  const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kHelloLimitMs, &hello, &obstacle));
+  const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kHelloLimitMs, &hello));
   if (link) return findings.good(fmt::format("process {} answers", pid));
   switch (errno) {
     case ETIMEDOUT:

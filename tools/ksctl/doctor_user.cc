@@ -21,8 +21,7 @@ std::optional<HostHelloReply> hello_of(const Patient &patient) {
   if (process && process->state == 'T') return std::nullopt;
   constexpr uint32_t kLimitMs = 3000;
   HostHelloReply hello{};
-  host::Obstacle obstacle;
-  const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kLimitMs, &hello, &obstacle));
+  const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kLimitMs, &hello));
   if (!link) return std::nullopt;
   return hello;
 }

@@ -49,8 +49,7 @@ Failure no_connection(const std::string &path, int why) {
 
 ServiceLink::ServiceLink(const std::string &socket) : socket_path_(socket) {
   const char *path = socket.size() < host::kSocketPathSize ? socket.c_str() : "";
-  host::Obstacle obstacle;
-  socket_ = ksd::UniqueFd(host::connect_to_service(path, host::kDefaultReceiveLimitMs, &hello_, &obstacle));
+  socket_ = ksd::UniqueFd(host::connect_to_service(path, host::kDefaultReceiveLimitMs, &hello_));
   if (!socket_) throw no_connection(socket, errno);
 }
 
