@@ -42,7 +42,10 @@ class OpenVault : public testing::Test {
     EXPECT_EQ(read_file(folder.vault()), before);
   }
 
-  void refuses_as_damaged(const std::string &why) { refuses(folder.vault(), "damaged (" + why, "backup"); }
+  void refuses_as_damaged(const std::string &why) {
+    refuses(folder.vault(), "damaged (" + why,
+            "put a backup of vault, log and witness in its place, or move all three");
+  }
 
   void sql(const std::string &statement) { run_sql(folder.vault(), statement); }
 
@@ -84,6 +87,26 @@ TEST_F(OpenVault, RefusesAFileCutShort) {
     write_file(folder.vault(), whole.substr(0, size));
     refuses_as_damaged("");
   }
+}
+
+// What the line about a damaged vault says to do, done.
+TEST_F(OpenVault, StartsWithABackupOrAnEmptyOneWhereADamagedOneStood) {
+  const auto move_all_three = [](const Folder &from, const Folder &to) {
+    for (const char *name : {"/vault.db", "/vault.db-wal", "/vault.db-witness"}) {
+      if (std::filesystem::exists(from.path() + name)) std::filesystem::rename(from.path() + name, to.path() + name);
+    }
+  };
+  const Folder backup, damaged, emptied;
+  std::filesystem::copy(folder.path(), backup.path());
+  put(*folder.open(), "d", "secret d");
+  write_file(folder.vault(), "");
+  refuses_as_damaged("the file is empty");
+
+  move_all_three(folder, damaged);
+  EXPECT_EQ(folder.open()->count(), 0u);
+  move_all_three(folder, emptied);
+  move_all_three(backup, folder);
+  EXPECT_EQ(folder.open()->count(), 3u);
 }
 
 TEST_F(OpenVault, RefusesALogWithoutItsVault) {
@@ -197,6 +220,15 @@ TEST_F(OpenVault, RefusesAHeaderOfAnOlderVersion) {
   refuses_as_damaged("its entries aren't those of its last change");
 }
 
+// With as many entries, each whole, and all of one moment: the digest alone tells.
+TEST_F(OpenVault, RefusesAnOlderTableUnderTheNewerHeader) {
+  const std::string older = folder.path() + "/older";
+  std::filesystem::copy_file(folder.vault(), older);
+  put(*folder.open(), "b", "another secret");
+  sql("ATTACH '" + older + "' AS older; DELETE FROM entry; INSERT INTO entry SELECT * FROM older.entry");
+  refuses_as_damaged("its entries aren't those of its last change");
+}
+
 TEST_F(OpenVault, RefusesRecordsOfAnotherVaultUnderTheSameKey) {
   const Folder other;
   std::filesystem::copy_file(folder.key(), other.key());
@@ -241,7 +273,7 @@ TEST_F(OpenVault, NeverShowsAnythingElseWhenAByteIsFlipped) {
 }
 
 TEST_F(MasterKeyFile, IsRefusedWithAnotherMode) {
-  for (const mode_t mode : {0640, 0604, 0700, 0200}) {
+  for (const mode_t mode : {0640u, 0604u, 0700u, 0200u}) {
     chmod(folder.key().c_str(), mode);
     refuses(folder.key(), "has mode 0", "chmod 0600 " + folder.key());
   }
@@ -256,7 +288,7 @@ TEST_F(MasterKeyFile, IsRefusedWhenItBelongsToSomebodyElse) {
 }
 
 TEST_F(MasterKeyFile, IsRefusedWhenItHasAnotherSizeOrIsNoFile) {
-  for (const size_t size : {0, 31, 33, 64}) {
+  for (const size_t size : {0u, 31u, 33u, 64u}) {
     write_file(folder.key(), std::string(size, 'k'));
     refuses(folder.key(), "exactly 32 bytes", "put the right file there");
   }

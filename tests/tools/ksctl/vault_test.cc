@@ -210,6 +210,54 @@ TEST(BackupMessage, EndsABackupThatIsNotReadOn) {
   EXPECT_EQ(client.exchange(kNextPart, {}).result(), kNotFound) << "the connection goes on";
 }
 
+// run_with_host_key runs a command of systemd-creds where nothing of the machine's own is changed: its key is made and
+// kept in memory.
+ProgramRun run_with_host_key(const std::string &commands) {
+  return run_program(
+      {"/usr/bin/unshare", "--mount", "/bin/bash", "-c", "set -e; mount -t tmpfs none /var/lib/systemd; " + commands});
+}
+
+// The key as systemd hands it over, sealed under the host's key on disk; and another one in its place, which a change
+// of the master key moves the vault to.
+TEST(SystemdCredential, IsTheMasterKeyAndIsChanged) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, for a host key of its own";
+  if (access("/usr/bin/systemd-creds", X_OK) != 0) GTEST_SKIP() << "systemd-creds isn't installed";
+  const ks_test::TemporaryFolder folder;
+  const std::string key = folder.path() + "/key", credential = folder.path() + "/key.cred",
+                    handed_over = folder.path() + "/master-key";
+  std::ofstream(key) << std::string(32, 'k');
+  const auto hand_over = [&](const std::string &from) {
+    std::filesystem::remove(handed_over);
+    return run_with_host_key("cd " + folder.path() + "; systemd-creds encrypt --with-key=host --name=master-key " +
+                             from + " " + credential + "; systemd-creds decrypt --name=master-key " + credential + " " +
+                             handed_over);
+  };
+  if (const ProgramRun run = hand_over(key); run.status != 0) GTEST_SKIP() << "no host key here: " << run.errors;
+
+  ServiceSetup setup = with_administrator();
+  setup.environment = {"CREDENTIALS_DIRECTORY=" + folder.path()};
+  // Without --master-key-file and its value.
+  setup.wrapper = {"/bin/bash", "-c", R"(exec "$1" "$2" "$3" "$4" "$5" "$8" "$9")", "bash"};
+  ServiceProcess service(setup);
+  store(service, 'a');
+  EXPECT_THAT(read_file(credential), Not(HasSubstr(std::string(32, 'k'))));
+
+  EXPECT_EQ(ksctl(service.socket(), {"vault", "rekey"}).status, 2) << "somebody has to put the next one there";
+  const std::string next = folder.path() + "/next";
+  const ProgramRun changed = ksctl(service.socket(), {"--json", "vault", "rekey", "--new-key-file", next});
+  EXPECT_EQ(changed.output, "{\"entries\":1,\"needs_restart\":true}\n") << changed.errors;
+  service.restart();
+  EXPECT_TRUE(exists(service, 'a')) << "the key before opens it still";
+  EXPECT_EQ(service.stop(), 0);
+  ASSERT_EQ(hand_over(next).status, 0);
+  service.start();
+  EXPECT_TRUE(exists(service, 'a'));
+  EXPECT_EQ(service.stop(), 0);
+  ASSERT_EQ(hand_over(key).status, 0);
+  EXPECT_THROW(service.start(), std::runtime_error);
+  EXPECT_THAT(service.log(), HasSubstr("belongs to another master key"));
+}
+
 // A key that is sealed in its file opens with the passphrase alone.
 TEST(PassphraseAtStart, OpensTheKeyAndNothingElseDoes) {
   ServiceSetup setup = with_administrator();
