@@ -67,6 +67,8 @@ struct Command {
 // The families, each in a file of its name.
 std::span<const Command> service_commands();  // status, owners, limits, reload, checkpoint
 std::span<const Command> stats_commands();    // stats
+std::span<const Command> top_commands();      // top
+std::span<const Command> config_commands();   // config check
 
 }  // namespace ksctl
 

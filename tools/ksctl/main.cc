@@ -22,6 +22,8 @@ namespace {
 constexpr std::array kFamilies{
     service_commands,
     stats_commands,
+    top_commands,
+    config_commands,
 };
 
 // What may be given with every command, in front of it or behind.
