@@ -102,7 +102,8 @@ void Connection::serve() {
 // an administrator asks of the service waits for no turn, least of all behind changes that a disk holds up.
 Share *Connection::share_for(const Frame &frame, const handlers::Row *row) {
   if (row == nullptr && caller_.administrator && frame.header.opcode > HOST_OP_HELLO) return nullptr;
-  return row != nullptr && row->work == handlers::Work::kChange ? &user_.changes : &user_.requests;
+  if (row == nullptr || row->work != handlers::Work::kChange) return &user_.requests;
+  return &user_.changes_of(frame.message.size());
 }
 
 // Reading the clock twice is 1 % of an exchange, which a commit doesn't notice.

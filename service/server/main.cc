@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <map>
 
+#include "config/places.h"
 #include "server/daemon.h"
 
 namespace {
@@ -11,10 +12,14 @@ constexpr int kWrongUse = 2;
 
 int check(const ksd::server::Options &options) {
   const ksd::config::ParsedConfig parsed = ksd::server::load(options);
-  for (const ksd::config::ConfigProblem &problem : parsed.problems) {
+  const std::vector<ksd::config::ConfigProblem> problems = ksd::config::find_problems(parsed);
+  for (const ksd::config::ConfigProblem &problem : problems) {
     std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
   }
-  if (!parsed.problems.empty()) return 1;
+  if (!problems.empty()) return 1;
+  if (const auto needed = ksd::config::what_else_it_needs(parsed.config)) {
+    std::fprintf(stderr, "%s: %s\n", options.config.c_str(), needed->c_str());
+  }
   std::printf("%s: valid\n", options.config.c_str());
   return 0;
 }
@@ -27,18 +32,22 @@ int main(int argc, char **argv) {
   bool only_check = false;
 
   CLI::App app("ksd keeps secrets and PACs and computes with keys that never leave it.");
-  app.add_option("--config", options.config, "Configuration file")->capture_default_str();
-  app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one");
-  app.add_option("--vault", options.vault, "Vault file, instead of the configured one");
-  app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start");
+  app.add_option("--config", options.config, "Configuration file")->option_text("FILE [" + options.config + "]");
+  app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one")->option_text("PATH");
+  app.add_option("--vault", options.vault, "Vault file, instead of the configured one")->option_text("FILE");
+  app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start")
+      ->option_text("FILE");
   app.add_flag("--accept-loss", options.accept_loss,
                "Start also from a vault that lacks acknowledged changes, after copying its files aside");
-  app.add_flag("--check", only_check, "Check the configuration, say what is wrong with it, and end");
+  app.add_flag("--check", only_check,
+               "Check the configuration and the places that it names, say what is wrong, and end");
   app.add_option("--log-level", options.log_level, "debug, info, warning or error, instead of the configured one")
+      ->option_text("{debug,info,warning,error}")
       ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
   const std::map<std::string, ksd::LogFormat> formats{
       {"auto", ksd::LogFormat::kAuto}, {"plain", ksd::LogFormat::kPlain}, {"journal", ksd::LogFormat::kJournal}};
   app.add_option("--log-format", options.log_format, "auto, plain (with times) or journal (with priorities)")
+      ->option_text("{auto,plain,journal}")
       ->transform(CLI::Transformer(formats));
   app.set_version_flag("--version", "ksd " KSD_VERSION);
   app.footer(

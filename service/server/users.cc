@@ -12,6 +12,7 @@ constexpr uid_t kAllUnmapped = HOST_ALL_UNMAPPED;  // nobody's number
 // than this ahead, and what one request costs is bounded.
 constexpr uint32_t kRequestsPerProcessor = 4;
 constexpr uint32_t kChangesAlone = 64;
+constexpr uint32_t kLargeForSmall = 8;  // a large change takes as long to write as so many small ones
 
 // How long several users count as connected after all but one have gone: those who come and go, such as programs that
 // run for a moment, find room from the beginning.
@@ -77,7 +78,8 @@ Rank rank_of(const Caller &caller) {
 
 User::User(uint32_t requests_shared, uint32_t changes_shared, const std::atomic<bool> &crowded)
     : requests(std::max(requests_shared, kRequestsPerProcessor * processors()), requests_shared, crowded),
-      changes(std::max(changes_shared, kChangesAlone), changes_shared, crowded) {}
+      changes(std::max(changes_shared, kChangesAlone), changes_shared, crowded),
+      large_changes(std::max(changes_shared, kChangesAlone), std::max(1u, changes_shared / kLargeForSmall), crowded) {}
 
 Users::Place Users::take(const Caller &caller, const config::Limits &limits, Clock::time_point now) {
   const Rank rank = rank_of(caller);
@@ -92,9 +94,12 @@ Users::Place Users::take(const Caller &caller, const config::Limits &limits, Clo
   }
   const uint32_t own_limit = limit_of_one(rank, limits);
   const bool own_is_fuller = uint64_t{user.connections} * limits.connections >= uint64_t{all()} * own_limit;
-  if (!own_is_fuller) return {.user = &user, .whose = "of all users", .used = all(), .limit = limits.connections};
+  if (!own_is_fuller) {
+    return {.user = &user, .whose = "of all users", .key = "connections", .used = all(), .limit = limits.connections};
+  }
   return {.user = &user,
           .whose = rank == Rank::kUnmapped ? "of users without a VDC" : "of this user",
+          .key = rank == Rank::kUnmapped ? "connections_unmapped" : "connections_per_user",
           .used = user.connections,
           .limit = own_limit};
 }
@@ -141,23 +146,24 @@ const User *Users::find(uid_t uid) const {
 }
 
 const char *Users::why_not(Rank rank, const User &user, const config::Limits &limits) const {
-  if (all() >= limits.connections) return "all together have too many";
+  if (all() >= limits.connections) return "all together have too many (connections under [limits])";
   if (user.connections >= limit_of_one(rank, limits)) {
-    return rank == Rank::kUnmapped ? "users without a VDC have too many" : "the user has too many";
+    return rank == Rank::kUnmapped ? "users without a VDC have too many (connections_unmapped under [limits])"
+                                   : "the user has too many (connections_per_user under [limits])";
   }
   if (rank == Rank::kAdministrator) return nullptr;
 
   const uint32_t places = limits.connections - std::min(limits.connections, limits.connections_administrators);
   const uint32_t used = taken(Rank::kUnmapped) + taken(Rank::kMapped);
-  if (used >= places) return "the places that are left are kept for administrators";
+  if (used >= places) return "what is left is kept for administrators (connections_administrators under [limits])";
   if (rank == Rank::kMapped && user.connections >= kFew && used >= places - places / kPartForThem) {
-    return "the places that are left are kept for users with fewer";
+    return "what is left is kept for users with fewer (an eighth of connections under [limits])";
   }
   return nullptr;
 }
 
 User &Users::user_of(const Caller &caller, const config::Limits &limits, Clock::time_point now) {
-  const uid_t key = rank_of(caller) == Rank::kUnmapped ? kAllUnmapped : caller.uid;
+  const uid_t key = rank_of(caller) == Rank::kUnmapped ? kAllUnmapped : caller.counted_as;
   if (const auto found = users_.find(key); found != users_.end()) return *found->second;
   if (users_.size() >= forget_above_) forget_the_gone(limits, now);
   auto user = std::make_unique<User>(shared_requests(limits), limits.changes_per_user, crowded_);

@@ -52,8 +52,15 @@ Rank rank_of(const Caller &caller);
 struct User {
   User(uint32_t requests_shared, uint32_t changes_shared, const std::atomic<bool> &crowded);
 
+  // changes_of gives the share that a change of so many bytes counts for.
+  Share &changes_of(size_t size) { return size > kLargeChange ? large_changes : changes; }
+
+  // What the changes of others wait for is how much is written before them, so there are fewer large ones at a time.
+  static constexpr size_t kLargeChange = 4096;
+
   Share requests;
   Share changes;
+  Share large_changes;
   Allowance connects;
   uint32_t connections = 0;
   Caller last;             // who connected last
@@ -72,6 +79,7 @@ class Users {
     User *user = nullptr;    // none: refused
     const char *why = "";    // then, for the log
     const char *whose = "";  // of the fuller of the user's and all places, with what is taken and what there is
+    const char *key = "";    // and the name of that limit in the configuration
     uint32_t used = 0;
     uint32_t limit = 0;
   };

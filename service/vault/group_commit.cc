@@ -155,7 +155,10 @@ std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> chang
   const Limits limits = current_limits();
   Group group(state_, limits, last_version_);
   results_.clear();
-  for (Change *change : changes) results_.push_back(change->decide(group));
+  for (Change *change : changes) {
+    results_.push_back(change->decide(group));
+    if (results_.back() == KS_STORE_FULL) log_refusal(group);
+  }
   if (group.changes().empty()) return std::nullopt;
   const Header header = group.finished_header(sealer_);
   audience_.prepare(group);
@@ -213,6 +216,16 @@ void GroupCommit::measure_room() noexcept {
   const Database::Room room = writer_.room();
   compaction_helps_.store(room.free_pages >= kPagesWorthwhile && room.free_pages * 4 >= room.pages,
                           std::memory_order_relaxed);
+}
+
+// Each user's at most once a minute: clients are told each time.
+void GroupCommit::log_refusal(const Group &group) noexcept {
+  if (!group.refused()) return;
+  const auto &[user, why] = *group.refused();
+  log_limiter_.warn(
+      LogLimiter::Kind::kStoreRefused, user,
+      "{}: a store of user {} is refused: {} of {} are in use ({} under [limits]); clear some or raise it",
+      writer_.path(), user, why.used, why.limit, why.limit_name);
 }
 
 // log_failure says it once per streak of failures: clients are told each time.

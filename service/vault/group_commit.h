@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "vault/group.h"
 #include "vault/use_watch.h"
 #include "vault/vault.h"
@@ -88,6 +89,7 @@ class GroupCommit {
   void look_around(const Limits &limits) noexcept;
   void go_on_compacting() noexcept;
   void measure_room() noexcept;
+  void log_refusal(const Group &group) noexcept;
   void log_failure(const WriteFailure &failure) noexcept;
   void tell_condition(const char *refusal) noexcept;
 
@@ -97,6 +99,7 @@ class GroupCommit {
   const State &state_;
   Audience &audience_;
   UseWatch use_watch_;
+  LogLimiter log_limiter_;
   std::vector<Change *> group_;    // with room for the largest group, as the next
   std::vector<KsResult> results_;  // of decisions, in the order of the group
   bool failing_ = false;

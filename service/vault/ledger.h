@@ -24,11 +24,18 @@ struct UserUse : Use {
 // reaches tells whether `percent` of the entries or of the bytes of `limit` are used.
 bool reaches(const Use &use, const Use &limit, unsigned percent);
 
+// Refusal is the limit that stands in a change's way, by its name in the configuration, with what is in use of it.
+struct Refusal {
+  const char *limit_name = "";
+  uint64_t used = 0;
+  uint64_t limit = 0;
+};
+
 class Ledger {
  public:
-  // admits tells whether `after` may take the place of `before`, which is null for a new entry. A change that makes
-  // nothing larger is always admitted, also when limits were lowered below what is in use.
-  bool admits(const EntryRow *before, const EntryRow &after, const Limits &limits) const;
+  // refusal tells what keeps `after` from taking the place of `before`, which is null for a new entry; nothing when it
+  // may. A change that makes nothing larger always may, also when limits were lowered below what is in use.
+  std::optional<Refusal> refusal(const EntryRow *before, const EntryRow &after, const Limits &limits) const;
 
   // replace counts the change; either may be null.
   void replace(const EntryRow *before, const EntryRow *after);

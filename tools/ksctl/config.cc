@@ -1,21 +1,27 @@
 // config.cc: the service's configuration, looked at without the service.
-#include "config/config.h"
-
 #include <fmt/format.h>
 
 #include "command.h"
+#include "config/places.h"
 
 namespace ksctl {
 namespace {
 
 void check(Session &session, const Arguments &arguments) {
   const std::string file = arguments.text_or("FILE", ksd::config::kDefaultConfigPath);
-  const std::vector<ksd::config::ConfigProblem> found = ksd::config::load_config(file).problems;
+  const ksd::config::ParsedConfig parsed = ksd::config::load_config(file);
+  const std::vector<ksd::config::ConfigProblem> found = ksd::config::find_problems(parsed);
+  const std::optional<std::string> needed =
+      found.empty() ? ksd::config::what_else_it_needs(parsed.config) : std::nullopt;
   List problems;
   for (const ksd::config::ConfigProblem &problem : found) {
     problems.push_back(Object{{"line", problem.line}, {"column", problem.column}, {"text", problem.text}});
   }
-  const Object object{{"file", file}, {"valid", found.empty()}, {"problems", std::move(problems)}};
+  const Object object{{"file", file},
+                      {"valid", found.empty()},
+                      {"problems", std::move(problems)},
+                      {"needed", needed ? Value(*needed) : Value()}};
+  if (needed && session.output.format() != Format::kJson) session.output.complain(fmt::format("{}: {}", file, *needed));
   if (found.empty()) return session.output.done(fmt::format("{}: valid", file), object);
 
   if (session.output.format() == Format::kJson) {

@@ -113,6 +113,10 @@ void print(const std::string &line) {
 
 }  // namespace
 
+std::string json_of(const Value &value) {
+  return to_json(value).dump();
+}
+
 std::string printable(std::string_view text) {
   std::string out;
   while (!text.empty()) {
@@ -208,7 +212,7 @@ void Output::text(std::string_view page, const Object &object) {
 }
 
 void Output::json(const Value &value) {
-  print(to_json(value).dump());
+  print(json_of(value));
 }
 
 void Output::complain(const std::string &line) const {

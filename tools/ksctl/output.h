@@ -56,6 +56,9 @@ class Output {
   const bool colour_;
 };
 
+// json_of gives a value as JSON on one line.
+std::string json_of(const Value &value);
+
 // printable gives text that does no harm on a terminal: what isn't printable UTF-8 is told as \xNN.
 std::string printable(std::string_view text);
 

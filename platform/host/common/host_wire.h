@@ -317,6 +317,9 @@ KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
 /* The gates of a process that has no state page: subtype 100 recorded, debug off. */
 #define HOST_DEFAULT_RECORDED_SUBTYPE 100
 
+/* Whoever records this one records what each operation does. */
+#define HOST_DETAILED_SUBTYPE 103
+
 /* Each process keeps its newest reports in a ring, a file of its user's own: "history/NN.ring" in the socket's folder
  * where that is the user's too, else "ks/NN.ring" in $XDG_RUNTIME_DIR or /run/user/UID. NN is 00 to 63. A process takes
  * the number after the one that the file "next" names, and passes over those whose processes live: they hold a lock
@@ -334,7 +337,7 @@ enum { HOST_RING_REPORT = 1, HOST_RING_MTS_EVENT = 2, HOST_RING_CONTINUED = 3 };
 
 typedef struct {
   uint64_t sequence; /* position + 1 when complete; with the top bit set while being written; 0: never used */
-  uint64_t time_ns;  /* CLOCK_REALTIME; of a message event, the last tick of it */
+  uint64_t time_ns;  /* CLOCK_REALTIME; of a message event that isn't exact, the last tick of it */
   uint16_t kind;     /* HOST_RING_... */
   uint16_t length;   /* bytes of the whole record in its first slot, of the rest in the slots that continue it */
   uint32_t thread;   /* of the first slot; 0 in the others */
@@ -357,6 +360,8 @@ typedef struct {
 typedef struct {
   uint32_t direction; /* SDWRAP_MTS_SENT or SDWRAP_MTS_RECEIVED */
   uint32_t result;
+  uint32_t opcode; /* 0: of a message that wasn't sent, or isn't of this system's message service */
+  uint32_t exact;  /* 1: its time isn't that of the last tick, because all reports are recorded */
 } HostRingMtsEvent;
 
 KS_STATIC_ASSERT(sizeof(HostRingSlot) == 128);
