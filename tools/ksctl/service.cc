@@ -38,7 +38,7 @@ void status(Session &session, const Arguments &) {
 
   const auto has = [&](uint32_t flag) { return (status.flags & flag) != 0; };
   const auto text_or_null = [](const std::string &text) { return text.empty() ? Value() : Value(text); };
-  session.output.fields(Object{
+  Object fields{
       {"warnings", List(warnings.begin(), warnings.end())},
       {"socket", session.socket},
       {"pid", status.pid},
@@ -67,7 +67,9 @@ void status(Session &session, const Arguments &) {
       {"receive_limit_ms", status.receive_limit_ms},
       {"memory_locked", !has(HOST_STATUS_MEMORY_UNLOCKED)},
       {"nearly_full", has(HOST_STATUS_STORE_NEARLY_FULL)},
-  });
+  };
+  if (warnings.empty() && session.output.format() != Format::kJson) fields.erase(fields.begin());
+  session.output.fields(fields);
 }
 
 Value vdc_value(uint32_t vdc_id) {
