@@ -68,6 +68,8 @@ struct Command {
 // The families, each in a file of its name.
 std::span<const Command> service_commands();       // status, owners, limits, reload, checkpoint
 std::span<const Command> stats_commands();         // stats
+std::span<const Command> top_commands();           // top
+std::span<const Command> config_commands();        // config check
 std::span<const Command> history_commands();       // history
 std::span<const Command> doctor_commands();        // doctor
 std::span<const Command> secret_commands();        // secret put, list, show, rename, rm

@@ -1,0 +1,3 @@
+ksctl explain 12 --json
+ksctl explain --json
+ksctl explain --page --json

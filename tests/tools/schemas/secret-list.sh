@@ -1,0 +1,3 @@
+ksctl secret list --json
+printf secret | ksctl secret put a --metadata about >/dev/null
+ksctl secret list --json

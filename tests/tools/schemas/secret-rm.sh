@@ -1,0 +1,3 @@
+printf secret | ksctl secret put a --metadata about >/dev/null
+ksctl secret rm a --json
+ksctl secret rm a --force --json
