@@ -66,7 +66,10 @@ struct Command {
 };
 
 // The families, each in a file of its name.
-std::span<const Command> service_commands();       // status
+std::span<const Command> service_commands();       // status, owners, limits, reload, checkpoint
+std::span<const Command> stats_commands();         // stats
+std::span<const Command> history_commands();       // history
+std::span<const Command> doctor_commands();        // doctor
 std::span<const Command> secret_commands();        // secret put, list, show, rename, rm
 std::span<const Command> pac_commands();           // pac list, show, rm, age-out
 std::span<const Command> pac_transfer_commands();  // pac import, export

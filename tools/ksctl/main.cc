@@ -1,5 +1,6 @@
 // ksctl: the operator's tool. The command line is made of the commands' rows and read here; what a command does stands
 // in the file of its family.
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -20,8 +21,8 @@ namespace ksctl {
 namespace {
 
 constexpr std::array kFamilies{
-    service_commands, secret_commands,  pac_commands,     pac_transfer_commands,
-    cache_commands,   context_commands, explain_commands, completion_commands,
+    service_commands, stats_commands,   secret_commands, pac_commands,     pac_transfer_commands, cache_commands,
+    context_commands, history_commands, doctor_commands, explain_commands, completion_commands,
 };
 
 constexpr Parameter kCommon[] = {
@@ -126,6 +127,11 @@ std::string socket_of(const Common &common) {
   return from_environment != nullptr && from_environment[0] != '\0' ? from_environment : HOST_DEFAULT_SOCKET;
 }
 
+int report(const Failure &failure) {
+  std::fprintf(stderr, "ksctl: %s\n", printable(failure.text()).c_str());
+  return static_cast<int>(failure.exit());
+}
+
 int run(const Chosen &chosen, const Common &common) {
   const Format format = format_of(common);
   Output output(format, wants_colour(format));
@@ -134,8 +140,7 @@ int run(const Chosen &chosen, const Common &common) {
   try {
     chosen.command->run(session, Arguments(chosen.given));
   } catch (const Failure &failure) {
-    std::fprintf(stderr, "ksctl: %s\n", printable(failure.text()).c_str());
-    exit = failure.exit();
+    return report(failure);
   } catch (const std::exception &error) {
     std::fprintf(stderr, "ksctl: %s\n", printable(error.what()).c_str());
     exit = Exit::kFailed;
@@ -179,7 +184,8 @@ int main(int argc, char **argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : static_cast<int>(Exit::kUsage);
+    if (error.get_exit_code() == 0) return app.exit(error);
+    return report(Failure(Exit::kUsage, fmt::format("{}; `ksctl --help` tells how it is used", error.what())));
   }
   return run(chosen, Common(common));
 }
