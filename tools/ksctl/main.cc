@@ -141,7 +141,8 @@ int run(const Chosen &chosen, const Common &common) {
   try {
     chosen.command->run(session, Arguments(chosen.given));
   } catch (const Failure &failure) {
-    return report(failure);
+    report(failure);
+    exit = failure.exit();
   } catch (const std::exception &error) {
     std::fprintf(stderr, "ksctl: %s\n", printable(error.what()).c_str());
     exit = Exit::kFailed;
