@@ -21,6 +21,7 @@ namespace {
 constexpr std::array kFamilies{
     service_commands,
     history_commands,
+    capture_commands,
     doctor_commands,
 };
 
@@ -49,6 +50,18 @@ void add_parameter(CLI::App &app, const Parameter &parameter, const std::shared_
   if (parameter.kind == Kind::kFlag) {
     app.add_flag_callback(
         name, [chosen, name] { chosen->given[name]; }, parameter.help);
+    return;
+  }
+  if (parameter.kind == Kind::kCommand) {
+    // Each with a NUL behind it, which no argument can hold.
+    app.add_option_function<std::vector<std::string>>(
+           name,
+           [chosen, name](const std::vector<std::string> &words) {
+             for (const std::string &word : words) chosen->given[name] += word + '\0';
+           },
+           parameter.help)
+        ->required(parameter.required)
+        ->type_name("");
     return;
   }
   option = app.add_option_function<std::string>(
