@@ -8,7 +8,13 @@ if [ -z "${KS_SESSION_DIR:-}" ]; then
   exec "$build/ks-session" --vdc 7 -- "${BASH_SOURCE[0]}" "$build"
 fi
 
-title() { printf '\n\033[1m%s\033[0m\n' "$*"; }
+# Bold is for terminals alone, and not where NO_COLOR is set.
+bold='' plain=''
+if [ -t 1 ] && [ -z "${NO_COLOR:-}" ]; then
+  bold=$'\033[1m' plain=$'\033[0m'
+fi
+
+title() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
 run() { "$build/examples/$1" "${@:2}"; }
 
 title 'The keystore: another process, over a Unix socket'

@@ -214,6 +214,14 @@ void Output::json(const Value &value) {
   print(json_of(value));
 }
 
+void Output::complain(const std::string &line) const {
+  std::fprintf(stderr, "%s\n", printable(line).c_str());
+}
+
+std::string Output::alarm(const std::string &text) const {
+  return colour_ ? "\033[1;31m" + text + "\033[0m" : text;
+}
+
 std::string Output::strong(const std::string &text) const {
   return colour_ ? "\033[1m" + text + "\033[0m" : text;
 }

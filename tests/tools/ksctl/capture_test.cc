@@ -332,7 +332,7 @@ TEST_F(KsctlCapture, StrikesOutWhatIsMadeFromKeys) {
 
   for (const Captured &captured : read_capture(file())) {
     const bool made_from_key = captured.reply && captured.opcode >= 66571 && captured.opcode <= 66588;
-    if (made_from_key) EXPECT_THAT(captured.datagram.substr(38), Each('*')) << captured.opcode;
+    EXPECT_THAT(made_from_key ? captured.datagram.substr(38) : "", Each('*')) << captured.opcode;
   }
 }
 
