@@ -227,13 +227,23 @@ void fit_places(Limits &limits) {
       std::min(limits.connections_administrators, limits.connections / kPlacesToAnAdministrators);
 }
 
+struct Total {
+  uint64_t number;
+  const char *of;
+};
+
+void refuse_above(Reader &reader, std::string_view key, uint64_t value, uint64_t most, const Total &total,
+                  const char *why) {
+  const toml::node *node = reader.take(key);
+  if (node == nullptr || value <= most) return;
+  reader.problem(*node,
+                 fmt::format("{} of {} {}: {}; at most {} are possible", value, total.number, total.of, why, most));
+}
+
 // Nothing can be kept of what isn't there, and nobody may be able to take everything.
 void refuse_places_that_are_not_there(Reader &reader, const Limits &limits) {
   const auto refuse_above = [&](std::string_view key, uint64_t value, uint64_t most, const char *why) {
-    const toml::node *node = reader.take(key);
-    if (node == nullptr || value <= most) return;
-    reader.problem(
-        *node, fmt::format("{} of {} connections: {}; at most {} are possible", value, limits.connections, why, most));
+    ksd::config::refuse_above(reader, key, value, most, {limits.connections, "connections"}, why);
   };
   const uint32_t most_reserved = limits.connections - 1;
   refuse_above("connections_per_user", limits.connections_per_user, limits.connections, "no user can have so many");
@@ -260,9 +270,15 @@ void read_limits(Reader &reader, Limits &limits) {
   reader.number("requests_per_user", 0, kMostAtOnce, limits.requests_per_user);
   reader.number("changes_per_user", 1, kMostAtOnce, limits.changes_per_user);
   reader.number("entries", 0, kMostEntries, limits.entries);
+  limits.entries_per_user = std::min(limits.entries_per_user, limits.entries);
   reader.number("entries_per_user", 0, kMostEntries, limits.entries_per_user);
   reader.number("bytes", 0, kMostBytes, limits.bytes);
+  limits.bytes_per_user = std::min(limits.bytes_per_user, limits.bytes);
   reader.number("bytes_per_user", 0, kMostBytes, limits.bytes_per_user);
+  constexpr char kTooMany[] = "no user can have so many";
+  refuse_above(reader, "entries_per_user", limits.entries_per_user, limits.entries, {limits.entries, "entries"},
+               kTooMany);
+  refuse_above(reader, "bytes_per_user", limits.bytes_per_user, limits.bytes, {limits.bytes, "bytes"}, kTooMany);
 }
 
 void read_gate(Reader &reader, std::string_view key, std::bitset<256> &gate) {
@@ -438,6 +454,13 @@ Caller Config::identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> 
   return caller;
 }
 
+std::optional<uint16_t> Config::only_vdc() const {
+  std::set<uint16_t> all;
+  for (const auto &[user, vdc] : vdc_of_user) all.insert(vdc);
+  for (const auto &[group, vdc] : vdc_of_group) all.insert(vdc);
+  return all.size() == 1 ? std::optional(*all.begin()) : std::nullopt;
+}
+
 std::string Config::cache_uri_of(const Caller &caller) const {
   if (!caller.vdc_id && cache_uri.find("{vdc}") != std::string::npos) return {};
   return expand(cache_uri, caller.uid, caller.vdc_id.value_or(0));
@@ -479,6 +502,7 @@ ParsedConfig load_config(const std::string &path) {
   if (!text) return file_problem(std::strerror(errno));
   ParsedConfig parsed = parse_config(*text);
   parsed.config.subordinate_users = load_subordinate_users();
+  parsed.config.file = path;
   return parsed;
 }
 

@@ -57,6 +57,7 @@ struct Gates {
 };
 
 struct Config {
+  std::string file;  // where it was read from
   std::string socket = HOST_DEFAULT_SOCKET;
   mode_t socket_mode = 0666;
   std::optional<gid_t> socket_group;
@@ -81,6 +82,9 @@ struct Config {
   // identify says who a caller is. A user's own mapping comes before those of the groups. The members of a group keep
   // it in their containers, so that they have thousands of user numbers there: these count as their own.
   Caller identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> further_groups) const;
+
+  // only_vdc is the VDC that all users and groups are mapped to; nothing when they are mapped to several, or none is.
+  std::optional<uint16_t> only_vdc() const;
 
   // cache_uri_of is the URI below which a caller's databases lie, empty for none.
   std::string cache_uri_of(const Caller &caller) const;

@@ -37,12 +37,14 @@ void Server::admit(UniqueFd socket) noexcept {
     std::optional<Peer> peer = peer_of(socket.get());
     if (!peer) return;
     caller.uid = peer->uid;
-    caller = current_config_.snapshot()->identify(peer->uid, peer->gid, peer->pid, peer->further_groups);
+    const std::shared_ptr<const config::Config> config = current_config_.snapshot();
+    caller = config->identify(peer->uid, peer->gid, peer->pid, peer->further_groups);
     // All memory is taken before the place is.
     std::unique_ptr<Session> session(new Session{std::move(socket), std::move(*peer), rank_of(caller)});
     const Users::Place place = take_place(caller, session->socket.get());
     if (place.user == nullptr) return refuse(caller, place.why);
     note_use(caller, place);
+    if (rank_of(caller) == Rank::kUnmapped) note_unmapped(caller, *config);
 
     session->user = place.user;
     if (place.user->waiting.empty()) turns_.push(*place.user);
@@ -155,8 +157,25 @@ void Server::note_use(const Caller &caller, const Users::Place &place) noexcept 
   service_.counters.add(Event::kConnected);
   if (uint64_t{place.used} * 5 < uint64_t{place.limit} * 4) return;
   service_.log_limiter.warn(LogLimiter::Kind::kNearLimit, logged_as(caller),
-                            "user {} connects: {} of {} connections {} are in use", caller.uid, place.used, place.limit,
-                            place.whose);
+                            "user {} connects: {} of {} connections {} are in use ({} under [limits])", caller.uid,
+                            place.used, place.limit, place.whose, place.key);
+}
+
+// Such a user is served, but whoever expects to keep something is told nothing that leads here.
+void Server::note_unmapped(const Caller &caller, const config::Config &config) noexcept try {
+  if (const std::optional<uint16_t> vdc = config.only_vdc()) {
+    unmapped_log_.warn(
+        LogLimiter::Kind::kUnmapped, caller.uid,
+        "user {} has no VDC and can keep nothing; add {} to users of the [[vdc]] with id = {} in {}, and "
+        "send the service SIGHUP",
+        caller.uid, caller.uid, *vdc, config.file);
+  } else {
+    unmapped_log_.warn(
+        LogLimiter::Kind::kUnmapped, caller.uid,
+        "user {} has no VDC and can keep nothing; add {} to users of a [[vdc]] in {}, and send the service SIGHUP",
+        caller.uid, caller.uid, config.file);
+  }
+} catch (const std::bad_alloc &) {  // the next connection finds memory for a line
 }
 
 // give_to_idle says whether a thread was there for it. Otherwise it counts the one that is to be made.
@@ -194,8 +213,7 @@ Session *Server::wait_for_another() noexcept {
 void Server::serve(Session *started) noexcept {
   const std::unique_ptr<Session> session(started);
   try {
-    Connection(service_, dispatcher_, administration_, current_config_, session->socket.get(), *session->user,
-               session->peer)
+    Connection(service_, dispatcher_, desk_, current_config_, session->socket.get(), *session->user, session->peer)
         .serve();
   } catch (const std::exception &) {
     Caller caller;
@@ -208,7 +226,19 @@ void Server::serve(Session *started) noexcept {
 
 Places Server::places() {
   const std::lock_guard lock(mutex_);
-  return {.connections = users_.all(), .users = static_cast<uint32_t>(users_.known())};
+  return users_.places();
+}
+
+std::vector<Visitor> Server::visitors(uid_t from, size_t most) {
+  const std::lock_guard lock(mutex_);
+  return users_.visitors(from, most);
+}
+
+std::optional<MessageCountList> Server::messages_of(uid_t uid) {
+  const std::lock_guard lock(mutex_);
+  const User *user = users_.find(uid);
+  if (user == nullptr) return std::nullopt;
+  return list_of(user->messages);
 }
 
 }  // namespace ksd::server

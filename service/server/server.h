@@ -12,6 +12,7 @@
 #include "base/fd.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/administration.h"
 #include "server/connection.h"
 #include "server/users.h"
 
@@ -32,8 +33,9 @@ struct Session {
 // start_next and finish are for one thread, which accepts.
 class Server : private Crowd {
  public:
-  Server(handlers::Service &service, const CurrentConfig &current_config)
-      : service_(service), current_config_(current_config), administration_(service, current_config, *this) {}
+  // All of them outlive it. Without an administration there are no messages for administrators.
+  Server(handlers::Service &service, const CurrentConfig &current_config, Administration *administration = nullptr)
+      : service_(service), current_config_(current_config), desk_{administration, *this} {}
   ~Server() override { finish(); }
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
@@ -66,15 +68,20 @@ class Server : private Crowd {
   void note_use(const Caller &caller, const Users::Place &place) noexcept;
   bool give_to_idle(Session *session) noexcept;
   void work(Session *session) noexcept;
+  void note_unmapped(const Caller &caller, const config::Config &config) noexcept;
   void serve(Session *session) noexcept;
   Session *wait_for_another() noexcept;
+
   Places places() override;
+  std::vector<Visitor> visitors(uid_t from, size_t most) override;
+  std::optional<MessageCountList> messages_of(uid_t uid) override;
 
   handlers::Service &service_;
   const CurrentConfig &current_config_;
   const handlers::Dispatcher dispatcher_;
-  Administration administration_;
-  Queue<User> turns_;  // those who have connections waiting; of the thread that accepts
+  const Desk desk_;
+  LogLimiter unmapped_log_{16};  // a small one of its own: their numbers cost nothing
+  Queue<User> turns_;            // those who have connections waiting; of the thread that accepts
   std::mutex mutex_;
   std::condition_variable ended_;
   std::set<int> sockets_;

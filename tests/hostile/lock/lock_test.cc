@@ -123,7 +123,7 @@ TEST(LockFile, IsNotFollowedToWhereALinkLeads) {
 }
 
 TEST(SocketFolder, IsRefusedWhenOthersMayWriteIt) {
-  for (const mode_t mode : {0777, 01777, 0770}) {
+  for (const mode_t mode : {0777u, 01777u, 0770u}) {
     ServiceProcess service;
     service.stop();
     chmod(service.folder().c_str(), mode);

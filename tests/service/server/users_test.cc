@@ -67,23 +67,23 @@ TEST_F(Places, OfAllUsersWithoutAVdcAreAFew) {
   int got = 0;
   for (uid_t uid = 1; uid <= 5000; ++uid) got += take(stranger(uid), 1);
   EXPECT_EQ(got, 64);
-  EXPECT_THAT(why, StrEq("users without a VDC have too many"));
+  EXPECT_THAT(why, StrEq("users without a VDC have too many (connections_unmapped under [limits])"));
   EXPECT_EQ(take(user(9999), 300), 256);
-  EXPECT_THAT(why, StrEq("the user has too many"));
+  EXPECT_THAT(why, StrEq("the user has too many (connections_per_user under [limits])"));
 }
 
 TEST_F(Places, ForAdministratorsAreLeftByAllOthers) {
   for (uid_t uid = 1; uid <= 200; ++uid) take(user(uid), 256);
   EXPECT_EQ(users.all(), 1008u);
-  EXPECT_THAT(why, StrEq("the places that are left are kept for administrators"));
+  EXPECT_THAT(why, StrEq("what is left is kept for administrators (connections_administrators under [limits])"));
   EXPECT_EQ(take(administrator(900), 100), 16);
-  EXPECT_THAT(why, StrEq("all together have too many"));
+  EXPECT_THAT(why, StrEq("all together have too many (connections under [limits])"));
 }
 
 TEST_F(Places, AreLeftForUsersWithFewByThoseWithMany) {
   for (uid_t uid = 1; uid <= 4; ++uid) take(user(uid), 256);
   EXPECT_EQ(users.all(), 882u);  // of the 1008 that aren't kept for administrators, all but an eighth
-  EXPECT_THAT(why, StrEq("the places that are left are kept for users with fewer"));
+  EXPECT_THAT(why, StrEq("what is left is kept for users with fewer (an eighth of connections under [limits])"));
   EXPECT_EQ(take(user(5), 20), 8);
   EXPECT_EQ(take(user(6), 3), 3);
 }
