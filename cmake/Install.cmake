@@ -15,6 +15,8 @@ foreach(target mts sdwrap sysmgr sdb)
 endforeach()
 install(TARGETS ks ks_static mts sdwrap sysmgr sdb EXPORT ks_targets)
 install(DIRECTORY include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h")
+# Programs ask by a weak reference for what the host alone offers, so its header is there for all of them.
+install(DIRECTORY platform/host/include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform/include/ DESTINATION ${ks_platform_headers} FILES_MATCHING PATTERN "*.h")
 
 # find_package(ks): ks::ks, ks::static, and ks::mts, ks::sdwrap, ks::sysmgr, ks::sdb of the host platform.

@@ -18,6 +18,7 @@ constexpr std::pair<Event, const char *> kEvents[] = {
     {Event::kUnknownOpcode, "unknown opcodes"},
     {Event::kForeignName, "names of other VDCs"},
     {Event::kUnread, "unread replies"},
+    {Event::kAdministration, "messages of administrators"},
 };
 static_assert(std::size(kEvents) == static_cast<size_t>(Event::kCount));
 

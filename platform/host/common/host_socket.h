@@ -55,6 +55,10 @@ struct Obstacle {
 // hello's, ECONNREFUSED when the service turned the caller away, or whatever socket and connect give; `obstacle` tells
 // more.
 int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello, Obstacle *obstacle);
+inline int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello) {
+  Obstacle obstacle;
+  return connect_to_service(path, limit_ms, hello, &obstacle);
+}
 
 // receive takes one datagram of at most `size` bytes and returns its size, or -1 with errno: ETIMEDOUT when none comes
 // before the deadline, ECONNRESET when the other end is gone; EPROTO for an empty datagram; EMSGSIZE for one that is

@@ -30,9 +30,8 @@ constinit std::atomic<uint64_t> mapped_inode{0};
 // change or to cut.
 bool is_state_page(int file, const struct stat &status, const char *path) {
   uid_t folder_owner;
-  uint32_t level;
   if (!S_ISREG(status.st_mode) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return false;
-  if (!check_folder_of(path, &folder_owner, &level) || !is_trusted_owner(status.st_uid, folder_owner)) return false;
+  if (!check_folder_of(path, &folder_owner) || !is_trusted_owner(status.st_uid, folder_owner)) return false;
   HostStatePage page;
   return pread(file, &page, sizeof page, 0) == sizeof page && page.magic == HOST_STATE_MAGIC && page.version == 1;
 }

@@ -18,6 +18,10 @@ namespace host {
 // what belongs to root or to the caller is the caller's own choice.) With EPERM, `out_level` says which folder others
 // may write: 0 for the path's own, 1 for the one above it, and so on.
 bool check_folder_of(const char *path, uid_t *out_owner, uint32_t *out_level);
+inline bool check_folder_of(const char *path, uid_t *out_owner) {
+  uint32_t level;
+  return check_folder_of(path, out_owner, &level);
+}
 
 // is_trusted_owner tells whether what belongs to `owner` can be the service's: root's, the caller's own, or of the
 // owner of the socket's folder.
