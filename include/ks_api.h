@@ -12,6 +12,7 @@
 #include "ks_pac.h"
 #include "ks_secret.h"
 #include "ks_types.h"
+#include "ks_version.h"
 
 /* ks_init starts the library for this process: it binds to the message service, learns the VDC id and tries to open the
  * PAC cache. `app_uuid` is the caller's application identifier; `first` and `third` go to the message service unseen.

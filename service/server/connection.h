@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/administration.h"
 #include "server/current_config.h"
 #include "server/frame.h"
 #include "server/users.h"
@@ -26,11 +27,11 @@ struct Peer {
 // peer_of asks the kernel who opened the connection; nothing when it can't tell.
 std::optional<Peer> peer_of(int socket);
 
-// Connection serves one connection. `user` and `peer` outlive it.
+// Connection serves one connection. All that it is given outlives it.
 class Connection {
  public:
-  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const CurrentConfig &current_config,
-             int socket, User &user, const Peer &peer);
+  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const Desk &desk,
+             const CurrentConfig &current_config, int socket, User &user, const Peer &peer);
   ~Connection();
 
   // serve answers requests until the client leaves, misbehaves beyond repair, or the socket is shut down for reading.
@@ -42,7 +43,8 @@ class Connection {
 
   std::optional<size_t> receive();
   bool peer_left() const;
-  Share &share_for(const Frame &frame) const;
+  Share *share_for(const Frame &frame, const handlers::Row *row);
+  bool is_timed(const handlers::Row *row) const;
   Next answer(const Frame &frame);
   void answer_request(const Frame &frame);
   void answer_hello(const Frame &frame);
@@ -53,6 +55,7 @@ class Connection {
 
   handlers::Service &service_;
   const handlers::Dispatcher &dispatcher_;
+  const Desk &desk_;
   const CurrentConfig &current_config_;
   User &user_;
 

@@ -2,11 +2,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,8 +21,8 @@
 
 #include "base/trust.h"
 #include "crypto/crypto.h"
-#include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/counter_lines.h"
 #include "server/instance_lock.h"
 #include "server/listener.h"
 #include "server/notify.h"
@@ -54,6 +57,25 @@ void harden_process() {
 #endif
 }
 
+// Has the scheduler give this process, and the threads that it makes, short turns: with one, a thread that is woken
+// comes before those with longer turns that are busy, and its share of the processor is the same. Kernels before 6.12
+// take no notice, and nothing depends on it.
+void ask_for_short_turns() {
+  struct Attributes {  // as the system call has them in its first version
+    uint32_t size, policy;
+    uint64_t flags;
+    int32_t nice;
+    uint32_t priority;
+    uint64_t runtime, deadline, period;
+  } attributes{};
+  constexpr uint64_t kShortestTurn = 100'000;  // ns
+  if (syscall(SYS_sched_getattr, 0, &attributes, sizeof attributes, 0) < 0) return;
+  if (attributes.policy != SCHED_OTHER) return;  // somebody knows better
+  attributes.size = sizeof attributes;
+  attributes.runtime = kShortestTurn;
+  syscall(SYS_sched_setattr, 0, &attributes, 0);
+}
+
 // Without these, a file or socket would get the number of standard error, and the log would go there.
 void open_missing_standard_files() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -83,18 +105,7 @@ void log_problems(const std::string &path, const std::vector<config::ConfigProbl
 }
 
 void log_counters(const Counters &counters) {
-  const handlers::Dispatcher dispatcher;
-  for (uint32_t opcode = kFirstOpcode; opcode <= kLastOpcode; ++opcode) {
-    const handlers::Row *row = dispatcher.find(opcode);
-    if (row == nullptr) continue;
-    spdlog::info("{}: {} done, {} failed", row->name, counters.done(opcode), counters.failed(opcode));
-  }
-  spdlog::info(
-      "connections: {} opened, {} refused; datagrams: {} malformed, {} too large, {} foreign; unknown opcodes: "
-      "{}; names of other VDCs: {}; unread replies: {}",
-      counters.total(Event::kConnected), counters.total(Event::kRefusedConnection), counters.total(Event::kMalformed),
-      counters.total(Event::kTooLarge), counters.total(Event::kForeignDatagram), counters.total(Event::kUnknownOpcode),
-      counters.total(Event::kForeignName), counters.total(Event::kUnread));
+  for (const std::string &line : counter_lines(counters)) spdlog::info("{}", line);
 }
 
 vault::Limits vault_limits(const config::Limits &limits) {
@@ -107,12 +118,19 @@ vault::Limits vault_limits(const config::Limits &limits) {
 class Daemon {
  public:
   Daemon(const Options &options, const config::Config &config)
-      : options_(options), signals_(signals_as_file()), config_(config) {
+      : options_(options),
+        signals_(signals_as_file()),
+        started_with_(config),
+        config_(config),
+        reloader_(
+            options.config, [this] { return read_again(); }, [this](const config::Config &other) { return use(other); },
+            notifier_) {
     open_socket(config);
   }
 
   void run() {
-    Server server(*service_, config_);
+    Administration administration(*service_, *vault_, config_, reloader_);
+    Server server(*service_, config_, &administration);
     spdlog::info("ksd {} serves {}", KSD_VERSION, socket_path_);
     notifier_.ready();
     std::optional<std::chrono::nanoseconds> next_start;
@@ -201,25 +219,21 @@ class Daemon {
   bool asked_to_end() {
     signalfd_siginfo signal{};
     while (read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
-      if (signal.ssi_signo == SIGHUP) {
-        obey("SIGHUP", [&] { reload(); });
-        obey("SIGHUP", [&] { notifier_.ready(); });  // a manager waits for it, whatever became of the reload
-      }
+      if (signal.ssi_signo == SIGHUP) obey("SIGHUP", [&] { reloader_.reload(); });
       if (signal.ssi_signo == SIGUSR1) obey("SIGUSR1", [&] { log_counters(service_->counters); });
       if (signal.ssi_signo == SIGTERM || signal.ssi_signo == SIGINT) return true;
     }
     return false;
   }
 
-  void reload() {
-    notifier_.reloading();
-    const config::ParsedConfig parsed = load(options_);
-    if (parsed.problems.empty()) {
-      use(parsed.config);
-    } else {
+  // The two steps of a reload, which may be taken on the thread of an administrator's connection.
+  config::ParsedConfig read_again() {
+    config::ParsedConfig parsed = load(options_);
+    if (!parsed.problems.empty()) {
       log_problems(options_.config, parsed.problems);
       spdlog::error("the configuration wasn't reloaded; the old one stays in force");
     }
+    return parsed;
   }
 
   // obey does what a signal asks for, as far as there is memory for it.
@@ -232,23 +246,27 @@ class Daemon {
     }
   }
 
-  void use(const config::Config &config) {
-    const std::shared_ptr<const config::Config> old = config_.snapshot();
-    const bool needs_restart = config.socket != old->socket || config.socket_mode != old->socket_mode ||
-                               config.socket_group != old->socket_group || config.vault != old->vault ||
-                               config.master_key_file != old->master_key_file;
+  // Gives whether part of it counts from the next start only.
+  bool use(const config::Config &config) {
+    const config::Config &old = started_with_;
+    const bool needs_restart = config.socket != old.socket || config.socket_mode != old.socket_mode ||
+                               config.socket_group != old.socket_group || config.vault != old.vault ||
+                               config.master_key_file != old.master_key_file;
     if (needs_restart) spdlog::warn("a change of socket, vault or master key counts from the next start");
     set_log_level(config.log_level);
     config_.replace(config);
     vault_->use_limits(vault_limits(config.limits));
     state_page_->publish(config);
     spdlog::info("configuration reloaded");
+    return needs_restart;
   }
 
   const Options &options_;
   Notifier notifier_;
   const UniqueFd signals_;
+  const config::Config started_with_;
   CurrentConfig config_;
+  Reloader reloader_;
   std::optional<handlers::Service> service_;
   vault::Vault *vault_ = nullptr;              // the service's store
   std::optional<InstanceLock> instance_lock_;  // let go last: until then nobody else touches socket and page
@@ -281,6 +299,7 @@ int run_daemon(const Options &options) {
   }
   set_log_level(parsed.config.log_level);
   harden_process();
+  ask_for_short_turns();
   raise_descriptor_limit();
   try {
     Daemon(options, parsed.config).run();

@@ -1,8 +1,10 @@
 // ksd: the keystore service. The command line is read here; what it asks for happens in daemon.cc.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 
+#include "config/places.h"
 #include "server/daemon.h"
 
 namespace {
@@ -15,6 +17,16 @@ int check(const ksd::server::Options &options) {
     std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
   }
   if (!parsed.problems.empty()) return 1;
+  const std::vector<std::string> obstacles = ksd::config::find_obstacles(parsed.config);
+  for (const std::string &obstacle : obstacles) {
+    std::fprintf(stderr, "%s: %s\n", options.config.c_str(), obstacle.c_str());
+  }
+  if (!obstacles.empty()) return 1;
+  if (parsed.config.master_key_file.empty() && std::getenv("CREDENTIALS_DIRECTORY") == nullptr) {
+    std::fprintf(stderr,
+                 "%s: valid for a service with a systemd credential \"master-key\"; others need master_key_file\n",
+                 options.config.c_str());
+  }
   std::printf("%s: valid\n", options.config.c_str());
   return 0;
 }
@@ -27,18 +39,22 @@ int main(int argc, char **argv) {
   bool only_check = false;
 
   CLI::App app("ksd keeps secrets and PACs and computes with keys that never leave it.");
-  app.add_option("--config", options.config, "Configuration file")->capture_default_str();
-  app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one");
-  app.add_option("--vault", options.vault, "Vault file, instead of the configured one");
-  app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start");
+  app.add_option("--config", options.config, "Configuration file")->option_text("FILE [" + options.config + "]");
+  app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one")->option_text("PATH");
+  app.add_option("--vault", options.vault, "Vault file, instead of the configured one")->option_text("FILE");
+  app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start")
+      ->option_text("FILE");
   app.add_flag("--accept-loss", options.accept_loss,
                "Start also from a vault that lacks acknowledged changes, after copying its files aside");
-  app.add_flag("--check", only_check, "Check the configuration, say what is wrong with it, and end");
+  app.add_flag("--check", only_check,
+               "Check the configuration and the places that it names, say what is wrong, and end");
   app.add_option("--log-level", options.log_level, "debug, info, warning or error, instead of the configured one")
+      ->option_text("{debug,info,warning,error}")
       ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
   const std::map<std::string, ksd::LogFormat> formats{
       {"auto", ksd::LogFormat::kAuto}, {"plain", ksd::LogFormat::kPlain}, {"journal", ksd::LogFormat::kJournal}};
   app.add_option("--log-format", options.log_format, "auto, plain (with times) or journal (with priorities)")
+      ->option_text("{auto,plain,journal}")
       ->transform(CLI::Transformer(formats));
   app.set_version_flag("--version", "ksd " KSD_VERSION);
   app.footer(

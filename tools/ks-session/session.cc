@@ -35,8 +35,12 @@ constexpr int kPassedDescriptor = 3;
 // The service that was built or installed with this program comes before any other.
 std::string service_program() {
   std::error_code error;
-  const std::filesystem::path beside = std::filesystem::read_symlink("/proc/self/exe", error).replace_filename("ksd");
-  return !error && access(beside.c_str(), X_OK) == 0 ? beside.string() : "ksd";
+  const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  if (error) return "ksd";
+  for (const std::filesystem::path &program : {folder / "ksd", folder.parent_path() / "sbin/ksd"}) {
+    if (access(program.c_str(), X_OK) == 0) return program.string();
+  }
+  return "ksd";
 }
 
 int bind_socket(int type, const std::string &path) {

@@ -1,0 +1,141 @@
+#include "secret_input.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sodium.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "base/fd.h"
+#include "failure.h"
+
+namespace ksctl {
+namespace {
+
+constexpr size_t kMostOfPassphrase = 4096;
+
+Secret first_bytes(const ksd::SecretBytes &bytes, size_t size) {
+  return ksd::SecretBytes::copy_of(bytes.bytes().first(size));
+}
+
+// Reads to the end of `fd`, or to the newline, into guarded memory.
+Secret read_all(int fd, const char *what, size_t most, bool one_line) {
+  const std::shared_ptr<ksd::SecretBytes> buffer = ksd::SecretBytes::allocate(most + 1);  // one more shows too many
+  size_t size = 0;
+  bool ended = false;
+  while (!ended && size <= most) {
+    // A line byte by byte: what stands behind it is for somebody else.
+    const ssize_t got = read(fd, buffer->writable().data() + size, one_line ? 1 : most + 1 - size);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      throw Failure(Exit::kUsage,
+                    fmt::format("{}: descriptor {}: {}; open it for reading", what, fd, std::strerror(errno)));
+    }
+    ended = got == 0 || (one_line && buffer->bytes()[size] == '\n');
+    if (!ended || !one_line) size += static_cast<size_t>(got);
+  }
+  if (size > most) throw Failure(Exit::kUsage, fmt::format("{}: more than {} bytes; give less", what, most));
+  return first_bytes(*buffer, size);
+}
+
+volatile sig_atomic_t interrupted = 0;
+
+// HiddenTyping keeps a terminal from showing what is typed, and puts it back, also when the user interrupts.
+class HiddenTyping {
+ public:
+  explicit HiddenTyping(int terminal) : terminal_(terminal) {
+    struct sigaction action = {};
+    action.sa_handler = [](int signal_number) { interrupted = signal_number; };
+    for (size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &action, &before_[i]);
+    tcgetattr(terminal_, &shown_);
+    termios hidden = shown_;
+    hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(terminal_, TCSAFLUSH, &hidden);
+  }
+  ~HiddenTyping() {
+    tcsetattr(terminal_, TCSAFLUSH, &shown_);
+    for (size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &before_[i], nullptr);
+    if (interrupted != 0) raise(interrupted);
+  }
+  HiddenTyping(const HiddenTyping &) = delete;
+  HiddenTyping &operator=(const HiddenTyping &) = delete;
+
+ private:
+  static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+  const int terminal_;
+  termios shown_{};
+  struct sigaction before_[std::size(kSignals)] = {};
+};
+
+void write_text(int fd, const std::string &text) {
+  size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t got = write(fd, text.data() + written, text.size() - written);
+    if (got <= 0) return;
+    written += static_cast<size_t>(got);
+  }
+}
+
+Secret ask(int terminal, const std::string &prompt, const char *what, size_t most) {
+  const HiddenTyping hidden(terminal);
+  write_text(terminal, prompt + ": ");
+  const std::shared_ptr<ksd::SecretBytes> buffer = ksd::SecretBytes::allocate(most + 1);
+  size_t size = 0;
+  bool ended = false;
+  while (!ended && size <= most) {
+    const ssize_t got = read(terminal, buffer->writable().data() + size, 1);
+    if (got < 0 && errno == EINTR && interrupted == 0) continue;
+    ended = got <= 0 || buffer->bytes()[size] == '\n';
+    if (!ended) ++size;
+  }
+  write_text(terminal, "\n");
+  if (size > most) throw Failure(Exit::kUsage, fmt::format("{}: more than {} bytes; give less", what, most));
+  return first_bytes(*buffer, size);
+}
+
+Secret read_from_terminal(const char *what, size_t most, bool twice) {
+  const ksd::UniqueFd terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+  if (!terminal) throw Failure(Exit::kUsage, fmt::format("{}: there is no terminal to ask at; pipe it in", what));
+  const Secret first = ask(terminal.get(), what, what, most);
+  if (!twice) return first;
+  const Secret second = ask(terminal.get(), fmt::format("{} again", what), what, most);
+  const bool same = first->size() == second->size() &&
+                    sodium_memcmp(first->bytes().data(), second->bytes().data(), first->size()) == 0;
+  if (!same) throw Failure(Exit::kUsage, fmt::format("{}: the two differ; type the same twice", what));
+  return first;
+}
+
+Secret read_from(std::optional<int> fd, const char *what, size_t most, bool one_line, bool twice) {
+  const bool typed = !fd && isatty(STDIN_FILENO);
+  if (fd && isatty(*fd)) {
+    throw Failure(Exit::kUsage, fmt::format("{}: descriptor {} is a terminal, which would show it; leave the option "
+                                            "out to be asked",
+                                            what, *fd));
+  }
+  const Secret secret =
+      typed ? read_from_terminal(what, most, twice) : read_all(fd.value_or(STDIN_FILENO), what, most, one_line);
+  if (secret->size() == 0) throw Failure(Exit::kUsage, fmt::format("{}: it is empty; give at least one byte", what));
+  return secret;
+}
+
+}  // namespace
+
+Secret read_secret(std::optional<int> fd, const char *what, size_t most) {
+  return read_from(fd, what, most, false, true);
+}
+
+Secret read_bytes(int fd, const char *what, size_t most) {
+  return read_all(fd, what, most, false);
+}
+
+Secret read_passphrase(std::optional<int> fd, const char *what, bool twice) {
+  return read_from(fd, what, kMostOfPassphrase, true, twice);
+}
+
+}  // namespace ksctl
