@@ -1,3 +1,3 @@
 ksctl secret list --json
-printf secret | ksctl secret put a --metadata about >/dev/null
+printf hush | ksctl secret put $'wi\xfffi' --metadata ssid=attic
 ksctl secret list --json

@@ -1,2 +1,2 @@
-printf secret | ksctl secret put a --json
-printf secret | ksctl secret put a --replace --json
+printf hush | ksctl secret put wifi --metadata ssid=attic --json
+printf hush | ksctl secret put wifi --replace --json

@@ -1,2 +1,2 @@
-printf secret | ksctl secret put a --metadata about >/dev/null
-ksctl secret rename a b --json
+printf hush | ksctl secret put wifi
+ksctl secret rename wifi wlan --json

@@ -1,3 +1,3 @@
-printf secret | ksctl secret put a --metadata about >/dev/null
-ksctl secret rm a --json
-ksctl secret rm a --force --json
+printf hush | ksctl secret put wifi
+ksctl secret rm wifi --json
+ksctl secret rm wifi --force --json

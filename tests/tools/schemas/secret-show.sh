@@ -1,2 +1,2 @@
-printf secret | ksctl secret put a --metadata about >/dev/null
-ksctl secret show a --json
+printf hush | ksctl secret put wifi --metadata ssid=attic
+ksctl secret show wifi --json
