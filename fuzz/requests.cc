@@ -115,21 +115,14 @@ Octets octets(std::string_view text) {
   return {text.begin(), text.end()};
 }
 
-ksd::server::Visitor visitor(uid_t uid, uint32_t connections) {
-  ksd::server::Visitor visitor;
-  visitor.uid = uid;
-  visitor.connections = connections;
-  return visitor;
-}
-
 // ManyVisitors is a crowd of more users than a page has room for.
 class ManyVisitors : public ksd::server::Crowd {
  public:
   ksd::server::Places places() override { return {.connections = 700, .users = 601}; }
   std::vector<ksd::server::Visitor> visitors(uid_t from, size_t most) override {
     std::vector<ksd::server::Visitor> found;
-    for (uid_t uid = from; uid < 600 && found.size() < most; ++uid) found.push_back(visitor(uid, 1));
-    if (found.size() < most) found.push_back(visitor(HOST_ALL_UNMAPPED, 0));
+    for (uid_t uid = from; uid < 600 && found.size() < most; ++uid) found.emplace_back().uid = uid;
+    if (found.size() < most) found.emplace_back().uid = HOST_ALL_UNMAPPED;
     return found;
   }
   std::optional<ksd::server::MessageCountList> messages_of(uid_t uid) override {
