@@ -122,8 +122,8 @@ class ManyVisitors : public ksd::server::Crowd {
   ksd::server::Places places() override { return {.connections = 700, .users = 601}; }
   std::vector<ksd::server::Visitor> visitors(uid_t from, size_t most) override {
     std::vector<ksd::server::Visitor> found;
-    for (uid_t uid = from; uid < 600 && found.size() < most; ++uid) found.push_back({.uid = uid, .connections = 1});
-    if (found.size() < most) found.push_back({.uid = HOST_ALL_UNMAPPED});
+    for (uid_t uid = from; uid < 600 && found.size() < most; ++uid) found.emplace_back().uid = uid;
+    if (found.size() < most) found.emplace_back().uid = HOST_ALL_UNMAPPED;
     return found;
   }
   std::optional<ksd::server::MessageCountList> messages_of(uid_t uid) override {

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +41,13 @@ struct Chosen {
   std::map<std::string, std::string> given;
 };
 
+// CLI11 takes "-1" for the largest number there is.
+std::string what_is_no_number(const std::string &text) {
+  uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() ? "" : text + " isn't a number from 0 on";
+}
+
 CLI::Validator one_of(const char *choices) {
   std::vector<std::string> names;
   std::istringstream parts(choices);
@@ -72,7 +80,7 @@ void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::stri
   option->required(parameter.required);
   switch (parameter.kind) {
     case Kind::kNumber:
-      option->check(CLI::Range(uint64_t{0}, UINT64_MAX))->type_name("N");
+      option->check(CLI::Validator(what_is_no_number, ""))->type_name("N");
       break;
     case Kind::kDescriptor:
       option->check(CLI::Range(0, 1 << 20))->type_name("FD");

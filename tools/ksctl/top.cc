@@ -132,7 +132,7 @@ std::string time_cell(const Times &times, double percent) {
 }
 
 std::string rate_line(const Rate &rate) {
-  return fmt::format("{:<31} {:>10.1f} {:>9.1f} {:>11} {:>11} {:>11}", rate.name, rate.all(), rate.failed,
+  return fmt::format("{:<27} {:>10.1f} {:>8.1f} {:>10} {:>10} {:>10}", rate.name, rate.all(), rate.failed,
                      time_cell(rate.times, 50), time_cell(rate.times, 90), time_cell(rate.times, 99));
 }
 
@@ -153,7 +153,7 @@ std::vector<Screen::Line> page(const Session &session, const Snapshot &now, cons
     return lines;
   }
   add("");
-  add(fmt::format("{:<31} {:>10} {:>9} {:>11} {:>11} {:>11}", "MESSAGE", "PER SECOND", "FAILED", "P50", "P90", "P99"),
+  add(fmt::format("{:<27} {:>10} {:>8} {:>10} {:>10} {:>10}", "MESSAGE", "PER SECOND", "FAILED", "P50", "P90", "P99"),
       Look::kStrong);
   add(rate_line(interval->all));
   const size_t left = rows > lines.size() + 2 ? rows - lines.size() - 2 : 0;
@@ -162,12 +162,12 @@ std::vector<Screen::Line> page(const Session &session, const Snapshot &now, cons
   const size_t for_messages = std::min(interval->messages.size(), left - std::min(left, for_users));
   for (size_t i = 0; i < for_messages; ++i) add(rate_line(interval->messages[i]));
   add("");
-  add(fmt::format("{:<31} {:>10} {:>9} {:>11}", "USER", "PER SECOND", "VDC", "CONNECTIONS"), Look::kStrong);
+  add(fmt::format("{:<27} {:>10} {:>8} {:>11}", "USER", "PER SECOND", "VDC", "CONNECTIONS"), Look::kStrong);
   for (size_t i = 0; i < for_users; ++i) {
     const UserRate &rate = interval->users[i];
     const Value name = user_name(rate.user.uid);
     const std::string *text = std::get_if<std::string>(&name.variant());
-    add(fmt::format("{:<31} {:>10.1f} {:>9} {:>11}", text != nullptr ? *text : std::to_string(rate.user.uid), rate.all,
+    add(fmt::format("{:<27} {:>10.1f} {:>8} {:>11}", text != nullptr ? *text : std::to_string(rate.user.uid), rate.all,
                     rate.user.vdc_id == HOST_NO_VDC ? "-" : std::to_string(rate.user.vdc_id), rate.user.connections));
   }
   return lines;

@@ -81,7 +81,7 @@ TEST_F(VaultsCondition, TellsOwnersAscendingAsManyAsAreAskedFor) {
 }
 
 TEST_F(VaultsCondition, TellsTheVdcOfTheEntryThatAnOwnerStoredLast) {
-  for (const uint16_t vdc : {8, 9}) {
+  for (const uint16_t vdc : {uint16_t{8}, uint16_t{9}}) {
     ASSERT_EQ(vault->put(secret_name("a", vdc), std::nullopt, bytes_of("x"), {}, 10), KS_SUCCESS);
     EXPECT_EQ(vault->owners(0, 1).at(0).vdc_id, vdc);
   }
