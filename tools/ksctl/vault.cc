@@ -96,11 +96,16 @@ void backup(Session &session, const Arguments &arguments) {
           {"file", arguments.text("FILE")}, {"entries", begun.entries}, {"version", begun.version}, {"bytes", bytes}});
 }
 
-Object described(const std::string &file, const vault::BackupContents &contents) {
+// described is what is told of a backup, restored or not.
+Object described(const std::string &file, const vault::BackupContents &contents,
+                 const std::string *made_vault = nullptr, const vault::Restored &restored = {}) {
   return Object{{"file", file},
                 {"entries", contents.entry_count},
                 {"version", contents.last_version},
-                {"made_at", contents.time}};
+                {"made_at", contents.time},
+                {"vault", made_vault != nullptr ? Value(*made_vault) : Value()},
+                {"made_key", made_vault != nullptr ? Value(restored.made_key) : Value()},
+                {"kept", restored.kept.empty() ? Value() : Value(restored.kept)}};
 }
 
 void restore(Session &session, const Arguments &arguments) {
@@ -132,15 +137,11 @@ void restore(Session &session, const Arguments &arguments) {
       .witness = arguments.text_or("--witness", "")};
   const auto restored = vault::restore_backup(file.get(), name, passphrase->bytes(), options, progress);
   shown.reset();
-  Object object = described(name, restored.contents);
-  object.emplace_back("vault", options.vault);
-  object.emplace_back("made_key", restored.made_key);
-  object.emplace_back("kept", restored.kept.empty() ? Value() : Value(restored.kept));
   std::string sentence = fmt::format("{}: {} entries of {}", options.vault, restored.contents.entry_count,
                                      time_in_words(restored.contents.time));
   if (restored.made_key) sentence += fmt::format(", under a new master key in {}", options.master_key.file);
   if (!restored.kept.empty()) sentence += fmt::format("; what was there before is in {}", restored.kept);
-  session.output.done(sentence, object);
+  session.output.done(sentence, described(name, restored.contents, &options.vault, restored));
 }
 
 vault::VaultOptions options_of(const Arguments &arguments) {
