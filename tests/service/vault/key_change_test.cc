@@ -193,7 +193,8 @@ TEST_F(MasterKeyChange, WaitsForTheNextCredential) {
     holds_all(*vault);
   }
   holds_all(*open_with_credential());
-  EXPECT_EQ(folder.open()->change_key(given), KS_INVALID_ARGS) << "a key in a file is drawn";
+  const Folder with_file;
+  EXPECT_EQ(with_file.open()->change_key(given), KS_INVALID_ARGS) << "a key in a file is drawn";
 }
 
 TEST_F(MasterKeyChange, OpensWithTheNextKeyOnlyWhenAllHasMoved) {
