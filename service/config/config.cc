@@ -501,7 +501,8 @@ ParsedConfig load_config(const std::string &path) {
   const std::optional<std::string> text = read_file(fd.get());
   if (!text) return file_problem(std::strerror(errno));
   ParsedConfig parsed = parse_config(*text);
-  parsed.config.subordinate_users = load_subordinate_users();
+  const bool needed = !parsed.config.vdc_of_group.empty() || !parsed.config.administrator_groups.empty();
+  if (needed) parsed.config.subordinate_users = load_subordinate_users();
   parsed.config.file = path;
   return parsed;
 }

@@ -16,7 +16,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 #include "base/trust.h"
@@ -156,7 +155,7 @@ class Daemon {
       socket_path_ = config.socket;
       make_socket_folder(socket_path_);
     }
-    if (const auto why = why_others_may_write(folder_of_socket())) {
+    if (const auto why = why_others_may_write(folder_of(socket_path_))) {
       throw std::runtime_error(fmt::format("the folder of the socket isn't safe: {}", *why));
     }
     instance_lock_.emplace(socket_path_);
@@ -167,8 +166,6 @@ class Daemon {
     open_service(config);
     if (socket_is_ours_) listener_ = listen_at(socket_path_, config);
   }
-
-  std::string folder_of_socket() const { return std::filesystem::path(socket_path_).parent_path(); }
 
   void open_service(const config::Config &config) {
     const crypto::AlgorithmSet usable = crypto::start();

@@ -1,7 +1,6 @@
 // ksd: the keystore service. The command line is read here; what it asks for happens in daemon.cc.
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 
 #include "config/places.h"
@@ -13,19 +12,13 @@ constexpr int kWrongUse = 2;
 
 int check(const ksd::server::Options &options) {
   const ksd::config::ParsedConfig parsed = ksd::server::load(options);
-  for (const ksd::config::ConfigProblem &problem : parsed.problems) {
+  const std::vector<ksd::config::ConfigProblem> problems = ksd::config::find_problems(parsed);
+  for (const ksd::config::ConfigProblem &problem : problems) {
     std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
   }
-  if (!parsed.problems.empty()) return 1;
-  const std::vector<std::string> obstacles = ksd::config::find_obstacles(parsed.config);
-  for (const std::string &obstacle : obstacles) {
-    std::fprintf(stderr, "%s: %s\n", options.config.c_str(), obstacle.c_str());
-  }
-  if (!obstacles.empty()) return 1;
-  if (parsed.config.master_key_file.empty() && std::getenv("CREDENTIALS_DIRECTORY") == nullptr) {
-    std::fprintf(stderr,
-                 "%s: valid for a service with a systemd credential \"master-key\"; others need master_key_file\n",
-                 options.config.c_str());
+  if (!problems.empty()) return 1;
+  if (const auto needed = ksd::config::what_else_it_needs(parsed.config)) {
+    std::fprintf(stderr, "%s: %s\n", options.config.c_str(), needed->c_str());
   }
   std::printf("%s: valid\n", options.config.c_str());
   return 0;

@@ -22,8 +22,9 @@ namespace ksctl {
 namespace {
 
 constexpr std::array kFamilies{
-    service_commands, stats_commands,   secret_commands, pac_commands,     pac_transfer_commands, cache_commands,
-    context_commands, history_commands, doctor_commands, explain_commands, completion_commands,
+    service_commands, stats_commands,        top_commands,     config_commands,     secret_commands,
+    pac_commands,     pac_transfer_commands, cache_commands,   context_commands,    history_commands,
+    capture_commands, doctor_commands,       explain_commands, completion_commands,
 };
 
 constexpr Parameter kCommon[] = {
@@ -64,6 +65,18 @@ void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::stri
   if (parameter.kind == Kind::kFlag) {
     app.add_flag_callback(
         name, [&given, name] { given[name]; }, parameter.help);
+    return;
+  }
+  if (parameter.kind == Kind::kCommand) {
+    // Each with a NUL behind it, which no argument can hold.
+    app.add_option_function<std::vector<std::string>>(
+           name,
+           [&given, name](const std::vector<std::string> &words) {
+             for (const std::string &word : words) given[name] += word + '\0';
+           },
+           parameter.help)
+        ->required(parameter.required)
+        ->type_name("");
     return;
   }
   option = app.add_option_function<std::string>(

@@ -134,6 +134,15 @@ TEST_F(SdbCalls, OfLmdbEndAnOpeningWithTheirReason) {
   EXPECT_EQ(open(), 0u);
 }
 
+// A reader's snapshot is found in the file by its number.
+TEST_F(SdbCalls, OfASnapshotThatIsNotInTheFileEndAnOpening) {
+  const auto number = [](size_t id) { return [id](MDB_txn *) { return std::optional(id); }; };
+  ASSERT_EQ(in_child([&] { return static_cast<int>(open() | put("key", "1") | put("key", "2")); }), 0);
+  fails_to_open(answering<mdb_txn_id>(number(1000)), kDamagedCode, data_file + ": it was exchanged while in use;");
+  fails_to_open(answering<mdb_txn_id>(number(0)), kRetryCode, data_file + " changes too fast to be examined");
+  EXPECT_EQ(open(), 0u);
+}
+
 // Another process does the same at the same time.
 TEST_F(SdbCalls, ThatAnotherProcessWasQuickerWithAreNoFailures) {
   opens_all_the_same(answering<mkdir>([](const char *path, mode_t mode) -> std::optional<int> {
