@@ -127,7 +127,8 @@ void Relay::connect(Link &link) {
   const bool trusted = host::check_folder_of(service_path_.c_str(), &owner);
   if (trusted && ::connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
     link.connected = true;
-    link.over = !host::check_peer(socket, owner);
+    uid_t peer = 0;
+    link.over = !host::check_peer(socket, owner, &peer);
     size_send_buffer(socket);
   } else {
     link.over = !trusted || (errno != EAGAIN && errno != EINTR);  // a full queue is tried again
