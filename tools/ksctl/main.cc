@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -55,6 +56,17 @@ CLI::Validator one_of(const char *choices) {
   return CLI::IsMember(names);
 }
 
+// unworded is a check that the help doesn't spell out: the parameter's type says as much in fewer words.
+CLI::Validator unworded(CLI::Validator check) {
+  check.description("");
+  return check;
+}
+
+std::string alternatives(std::string choices) {
+  std::replace(choices.begin(), choices.end(), ',', '|');
+  return choices;
+}
+
 void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::string, std::string> &given) {
   const std::string name = parameter.name;
   CLI::Option *option = nullptr;
@@ -83,7 +95,7 @@ void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::stri
       option->check(CLI::Validator(what_is_no_number, ""))->type_name("N");
       break;
     case Kind::kDescriptor:
-      option->check(CLI::Range(0, 1 << 20))->type_name("FD");
+      option->check(unworded(CLI::Range(0, 1 << 20)))->type_name("FD");
       break;
     case Kind::kFile:
       option->type_name("FILE");
@@ -92,13 +104,13 @@ void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::stri
       option->type_name("FOLDER");
       break;
     case Kind::kChoice:
-      option->check(one_of(parameter.choices))->type_name("");
+      option->check(unworded(one_of(parameter.choices)))->type_name(alternatives(parameter.choices));
       break;
     default:
       option->type_name("TEXT");
       break;
   }
-  if (parameter.name[0] != '-') option->type_name("");
+  if (parameter.name[0] != '-' && parameter.kind != Kind::kChoice) option->type_name("");
 }
 
 // find_or_make gives the subcommand that `words` name, making those on the way.

@@ -203,8 +203,8 @@ TEST_F(KsctlCapture, IsReadableAsFarAsItGoesWhenItIsKilled) {
 // A file that may not grow is like one whose disk is full.
 TEST_F(KsctlCapture, LetsTheCommandGoOnWhenTheDiskIsFull) {
   const ProgramRun run =
-      run_program({"/usr/bin/prlimit", "--fsize=800", ks_test::kKsctl, "--socket", service_.socket(), "capture", file(),
-                   "--", "/usr/bin/prlimit", "--fsize=unlimited:", "/bin/sh", "-c",
+      run_program({"/usr/bin/prlimit", "--fsize=800:unlimited", ks_test::kKsctl, "--socket", service_.socket(),
+                   "capture", file(), "--", "/usr/bin/prlimit", "--fsize=unlimited", "/bin/sh", "-c",
                    "KS=" KS_SERVICE_DIR "/examples; $KS/secrets store >/dev/null && $KS/secrets list"});
 
   EXPECT_EQ(run.status, 1);
