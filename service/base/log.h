@@ -45,7 +45,8 @@ class LogLimiter {
     kStoreRefused,
     kCantAccept,
     kSignal,
-    kAdministration
+    kAdministration,
+    kBackups
   };
   using Clock = std::chrono::steady_clock;
 

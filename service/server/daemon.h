@@ -18,6 +18,7 @@ struct Options {
   std::string log_level;
   LogFormat log_format = LogFormat::kAuto;
   bool accept_loss = false;  // of what the vault lacks at this start
+  int passphrase_fd = -1;    // from which the passphrase of the master key is read; -1: the key isn't sealed
 };
 
 // load reads the configuration and puts the command line over it.
