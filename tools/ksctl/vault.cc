@@ -99,13 +99,19 @@ void backup(Session &session, const Arguments &arguments) {
 // described is what is told of a backup, restored or not.
 Object described(const std::string &file, const vault::BackupContents &contents,
                  const std::string *made_vault = nullptr, const vault::Restored &restored = {}) {
+  Value vault_path, made_key, kept;
+  if (made_vault != nullptr) {
+    vault_path = *made_vault;
+    made_key = restored.made_key;
+  }
+  if (!restored.kept.empty()) kept = restored.kept;
   return Object{{"file", file},
                 {"entries", contents.entry_count},
                 {"version", contents.last_version},
                 {"made_at", contents.time},
-                {"vault", made_vault != nullptr ? Value(*made_vault) : Value()},
-                {"made_key", made_vault != nullptr ? Value(restored.made_key) : Value()},
-                {"kept", restored.kept.empty() ? Value() : Value(restored.kept)}};
+                {"vault", std::move(vault_path)},
+                {"made_key", std::move(made_key)},
+                {"kept", std::move(kept)}};
 }
 
 void restore(Session &session, const Arguments &arguments) {

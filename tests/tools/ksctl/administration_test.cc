@@ -19,7 +19,7 @@ using ks_test::with_administrator;
 using testing::ElementsAre;
 
 const Datagram kRpcError{26, 0, 0, 0};
-const std::set<uint32_t> kMessages{2, 3, 4, 5, 6, 7, 8, 9};
+const std::set<uint32_t> kMessages{2, 3, 4, 5, 6, 7, 8, 9, 16, 17, 18, 19};
 constexpr uint32_t kFirstOfTheCatalogue = 66561;
 
 uint32_t word_at(const Datagram &payload, size_t offset) {
