@@ -10,7 +10,8 @@
 
 namespace ksd::server {
 
-// Notifier tells the service manager named by NOTIFY_SOCKET how the service is. Without one it does nothing.
+// Notifier tells the service manager named by NOTIFY_SOCKET how the service is. Without one it does nothing. What a
+// manager that doesn't read has no room for, it isn't told.
 class Notifier {
  public:
   // Takes the variable out of the environment.
