@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -61,7 +62,11 @@ void Notifier::tell(const std::string &state) {
   address_.copy(address.sun_path, sizeof address.sun_path);
   if (address.sun_path[0] == '@') address.sun_path[0] = '\0';  // a name that is in no folder
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
-  sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), size);
+  // Waited for once: one that had no time then is asked from now on whether it has.
+  const int flags = MSG_NOSIGNAL | (doesnt_read_ ? MSG_DONTWAIT : 0);
+  const ssize_t sent =
+      sendto(socket.get(), state.data(), state.size(), flags, reinterpret_cast<const sockaddr *>(&address), size);
+  doesnt_read_ = sent < 0 && errno == EAGAIN;
 }
 
 std::optional<UniqueFd> passed_socket() {

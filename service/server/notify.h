@@ -3,6 +3,7 @@
 #ifndef SERVICE_SERVER_NOTIFY_H
 #define SERVICE_SERVER_NOTIFY_H
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -25,6 +26,7 @@ class Notifier {
   void tell(const std::string &state);
 
   std::string address_;
+  std::atomic<bool> doesnt_read_{false};
 };
 
 // passed_socket takes the listening socket that the service manager passed, if it did (LISTEN_FDS), and the variables
