@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,10 @@ namespace ksd::server {
 namespace {
 
 constexpr int kFirstPassed = 3;
+
+// A manager that has stopped reading must not stop the service. One that is merely busy is worth a short wait: it may
+// be waiting for the news.
+constexpr timeval kLongestWait{.tv_sec = 0, .tv_usec = 100'000};
 
 std::string take_variable(const char *name) {
   const char *value = std::getenv(name);
@@ -51,11 +57,16 @@ void Notifier::tell(const std::string &state) {
   sockaddr_un address{};
   if (address_.empty() || address_.size() >= sizeof address.sun_path) return;
   const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &kLongestWait, sizeof kLongestWait);
   address.sun_family = AF_UNIX;
   address_.copy(address.sun_path, sizeof address.sun_path);
   if (address.sun_path[0] == '@') address.sun_path[0] = '\0';  // a name that is in no folder
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
-  sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address), size);
+  // Waited for once: one that had no time then is asked from now on whether it has.
+  const int flags = MSG_NOSIGNAL | (doesnt_read_ ? MSG_DONTWAIT : 0);
+  const ssize_t sent =
+      sendto(socket.get(), state.data(), state.size(), flags, reinterpret_cast<const sockaddr *>(&address), size);
+  doesnt_read_ = sent < 0 && errno == EAGAIN;
 }
 
 std::optional<UniqueFd> passed_socket() {

@@ -3,6 +3,7 @@
 #ifndef SERVICE_SERVER_NOTIFY_H
 #define SERVICE_SERVER_NOTIFY_H
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -10,7 +11,8 @@
 
 namespace ksd::server {
 
-// Notifier tells the service manager named by NOTIFY_SOCKET how the service is. Without one it does nothing.
+// Notifier tells the service manager named by NOTIFY_SOCKET how the service is. Without one it does nothing. What a
+// manager that doesn't read has no room for, it isn't told.
 class Notifier {
  public:
   // Takes the variable out of the environment.
@@ -24,6 +26,7 @@ class Notifier {
   void tell(const std::string &state);
 
   std::string address_;
+  std::atomic<bool> doesnt_read_{false};
 };
 
 // passed_socket takes the listening socket that the service manager passed, if it did (LISTEN_FDS), and the variables
