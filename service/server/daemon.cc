@@ -12,17 +12,20 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
 
 #include "base/trust.h"
+#include "config/layers.h"
 #include "crypto/crypto.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
 #include "server/instance_lock.h"
 #include "server/listener.h"
 #include "server/notify.h"
+#include "server/sandbox.h"
 #include "server/server.h"
 #include "server/state_page.h"
 #include "vault/vault.h"
@@ -78,8 +81,14 @@ UniqueFd signals_as_file() {
   return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+using Wait = std::optional<std::chrono::nanoseconds>;
+
+Wait sooner(Wait a, Wait b) {
+  return a && b ? std::min(a, b) : a ? a : b;
+}
+
 void log_problems(const std::string &path, const std::vector<config::ConfigProblem> &problems) {
-  for (const config::ConfigProblem &problem : problems) spdlog::error("{}", describe(path, problem));
+  for (const config::ConfigProblem &problem : problems) tell(event::kConfigRefused, "{}", describe(path, problem));
 }
 
 void log_counters(const Counters &counters) {
@@ -104,6 +113,27 @@ vault::Limits vault_limits(const config::Limits &limits) {
           .bytes_per_user = limits.bytes_per_user};
 }
 
+// master_key_file_of is empty for the systemd credential.
+std::string master_key_file_of(const config::Config &config) {
+  const bool has_credentials = std::getenv("CREDENTIALS_DIRECTORY") != nullptr;
+  return config.master_key_file.empty() && !has_credentials ? config::kDefaultMasterKeyPath : config.master_key_file;
+}
+
+// What the service goes on using of the file system. Users and groups are looked up at each reload, with the help of
+// whatever modules the machine has for it.
+FileNeeds needs_of(const config::Config &config, const std::string &config_file, const std::string &socket_folder) {
+  FileNeeds needs;
+  needs.changed = {socket_folder, folder_of(config.vault)};
+  if (const std::string key = master_key_file_of(config); !key.empty()) needs.changed.push_back(folder_of(key));
+  needs.read = config::standard_folders();
+  if (!config_file.empty()) needs.read.push_back(folder_of(config_file));
+  if (const char *credentials = std::getenv("CREDENTIALS_DIRECTORY")) needs.read.emplace_back(credentials);
+  for (const char *folder : {"/etc", "/usr", "/lib", "/lib64", "/run", "/var/lib/sss", "/var/lib/extrausers"}) {
+    needs.read.emplace_back(folder);
+  }
+  return needs;
+}
+
 class Daemon {
  public:
   Daemon(const Options &options, const config::Config &config)
@@ -117,7 +147,8 @@ class Daemon {
     notifier_.ready();
     std::optional<std::chrono::nanoseconds> next_start;
     while (!asked_to_end()) {
-      if (wait(next_start)) accept_some(server);
+      if (wait(sooner(next_start, notifier_.watch_interval()))) accept_some(server);
+      notifier_.alive();
       next_start = server.start_next();
     }
     notifier_.stopping();
@@ -141,6 +172,8 @@ class Daemon {
     if (const auto why = why_others_may_write(folder_of_socket())) {
       throw std::runtime_error(fmt::format("the folder of the socket isn't safe: {}", *why));
     }
+    // Before there is any thread, so that all of them are confined.
+    confine(config.sandbox, needs_of(config, options_.config, folder_of_socket()));
     instance_lock_.emplace(socket_path_);
     // The page comes before the socket: clients look at it once they are greeted.
     state_page_.emplace(socket_path_);
@@ -155,7 +188,7 @@ class Daemon {
   void open_service(const config::Config &config) {
     const crypto::AlgorithmSet usable = crypto::start();
     std::unique_ptr<vault::Vault> opened = vault::open_vault({.path = config.vault,
-                                                              .master_key_file = config.master_key_file,
+                                                              .master_key_file = master_key_file_of(config),
                                                               .witness = {},
                                                               .accept_loss = options_.accept_loss,
                                                               .limits = vault_limits(config.limits)});
@@ -218,7 +251,8 @@ class Daemon {
       use(parsed.config);
     } else {
       log_problems(options_.config, parsed.problems);
-      spdlog::error("the configuration wasn't reloaded; the old one stays in force");
+      tell(event::kReloadRefused, "the configuration wasn't reloaded; the old one stays in force");
+      notifier_.refused(describe(options_.config, parsed.problems.front()));
     }
   }
 
@@ -237,7 +271,7 @@ class Daemon {
     const bool needs_restart = config.socket != old->socket || config.socket_mode != old->socket_mode ||
                                config.socket_group != old->socket_group || config.vault != old->vault ||
                                config.master_key_file != old->master_key_file;
-    if (needs_restart) spdlog::warn("a change of socket, vault or master key counts from the next start");
+    if (needs_restart) tell(event::kNeedsRestart, "a change of socket, vault or master key counts from the next start");
     set_log_level(config.log_level);
     config_.replace(config);
     vault_->use_limits(vault_limits(config.limits));
@@ -262,7 +296,9 @@ class Daemon {
 }  // namespace
 
 config::ParsedConfig load(const Options &options) {
-  config::ParsedConfig parsed = config::load_config(options.config);
+  config::ParsedConfig parsed = options.config.empty()
+                                    ? config::load_layers(config::find_layers(config::standard_folders()))
+                                    : config::load_config(options.config);
   config::Config &config = parsed.config;
   if (!options.socket.empty()) config.socket = options.socket;
   if (!options.vault.empty()) config.vault = options.vault;
@@ -285,7 +321,7 @@ int run_daemon(const Options &options) {
   try {
     Daemon(options, parsed.config).run();
   } catch (const std::exception &error) {
-    spdlog::critical("{}", error.what());
+    tell(event::kStartFailed, "{}", error.what());
     return 1;
   }
   return 0;

@@ -1,8 +1,13 @@
 // ksd: the keystore service. The command line is read here; what it asks for happens in daemon.cc.
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <map>
 
+#include "config/layers.h"
 #include "server/daemon.h"
 
 namespace {
@@ -15,7 +20,12 @@ int check(const ksd::server::Options &options) {
     std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
   }
   if (!parsed.problems.empty()) return 1;
-  std::printf("%s: valid\n", options.config.c_str());
+  if (!options.config.empty()) std::printf("%s: valid\n", options.config.c_str());
+  if (options.config.empty()) {
+    for (const std::string &file : ksd::config::find_layers(ksd::config::standard_folders())) {
+      std::printf("%s: valid\n", file.c_str());
+    }
+  }
   return 0;
 }
 
@@ -23,16 +33,19 @@ int check(const ksd::server::Options &options) {
 
 int main(int argc, char **argv) {
   ksd::server::Options options;
-  options.config = ksd::config::kDefaultConfigPath;
   bool only_check = false;
 
   CLI::App app("ksd keeps secrets and PACs and computes with keys that never leave it.");
-  app.add_option("--config", options.config, "Configuration file")->capture_default_str();
+  app.add_option("--config", options.config,
+                 fmt::format("Configuration file, read instead of ksd.toml and ksd.toml.d/*.toml in {}",
+                             fmt::join(ksd::config::standard_folders(), ", ")));
   app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one");
   app.add_option("--vault", options.vault, "Vault file, instead of the configured one");
   app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start");
   app.add_flag("--accept-loss", options.accept_loss,
                "Start also from a vault that lacks acknowledged changes, after copying its files aside");
+  app.add_flag("--allow-root", options.allow_root,
+               "Run as root, which is refused otherwise: nothing here needs its rights");
   app.add_flag("--check", only_check, "Check the configuration, say what is wrong with it, and end");
   app.add_option("--log-level", options.log_level, "debug, info, warning or error, instead of the configured one")
       ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
@@ -48,6 +61,12 @@ int main(int argc, char **argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? 0 : kWrongUse;
+  }
+  if (geteuid() == 0 && !options.allow_root && !only_check) {
+    std::fprintf(stderr,
+                 "ksd: refuses to run as root, whose rights it doesn't need; start it as another user, as the unit "
+                 "ksd.service does, or with --allow-root\n");
+    return kWrongUse;
   }
   return only_check ? check(options) : ksd::server::run_daemon(options);
 }

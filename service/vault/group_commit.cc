@@ -1,8 +1,8 @@
 #include "vault/group_commit.h"
 
-#include <spdlog/spdlog.h>
-
 #include <new>
+
+#include "base/log.h"
 
 namespace ksd::vault {
 namespace {
@@ -171,9 +171,9 @@ void GroupCommit::log_failure(const WriteFailure &failure) noexcept {
   failing_ = true;
   try {
     const bool lasts = failure.code == KS_FW_BAD_CELL;
-    spdlog::error("{}: changes are refused: {}; reads go on. {}", writer_.path(), failure.text,
-                  lasts ? "Look after the disk, then restart the service: until then nothing is written"
-                        : "Make room on the disk or look after it");
+    tell(event::kChangesRefused, "{}: changes are refused: {}; reads go on. {}", writer_.path(), failure.text,
+         lasts ? "Look after the disk, then restart the service: until then nothing is written"
+               : "Make room on the disk or look after it");
   } catch (...) {  // no memory for a line
     failing_ = false;
   }

@@ -1,9 +1,9 @@
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
 
 #include <algorithm>
 #include <stdexcept>
 
+#include "base/log.h"
 #include "base/trust.h"
 #include "vault/aside.h"
 #include "vault/file_vault.h"
@@ -71,7 +71,8 @@ void begin(Writer &writer, const Header &header) {
         fmt::format("{}: the vault can't be written: {}; make the file, its folder and its disk writable",
                     writer.path(), failed->text));
   }
-  spdlog::error("{}: the disk of the vault is full: changes are refused, reads go on; make room on it", writer.path());
+  tell(event::kDiskFull, "{}: the disk of the vault is full: changes are refused, reads go on; make room on it",
+       writer.path());
 }
 
 void refuse_what_others_may_write(const std::string &path) {
@@ -115,8 +116,8 @@ class Losses {
             fmt::format("the vault's witness {}, and the vault was in use when its service ended or the copy was made",
                         witness_.file_is_there() ? "isn't of this vault or is damaged" : "is missing"));
     } else if (!told && (header.last_version != 0 || witness_.file_is_there())) {
-      spdlog::warn("{}: the vault's witness {}; made anew", witness_.path(),
-                   witness_.file_is_there() ? "isn't of this vault or is damaged" : "wasn't there");
+      tell(event::kWitnessMadeAnew, "{}: the vault's witness {}; made anew", witness_.path(),
+           witness_.file_is_there() ? "isn't of this vault or is damaged" : "wasn't there");
     }
   }
 
@@ -131,11 +132,11 @@ class Losses {
                       "them and goes on with what is whole",
                       line));
     }
-    spdlog::warn("{}. This loss is accepted", line);
+    tell(event::kLossAccepted, "{}. This loss is accepted", line);
     if (accepted_) return;
     accepted_ = true;
     const std::string folder = put_aside(options_.path, {options_.path, log_path_, witness_.path()});
-    spdlog::warn("{}: the files as they were are in {}", options_.path, folder);
+    tell(event::kLossAccepted, "{}: the files as they were are in {}", options_.path, folder);
   }
 
   const VaultOptions &options_;

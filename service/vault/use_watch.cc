@@ -1,7 +1,8 @@
 #include "vault/use_watch.h"
 
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
+
+#include "base/log.h"
 
 namespace ksd::vault {
 namespace {
@@ -20,9 +21,10 @@ void UseWatch::look_at(const std::string &path, const Ledger &ledger, const Limi
 void UseWatch::watch(const std::string &path, int64_t user, const Use &use, const Use &limit) {
   if (!reaches(use, limit, 70)) said_.erase(user);
   if (!reaches(use, limit, 80) || !said_.insert(user).second) return;
-  spdlog::warn("{}: 80 % of the room of {} is used: {} of {} entries, {} of {} bytes; clear some or raise the limit",
-               path, user == kAllUsers ? "all users" : fmt::format("user {}", user), use.entries, limit.entries,
-               use.bytes, limit.bytes);
+  tell(event::kRoomRunsOut,
+       "{}: 80 % of the room of {} is used: {} of {} entries, {} of {} bytes; clear some or raise the limit", path,
+       user == kAllUsers ? "all users" : fmt::format("user {}", user), use.entries, limit.entries, use.bytes,
+       limit.bytes);
 }
 
 }  // namespace ksd::vault
