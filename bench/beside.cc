@@ -20,12 +20,31 @@ class MedianReporter : public benchmark::ConsoleReporter {
     for (const Run &run : runs) {
       if (run.aggregate_name != "median") continue;
       const std::string name = run.benchmark_name();
-      medians[name.substr(0, name.rfind("_median"))] = run.GetAdjustedRealTime();
+      medians[name.substr(0, name.rfind("_median"))] =
+          run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
     }
   }
 
-  std::map<std::string, double> medians;
+  std::map<std::string, double> medians;  // in nanoseconds
 };
+
+// Adds a row to the file that KS_BENCH_REPORT names, of which bench/report.py makes charts. Names of benchmarks have no
+// character that JSON would need told otherwise.
+void report(const char *program, const Comparison &comparison, double ns, const std::string &floor, double floor_ns) {
+  const char *path = std::getenv("KS_BENCH_REPORT");
+  if (path == nullptr || path[0] == '\0') return;
+  std::FILE *file = std::fopen(path, "a");
+  if (file == nullptr) {
+    std::perror(path);
+    std::exit(1);
+  }
+  std::fprintf(file,
+               R"({"program": "%s", "row": "%s", "ns": %.1f, "floor": "%s", "floor_ns": %.1f, "aim": %.2f})"
+               "\n",
+               std::filesystem::path(program).filename().c_str(), comparison.name.c_str(), ns, floor.c_str(), floor_ns,
+               comparison.aim);
+  std::fclose(file);
+}
 
 // A flag of ours unless the caller gave it another value.
 void add_default(std::vector<std::string> &arguments, const std::string &flag, const std::string &value) {
@@ -83,6 +102,7 @@ int run_beside(int argc, char **argv, const std::vector<Comparison> &comparisons
     std::printf("  %-34s %5.*f times %s", comparison.name.c_str(), ratio < 1 ? 3 : 2, ratio, names.c_str());
     if (comparison.aim > 0) std::printf(", to stay under %.2f", comparison.aim);
     std::printf("\n");
+    report(argv[0], comparison, reporter.medians[comparison.name], names, floor);
   }
   return 0;
 }

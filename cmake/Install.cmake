@@ -16,6 +16,8 @@ foreach(target mts sdwrap sysmgr sdb)
 endforeach()
 install(TARGETS ks ks_static mts sdwrap sysmgr sdb EXPORT ks_targets)
 install(DIRECTORY include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h")
+# Programs ask by a weak reference for what the host alone offers, so its header is there for all of them.
+install(DIRECTORY platform/host/include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform/include/ DESTINATION ${ks_platform_headers} FILES_MATCHING PATTERN "*.h")
 
 # find_package(ks): ks::ks, ks::static, and ks::mts, ks::sdwrap, ks::sysmgr, ks::sdb of the host platform.
@@ -59,8 +61,12 @@ if(TARGET ksd)
   install(FILES service/systemd/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME ksd.conf)
 endif()
 
-# The manual, which the target `docs` makes.
-install(DIRECTORY ${CMAKE_BINARY_DIR}/manual/ DESTINATION ${CMAKE_INSTALL_MANDIR} OPTIONAL)
+# The manual, if it was made.
+set(KS_MANUAL ${CMAKE_SOURCE_DIR}/build/man CACHE PATH "Where `./dev docs`, or docs/site/man.py, has put the manual")
+foreach(section 1 3 5 7 8)
+  install(DIRECTORY ${KS_MANUAL}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} OPTIONAL
+    FILES_MATCHING PATTERN "*.${section}")
+endforeach()
 install(FILES README.md CHANGELOG.md NEWS.md SECURITY.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs FILES_MATCHING PATTERN "*.md")
 file(GLOB examples CONFIGURE_DEPENDS examples/*.c examples/*.cc examples/*.h)

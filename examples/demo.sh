@@ -8,7 +8,13 @@ if [ -z "${KS_SESSION_DIR:-}" ]; then
   exec "$build/ks-session" --vdc 7 -- "${BASH_SOURCE[0]}" "$build"
 fi
 
-title() { printf '\n\033[1m%s\033[0m\n' "$*"; }
+# Bold is for terminals alone, and not where NO_COLOR is set.
+bold='' plain=''
+if [ -t 1 ] && [ -z "${NO_COLOR:-}" ]; then
+  bold=$'\033[1m' plain=$'\033[0m'
+fi
+
+title() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
 run() { "$build/examples/$1" "${@:2}"; }
 
 title 'The keystore: another process, over a Unix socket'
@@ -20,6 +26,8 @@ run secrets store
 run secrets list
 
 title 'The service is killed with SIGKILL and started again: nothing is lost'
+# From then on it has all reports recorded, for the end of this demo.
+printf '\n[trace]\nrecord = [100, 103]\n' >>"$KS_SESSION_DIR/ksd.toml"
 before=$(cat "$KS_SESSION_DIR/ksd.pid")
 kill -KILL "$before"
 run secrets list
@@ -39,5 +47,10 @@ run cache purge
 
 title 'PACs: what each step costs in messages to the keystore'
 run pac
+
+title 'What the service says of itself, what a look at everything finds, and what the programs did'
+"$build/ksctl" status
+"$build/ksctl" doctor --config "$KS_SESSION_DIR/ksd.toml"
+"$build/ksctl" history --timeline --last 24
 
 printf '\nDone. What was shown is in examples/; ./dev help lists what else there is.\n'

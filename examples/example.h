@@ -2,6 +2,7 @@
 #ifndef EXAMPLES_EXAMPLE_H
 #define EXAMPLES_EXAMPLE_H
 
+#include <host_mts.h>
 #include <ks_api.h>
 
 #include <cstdio>
@@ -13,22 +14,20 @@ namespace example {
 
 using Bytes = std::vector<uint8_t>;
 
-// start starts the library, or says which socket was tried and what to do.
-inline void start() {
-  if (ks_init(0, 0xe0a1, 0) == KS_SUCCESS) return;
-  const char *socket = std::getenv("KS_SOCKET");
-  std::fprintf(stderr,
-               "no keystore service answers at %s\n"
-               "start one with `ksd`, or run this under a private one: `ks-session -- COMMAND`\n",
-               socket != nullptr ? socket : "/run/ks/ksd.sock");
-  std::exit(1);
-}
-
-// require gives up unless `result` is success.
+// require gives up unless `result` is success, and says what was met where an exchange failed. (Not every platform tells
+// that.)
 inline void require(KsResult result, const char *what) {
   if (result == KS_SUCCESS) return;
   std::fprintf(stderr, "%s failed: %s (%u)\n", what, kserr2str(result), result);
+  char why[512] = "";
+  if (mts_last_error_get != nullptr) mts_last_error_get(why, sizeof why);
+  if (why[0] != '\0') std::fprintf(stderr, "%s\n", why);
   std::exit(1);
+}
+
+// start starts the library.
+inline void start() {
+  require(ks_init(0, 0xe0a1, 0), "starting");
 }
 
 inline std::string hex(const uint8_t *bytes, size_t size) {

@@ -1,3 +1,4 @@
+#include <host_mts.h>
 #include <ks_api.h>
 #include <stdio.h>
 
@@ -6,7 +7,9 @@ int main(void) {
   KsResult result = ks_init(0, 1, 0);
   if (result == KS_SUCCESS) result = ks_generate_random_number(random, sizeof random, 0);
   if (result != KS_SUCCESS) {
+    char why[512];
     fprintf(stderr, "keystore: %s\n", kserr2str(result));
+    if (mts_last_error_get != NULL) fprintf(stderr, "%s\n", mts_last_error_get(why, sizeof why));
     return 1;
   }
   for (size_t i = 0; i < sizeof random; ++i) printf("%02x", random[i]);

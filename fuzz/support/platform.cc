@@ -73,31 +73,13 @@ time_t scripted_time(time_t *) {
 }
 }
 
-uint32_t mts_bind(uint32_t, uint32_t, const KsBindTemplate *, uint32_t) {
-  return 1;
-}
-uint32_t mts_send(uint32_t, uint32_t, uint32_t, uint32_t, const void *, uint32_t, KsMtsMessage *, uint32_t,
-                  const KsSendOptions *) {
-  return 0;
-}
-uint32_t mts_rr_token_get(const KsMtsMessage *) {
-  return 1;
-}
-uint32_t mts_recv(uint32_t, KsMtsMessage *, const KsRecvOptions *) {
-  return 0;
-}
+// The functions in the place of the null platform's.
 const void *mts_payload_get(const KsMtsMessage *) {
   return fuzz::reply.data();
 }
 uint32_t mts_payload_size(const KsMtsMessage *) {
   return static_cast<uint32_t>(fuzz::reply.size());
 }
-void mts_drop(uint32_t, KsMtsMessage *) {}
-uint32_t mts_errno_get(uint32_t) {
-  return 0;
-}
-
-char sdwrap_dbg_modname[] = "ks";
 int sdwrap_hist_event_subtype_check(uint32_t, uint32_t) {
   return 0;
 }
@@ -105,9 +87,6 @@ int sdwrap_hist_event(uint32_t, uint32_t length, const void *record) {
   const auto *report = static_cast<const KsHistRecord *>(record);
   fuzz::require(length <= sizeof *report, "a report fits into its record");
   fuzz::require(strnlen(report->text, sizeof report->text) + 5 == length, "a report ends with its text");
-  return 0;
-}
-int sdwrap_hist_mts_event(uint32_t, const KsMtsMessage *, uint32_t, uint32_t) {
   return 0;
 }
 int sdwrap_chk_int(uint32_t, uint32_t, uint32_t, uint32_t) {
@@ -122,12 +101,6 @@ int buginf(uint32_t, const void *, uint32_t, const char *format, ...) {
   return length;
 }
 
-uint32_t sysmgr_vdc_get(void) {
-  return 7;
-}
-uint32_t sysmgr_supstate_get(void) {
-  return 0;
-}
 const char *sysmgr_running_cfg_uri_get(void) {
   return "lmdb:///run/ks";
 }
@@ -155,16 +128,4 @@ uint32_t sdb_delete(const char *, const KsSdbDatum *) {
 uint32_t sdb_write_done(const char *) {
   fuzz::value = fuzz::staged;
   return 0;
-}
-uint32_t sdb_iterator_init(const char *, uint32_t) {
-  return 0;
-}
-uint32_t sdb_getkey(const char *, const KsSdbDatum **, const KsSdbDatum **) {
-  return 1;
-}
-uint32_t sdb_getnext(const char *, const KsSdbDatum **, const KsSdbDatum **) {
-  return 1;
-}
-const char *syserr2str(uint32_t) {
-  return "";
 }

@@ -133,7 +133,6 @@ Journal &the_journal() {
 
 constexpr std::chrono::minutes kOneLinePer{1};
 constexpr std::chrono::seconds kLookForRoomEvery{1};
-constexpr size_t kMostStates = 512;  // so many lines a minute, and one of each kind
 
 }  // namespace
 
@@ -184,6 +183,12 @@ const LogEvent &LogLimiter::event_of(Kind kind) {
       return event::kNearLimit;
     case Kind::kForeignName:
       return event::kForeignName;
+    case Kind::kUnmapped:
+      return event::kUnmapped;
+    case Kind::kStoreRefused:
+      return event::kStoreRefused;
+    case Kind::kAdministration:
+      return event::kAdministrationFailed;
     case Kind::kCantAccept:
       return event::kCantAccept;
     case Kind::kSignal:
@@ -198,7 +203,7 @@ std::optional<uint64_t> LogLimiter::pass(Kind kind, uid_t uid, Clock::time_point
   const std::pair key(kind, uid);
   if (const auto found = states_.find(key); found != states_.end()) return pass(found->second, now);
   forget_old_ones(now);
-  return pass(states_.size() < kMostStates ? states_[key] : of_others_[kind], now);
+  return pass(states_.size() < most_states_ ? states_[key] : of_others_[kind], now);
 }
 
 std::optional<uint64_t> LogLimiter::pass(State &state, Clock::time_point now) {
@@ -212,7 +217,7 @@ std::optional<uint64_t> LogLimiter::pass(State &state, Clock::time_point now) {
 
 // Whoever has thousands of user ids would otherwise have as many lines.
 void LogLimiter::forget_old_ones(Clock::time_point now) {
-  if (states_.size() < kMostStates || now - looked_for_room_at_ < kLookForRoomEvery) return;
+  if (states_.size() < most_states_ || now - looked_for_room_at_ < kLookForRoomEvery) return;
   looked_for_room_at_ = now;
   std::erase_if(states_, [&](const auto &entry) { return now - *entry.second.last >= kOneLinePer; });
 }

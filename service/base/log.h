@@ -60,10 +60,16 @@ class LogLimiter {
     kRefused,
     kNearLimit,
     kForeignName,
+    kUnmapped,
+    kStoreRefused,
     kCantAccept,
-    kSignal
+    kSignal,
+    kAdministration
   };
   using Clock = std::chrono::steady_clock;
+
+  // So many users have a line of each kind a minute, and all others together one.
+  explicit LogLimiter(size_t most_users = 512) : most_states_(most_users) {}
 
   // pass gives, when a line may be written, how many were held back since the last one. Of so many users at a time that
   // their lines would fill the log, one line a minute passes for all that come in addition. Throws std::bad_alloc.
@@ -92,6 +98,7 @@ class LogLimiter {
   static std::optional<uint64_t> pass(State &state, Clock::time_point now);
   void forget_old_ones(Clock::time_point now);
 
+  const size_t most_states_;
   std::mutex mutex_;
   std::map<std::pair<Kind, uid_t>, State> states_;
   std::map<Kind, State> of_others_;  // when there is no room above

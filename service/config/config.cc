@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -26,6 +27,7 @@ namespace {
 
 constexpr size_t kLongestSocketPath = sizeof(sockaddr_un{}.sun_path) - 1;
 constexpr size_t kLongestUri = sizeof(HostHelloReply{}.running_cfg_uri) - 1;
+constexpr char kSubordinateUsersPath[] = "/etc/subuid";
 constexpr std::string_view kUriScheme = "lmdb:///";
 
 std::optional<uid_t> user_id(const std::string &name) {
@@ -264,13 +266,23 @@ void fit_places(Limits &limits) {
       std::min(limits.connections_administrators, limits.connections / kPlacesToAnAdministrators);
 }
 
+struct Total {
+  uint64_t number;
+  const char *of;
+};
+
+void refuse_above(Reader &reader, std::string_view key, uint64_t value, uint64_t most, const Total &total,
+                  const char *why) {
+  const toml::node *node = reader.take(key);
+  if (node == nullptr || value <= most) return;
+  reader.problem(*node,
+                 fmt::format("{} of {} {}: {}; at most {} are possible", value, total.number, total.of, why, most));
+}
+
 // Nothing can be kept of what isn't there, and nobody may be able to take everything.
 void refuse_places_that_are_not_there(Reader &reader, const Limits &limits) {
   const auto refuse_above = [&](std::string_view key, uint64_t value, uint64_t most, const char *why) {
-    const toml::node *node = reader.take(key);
-    if (node == nullptr || value <= most) return;
-    reader.problem(
-        *node, fmt::format("{} of {} connections: {}; at most {} are possible", value, limits.connections, why, most));
+    ksd::config::refuse_above(reader, key, value, most, {limits.connections, "connections"}, why);
   };
   const uint32_t most_reserved = limits.connections - 1;
   refuse_above("connections_per_user", limits.connections_per_user, limits.connections, "no user can have so many");
@@ -297,9 +309,15 @@ void read_limits(Reader &reader, Limits &limits) {
   reader.number("requests_per_user", 0, kMostAtOnce, limits.requests_per_user);
   reader.number("changes_per_user", 1, kMostAtOnce, limits.changes_per_user);
   reader.number("entries", 0, kMostEntries, limits.entries);
+  limits.entries_per_user = std::min(limits.entries_per_user, limits.entries);
   reader.number("entries_per_user", 0, kMostEntries, limits.entries_per_user);
   reader.number("bytes", 0, kMostBytes, limits.bytes);
+  limits.bytes_per_user = std::min(limits.bytes_per_user, limits.bytes);
   reader.number("bytes_per_user", 0, kMostBytes, limits.bytes_per_user);
+  constexpr char kTooMany[] = "no user can have so many";
+  refuse_above(reader, "entries_per_user", limits.entries_per_user, limits.entries, {limits.entries, "entries"},
+               kTooMany);
+  refuse_above(reader, "bytes_per_user", limits.bytes_per_user, limits.bytes, {limits.bytes, "bytes"}, kTooMany);
 }
 
 void read_gate(Reader &reader, std::string_view key, std::bitset<256> &gate) {
@@ -481,6 +499,33 @@ void merge(toml::table &into, toml::table &&from) {
   }
 }
 
+// number_of takes a text that is a number and nothing else.
+std::optional<uint32_t> number_of(std::string_view text) {
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+// Whose range is nobody's any more stands together under its first number.
+std::optional<SubordinateUsers> subordinate_users_of(std::string_view line) {
+  const size_t first_at = line.find(':') + 1;
+  const size_t count_at = line.find(':', first_at) + 1;
+  if (first_at == 0 || count_at == 0) return std::nullopt;
+  const std::string_view owner = line.substr(0, first_at - 1);
+  const auto first = number_of(line.substr(first_at, count_at - 1 - first_at));
+  const auto count = number_of(line.substr(count_at));
+  if (!first || !count) return std::nullopt;
+  const std::optional<uid_t> named = user_id(std::string(owner));
+  return SubordinateUsers{*first, *count, named ? *named : number_of(owner).value_or(*first)};
+}
+
+// None are no problem: most machines have no such file.
+std::vector<SubordinateUsers> load_subordinate_users() {
+  const UniqueFd fd(open(kSubordinateUsersPath, O_RDONLY | O_CLOEXEC));
+  return parse_subordinate_users(fd ? read_file(fd.get()).value_or("") : "");
+}
+
 ParsedConfig file_problem(std::string text) {
   ParsedConfig parsed;
   parsed.problems.push_back({0, 0, std::move(text)});
@@ -497,11 +542,18 @@ Caller Config::identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> 
   caller.uid = uid;
   caller.gid = gid;
   caller.pid = pid;
+  caller.counted_as = uid;
   caller.administrator = administrator_users.contains(uid) ||
                          std::any_of(administrator_groups.begin(), administrator_groups.end(), is_member);
   if (const auto own = vdc_of_user.find(uid); own != vdc_of_user.end()) {
     caller.vdc_id = own->second;
     return caller;
+  }
+  const auto behind = std::upper_bound(subordinate_users.begin(), subordinate_users.end(), uid,
+                                       [](uid_t left, const SubordinateUsers &right) { return left < right.first; });
+  if (behind != subordinate_users.begin()) {
+    const SubordinateUsers &range = *std::prev(behind);
+    if (uid - range.first < range.count) caller.counted_as = range.owner;
   }
   for (const auto &[group, vdc] : vdc_of_group) {
     if (!is_member(group)) continue;
@@ -509,6 +561,13 @@ Caller Config::identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> 
     return caller;
   }
   return caller;
+}
+
+std::optional<uint16_t> Config::only_vdc() const {
+  std::set<uint16_t> all;
+  for (const auto &[user, vdc] : vdc_of_user) all.insert(vdc);
+  for (const auto &[group, vdc] : vdc_of_group) all.insert(vdc);
+  return all.size() == 1 ? std::optional(*all.begin()) : std::nullopt;
 }
 
 std::string Config::cache_uri_of(const Caller &caller) const {
@@ -523,10 +582,24 @@ ParsedConfig parse_config(std::string_view text) {
   return parsed;
 }
 
+std::vector<SubordinateUsers> parse_subordinate_users(std::string_view text) {
+  std::vector<SubordinateUsers> all;
+  for (size_t begin = 0; begin < text.size();) {
+    const size_t end = std::min(text.find('\n', begin), text.size());
+    if (const auto range = subordinate_users_of(text.substr(begin, end - begin))) all.push_back(*range);
+    begin = end + 1;
+  }
+  std::stable_sort(all.begin(), all.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+  return all;
+}
+
 ParsedConfig load_config(const std::string &path) {
   std::string text;
   if (auto why = read_safely(path, text)) return file_problem(std::move(*why));
-  return parse_config(text);
+  ParsedConfig parsed = parse_config(text);
+  parsed.config.subordinate_users = load_subordinate_users();
+  parsed.config.file = path;
+  return parsed;
 }
 
 ParsedConfig load_layers(const std::vector<std::string> &files) {
@@ -543,6 +616,7 @@ ParsedConfig load_layers(const std::vector<std::string> &files) {
   // Whatever stands elsewhere, a file that can't be read would be missing from it.
   if (parsed.problems.empty()) read_all(all, parsed.config, parsed.problems);
   arrange(parsed.problems);
+  parsed.config.subordinate_users = load_subordinate_users();
   return parsed;
 }
 

@@ -41,6 +41,13 @@ struct Limits {
   friend bool operator==(const Limits &, const Limits &) = default;
 };
 
+// SubordinateUsers is a range of user numbers that belong to a user's containers, as /etc/subuid has it.
+struct SubordinateUsers {
+  uid_t first = 0;
+  uint32_t count = 0;
+  uid_t owner = 0;
+};
+
 // Gates says which subtypes of reports all clients record, and for which flags they print debug lines.
 struct Gates {
   std::bitset<256> record;
@@ -53,6 +60,7 @@ struct Gates {
 enum class Sandbox { kAuto, kOff, kRequired };
 
 struct Config {
+  std::string file;  // where it was read from
   std::string socket = HOST_DEFAULT_SOCKET;
   mode_t socket_mode = 0666;
   std::optional<gid_t> socket_group;
@@ -73,9 +81,14 @@ struct Config {
   std::vector<std::pair<gid_t, uint16_t>> vdc_of_group;  // in the order of the file: the first that fits counts
   std::set<uid_t> administrator_users;
   std::set<gid_t> administrator_groups;
+  std::vector<SubordinateUsers> subordinate_users;  // by their first number
 
-  // identify says who a caller is. A user's own mapping comes before those of the groups.
+  // identify says who a caller is. A user's own mapping comes before those of the groups. The members of a group keep
+  // it in their containers, so that they have thousands of user numbers there: these count as their own.
   Caller identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> further_groups) const;
+
+  // only_vdc is the VDC that all users and groups are mapped to; nothing when they are mapped to several, or none is.
+  std::optional<uint16_t> only_vdc() const;
 
   // cache_uri_of is the URI below which a caller's databases lie, empty for none.
   std::string cache_uri_of(const Caller &caller) const;
@@ -97,7 +110,10 @@ struct ParsedConfig {
 // parse_config reads a configuration and finds all that is wrong with it. Names of users and groups are looked up.
 ParsedConfig parse_config(std::string_view text);
 
-// load_config reads the file at `path`; one that can't be read is a problem of line 0.
+// parse_subordinate_users reads lines of "owner:first:count", as /etc/subuid has them, and passes over others.
+std::vector<SubordinateUsers> parse_subordinate_users(std::string_view text);
+
+// load_config reads the file at `path`, and /etc/subuid; a file that can't be read is a problem of line 0.
 ParsedConfig load_config(const std::string &path);
 
 // load_layers reads all of `files` as one configuration: a key of a later file replaces that of an earlier one, and of

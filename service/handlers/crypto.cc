@@ -20,36 +20,40 @@ using crypto::Algorithm;
 using crypto::NtHash;
 using Owner = KeyDemand::Owner;
 
-// DES and 3DES differ in nothing but the key. No data at all is refused, as the library does.
-template <typename Key, Algorithm kAlgorithm, void (Key::*kCipher)(Bytes, uint8_t *) const>
-void des(Service &service, const Request &request, Reply &reply) {
-  const auto descriptor = request.descriptor<KsDesDescriptor>();
+// Cipher is what differs between the ciphers whose blocks are worked on each by itself.
+struct Cipher {
+  Algorithm algorithm;
+  size_t block_size;
+  bool may_be_empty;    // a request without data then has a reply without data
+  KsResult unsuitable;  // the result for a secret that is no key of it
+};
+
+constexpr Cipher kAes{Algorithm::kAesEcb, crypto::kAesBlockSize, true, KS_KEY_LEN_UNSUPPORTED};
+constexpr Cipher kDes{Algorithm::kDes, crypto::kDesBlockSize, false, KS_BAD_KEY};
+constexpr Cipher kTripleDes{Algorithm::kTripleDes, crypto::kDesBlockSize, false, KS_BAD_KEY};
+
+template <typename Descriptor, const Cipher &kCipher, typename Key, void (Key::*kRun)(Bytes, uint8_t *) const>
+void ecb(Service &service, const Request &request, Reply &reply) {
+  const auto descriptor = request.descriptor<Descriptor>();
   if (!descriptor) return reply.result(KS_INVALID_ARGS);
   const auto name = request_name(request, *descriptor);
   const auto data = request.section(descriptor->data_offset, descriptor->data_len);
-  if (!name || !data || data->empty() || data->size() % crypto::kDesBlockSize != 0) {
-    return reply.result(KS_INVALID_ARGS);
-  }
+  if (!name || !data || data->size() % kCipher.block_size != 0) return reply.result(KS_INVALID_ARGS);
+  if (data->empty() && !kCipher.may_be_empty) return reply.result(KS_INVALID_ARGS);
 
-  const NamedKey<Key> key(service, request, *name, {.algorithm = kAlgorithm, .unsuitable = KS_BAD_KEY});
+  const NamedKey<Key> key(service, request, *name, {.algorithm = kCipher.algorithm, .unsuitable = kCipher.unsuitable});
   if (!key) return reply.result(key.result());
-  ((*key).*kCipher)(*data, reply.data_area(descriptor->data_len));
+  ((*key).*kRun)(*data, reply.data_area(descriptor->data_len));
 }
 
-// An AES request without an IV may be empty; the reply then is, too.
 template <typename Key>
-void aes_ecb(Service &service, const Request &request, Reply &reply) {
-  const auto descriptor = request.descriptor<KsAesDescriptor>();
-  if (!descriptor) return reply.result(KS_INVALID_ARGS);
-  const auto name = request_name(request, *descriptor);
-  const auto data = request.section(descriptor->data_offset, descriptor->data_len);
-  if (!name || !data || data->size() % crypto::kAesBlockSize != 0) return reply.result(KS_INVALID_ARGS);
+constexpr Handler aes_ecb = ecb<KsAesDescriptor, kAes, Key, &Key::ecb>;
 
-  const NamedKey<Key> key(service, request, *name,
-                          {.algorithm = Algorithm::kAesEcb, .unsuitable = KS_KEY_LEN_UNSUPPORTED});
-  if (!key) return reply.result(key.result());
-  key->ecb(*data, reply.data_area(descriptor->data_len));
-}
+template <void (crypto::DesKey::*kRun)(Bytes, uint8_t *) const>
+constexpr Handler des = ecb<KsDesDescriptor, kDes, crypto::DesKey, kRun>;
+
+template <void (crypto::TripleDesKey::*kRun)(Bytes, uint8_t *) const>
+constexpr Handler triple_des = ecb<KsDesDescriptor, kTripleDes, crypto::TripleDesKey, kRun>;
 
 // The reply is the IV to chain on with, and the data behind it; the two have one length of 16 bits, so the longest data
 // of all, 65520 bytes, has no room there.
@@ -216,12 +220,10 @@ constexpr std::array kRows{
     Row{KS_OP_HMAC_SHA1, "HMAC-SHA1", hmac<crypto::HmacSha1Key, Algorithm::kHmacSha1>},
     Row{KS_OP_MD5, "MD5", hash<crypto::Md5, Algorithm::kMd5>},
     Row{KS_OP_SHA1, "SHA-1", hash<crypto::Sha1, Algorithm::kSha1>},
-    Row{KS_OP_DES_ENCRYPT, "DES encrypt", des<crypto::DesKey, Algorithm::kDes, &crypto::DesKey::encrypt>},
-    Row{KS_OP_DES_DECRYPT, "DES decrypt", des<crypto::DesKey, Algorithm::kDes, &crypto::DesKey::decrypt>},
-    Row{KS_OP_3DES_ENCRYPT, "3DES encrypt",
-        des<crypto::TripleDesKey, Algorithm::kTripleDes, &crypto::TripleDesKey::encrypt>},
-    Row{KS_OP_3DES_DECRYPT, "3DES decrypt",
-        des<crypto::TripleDesKey, Algorithm::kTripleDes, &crypto::TripleDesKey::decrypt>},
+    Row{KS_OP_DES_ENCRYPT, "DES encrypt", des<&crypto::DesKey::encrypt>},
+    Row{KS_OP_DES_DECRYPT, "DES decrypt", des<&crypto::DesKey::decrypt>},
+    Row{KS_OP_3DES_ENCRYPT, "3DES encrypt", triple_des<&crypto::TripleDesKey::encrypt>},
+    Row{KS_OP_3DES_DECRYPT, "3DES decrypt", triple_des<&crypto::TripleDesKey::decrypt>},
 };
 
 }  // namespace

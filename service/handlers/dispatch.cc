@@ -19,12 +19,6 @@ void run(const Row &row, Service &service, const Request &request, Reply &reply)
   }
 }
 
-KsResult result_of(const Reply &reply) {
-  KsResult result = KS_FAILURE;
-  if (reply.payload().size() >= sizeof result) std::memcpy(&result, reply.payload().data(), sizeof result);
-  return result;
-}
-
 }  // namespace
 
 Dispatcher::Dispatcher() {
@@ -49,7 +43,7 @@ bool Dispatcher::answer(Service &service, const Request &request, Reply &reply) 
   reply.reset();
   run(*row, service, request, reply);
   if (reply.payload().empty()) reply.result(KS_FAILURE);
-  service.counters.message(request.opcode, result_of(reply) == KS_SUCCESS);
+  service.counters.message(request.opcode, reply.code() == KS_SUCCESS);
   return true;
 }
 

@@ -27,7 +27,7 @@ void store_pac(Service &service, const Request &request, Reply &reply) {
   if (key->size() > kLongestPart || metadata->size() > kLongestPart) return reply.result(KS_RPC_TOO_LARGE);
 
   if (!allowed_name(service, request, *name)) return reply.result(KS_INVALID_ARGS);
-  reply.result(service.store().put(*name, std::nullopt, *key, *metadata, request.caller.uid));
+  reply.result(service.store().put(*name, std::nullopt, *key, *metadata, request.caller.counted_as));
 }
 
 // The flag is one byte behind the length, so that the reply has 7.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <span>
+#include <vector>
 
 #include "base/bytes.h"
 #include "host_wire.h"
@@ -46,7 +47,24 @@ class Reply {
     std::memcpy(area(sizeof value), &value, sizeof value);
   }
 
+  // records makes a reply of a head and records behind it. More than fit cannot be said: KS_RPC_TOO_LARGE.
+  template <typename Head, typename Record>
+  void records(const Head &head, const std::vector<Record> &rest) {
+    static_assert(sizeof head % alignof(Record) == 0, "records are where a struct of both would have them");
+    if (rest.size() > (kLargest - sizeof head) / sizeof(Record)) return result(KS_RPC_TOO_LARGE);
+    uint8_t *out = area(sizeof head + rest.size() * sizeof(Record));
+    std::memcpy(out, &head, sizeof head);
+    if (!rest.empty()) std::memcpy(out + sizeof head, rest.data(), rest.size() * sizeof(Record));
+  }
+
   Bytes payload() const { return {frame_.get() + kHeaderRoom, size_}; }
+
+  // code is the result that the reply begins with.
+  KsResult code() const {
+    KsResult code = KS_FAILURE;
+    if (size_ >= sizeof code) std::memcpy(&code, frame_.get() + kHeaderRoom, sizeof code);
+    return code;
+  }
 
   // For the server: forget the last reply; write the header; take header and payload as one datagram.
   void reset() { size_ = 0; }

@@ -42,7 +42,7 @@ void store_secret(Service &service, const Request &request, Reply &reply) {
   if (alias && !allowed_name(service, request, *alias)) return reply.result(KS_INVALID_ARGS);
   // An alias in another VDC would let that VDC's callers at the entry.
   if (alias && alias->vdc_id != name->vdc_id) return reply.result(KS_INVALID_ARGS);
-  reply.result(service.store().put(*name, alias, *secret, *metadata, request.caller.uid));
+  reply.result(service.store().put(*name, alias, *secret, *metadata, request.caller.counted_as));
 }
 
 void add_metadata(Service &service, const Request &request, Reply &reply) {

@@ -6,6 +6,7 @@
 
 #include "base/caller.h"
 #include "base/counters.h"
+#include "base/latencies.h"
 #include "base/log.h"
 #include "crypto/crypto.h"
 #include "vault/store.h"
@@ -23,6 +24,7 @@ class Service {
   void refused_name(const Caller &caller);
 
   Counters counters;
+  Latencies latencies;
   LogLimiter log_limiter;
   crypto::Crypto crypto;  // outlives the store, which tells it what is gone
 

@@ -1,45 +1,297 @@
 #include "server/administration.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 
 namespace ksd::server {
+namespace {
+
+constexpr uint32_t kNobody = 0;
+
+// put_text copies a text that may be too long for its place: the end says more than the beginning, of a path anyway.
+template <size_t size>
+void put_text(char (&place)[size], std::string_view text) {
+  constexpr std::string_view kCut = "...";
+  const bool fits = text.size() < size;
+  if (!fits) text.remove_prefix(text.size() - (size - 1 - kCut.size()));
+  char *out = fits ? place : std::copy(kCut.begin(), kCut.end(), place);
+  *std::copy(text.begin(), text.end(), out) = '\0';
+}
+
+uint64_t size_of_file(const std::string &path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
+// number_in gives the number that is all of a request, or nothing.
+std::optional<uint32_t> number_in(const handlers::Request &request) {
+  return request.message.size() == sizeof(uint32_t) ? request.descriptor<uint32_t>() : std::nullopt;
+}
+
+template <typename Record>
+void page(handlers::Reply &reply, std::vector<Record> records) {
+  HostPageReply head{.result = KS_SUCCESS, .count = 0, .more = 0, .record_size = sizeof(Record)};
+  if (records.size() > HOST_PAGE_RECORDS) {  // one more was asked for, to see whether there is one
+    head.more = 1;
+    records.resize(HOST_PAGE_RECORDS);
+  }
+  head.count = static_cast<uint32_t>(records.size());
+  reply.records(head, records);
+}
+
+// for_each_page has `visit` see all that is listed, a page at a time.
+template <typename List, typename Visit>
+void for_each_page(List list, Visit visit) {
+  for (uid_t from = 0;;) {
+    const auto found = list(from, HOST_PAGE_RECORDS);
+    for (const auto &one : found) visit(one);
+    if (found.size() < HOST_PAGE_RECORDS || found.back().uid == HOST_ALL_UNMAPPED) return;
+    from = found.back().uid + 1;
+  }
+}
+
+}  // namespace
 
 struct Administration::Row {
   uint32_t opcode;
-  void (Administration::*handler)(const handlers::Request &request, handlers::Reply &reply);
+  void (Administration::*handler)(const Asked &asked);
+  bool has_descriptor = false;  // else a request of it has no payload
 };
 
 const Administration::Row Administration::kRows[] = {
-    {HOST_OP_STATUS, &Administration::status},
+    {HOST_OP_STATUS, &Administration::status},       {HOST_OP_COUNTERS, &Administration::counters, true},
+    {HOST_OP_LATENCIES, &Administration::latencies}, {HOST_OP_USERS, &Administration::users, true},
+    {HOST_OP_OWNERS, &Administration::owners, true}, {HOST_OP_LIMITS, &Administration::limits},
+    {HOST_OP_RELOAD, &Administration::reload},       {HOST_OP_CHECKPOINT, &Administration::checkpoint},
 };
 
-bool Administration::answer(const handlers::Request &request, handlers::Reply &reply) {
+bool Administration::answer(const handlers::Request &request, Crowd &crowd, handlers::Reply &reply) {
   const auto row = std::ranges::find(kRows, request.opcode, &Row::opcode);
   if (row == std::end(kRows) || !request.caller.administrator) return false;
-  (this->*row->handler)(request, reply);
+  service_.counters.add(Event::kAdministration);
+  if (!row->has_descriptor && !request.message.empty()) {
+    reply.result(KS_INVALID_ARGS);
+    return true;
+  }
+  try {
+    (this->*row->handler)({request, crowd, reply});
+  } catch (const std::bad_alloc &) {
+    reply.result(KS_NO_MEMORY);
+  } catch (const std::exception &error) {
+    service_.log_limiter.warn(LogLimiter::Kind::kAdministration, request.caller.uid,
+                              "a message of an administrator: {}", error.what());
+    reply.result(KS_FAILURE);
+  }
   return true;
 }
 
-void Administration::status(const handlers::Request &request, handlers::Reply &reply) {
-  if (!request.message.empty()) return reply.result(KS_INVALID_ARGS);
-  const vault::Store::Usage usage = service_.store().usage();
-  const Places places = crowd_.places();
+void Administration::status(const Asked &asked) {
+  const vault::Store::Usage usage = vault_.usage();
+  const vault::Condition condition = vault_.condition();
+  const Reloader::State configuration = reloader_.state();
+  const std::shared_ptr<const config::Config> config = current_config_.snapshot();
+  const Places places = asked.crowd.places();
   HostStatusReply status{};
   status.result = KS_SUCCESS;
   status.pid = static_cast<uint32_t>(getpid());
   status.started_at = static_cast<uint64_t>(started_at_);
   status.service_version = KSD_VERSION_MAJOR * 256 + KSD_VERSION_MINOR;
   status.connections = places.connections;
-  status.connection_limit = current_config_.snapshot()->limits.connections;
+  status.connection_limit = config->limits.connections;
   status.users = places.users;
   status.entries = usage.entries;
   status.entry_limit = usage.entry_limit;
   if (!guarded_memory_use().all_locked) status.flags |= HOST_STATUS_MEMORY_UNLOCKED;
   if (usage.over_90_percent) status.flags |= HOST_STATUS_STORE_NEARLY_FULL;
   if (usage.compaction_helps) status.flags |= HOST_STATUS_COMPACTION_HELPS;
-  reply.record(status);
+  if (!condition.refusal.empty()) status.flags |= HOST_STATUS_CHANGES_REFUSED;
+  if (condition.until_restart) status.flags |= HOST_STATUS_UNTIL_RESTART;
+  if (!condition.reserve_kept) status.flags |= HOST_STATUS_RESERVE_GIVEN_UP;
+  if (configuration.restart_needed) status.flags |= HOST_STATUS_RESTART_NEEDED;
+  status.supstate = config->supstate;
+  status.up_ms = up_ms();
+  status.bytes = usage.bytes;
+  status.byte_limit = usage.byte_limit;
+  status.vault_size = size_of_file(vault_.path());
+  status.log_size = size_of_file(vault_.path() + "-wal");
+  status.receive_limit_ms = config->receive_limit_ms;
+  status.problem_count = static_cast<uint32_t>(configuration.problem_count);
+  status.config_loaded_at = static_cast<uint64_t>(configuration.loaded_at);
+  status.reload_failed_at = static_cast<uint64_t>(configuration.failed_at);
+  put_text(status.vault, vault_.path());
+  put_text(status.config, configuration.path);
+  put_text(status.refusal, condition.refusal);
+  if (configuration.problem_count != 0) {
+    put_text(status.problem, config::describe(configuration.path, configuration.problem));
+  }
+  asked.reply.record(status);
+}
+
+void Administration::counters(const Asked &asked) {
+  HostCountersReply head{};
+  head.result = KS_SUCCESS;
+  head.up_ms = up_ms();
+  MessageCountList counts;
+  if (asked.request.message.empty()) {
+    const Counters &all = service_.counters;
+    counts = list_of(all.messages());
+    head.connections = all.total(Event::kConnected);
+    head.refused_connections = all.total(Event::kRefusedConnection);
+    head.malformed = all.total(Event::kMalformed);
+    head.unknown_opcodes = all.total(Event::kUnknownOpcode);
+    head.too_large = all.total(Event::kTooLarge);
+    head.foreign_datagrams = all.total(Event::kForeignDatagram);
+    head.unread_replies = all.total(Event::kUnread);
+    head.foreign_names = all.total(Event::kForeignName);
+    head.administration = all.total(Event::kAdministration);
+  } else {
+    const std::optional<uint32_t> uid = number_in(asked.request);
+    if (!uid) return asked.reply.result(KS_INVALID_ARGS);
+    std::optional<MessageCountList> of_user = asked.crowd.messages_of(*uid);
+    if (!of_user) return asked.reply.result(KS_NOT_FOUND);
+    counts = std::move(*of_user);
+  }
+  std::vector<HostMessageCounters> records;
+  for (uint32_t opcode = kFirstOpcode; opcode <= kLastOpcode; ++opcode) {
+    const handlers::Row *row = dispatcher_.find(opcode);
+    if (row == nullptr) continue;
+    const MessageCount &count = counts.at(opcode - kFirstOpcode);
+    HostMessageCounters &record = records.emplace_back();
+    record.opcode = opcode;
+    record.done = count.done;
+    record.failed = count.failed;
+    put_text(record.name, row->name);
+  }
+  head.count = static_cast<uint32_t>(records.size());
+  asked.reply.records(head, records);
+}
+
+void Administration::latencies(const Asked &asked) {
+  HostLatenciesReply head{};
+  head.result = KS_SUCCESS;
+  head.bucket_count = HOST_LATENCY_BUCKETS;
+  head.up_ms = up_ms();
+  std::vector<HostMessageLatencies> records;
+  for (uint32_t opcode = kFirstOpcode; opcode <= kLastOpcode; ++opcode) {
+    if (dispatcher_.find(opcode) == nullptr) continue;
+    HostMessageLatencies &record = records.emplace_back();
+    record.opcode = opcode;
+    for (size_t i = 0; i < HOST_LATENCY_BUCKETS; ++i) record.timed[i] = service_.latencies.timed(opcode, i);
+  }
+  head.count = static_cast<uint32_t>(records.size());
+  asked.reply.records(head, records);
+}
+
+void Administration::users(const Asked &asked) {
+  const std::optional<uint32_t> from = number_in(asked.request);
+  if (!from) return asked.reply.result(KS_INVALID_ARGS);
+  std::vector<HostUserRecord> records;
+  for (const Visitor &visitor : asked.crowd.visitors(*from, HOST_PAGE_RECORDS + 1)) {
+    records.push_back({.uid = visitor.uid,
+                       .vdc_id = visitor.vdc_id.value_or(HOST_NO_VDC),
+                       .connections = visitor.connections,
+                       .flags = visitor.administrator ? HOST_USER_IS_ADMINISTRATOR : 0,
+                       .done = visitor.done,
+                       .failed = visitor.failed});
+  }
+  page(asked.reply, std::move(records));
+}
+
+void Administration::owners(const Asked &asked) {
+  const std::optional<uint32_t> from = number_in(asked.request);
+  if (!from) return asked.reply.result(KS_INVALID_ARGS);
+  std::vector<HostOwnerRecord> records;
+  for (const vault::Owner &owner : vault_.owners(*from, HOST_PAGE_RECORDS + 1)) {
+    records.push_back({.uid = owner.uid, .vdc_id = owner.vdc_id, .entries = owner.entries, .bytes = owner.bytes});
+  }
+  page(asked.reply, std::move(records));
+}
+
+void Administration::limits(const Asked &asked) {
+  const config::Limits limits = current_config_.snapshot()->limits;
+  const vault::Store::Usage usage = vault_.usage();
+  const Places places = asked.crowd.places();
+  Visitor busiest;
+  for_each_page([&](uid_t from, size_t most) { return asked.crowd.visitors(from, most); },
+                [&](const Visitor &visitor) {
+                  const bool counts = visitor.uid != HOST_ALL_UNMAPPED;  // who have a limit of their own
+                  if (counts && visitor.connections > busiest.connections) busiest = visitor;
+                });
+  const vault::Owner most_entries = fullest_owner(&vault::Owner::entries);
+  const vault::Owner most_bytes = fullest_owner(&vault::Owner::bytes);
+
+  std::vector<HostLimitRecord> records;
+  const auto add = [&](const char *key, uint64_t limit, uint64_t used, uint32_t uid, uint32_t flags) {
+    HostLimitRecord &record = records.emplace_back();
+    put_text(record.key, key);
+    record.limit = limit;
+    record.used = used;
+    record.uid = uid;
+    record.flags = flags;
+  };
+  const auto of_all = [&](const char *key, uint64_t limit, uint64_t used) {
+    add(key, limit, used, kNobody, HOST_LIMIT_HAS_USE);
+  };
+  const auto of_one = [&](const char *key, uint64_t limit, uint64_t used, uid_t uid) {
+    add(key, limit, used, uid, HOST_LIMIT_HAS_USE | (used != 0 ? HOST_LIMIT_HAS_USER : 0));
+  };
+  const auto without_use = [&](const char *key, uint64_t limit) { add(key, limit, 0, kNobody, 0); };
+  of_all("connections", limits.connections, places.connections);
+  of_one("connections_per_user", limits.connections_per_user, busiest.connections, busiest.uid);
+  of_all("connections_unmapped", limits.connections_unmapped, places.of_unmapped);
+  of_all("connections_administrators", limits.connections_administrators, places.of_administrators);
+  without_use("connects_per_second", limits.connects_per_second);
+  without_use("requests_per_user", shared_requests(limits));
+  without_use("changes_per_user", limits.changes_per_user);
+  of_all("entries", limits.entries, usage.entries);
+  of_one("entries_per_user", limits.entries_per_user, most_entries.entries, most_entries.uid);
+  of_all("bytes", limits.bytes, usage.bytes);
+  of_one("bytes_per_user", limits.bytes_per_user, most_bytes.bytes, most_bytes.uid);
+  const HostLimitsReply head{.result = KS_SUCCESS, .count = static_cast<uint32_t>(records.size())};
+  asked.reply.records(head, records);
+}
+
+void Administration::reload(const Asked &asked) {
+  spdlog::info("user {} asks for the configuration to be read again", asked.request.caller.uid);
+  const Reloader::Outcome outcome = reloader_.reload();
+  std::vector<HostConfigProblem> records;
+  for (const config::ConfigProblem &problem : outcome.problems) {
+    if (records.size() == HOST_RELOAD_PROBLEMS) break;
+    HostConfigProblem &record = records.emplace_back();
+    record.line = problem.line;
+    record.column = problem.column;
+    put_text(record.text, problem.text);
+  }
+  const HostReloadReply head{.result = KS_SUCCESS,
+                             .taken_up = outcome.taken_up ? 1u : 0,
+                             .restart_needed = outcome.restart_needed ? 1u : 0,
+                             .problem_count = static_cast<uint32_t>(outcome.problems.size()),
+                             .count = static_cast<uint32_t>(records.size()),
+                             .reserved = 0};
+  asked.reply.records(head, records);
+}
+
+void Administration::checkpoint(const Asked &asked) {
+  HostCheckpointReply written{.result = KS_SUCCESS, .reserved = 0, .pages = 0};
+  const KsResult result = vault_.write_back(written.pages);
+  if (result != KS_SUCCESS) return asked.reply.result(result);
+  asked.reply.record(written);
+}
+
+vault::Owner Administration::fullest_owner(uint64_t vault::Owner::*what) const {
+  vault::Owner fullest;
+  for_each_page([this](uid_t from, size_t most) { return vault_.owners(from, most); },
+                [&](const vault::Owner &owner) {
+                  if (owner.*what > fullest.*what) fullest = owner;
+                });
+  return fullest;
+}
+
+uint64_t Administration::up_ms() const {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started_).count());
 }
 
 }  // namespace ksd::server

@@ -2,48 +2,70 @@
 #ifndef SERVICE_SERVER_ADMINISTRATION_H
 #define SERVICE_SERVER_ADMINISTRATION_H
 
-#include <ctime>
+#include <vector>
 
-#include "handlers/reply.h"
-#include "handlers/request.h"
+#include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/crowd.h"
 #include "server/current_config.h"
+#include "server/reloader.h"
+#include "server/users.h"
+#include "vault/vault.h"
 
 namespace ksd::server {
 
-// Places are how many connections and users there are.
-struct Places {
-  uint32_t connections = 0;
-  uint32_t users = 0;
-};
-
-// Crowd tells who is connected.
-class Crowd {
- public:
-  virtual ~Crowd() = default;
-  virtual Places places() = 0;
-};
-
+// Administration answers on the threads of the connections. Whatever it reads of others it reads in pages, so that
+// nobody waits for it.
 class Administration {
  public:
-  // All of them outlive it.
-  Administration(handlers::Service &service, const CurrentConfig &current_config, Crowd &crowd)
-      : service_(service), current_config_(current_config), crowd_(crowd) {}
+  // All of them outlive it. `vault` is the service's store.
+  Administration(handlers::Service &service, vault::Vault &vault, const CurrentConfig &current_config,
+                 Reloader &reloader)
+      : service_(service), vault_(vault), current_config_(current_config), reloader_(reloader) {}
 
   // answer leaves a reply to an administration message of an administrator, and gives false for all others: to those
   // who aren't administrators there are no such messages.
-  bool answer(const handlers::Request &request, handlers::Reply &reply);
+  bool answer(const handlers::Request &request, Crowd &crowd, handlers::Reply &reply);
 
  private:
+  // Asked is a request, with whom it may ask about.
+  struct Asked {
+    const handlers::Request &request;
+    Crowd &crowd;
+    handlers::Reply &reply;
+  };
   struct Row;
   static const Row kRows[];
 
-  void status(const handlers::Request &request, handlers::Reply &reply);
+  void status(const Asked &asked);
+  void counters(const Asked &asked);
+  void latencies(const Asked &asked);
+  void users(const Asked &asked);
+  void owners(const Asked &asked);
+  void limits(const Asked &asked);
+  void reload(const Asked &asked);
+  void checkpoint(const Asked &asked);
+
+  vault::Owner fullest_owner(uint64_t vault::Owner::*what) const;
+  uint64_t up_ms() const;
 
   handlers::Service &service_;
+  vault::Vault &vault_;
   const CurrentConfig &current_config_;
-  Crowd &crowd_;
+  Reloader &reloader_;
+  const handlers::Dispatcher dispatcher_;  // for the messages' names
   const std::time_t started_at_ = std::time(nullptr);
+  const Clock::time_point started_ = Clock::now();
+};
+
+// Desk is where a connection brings messages for the administration. Without one, nobody has such messages.
+struct Desk {
+  Administration *administration;
+  Crowd &crowd;
+
+  bool answer(const handlers::Request &request, handlers::Reply &reply) const {
+    return administration != nullptr && administration->answer(request, crowd, reply);
+  }
 };
 
 }  // namespace ksd::server

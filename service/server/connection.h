@@ -30,7 +30,7 @@ std::optional<Peer> peer_of(int socket);
 // Connection serves one connection. All that it is given outlives it.
 class Connection {
  public:
-  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, Administration &administration,
+  Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const Desk &desk,
              const CurrentConfig &current_config, int socket, User &user, const Peer &peer);
   ~Connection();
 
@@ -43,7 +43,8 @@ class Connection {
 
   std::optional<size_t> receive();
   bool peer_left() const;
-  Share &share_for(const Frame &frame) const;
+  Share *share_for(const Frame &frame, const handlers::Row *row);
+  bool is_timed(const handlers::Row *row) const;
   Next answer(const Frame &frame);
   void answer_request(const Frame &frame);
   void answer_hello(const Frame &frame);
@@ -54,7 +55,7 @@ class Connection {
 
   handlers::Service &service_;
   const handlers::Dispatcher &dispatcher_;
-  Administration &administration_;
+  const Desk &desk_;
   const CurrentConfig &current_config_;
   User &user_;
 

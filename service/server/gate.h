@@ -55,7 +55,11 @@ class Share {
   // Pass is the right to work, waited for when it is made.
   class Pass {
    public:
-    explicit Pass(Share &share) : share_(&share), crowded_(share.crowded_.load(std::memory_order_relaxed)) {
+    explicit Pass(Share &share) : Pass(&share) {}
+    // Without a share there is nothing to wait for.
+    explicit Pass(Share *share)
+        : share_(share), crowded_(share != nullptr && share->crowded_.load(std::memory_order_relaxed)) {
+      if (share_ == nullptr) return;
       share_->most_.enter();
       if (crowded_) share_->shared_.enter();
     }

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -43,7 +44,11 @@ std::string socket_path_of(int socket) {
 
 void make_socket_folder(const std::string &socket_path) {
   const std::string folder = std::filesystem::path(socket_path).parent_path();
-  if (mkdir(folder.c_str(), 0755) < 0 && errno != EEXIST) fail(folder, "can't make the folder of the socket");
+  if (mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST) return;
+  throw std::runtime_error(fmt::format(
+      "{}: can't make the folder of the socket: {}; make it for user {}, or name another socket with --socket "
+      "(ks-session gives any user a service of their own)",
+      folder, std::strerror(errno), geteuid()));
 }
 
 UniqueFd listen_at(const std::string &path, const config::Config &config) {

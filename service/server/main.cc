@@ -5,9 +5,11 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 
 #include "config/layers.h"
+#include "config/places.h"
 #include "server/daemon.h"
 
 namespace {
@@ -20,12 +22,14 @@ int check(const ksd::server::Options &options) {
     std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
   }
   if (!parsed.problems.empty()) return 1;
-  if (!options.config.empty()) std::printf("%s: valid\n", options.config.c_str());
-  if (options.config.empty()) {
-    for (const std::string &file : ksd::config::find_layers(ksd::config::standard_folders())) {
-      std::printf("%s: valid\n", file.c_str());
-    }
+  const std::vector<std::string> files =
+      options.config.empty() ? ksd::config::find_layers(ksd::config::standard_folders()) : std::vector{options.config};
+  const std::vector<std::string> obstacles = ksd::config::find_obstacles(parsed.config);
+  for (const std::string &obstacle : obstacles) {
+    std::fprintf(stderr, "%s: %s\n", parsed.config.file.c_str(), obstacle.c_str());
   }
+  if (!obstacles.empty()) return 1;
+  for (const std::string &file : files) std::printf("%s: valid\n", file.c_str());
   return 0;
 }
 
@@ -38,20 +42,25 @@ int main(int argc, char **argv) {
   CLI::App app("ksd keeps secrets and PACs and computes with keys that never leave it.");
   app.add_option("--config", options.config,
                  fmt::format("Configuration file, read instead of ksd.toml and ksd.toml.d/*.toml in {}",
-                             fmt::join(ksd::config::standard_folders(), ", ")));
-  app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one");
-  app.add_option("--vault", options.vault, "Vault file, instead of the configured one");
-  app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start");
+                             fmt::join(ksd::config::standard_folders(), ", ")))
+      ->option_text("FILE");
+  app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one")->option_text("PATH");
+  app.add_option("--vault", options.vault, "Vault file, instead of the configured one")->option_text("FILE");
+  app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start")
+      ->option_text("FILE");
   app.add_flag("--accept-loss", options.accept_loss,
                "Start also from a vault that lacks acknowledged changes, after copying its files aside");
   app.add_flag("--allow-root", options.allow_root,
                "Run as root, which is refused otherwise: nothing here needs its rights");
-  app.add_flag("--check", only_check, "Check the configuration, say what is wrong with it, and end");
+  app.add_flag("--check", only_check,
+               "Check the configuration and the places that it names, say what is wrong, and end");
   app.add_option("--log-level", options.log_level, "debug, info, warning or error, instead of the configured one")
+      ->option_text("{debug,info,warning,error}")
       ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
   const std::map<std::string, ksd::LogFormat> formats{
       {"auto", ksd::LogFormat::kAuto}, {"plain", ksd::LogFormat::kPlain}, {"journal", ksd::LogFormat::kJournal}};
   app.add_option("--log-format", options.log_format, "auto, plain (with times) or journal (with priorities)")
+      ->option_text("{auto,plain,journal}")
       ->transform(CLI::Transformer(formats));
   app.set_version_flag("--version", "ksd " KSD_VERSION);
   app.footer(

@@ -13,6 +13,9 @@ namespace {
 // Nothing tells when the last of several users has been gone for long enough, so it is looked for in between.
 constexpr std::chrono::seconds kLookForCrowd{5};
 
+// How many threads wait for a connection, at most.
+constexpr uint32_t kMostIdle = 16;
+
 // Whether the other end has closed and left nothing to be read. Such a connection needs no thread.
 bool has_gone(int socket) {
   pollfd state{.fd = socket, .events = POLLIN | POLLRDHUP, .revents = 0};
@@ -23,7 +26,7 @@ bool has_gone(int socket) {
 
 // What is logged of users without a VDC counts for all of them together, as they themselves do.
 uid_t logged_as(const Caller &caller) {
-  return rank_of(caller) == Rank::kUnmapped ? static_cast<uid_t>(-1) : caller.uid;
+  return rank_of(caller) == Rank::kUnmapped ? static_cast<uid_t>(-1) : caller.counted_as;
 }
 
 }  // namespace
@@ -34,12 +37,14 @@ void Server::admit(UniqueFd socket) noexcept {
     std::optional<Peer> peer = peer_of(socket.get());
     if (!peer) return;
     caller.uid = peer->uid;
-    caller = current_config_.snapshot()->identify(peer->uid, peer->gid, peer->pid, peer->further_groups);
+    const std::shared_ptr<const config::Config> config = current_config_.snapshot();
+    caller = config->identify(peer->uid, peer->gid, peer->pid, peer->further_groups);
     // All memory is taken before the place is.
     std::unique_ptr<Session> session(new Session{std::move(socket), std::move(*peer), rank_of(caller)});
     const Users::Place place = take_place(caller, session->socket.get());
     if (place.user == nullptr) return refuse(caller, place.why);
     note_use(caller, place);
+    if (rank_of(caller) == Rank::kUnmapped) note_unmapped(caller, *config);
 
     session->user = place.user;
     if (place.user->waiting.empty()) turns_.push(*place.user);
@@ -88,9 +93,10 @@ void Server::finish() {
   }
   std::unique_lock lock(mutex_);
   finishing_ = true;
+  while (!idle_.empty()) idle_.pop().called.notify_one();
   // What has arrived is still read and answered; the clients' next sends fail without having been delivered.
   for (const int socket : sockets_) shutdown(socket, SHUT_RD);
-  const auto all_ended = [this] { return sockets_.empty(); };
+  const auto all_ended = [this] { return sockets_.empty() && threads_ == 0; };
   if (ended_.wait_for(lock, std::chrono::milliseconds(current_config_.snapshot()->stop_limit_ms), all_ended)) return;
   // A client that reads slowly, or not at all, could keep the service for as long as it likes. What it hasn't read by
   // now it doesn't get; what it asked to be stored is stored.
@@ -122,10 +128,18 @@ void Server::give_place_back(const Session &session) {
 }
 
 void Server::start(std::unique_ptr<Session> session) noexcept {
-  try {
-    std::thread(&Server::serve, this, session.get()).detach();
+  if (give_to_idle(session.get())) {
     session.release();  // the thread's now
+    return;
+  }
+  try {
+    std::thread(&Server::work, this, session.get()).detach();
+    session.release();
   } catch (const std::exception &) {
+    {
+      const std::lock_guard lock(mutex_);
+      --threads_;
+    }
     Caller caller;
     caller.uid = session->peer.uid;
     give_place_back(*session);
@@ -143,15 +157,63 @@ void Server::note_use(const Caller &caller, const Users::Place &place) noexcept 
   service_.counters.add(Event::kConnected);
   if (uint64_t{place.used} * 5 < uint64_t{place.limit} * 4) return;
   service_.log_limiter.warn(LogLimiter::Kind::kNearLimit, logged_as(caller),
-                            "user {} connects: {} of {} connections {} are in use", caller.uid, place.used, place.limit,
-                            place.whose);
+                            "user {} connects: {} of {} connections {} are in use ({} under [limits])", caller.uid,
+                            place.used, place.limit, place.whose, place.key);
+}
+
+// Such a user is served, but whoever expects to keep something is told nothing that leads here.
+void Server::note_unmapped(const Caller &caller, const config::Config &config) noexcept try {
+  if (const std::optional<uint16_t> vdc = config.only_vdc()) {
+    unmapped_log_.warn(
+        LogLimiter::Kind::kUnmapped, caller.uid,
+        "user {} has no VDC and can keep nothing; add {} to users of the [[vdc]] with id = {} in {}, and "
+        "send the service SIGHUP",
+        caller.uid, caller.uid, *vdc, config.file);
+  } else {
+    unmapped_log_.warn(
+        LogLimiter::Kind::kUnmapped, caller.uid,
+        "user {} has no VDC and can keep nothing; add {} to users of a [[vdc]] in {}, and send the service SIGHUP",
+        caller.uid, caller.uid, config.file);
+  }
+} catch (const std::bad_alloc &) {  // the next connection finds memory for a line
+}
+
+// give_to_idle says whether a thread was there for it. Otherwise it counts the one that is to be made.
+bool Server::give_to_idle(Session *session) noexcept {
+  const std::lock_guard lock(mutex_);
+  if (idle_.empty()) {
+    ++threads_;
+    return false;
+  }
+  Idle &thread = idle_.pop();
+  --idle_count_;
+  thread.session = session;
+  thread.called.notify_one();  // under the lock: it may be gone as soon as it is free
+  return true;
+}
+
+void Server::work(Session *session) noexcept {
+  for (; session != nullptr; session = wait_for_another()) serve(session);
+  const std::lock_guard lock(mutex_);
+  --threads_;
+  ended_.notify_all();  // under the lock: the server may be gone as soon as it is free
+}
+
+// wait_for_another gives the thread's next connection, or none when it is to end.
+Session *Server::wait_for_another() noexcept {
+  Idle self;
+  std::unique_lock lock(mutex_);
+  if (finishing_ || idle_count_ == kMostIdle) return nullptr;
+  idle_.push(self);
+  ++idle_count_;
+  self.called.wait(lock, [&] { return self.session != nullptr || finishing_; });
+  return self.session;
 }
 
 void Server::serve(Session *started) noexcept {
   const std::unique_ptr<Session> session(started);
   try {
-    Connection(service_, dispatcher_, administration_, current_config_, session->socket.get(), *session->user,
-               session->peer)
+    Connection(service_, dispatcher_, desk_, current_config_, session->socket.get(), *session->user, session->peer)
         .serve();
   } catch (const std::exception &) {
     Caller caller;
@@ -164,7 +226,19 @@ void Server::serve(Session *started) noexcept {
 
 Places Server::places() {
   const std::lock_guard lock(mutex_);
-  return {.connections = users_.all(), .users = static_cast<uint32_t>(users_.known())};
+  return users_.places();
+}
+
+std::vector<Visitor> Server::visitors(uid_t from, size_t most) {
+  const std::lock_guard lock(mutex_);
+  return users_.visitors(from, most);
+}
+
+std::optional<MessageCountList> Server::messages_of(uid_t uid) {
+  const std::lock_guard lock(mutex_);
+  const User *user = users_.find(uid);
+  if (user == nullptr) return std::nullopt;
+  return list_of(user->messages);
 }
 
 }  // namespace ksd::server

@@ -27,8 +27,11 @@ UniqueFd open_page(const std::string &path) {
     throw std::runtime_error(fmt::format("{}: isn't a file of this user; remove it", path));
   }
   if (fchmod(file.get(), 0644) < 0) fail(path, "can't let clients read the state page");
-  if (status.st_size < static_cast<off_t>(sizeof(HostStatePage)) && ftruncate(file.get(), sizeof(HostStatePage)) < 0) {
-    fail(path, "can't make the state page");
+  // Allocated now, also of a file that is large enough and has nothing in it: storing into a mapped file whose file
+  // system is full would end the service.
+  if (const int error = posix_fallocate(file.get(), 0, sizeof(HostStatePage)); error != 0) {
+    errno = error;
+    fail(path, "there is no room for the state page");
   }
   return file;
 }

@@ -11,7 +11,9 @@
 #include <memory>
 
 #include "base/caller.h"
+#include "base/counters.h"
 #include "config/config.h"
+#include "server/crowd.h"
 #include "server/gate.h"
 
 namespace ksd::server {
@@ -38,6 +40,9 @@ class Allowance {
   double left_ = 0;
 };
 
+// shared_requests is how many requests of one user are computed at once while others are connected.
+uint32_t shared_requests(const config::Limits &limits);
+
 // Rank decides which places a connection may take.
 enum class Rank { kUnmapped, kMapped, kAdministrator };
 Rank rank_of(const Caller &caller);
@@ -47,12 +52,23 @@ Rank rank_of(const Caller &caller);
 struct User {
   User(uint32_t requests_shared, uint32_t changes_shared, const std::atomic<bool> &crowded);
 
+  // changes_of gives the share that a change of so many bytes counts for.
+  Share &changes_of(size_t size) { return size > kLargeChange ? large_changes : changes; }
+
+  // What the changes of others wait for is how much is written before them, so there are fewer large ones at a time.
+  static constexpr size_t kLargeChange = 4096;
+
   Share requests;
   Share changes;
+  Share large_changes;
   Allowance connects;
   uint32_t connections = 0;
+  Caller last;             // who connected last
   Queue<Session> waiting;  // for a thread
   User *next = nullptr;    // whose turn is after this one's
+
+  // On lines of its own: the threads of the user's connections write it with each request.
+  alignas(64) MessageCounts messages;
 };
 
 // Users finds each user, and counts the places that are taken. Callers see to it that one thread is in it at a time.
@@ -63,6 +79,7 @@ class Users {
     User *user = nullptr;    // none: refused
     const char *why = "";    // then, for the log
     const char *whose = "";  // of the fuller of the user's and all places, with what is taken and what there is
+    const char *key = "";    // and the name of that limit in the configuration
     uint32_t used = 0;
     uint32_t limit = 0;
   };
@@ -73,6 +90,9 @@ class Users {
 
   size_t known() const { return users_.size(); }  // those who have gone lately too
   uint32_t all() const { return taken_[0] + taken_[1] + taken_[2]; }
+  Places places() const;
+  std::vector<Visitor> visitors(uid_t from, size_t most) const;
+  const User *find(uid_t uid) const;
 
   // check_crowd looks whether one user alone has been connected for a while. While several are, it is to be called from
   // time to time; says whether that is so.

@@ -61,8 +61,10 @@ bool copy_exactly(std::span<const uint8_t> bytes, Id &out) {
 }  // namespace
 
 void refuse_damaged(const std::string &path, const std::string &what) {
-  fail("{}: the vault is damaged ({}); put a backup in its place, or move it away to start with an empty one", path,
-       what);
+  fail(
+      "{}: the vault is damaged ({}); put a backup of vault, log and witness in its place, or move all three away to "
+      "start with an empty one",
+      path, what);
 }
 
 void Database::create(const std::string &path, const VaultIdentity &identity) {

@@ -66,6 +66,7 @@ class Database {
   // anew, over what it holds.
   std::optional<WriteFailure> write_back();
   bool log_is_long() const { return *log_frames_ >= kLongLog; }
+  int log_pages() const { return *log_frames_; }
 
   // put_log_away writes the log back and has it removed when the object goes.
   std::optional<WriteFailure> put_log_away();

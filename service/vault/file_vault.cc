@@ -115,8 +115,22 @@ Store::Usage FileVault::usage() const {
   const std::shared_lock lock(state_lock_);
   const Use &use = state_.ledger.all();
   usage.entries = use.entries;
+  usage.bytes = use.bytes;
+  usage.byte_limit = limits.bytes;
   usage.over_90_percent = reaches(use, {limits.entries, limits.bytes}, 90);
   return usage;
+}
+
+std::vector<Owner> FileVault::owners(uid_t from, size_t most) const {
+  std::vector<Owner> owners;
+  owners.reserve(most);
+  const std::shared_lock lock(state_lock_);
+  const std::map<uid_t, UserUse> &users = state_.ledger.users();
+  for (auto user = users.lower_bound(from); user != users.end() && owners.size() < most; ++user) {
+    const auto &[uid, use] = *user;
+    owners.push_back({.uid = uid, .vdc_id = use.vdc_id, .entries = use.entries, .bytes = use.bytes});
+  }
+  return owners;
 }
 
 void FileVault::prepare(const Group &group) {

@@ -29,6 +29,10 @@ class FileVault final : public Vault, private Audience {
   KsResult compact() override { return commits_.compact(); }
   Usage usage() const override;
   void use_limits(const Limits &limits) override { commits_.use_limits(limits); }
+  const std::string &path() const override { return commits_.path(); }
+  Condition condition() const override { return commits_.condition(); }
+  std::vector<Owner> owners(uid_t from, size_t most) const override;
+  KsResult write_back(uint64_t &pages) override { return commits_.write_back(pages); }
 
  private:
   void prepare(const Group &group) override;

@@ -3,7 +3,10 @@
 namespace ksd::vault {
 
 KsResult Group::store(const RowPtr &before, EntryRow after) {
-  if (!ledger_.admits(before.get(), after, limits_)) return KS_STORE_FULL;
+  if (const auto refusal = ledger_.refusal(before.get(), after, limits_)) {
+    refused_ = {after.owner, *refusal};
+    return KS_STORE_FULL;
+  }
   if (before == nullptr) after.id = ++header_.last_id;
   after.version = next_version();
   if (before == nullptr || before->secret != after.secret) after.generation = after.version;

@@ -2,7 +2,10 @@
 #ifndef SERVICE_VAULT_GROUP_H
 #define SERVICE_VAULT_GROUP_H
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "ks_types.h"
@@ -22,6 +25,13 @@ class Group {
 
   // store puts `after` in the place of `before`, null for a new entry. KS_STORE_FULL: limits forbid it.
   KsResult store(const RowPtr &before, EntryRow after);
+
+  // Refused is what the limits forbade last, to whom.
+  struct Refused {
+    uid_t user = 0;
+    Refusal why;
+  };
+  const std::optional<Refused> &refused() const { return refused_; }
 
   void remove(const RowPtr &before) {
     next_version();
@@ -48,6 +58,7 @@ class Group {
   Ledger ledger_;
   const Limits &limits_;
   uint64_t &last_version_;
+  std::optional<Refused> refused_;
 };
 
 }  // namespace ksd::vault

@@ -22,6 +22,7 @@ GroupCommit::GroupCommit(Writer writer, const State &state, const Limits &limits
   group_.reserve(kLargestGroup);
   results_.reserve(kLargestGroup);
   look_around(limits_);
+  tell_condition(writer_.has_begun() ? "" : "the disk is full");
   worker_ = std::thread([this] { work(); });
 }
 
@@ -56,6 +57,34 @@ KsResult GroupCommit::compact() {
   return answer.get();
 }
 
+void GroupCommit::between_groups(const std::function<void()> &errand) {
+  Errand asked{errand, {}};
+  std::future<void> done = asked.done.get_future();
+  {
+    const std::lock_guard lock(queue_mutex_);
+    errands_.push_back(&asked);
+  }
+  work_to_do_.notify_one();
+  done.get();
+}
+
+KsResult GroupCommit::write_back(uint64_t &pages) {
+  KsResult result = KS_SUCCESS;
+  between_groups([&] {
+    const std::optional<WriteFailure> failed = writer_.write_log_back(pages);
+    if (!failed) return;
+    tell(event::kLogNotWrittenBack, "{}: its log can't be written back: {}", writer_.path(), failed->text);
+    if (writer_.is_broken()) log_failure(*failed);
+    result = failed->code;
+  });
+  return result;
+}
+
+Condition GroupCommit::condition() const {
+  const std::lock_guard lock(condition_mutex_);
+  return condition_;
+}
+
 Limits GroupCommit::current_limits() const {
   const std::lock_guard lock(limits_mutex_);
   return limits_;
@@ -70,15 +99,35 @@ void GroupCommit::work() {
   for (;;) {
     {
       std::unique_lock lock(queue_mutex_);
-      work_to_do_.wait(lock, [&] { return closing_ || !queue_.empty() || !compactions_.empty(); });
-      if (queue_.empty() && compactions_.empty()) return;
+      work_to_do_.wait(lock, [&] { return closing_ || !queue_.empty() || !compactions_.empty() || !errands_.empty(); });
+      if (queue_.empty() && compactions_.empty() && errands_.empty()) return;
       take_group();
     }
     if (!group_.empty()) {
       process(group_);
       writer_.tidy_up();
+      tell_condition(nullptr);
     }
     go_on_compacting();
+    do_errands();
+  }
+}
+
+void GroupCommit::do_errands() noexcept {
+  for (;;) {
+    Errand *errand = nullptr;
+    {
+      const std::lock_guard lock(queue_mutex_);
+      if (errands_.empty()) return;
+      errand = errands_.front();
+      errands_.pop_front();
+    }
+    try {
+      errand->what();
+      errand->done.set_value();
+    } catch (...) {
+      errand->done.set_exception(std::current_exception());
+    }
   }
 }
 
@@ -106,7 +155,10 @@ std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> chang
   const Limits limits = current_limits();
   Group group(state_, limits, last_version_);
   results_.clear();
-  for (Change *change : changes) results_.push_back(change->decide(group));
+  for (Change *change : changes) {
+    results_.push_back(change->decide(group));
+    if (results_.back() == KS_STORE_FULL) log_refusal(group);
+  }
   if (group.changes().empty()) return std::nullopt;
   const Header header = group.finished_header(sealer_);
   audience_.prepare(group);
@@ -116,6 +168,7 @@ std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> chang
     return failed->code;
   }
   failing_ = false;
+  tell_condition("");
   audience_.show(group, header);
   look_around(limits);
   return std::nullopt;
@@ -165,8 +218,19 @@ void GroupCommit::measure_room() noexcept {
                           std::memory_order_relaxed);
 }
 
+// Each user's at most once a minute: clients are told each time.
+void GroupCommit::log_refusal(const Group &group) noexcept {
+  if (!group.refused()) return;
+  const auto &[user, why] = *group.refused();
+  log_limiter_.warn(
+      LogLimiter::Kind::kStoreRefused, user,
+      "{}: a store of user {} is refused: {} of {} are in use ({} under [limits]); clear some or raise it",
+      writer_.path(), user, why.used, why.limit, why.limit_name);
+}
+
 // log_failure says it once per streak of failures: clients are told each time.
 void GroupCommit::log_failure(const WriteFailure &failure) noexcept {
+  tell_condition(failure.text.empty() ? "there is no memory" : failure.text.c_str());
   if (failing_) return;
   failing_ = true;
   try {
@@ -176,6 +240,17 @@ void GroupCommit::log_failure(const WriteFailure &failure) noexcept {
                : "Make room on the disk or look after it");
   } catch (...) {  // no memory for a line
     failing_ = false;
+  }
+}
+
+// tell_condition says how the vault is, and why it takes no changes; null: as before.
+void GroupCommit::tell_condition(const char *refusal) noexcept {
+  const std::lock_guard lock(condition_mutex_);
+  condition_.until_restart = writer_.is_broken();
+  condition_.reserve_kept = writer_.reserve_is_kept();
+  try {
+    if (refusal != nullptr) condition_.refusal = refusal;
+  } catch (const std::bad_alloc &) {  // what it was before, then
   }
 }
 

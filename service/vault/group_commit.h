@@ -13,8 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "vault/group.h"
 #include "vault/use_watch.h"
+#include "vault/vault.h"
 #include "vault/writer.h"
 
 namespace ksd::vault {
@@ -55,6 +57,14 @@ class GroupCommit {
   KsResult compact();
   bool compaction_helps() const { return compaction_helps_.load(std::memory_order_relaxed); }
 
+  // between_groups has `errand` done on the thread of writes while no change is under way, and waits for it. What it
+  // throws is thrown here.
+  void between_groups(const std::function<void()> &errand);
+
+  const std::string &path() const { return writer_.path(); }
+  KsResult write_back(uint64_t &pages);
+  Condition condition() const;
+
   Limits current_limits() const;
   void use_limits(const Limits &limits);
 
@@ -65,14 +75,23 @@ class GroupCommit {
     std::promise<KsResult> answer;
   };
 
+  // Errand is something else to be done on the thread of writes, on the stack of who waits for it.
+  struct Errand {
+    const std::function<void()> &what;
+    std::promise<void> done;
+  };
+
   void work();
+  void do_errands() noexcept;
   void take_group();
   void process(std::span<Change *const> changes) noexcept;
   std::optional<KsResult> try_together(std::span<Change *const> changes) noexcept;
   void look_around(const Limits &limits) noexcept;
   void go_on_compacting() noexcept;
   void measure_room() noexcept;
+  void log_refusal(const Group &group) noexcept;
   void log_failure(const WriteFailure &failure) noexcept;
+  void tell_condition(const char *refusal) noexcept;
 
   // Of the thread of writes alone.
   Writer writer_;
@@ -80,10 +99,14 @@ class GroupCommit {
   const State &state_;
   Audience &audience_;
   UseWatch use_watch_;
+  LogLimiter log_limiter_;
   std::vector<Change *> group_;    // with room for the largest group, as the next
   std::vector<KsResult> results_;  // of decisions, in the order of the group
   bool failing_ = false;
   uint64_t last_version_;
+
+  mutable std::mutex condition_mutex_;
+  Condition condition_;
 
   mutable std::mutex limits_mutex_;
   Limits limits_;
@@ -93,6 +116,7 @@ class GroupCommit {
   std::condition_variable work_to_do_;
   std::deque<Change *> queue_;
   std::vector<std::promise<KsResult>> compactions_;
+  std::deque<Errand *> errands_;
   bool closing_ = false;
   std::thread worker_;
 };

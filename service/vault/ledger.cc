@@ -3,11 +3,18 @@
 namespace ksd::vault {
 namespace {
 
-// fits tells whether `use` stays within the limits when `before` is replaced. Null: not counted here so far.
-bool fits(const Use &use, const EntryRow *before, const EntryRow &after, uint64_t entries, uint64_t bytes) {
-  if (before == nullptr && use.entries >= entries) return false;
+struct Bound {
+  const char *name;
+  uint64_t limit;
+};
+
+// over gives the bound that `use` would cross when `before` is replaced. Null: not counted here so far.
+std::optional<Refusal> over(const Use &use, const EntryRow *before, const EntryRow &after, const Bound &entries,
+                            const Bound &bytes) {
+  if (before == nullptr && use.entries >= entries.limit) return Refusal{entries.name, use.entries, entries.limit};
   const uint64_t freed = before == nullptr ? 0 : before->bytes();
-  return after.bytes() <= freed || use.bytes - freed + after.bytes() <= bytes;
+  if (after.bytes() <= freed || use.bytes - freed + after.bytes() <= bytes.limit) return std::nullopt;
+  return Refusal{bytes.name, use.bytes, bytes.limit};
 }
 
 // In floating point, which no limit overflows.
@@ -21,23 +28,26 @@ bool reaches(const Use &use, const Use &limit, unsigned percent) {
   return reaches(use.entries, limit.entries, percent) || reaches(use.bytes, limit.bytes, percent);
 }
 
-bool Ledger::admits(const EntryRow *before, const EntryRow &after, const Limits &limits) const {
+std::optional<Refusal> Ledger::refusal(const EntryRow *before, const EntryRow &after, const Limits &limits) const {
   const EntryRow *own = before != nullptr && before->owner == after.owner ? before : nullptr;
-  return fits(all_, before, after, limits.entries, limits.bytes) &&
-         fits(of(after.owner), own, after, limits.entries_per_user, limits.bytes_per_user);
+  if (auto found = over(all_, before, after, {"entries", limits.entries}, {"bytes", limits.bytes})) return found;
+  return over(of(after.owner), own, after, {"entries_per_user", limits.entries_per_user},
+              {"bytes_per_user", limits.bytes_per_user});
 }
 
 void Ledger::replace(const EntryRow *before, const EntryRow *after) {
   if (before != nullptr) {
-    Use &user = users_[before->owner];
-    for (Use *use : {&all_, &user}) {
+    UserUse &user = users_[before->owner];
+    for (Use *use : {&all_, static_cast<Use *>(&user)}) {
       --use->entries;
       use->bytes -= before->bytes();
     }
     if (user.entries == 0) users_.erase(before->owner);
   }
   if (after == nullptr) return;
-  for (Use *use : {&all_, &users_[after->owner]}) {
+  UserUse &user = users_[after->owner];
+  user.vdc_id = after->name.vdc_id;
+  for (Use *use : {&all_, static_cast<Use *>(&user)}) {
     ++use->entries;
     use->bytes += after->bytes();
   }

@@ -17,29 +17,40 @@ struct Use {
   uint64_t bytes = 0;
 };
 
+struct UserUse : Use {
+  uint16_t vdc_id = 0;  // of the entry that was stored last
+};
+
 // reaches tells whether `percent` of the entries or of the bytes of `limit` are used.
 bool reaches(const Use &use, const Use &limit, unsigned percent);
 
+// Refusal is the limit that stands in a change's way, by its name in the configuration, with what is in use of it.
+struct Refusal {
+  const char *limit_name = "";
+  uint64_t used = 0;
+  uint64_t limit = 0;
+};
+
 class Ledger {
  public:
-  // admits tells whether `after` may take the place of `before`, which is null for a new entry. A change that makes
-  // nothing larger is always admitted, also when limits were lowered below what is in use.
-  bool admits(const EntryRow *before, const EntryRow &after, const Limits &limits) const;
+  // refusal tells what keeps `after` from taking the place of `before`, which is null for a new entry; nothing when it
+  // may. A change that makes nothing larger always may, also when limits were lowered below what is in use.
+  std::optional<Refusal> refusal(const EntryRow *before, const EntryRow &after, const Limits &limits) const;
 
   // replace counts the change; either may be null.
   void replace(const EntryRow *before, const EntryRow *after);
 
   const Use &all() const { return all_; }
-  const std::map<uid_t, Use> &users() const { return users_; }
+  const std::map<uid_t, UserUse> &users() const { return users_; }
 
  private:
   Use of(uid_t user) const {
     const auto found = users_.find(user);
-    return found == users_.end() ? Use{} : found->second;
+    return found == users_.end() ? Use{} : Use(found->second);
   }
 
   Use all_;
-  std::map<uid_t, Use> users_;
+  std::map<uid_t, UserUse> users_;
 };
 
 }  // namespace ksd::vault

@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -79,6 +80,17 @@ void refuse_what_others_may_write(const std::string &path) {
   if (const auto why = why_others_may_replace(path)) throw std::runtime_error(fmt::format("{}: {}", path, *why));
 }
 
+// keep_from_others takes away the right to open the vault, which the copy of a backup may give to all. Nothing could be
+// read of it, but whoever may open a file may hold a lock on it, of the kind that SQLite uses: no service could start.
+void keep_from_others(const std::string &path) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0 || (info.st_mode & 077) == 0) return;
+  const mode_t wanted = info.st_mode & 0700;
+  if (chmod(path.c_str(), wanted) != 0) return;
+  tell(event::kVaultWasOpen, "{}: others could open it; its mode was {:04o} and is {:04o} now", path,
+       info.st_mode & 0777, wanted);
+}
+
 // refuse_without_vault keeps an empty vault from being made where a lost one stood.
 void refuse_without_vault(const std::string &path, const std::string &log, const std::string &witness) {
   for (const auto &[what, left] : {std::pair("log", log), std::pair("witness", witness)}) {
@@ -148,11 +160,20 @@ class Losses {
 
 }  // namespace
 
+void make_folders(const VaultOptions &options) {
+  if (options.master_key_file.empty() || file_exists(options.master_key_file)) return;
+  for (const std::string &path : {options.path, options.master_key_file}) {
+    const std::string folder = folder_of(path);
+    if (mkdir(folder.c_str(), 0700) == 0) spdlog::info("{}: made the folder", folder);
+  }  // what can't be made is missed below, with what to do
+}
+
 std::unique_ptr<Vault> open_vault(const VaultOptions &options) {
   if (sodium_init() < 0) throw std::runtime_error("libsodium doesn't start; the system generator may be missing");
   const std::string &path = options.path;
   const std::string log_path = path + "-wal";
   const std::string witness_path = options.witness.empty() ? path + "-witness" : options.witness;
+  make_folders(options);
   refuse_what_others_may_write(path);
   if (!options.master_key_file.empty()) refuse_what_others_may_write(options.master_key_file);
   VaultLock lock(path);
@@ -160,6 +181,7 @@ std::unique_ptr<Vault> open_vault(const VaultOptions &options) {
   if (!is_there) refuse_without_vault(path, log_path, witness_path);
   const MasterKey master = read_master_key(options.master_key_file, !is_there);
   if (!is_there) make_vault(path, master);
+  keep_from_others(path);
 
   const LogFile log = examine_log(log_path);  // before SQLite does
   Database database(path);

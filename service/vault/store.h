@@ -67,6 +67,8 @@ class Store {
   struct Usage {
     size_t entries = 0;
     size_t entry_limit = 0;
+    uint64_t bytes = 0;  // of secrets and metadata
+    uint64_t byte_limit = 0;
     bool over_90_percent = false;
     bool compaction_helps = false;
   };

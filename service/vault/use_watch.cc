@@ -21,10 +21,13 @@ void UseWatch::look_at(const std::string &path, const Ledger &ledger, const Limi
 void UseWatch::watch(const std::string &path, int64_t user, const Use &use, const Use &limit) {
   if (!reaches(use, limit, 70)) said_.erase(user);
   if (!reaches(use, limit, 80) || !said_.insert(user).second) return;
-  tell(event::kRoomRunsOut,
-       "{}: 80 % of the room of {} is used: {} of {} entries, {} of {} bytes; clear some or raise the limit", path,
-       user == kAllUsers ? "all users" : fmt::format("user {}", user), use.entries, limit.entries, use.bytes,
-       limit.bytes);
+  const char *suffix = user == kAllUsers ? "" : "_per_user";
+  tell(
+      event::kRoomRunsOut,
+      "{}: 80 % of the room of {} is used: {} of {} entries, {} of {} bytes; clear some, or raise entries{} or bytes{} "
+      "under [limits]",
+      path, user == kAllUsers ? "all users" : fmt::format("user {}", user), use.entries, limit.entries, use.bytes,
+      limit.bytes, suffix, suffix);
 }
 
 }  // namespace ksd::vault

@@ -147,6 +147,12 @@ std::optional<WriteFailure> Writer::give_back(bool &done) {
   return done ? judge(database_.write_back()) : std::nullopt;
 }
 
+std::optional<WriteFailure> Writer::write_log_back(uint64_t &pages) {
+  if (broken_) return WriteFailure{KS_FW_BAD_CELL, why_broken_};
+  pages = static_cast<uint64_t>(database_.log_pages());
+  return judge(database_.write_back());
+}
+
 void Writer::end(const Header &header) noexcept try {
   if (broken_ || !begun_) return;
   if (database_.transaction([&] { return put_header(header, false); })) return;

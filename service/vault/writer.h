@@ -33,11 +33,17 @@ class Writer {
   // give_back is a step of compaction; `done` tells whether it was the last.
   std::optional<WriteFailure> give_back(bool &done);
 
+  // write_log_back tells how many pages the log held.
+  std::optional<WriteFailure> write_log_back(uint64_t &pages);
+
   // end marks the vault as closed in order. A vault that couldn't be marked is as safe, but is lost without its log.
   void end(const Header &header) noexcept;
 
   const Sealer &sealer() const { return sealer_; }
   Database::Room room() { return database_.room(); }
+  bool has_begun() const { return begun_; }
+  bool is_broken() const { return broken_; }
+  bool reserve_is_kept() const { return reserve_.is_kept(); }
   const std::string &path() const { return database_.path(); }
 
  private:

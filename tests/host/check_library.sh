@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Usage: check_library.sh LIBRARY HEADER NEEDED...
-# A host library loads into every client: it exports what its header declares and nothing else, and needs no libraries
+# Usage: check_library.sh LIBRARY HEADER[:HEADER...] NEEDED...
+# A host library loads into every client: it exports what its headers declare and nothing else, and needs no libraries
 # but those named.
 set -euo pipefail
 library=$1 header=$2
+IFS=: read -ra headers <<<"$header"
 shift 2
 
-declared=$(grep -oP '^KS_EXTERN_C [^(\[]*?\b\K\w+(?=[(\[])' "$header" | sort)
+declared=$(grep -ohP '^KS_EXTERN_C [^(\[]*?\b\K\w+(?=[(\[])' "${headers[@]}" | sort)
 exported=$(nm -D --defined-only "$library" | awk '$2 != "A" {sub("@.*", "", $3); print $3}' | sort)
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
 expected=$(printf '%s\n' "$@" | sort)

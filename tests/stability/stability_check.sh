@@ -24,7 +24,7 @@ offers() {
 offers ksd --help --version --config --socket --vault --master-key-file --accept-loss --allow-root --check --log-level \
   --log-format
 offers ks-session --help --version --vdc --keep
-offers ksctl --help --version --socket
+offers ksctl --help --version --socket --json
 
 # ends STATUS COMMAND...
 ends() {
@@ -35,7 +35,7 @@ ends() {
 }
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/ks-stability-XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
-cp "$here/version1.toml" "$scratch/good.toml"
+sed "s,@dir@,$scratch," "$here/version1.toml" >"$scratch/good.toml"
 printf '[service]\nno_such_key = 1\n' >"$scratch/bad.toml"
 ends 0 "$build/ksd" --version
 ends 0 "$build/ksd" --check --config "$scratch/good.toml"

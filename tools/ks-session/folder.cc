@@ -108,8 +108,10 @@ void Folder::check_length() const {
 void Folder::write_config(uint16_t vdc) const {
   std::ofstream config(file("ksd.toml"));
   config << "# Written by ks-session, anew for each session.\n"
-         << "[service]\ncache_uri = " << quoted("lmdb://" + file("cache")) << '\n'
-         << "allow_nobody = true\n\n"  // whoever this is, nobody else reaches the service
+         << "[service]\nsocket = " << quoted(file("ksd.sock")) << "\nvault = " << quoted(file("vault.db"))
+         << "\nmaster_key_file = " << quoted(file("master.key"))
+         << "\ncache_uri = " << quoted("lmdb://" + file("cache")) << '\n'
+         << "allow_nobody = true\n\n"                             // whoever this is, nobody else reaches the service
          << "[administrators]\nusers = [" << getuid() << "]\n\n"  // the service is this user's own
          << "[[vdc]]\nid = " << vdc << "\nusers = [" << getuid() << "]\n";
   config.close();

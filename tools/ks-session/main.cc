@@ -63,11 +63,12 @@ void die_of(int signal_number) {
 int main(int argc, char **argv) {
   Arguments arguments;
   CLI::App app("ks-session runs COMMAND against a keystore service of its own, in a folder of its own.", "ks-session");
-  app.add_option("--vdc", arguments.vdc, "VDC id of this user in the session")
-      ->check(CLI::Range(0, 65534))
-      ->capture_default_str();
-  app.add_option("--keep", arguments.keep, "Folder to use, made when absent, and left there with vault, cache and log");
-  app.add_option("COMMAND", arguments.command, "What to run; put -- in front of it")->required();
+  app.add_option("--vdc", arguments.vdc, "VDC id of this user in the session, 0 to 65534")
+      ->option_text("N [1]")
+      ->check(CLI::Range(0, 65534));
+  app.add_option("--keep", arguments.keep, "Folder to use, made when absent, and left there with vault, cache and log")
+      ->option_text("FOLDER");
+  app.add_option("COMMAND", arguments.command, "What to run; put -- in front of it")->option_text("...")->required();
   app.set_version_flag("--version", "ks-session " KS_VERSION);
   app.footer(
       "The command finds the service through KS_SOCKET, and the folder with ksd.log and ksd.pid as KS_SESSION_DIR. A\n"

@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "failure.h"
 #include "output.h"
@@ -65,7 +66,23 @@ struct Command {
 };
 
 // The families, each in a file of its name.
-std::span<const Command> service_commands();  // status
+std::span<const Command> service_commands();       // status, owners, limits, reload, checkpoint
+std::span<const Command> stats_commands();         // stats
+std::span<const Command> history_commands();       // history
+std::span<const Command> doctor_commands();        // doctor
+std::span<const Command> secret_commands();        // secret put, list, show, rename, rm
+std::span<const Command> pac_commands();           // pac list, show, rm, age-out
+std::span<const Command> pac_transfer_commands();  // pac import, export
+std::span<const Command> cache_commands();         // cache list, warm, purge
+std::span<const Command> context_commands();       // context list, clear
+std::span<const Command> explain_commands();       // explain
+std::span<const Command> completion_commands();    // completion
+
+// Of all families, for what is made from the table.
+std::vector<const Command *> every_command();
+
+// common_parameters are those that may be given with every command, in front of it or behind.
+std::span<const Parameter> common_parameters();
 
 }  // namespace ksctl
 

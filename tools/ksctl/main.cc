@@ -1,30 +1,37 @@
 // ksctl: the operator's tool. The command line is made of the commands' rows and read here; what a command does stands
 // in the file of its family.
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <sstream>
 
 #include "command.h"
 #include "host_wire.h"
+#include "progress.h"
 
 namespace ksctl {
 namespace {
 
-constexpr std::array kFamilies{service_commands};
-
-// What may be given with every command, in front of it or behind.
-struct Common {
-  std::string socket;
-  bool json = false;
+constexpr std::array kFamilies{
+    service_commands, stats_commands,   secret_commands, pac_commands,     pac_transfer_commands, cache_commands,
+    context_commands, history_commands, doctor_commands, explain_commands, completion_commands,
 };
+
+constexpr Parameter kCommon[] = {
+    {"--socket", Kind::kFile, "Socket of the service, instead of KS_SOCKET or " HOST_DEFAULT_SOCKET},
+    {"--json", Kind::kFlag, "Print JSON, one object on one line"},
+};
+
+// What was given of these.
+using Common = Arguments;
 
 // Chosen is the command that the command line asks for, with what was given to it.
 struct Chosen {
@@ -39,16 +46,16 @@ CLI::Validator one_of(const char *choices) {
   return CLI::IsMember(names);
 }
 
-void add_parameter(CLI::App &app, const Parameter &parameter, const std::shared_ptr<Chosen> &chosen) {
+void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::string, std::string> &given) {
   const std::string name = parameter.name;
   CLI::Option *option = nullptr;
   if (parameter.kind == Kind::kFlag) {
     app.add_flag_callback(
-        name, [chosen, name] { chosen->given[name]; }, parameter.help);
+        name, [&given, name] { given[name]; }, parameter.help);
     return;
   }
   option = app.add_option_function<std::string>(
-      name, [chosen, name](const std::string &value) { chosen->given[name] = value; }, parameter.help);
+      name, [&given, name](const std::string &value) { given[name] = value; }, parameter.help);
   option->required(parameter.required);
   switch (parameter.kind) {
     case Kind::kNumber:
@@ -83,17 +90,29 @@ CLI::App &find_or_make(CLI::App &app, std::istringstream &words) {
   return find_or_make(*next, words);
 }
 
-void add_command(CLI::App &app, const Command &command, const std::shared_ptr<Chosen> &chosen) {
+void add_command(CLI::App &app, const Command &command, Chosen &chosen) {
   std::istringstream words(command.words);
   CLI::App &own = find_or_make(app, words);
   own.description(command.help);
   own.footer(command.footer);
-  for (const Parameter &parameter : command.parameters) add_parameter(own, parameter, chosen);
-  own.final_callback([&command, chosen] { chosen->command = &command; });
+  for (const Parameter &parameter : command.parameters) add_parameter(own, parameter, chosen.given);
+  own.final_callback([&command, &chosen] { chosen.command = &command; });
+}
+
+// A word that begins several commands is described by the words behind it.
+void describe_groups(CLI::App &app) {
+  for (CLI::App *group : app.get_subcommands([](const CLI::App *) { return true; })) {
+    if (!group->get_description().empty()) continue;
+    std::string words;
+    for (const CLI::App *sub : group->get_subcommands([](const CLI::App *) { return true; })) {
+      words += (words.empty() ? "" : ", ") + sub->get_name();
+    }
+    group->description(words);
+  }
 }
 
 Format format_of(const Common &common) {
-  if (common.json) return Format::kJson;
+  if (common.has("--json")) return Format::kJson;
   return isatty(STDOUT_FILENO) ? Format::kTerminal : Format::kPlain;
 }
 
@@ -103,9 +122,14 @@ bool wants_colour(Format format) {
 }
 
 std::string socket_of(const Common &common) {
-  if (!common.socket.empty()) return common.socket;
+  if (const std::string given = common.text_or("--socket", ""); !given.empty()) return given;
   const char *from_environment = secure_getenv("KS_SOCKET");
   return from_environment != nullptr && from_environment[0] != '\0' ? from_environment : HOST_DEFAULT_SOCKET;
+}
+
+int report(const Failure &failure) {
+  std::fprintf(stderr, "ksctl: %s\n", printable(failure.text()).c_str());
+  return static_cast<int>(failure.exit());
 }
 
 int run(const Chosen &chosen, const Common &common) {
@@ -116,8 +140,7 @@ int run(const Chosen &chosen, const Common &common) {
   try {
     chosen.command->run(session, Arguments(chosen.given));
   } catch (const Failure &failure) {
-    std::fprintf(stderr, "ksctl: %s\n", printable(failure.text()).c_str());
-    exit = failure.exit();
+    return report(failure);
   } catch (const std::exception &error) {
     std::fprintf(stderr, "ksctl: %s\n", printable(error.what()).c_str());
     exit = Exit::kFailed;
@@ -127,30 +150,42 @@ int run(const Chosen &chosen, const Common &common) {
     std::fprintf(stderr, "ksctl: standard output: %s; what was to be printed is cut\n", std::strerror(errno));
     exit = Exit::kFailed;
   }
+  if (const int number = caught_signal(); number != 0) raise(number);
   return static_cast<int>(exit);
 }
 
 }  // namespace
+
+std::vector<const Command *> every_command() {
+  std::vector<const Command *> all;
+  for (const auto family : kFamilies) {
+    for (const Command &command : family()) all.push_back(&command);
+  }
+  return all;
+}
+
+std::span<const Parameter> common_parameters() {
+  return kCommon;
+}
+
 }  // namespace ksctl
 
 int main(int argc, char **argv) {
   using namespace ksctl;
-  Common common;
-  const auto chosen = std::make_shared<Chosen>();
+  std::map<std::string, std::string> common;
+  Chosen chosen;
   CLI::App app("ksctl looks after a keystore service and what it keeps.", "ksctl");
-  app.add_option("--socket", common.socket, "Socket of the service, instead of KS_SOCKET or " HOST_DEFAULT_SOCKET)
-      ->type_name("FILE");
-  app.add_flag("--json", common.json, "Print JSON, one object on one line");
+  for (const Parameter &parameter : kCommon) add_parameter(app, parameter, common);
   app.set_version_flag("--version", "ksctl " KS_VERSION);
   app.footer(
       "Exit status: 0 done, 1 failed, 2 wrong use, 3 not found, 4 not allowed, 5 no service, 6 expired, 7 conflict.");
-  for (const auto family : kFamilies) {
-    for (const Command &command : family()) add_command(app, command, chosen);
-  }
+  for (const Command *command : every_command()) add_command(app, *command, chosen);
+  describe_groups(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? 0 : static_cast<int>(Exit::kUsage);
+    if (error.get_exit_code() == 0) return app.exit(error);
+    return report(Failure(Exit::kUsage, fmt::format("{}; `ksctl --help` tells how it is used", error.what())));
   }
-  return run(*chosen, common);
+  return run(chosen, Common(common));
 }

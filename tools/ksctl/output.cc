@@ -112,6 +112,10 @@ void print(const std::string &line) {
 
 }  // namespace
 
+std::string json_of(const Value &value) {
+  return to_json(value).dump();
+}
+
 std::string printable(std::string_view text) {
   std::string out;
   while (!text.empty()) {
@@ -207,7 +211,15 @@ void Output::text(std::string_view page, const Object &object) {
 }
 
 void Output::json(const Value &value) {
-  print(to_json(value).dump());
+  print(json_of(value));
+}
+
+void Output::complain(const std::string &line) const {
+  std::fprintf(stderr, "%s\n", printable(line).c_str());
+}
+
+std::string Output::alarm(const std::string &text) const {
+  return colour_ ? "\033[1;31m" + text + "\033[0m" : text;
 }
 
 std::string Output::strong(const std::string &text) const {

@@ -38,16 +38,25 @@ class Output {
   // done says that it was done: the sentence to a person, the object to a program, nothing in a pipe.
   void done(const std::string &sentence, const Object &object);
 
+  // complain prints a line on standard error, for what is wrong beside the one line that ends a command.
+  void complain(const std::string &line) const;
+
+  // strong and alarm mark text on a terminal that shows colours; elsewhere they leave it as it is.
+  std::string strong(const std::string &text) const;
+  std::string alarm(const std::string &text) const;
+
   // text prints a page of text, or in JSON the object.
   void text(std::string_view page, const Object &object);
 
  private:
   void json(const Value &value);
-  std::string strong(const std::string &text) const;
 
   const Format format_;
   const bool colour_;
 };
+
+// json_of gives a value as JSON on one line.
+std::string json_of(const Value &value);
 
 // printable gives text that does no harm on a terminal: what isn't printable UTF-8 is told as \xNN.
 std::string printable(std::string_view text);

@@ -113,6 +113,11 @@ Secret read_from_terminal(const char *what, size_t most, bool twice) {
 
 Secret read_from(std::optional<int> fd, const char *what, size_t most, bool one_line, bool twice) {
   const bool typed = !fd && isatty(STDIN_FILENO);
+  if (fd && isatty(*fd)) {
+    throw Failure(Exit::kUsage, fmt::format("{}: descriptor {} is a terminal, which would show it; leave the option "
+                                            "out to be asked",
+                                            what, *fd));
+  }
   const Secret secret =
       typed ? read_from_terminal(what, most, twice) : read_all(fd.value_or(STDIN_FILENO), what, most, one_line);
   if (secret->size() == 0) throw Failure(Exit::kUsage, fmt::format("{}: it is empty; give at least one byte", what));
@@ -122,7 +127,11 @@ Secret read_from(std::optional<int> fd, const char *what, size_t most, bool one_
 }  // namespace
 
 Secret read_secret(std::optional<int> fd, const char *what, size_t most) {
-  return read_from(fd, what, most, false, false);
+  return read_from(fd, what, most, false, true);
+}
+
+Secret read_bytes(int fd, const char *what, size_t most) {
+  return read_all(fd, what, most, false);
 }
 
 Secret read_passphrase(std::optional<int> fd, const char *what, bool twice) {

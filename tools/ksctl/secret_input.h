@@ -13,11 +13,15 @@ namespace ksctl {
 using Secret = std::shared_ptr<const ksd::SecretBytes>;
 
 // read_secret reads a secret byte by byte: all that descriptor `fd` gives, or all of standard input when that is no
-// terminal, or a line typed at the terminal, which isn't shown. Failure kUsage for an empty one, or more than `most`
-// bytes.
+// terminal, or a line typed twice at the terminal, which isn't shown. Failure kUsage for an empty one, or more than
+// `most` bytes.
 Secret read_secret(std::optional<int> fd, const char *what, size_t most);
 
-// read_passphrase is that for a passphrase, without the newline at its end. A `twice` typed one is asked for again.
+// read_bytes reads all that a descriptor gives, secret or not. Failure kUsage for more than `most` bytes.
+Secret read_bytes(int fd, const char *what, size_t most);
+
+// read_passphrase is read_secret for a passphrase, without the newline at its end. A typed one is asked for `twice`, or
+// once.
 Secret read_passphrase(std::optional<int> fd, const char *what, bool twice);
 
 }  // namespace ksctl

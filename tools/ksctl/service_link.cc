@@ -85,7 +85,7 @@ std::vector<uint8_t> ServiceLink::ask(uint32_t opcode, std::span<const uint8_t> 
                               socket_path_));
   }
   if (result != KS_SUCCESS) {
-    throw Failure(Exit::kFailed,
+    throw Failure(result == KS_NOT_FOUND ? Exit::kNotFound : Exit::kFailed,
                   fmt::format("{}: {} ({}); the service's log says more", socket_path_, kserr2str(result), result));
   }
   return {datagram.begin() + sizeof header, datagram.begin() + size};

@@ -37,6 +37,11 @@ class Value {
   Variant variant_;
 };
 
+inline Object operator+(Object left, const Object &right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
 }  // namespace ksctl
 
 #endif

@@ -65,7 +65,8 @@ bool connect_socket(int socket, const char *path, const Deadline &deadline) {
   return true;
 }
 
-bool greet(int socket, const Deadline &deadline, HostHelloReply *hello) {
+// `out_result` is the service's, when it turned the caller away.
+bool greet(int socket, const Deadline &deadline, HostHelloReply *hello, uint32_t *out_result) {
   constexpr uint32_t kToken = 1;
   const HostWireHeader request = {.magic = HOST_WIRE_MAGIC,
                                   .version = HOST_WIRE_VERSION,
@@ -97,6 +98,7 @@ bool greet(int socket, const Deadline &deadline, HostHelloReply *hello) {
     return false;
   }
   if (reply.hello.result != KS_SUCCESS) {  // with nothing else behind it
+    *out_result = reply.hello.result;
     errno = ECONNREFUSED;
     return false;
   }
@@ -142,19 +144,27 @@ int Deadline::left_ms() const {
   return left > INT32_MAX ? INT32_MAX : static_cast<int>(left);
 }
 
-int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello) {
+int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello, Obstacle *obstacle) {
+  const auto at = [&](Step step) {
+    *obstacle = {.step = step, .detail = limit_ms};
+    return true;
+  };
+  at(Step::kPath);
   if (path[0] == '\0') {
     errno = ENAMETOOLONG;
     return -1;
   }
+  at(Step::kFolder);
   uid_t folder_owner;
-  if (!check_folder_of(path, &folder_owner)) return -1;
+  if (!check_folder_of(path, &folder_owner, &obstacle->detail)) return -1;
+  at(Step::kSocket);
   const int socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (socket < 0) return -1;
   const Deadline deadline = Deadline::in_ms(limit_ms);
-  if (set_limits(socket, limit_ms) && connect_socket(socket, path, deadline) && check_peer(socket, folder_owner)) {
+  if (set_limits(socket, limit_ms) && at(Step::kConnect) && connect_socket(socket, path, deadline) && at(Step::kPeer) &&
+      check_peer(socket, folder_owner, &obstacle->detail) && at(Step::kGreet)) {
     size_send_buffer(socket);
-    if (greet(socket, deadline, hello) && set_limits(socket, hello->receive_limit_ms)) return socket;
+    if (greet(socket, deadline, hello, &obstacle->detail) && set_limits(socket, hello->receive_limit_ms)) return socket;
   }
   const int why = errno;
   close(socket);

@@ -38,11 +38,27 @@ class Deadline {
   int64_t at_ms_;
 };
 
+// Step is how far the making of a connection came.
+enum class Step : uint8_t { kPath, kFolder, kSocket, kConnect, kPeer, kGreet };
+
+// Obstacle is what kept a connection from being made, beside errno.
+struct Obstacle {
+  Step step;
+  // With EPERM: of kFolder, which folder others may write, as check_folder_of counts; of kPeer, which user listens.
+  // With ECONNREFUSED of kGreet, the service's result. With ETIMEDOUT, the limit in milliseconds.
+  uint32_t detail;
+};
+
 // connect_to_service opens a connection and exchanges the hello, both within `limit_ms`. Returns the descriptor, which
 // exec closes and whose receive and send limits and send buffer are set, or -1 with errno: ENAMETOOLONG for an empty
 // path, EPERM where strangers listen or could do so (host_trust.h), ETIMEDOUT, EPROTO for an answer that isn't a
-// hello's, ECONNREFUSED when the service turned the caller away, or whatever socket and connect give.
-int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello);
+// hello's, ECONNREFUSED when the service turned the caller away, or whatever socket and connect give; `obstacle` tells
+// more.
+int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello, Obstacle *obstacle);
+inline int connect_to_service(const char *path, uint32_t limit_ms, HostHelloReply *hello) {
+  Obstacle obstacle;
+  return connect_to_service(path, limit_ms, hello, &obstacle);
+}
 
 // receive takes one datagram of at most `size` bytes and returns its size, or -1 with errno: ETIMEDOUT when none comes
 // before the deadline, ECONNRESET when the other end is gone; EPROTO for an empty datagram; EMSGSIZE for one that is

@@ -26,9 +26,10 @@ bool could_be_planted(const struct stat &inner, const struct stat &outer) {
   return !sticky || (inner.st_uid != 0 && inner.st_uid != geteuid());
 }
 
-// Goes up from the open folder to the root. Closes it.
-bool check_above(int folder, struct stat inner) {
+// Goes up from the open folder to the root, counting the folders. Closes it.
+bool check_above(int folder, struct stat inner, uint32_t *out_level) {
   for (;;) {
+    ++*out_level;
     const int above = openat(folder, "..", kFolderFlags);
     const int why = errno;
     close(folder);
@@ -53,7 +54,8 @@ bool check_above(int folder, struct stat inner) {
 
 }  // namespace
 
-bool check_folder_of(const char *path, uid_t *out_owner) {
+bool check_folder_of(const char *path, uid_t *out_owner, uint32_t *out_level) {
+  *out_level = 0;
   char folder_path[PATH_MAX] = ".";
   if (const char *slash = strrchr(path, '/')) {
     const size_t length = slash == path ? 1 : static_cast<size_t>(slash - path);
@@ -73,18 +75,19 @@ bool check_folder_of(const char *path, uid_t *out_owner) {
     return false;
   }
   *out_owner = status.st_uid;
-  return check_above(folder, status);
+  return check_above(folder, status, out_level);
 }
 
 bool is_trusted_owner(uid_t owner, uid_t folder_owner) {
   return owner == 0 || owner == geteuid() || owner == folder_owner;
 }
 
-bool check_peer(int socket, uid_t folder_owner) {
+bool check_peer(int socket, uid_t folder_owner, uint32_t *out_peer) {
   ucred peer;
   socklen_t size = sizeof peer;
   if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
   if (is_trusted_owner(peer.uid, folder_owner)) return true;
+  *out_peer = peer.uid;
   errno = EPERM;
   return false;
 }

@@ -13,6 +13,13 @@
  * by the kernel's word; to everybody else they are unknown, and answered like any other unknown opcode. */
 #define HOST_OP_HELLO UINT32_C(1)
 #define HOST_OP_STATUS UINT32_C(2)
+#define HOST_OP_COUNTERS UINT32_C(3)
+#define HOST_OP_LATENCIES UINT32_C(4)
+#define HOST_OP_USERS UINT32_C(5)
+#define HOST_OP_OWNERS UINT32_C(6)
+#define HOST_OP_LIMITS UINT32_C(7)
+#define HOST_OP_RELOAD UINT32_C(8)
+#define HOST_OP_CHECKPOINT UINT32_C(9)
 
 /* The largest datagram either end sends: header, and a payload whose lengths are 16 bits wide with room to spare for
  * names and descriptors (a store has two 16-bit lengths). Both ends size their socket buffers for it. */
@@ -48,11 +55,17 @@ typedef struct {
 #define HOST_NO_VDC UINT32_C(0xffff)
 KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
 
+/* The replies to administration messages. Texts are NUL-terminated; what doesn't fit is cut in front, where "..." says
+ * so. Times are seconds since 1970; up_ms is how long the service has run, by a clock that nobody sets. */
+
+/* The number under which all users without a VDC are counted together. */
+#define HOST_ALL_UNMAPPED UINT32_MAX
+
 /* HostStatusReply answers HOST_OP_STATUS, whose request has no payload. */
 typedef struct {
   uint32_t result; /* KS_SUCCESS */
   uint32_t pid;
-  uint64_t started_at; /* seconds since 1970 */
+  uint64_t started_at;
   uint32_t service_version;
   uint32_t connections;
   uint32_t connection_limit;
@@ -60,14 +73,174 @@ typedef struct {
   uint64_t entries;
   uint64_t entry_limit;
   uint32_t flags; /* HOST_STATUS_... */
-  uint32_t reserved;
+  uint32_t supstate;
+  uint64_t up_ms;
+  uint64_t bytes; /* of secrets and metadata */
+  uint64_t byte_limit;
+  uint64_t vault_size; /* of the vault's file, and of its log */
+  uint64_t log_size;
+  uint32_t receive_limit_ms;
+  uint32_t problem_count;    /* that the last reload met with */
+  uint64_t config_loaded_at; /* the configuration in force */
+  uint64_t reload_failed_at; /* 0: the last reload was taken up */
+  char vault[256];
+  char config[256];  /* the configuration's file */
+  char refusal[256]; /* why changes are refused; empty while they aren't */
+  char problem[256]; /* the first one that the last reload met with; empty when it was taken up */
 } HostStatusReply;
 
 #define HOST_STATUS_MEMORY_UNLOCKED UINT32_C(1)   /* some keys lie in memory that could be swapped */
 #define HOST_STATUS_STORE_NEARLY_FULL UINT32_C(2) /* over 90 % */
 #define HOST_STATUS_COMPACTION_HELPS UINT32_C(4)
+#define HOST_STATUS_CHANGES_REFUSED UINT32_C(8) /* since a write failed */
+#define HOST_STATUS_UNTIL_RESTART UINT32_C(16)  /* and for as long as the service runs */
+#define HOST_STATUS_RESERVE_GIVEN_UP UINT32_C(32)
+#define HOST_STATUS_RESTART_NEEDED UINT32_C(64) /* for part of the configuration that was loaded last to count */
 
-KS_STATIC_ASSERT(sizeof(HostStatusReply) == 56);
+KS_STATIC_ASSERT(sizeof(HostStatusReply) == 1144);
+KS_STATIC_ASSERT(offsetof(HostStatusReply, vault) == 120);
+
+/* HostCountersReply answers HOST_OP_COUNTERS: `count` records of HostMessageCounters follow, in the order of opcodes. A
+ * request without payload asks about all users; one whose descriptor is a user's number about that user, for whom the
+ * events here are 0. All is counted from the start of the service. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS; KS_NOT_FOUND: nothing is counted for that user */
+  uint32_t count;
+  uint64_t up_ms;
+  uint64_t connections;
+  uint64_t refused_connections; /* over a limit */
+  uint64_t malformed;
+  uint64_t unknown_opcodes;
+  uint64_t too_large;
+  uint64_t foreign_datagrams; /* of another protocol */
+  uint64_t unread_replies;
+  uint64_t foreign_names; /* entries of a VDC that isn't the caller's */
+  uint64_t administration;
+} HostCountersReply;
+
+typedef struct {
+  uint32_t opcode;
+  uint32_t reserved;
+  uint64_t done;   /* answered with KS_SUCCESS */
+  uint64_t failed; /* answered with anything else */
+  char name[32];
+} HostMessageCounters;
+
+KS_STATIC_ASSERT(sizeof(HostCountersReply) == 88);
+KS_STATIC_ASSERT(sizeof(HostMessageCounters) == 56);
+
+/* HostLatenciesReply answers HOST_OP_LATENCIES, whose request has no payload: `count` records of HostMessageLatencies
+ * follow, in the order of opcodes.
+ *
+ * A time is that from a request's arrival at its thread until its reply is ready: its wait for its turn is in it. Of
+ * messages that only compute, the first of each user and then every 16th are timed, of those that change the vault all.
+ * Bucket 0 counts those below 512 ns. Each doubling of the time from there on has four buckets of equal width: bucket
+ * 1 + 4 * n + q counts those from (4 + q) * 2^(7 + n) ns on. The last one has no upper end. */
+#define HOST_LATENCY_BUCKETS 96
+
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t count;
+  uint32_t bucket_count; /* HOST_LATENCY_BUCKETS */
+  uint32_t reserved;
+  uint64_t up_ms;
+} HostLatenciesReply;
+
+typedef struct {
+  uint32_t opcode;
+  uint32_t reserved;
+  uint64_t timed[HOST_LATENCY_BUCKETS];
+} HostMessageLatencies;
+
+KS_STATIC_ASSERT(sizeof(HostLatenciesReply) == 24);
+KS_STATIC_ASSERT(sizeof(HostMessageLatencies) == 776);
+
+/* HostPageReply answers what lists: `count` records of `record_size` bytes follow, ascending by user. The request's
+ * descriptor is a user's number, 4 bytes, with which the page begins. The next page begins behind the last record. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t count;
+  uint32_t more; /* 1: there is another page */
+  uint32_t record_size;
+} HostPageReply;
+
+#define HOST_PAGE_RECORDS 256 /* on a page at most */
+
+/* Of HOST_OP_USERS: who is connected now or has been lately, with what was asked for since. */
+typedef struct {
+  uint32_t uid; /* HOST_ALL_UNMAPPED comes last */
+  uint32_t vdc_id;
+  uint32_t connections;
+  uint32_t flags; /* HOST_USER_... */
+  uint64_t done;
+  uint64_t failed;
+} HostUserRecord;
+
+#define HOST_USER_IS_ADMINISTRATOR UINT32_C(1)
+
+/* Of HOST_OP_OWNERS: whose entries the vault holds. */
+typedef struct {
+  uint32_t uid;
+  uint32_t vdc_id; /* of the entry that was stored last */
+  uint64_t entries;
+  uint64_t bytes;
+} HostOwnerRecord;
+
+KS_STATIC_ASSERT(sizeof(HostPageReply) == 16);
+KS_STATIC_ASSERT(sizeof(HostUserRecord) == 32);
+KS_STATIC_ASSERT(sizeof(HostOwnerRecord) == 24);
+
+/* HostLimitsReply answers HOST_OP_LIMITS, whose request has no payload: `count` records follow, one for each key of the
+ * configuration's [limits]. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t count;
+} HostLimitsReply;
+
+typedef struct {
+  char key[32];
+  uint64_t limit; /* in force: of requests_per_user = 0 what it stands for */
+  uint64_t used;  /* of a limit for each user by the one who uses most */
+  uint32_t uid;   /* who that is */
+  uint32_t flags; /* HOST_LIMIT_... */
+} HostLimitRecord;
+
+#define HOST_LIMIT_HAS_USE UINT32_C(1)  /* `used` is told; rates have none */
+#define HOST_LIMIT_HAS_USER UINT32_C(2) /* `uid` is */
+
+KS_STATIC_ASSERT(sizeof(HostLimitsReply) == 8);
+KS_STATIC_ASSERT(sizeof(HostLimitRecord) == 56);
+
+/* HostReloadReply answers HOST_OP_RELOAD, whose request has no payload: the configuration has been read again, as on
+ * SIGHUP. `count` records of HostConfigProblem follow, the first of those that were met with. */
+typedef struct {
+  uint32_t result;         /* KS_SUCCESS: it was read, whatever was found */
+  uint32_t taken_up;       /* 0: the old one stays in force */
+  uint32_t restart_needed; /* 1: for part of it to count */
+  uint32_t problem_count;
+  uint32_t count;
+  uint32_t reserved;
+} HostReloadReply;
+
+typedef struct {
+  uint32_t line; /* from 1; 0: of the file as a whole */
+  uint32_t column;
+  char text[248];
+} HostConfigProblem;
+
+#define HOST_RELOAD_PROBLEMS 64 /* in a reply at most */
+KS_STATIC_ASSERT(sizeof(HostReloadReply) == 24);
+KS_STATIC_ASSERT(sizeof(HostConfigProblem) == 256);
+
+/* HostCheckpointReply answers HOST_OP_CHECKPOINT, whose request has no payload: the vault's log has been written back
+ * into the vault. Another result than KS_SUCCESS, 4 bytes, says that it couldn't be. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t reserved;
+  uint64_t pages; /* that the log held */
+} HostCheckpointReply;
+
+KS_STATIC_ASSERT(sizeof(HostCheckpointReply) == 16);
 
 /* HostReplyShape is what a reply to the keystore's message `opcode` has to hold, so that whoever reads it without
  * looking finds it there. Every reply begins with its result. What follows counts with KS_SUCCESS alone; the shape of
@@ -144,6 +317,9 @@ KS_STATIC_ASSERT(sizeof(HostStatePage) == 80);
 /* The gates of a process that has no state page: subtype 100 recorded, debug off. */
 #define HOST_DEFAULT_RECORDED_SUBTYPE 100
 
+/* Whoever records this one records what each operation does. */
+#define HOST_DETAILED_SUBTYPE 103
+
 /* Each process keeps its newest reports in a ring, a file of its user's own: "history/NN.ring" in the socket's folder
  * where that is the user's too, else "ks/NN.ring" in $XDG_RUNTIME_DIR or /run/user/UID. NN is 00 to 63. A process takes
  * the number after the one that the file "next" names, and passes over those whose processes live: they hold a lock
@@ -161,7 +337,7 @@ enum { HOST_RING_REPORT = 1, HOST_RING_MTS_EVENT = 2, HOST_RING_CONTINUED = 3 };
 
 typedef struct {
   uint64_t sequence; /* position + 1 when complete; with the top bit set while being written; 0: never used */
-  uint64_t time_ns;  /* CLOCK_REALTIME; of a message event, the last tick of it */
+  uint64_t time_ns;  /* CLOCK_REALTIME; of a message event that isn't exact, the last tick of it */
   uint16_t kind;     /* HOST_RING_... */
   uint16_t length;   /* bytes of the whole record in its first slot, of the rest in the slots that continue it */
   uint32_t thread;   /* of the first slot; 0 in the others */
@@ -184,6 +360,8 @@ typedef struct {
 typedef struct {
   uint32_t direction; /* SDWRAP_MTS_SENT or SDWRAP_MTS_RECEIVED */
   uint32_t result;
+  uint32_t opcode; /* 0: of a message that wasn't sent, or isn't of this system's message service */
+  uint32_t exact;  /* 1: its time isn't that of the last tick, because all reports are recorded */
 } HostRingMtsEvent;
 
 KS_STATIC_ASSERT(sizeof(HostRingSlot) == 128);

@@ -222,6 +222,15 @@ void use_service_path() {
   } while (!current_path.compare_exchange_weak(known, fresh, std::memory_order_acq_rel));
 }
 
+const char *service_path() {
+  const KnownPath *path = current_path.load(std::memory_order_acquire);
+  return path == nullptr ? "" : path->path.text;
+}
+
+const char *path_of(const Slot *slot) {
+  return slot->path->path.text;
+}
+
 Slot *take() {
   Slot *slot = preferred;
   // A slot of before a fork is its parent's.
@@ -229,17 +238,18 @@ Slot *take() {
   return take_other();
 }
 
-bool open(Slot *slot) {
+bool open(Slot *slot, host::Obstacle *obstacle) {
   close_socket(slot);
   KnownPath *path = current_path.load(std::memory_order_acquire);
   if (slot->buffer == nullptr) slot->buffer = make_buffer();
   if (path == nullptr || slot->buffer == nullptr) {
+    *obstacle = {.step = host::Step::kSocket, .detail = 0};
     errno = ENOMEM;
     return false;
   }
   HostHelloReply hello;
-  const int socket =
-      host::connect_to_service(path->path.text, path->receive_limit_ms.load(std::memory_order_relaxed), &hello);
+  const uint32_t limit_ms = path->receive_limit_ms.load(std::memory_order_relaxed);
+  const int socket = host::connect_to_service(path->path.text, limit_ms, &hello, obstacle);
   if (socket < 0) return false;
   slot->socket = socket;
   slot->identity = identity_of(socket);

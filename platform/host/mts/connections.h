@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host_socket.h"
 #include "host_wire.h"
 
 namespace mts {
@@ -50,13 +51,18 @@ struct alignas(64) Slot {
 // use_service_path reads from the environment where the service is; all connections go there from now on.
 void use_service_path();
 
+// service_path is where that is; empty where it is too long for a socket, or unknown without memory. path_of is where
+// the slot is connected. Both stay for the life of the process.
+const char *service_path();
+const char *path_of(const Slot *slot);
+
 // take gives the caller a slot of this process, if possible one with an open connection, the calling thread's last
 // before others. Null with errno when there are too many exchanges at a time (EMFILE) or no memory.
 Slot *take();
 
 // open connects and greets, closing what the slot had open, within the limit that the service told last. Returns false
-// with errno.
-bool open(Slot *slot);
+// with errno and what was in the way.
+bool open(Slot *slot, host::Obstacle *obstacle);
 
 // owns_socket tells whether the slot's descriptor is still its socket. A program that closes what it doesn't know, and
 // then opens files of its own, gets its numbers: what was meant for the service would go there.

@@ -10,17 +10,31 @@
 
 #include "connections.h"
 #include "host_datagram.h"
+#include "host_message.h"
 #include "host_socket.h"
+#include "last_error.h"
 
 namespace {
 
+using host::load;
+using host::Message;
+using host::store;
 using mts::Slot;
+using mts::Step;
 
-[[gnu::tls_model("initial-exec")]] constinit thread_local uint32_t last_error = 0;
-
-uint32_t failed(int error) {
-  last_error = static_cast<uint32_t>(error);
+// Notes why a call fails, in numbers.
+uint32_t failed(Step step, int error, const char *path, uint32_t detail = 0, const host::Obstacle &obstacle = {}) {
+  mts::last_failure = {
+      .step = step, .obstacle = obstacle, .detail = detail, .error = static_cast<uint32_t>(error), .path = path};
   return MTS_FAILED;
+}
+
+uint32_t failed_call(int error) {
+  return failed(Step::kCall, error, mts::service_path());
+}
+
+uint32_t failed_take(int error) {
+  return failed(Step::kTake, error, mts::service_path());
 }
 
 // ---- Queues. A handle is the place of its application id here, plus 1. They are plain numbers, good in a child too.
@@ -44,30 +58,6 @@ bool find_queue(uint32_t queue, uint32_t *app_uuid) {
   const uint64_t entry = queues[queue - 1].load(std::memory_order_acquire);
   *app_uuid = static_cast<uint32_t>(entry);
   return entry != 0;
-}
-
-// ---- Messages. What is kept in the 25 bytes of a KsMtsMessage.
-
-constexpr uint32_t kSent = 0x73746d31;
-constexpr uint32_t kReceived = 0x72746d31;
-constexpr uint32_t kDropped = 0x64746d31;
-
-struct Message {
-  uint32_t kind;
-  uint32_t token;
-  uint32_t payload_size;
-  void *payload;  // of a received one: a heap block of its own
-};
-static_assert(sizeof(Message) <= sizeof(KsMtsMessage));
-
-Message load(const KsMtsMessage *message) {
-  Message content;
-  memcpy(&content, message->bytes, sizeof content);
-  return content;
-}
-
-void store(const Message &content, KsMtsMessage *message) {
-  memcpy(message->bytes, &content, sizeof content);
 }
 
 // ---- Requests.
@@ -194,14 +184,38 @@ bool has_shape(const Slot *slot, const uint8_t *payload, size_t size) {
   return length <= slot->most && sizeof result + sizeof length + length <= size;
 }
 
-// Sends on the slot's connection, or on a new one when there is none or it had ended. Returns 0 or an error number.
-int send_on(Slot *slot, const Request &request) {
+// Attempt is what came of sending: 0 or an error number, and where that arose.
+struct Attempt {
+  int error;
+  Step step;
+  host::Obstacle obstacle;  // of Step::kConnect
+};
+
+// Sends on the slot's connection, or on a new one when there is none or it had ended.
+Attempt send_on(Slot *slot, const Request &request) {
   if (mts::is_usable(slot)) {
     const int error = send_request(slot, request);
-    if (error == 0 || !had_ended(error)) return error;
+    if (error == 0 || !had_ended(error)) return {.error = error, .step = Step::kSend, .obstacle = {}};
   }
-  if (!mts::open(slot)) return errno;
-  return send_request(slot, request);
+  Attempt attempt = {.error = 0, .step = Step::kConnect, .obstacle = {}};
+  if (!mts::open(slot, &attempt.obstacle)) {
+    attempt.error = errno;
+    return attempt;
+  }
+  return {.error = send_request(slot, request), .step = Step::kSend, .obstacle = {}};
+}
+
+// What a failed send is noted with. Called before the slot is given back.
+uint32_t failed_send(const Slot *slot, const Attempt &attempt, const Request &request) {
+  if (attempt.step == Step::kConnect) {
+    return failed(attempt.step, attempt.error, mts::service_path(), 0, attempt.obstacle);
+  }
+  const uint32_t detail = attempt.error == ETIMEDOUT ? slot->receive_limit_ms : request.header.payload_size;
+  return failed(attempt.step, attempt.error, mts::path_of(slot), detail);
+}
+
+uint32_t failed_receive(const Slot *slot, int error) {
+  return failed(Step::kReceive, error, mts::path_of(slot), error == ETIMEDOUT ? slot->receive_limit_ms : slot->opcode);
 }
 
 // The next datagram, in the slot's buffer. Returns its size, or 0 with errno.
@@ -243,23 +257,26 @@ int receive_reply(Slot *slot, Message *reply) {
 
 // `mode`, `first` and `third` choose between services on platforms that have several. Here there is one.
 KS_EXPORT uint32_t mts_bind(uint32_t, uint32_t, const KsBindTemplate *bind, uint32_t) {
-  if (bind == nullptr) return failed(EINVAL);
+  mts::forget_failure();
+  if (bind == nullptr) return failed_call(EINVAL);
   mts::use_service_path();
   Slot *slot = mts::take();
-  if (slot == nullptr) return failed(errno);
+  if (slot == nullptr) return failed_take(errno);
   // Always a new greeting, so that success means a service that answers now.
-  const int error = mts::open(slot) ? 0 : errno;
+  host::Obstacle obstacle;
+  const int error = mts::open(slot, &obstacle) ? 0 : errno;
   mts::give_back(slot);
-  if (error != 0) return failed(error);
+  if (error != 0) return failed(Step::kConnect, error, mts::service_path(), 0, obstacle);
   const uint32_t queue = queue_of(bind->app_uuid);
-  return queue == MTS_FAILED ? failed(ENOSPC) : queue;
+  return queue == MTS_FAILED ? failed_call(ENOSPC) : queue;
 }
 
 KS_EXPORT uint32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_t opcode, const void *descriptor,
                             uint32_t descriptor_size, KsMtsMessage *sent, uint32_t, const KsSendOptions *options) {
+  mts::forget_failure();
   Request request = {};
-  if (!find_queue(queue, &request.header.app_uuid)) return failed(EBADF);
-  if (sent == nullptr) return failed(EINVAL);
+  if (!find_queue(queue, &request.header.app_uuid)) return failed_call(EBADF);
+  if (sent == nullptr) return failed_call(EINVAL);
   request.header.magic = HOST_WIRE_MAGIC;
   request.header.version = HOST_WIRE_VERSION;
   request.header.opcode = opcode;
@@ -270,24 +287,30 @@ KS_EXPORT uint32_t mts_send(uint32_t queue, uint32_t node, uint32_t sap, uint32_
     request.sections = options->sections;
     request.section_count = options->section_count;
   }
-  if (const int error = measure(&request, descriptor_size); error != 0) return failed(error);
+  if (const int error = measure(&request, descriptor_size); error != 0) return failed_call(error);
 
   Slot *slot = mts::take();
-  if (slot == nullptr) return failed(errno);
+  if (slot == nullptr) return failed_take(errno);
   expect_reply(slot, request);
   request.header.token = mts::next_token(slot);
-  const int error = send_on(slot, request);
-  if (error == ETIMEDOUT || had_ended(error)) {
-    mts::close_and_give_back(slot);
-    return failed(error);
-  }
-  if (error != 0) {  // the request's fault, not the connection's
-    mts::give_back(slot);
-    return failed(error);
+  const Attempt attempt = send_on(slot, request);
+  if (attempt.error != 0) {
+    failed_send(slot, attempt, request);
+    if (attempt.error == ETIMEDOUT || had_ended(attempt.error)) {
+      mts::close_and_give_back(slot);
+    } else {  // the request's fault, not the connection's
+      mts::give_back(slot);
+    }
+    return MTS_FAILED;
   }
   slot->sent_at = ticks();
   mts::await_reply(slot);
-  store({.kind = kSent, .token = request.header.token, .payload_size = 0, .payload = nullptr}, sent);
+  store({.kind = host::kSentMessage,
+         .token = request.header.token,
+         .payload_size = 0,
+         .opcode = opcode,
+         .payload = nullptr},
+        sent);
   return 0;
 }
 
@@ -297,19 +320,24 @@ KS_EXPORT uint32_t mts_rr_token_get(const KsMtsMessage *sent) {
 
 KS_EXPORT uint32_t mts_recv(uint32_t queue, KsMtsMessage *received, const KsRecvOptions *options) {
   uint32_t app_uuid;
-  if (!find_queue(queue, &app_uuid)) return failed(EBADF);
-  if (received == nullptr || options == nullptr) return failed(EINVAL);
+  if (!find_queue(queue, &app_uuid)) return failed_call(EBADF);
+  if (received == nullptr || options == nullptr) return failed_call(EINVAL);
   Slot *slot = mts::resume(options->token);
-  if (slot == nullptr) return failed(EINVAL);
+  if (slot == nullptr) return failed_call(EINVAL);
 
-  Message reply = {.kind = kReceived, .token = options->token, .payload_size = 0, .payload = nullptr};
+  Message reply = {.kind = host::kReceivedMessage,
+                   .token = options->token,
+                   .payload_size = 0,
+                   .opcode = slot->opcode,
+                   .payload = nullptr};
   const int error = receive_reply(slot, &reply);
+  if (error != 0) failed_receive(slot, error);
   if (error != 0 && error != ENOMEM) {
     mts::close_and_give_back(slot);  // what may still come on it is nobody's
-    return failed(error);
+    return MTS_FAILED;
   }
   mts::give_back(slot);
-  if (error != 0) return failed(error);
+  if (error != 0) return MTS_FAILED;
   store(reply, received);
   return 0;
 }
@@ -325,18 +353,18 @@ KS_EXPORT uint32_t mts_payload_size(const KsMtsMessage *received) {
 KS_EXPORT void mts_drop(uint32_t, KsMtsMessage *message) {
   if (message == nullptr) return;
   const Message dropped = load(message);
-  if (dropped.kind == kSent) {
+  if (dropped.kind == host::kSentMessage) {
     // Usually nothing: the reply is in. A request whose reply nobody waited for ends its connection.
     if (Slot *slot = mts::resume(dropped.token)) mts::close_and_give_back(slot);
-  } else if (dropped.kind == kReceived) {
+  } else if (dropped.kind == host::kReceivedMessage) {
     explicit_bzero(dropped.payload, dropped.payload_size);  // a reply may hold what a secret stands for
     free(dropped.payload);
   } else {
     return;
   }
-  store({.kind = kDropped, .token = 0, .payload_size = 0, .payload = nullptr}, message);
+  store({.kind = host::kDroppedMessage, .token = 0, .payload_size = 0, .opcode = 0, .payload = nullptr}, message);
 }
 
 KS_EXPORT uint32_t mts_errno_get(uint32_t) {
-  return last_error;
+  return mts::last_failure.error;
 }

@@ -52,7 +52,8 @@ const Known *known() {
   const int caller_errno = errno;
   const host::SocketPath path;
   HostHelloReply hello;
-  const int socket = host::connect_to_service(path.text, host::kDefaultReceiveLimitMs, &hello);
+  host::Obstacle obstacle;  // which nobody asks for here
+  const int socket = host::connect_to_service(path.text, host::kDefaultReceiveLimitMs, &hello, &obstacle);
   if (socket >= 0) close(socket);
   errno = caller_errno;
   if (socket < 0 || hello.vdc_id == HOST_NO_VDC) return nullptr;

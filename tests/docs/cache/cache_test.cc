@@ -17,27 +17,17 @@
 
 namespace {
 
-using docs::Page;
-using docs::Pattern;
-
 constexpr KsResult kSuccess = 1;
 constexpr uint32_t kValueDamaged = 0x411a0003;
 constexpr size_t kFileSize = size_t{sizeof(void *) == 8 ? 128 : 48} << 20;
 constexpr const char *kWidth = sizeof(void *) == 8 ? "64" : "32";
 
-const Page &page() {
-  static const Page cache("cache-format.md");
-  return cache;
-}
-
-Octets bytes(const std::string &name) {
-  return page().bytes(name).filled();
-}
+const docs::Page page("cache-format.md");
 
 // stored gives what the page says of an entry: check and value.
 Octets stored(const std::string &name) {
-  Octets all = bytes(name + "-check-" + kWidth);
-  const Octets value = bytes(name + "-value");
+  Octets all = page.filled(name + "-check-" + kWidth);
+  const Octets value = page.filled(name + "-value");
   all.insert(all.end(), value.begin(), value.end());
   return all;
 }
@@ -86,7 +76,7 @@ class CachePage : public testing::Test {
     ASSERT_EQ(sdb_open(ks_cache_uri, 1, 0, 0, 0), 0u);
   }
   std::string file() const { return folder.path() + "/pacs-" + kWidth + ".mdb"; }
-  Octets in_file() const { return File(file(), MDB_RDONLY).get(bytes("key")); }
+  Octets in_file() const { return File(file(), MDB_RDONLY).get(page.filled("key")); }
   void put_in_file(const Octets &key, const Octets &value) const {
     File(file(), 0).put(key, value);
     std::filesystem::resize_file(file(), kFileSize);
@@ -125,7 +115,7 @@ TEST_F(CachePage, ShowsWhatIsWrittenWithATPrf) {
 }
 
 TEST_F(CachePage, MakesAnEntryThatIsRead) {
-  put_in_file(bytes("key"), stored("t-prf"));
+  put_in_file(page.filled("key"), stored("t-prf"));
   open();
   uint8_t *metadata = nullptr;
   uint16_t len = 0;
@@ -140,7 +130,7 @@ TEST_F(CachePage, MakesAnEntryThatIsRead) {
 }
 
 TEST_F(CachePage, MakesAnEntryThatIsRefusedUnderAnotherKey) {
-  Octets key = bytes("key");
+  Octets key = page.filled("key");
   key.back() = 1;
   put_in_file(key, stored("plain"));
   open();

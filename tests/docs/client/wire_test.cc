@@ -14,7 +14,6 @@
 
 namespace {
 
-using docs::Page;
 using docs::Pattern;
 using testing::ElementsAreArray;
 
@@ -22,18 +21,15 @@ constexpr size_t kHeaderSize = 32;
 constexpr size_t kTokenOffset = 12;
 constexpr KsResult kSuccess = 1;
 
-const Page &page() {
-  static const Page wire("wire.md");
-  return wire;
-}
+const docs::Page page("wire.md");
 
 // The page's requests have tokens of their own, which a client chooses as it likes.
 Pattern request_of(const std::string &name) {
-  return page().bytes(name + "-request").with_any(kTokenOffset, 4);
+  return page.bytes(name + "-request").with_any(kTokenOffset, 4);
 }
 
 Octets reply_of(const std::string &name) {
-  return page().bytes(name + "-reply").from(kHeaderSize).filled();
+  return page.bytes(name + "-reply").from(kHeaderSize).filled();
 }
 
 Octets octets(const std::string &text) {
@@ -165,10 +161,10 @@ void WirePage::exchange_with_ciphers_and_digests() {
 
   std::array<uint8_t, 20> hmac{};
   expect_exchange("hmac-sha1", kSuccess, [&] { return ks_hmac_sha1("aes", bytes_of("Hi There"), 8, hmac.data()); });
-  EXPECT_EQ(all_of(hmac), page().bytes("hmac-sha1-reply").from(kHeaderSize + 6));
+  EXPECT_EQ(all_of(hmac), page.bytes("hmac-sha1-reply").from(kHeaderSize + 6));
 
   expect_exchange("md5", kSuccess, [&] { return ks_md5_hash("aes", bytes_of("a"), 1, bytes_of("b"), 1, out.data()); });
-  EXPECT_EQ(all_of(out), page().bytes("md5-reply").from(kHeaderSize + 6));
+  EXPECT_EQ(all_of(out), page.bytes("md5-reply").from(kHeaderSize + 6));
 }
 
 void WirePage::exchange_with_ms_chap() {
@@ -199,7 +195,7 @@ void WirePage::exchange_with_ms_chap() {
   std::array<uint8_t, 16> out{};
   expect_exchange("old-hash", kSuccess,
                   [&] { return ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash("new", "old", out.data()); });
-  EXPECT_EQ(all_of(out), page().bytes("old-hash-reply").from(kHeaderSize + 6));
+  EXPECT_EQ(all_of(out), page.bytes("old-hash-reply").from(kHeaderSize + 6));
 
   expect_exchange("master-key", kSuccess, [&] { return ks_GetMasterKey("old", kResponse, out.data()); });
   EXPECT_EQ(all_of(out),
@@ -234,7 +230,7 @@ void WirePage::exchange_with_pacs() {
   expect_exchange("t-prf", kSuccess, [&] {
     return ks_pac_key_t_prf(kAid, sizeof kAid, bytes_of("label"), 5, bytes_of("random"), 6, out.data(), 24);
   });
-  EXPECT_EQ(out, page().bytes("t-prf-reply").from(kHeaderSize + 6));
+  EXPECT_EQ(out, page.bytes("t-prf-reply").from(kHeaderSize + 6));
 
   expect_exchange("clear-pac", kSuccess, [&] { return ks_clear_pac(kAid, sizeof kAid); });
 }
@@ -264,7 +260,7 @@ TEST_F(WirePage, ShowsNoOtherRequests) {
   exchange_with_ms_chap();
   exchange_with_pacs();
   for (const char *faulty : {"unknown-opcode", "wrong-version", "wrong-size", "cut-short"}) shown.push_back(faulty);
-  EXPECT_THAT(page().names("-request"), ElementsAreArray(shown));
+  EXPECT_THAT(page.names("-request"), ElementsAreArray(shown));
 }
 
 TEST(WirePageHello, IsWhatClientsSendAndUnderstand) {

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -16,8 +17,6 @@
 namespace {
 
 using docs::Octets;
-using docs::Page;
-using docs::Pattern;
 using ks_test::RawClient;
 using ks_test::ServiceProcess;
 using ks_test::ServiceSetup;
@@ -25,18 +24,18 @@ using ks_test::ServiceSetup;
 constexpr uint32_t kStoreSecret = 66562;
 constexpr uint32_t kSuccess = 1;
 
-const Page &page() {
-  static const Page wire("wire.md");
-  return wire;
-}
+const docs::Page page("wire.md");
 
-// The caller in VDC 7, and the URI of the page.
+// The caller in VDC 7, an administrator, and the URI of the page.
 ServiceSetup setup() {
   ServiceSetup setup;
   const std::string own = ks_test::config_of_own_user(7);
   const std::string uri = "cache_uri = \"lmdb:///run/user/1000/ks\"";
   const size_t at = own.find("cache_uri");
   setup.config = own.substr(0, at) + uri + own.substr(own.find('\n', at));
+  const std::string administrators = "[administrators]\n";
+  setup.config.insert(setup.config.find(administrators) + administrators.size(),
+                      "users = [" + std::to_string(getuid()) + "]\n");
   return setup;
 }
 
@@ -82,19 +81,19 @@ TEST(WirePage, ShowsWhatTheDaemonAnswersToEachRequest) {
   RawClient client(service.socket());
   store_keys(client);
 
-  const std::vector<std::string> examples = page().names("-request");
-  EXPECT_EQ(examples.size(), 32u);
-  EXPECT_EQ(page().names("-reply"), examples);
+  const std::vector<std::string> examples = page.names("-request");
+  EXPECT_EQ(examples.size(), 40u);
+  EXPECT_EQ(page.names("-reply"), examples);
   for (const std::string &name : examples) {
     SCOPED_TRACE(name);
-    ASSERT_TRUE(client.send(page().bytes(name + "-request").filled()));
-    EXPECT_EQ(receive(client), page().bytes(name + "-reply"));
+    ASSERT_TRUE(client.send(page.filled(name + "-request")));
+    EXPECT_EQ(receive(client), page.bytes(name + "-reply"));
   }
 }
 
 TEST(WirePage, ShowsTheStatePageOfTheDefaultConfiguration) {
   const ServiceProcess service(setup());
-  EXPECT_EQ(read_file(service.state_page()), page().bytes("state-page"));
+  EXPECT_EQ(read_file(service.state_page()), page.bytes("state-page"));
 }
 
 TEST(WirePage, ShowsTheRingOfAProcessThatReportedOnce) {
@@ -105,8 +104,8 @@ TEST(WirePage, ShowsTheRingOfAProcessThatReportedOnce) {
 
   const Octets found = read_file(service.folder() + "/history/00.ring");
   ASSERT_EQ(found.size(), 128u + 1024 * 128);
-  EXPECT_EQ(Octets(found.begin(), found.begin() + 128), page().bytes("history-ring"));
-  EXPECT_EQ(Octets(found.begin() + 128, found.begin() + 256), page().bytes("history-slot"));
+  EXPECT_EQ(Octets(found.begin(), found.begin() + 128), page.bytes("history-ring"));
+  EXPECT_EQ(Octets(found.begin() + 128, found.begin() + 256), page.bytes("history-slot"));
   EXPECT_EQ(read_file(service.folder() + "/history/next"), (Octets{1, 0, 0, 0}));
 }
 

@@ -17,7 +17,6 @@
 namespace {
 
 using docs::Octets;
-using docs::Page;
 using docs::Pattern;
 using ks_test::RawClient;
 using ks_test::ServiceProcess;
@@ -26,14 +25,7 @@ constexpr size_t kNonceSize = 24;
 constexpr size_t kTagSize = 16;
 constexpr uint32_t kSuccess = 1;
 
-const Page &page() {
-  static const Page vault("vault-format.md");
-  return vault;
-}
-
-Octets bytes(const std::string &name) {
-  return page().bytes(name).filled();
-}
+const docs::Page page("vault-format.md");
 
 // Database is a SQLite database, for short statements.
 class Database {
@@ -84,12 +76,12 @@ void begin_anew(ServiceProcess &service) {
   service.stop();
   std::filesystem::remove(service.vault());
   for (const char *beside : {"-wal", "-witness"}) std::filesystem::remove(service.vault() + beside);
-  write_file(service.master_key_file(), bytes("master-key"));
+  write_file(service.master_key_file(), page.filled("master-key"));
 }
 
 Octets derive(uint64_t number, size_t length) {
   Octets key(length);
-  crypto_kdf_derive_from_key(key.data(), length, number, "ksdvault", bytes("master-key").data());
+  crypto_kdf_derive_from_key(key.data(), length, number, "ksdvault", page.filled("master-key").data());
   return key;
 }
 
@@ -136,32 +128,33 @@ Octets named(const std::string &name) {
 // make_vault_of_page makes the vault of the examples, with a witness of `version`.
 void make_vault_of_page(const ServiceProcess &service, uint8_t version) {
   Database db(service.vault());
-  db.script(page().text("sql", "vault-schema"));
-  db.run("INSERT INTO vault VALUES (1, ?, ?, ?)", {bytes("key-id"), bytes("vault-id"), bytes("sealed-header")});
-  db.run("INSERT INTO entry VALUES (1, ?)", {bytes("sealed-entry")});
-  Octets what = bytes("vault-id");
+  db.script(page.text("sql", "vault-schema"));
+  db.run("INSERT INTO vault VALUES (1, ?, ?, ?)",
+         {page.filled("key-id"), page.filled("vault-id"), page.filled("sealed-header")});
+  db.run("INSERT INTO entry VALUES (1, ?)", {page.filled("sealed-entry")});
+  Octets what = page.filled("vault-id");
   what.insert(what.end(), {version, 0, 0, 0, 0, 0, 0, 0});
   const Octets key = derive(4, 32);
   Octets witness(1024);
   witness[512] = version;
   crypto_generichash(&witness[520], 32, what.data(), what.size(), key.data(), key.size());
   if (version == 1) {
-    EXPECT_EQ(part(witness, 512, 40), bytes("witness-slot"));
+    EXPECT_EQ(part(witness, 512, 40), page.filled("witness-slot"));
   }
   write_file(service.vault() + "-witness", witness);
 }
 
 TEST(VaultPage, DerivesItsKeysFromItsMasterKey) {
-  EXPECT_EQ(derive(1, 32), page().bytes("seal-key"));
-  EXPECT_EQ(derive(2, 32), page().bytes("mark-key"));
-  EXPECT_EQ(derive(3, 16), page().bytes("key-id"));
+  EXPECT_EQ(derive(1, 32), page.bytes("seal-key"));
+  EXPECT_EQ(derive(2, 32), page.bytes("mark-key"));
+  EXPECT_EQ(derive(3, 16), page.bytes("key-id"));
 }
 
 TEST(VaultPage, SealsItsRecordsAsItSays) {
-  EXPECT_EQ(open(bytes("sealed-header"), bytes("header-associated-data")), page().bytes("header"));
-  EXPECT_EQ(open(bytes("sealed-entry"), bytes("entry-associated-data")), page().bytes("entry"));
-  EXPECT_EQ(mark_of({1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}), page().bytes("mark"));
-  EXPECT_EQ(part(bytes("header"), 24, 32), page().bytes("mark"));
+  EXPECT_EQ(open(page.filled("sealed-header"), page.filled("header-associated-data")), page.bytes("header"));
+  EXPECT_EQ(open(page.filled("sealed-entry"), page.filled("entry-associated-data")), page.bytes("entry"));
+  EXPECT_EQ(mark_of({1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}), page.bytes("mark"));
+  EXPECT_EQ(part(page.filled("header"), 24, 32), page.bytes("mark"));
 }
 
 TEST(VaultPage, MakesAVaultThatTheDaemonOpens) {
@@ -185,7 +178,7 @@ TEST(VaultPage, OpensWhatTheDaemonWrites) {
   begin_anew(service);
   service.start();
   Octets sections = named("wifi");
-  for (const Octets &section : {named("home"), part(bytes("entry"), 38, 23)}) {
+  for (const Octets &section : {named("home"), part(page.filled("entry"), 38, 23)}) {
     sections.insert(sections.end(), section.begin(), section.end());
   }
   ASSERT_EQ(RawClient(service.socket()).exchange(66562, {8, 12, 8, 20, 13, 0, 28, 0, 10, 0, 41, 0}, sections).result(),
@@ -195,18 +188,18 @@ TEST(VaultPage, OpensWhatTheDaemonWrites) {
   Database db(service.vault());
   const std::vector<Octets> vault = db.run("SELECT key_id, vault_id, header FROM vault");
   ASSERT_EQ(vault.size(), 3u);
-  EXPECT_EQ(vault[0], page().bytes("key-id"));
+  EXPECT_EQ(vault[0], page.bytes("key-id"));
   ASSERT_EQ(vault[1].size(), 16u);
-  EXPECT_EQ(open(vault[2], with_vault_id(bytes("header-associated-data"), vault[1])), page().bytes("header"));
+  EXPECT_EQ(open(vault[2], with_vault_id(page.filled("header-associated-data"), vault[1])), page.bytes("header"));
   const std::vector<Octets> entry = db.run("SELECT sealed FROM entry WHERE id = 1");
   ASSERT_EQ(entry.size(), 1u);
-  EXPECT_EQ(open(entry[0], with_vault_id(bytes("entry-associated-data"), vault[1])),
-            page().bytes("entry").with_any(8, 4))  // of whoever runs the test
+  EXPECT_EQ(open(entry[0], with_vault_id(page.filled("entry-associated-data"), vault[1])),
+            page.bytes("entry").with_any(8, 4))  // of whoever runs the test
       << "row 1";
 }
 
 TEST(VaultPage, ShowsTheWitnessAndItsKey) {
-  EXPECT_EQ(derive(4, 32), bytes("witness-key"));
+  EXPECT_EQ(derive(4, 32), page.filled("witness-key"));
   ServiceProcess service;
   begin_anew(service);
   make_vault_of_page(service, 1);
@@ -226,7 +219,7 @@ TEST(VaultPage, ShowsTheDaemonsSchema) {
   service.stop();
   Database of_daemon(service.vault());
   Database of_page(":memory:");
-  of_page.script(page().text("sql", "vault-schema"));
+  of_page.script(page.text("sql", "vault-schema"));
   const std::string tables = "SELECT group_concat(sql, ';') FROM (SELECT sql FROM sqlite_schema ORDER BY name)";
   EXPECT_EQ(without_blanks(of_daemon.text(tables)), without_blanks(of_page.text(tables)));
   for (const char *number : {"application_id", "user_version", "auto_vacuum"}) {

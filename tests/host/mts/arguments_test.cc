@@ -105,6 +105,41 @@ TEST_F(Mts, GivesAnIdleConnectionToAnotherThread) {
   EXPECT_EQ(service.connections(), 2U) << "the binding's, and one of the child's";
 }
 
+// The kernel then keeps thread and service on one processor.
+TEST_F(Mts, KeepsEachThreadToItsConnection) {
+  const uint32_t queue = bound();
+  KsMtsMessage mine;
+  ASSERT_EQ(send_sections(queue, {1}, {}, &mine), 0U);
+  std::thread([&] {
+    KsMtsMessage received;
+    const auto connection = [&] {  // by its number in the token
+      KsMtsMessage sent;
+      EXPECT_EQ(send_sections(queue, {2}, {}, &sent), 0U);
+      EXPECT_EQ(receive_by(queue, mts_rr_token_get(&sent), &received), 0U);
+      mts_drop(queue, &received);
+      return mts_rr_token_get(&sent) & 0xfff;
+    };
+    const uint32_t own = connection();
+    EXPECT_EQ(receive_by(queue, mts_rr_token_get(&mine), &received), 0U);
+    mts_drop(queue, &received);
+    EXPECT_EQ(connection(), own) << "though another is free";
+  }).join();
+}
+
+TEST_F(Mts, FindsNoPayloadInWhatWasSentOrDropped) {
+  const uint32_t queue = bound();
+  KsMtsMessage sent;
+  KsMtsMessage received;
+  ASSERT_EQ(send_sections(queue, {1}, {}, &sent), 0U);
+  ASSERT_EQ(receive_by(queue, mts_rr_token_get(&sent), &received), 0U);
+  mts_drop(queue, &received);
+  for (const KsMtsMessage *message : {&sent, &received}) {
+    EXPECT_EQ(mts_payload_get(message), nullptr);
+    EXPECT_EQ(mts_payload_size(message), 0U);
+  }
+  EXPECT_EQ(mts_rr_token_get(&received), 0U);
+}
+
 TEST_F(Mts, GivesAChildTokensThatAreNoneOfItsParents) {
   const uint32_t queue = bound();
   EXPECT_TRUE(passes_in_child([&] {

@@ -66,6 +66,37 @@ inline Answer exchange(uint32_t queue, const Octets &descriptor, const std::vect
   return answer;
 }
 
+// Tests of owners need a process that can change them, as in CI.
+#define NEEDS_ROOT() \
+  if (geteuid() != 0) GTEST_SKIP() << "needs root"
+
+inline constexpr uid_t kSomebody = 12345;
+
+// Runs a service as `user` at `path` for as long as `body` takes.
+inline bool while_served_by(uid_t user, const std::string &path, const std::function<bool()> &body) {
+  int ready[2];
+  int end[2];
+  if (pipe(ready) != 0 || pipe(end) != 0) abort();
+  const pid_t child = fork();
+  if (child == 0) {
+    close(end[1]);
+    FakeService served(path);
+    // Who listens is who is known at the other end.
+    if (setresuid(user, user, 0) != 0) _exit(1);
+    served.start();
+    char byte = 0;
+    if (write(ready[1], &byte, 1) != 1) _exit(1);
+    _exit(read(end[0], &byte, 1) == 0 ? 0 : 1);
+  }
+  char byte;
+  if (read(ready[0], &byte, 1) != 1) abort();
+  const bool result = body();
+  close(end[1]);
+  waitpid(child, nullptr, 0);
+  for (const int number : {ready[0], ready[1], end[0]}) close(number);
+  return result;
+}
+
 // A new service in a new folder for each test, and KS_SOCKET pointing there.
 class Mts : public testing::Test {
  protected:

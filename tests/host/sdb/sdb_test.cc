@@ -71,6 +71,14 @@ TEST_F(SdbRead, GivesWhatWasWritten) {
   }
 }
 
+// The first entry of a page ends with it, when its key has an even length.
+TEST_F(SdbRead, GivesALargeValueWhoseEntryEndsItsPage) {
+  ASSERT_EQ(open(), 0u);
+  const std::string large(10'000, 'v');
+  ASSERT_EQ(put("even", large), 0u);
+  EXPECT_TRUE(value_of("even") == large);
+}
+
 TEST_F(SdbRead, KeepsBytesOfAnyValue) {
   ASSERT_EQ(open(), 0u);
   const std::string key("\0\xff\0k", 4);
@@ -226,6 +234,14 @@ TEST_F(SdbIteration, GoesThroughAllKeysAndCanBeginAgain) {
   ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
   EXPECT_EQ(keys_from(sdb_getkey), "a=va ab=vab b=vb c=vc ");
   EXPECT_EQ(keys_from(sdb_getkey), "a=va ab=vab b=vb c=vc ");
+}
+
+TEST_F(SdbIteration, HandsOutTheLongestKey) {
+  ASSERT_EQ(open(), 0u);
+  const std::string longest(511, 'k');
+  ASSERT_EQ(put(longest, "value"), 0u);
+  ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
+  EXPECT_EQ(keys_from(sdb_getkey), longest + "=value ");
 }
 
 TEST_F(SdbIteration, IsNotDisturbedByDeletingTheKeyJustHandedOut) {

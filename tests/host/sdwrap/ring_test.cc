@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "fake_service/fake_service.h"
+#include "library_calls.h"
 #include "own_run.h"
 #include "sdwrap.h"
 #include "sdwrap_hooks.h"
@@ -16,6 +18,10 @@
 
 namespace {
 
+using ks_test::fail_call;
+using ks_test::LibraryCalls;
+
+constexpr const char *kLibrary = "libsdwrap.so";
 constexpr uid_t kSomebody = 12345;
 
 #define NEEDS_ROOT() \
@@ -188,7 +194,7 @@ TEST_F(Ring, IsTheOneThatIsNext) {
 }
 
 TEST_F(Ring, IsTheFirstWhereTheNextCannotBeRead) {
-  for (const size_t size : {0, 1, 3}) {
+  for (const size_t size : {0u, 1u, 3u}) {
     write_bytes(history() + "/next", "\7\7\7", size);
     EXPECT_TRUE(passes_in_child([this] { return report() == 0 && is_own(ring(0)); })) << size;
     EXPECT_EQ(next(), 1U);
@@ -415,6 +421,109 @@ TEST_F(Ring, LeavesOutARecordWhoseSlotIsAnothers) {
       if (after.next != position + 1) return false;
     }
     return true;
+  }));
+}
+
+// ---- What the system refuses.
+
+TEST_F(Ring, OpensNothingThatAProgramWouldInherit) {
+  EXPECT_TRUE(passes_in_child([this] {
+    int opened = 0;
+    bool all_close = true;
+    const LibraryCalls<open64> opens(kLibrary, [&](const char *, int flags) -> std::optional<int> {
+      ++opened;
+      all_close = all_close && (flags & O_CLOEXEC) != 0;
+      return std::nullopt;
+    });
+    const LibraryCalls<openat64> below(kLibrary, [&](int, const char *, int flags) -> std::optional<int> {
+      ++opened;
+      all_close = all_close && (flags & O_CLOEXEC) != 0 && (flags & O_NOFOLLOW) != 0;
+      return std::nullopt;
+    });
+    return report() == 0 && is_own(ring(0)) && all_close && opened > 4;
+  }));
+}
+
+TEST_F(Ring, IsNoneForASecondWhereItCannotBeMapped) {
+  EXPECT_TRUE(passes_in_child([this] {
+    bool fails = true;
+    const LibraryCalls<mmap64> calls(kLibrary,
+                                     [&](void *, size_t size, int, int, int, off64_t) -> std::optional<void *> {
+                                       if (size != sizeof(HostRing) || !fails) return std::nullopt;
+                                       fails = false;
+                                       errno = ENOMEM;
+                                       return MAP_FAILED;
+                                     });
+    if (report() != 0 || is_own(ring(0))) return false;
+    clock_ahead = 2;
+    return report() == 0 && is_own(ring(1));
+  }));
+}
+
+TEST_F(Ring, IsNoneInAFolderThatCannotBeLookedAt) {
+  for (const int number : {1, 2, 3, 4}) {  // the socket's folder, the history's, a ring's file twice
+    EXPECT_TRUE(passes_in_child([&] {
+      const LibraryCalls<library_fstat> calls(kLibrary, fail_call(number, -1, EIO));
+      return report() == 0 && !is_own(ring(0)) && is_own(ring(1)) == (number > 2);
+    })) << number;
+    std::filesystem::remove_all(history());
+    mkdir(history().c_str(), 0700);
+  }
+}
+
+TEST_F(Ring, TellsNoStartWhereTheSystemDoesNot) {
+  const auto no_start = [](const char *path, int) -> std::optional<int> {
+    if (std::string(path) != "/proc/self/stat") return std::nullopt;
+    errno = ENOENT;
+    return -1;
+  };
+  EXPECT_TRUE(passes_in_child([&] {
+    const LibraryCalls<open64> calls(kLibrary, no_start);
+    return report() == 0 && is_own(ring(0)) && ring_at(ring(0)).start == 0 && ring_at(ring(0)).program[0] != 0;
+  }));
+  for (const int number : {1, 2}) {
+    EXPECT_TRUE(passes_in_child([&] {
+      const LibraryCalls<::read> calls(kLibrary, fail_call(number, ssize_t{-1}, EIO));
+      if (report() != 0 || !is_own(ring(number))) return false;
+      const HostRing ring = ring_at(this->ring(number));
+      return (ring.start == 0) == (number == 1) && (ring.program[0] == 0) == (number == 2);
+    })) << number;
+  }
+}
+
+// The library asks for the thread's number in the midst of its first record.
+TEST_F(Ring, MarksASlotForAsLongAsItIsWritten) {
+  EXPECT_TRUE(passes_in_child([this] {
+    uint64_t marked = 0;
+    const LibraryCalls<gettid> calls(kLibrary, [&]() -> std::optional<pid_t> {
+      marked = ring_at(ring(0)).slots[0].sequence;
+      return std::nullopt;
+    });
+    return report() == 0 && marked == (UINT64_C(1) << 63 | 1) && ring_at(ring(0)).slots[0].sequence == 1;
+  }));
+}
+
+// A ring that was deleted is put back. While that fails, the process goes on to look for the one it had.
+TEST_F(Ring, IsPutBackOnceThereIsRoom) {
+  EXPECT_TRUE(passes_in_child([this] {
+    const auto pass_by = [] { sdwrap_hist_mts_event(4, nullptr, 0, 0); };
+    const auto full = [](int, const void *, size_t size, off64_t) -> std::optional<ssize_t> {
+      if (size != sizeof(HostRing)) return std::nullopt;
+      errno = ENOSPC;
+      return -1;
+    };
+    pass_by();
+    if (!is_own(ring(0)) || unlink(ring(0).c_str()) != 0) return false;
+    {
+      const LibraryCalls<pwrite64> calls(kLibrary, full);
+      clock_ahead = 2;
+      pass_by();
+      if (size_of(ring(1)) != -1) return false;
+    }
+    make(ring(1), 0640);  // somebody else's meanwhile
+    clock_ahead = 4;
+    pass_by();
+    return is_own(ring(2)) && ring_at(ring(2)).next == 3;
   }));
 }
 

@@ -255,8 +255,39 @@ TEST_F(Sdwrap, RecordsMessagesUngated) {
     sdwrap_hist_mts_event(4, nullptr, 0, 0);
     sdwrap_hist_mts_event(3, nullptr, 0xffffffff, 0);
     const auto records = RingFile(ring_of(getpid())).records();
-    return records.size() == 2 && records[0].kind == 2 && records[0].data == Octets{4, 0, 0, 0, 0, 0, 0, 0} &&
-           records[1].data == Octets{3, 0, 0, 0, 0xff, 0xff, 0xff, 0xff};
+    return records.size() == 2 && records[0].kind == 2 &&
+           records[0].data == Octets{4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0} &&
+           records[1].data == Octets{3, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0, 0, 0, 0, 0};
+  }));
+}
+
+TEST_F(Sdwrap, TellsWhichMessageWasSent) {
+  write_page(page_with({}, {}));
+  EXPECT_TRUE(passes_in_child([this] {
+    // As libmts fills it in: kind, token, size, opcode.
+    KsMtsMessage sent = {{0x31, 0x6d, 0x74, 0x73, 0, 0x10, 0, 0, 0, 0, 0, 0, 0x05, 0x04, 0x01, 0}};
+    sdwrap_hist_mts_event(4, &sent, 0, 0);
+    sdwrap_hist_mts_event(4, &sent, 0xffffffff, 0);
+    sent.bytes[0] = 0x32;  // of another message service
+    sdwrap_hist_mts_event(4, &sent, 0, 0);
+    const auto records = RingFile(ring_of(getpid())).records();
+    return records.size() == 3 && records[0].data == Octets{4, 0, 0, 0, 0, 0, 0, 0, 5, 4, 1, 0, 0, 0, 0, 0} &&
+           records[1].data == Octets{4, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0, 0, 0, 0, 0} &&
+           records[2].data == Octets{4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  }));
+}
+
+TEST_F(Sdwrap, TellsTheExactTimeOfAMessageWhereAllReportsAreRecorded) {
+  write_page(page_with({103}, {}));
+  EXPECT_TRUE(passes_in_child([this] {
+    if (!recorded(103)) return false;  // finds the page
+    timespec before;
+    clock_gettime(CLOCK_REALTIME, &before);
+    sdwrap_hist_mts_event(4, nullptr, 0, 0);
+    const auto records = RingFile(ring_of(getpid())).records();
+    return records.size() == 1 && records[0].data == Octets{4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0} &&
+           records[0].time_ns >=
+               static_cast<uint64_t>(before.tv_sec) * 1000000000 + static_cast<uint64_t>(before.tv_nsec);
   }));
 }
 

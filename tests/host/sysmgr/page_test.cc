@@ -1,14 +1,21 @@
 // Which files are taken for the state page, and what a caller's own errno goes through.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <string>
 
 #include "fake_service/fake_service.h"
+#include "library_calls.h"
 #include "sysmgr.h"
 
 namespace {
+
+using ks_test::fail_call;
+using ks_test::LibraryCalls;
+
+constexpr const char *kLibrary = "libsysmgr.so";
 
 // A process keeps its page and its identity, so each test uses the library in a child of its own.
 class Page : public testing::Test {
@@ -78,6 +85,43 @@ TEST_F(Page, LeavesErrnoAsItWas) {
     write_page(0x3173736b, 1);
     errno = 77;
     return holds() && errno == 77;
+  }));
+}
+
+TEST_F(Page, IsNoneForAsLongAsTheSystemRefusesToShowIt) {
+  write_page(0x3173736b, 1);
+  const size_t page_size = sizeof(HostStatePage);
+  EXPECT_TRUE(passes_in_child([] {
+    const size_t before = open_descriptors();
+    const LibraryCalls<library_fstat> calls(kLibrary, fail_call(1, -1, EIO));
+    return !holds() && open_descriptors() == before && holds();
+  }));
+  EXPECT_TRUE(passes_in_child([] {
+    const LibraryCalls<pread64> calls(kLibrary, fail_call(1, ssize_t{-1}, EIO));
+    return !holds() && holds();
+  }));
+  EXPECT_TRUE(passes_in_child([page_size] {
+    int left = 1;
+    const auto no_mapping = [&](void *, size_t size, int, int, int, off64_t) -> std::optional<void *> {
+      if (size != page_size || left-- == 0) return std::nullopt;
+      errno = ENOMEM;
+      return MAP_FAILED;
+    };
+    const LibraryCalls<mmap64> calls(kLibrary, no_mapping);
+    const size_t before = open_descriptors();
+    return !holds() && open_descriptors() == before && holds();
+  }));
+}
+
+TEST_F(Page, IsOpenedSoThatNoProgramInheritsIt) {
+  write_page(0x3173736b, 1);
+  EXPECT_TRUE(passes_in_child([] {
+    bool closes = true;
+    const LibraryCalls<open64> calls(kLibrary, [&](const char *, int flags) -> std::optional<int> {
+      closes = closes && (flags & O_CLOEXEC) != 0;
+      return std::nullopt;
+    });
+    return holds() && closes;
   }));
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "fake_service/fake_service.h"
+#include "library_calls.h"
 
 namespace {
 
@@ -172,6 +173,20 @@ TEST_F(Sysmgr, CompletesAUri) {
   EXPECT_EQ(sysmgr_uri_complete("lmdb:///run/ks/db", "sksd_", "ks_cache_data"), uri) << "and made once";
   const std::string longer(5000, 'n');
   EXPECT_EQ(sysmgr_uri_complete("lmdb:///x", "p", longer.c_str()), "lmdb:///x/p" + longer);
+}
+
+TEST_F(Sysmgr, AsksAgainWhatItHadNoMemoryFor) {
+  service.start();
+  const auto short_of_memory = ks_test::fail_call<void *>(1, nullptr, ENOMEM);
+  EXPECT_TRUE(passes_in_child([&] {
+    const ks_test::LibraryCalls<malloc> calls("libsysmgr.so", short_of_memory);
+    return sysmgr_vdc_get() == 0xffff && sysmgr_vdc_get() == 7;
+  }));
+  EXPECT_TRUE(passes_in_child([&] {
+    const ks_test::LibraryCalls<malloc> calls("libsysmgr.so", short_of_memory);
+    return std::string(sysmgr_uri_complete("lmdb:///a", "b", "c")).empty() &&
+           std::string(sysmgr_uri_complete("lmdb:///a", "b", "c")) == "lmdb:///a/bc";
+  }));
 }
 
 }  // namespace

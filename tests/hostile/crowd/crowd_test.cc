@@ -2,12 +2,18 @@
 // Nothing is asserted of time. KS_HOSTILE_MEASURE=1 measures instead what the other sees.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <thread>
 
 #include "service/service_process.h"
 #include "storms.h"
@@ -92,14 +98,67 @@ std::string test_name(const testing::TestParamInfo<storms::Storm> &info) {
 
 INSTANTIATE_TEST_SUITE_P(Of, Crowd, testing::ValuesIn(storms::all()), test_name);
 
+// Connections come below the rate at which a user has to wait for a turn, so that it isn't that which is measured.
+constexpr std::chrono::microseconds kBetweenConnections(500);
+
+// The service's threads, by their numbers.
+std::set<std::string> threads_of(const ServiceProcess &service) {
+  std::set<std::string> threads;
+  for (const auto &one : std::filesystem::directory_iterator("/proc/" + std::to_string(service.pid()) + "/task")) {
+    threads.insert(one.path().filename());
+  }
+  return threads;
+}
+
+TEST(Threads, ServeOneConnectionAfterTheOther) {
+  const ServiceProcess service;
+  std::set<std::string> seen;
+  for (int i = 0; i < 100; ++i) {
+    RawClient client(service.socket());
+    client.hello();
+    seen.merge(threads_of(service));
+  }
+  EXPECT_LT(seen.size(), 50u);  // a thread that isn't through yet with its last one gets company, now and then
+}
+
+TEST(Threads, WaitForConnectionsInASmallNumber) {
+  const ServiceProcess service;
+  const size_t before = threads_of(service).size();
+  {
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 0; i < 60; ++i) {
+      clients.push_back(std::make_unique<RawClient>(service.socket()));
+      clients.back()->hello();
+    }
+    EXPECT_EQ(threads_of(service).size(), before + 60);
+  }
+  const auto limit = Clock::now() + std::chrono::seconds(30);
+  while (threads_of(service).size() > before + 16 && Clock::now() < limit) std::this_thread::yield();
+  EXPECT_EQ(threads_of(service).size(), before + 16);
+}
+
+// What the scheduler was asked for. Kernels before 6.12 don't tell.
+TEST(Threads, HaveShortTurns) {
+  const ServiceProcess service;
+  RawClient client(service.socket());
+  client.hello();
+  for (const std::string &thread : threads_of(service)) {
+    std::array<uint64_t, 6> attributes{};  // the fourth is the length of a turn
+    if (syscall(SYS_sched_getattr, std::stoi(thread), attributes.data(), sizeof attributes, 0) != 0) GTEST_SKIP();
+    if (attributes[3] == 0) GTEST_SKIP() << "this kernel has no turns of other lengths";
+    EXPECT_EQ(attributes[3], 100'000u);
+  }
+}
+
 template <typename Deed>
-void measure(Deed deed) {
+void measure(Deed deed, std::chrono::microseconds pause = {}) {
   std::vector<double> times;
   const auto end = Clock::now() + time_of_each(1000);
   while (Clock::now() < end) {
     const auto start = Clock::now();
     deed();
     times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+    if (pause.count() != 0) std::this_thread::sleep_for(pause);
   }
   std::sort(times.begin(), times.end());
   std::printf(" %8.3f %8.3f", times[times.size() / 2], times[times.size() * 99 / 100]);
@@ -109,7 +168,7 @@ void measure_all(ServiceProcess &service, const char *name) {
   Quiet quiet(service);
   std::printf("%-24s", name);
   measure([&] { quiet.encrypts(); });
-  measure([&] { quiet.connects(); });
+  measure([&] { quiet.connects(); }, kBetweenConnections);
   measure([&] { quiet.stores(); });
   std::printf("\n");
   std::fflush(stdout);

@@ -96,7 +96,7 @@ class FullDisk : public testing::Test {
     service.start();
   }
   void TearDown() override {
-    if (disk && disk->is_there()) service.kill();
+    if (disk && disk->is_there() && service.pid() > 0) service.kill();
   }
 
   ServiceProcess service;
@@ -128,6 +128,25 @@ TEST_F(FullDisk, LetsEntriesBeClearedAfterAKillAndARestart) {
     EXPECT_EQ(named(client, kClear, n), kSuccess) << n << " of " << count;
   }
   EXPECT_EQ(store(client, 0), kSuccess);
+}
+
+// A file of the right size that has no room yet is what a start on a full disk would leave.
+TEST_F(FullDisk, IsToldAtAStartThatFindsNoRoomForTheStatePage) {
+  ASSERT_EQ(service.stop(), 0);
+  disk->fill();
+  for (const off_t size : {0, 4096}) {
+    std::filesystem::remove(service.state_page());
+    std::ofstream(service.state_page()).close();
+    ASSERT_EQ(truncate(service.state_page().c_str(), size), 0);
+    disk->fill();
+    try {
+      service.start();
+      ADD_FAILURE() << "started with a state page of " << size << " bytes";
+    } catch (const std::runtime_error &error) {
+      EXPECT_THAT(error.what(),
+                  testing::HasSubstr("s.state: there is no room for the state page: No space left on device"));
+    }
+  }
 }
 
 }  // namespace

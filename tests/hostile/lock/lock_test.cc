@@ -21,7 +21,14 @@ using testing::HasSubstr;
 
 constexpr uid_t kAttacker = 23456;
 
-// A process of another user that holds a lock on everything it can open, until the object goes.
+// Who may read a file may hold a lock of this kind on it, which is the kind that SQLite uses.
+void lock_all_of(int file) {
+  struct flock lock {};
+  lock.l_type = F_RDLCK;
+  fcntl(file, F_SETLK, &lock);
+}
+
+// A process of another user that holds locks on everything it can open, until the object goes.
 class LockHolder {
  public:
   LockHolder(const std::vector<std::string> &paths, int operation) {
@@ -31,6 +38,7 @@ class LockHolder {
       for (const std::string &path : paths) {
         const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK);
         if (file >= 0) flock(file, operation);
+        if (file >= 0) lock_all_of(file);
       }
       EXPECT_EQ(write(ready[1], "", 1), 1);
       pause();
@@ -62,6 +70,21 @@ TEST_F(Locks, OnTheStatePageKeepNoServiceDown) {
   service.kill();
   const LockHolder holder({service.state_page(), service.socket() + ".lock", service.vault(), service.folder()},
                           LOCK_EX | LOCK_NB);
+  service.start();
+  RawClient client(service.socket());
+  EXPECT_EQ(client.hello().vdc_id, 7u);
+}
+
+// As a copy of a backup leaves it.
+TEST_F(Locks, CantBeTakenOnAVaultThatOthersCouldRead) {
+  ServiceProcess service;
+  service.stop();
+  ASSERT_EQ(chmod(service.vault().c_str(), 0644), 0);
+  service.start();
+  EXPECT_EQ(std::filesystem::status(service.vault()).permissions(), std::filesystem::perms{0600});
+  EXPECT_THAT(service.log(), HasSubstr("vault.db: others could open it; its mode was 0644 and is 0600 now"));
+  service.kill();
+  const LockHolder holder({service.vault()}, LOCK_EX | LOCK_NB);
   service.start();
   RawClient client(service.socket());
   EXPECT_EQ(client.hello().vdc_id, 7u);
@@ -100,7 +123,7 @@ TEST(LockFile, IsNotFollowedToWhereALinkLeads) {
 }
 
 TEST(SocketFolder, IsRefusedWhenOthersMayWriteIt) {
-  for (const mode_t mode : {0777, 01777, 0770}) {
+  for (const mode_t mode : {0777u, 01777u, 0770u}) {
     ServiceProcess service;
     service.stop();
     chmod(service.folder().c_str(), mode);

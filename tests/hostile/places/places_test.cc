@@ -5,10 +5,12 @@
 
 #include <array>
 #include <csignal>
+#include <fstream>
 #include <memory>
 
 #include "service/raw_client.h"
 #include "service/service_process.h"
+#include "temporary_folder.h"
 
 namespace {
 
@@ -25,10 +27,10 @@ ServiceSetup with_config(const std::string &config) {
 // A process of another user that opens connections until one is refused, and holds what it got until the object goes.
 class Hoarder {
  public:
-  Hoarder(uid_t uid, const ServiceProcess &service, unsigned wanted) {
+  Hoarder(uid_t uid, gid_t gid, const ServiceProcess &service, unsigned wanted) {
     std::array<int, 2> told{};
     EXPECT_EQ(pipe(told.data()), 0);
-    pid_ = ks_test::start_as(uid, uid, [&] {
+    pid_ = ks_test::start_as(uid, gid, [&] {
       std::vector<std::unique_ptr<RawClient>> clients;
       unsigned got = 0;
       for (; got < wanted; ++got) {
@@ -47,6 +49,7 @@ class Hoarder {
     kill(pid_, SIGKILL);
     ks_test::wait_for(pid_);
   }
+  Hoarder(uid_t uid, const ServiceProcess &service, unsigned wanted) : Hoarder(uid, uid, service, wanted) {}
   Hoarder(const Hoarder &) = delete;
   Hoarder &operator=(const Hoarder &) = delete;
 
@@ -101,6 +104,27 @@ TEST_F(Places, AreAskedForByThousandsOfUserIdsInAFewLinesOfTheLog) {
   }
   const std::string log = service.log();
   EXPECT_EQ(log.find("refused a connection"), log.rfind("refused a connection"));
+}
+
+// The user has the group in a container, and there thousands of numbers.
+TEST_F(Places, OfAContainerCountAsItsOwners) {
+  ks_test::TemporaryFolder folder;
+  std::ofstream(folder.path() + "/subuid") << "23456:300000:65536\n";
+  ServiceSetup setup = with_config("[limits]\nconnections_per_user = 20\n[[vdc]]\nid = 8\ngroups = [23000]\n");
+  const std::string command = "mount --bind " + folder.path() + "/subuid /etc/subuid && exec \"$@\"";
+  setup.wrapper = {"unshare", "--mount", "sh", "-c", command, "sh"};
+  std::vector<std::string> probe = setup.wrapper;
+  probe.push_back("true");
+  if (ks_test::run_program(probe).status != 0) GTEST_SKIP() << "nothing can be mounted on /etc/subuid here";
+  const ServiceProcess service(setup);
+  std::vector<std::unique_ptr<Hoarder>> hoarders;
+  unsigned got = 0;
+  for (const uid_t uid : {23456u, 300000u, 300001u, 365535u}) {
+    hoarders.push_back(std::make_unique<Hoarder>(uid, 23000, service, 256));
+    got += hoarders.back()->got();
+  }
+  EXPECT_EQ(got, 20u);
+  EXPECT_EQ(Hoarder(365536, 23000, service, 256).got(), 20u) << "of whom the file says nothing";
 }
 
 }  // namespace

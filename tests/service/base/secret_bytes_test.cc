@@ -39,7 +39,7 @@ std::set<std::string> flags_of(const void *address) {
 
 TEST(SecretBytes, HoldsWhatItWasGivenAtEverySize) {
   std::vector<std::shared_ptr<const SecretBytes>> held;
-  for (const size_t size : {0, 1, 15, 16, 17, 255, 256, 257, 4096, 65535, 65536, 65537, 190000}) {
+  for (const size_t size : {0u, 1u, 15u, 16u, 17u, 255u, 256u, 257u, 4096u, 65535u, 65536u, 65537u, 190000u}) {
     held.push_back(SecretBytes::copy_of(pattern(size, static_cast<uint8_t>(size))));
   }
   for (const auto &secret : held) {

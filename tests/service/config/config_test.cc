@@ -78,10 +78,10 @@ connections_administrators = 1
 connects_per_second = 6
 requests_per_user = 5
 changes_per_user = 4
-entries = 3
-entries_per_user = 4
-bytes = 5
-bytes_per_user = 6
+entries = 4
+entries_per_user = 3
+bytes = 6
+bytes_per_user = 5
 [trace]
 record = [103, 0]
 debug = [255]
@@ -97,7 +97,7 @@ debug = [255]
   EXPECT_EQ(config.send_limit_ms, 200u);
   EXPECT_EQ(config.silence_limit_ms, 300u);
   EXPECT_EQ(config.supstate, 2u);
-  EXPECT_EQ(config.limits, (ksd::config::Limits{9, 8, 7, 1, 6, 5, 4, 3, 4, 5, 6}));
+  EXPECT_EQ(config.limits, (ksd::config::Limits{9, 8, 7, 1, 6, 5, 4, 4, 3, 6, 5}));
   EXPECT_TRUE(config.gates.record[103] && config.gates.record[0] && !config.gates.record[100]);
   EXPECT_TRUE(config.gates.debug[255]);
 }
@@ -111,6 +111,35 @@ TEST(Config, GivesUsersTheirOwnVdcBeforeThatOfTheirGroups) {
   EXPECT_FALSE(config.identify(1007, 1, 1, {}).vdc_id);
 }
 
+TEST(Config, CountsTheUsersOfAContainerAsItsOwner) {
+  Config config = good("[[vdc]]\nid = 6\nusers = [200007]\n");
+  EXPECT_EQ(config.identify(200000, 1, 1, {}).counted_as, 200000u);
+  config.subordinate_users = ksd::config::parse_subordinate_users("1001:200000:65536\nroot:100000:50000\n");
+  EXPECT_EQ(config.identify(100000, 1, 1, {}).counted_as, 0u);
+  EXPECT_EQ(config.identify(149999, 1, 1, {}).counted_as, 0u);
+  EXPECT_EQ(config.identify(200000, 1, 1, {}).counted_as, 1001u);
+  EXPECT_EQ(config.identify(265535, 1, 1, {}).counted_as, 1001u);
+  for (const uid_t outside : {99999u, 150000u, 199999u, 265536u}) {
+    EXPECT_EQ(config.identify(outside, 1, 1, {}).counted_as, outside);
+  }
+  EXPECT_EQ(config.identify(200007, 1, 1, {}).counted_as, 200007u) << "whom the configuration names";
+  EXPECT_EQ(config.identify(200000, 1, 1, {}).uid, 200000u);
+}
+
+TEST(SubordinateUsers, OfNobodyStandTogether) {
+  const auto ranges = ksd::config::parse_subordinate_users("there-is-no-such-user:300000:10");
+  ASSERT_EQ(ranges.size(), 1u);
+  EXPECT_EQ(ranges[0].owner, 300000u);
+  EXPECT_EQ(ranges[0].count, 10u);
+}
+
+TEST(SubordinateUsers, AreNotTakenFromLinesThatAreNone) {
+  for (const char *text : {"", "\n", ":", "root", "root:1", "root:1:", "root::1", "root:x:1", "root:1:1:1", "root:1:-1",
+                           "root:4294967296:1", "# root:1:1 "}) {
+    EXPECT_THAT(ksd::config::parse_subordinate_users(text), IsEmpty()) << text;
+  }
+}
+
 TEST(Config, NamesAdministratorsByUserAndByGroup) {
   const Config config = good("[administrators]\nusers = [\"root\"]\ngroups = [77]\n");
   const std::vector<gid_t> group{77};
@@ -120,6 +149,12 @@ TEST(Config, NamesAdministratorsByUserAndByGroup) {
   EXPECT_FALSE(config.identify(1000, 1, 1, {}).administrator);
   EXPECT_TRUE(config.identify(0, 0, 1, {}).may_use(9));
   EXPECT_FALSE(config.identify(1000, 1, 1, {}).may_use(0));
+}
+
+TEST(Config, TakesAGroupByItsName) {
+  EXPECT_EQ(good("[service]\nsocket_group = \"root\"\n").socket_group, 0u);
+  EXPECT_THAT(problems_of("[service]\nsocket_group = \"no-such-group\"\n"),
+              ElementsAre("f:2:16: there is no group \"no-such-group\" on this machine; create it or give a number"));
 }
 
 TEST(Config, FillsUserAndVdcIntoTheCacheUri) {
@@ -179,6 +214,22 @@ TEST(Config, HasPlacesFollowTheNumberOfConnections) {
   EXPECT_EQ(limits.connections_administrators, 1u);
   EXPECT_EQ(good("[limits]\nconnections = 1\n").limits.connections_unmapped, 1u);
   EXPECT_EQ(good("[limits]\nconnections = 9999\n").limits.connections_per_user, 256u);
+}
+
+TEST(Config, RefusesALimitOfAUserAboveThatOfAll) {
+  EXPECT_THAT(problems_of("[limits]\nentries = 10\nentries_per_user = 11\nbytes = 100\nbytes_per_user = 101\n"),
+              ElementsAre("f:3:20: 11 of 10 entries: no user can have so many; at most 10 are possible",
+                          "f:5:18: 101 of 100 bytes: no user can have so many; at most 100 are possible"));
+  EXPECT_THAT(problems_of("[limits]\nentries_per_user = 65535\nbytes_per_user = 268435456\n"), IsEmpty());
+  const auto limits = good("[limits]\nentries = 10\nbytes = 100\n").limits;
+  EXPECT_EQ(limits.entries_per_user, 10u);
+  EXPECT_EQ(limits.bytes_per_user, 100u);
+}
+
+TEST(Config, NamesTheOnlyVdc) {
+  EXPECT_EQ(good("").only_vdc(), std::nullopt);
+  EXPECT_EQ(good("[[vdc]]\nid = 5\nusers = [1]\ngroups = [2]\n").only_vdc(), 5);
+  EXPECT_EQ(good("[[vdc]]\nid = 5\nusers = [1]\n[[vdc]]\nid = 6\ngroups = [2]\n").only_vdc(), std::nullopt);
 }
 
 TEST(Config, RefusesAModeThatWasMeantToBeOctal) {

@@ -147,7 +147,7 @@ TEST_F(Ciphers, OnlyAesWithoutIvTakesNoDataAtAll) {
 
 TEST_F(Ciphers, RefuseAnIvThatIsNot16BytesLong) {
   use_key(ByteString(16, 0x5a));
-  for (const size_t size : {0, 1, 15, 17, 32, 255}) {
+  for (const size_t size : {0u, 1u, 15u, 17u, 32u, 255u}) {
     EXPECT_EQ(aes_cbc(KS_OP_AES_CBC_ENCRYPT, name, ByteString(size, 0), ByteString(16, 0)).of(keystore),
               refusal(KS_INVALID_ARGS));
   }

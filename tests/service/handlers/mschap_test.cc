@@ -103,7 +103,7 @@ TEST_F(Mschap, NewPasswordOf256BytesIsToldAsZeroAndEndsWithTheMessage) {
 
 TEST_F(Mschap, NewPasswordToldAsZeroIsRefusedUnlessExactly256BytesEndTheMessage) {
   use_password(text("old"));
-  for (const size_t size : {0, 1, 255, 257, 512}) {
+  for (const size_t size : {0u, 1u, 255u, 257u, 512u}) {
     const Asked asked{KS_OP_NEW_PASSWORD_ENCRYPTED, unhex("06 08 00 ee 0e000000"), name + ByteString(size, 'x')};
     EXPECT_EQ(asked.of(keystore), refusal(KS_INVALID_ARGS)) << size;
   }
@@ -152,7 +152,7 @@ TEST_F(Mschap, SecretThatIsNoPasswordIsABadKeyForAllFive) {
 
 TEST_F(Mschap, UserNameHas0To255Bytes) {
   use_password(text("x"));
-  for (const size_t size : {0, 1, 44, 255}) {
+  for (const size_t size : {0u, 1u, 44u, 255u}) {
     const ByteString user_name(size, 'u');
     EXPECT_EQ(nt_response(name, authenticator, peer, user_name).of(keystore),
               success(response_by_openssl(unhex("7800"), user_name)))
@@ -171,7 +171,7 @@ TEST_F(Mschap, UserNameOf256CharactersArrivesEmptyAndIsTakenSo) {
 
 TEST_F(Mschap, ReplyLengthAskedForMustBeTheOneThatThereIs) {
   use_password(text("x"));
-  for (const size_t wrong : {0, 23, 25, 0xffff}) {
+  for (const size_t wrong : {0u, 23u, 25u, 0xffffu}) {
     Asked asked = nt_response(name, authenticator, peer, user);
     asked.descriptor = u16(wrong) + part(asked.descriptor, 2, asked.descriptor.size());
     EXPECT_EQ(asked.of(keystore), refusal(KS_INVALID_ARGS));
@@ -185,7 +185,7 @@ TEST_F(Mschap, ChallengesAndResponsesOfOtherSizesAreRefused) {
   use_password(text("x"));
   EXPECT_EQ(master_key(name, ByteString(23, 0)).of(keystore), refusal(KS_INVALID_ARGS));
   EXPECT_EQ(master_key(name, ByteString(25, 0)).of(keystore), refusal(KS_INVALID_ARGS));
-  for (const size_t field : {4, 12}) {  // the lengths of the two challenges
+  for (const size_t field : {4u, 12u}) {  // the lengths of the two challenges
     for (const uint8_t wrong : std::initializer_list<uint8_t>{0, 15, 17}) {
       Asked asked = nt_response(name, authenticator, peer, user);
       asked.descriptor[field] = wrong;

@@ -22,7 +22,7 @@ struct OpenSsl : testing::Test {
 };
 
 TEST_F(OpenSsl, AgreesOnAesForEverySizeOfKeyAndManyLengths) {
-  for (const size_t key_size : {16, 24, 32}) {
+  for (const size_t key_size : {16u, 24u, 32u}) {
     const ByteString key = random_bytes(key_size);
     const std::string bits = std::to_string(8 * key_size);
     keystore.keep_secret("k", key);

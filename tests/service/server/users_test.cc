@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <semaphore>
+#include <thread>
+
 namespace {
 
 using ksd::Caller;
@@ -20,6 +23,7 @@ constexpr Clock::time_point kStart{std::chrono::hours(1)};
 Caller user(uid_t uid) {
   Caller caller;
   caller.uid = uid;
+  caller.counted_as = uid;
   caller.vdc_id = 7;
   return caller;
 }
@@ -27,6 +31,7 @@ Caller user(uid_t uid) {
 Caller stranger(uid_t uid) {
   Caller caller;
   caller.uid = uid;
+  caller.counted_as = uid;
   return caller;
 }
 
@@ -62,23 +67,23 @@ TEST_F(Places, OfAllUsersWithoutAVdcAreAFew) {
   int got = 0;
   for (uid_t uid = 1; uid <= 5000; ++uid) got += take(stranger(uid), 1);
   EXPECT_EQ(got, 64);
-  EXPECT_THAT(why, StrEq("users without a VDC have too many"));
+  EXPECT_THAT(why, StrEq("users without a VDC have too many (connections_unmapped under [limits])"));
   EXPECT_EQ(take(user(9999), 300), 256);
-  EXPECT_THAT(why, StrEq("the user has too many"));
+  EXPECT_THAT(why, StrEq("the user has too many (connections_per_user under [limits])"));
 }
 
 TEST_F(Places, ForAdministratorsAreLeftByAllOthers) {
   for (uid_t uid = 1; uid <= 200; ++uid) take(user(uid), 256);
   EXPECT_EQ(users.all(), 1008u);
-  EXPECT_THAT(why, StrEq("the places that are left are kept for administrators"));
+  EXPECT_THAT(why, StrEq("what is left is kept for administrators (connections_administrators under [limits])"));
   EXPECT_EQ(take(administrator(900), 100), 16);
-  EXPECT_THAT(why, StrEq("all together have too many"));
+  EXPECT_THAT(why, StrEq("all together have too many (connections under [limits])"));
 }
 
 TEST_F(Places, AreLeftForUsersWithFewByThoseWithMany) {
   for (uid_t uid = 1; uid <= 4; ++uid) take(user(uid), 256);
   EXPECT_EQ(users.all(), 882u);  // of the 1008 that aren't kept for administrators, all but an eighth
-  EXPECT_THAT(why, StrEq("the places that are left are kept for users with fewer"));
+  EXPECT_THAT(why, StrEq("what is left is kept for users with fewer (an eighth of connections under [limits])"));
   EXPECT_EQ(take(user(5), 20), 8);
   EXPECT_EQ(take(user(6), 3), 3);
 }
@@ -126,6 +131,23 @@ TEST_F(Places, OfOneUserMakeNoCrowd) {
   EXPECT_TRUE(users.check_crowd(now));
   now += std::chrono::seconds(1);
   EXPECT_FALSE(users.check_crowd(now));
+}
+
+TEST_F(Places, OfUsersInACrowdAreForOneLargeChangeAtATimeAndMoreSmallOnes) {
+  take(user(1), 1);
+  take(user(2), 1);
+  ksd::server::Share::Pass large(last->changes_of(4097));
+  const ksd::server::Share::Pass small(last->changes_of(4096));
+  const ksd::server::Share::Pass another(last->changes_of(20));
+  std::binary_semaphore second_came_in(0);
+  std::thread other([&] {
+    const ksd::server::Share::Pass second(last->changes_of(60000));
+    second_came_in.release();
+  });
+  EXPECT_FALSE(second_came_in.try_acquire());
+  large.give_back();
+  second_came_in.acquire();
+  other.join();
 }
 
 TEST(Allowance, LetsATenthOfASecondsThroughAtOnceAndTheRestInTime) {

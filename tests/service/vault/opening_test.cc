@@ -42,7 +42,10 @@ class OpenVault : public testing::Test {
     EXPECT_EQ(read_file(folder.vault()), before);
   }
 
-  void refuses_as_damaged(const std::string &why) { refuses(folder.vault(), "damaged (" + why, "backup"); }
+  void refuses_as_damaged(const std::string &why) {
+    refuses(folder.vault(), "damaged (" + why,
+            "put a backup of vault, log and witness in its place, or move all three");
+  }
 
   void sql(const std::string &statement) { run_sql(folder.vault(), statement); }
 
@@ -84,6 +87,26 @@ TEST_F(OpenVault, RefusesAFileCutShort) {
     write_file(folder.vault(), whole.substr(0, size));
     refuses_as_damaged("");
   }
+}
+
+// What the line about a damaged vault says to do, done.
+TEST_F(OpenVault, StartsWithABackupOrAnEmptyOneWhereADamagedOneStood) {
+  const auto move_all_three = [](const Folder &from, const Folder &to) {
+    for (const char *name : {"/vault.db", "/vault.db-wal", "/vault.db-witness"}) {
+      if (std::filesystem::exists(from.path() + name)) std::filesystem::rename(from.path() + name, to.path() + name);
+    }
+  };
+  const Folder backup, damaged, emptied;
+  std::filesystem::copy(folder.path(), backup.path());
+  put(*folder.open(), "d", "secret d");
+  write_file(folder.vault(), "");
+  refuses_as_damaged("the file is empty");
+
+  move_all_three(folder, damaged);
+  EXPECT_EQ(folder.open()->count(), 0u);
+  move_all_three(folder, emptied);
+  move_all_three(backup, folder);
+  EXPECT_EQ(folder.open()->count(), 3u);
 }
 
 TEST_F(OpenVault, RefusesALogWithoutItsVault) {
@@ -241,7 +264,7 @@ TEST_F(OpenVault, NeverShowsAnythingElseWhenAByteIsFlipped) {
 }
 
 TEST_F(MasterKeyFile, IsRefusedWithAnotherMode) {
-  for (const mode_t mode : {0640, 0604, 0700, 0200}) {
+  for (const mode_t mode : {0640u, 0604u, 0700u, 0200u}) {
     chmod(folder.key().c_str(), mode);
     refuses(folder.key(), "has mode 0", "chmod 0600 " + folder.key());
   }
@@ -256,7 +279,7 @@ TEST_F(MasterKeyFile, IsRefusedWhenItBelongsToSomebodyElse) {
 }
 
 TEST_F(MasterKeyFile, IsRefusedWhenItHasAnotherSizeOrIsNoFile) {
-  for (const size_t size : {0, 31, 33, 64}) {
+  for (const size_t size : {0u, 31u, 33u, 64u}) {
     write_file(folder.key(), std::string(size, 'k'));
     refuses(folder.key(), "exactly 32 bytes", "put the right file there");
   }

@@ -2,9 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <sstream>
 #include <thread>
 
 #include "vault_files/vault_files.h"
@@ -343,6 +346,48 @@ TEST_F(VaultLimits, BoundEntriesAndBytesOfAUserAndOfAll) {
   EXPECT_EQ(put(*vault, "f", "", "", 3000), KS_STORE_FULL) << "a fifth entry in all";
   EXPECT_EQ(vault->remove(secret_name("b")), KS_SUCCESS);
   EXPECT_EQ(put(*vault, "f", "", "", 3000), KS_SUCCESS);
+}
+
+TEST_F(VaultLimits, AreNamedInTheLogOfARefusalOnceAMinute) {
+  std::ostringstream log;
+  const auto before = spdlog::default_logger();
+  spdlog::set_default_logger(
+      std::make_shared<spdlog::logger>("t", std::make_shared<spdlog::sinks::ostream_sink_mt>(log)));
+  spdlog::set_level(spdlog::level::info);
+  spdlog::set_pattern("%v");
+  vault->use_limits({.entries = 5, .entries_per_user = 2, .bytes = 100, .bytes_per_user = 60});
+  const auto fill = [this](uid_t user, size_t size) {
+    return put(*vault, std::to_string(user) + "-" + std::to_string(size), std::string(size, 'x'), "", user);
+  };
+  EXPECT_EQ(fill(1000, 30), KS_SUCCESS);
+  EXPECT_EQ(fill(1000, 31), KS_STORE_FULL);
+  EXPECT_EQ(fill(1000, 32), KS_STORE_FULL);
+  EXPECT_EQ(fill(2000, 1), KS_SUCCESS);
+  EXPECT_EQ(fill(2000, 2), KS_SUCCESS);
+  EXPECT_EQ(fill(2000, 3), KS_STORE_FULL);
+  EXPECT_EQ(fill(3000, 60), KS_SUCCESS);
+  EXPECT_EQ(fill(4000, 8), KS_STORE_FULL);
+  EXPECT_EQ(fill(4000, 0), KS_SUCCESS);
+  EXPECT_EQ(fill(5000, 0), KS_STORE_FULL);
+  spdlog::set_default_logger(before);
+  spdlog::set_level(spdlog::level::off);
+
+  const std::string said = log.str();
+  const auto refused = [this](const char *what) {
+    return folder.vault() + ": a store of user " + what + " under [limits]); clear some or raise it\n";
+  };
+  for (const char *what :
+       {"1000 is refused: 30 of 60 are in use (bytes_per_user", "2000 is refused: 2 of 2 are in use (entries_per_user",
+        "4000 is refused: 93 of 100 are in use (bytes", "5000 is refused: 5 of 5 are in use (entries"}) {
+    EXPECT_THAT(said, testing::HasSubstr(refused(what)));
+  }
+  EXPECT_THAT(said, testing::HasSubstr(folder.vault() +
+                                       ": 80 % of the room of user 2000 is used: 2 of 2 entries, 3 of 60 bytes; clear "
+                                       "some, or raise entries_per_user or bytes_per_user under [limits]\n"));
+  EXPECT_THAT(said,
+              testing::HasSubstr(": 80 % of the room of all users is used: 4 of 5 entries, 93 of 100 bytes; clear "
+                                 "some, or raise entries or bytes under [limits]\n"));
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 7) << said;
 }
 
 TEST_F(VaultLimits, LetEntriesShrinkThatAreOverALoweredLimit) {

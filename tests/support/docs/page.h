@@ -89,10 +89,39 @@ class Pattern {
   std::vector<std::optional<uint8_t>> bytes_;
 };
 
-// Page is a page of docs/, with its fenced blocks of one kind by name.
+// Page is a page of docs/, with its fenced blocks of one kind by name. It is read when it is first asked, so that one
+// of a whole program that can't be read fails its tests.
 class Page {
  public:
-  explicit Page(const std::string &name) : path_(KS_SOURCE_DIR "/docs/" + name) {
+  explicit Page(const std::string &name) : path_(KS_SOURCE_DIR "/docs/" + name) {}
+
+  // text gives the block that begins with "```KIND NAME".
+  const std::string &text(const std::string &kind, const std::string &name) const {
+    const auto found = read().find(kind + " " + name);
+    if (found == blocks_.end()) throw std::runtime_error(path_ + ": has no block " + kind + " " + name);
+    return found->second;
+  }
+
+  Pattern bytes(const std::string &name) const { return Pattern(text("bytes", name)); }
+  Octets filled(const std::string &name) const { return bytes(name).filled(); }
+
+  // names gives the names of all blocks of bytes that end so, less the ending, in the order of the page.
+  std::vector<std::string> names(const std::string &ending = "") const {
+    read();
+    std::vector<std::string> found;
+    for (const std::string &title : order_) {
+      if (title.starts_with("bytes ") && title.ends_with(ending)) {
+        found.push_back(title.substr(6, title.size() - 6 - ending.size()));
+      }
+    }
+    return found;
+  }
+
+ private:
+  using Blocks = std::map<std::string, std::string>;
+
+  const Blocks &read() const {
+    if (!blocks_.empty()) return blocks_;
     std::ifstream file(path_);
     if (!file) throw std::runtime_error(path_ + ": can't be read");
     std::string *block = nullptr;
@@ -105,31 +134,11 @@ class Page {
         block = begin(line.substr(3));
       }
     }
+    return blocks_;
   }
 
-  // text gives the block that begins with "```KIND NAME".
-  const std::string &text(const std::string &kind, const std::string &name) const {
-    const auto found = blocks_.find(kind + " " + name);
-    if (found == blocks_.end()) throw std::runtime_error(path_ + ": has no block " + kind + " " + name);
-    return found->second;
-  }
-
-  Pattern bytes(const std::string &name) const { return Pattern(text("bytes", name)); }
-
-  // names gives the names of all blocks of bytes that end so, less the ending, in the order of the page.
-  std::vector<std::string> names(const std::string &ending = "") const {
-    std::vector<std::string> found;
-    for (const std::string &title : order_) {
-      if (title.starts_with("bytes ") && title.ends_with(ending)) {
-        found.push_back(title.substr(6, title.size() - 6 - ending.size()));
-      }
-    }
-    return found;
-  }
-
- private:
   // A fence without a name, as of an example in C, has a block of no interest.
-  std::string *begin(const std::string &title) {
+  std::string *begin(const std::string &title) const {
     if (title.find(' ') == std::string::npos) return &ignored_;
     if (blocks_.contains(title)) throw std::runtime_error(path_ + ": has two blocks " + title);
     order_.push_back(title);
@@ -137,9 +146,9 @@ class Page {
   }
 
   std::string path_;
-  std::map<std::string, std::string> blocks_;
-  std::vector<std::string> order_;
-  std::string ignored_;
+  mutable Blocks blocks_;
+  mutable std::vector<std::string> order_;
+  mutable std::string ignored_;
 };
 
 }  // namespace docs

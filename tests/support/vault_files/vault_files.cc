@@ -95,6 +95,7 @@ struct DiskState {
   bool hold = false;
   bool held = false;
   bool spares_held = false;
+  std::function<void()> after_change = [] {};
 };
 
 DiskState *disk = nullptr;
@@ -109,6 +110,13 @@ sqlite3_file *real(sqlite3_file *file) {
   return reinterpret_cast<ShimFile *>(file)->real();
 }
 
+template <typename Change>
+int change(Change make) {
+  const int result = make();
+  disk->after_change();
+  return result;
+}
+
 int close_file(sqlite3_file *file) {
   return real(file)->pMethods->xClose(real(file));
 }
@@ -120,10 +128,10 @@ int write_file_part(sqlite3_file *file, const void *from, int size, sqlite3_int6
   const int error = offset + size > disk->room ? ENOSPC : spared ? 0 : disk->write_error.load();
   if (error == ENOSPC) return SQLITE_FULL;
   if (error != 0) return SQLITE_IOERR_WRITE;
-  return real(file)->pMethods->xWrite(real(file), from, size, offset);
+  return change([=] { return real(file)->pMethods->xWrite(real(file), from, size, offset); });
 }
 int truncate_file(sqlite3_file *file, sqlite3_int64 size) {
-  return real(file)->pMethods->xTruncate(real(file), size);
+  return change([=] { return real(file)->pMethods->xTruncate(real(file), size); });
 }
 int sync_file(sqlite3_file *file, int flags) {
   bool succeeds = false;
@@ -138,7 +146,7 @@ int sync_file(sqlite3_file *file, int flags) {
     }
   }
   if (disk->sync_error != 0 && !succeeds) return SQLITE_IOERR_FSYNC;
-  return disk->skip ? SQLITE_OK : real(file)->pMethods->xSync(real(file), flags);
+  return change([=] { return disk->skip ? SQLITE_OK : real(file)->pMethods->xSync(real(file), flags); });
 }
 int file_size(sqlite3_file *file, sqlite3_int64 *size) {
   return real(file)->pMethods->xFileSize(real(file), size);
@@ -228,6 +236,9 @@ void Disk::fail_later_syncs(int error) {
 }
 void Disk::skip_syncs() {
   disk->skip = true;
+}
+void Disk::after_changes(std::function<void()> action) {
+  disk->after_change = std::move(action);
 }
 void Disk::limit_room(int64_t bytes) {
   disk->room = bytes;

@@ -63,6 +63,9 @@ class Disk {
   void let_syncs_go();
   void wait_for_held_sync();
 
+  // after_changes has `action` done after each write, cut and sync from now on.
+  void after_changes(std::function<void()> action);
+
   // limit_room makes writes that lengthen a file beyond `bytes` find the disk full.
   void limit_room(int64_t bytes);
 };

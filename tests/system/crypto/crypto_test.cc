@@ -202,7 +202,7 @@ TEST_F(Crypto, AesCbcComputesThePublishedValuesInChainedCalls) {
     keep("k", unhex(vector.key));
     const ByteString plain = unhex(vector.plain);
     const ByteString cipher = unhex(vector.cipher);
-    for (const size_t piece : {16, 32, 64}) {
+    for (const size_t piece : {16u, 32u, 64u}) {
       ByteString iv = unhex(published::kSp80038aIv);
       ByteString back_iv = iv;
       for (size_t at = 0; at < plain.size(); at += piece) {
@@ -218,7 +218,7 @@ TEST_F(Crypto, AesCbcComputesThePublishedValuesInChainedCalls) {
 // In both modes the ciphertext of a message's beginning is the beginning of its ciphertext, so one command computes
 // what all lengths are compared with.
 TEST_F(Crypto, AesAgreesWithOpenSslOnEveryAcceptedLength) {
-  for (const size_t key_size : {16, 24, 32}) {
+  for (const size_t key_size : {16u, 24u, 32u}) {
     const ByteString key = random_bytes(key_size);
     const ByteString start = random_bytes(16);
     const ByteString plain = random_bytes(65520);
@@ -405,7 +405,7 @@ TEST_F(Crypto, PasswordsAreUtf8) {
 
 TEST_F(Crypto, NewPasswordsOf1To256BytesOpenUnderTheOldOne) {
   keep("k", text(published::mschap::kPassword));
-  for (const size_t size : {1, 2, 255, 256}) {
+  for (const size_t size : {1u, 2u, 255u, 256u}) {
     const ByteString password(size, 'n');
     ByteString block(516);
     ASSERT_EQ(

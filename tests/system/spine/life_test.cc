@@ -329,6 +329,37 @@ TEST_F(Users, WithoutAMappingHaveNoVdcAndMayHaveRandomNumbers) {
             9);
 }
 
+TEST_F(Users, WithoutAMappingAreToldApartInTheLogOnceAMinute) {
+  ServiceProcess service(with_config("[[vdc]]\nid = 3\nusers = [0]\n"));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(vdc_of(service, kUser, kGroup), 0xff);
+  EXPECT_EQ(vdc_of(service, kUser + 1, kGroup), 0xff);
+  EXPECT_EQ(vdc_of(service, 0, 0), 3);
+  const std::string log = service.log();
+  const auto told = [&service](const std::string &uid) {
+    return "user " + uid + " has no VDC and can keep nothing; add " + uid + " to users of the [[vdc]] with id = 3 in " +
+           service.folder() + "/ksd.toml, and send the service SIGHUP\n";
+  };
+  for (const char *uid : {"23456", "23457"}) {
+    const size_t first = log.find(told(uid));
+    EXPECT_NE(first, std::string::npos) << uid;
+    EXPECT_EQ(log.find(told(uid), first + 1), std::string::npos) << uid;
+  }
+  EXPECT_THAT(log, testing::Not(HasSubstr("user 0 has no VDC")));
+}
+
+TEST_F(Users, WithoutAMappingDontFillTheLog) {
+  ServiceProcess service(with_config("[limits]\nconnections_unmapped = 1000\n"));
+  for (uid_t uid = kUser; uid < kUser + 40; ++uid) EXPECT_EQ(vdc_of(service, uid, kGroup), 0xff);
+  size_t lines = 0;
+  const std::string log = service.log();
+  for (size_t at = log.find(" has no VDC and can keep nothing; add "); at != std::string::npos;
+       at = log.find(" has no VDC and can keep nothing; add ", at + 1)) {
+    ++lines;
+  }
+  EXPECT_EQ(lines, 17u) << "of sixteen, and one for all others";
+  EXPECT_THAT(log, HasSubstr(" to users of a [[vdc]] in "));
+}
+
 TEST_F(Users, AreMappedByIdAndByGroup) {
   ServiceProcess service(with_config("[[vdc]]\nid = 3\nusers = [23456]\n[[vdc]]\nid = 4\ngroups = [23457]\n"));
   EXPECT_EQ(vdc_of(service, kUser, 1), 3);

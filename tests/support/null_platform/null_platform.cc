@@ -1,4 +1,4 @@
-// Platform libraries that do nothing: what is measured over them is the library's own.
+// Platform libraries that do nothing and succeed: what is measured over them is the library's own.
 #include "mts.h"
 #include "sdb.h"
 #include "sdwrap.h"

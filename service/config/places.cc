@@ -1,0 +1,78 @@
+#include "config/places.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "base/trust.h"
+
+namespace ksd::config {
+namespace {
+
+// Place is a file that the configuration names by `key`.
+struct Place {
+  const char *key;
+  const std::string &path;
+  mode_t kind;         // S_IFREG or S_IFSOCK
+  const char *called;  // that kind
+  bool makes_folder;
+};
+
+std::optional<mode_t> kind_of(const std::string &path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) < 0) return std::nullopt;
+  return status.st_mode & S_IFMT;
+}
+
+bool may_write_in(const std::string &folder) {
+  return faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+}
+
+std::optional<std::string> what_is_wrong_with_folder(const Place &place) {
+  const std::string folder = folder_of(place.path);
+  const std::optional<mode_t> kind = kind_of(folder);
+  if (!kind) {
+    const int error = errno;
+    const std::string above = folder_of(folder);
+    if (error == ENOENT && place.makes_folder && kind_of(above) == S_IFDIR && may_write_in(above)) return std::nullopt;
+    return fmt::format("folder {}: {}; make it, with mode 0700, for user {}", folder, std::strerror(error), geteuid());
+  }
+  if (kind != S_IFDIR) return fmt::format("{} isn't a folder; remove it or name another place", folder);
+  if (!may_write_in(folder)) {
+    return fmt::format("user {} may not write in {}; give the folder to the service's user", geteuid(), folder);
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> what_is_wrong_with(const Place &place) {
+  const std::optional<mode_t> kind = kind_of(place.path);
+  if (kind && kind != place.kind) {
+    return fmt::format("{} {}, not {}; name a place in a folder", place.path,
+                       kind == S_IFDIR ? "is a folder" : "is a file of another kind", place.called);
+  }
+  if (auto wrong = what_is_wrong_with_folder(place)) return wrong;
+  if (place.kind == S_IFSOCK) return why_others_may_write(folder_of(place.path));
+  return why_others_may_replace(place.path);
+}
+
+}  // namespace
+
+std::vector<std::string> find_obstacles(const Config &config) {
+  const bool has_key_file = !config.master_key_file.empty();
+  const bool is_first_start = has_key_file && !kind_of(config.master_key_file);
+  std::vector<Place> places{{"socket", config.socket, S_IFSOCK, "a socket", true},
+                            {"vault", config.vault, S_IFREG, "the vault's file", is_first_start}};
+  if (has_key_file) places.push_back({"master_key_file", config.master_key_file, S_IFREG, "a key", is_first_start});
+  std::vector<std::string> found;
+  for (const Place &place : places) {
+    if (const auto wrong = what_is_wrong_with(place)) found.push_back(fmt::format("{}: {}", place.key, *wrong));
+  }
+  return found;
+}
+
+}  // namespace ksd::config
