@@ -105,6 +105,52 @@ mkdir "$root/tests/tmp"
 quietly in_root env AUTOPKGTEST_TMP=/tests/tmp KS_BEFORE=/before KS_NOW=/packages /tests/upgrade
 in_root /root/secrets-amd64 list | grep -q radius-secret || fail "the upgrade lost a secret"
 
+say "under a service manager"
+quietly in_root start-stop-daemon --stop --oknodo --retry 30 --user ksd --exec /usr/sbin/ksd
+umount "$root/run" "$root/proc"
+cat >"$root/root/under_systemd" <<'END'
+#!/bin/sh
+# What systemctl says and does, in a machine that was just started.
+set -eux
+systemctl start ksd.socket
+/root/secrets-amd64 list | grep radius-secret
+/root/secrets-i386 list | grep radius-secret
+[ "$(systemctl show -P StatusText ksd.service)" = serving ]
+printf '[servise]\n' >/etc/ks/ksd.toml.d/10.toml
+systemctl reload ksd.service
+systemctl show -P StatusText ksd.service | grep 'refused: /etc/ks/ksd.toml.d/10.toml:1:2: unknown key servise; the nearest'
+journalctl MESSAGE_ID=2138ae5dd94f4f2c90a0d1233abafd4f | grep "wasn't reloaded"
+printf '[service]\nsandbox = "required"\n' >/etc/ks/ksd.toml.d/10.toml
+systemctl restart ksd.service
+/root/secrets-amd64 list | grep radius-secret
+rm /etc/ks/ksd.toml.d/10.toml
+systemctl stop ksd.socket
+! systemctl --quiet is-active ksd.service
+touch /root/under_systemd.passed
+END
+chmod +x "$root/root/under_systemd"
+cat >"$root/etc/systemd/system/under-systemd.service" <<'END'
+[Unit]
+After=sockets.target systemd-journald.service
+SuccessAction=poweroff
+FailureAction=poweroff
+[Service]
+Type=oneshot
+ExecStart=/bin/sh -c "/root/under_systemd >/root/under_systemd.log 2>&1"
+END
+mkdir -p "$root/etc/systemd/system/multi-user.target.wants"
+ln -sf ../under-systemd.service "$root/etc/systemd/system/multi-user.target.wants/"
+rm -f "$root/etc/machine-id"
+# What the unit's own sandbox and locked memory need of the container.
+timeout 300 systemd-nspawn -q --register=no --keep-unit --uuid=0123456789abcdef0123456789abcdef --directory="$root" \
+  --system-call-filter='@memlock landlock_create_ruleset landlock_add_rule landlock_restrict_self' \
+  /usr/lib/systemd/systemd >"$work/log" 2>&1 || true
+[ -e "$root/root/under_systemd.passed" ] || fail "$(tail -n 20 "$work/log" "$root/root/under_systemd.log")"
+mount -t proc proc "$root/proc"
+mount -t tmpfs -o mode=755 tmpfs "$root/run"
+quietly in_root systemd-tmpfiles --create ksd.conf
+start
+
 say "removal leaves the vault and says so"
 in_root apt-get remove -y ksd >"$work/log" 2>&1 || fail "$(cat "$work/log")"
 grep -q 'the vault stays in /var/lib/ks' "$work/log" || fail "it says nothing of the vault: $(cat "$work/log")"
