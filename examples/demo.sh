@@ -40,6 +40,17 @@ run secrets clear
 title 'Cryptography on keys that never leave the service'
 run crypto
 
+title 'The same from a shell: a secret by a pipe, a PAC from a supplicant, a code in words'
+ksctl() { "$build/ksctl" "$@"; }
+printf 'correct horse battery staple' | ksctl secret put wifi-psk --metadata ssid=attic
+ksctl secret list
+(umask 077 && printf '%s\n' 'wpa_supplicant EAP-FAST PAC file - version 1' START "PAC-Key=$(printf '%064d' 1)" \
+  PAC-Opaque=0a0b0c PAC-Info=000300047fff000800050005616c696365 A-ID=6174746963 END >"$KS_SESSION_DIR/pacs")
+ksctl pac import "$KS_SESSION_DIR/pacs"
+ksctl pac list
+ksctl context clear --yes
+ksctl explain KS_NOT_FOUND
+
 title 'The PAC cache: written by one process, read by another, emptied by a third'
 run cache write
 run cache read

@@ -310,7 +310,7 @@ seeds("vault_record", {
 
 # --- Requests to the service
 
-VDC_7, VDC_8, UNMAPPED, ADMINISTRATOR, WHOLE_DATAGRAM, SENT_LARGER = 0, 1, 2, 3, 4, 8
+VDC_7, VDC_8, UNMAPPED, ADMINISTRATOR, WHOLE_DATAGRAM, SENT_LARGER, ADMINISTRATION = 0, 1, 2, 3, 4, 8, 16
 OPCODES = """random store_secret add_metadata clear secret_exists by_index return_metadata rename store_pac pac_exists
 t_prf nt_response authenticator_response new_password old_hash master_key aes_encrypt aes_decrypt cbc_encrypt
 cbc_decrypt hmac_md5 hmac_sha1 md5 sha1 des_encrypt des_decrypt triple_des_encrypt triple_des_decrypt""".split()
@@ -325,6 +325,10 @@ def requests(*messages, first=0):
 def message(opcode, descriptor, *sections, by=VDC_7):
     payload = descriptor + b"".join(sections)
     return struct.pack("<BBBH", by, OPCODE[opcode] - 66561, len(descriptor), len(payload)) + payload
+
+
+def administration(opcode, descriptor=b"", by=ADMINISTRATOR):
+    return struct.pack("<BBBH", by | ADMINISTRATION, opcode - 1, len(descriptor), len(descriptor)) + descriptor
 
 
 def datagram(content, by=VDC_7 | WHOLE_DATAGRAM):
@@ -439,6 +443,16 @@ seeds("requests", {
     "entries_of_vdc_9_by_the_administrator": requests(named("return_metadata", NORTH, ADMINISTRATOR),
                                                       named("clear", SOUTH, ADMINISTRATOR),
                                                       named("clear", NORTH, ADMINISTRATOR)),
+    "administration": requests(*[administration(opcode, descriptor) for opcode in range(2, 34)
+                                 for descriptor in (b"", bytes(4))]),
+    "administration_for_nobody_else": requests(*[administration(opcode, descriptor, by) for opcode in range(2, 34)
+                                                 for descriptor in (b"", bytes(4)) for by in (VDC_7, VDC_8, UNMAPPED)]),
+    "administration_with_payloads_of_other_sizes": requests(*[administration(opcode, b"\xff" * size)
+                                                              for opcode in range(2, 10) for size in (1, 3, 5, 8)]),
+    "administration_page_by_page": requests(*[administration(5, struct.pack("<I", uid)) for uid in
+                                              (0, 256, 512, 599, 600, 0xffffffff)],
+                                            *[administration(6, struct.pack("<I", uid)) for uid in
+                                              (0, 4711, 4712, 0xffffffff)]),
     "nothing_for_the_unmapped": requests(store(KEY, by=UNMAPPED), named("secret_exists", KEY, UNMAPPED)),
     "pac_stored_and_used": requests(store_pac(wire(b"p", 7, 0x31), bytes(32), b"meta"),
                                     named("pac_exists", wire(b"p", 7, 0x31)), t_prf(AID, b"label", b"random", 40),

@@ -3,7 +3,7 @@
 //   input     first byte: 255 to have the vault opened anew at the end | messages: flags and caller, then either a
 //   whole
 //             datagram with its length in front, or opcode, size of the descriptor, and payload with its length in
-//             front
+//             front; the opcode of the latter is that of an administration message, if the flags say so
 //   property  every reply has a shape that its message has; what a VDC holds changes no reply that others get; the
 //             table stays dense and without doubles, and is the same after the vault was opened anew
 //
@@ -18,6 +18,7 @@
 #include "crypto/self_test.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/administration.h"
 #include "server/frame.h"
 #include "support/fuzz.h"
 #include "vault/vault.h"
@@ -29,7 +30,7 @@ using ksd::Bytes;
 using ksd::EntryName;
 using Octets = std::vector<uint8_t>;
 
-enum Flag : uint8_t { kCaller = 3, kWholeDatagram = 4, kSentLarger = 8 };
+enum Flag : uint8_t { kCaller = 3, kWholeDatagram = 4, kSentLarger = 8, kAdministration = 16 };
 
 const ksd::Caller kCallers[] = {
     {.uid = 1000, .gid = 1000, .pid = 1, .counted_as = 1000, .vdc_id = 7, .administrator = false},
@@ -52,10 +53,43 @@ const std::map<uint32_t, int> kShapes{
     {66585, kAnySize}, {66586, kAnySize}, {66587, kAnySize}, {66588, kAnySize},   {66593, 3},        {66594, kNoData},
 };
 
-void check_shape(uint32_t opcode, Bytes reply) {
+// Administration messages that an administrator has: head, and size of the records behind it, whose number is at offset
+// `count_at`.
+struct AdministrationShape {
+  size_t head;
+  size_t record = 0;
+  size_t count_at = 4;
+};
+const std::map<uint32_t, AdministrationShape> kAdministrationShapes{
+    {2, {1144}},   {3, {88, 56}}, {4, {24, 776}},     {5, {16, 32}},
+    {6, {16, 24}}, {7, {8, 56}},  {8, {24, 256, 16}}, {9, {16}},
+};
+
+uint32_t word_at(Bytes reply, size_t offset) {
+  uint32_t word;
+  memcpy(&word, reply.data() + offset, sizeof word);
+  return word;
+}
+
+void check_administration_shape(const AdministrationShape &shape, Bytes reply) {
+  if (word_at(reply, 0) != 1) return require(reply.size() == 4, "a refusal is a result alone");
+  require(reply.size() >= shape.head, "a success has its head");
+  const size_t count = shape.record == 0 ? 0 : word_at(reply, shape.count_at);
+  require(reply.size() == shape.head + count * shape.record, "there are as many records as the head says");
+  if (shape.head != 16 || shape.record == 0) return;
+  require(count <= 256 && word_at(reply, 12) == shape.record, "a page is none too long and says what is on it");
+  for (size_t i = 1; i < count; ++i) {
+    require(word_at(reply, 16 + (i - 1) * shape.record) < word_at(reply, 16 + i * shape.record), "a page ascends");
+  }
+}
+
+void check_shape(uint32_t opcode, Bytes reply, const ksd::Caller &caller) {
   require(reply.size() >= 4, "a reply has a result");
-  uint32_t result;
-  memcpy(&result, reply.data(), sizeof result);
+  const uint32_t result = word_at(reply, 0);
+  const auto of_administration = kAdministrationShapes.find(opcode);
+  if (caller.administrator && of_administration != kAdministrationShapes.end()) {
+    return check_administration_shape(of_administration->second, reply);
+  }
   const auto shape = kShapes.find(opcode);
   if (shape == kShapes.end()) return require(reply.size() == 4 && result == 26, "an unknown message is refused");
   require(result >= 1 && result <= 27, "a result is one of those there are");
@@ -81,6 +115,22 @@ Octets octets(std::string_view text) {
   return {text.begin(), text.end()};
 }
 
+// ManyVisitors is a crowd of more users than a page has room for.
+class ManyVisitors : public ksd::server::Crowd {
+ public:
+  ksd::server::Places places() override { return {.connections = 700, .users = 601}; }
+  std::vector<ksd::server::Visitor> visitors(uid_t from, size_t most) override {
+    std::vector<ksd::server::Visitor> found;
+    for (uid_t uid = from; uid < 600 && found.size() < most; ++uid) found.emplace_back().uid = uid;
+    if (found.size() < most) found.emplace_back().uid = HOST_ALL_UNMAPPED;
+    return found;
+  }
+  std::optional<ksd::server::MessageCountList> messages_of(uid_t uid) override {
+    if (uid >= 600) return std::nullopt;
+    return ksd::server::MessageCountList(ksd::kOpcodeCount);
+  }
+};
+
 class World {
  public:
   explicit World(std::string of_vdc_9) : of_vdc_9_(std::move(of_vdc_9)) { open(); }
@@ -103,7 +153,8 @@ class World {
   }
 
   Octets answer(uint32_t opcode, Bytes message, size_t descriptor_size, const ksd::Caller &caller) {
-    dispatcher_.answer(*service_, {opcode, message, descriptor_size, caller}, reply_);
+    const ksd::handlers::Request request{opcode, message, descriptor_size, caller};
+    if (!administration_->answer(request, crowd_, reply_)) dispatcher_.answer(*service_, request, reply_);
     return fuzz::own(reply_.payload());
   }
 
@@ -141,7 +192,9 @@ class World {
     options.limits = kLimits;
     auto vault = ksd::vault::open_vault(options);
     static const ksd::crypto::AlgorithmSet usable = ksd::crypto::start();
+    ksd::vault::Vault &opened = *vault;
     service_ = std::make_unique<ksd::handlers::Service>(std::move(vault), usable);
+    administration_ = std::make_unique<ksd::server::Administration>(*service_, opened, config_, reloader_);
   }
   ksd::vault::Store &store() const { return service_->store(); }
   void put(const EntryName &name, std::string_view secret, std::string_view metadata) {
@@ -157,6 +210,17 @@ class World {
   std::string folder_ = new_folder();
   std::unique_ptr<ksd::handlers::Service> service_;
   uint64_t epoch_at_begin_ = kNever;
+  ManyVisitors crowd_;
+  ksd::server::CurrentConfig config_{ksd::config::Config{}};
+  ksd::server::Notifier notifier_;
+  bool config_is_good_ = false;  // every other time it is read again
+  ksd::server::Reloader reloader_{"ksd.toml",
+                                  [this] {
+                                    config_is_good_ = !config_is_good_;
+                                    return ksd::config::parse_config(config_is_good_ ? "" : "[nonsense]\n");
+                                  },
+                                  [](const ksd::config::Config &) { return false; }, notifier_};
+  std::unique_ptr<ksd::server::Administration> administration_;
   ksd::handlers::Dispatcher dispatcher_;
   ksd::handlers::Reply reply_;
 };
@@ -168,7 +232,7 @@ Octets next_datagram(fuzz::Input &input, uint8_t flags) {
   HostWireHeader header = {.magic = HOST_WIRE_MAGIC,
                            .version = HOST_WIRE_VERSION,
                            .descriptor_size = 0,
-                           .opcode = 66561u + input.byte(),
+                           .opcode = (flags & kAdministration ? 1u : 66561u) + input.byte(),
                            .token = 1,
                            .node = 0,
                            .sap = 0,
@@ -205,7 +269,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     const uint32_t opcode = frame.header.opcode;
     const Octets reply = world.answer(opcode, frame.message, frame.header.descriptor_size, caller);
-    check_shape(opcode, reply);
+    check_shape(opcode, reply, caller);
     differs |= caller.administrator;
     if (differs) continue;
     const Octets other_reply = other_world.answer(opcode, frame.message, frame.header.descriptor_size, caller);

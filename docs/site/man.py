@@ -20,7 +20,8 @@ What holds for all operations is told in ks(7)."""
 
 
 def version():
-  return re.search(r"project\(ks VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())[1]
+  numbers = dict(re.findall(r"#define KS_VERSION_(MAJOR|MINOR|PATCH) (\d+)", (ROOT / "include/ks_version.h").read_text()))
+  return ".".join(numbers[part] for part in ("MAJOR", "MINOR", "PATCH"))
 
 
 def escaped(text):

@@ -526,6 +526,12 @@ std::vector<SubordinateUsers> load_subordinate_users() {
   return parse_subordinate_users(fd ? read_file(fd.get()).value_or("") : "");
 }
 
+// Only groups are looked at by what users of containers belong to.
+void look_up_containers(Config &config) {
+  const bool needed = !config.vdc_of_group.empty() || !config.administrator_groups.empty();
+  if (needed) config.subordinate_users = load_subordinate_users();
+}
+
 ParsedConfig file_problem(std::string text) {
   ParsedConfig parsed;
   parsed.problems.push_back({0, 0, std::move(text)});
@@ -597,7 +603,7 @@ ParsedConfig load_config(const std::string &path) {
   std::string text;
   if (auto why = read_safely(path, text)) return file_problem(std::move(*why));
   ParsedConfig parsed = parse_config(text);
-  parsed.config.subordinate_users = load_subordinate_users();
+  look_up_containers(parsed.config);
   parsed.config.file = path;
   return parsed;
 }
@@ -616,7 +622,7 @@ ParsedConfig load_layers(const std::vector<std::string> &files) {
   // Whatever stands elsewhere, a file that can't be read would be missing from it.
   if (parsed.problems.empty()) read_all(all, parsed.config, parsed.problems);
   arrange(parsed.problems);
-  parsed.config.subordinate_users = load_subordinate_users();
+  look_up_containers(parsed.config);
   return parsed;
 }
 

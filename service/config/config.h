@@ -113,7 +113,8 @@ ParsedConfig parse_config(std::string_view text);
 // parse_subordinate_users reads lines of "owner:first:count", as /etc/subuid has them, and passes over others.
 std::vector<SubordinateUsers> parse_subordinate_users(std::string_view text);
 
-// load_config reads the file at `path`, and /etc/subuid; a file that can't be read is a problem of line 0.
+// load_config reads the file at `path`, and /etc/subuid where a group may do something. A file that can't be read is a
+// problem of line 0.
 ParsedConfig load_config(const std::string &path);
 
 // load_layers reads all of `files` as one configuration: a key of a later file replaces that of an earlier one, and of

@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <optional>
 
 #include "base/trust.h"
 
@@ -73,6 +73,18 @@ std::vector<std::string> find_obstacles(const Config &config) {
     if (const auto wrong = what_is_wrong_with(place)) found.push_back(fmt::format("{}: {}", place.key, *wrong));
   }
   return found;
+}
+
+std::vector<ConfigProblem> find_problems(const ParsedConfig &parsed) {
+  std::vector<ConfigProblem> problems = parsed.problems;
+  if (!problems.empty()) return problems;
+  for (std::string &obstacle : find_obstacles(parsed.config)) problems.push_back({0, 0, std::move(obstacle)});
+  return problems;
+}
+
+std::optional<std::string> what_else_it_needs(const Config &config) {
+  if (!config.master_key_file.empty() || std::getenv("CREDENTIALS_DIRECTORY") != nullptr) return std::nullopt;
+  return "valid for a service with a systemd credential \"master-key\"; others need master_key_file";
 }
 
 }  // namespace ksd::config

@@ -107,7 +107,7 @@ void Administration::status(const Asked &asked) {
   if (!guarded_memory_use().all_locked) status.flags |= HOST_STATUS_MEMORY_UNLOCKED;
   if (usage.over_90_percent) status.flags |= HOST_STATUS_STORE_NEARLY_FULL;
   if (usage.compaction_helps) status.flags |= HOST_STATUS_COMPACTION_HELPS;
-  if (!condition.refusal.empty()) status.flags |= HOST_STATUS_CHANGES_REFUSED;
+  if (!condition.refusal.empty() || condition.until_restart) status.flags |= HOST_STATUS_CHANGES_REFUSED;
   if (condition.until_restart) status.flags |= HOST_STATUS_UNTIL_RESTART;
   if (!condition.reserve_kept) status.flags |= HOST_STATUS_RESERVE_GIVEN_UP;
   if (configuration.restart_needed) status.flags |= HOST_STATUS_RESTART_NEEDED;

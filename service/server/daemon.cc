@@ -17,7 +17,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 #include "base/trust.h"
@@ -181,12 +180,12 @@ class Daemon {
       socket_path_ = config.socket;
       make_socket_folder(socket_path_);
     }
-    if (const auto why = why_others_may_write(folder_of_socket())) {
+    if (const auto why = why_others_may_write(folder_of(socket_path_))) {
       throw std::runtime_error(fmt::format("the folder of the socket isn't safe: {}", *why));
     }
     // Before there is any thread, so that all of them are confined.
     vault::make_folders(vault_options(config));
-    confine(config.sandbox, needs_of(config, options_.config, folder_of_socket()));
+    confine(config.sandbox, needs_of(config, options_.config, folder_of(socket_path_)));
     instance_lock_.emplace(socket_path_);
     // The page comes before the socket: clients look at it once they are greeted.
     state_page_.emplace(socket_path_);
@@ -195,8 +194,6 @@ class Daemon {
     open_service(config);
     if (socket_is_ours_) listener_ = listen_at(socket_path_, config);
   }
-
-  std::string folder_of_socket() const { return std::filesystem::path(socket_path_).parent_path(); }
 
   void open_service(const config::Config &config) {
     const crypto::AlgorithmSet usable = crypto::start();
@@ -319,6 +316,7 @@ config::ParsedConfig load(const Options &options) {
     parsed.config.file = config::standard_folders().front() + '/' + config::kDropInFolderName;
   } else {
     parsed = config::load_config(options.config);
+    parsed.config.file = options.config;
   }
   config::Config &config = parsed.config;
   if (!options.socket.empty()) config.socket = options.socket;

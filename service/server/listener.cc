@@ -8,8 +8,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
+
+#include "base/trust.h"
 
 namespace ksd::server {
 namespace {
@@ -43,7 +44,7 @@ std::string socket_path_of(int socket) {
 }
 
 void make_socket_folder(const std::string &socket_path) {
-  const std::string folder = std::filesystem::path(socket_path).parent_path();
+  const std::string folder = folder_of(socket_path);
   if (mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST) return;
   throw std::runtime_error(fmt::format(
       "{}: can't make the folder of the socket: {}; make it for user {}, or name another socket with --socket "

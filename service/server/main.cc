@@ -5,7 +5,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 
 #include "config/layers.h"
@@ -18,17 +17,16 @@ constexpr int kWrongUse = 2;
 
 int check(const ksd::server::Options &options) {
   const ksd::config::ParsedConfig parsed = ksd::server::load(options);
-  for (const ksd::config::ConfigProblem &problem : parsed.problems) {
-    std::fprintf(stderr, "%s\n", ksd::config::describe(options.config, problem).c_str());
+  const std::vector<ksd::config::ConfigProblem> problems = ksd::config::find_problems(parsed);
+  for (const ksd::config::ConfigProblem &problem : problems) {
+    std::fprintf(stderr, "%s\n", ksd::config::describe(parsed.config.file, problem).c_str());
   }
-  if (!parsed.problems.empty()) return 1;
+  if (!problems.empty()) return 1;
   const std::vector<std::string> files =
       options.config.empty() ? ksd::config::find_layers(ksd::config::standard_folders()) : std::vector{options.config};
-  const std::vector<std::string> obstacles = ksd::config::find_obstacles(parsed.config);
-  for (const std::string &obstacle : obstacles) {
-    std::fprintf(stderr, "%s: %s\n", parsed.config.file.c_str(), obstacle.c_str());
+  if (const auto needed = ksd::config::what_else_it_needs(parsed.config)) {
+    std::fprintf(stderr, "%s: %s\n", parsed.config.file.c_str(), needed->c_str());
   }
-  if (!obstacles.empty()) return 1;
   for (const std::string &file : files) std::printf("%s: valid\n", file.c_str());
   return 0;
 }

@@ -128,13 +128,10 @@ void Server::give_place_back(const Session &session) {
 }
 
 void Server::start(std::unique_ptr<Session> session) noexcept {
-  if (give_to_idle(session.get())) {
-    session.release();  // the thread's now
-    return;
-  }
+  if (give_to_idle(session)) return;
   try {
     std::thread(&Server::work, this, session.get()).detach();
-    session.release();
+    static_cast<void>(session.release());  // the thread's now
   } catch (const std::exception &) {
     {
       const std::lock_guard lock(mutex_);
@@ -179,7 +176,7 @@ void Server::note_unmapped(const Caller &caller, const config::Config &config) n
 }
 
 // give_to_idle says whether a thread was there for it. Otherwise it counts the one that is to be made.
-bool Server::give_to_idle(Session *session) noexcept {
+bool Server::give_to_idle(std::unique_ptr<Session> &session) noexcept {
   const std::lock_guard lock(mutex_);
   if (idle_.empty()) {
     ++threads_;
@@ -187,7 +184,7 @@ bool Server::give_to_idle(Session *session) noexcept {
   }
   Idle &thread = idle_.pop();
   --idle_count_;
-  thread.session = session;
+  thread.session = session.release();
   thread.called.notify_one();  // under the lock: it may be gone as soon as it is free
   return true;
 }

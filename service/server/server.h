@@ -66,7 +66,7 @@ class Server : private Crowd {
   void start(std::unique_ptr<Session> session) noexcept;
   void refuse(const Caller &caller, const char *why) noexcept;
   void note_use(const Caller &caller, const Users::Place &place) noexcept;
-  bool give_to_idle(Session *session) noexcept;
+  bool give_to_idle(std::unique_ptr<Session> &session) noexcept;
   void work(Session *session) noexcept;
   void note_unmapped(const Caller &caller, const config::Config &config) noexcept;
   void serve(Session *session) noexcept;

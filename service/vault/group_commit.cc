@@ -250,6 +250,8 @@ void GroupCommit::tell_condition(const char *refusal) noexcept {
   condition_.reserve_kept = writer_.reserve_is_kept();
   try {
     if (refusal != nullptr) condition_.refusal = refusal;
+    // What no answer waited for may have failed, too.
+    if (writer_.is_broken() && condition_.refusal.empty()) condition_.refusal = writer_.why_broken();
   } catch (const std::bad_alloc &) {  // what it was before, then
   }
 }

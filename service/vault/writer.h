@@ -43,6 +43,7 @@ class Writer {
   Database::Room room() { return database_.room(); }
   bool has_begun() const { return begun_; }
   bool is_broken() const { return broken_; }
+  const std::string &why_broken() const { return why_broken_; }
   bool reserve_is_kept() const { return reserve_.is_kept(); }
   const std::string &path() const { return database_.path(); }
 

@@ -7,24 +7,9 @@
 #include <cstdint>
 #include <string>
 
+#include "common/remover.h"
+
 namespace ks_session {
-
-// Remover is a process that removes a folder once the last holder of its lifeline has ended, however it ended. This
-// process holds it, and whoever it is handed to.
-class Remover {
- public:
-  Remover() = default;
-  ~Remover();
-  Remover(const Remover &) = delete;
-  Remover &operator=(const Remover &) = delete;
-
-  void watch_over(const std::string &folder);
-  int lifeline() const { return lifeline_; }  // a descriptor that exec closes; -1 when nothing is watched over
-
- private:
-  pid_t pid_ = -1;
-  int lifeline_ = -1;
-};
 
 class Folder {
  public:
@@ -50,7 +35,7 @@ class Folder {
   void check_length() const;
 
   std::string path_;
-  Remover remover_;
+  ks_tools::Remover remover_;
 };
 
 }  // namespace ks_session

@@ -96,7 +96,7 @@ int Session::run(const std::vector<std::string> &command) {
   start_service();
   if (interrupted_by_ != 0) return interrupted_by_;  // as if the command had died of it
   const pid_t session = getpid();
-  Child child(command, old_mask_, [this, session] {
+  ks_tools::Child child(command, old_mask_, [this, session] {
     end_with(session, SIGTERM);
     umask(command_umask_);
     setenv("KS_SOCKET", folder_.file("ksd.sock").c_str(), 1);
@@ -123,7 +123,7 @@ void Session::start_service() {
       folder_.file("vault.db"), "--master-key-file", folder_.file("master.key")};
   if (geteuid() == 0) arguments.emplace_back("--allow-root");  // whoever runs the command runs its service
   const pid_t session = getpid();
-  service_ = Child(arguments, old_mask_, [&] {
+  service_ = ks_tools::Child(arguments, old_mask_, [&] {
     end_with(session, SIGKILL);  // which it gets even when it is stopped; nothing that it answered is lost by it
     if (folder_.lifeline() >= 0) fcntl(folder_.lifeline(), F_SETFD, 0);
     setpgid(0, 0);  // what the terminal sends to the command isn't for the service
@@ -178,7 +178,7 @@ void Session::restart_service() {
 }
 
 // What the terminal sends reaches the command without us.
-void Session::forward_signal(Child &command) {
+void Session::forward_signal(ks_tools::Child &command) {
   signalfd_siginfo signal{};
   if (read(signals_, &signal, sizeof signal) != sizeof signal) return;
   interrupted_by_ = static_cast<int>(signal.ssi_signo);

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "child.h"
+#include "common/child.h"
 #include "folder.h"
 
 namespace ks_session {
@@ -39,7 +39,7 @@ class Session {
   void wait_until_ready();
   bool service_is_ready() const;
   void restart_service();
-  void forward_signal(Child &command);
+  void forward_signal(ks_tools::Child &command);
   [[noreturn]] void service_failed(const std::string &how) const;
 
   const Folder &folder_;
@@ -48,7 +48,7 @@ class Session {
   int signals_ = -1;
   int listener_ = -1;
   int notifications_ = -1;
-  Child service_;
+  ks_tools::Child service_;
   bool command_runs_ = false;
   int interrupted_by_ = 0;
 };

@@ -22,7 +22,8 @@ enum class Kind {
   kDescriptor,  // the number of an open file descriptor
   kFile,        // completed with the names of files
   kFolder,
-  kChoice,  // one of `choices`
+  kChoice,   // one of `choices`
+  kCommand,  // a command and its arguments: all that is left
 };
 
 // Parameter is an option ("--json") or, without dashes, an argument in its place ("NAME").
@@ -43,6 +44,13 @@ class Arguments {
   const std::string &text(const char *name) const { return given_.at(name); }  // of one that is there
   std::string text_or(const char *name, const char *otherwise) const { return has(name) ? text(name) : otherwise; }
   uint64_t number(const char *name) const { return std::stoull(text(name)); }  // of one that is there
+  // words gives a command and its arguments.
+  std::vector<std::string> words(const char *name) const {
+    std::vector<std::string> list;
+    const std::string &packed = text(name);
+    for (size_t at = 0; at < packed.size(); at = packed.find('\0', at) + 1) list.emplace_back(packed.c_str() + at);
+    return list;
+  }
   std::optional<int> descriptor(const char *name) const {
     return has(name) ? std::optional<int>(std::stoi(text(name))) : std::nullopt;
   }
@@ -68,7 +76,10 @@ struct Command {
 // The families, each in a file of its name.
 std::span<const Command> service_commands();       // status, owners, limits, reload, checkpoint
 std::span<const Command> stats_commands();         // stats
+std::span<const Command> top_commands();           // top
+std::span<const Command> config_commands();        // config check
 std::span<const Command> history_commands();       // history
+std::span<const Command> capture_commands();       // capture
 std::span<const Command> doctor_commands();        // doctor
 std::span<const Command> secret_commands();        // secret put, list, show, rename, rm
 std::span<const Command> pac_commands();           // pac list, show, rm, age-out

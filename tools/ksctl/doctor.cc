@@ -1,5 +1,4 @@
 // doctor.cc: looks for what keeps a service or its clients from working, and says what to do about it.
-// doctor.cc: looks for what keeps a service or its clients from working, and says what to do about it.
 #include "doctor.h"
 
 #include <fcntl.h>

@@ -5,7 +5,7 @@
 
 #include "command.h"
 #include "messages.h"
-#include "new_file.h"
+#include "private_file.h"
 #include "ring.h"
 #include "timeline.h"
 
@@ -114,7 +114,7 @@ void history(Session &session, const Arguments &arguments) {
   if (arguments.has("--html")) {
     const std::string &file = arguments.text("--html");
     const std::vector<Timeline> timelines = timelines_of(rings);
-    write_new_file(file, page(timelines));
+    write_private_file(file, page(timelines), true);
     return session.output.done(fmt::format("{}: written, open it in a browser.", file),
                                Object{{"file", file}, {"processes", timelines.size()}});
   }

@@ -17,8 +17,8 @@ double bucket_begin_ns(size_t bucket);
 
 uint64_t number_of(const Times &times);
 
-// percentile_us gives the time, in microseconds, below which `percent` of them lie: to a fifth, as fine as the buckets
-// are. Null without any.
+// percentile_us gives the time, in microseconds, below which `percent` of them lie: to a quarter, as fine as the
+// buckets are. Null without any.
 Value percentile_us(const Times &times, double percent);
 
 // sum_seconds adds all of them up, each taken for the middle of its bucket.

@@ -1,6 +1,7 @@
 #include "library.h"
 
 #include <fmt/format.h>
+#include <host_mts.h>
 
 #include <cstdlib>
 
@@ -42,6 +43,10 @@ void start_library(const Session &session) {
 
 void require(KsResult result, const std::string &object) {
   if (result == KS_SUCCESS) return;
+  // Where no answer came, the message service knows why: the code would be that of any failure.
+  char why[512] = "";
+  mts_last_error_get(why, sizeof why);
+  if (why[0] != '\0') throw Failure(Exit::kNoService, fmt::format("{}: {}", object, why));
   throw Failure(exit_of(result), fmt::format("{}: {} ({}); `ksctl explain {}` says what to do", object,
                                              kserr2str(result), result, result));
 }

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -21,8 +23,9 @@ namespace ksctl {
 namespace {
 
 constexpr std::array kFamilies{
-    service_commands, stats_commands,   secret_commands, pac_commands,     pac_transfer_commands, cache_commands,
-    context_commands, history_commands, doctor_commands, explain_commands, completion_commands,
+    service_commands, stats_commands,        top_commands,     config_commands,     secret_commands,
+    pac_commands,     pac_transfer_commands, cache_commands,   context_commands,    history_commands,
+    capture_commands, doctor_commands,       explain_commands, completion_commands,
 };
 
 constexpr Parameter kCommon[] = {
@@ -39,11 +42,29 @@ struct Chosen {
   std::map<std::string, std::string> given;
 };
 
+// CLI11 takes "-1" for the largest number there is.
+std::string what_is_no_number(const std::string &text) {
+  uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() ? "" : text + " isn't a number from 0 on";
+}
+
 CLI::Validator one_of(const char *choices) {
   std::vector<std::string> names;
   std::istringstream parts(choices);
   for (std::string name; std::getline(parts, name, ',');) names.push_back(name);
   return CLI::IsMember(names);
+}
+
+// unworded is a check that the help doesn't spell out: the parameter's type says as much in fewer words.
+CLI::Validator unworded(CLI::Validator check) {
+  check.description("");
+  return check;
+}
+
+std::string alternatives(std::string choices) {
+  std::replace(choices.begin(), choices.end(), ',', '|');
+  return choices;
 }
 
 void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::string, std::string> &given) {
@@ -54,15 +75,27 @@ void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::stri
         name, [&given, name] { given[name]; }, parameter.help);
     return;
   }
+  if (parameter.kind == Kind::kCommand) {
+    // Each with a NUL behind it, which no argument can hold.
+    app.add_option_function<std::vector<std::string>>(
+           name,
+           [&given, name](const std::vector<std::string> &words) {
+             for (const std::string &word : words) given[name] += word + '\0';
+           },
+           parameter.help)
+        ->required(parameter.required)
+        ->type_name("");
+    return;
+  }
   option = app.add_option_function<std::string>(
       name, [&given, name](const std::string &value) { given[name] = value; }, parameter.help);
   option->required(parameter.required);
   switch (parameter.kind) {
     case Kind::kNumber:
-      option->check(CLI::Range(uint64_t{0}, UINT64_MAX))->type_name("N");
+      option->check(CLI::Validator(what_is_no_number, ""))->type_name("N");
       break;
     case Kind::kDescriptor:
-      option->check(CLI::Range(0, 1 << 20))->type_name("FD");
+      option->check(unworded(CLI::Range(0, 1 << 20)))->type_name("FD");
       break;
     case Kind::kFile:
       option->type_name("FILE");
@@ -71,13 +104,13 @@ void add_parameter(CLI::App &app, const Parameter &parameter, std::map<std::stri
       option->type_name("FOLDER");
       break;
     case Kind::kChoice:
-      option->check(one_of(parameter.choices))->type_name("");
+      option->check(unworded(one_of(parameter.choices)))->type_name(alternatives(parameter.choices));
       break;
     default:
       option->type_name("TEXT");
       break;
   }
-  if (parameter.name[0] != '-') option->type_name("");
+  if (parameter.name[0] != '-' && parameter.kind != Kind::kChoice) option->type_name("");
 }
 
 // find_or_make gives the subcommand that `words` name, making those on the way.
@@ -140,7 +173,8 @@ int run(const Chosen &chosen, const Common &common) {
   try {
     chosen.command->run(session, Arguments(chosen.given));
   } catch (const Failure &failure) {
-    return report(failure);
+    report(failure);
+    exit = failure.exit();
   } catch (const std::exception &error) {
     std::fprintf(stderr, "ksctl: %s\n", printable(error.what()).c_str());
     exit = Exit::kFailed;

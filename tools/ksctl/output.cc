@@ -57,7 +57,8 @@ std::string cell(const Value &value) {
                                },
                                [](double number) {
                                  char digits[32];
-                                 std::snprintf(digits, sizeof digits, "%.3g", number);
+                                 const bool large = number >= 100 || number <= -100;
+                                 std::snprintf(digits, sizeof digits, large ? "%.0f" : "%.3g", number);
                                  return std::string(digits);
                                },
                                [](auto integer) { return std::to_string(integer); }},

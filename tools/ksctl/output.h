@@ -21,7 +21,8 @@ struct Column {
 
 class Output {
  public:
-  // A command prints one document: one of the following, once. With JSON it is one object on one line.
+  // A command prints one document: one of the following, once. With JSON it is one object on one line. One that goes on
+  // and on prints a document each time.
   Output(Format format, bool colour) : format_(format), colour_(colour) {}
 
   Format format() const { return format_; }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sodium.h>
 #include <termios.h>
 #include <unistd.h>
@@ -45,12 +46,17 @@ Secret read_all(int fd, const char *what, size_t most, bool one_line) {
 
 volatile sig_atomic_t interrupted = 0;
 
-// HiddenTyping keeps a terminal from showing what is typed, and puts it back, also when the user interrupts.
+// HiddenTyping keeps a terminal from showing what is typed, and puts it back, also when the user interrupts. Signals
+// arrive while it waits and at no other time, so that none falls between a look for one and the wait.
 class HiddenTyping {
  public:
   explicit HiddenTyping(int terminal) : terminal_(terminal) {
     struct sigaction action = {};
     action.sa_handler = [](int signal_number) { interrupted = signal_number; };
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal_number : kSignals) sigaddset(&signals, signal_number);
+    sigprocmask(SIG_BLOCK, &signals, &mask_before_);
     for (size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &action, &before_[i]);
     tcgetattr(terminal_, &shown_);
     termios hidden = shown_;
@@ -60,16 +66,27 @@ class HiddenTyping {
   ~HiddenTyping() {
     tcsetattr(terminal_, TCSAFLUSH, &shown_);
     for (size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &before_[i], nullptr);
+    sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
     if (interrupted != 0) raise(interrupted);
   }
   HiddenTyping(const HiddenTyping &) = delete;
   HiddenTyping &operator=(const HiddenTyping &) = delete;
+
+  // wait returns true when there is something to read, and false when the user interrupted.
+  bool wait() const {
+    pollfd typed{.fd = terminal_, .events = POLLIN, .revents = 0};
+    while (interrupted == 0) {
+      if (ppoll(&typed, 1, nullptr, &mask_before_) > 0) return true;
+    }
+    return false;
+  }
 
  private:
   static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
   const int terminal_;
   termios shown_{};
+  sigset_t mask_before_{};
   struct sigaction before_[std::size(kSignals)] = {};
 };
 
@@ -88,9 +105,8 @@ Secret ask(int terminal, const std::string &prompt, const char *what, size_t mos
   const std::shared_ptr<ksd::SecretBytes> buffer = ksd::SecretBytes::allocate(most + 1);
   size_t size = 0;
   bool ended = false;
-  while (!ended && size <= most) {
+  while (!ended && size <= most && hidden.wait()) {
     const ssize_t got = read(terminal, buffer->writable().data() + size, 1);
-    if (got < 0 && errno == EINTR && interrupted == 0) continue;
     ended = got <= 0 || buffer->bytes()[size] == '\n';
     if (!ended) ++size;
   }

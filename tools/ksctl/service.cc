@@ -1,72 +1,13 @@
 // service.cc: commands about the service itself: how it is, what it does, and what it is asked to do.
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <ctime>
-
 #include "administration.h"
 #include "command.h"
 #include "config/config.h"
+#include "status.h"
 
 namespace ksctl {
 namespace {
-
-std::string version_text(uint32_t version) {
-  return fmt::format("{}.{}", version / 256, version % 256);
-}
-
-std::string time_text(uint64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  char text[32];
-  localtime_r(&time, &parts);
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  return text;
-}
-
-std::string size_text(uint64_t bytes) {
-  constexpr const char *kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  auto amount = static_cast<double>(bytes);
-  size_t unit = 0;
-  for (; amount >= 1024 && unit + 1 < std::size(kUnits); ++unit) amount /= 1024;
-  return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", amount, kUnits[unit]);
-}
-
-std::string share_text(uint64_t used, uint64_t limit, const std::string &used_text, const std::string &limit_text) {
-  if (limit == 0) return fmt::format("{} of {}", used_text, limit_text);
-  return fmt::format("{} of {} ({:.0f} %)", used_text, limit_text,
-                     100 * static_cast<double>(used) / static_cast<double>(limit));
-}
-
-// What an operator has to know first, each with what to do.
-std::vector<std::string> warnings_of(const HostStatusReply &status) {
-  const auto has = [&](uint32_t flag) { return (status.flags & flag) != 0; };
-  std::vector<std::string> warnings;
-  if (has(HOST_STATUS_CHANGES_REFUSED)) {
-    warnings.push_back(fmt::format("changes are refused: {}; {}", text_in(status.refusal),
-                                   has(HOST_STATUS_UNTIL_RESTART) ? "look after the disk, then restart the service"
-                                                                  : "make room on the vault's disk or look after it"));
-  }
-  if (has(HOST_STATUS_RESERVE_GIVEN_UP)) {
-    warnings.emplace_back("the reserve on the vault's disk is given up: entries can be cleared; make room on the disk");
-  }
-  if (status.reload_failed_at != 0) {
-    warnings.push_back(
-        fmt::format("the configuration wasn't reloaded at {}: {}{}; the old one stays in force",
-                    time_text(status.reload_failed_at), text_in(status.problem),
-                    status.problem_count > 1 ? fmt::format(" and {} more", status.problem_count - 1) : ""));
-  }
-  if (has(HOST_STATUS_RESTART_NEEDED)) {
-    warnings.emplace_back("part of the configuration counts from the next start of the service");
-  }
-  if (has(HOST_STATUS_STORE_NEARLY_FULL)) {
-    warnings.emplace_back("the store is over 90 % full: clear entries, or raise [limits] entries or bytes");
-  }
-  if (has(HOST_STATUS_MEMORY_UNLOCKED)) {
-    warnings.emplace_back("some keys lie in memory that could be swapped; LimitMEMLOCK=infinity in the unit mends it");
-  }
-  return warnings;
-}
 
 void print_status_page(Session &session, const HostStatusReply &status, const std::vector<std::string> &warnings) {
   std::string page;
@@ -78,12 +19,10 @@ void print_status_page(Session &session, const HostStatusReply &status, const st
                               duration_in_words(status.up_ms / 1000)));
   line("socket", session.socket);
   line("configuration", fmt::format("{}, loaded {}", text_in(status.config), time_text(status.config_loaded_at)));
-  line("connections", share_text(status.connections, status.connection_limit, std::to_string(status.connections),
-                                 std::to_string(status.connection_limit)) +
-                          fmt::format(", {} {}", status.users, status.users == 1 ? "user" : "users"));
-  line("entries", share_text(status.entries, status.entry_limit, std::to_string(status.entries),
-                             std::to_string(status.entry_limit)));
-  line("bytes", share_text(status.bytes, status.byte_limit, size_text(status.bytes), size_text(status.byte_limit)));
+  line("connections", fmt::format("{}, {} {}", share_text(status.connections, status.connection_limit), status.users,
+                                  status.users == 1 ? "user" : "users"));
+  line("entries", share_text(status.entries, status.entry_limit));
+  line("bytes", size_share_text(status.bytes, status.byte_limit));
   line("vault",
        fmt::format("{}, {}, log {}{}", text_in(status.vault), size_text(status.vault_size), size_text(status.log_size),
                    (status.flags & HOST_STATUS_COMPACTION_HELPS) != 0 ? "; compaction would help" : ""));
@@ -99,7 +38,7 @@ void status(Session &session, const Arguments &) {
 
   const auto has = [&](uint32_t flag) { return (status.flags & flag) != 0; };
   const auto text_or_null = [](const std::string &text) { return text.empty() ? Value() : Value(text); };
-  session.output.fields(Object{
+  Object fields{
       {"warnings", List(warnings.begin(), warnings.end())},
       {"socket", session.socket},
       {"pid", status.pid},
@@ -128,7 +67,9 @@ void status(Session &session, const Arguments &) {
       {"receive_limit_ms", status.receive_limit_ms},
       {"memory_locked", !has(HOST_STATUS_MEMORY_UNLOCKED)},
       {"nearly_full", has(HOST_STATUS_STORE_NEARLY_FULL)},
-  });
+  };
+  if (warnings.empty() && session.output.format() != Format::kJson) fields.erase(fields.begin());
+  session.output.fields(fields);
 }
 
 Value vdc_value(uint32_t vdc_id) {

@@ -57,8 +57,7 @@ class Shell:
 
   def __init__(self, build, environment, folder):
     self.process = subprocess.Popen([build / "ks-session", "--vdc", "7", "--", "bash", "--norc"], cwd=folder,
-                                    env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                    stderr=subprocess.STDOUT, text=True)
+                                    env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
   def run(self, commands):
     """The status of the last command, and what all of them printed."""

@@ -134,6 +134,15 @@ TEST_F(SdbCalls, OfLmdbEndAnOpeningWithTheirReason) {
   EXPECT_EQ(open(), 0u);
 }
 
+// A reader's snapshot is found in the file by its number.
+TEST_F(SdbCalls, OfASnapshotThatIsNotInTheFileEndAnOpening) {
+  const auto number = [](size_t id) { return [id](MDB_txn *) { return std::optional(id); }; };
+  ASSERT_EQ(in_child([&] { return static_cast<int>(open() | put("key", "1") | put("key", "2")); }), 0);
+  fails_to_open(answering<mdb_txn_id>(number(1000)), kDamagedCode, data_file + ": it was exchanged while in use;");
+  fails_to_open(answering<mdb_txn_id>(number(0)), kRetryCode, data_file + " changes too fast to be examined");
+  EXPECT_EQ(open(), 0u);
+}
+
 // Another process does the same at the same time.
 TEST_F(SdbCalls, ThatAnotherProcessWasQuickerWithAreNoFailures) {
   opens_all_the_same(answering<mkdir>([](const char *path, mode_t mode) -> std::optional<int> {
@@ -208,7 +217,10 @@ TEST_F(SdbCalls, ThatLoseAReadersSlotTakeAnother) {
   std::thread([&] {
     EXPECT_EQ(read("none"), kNoKeyCode);
     {
-      const LibraryCalls<mdb_txn_renew> calls(kLibrary, fail_call(1, MDB_BAD_RSLOT, 0));
+      const LibraryCalls<mdb_txn_renew> calls(kLibrary, [](MDB_txn *txn) {
+        mdb_txn_abort(txn);  // nobody touches it again
+        return std::optional(MDB_BAD_RSLOT);
+      });
       EXPECT_EQ(value_of("key"), "value");
     }
     const LibraryCalls<mdb_txn_renew> calls(kLibrary, fail_call(1, EIO, 0));

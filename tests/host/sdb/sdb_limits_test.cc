@@ -135,7 +135,9 @@ TEST_F(SdbLimits, OfLmdbAreTold) {
                                      std::pair{MDB_TXN_FULL, 0x411a0004}, std::pair{MDB_CORRUPTED, 0x411a0002},
                                      std::pair{MDB_PANIC, 0x411a0002}, std::pair{MDB_VERSION_MISMATCH, 0x411a000b}}) {
     txn_begin_result = result;
-    std::thread([&, expected = static_cast<uint32_t>(code)] { EXPECT_EQ(read("key"), expected) << result; }).join();
+    std::thread([&, given = result, expected = static_cast<uint32_t>(code)] {
+      EXPECT_EQ(read("key"), expected) << given;
+    }).join();
   }
   txn_begin_result = 0;
   EXPECT_EQ(value_of("key"), "value");

@@ -1,5 +1,6 @@
 // What a single process sees of libsdb.
 #include <dlfcn.h>
+#include <lmdb.h>
 
 #include <thread>
 
@@ -242,6 +243,34 @@ TEST_F(SdbIteration, HandsOutTheLongestKey) {
   ASSERT_EQ(put(longest, "value"), 0u);
   ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
   EXPECT_EQ(keys_from(sdb_getkey), longest + "=value ");
+}
+
+// What is too short for a check is no value, but its key can be deleted.
+TEST_F(SdbIteration, HandsOutNoneForAValueThatCannotBe) {
+  ASSERT_EQ(in_child([&] {
+              MDB_env *environment = nullptr;
+              MDB_txn *txn = nullptr;
+              MDB_dbi entries = 0;
+              MDB_val key{3, const_cast<char *>("key")};
+              MDB_val value{3, const_cast<char *>("abc")};
+              return open() | static_cast<uint32_t>(
+                                  mdb_env_create(&environment) |
+                                  mdb_env_open(environment, data_file.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0600) |
+                                  mdb_txn_begin(environment, nullptr, 0, &txn) |
+                                  mdb_dbi_open(txn, nullptr, 0, &entries) | mdb_put(txn, entries, &key, &value, 0) |
+                                  mdb_txn_commit(txn))
+                         ? 1
+                         : 0;
+            }),
+            0);
+  ASSERT_EQ(open(), 0u);
+  EXPECT_EQ(read("key"), kValueDamagedCode);
+  ASSERT_EQ(sdb_iterator_init(uri.c_str(), 1), 0u);
+  const KsSdbDatum *key = nullptr;
+  const KsSdbDatum *value = nullptr;
+  ASSERT_EQ(sdb_getkey(uri.c_str(), &key, &value), 0u);
+  EXPECT_EQ(text(key), "key");
+  EXPECT_EQ(value, nullptr);
 }
 
 TEST_F(SdbIteration, IsNotDisturbedByDeletingTheKeyJustHandedOut) {

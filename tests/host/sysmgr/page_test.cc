@@ -90,7 +90,6 @@ TEST_F(Page, LeavesErrnoAsItWas) {
 
 TEST_F(Page, IsNoneForAsLongAsTheSystemRefusesToShowIt) {
   write_page(0x3173736b, 1);
-  const size_t page_size = sizeof(HostStatePage);
   EXPECT_TRUE(passes_in_child([] {
     const size_t before = open_descriptors();
     const LibraryCalls<library_fstat> calls(kLibrary, fail_call(1, -1, EIO));
@@ -100,10 +99,10 @@ TEST_F(Page, IsNoneForAsLongAsTheSystemRefusesToShowIt) {
     const LibraryCalls<pread64> calls(kLibrary, fail_call(1, ssize_t{-1}, EIO));
     return !holds() && holds();
   }));
-  EXPECT_TRUE(passes_in_child([page_size] {
+  EXPECT_TRUE(passes_in_child([] {
     int left = 1;
     const auto no_mapping = [&](void *, size_t size, int, int, int, off64_t) -> std::optional<void *> {
-      if (size != page_size || left-- == 0) return std::nullopt;
+      if (size != sizeof(HostStatePage) || left-- == 0) return std::nullopt;
       errno = ENOMEM;
       return MAP_FAILED;
     };

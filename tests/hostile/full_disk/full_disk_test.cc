@@ -4,6 +4,8 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -17,6 +19,7 @@ namespace {
 using ks_test::Datagram;
 using ks_test::RawClient;
 using ks_test::ServiceProcess;
+using ks_test::ServiceSetup;
 
 constexpr uint32_t kStoreSecret = 0x10402, kClear = 0x10404, kExists = 0x10405;
 constexpr uint32_t kSuccess = 1, kStoreFull = 7;
@@ -86,6 +89,26 @@ class SmallDisk {
   bool is_there_ = false;
 };
 
+// The flags of the status that say what has become of changes, and why they are refused.
+struct Told {
+  uint32_t flags;
+  std::string refusal;
+};
+
+Told status(RawClient &client) {
+  HostStatusReply status{};
+  const Datagram payload = client.exchange(HOST_OP_STATUS, {}).payload;
+  std::memcpy(&status, payload.data(), std::min(payload.size(), sizeof status));
+  return {status.flags & (8 | 16 | 32), status.refusal};
+}
+
+ServiceSetup with_administrator() {
+  ServiceSetup setup;
+  const std::string heading = "[administrators]\n";
+  setup.config.insert(setup.config.find(heading) + heading.size(), "users = [0]\n");
+  return setup;
+}
+
 class FullDisk : public testing::Test {
  protected:
   void SetUp() override {
@@ -99,7 +122,7 @@ class FullDisk : public testing::Test {
     if (disk && disk->is_there() && service.pid() > 0) service.kill();
   }
 
-  ServiceProcess service;
+  ServiceProcess service{with_administrator()};
   std::optional<SmallDisk> disk;
 };
 
@@ -110,8 +133,11 @@ TEST_F(FullDisk, LetsEntriesBeClearedThatMakeRoom) {
   ASSERT_GT(count, 10);
   disk->fill();
   EXPECT_EQ(store(client, count), kStoreFull);
+  EXPECT_EQ(status(client).flags, HOST_STATUS_CHANGES_REFUSED);
+  EXPECT_THAT(status(client).refusal, testing::HasSubstr("full"));
   for (int n = 0; n < count; ++n) EXPECT_EQ(named(client, kClear, n), kSuccess) << n << " of " << count;
   EXPECT_EQ(store(client, 0), kSuccess) << "in the room of what was cleared";
+  EXPECT_EQ(status(client).flags, 0u);
 }
 
 TEST_F(FullDisk, LetsEntriesBeClearedAfterAKillAndARestart) {

@@ -136,4 +136,16 @@ TEST(SocketFolder, IsRefusedWhenOthersMayWriteIt) {
   }
 }
 
+TEST(SocketFolder, IsRefusedWhenItIsTheWorkingFolderAndOthersMayWriteIt) {
+  const ServiceProcess other;
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path("/tmp");
+  const ks_test::ProgramRun run =
+      ks_test::run_ksd({"--config", other.folder() + "/ksd.toml", "--socket", "ks-socket", "--vault",
+                        other.folder() + "/another.db", "--master-key-file", other.folder() + "/another.key"});
+  std::filesystem::current_path(before);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_THAT(run.errors, HasSubstr("the folder of the socket isn't safe: . has mode 1777, with which others"));
+}
+
 }  // namespace

@@ -95,6 +95,7 @@ TEST_F(Places, OfUsersWithAVdcLeaveRoomForAnotherAndForAdministrators) {
   EXPECT_EQ(third.got(), 7u);
   RawClient administrator(service.socket());
   EXPECT_EQ(administrator.hello().result, 1u);
+  EXPECT_EQ(administrator.exchange(HOST_OP_STATUS, {}).result(), 1u);
 }
 
 TEST_F(Places, AreAskedForByThousandsOfUserIdsInAFewLinesOfTheLog) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <new>
 #include <set>
 #include <sstream>
 #include <string>
@@ -35,6 +36,12 @@ std::set<std::string> flags_of(const void *address) {
     return {std::istream_iterator<std::string>(words), {}};
   }
   return {};
+}
+
+TEST(SecretBytes, RefusesWhatIsLargerThanAnySlot) {
+  const GuardedMemoryUse before = guarded_memory_use();
+  EXPECT_THROW(SecretBytes::allocate((size_t{1} << 30) + 1), std::bad_alloc);
+  EXPECT_EQ(guarded_memory_use().mapped_bytes, before.mapped_bytes);
 }
 
 TEST(SecretBytes, HoldsWhatItWasGivenAtEverySize) {

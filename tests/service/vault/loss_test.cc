@@ -206,6 +206,7 @@ TEST_F(LostLog, IsAcceptedAfterACopyOfAllFiles) {
   EXPECT_EQ(read_file(copies + "vault.db"), vault);
   EXPECT_EQ(read_file(copies + "vault.db-wal"), damaged);
   EXPECT_EQ(read_file(copies + "vault.db-witness"), witness);
+  EXPECT_FALSE(std::filesystem::exists(folder.vault() + "-before-loss-2")) << "one copy, though log and witness tell";
   EXPECT_TRUE(folder.open()->exists(secret_name("later"))) << "without asking again";
 }
 

@@ -188,6 +188,11 @@ TEST_F(OpenVault, RefusesARecordUnderAnotherName) {
   refuses_as_damaged("entry 2 doesn't open");
 }
 
+TEST_F(OpenVault, RefusesToMissItsHeader) {
+  sql("DELETE FROM vault");
+  refuses_as_damaged("its header is gone");
+}
+
 TEST_F(OpenVault, RefusesACopyOfARecord) {
   sql("INSERT INTO entry SELECT 9, sealed FROM entry WHERE id = 1");
   refuses_as_damaged("entry 9 doesn't open");

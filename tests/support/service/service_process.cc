@@ -97,7 +97,7 @@ std::string config_of_own_user(unsigned vdc) {
          "\nusers = [" + uid + "]\n";
 }
 
-ServiceProcess::ServiceProcess(const ServiceSetup &setup) : setup_(setup) {
+ServiceProcess::ServiceProcess(const ServiceSetup &setup) : setup_(setup), folder_(setup.parent) {
   chmod(folder().c_str(), 0711);
   mkdir(cache_folder().c_str(), 0700);
   notifications_ = notification_socket(folder() + "/notify");

@@ -31,6 +31,7 @@ struct ServiceSetup {
   std::vector<std::string> environment;  // "NAME=value", beside that of the test
   std::vector<std::string> wrapper;      // a command that ends by running what stands behind it, as {"nice", "-5"}
   int passed_socket = -1;                // passed as systemd does, if not -1; without --socket then
+  std::string parent = "/tmp";           // of its folder; "/dev/shm" where thousands of changes would wait for a disk
 };
 
 class ServiceProcess {
@@ -84,8 +85,8 @@ class ServiceProcess {
   std::string expand(std::string text) const;
   void write_config(const std::string &config) const;
 
-  const TemporaryFolder folder_;
   ServiceSetup setup_;
+  const TemporaryFolder folder_;
   int notifications_ = -1;
   pid_t pid_ = -1;
 };

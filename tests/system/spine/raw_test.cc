@@ -328,6 +328,18 @@ TEST(ConnectionLimits, LeaveClientsWaitingWhenThereAreNoDescriptors) {
   EXPECT_TRUE(last.receive()) << service.log();
 }
 
+TEST(ConnectionLimits, AreAboveTheDescriptorsThatTheServiceBeganWith) {
+  ServiceSetup setup;
+  setup.wrapper = {"/bin/sh", "-c", "ulimit -Sn 16; exec \"$@\"", "sh"};
+  ServiceProcess service(setup);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 20; ++i) {
+    clients.push_back(std::make_unique<RawClient>(service.socket()));
+    ASSERT_TRUE(clients.back()->send(bytes(kHello)));
+  }
+  for (const auto &client : clients) EXPECT_TRUE(client->receive());
+}
+
 TEST(ManyClients, AreServedAtOnce) {
   ServiceProcess service;
   std::vector<std::thread> threads;

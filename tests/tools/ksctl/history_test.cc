@@ -291,8 +291,8 @@ TEST_F(KsctlHistory, LeavesTheFileThatItCannotReplace) {
 
   const ProgramRun run = history({"--html", "/nowhere/page.html"});
 
-  EXPECT_EQ(run.status, 1);
-  EXPECT_THAT(run.errors, StartsWith("ksctl: /nowhere/page.html: can't be written: No such file or directory; "));
+  EXPECT_EQ(run.status, 3);
+  EXPECT_THAT(run.errors, StartsWith("ksctl: /nowhere/page.html: No such file or directory; "));
 }
 
 // browser runs a page to its end and gives what became of it; nothing without a browser.

@@ -160,6 +160,21 @@ TEST(KsctlSecret, IsRefusedToAUserWithoutAVdc) {
   EXPECT_THAT(run.errors, HasSubstr("this user has no VDC"));
 }
 
+// The result would be that of any failure; the message service knows more.
+TEST(KsctlSecret, SaysThatTheServiceHasGone) {
+  ServiceProcess service;
+  Terminal terminal(service.socket(), {"secret", "put", "wifi"});
+  terminal.wait_for_text("secret: ");
+  service.kill();
+  terminal.type("hush\n");
+  terminal.wait_for_text("secret again: ");
+  terminal.type("hush\n");
+
+  EXPECT_EQ(terminal.wait(), 5);
+  EXPECT_THAT(terminal.shown(), HasSubstr("ksctl: wifi: " + service.socket() + ": "));
+  EXPECT_THAT(terminal.shown(), HasSubstr("Start the service, ksd, again"));
+}
+
 TEST(KsctlPrompt, TakesASecretTypedTwiceAndShowsNeither) {
   const ServiceProcess service;
   Terminal terminal(service.socket(), {"secret", "put", "wifi"});

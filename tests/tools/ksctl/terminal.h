@@ -22,13 +22,15 @@ namespace ks_test {
 
 class Terminal {
  public:
-  // Runs ksctl with a terminal of its own as standard input, output and error.
-  Terminal(const std::string &socket, std::vector<std::string> arguments) {
+  // Runs ksctl with a terminal of its own as standard input, output and error. A `held` terminal makes it wait when it
+  // writes, until release.
+  Terminal(const std::string &socket, std::vector<std::string> arguments, bool held = false) {
     int keyboard = -1;
     int screen = -1;
     if (openpty(&keyboard, &screen, nullptr, nullptr, nullptr) < 0) fail("openpty");
     keyboard_ = ksd::UniqueFd(keyboard);
     screen_ = ksd::UniqueFd(screen);
+    if (held && tcflow(screen, TCOOFF) < 0) fail("tcflow");
     arguments.insert(arguments.begin(), {kKsctl, "--socket", socket});
     std::vector<char *> words;
     for (std::string &argument : arguments) words.push_back(argument.data());
@@ -67,6 +69,10 @@ class Terminal {
     termios settings{};
     if (tcgetattr(screen_.get(), &settings) < 0) fail("tcgetattr");
     return (settings.c_lflag & ECHO) != 0;
+  }
+
+  void release() {
+    if (tcflow(screen_.get(), TCOON) < 0) fail("tcflow");
   }
 
   // wait waits for ksctl's end, as wait_for.

@@ -1,4 +1,4 @@
-#include "child.h"
+#include "common/child.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <utility>
 
-namespace ks_session {
+namespace ks_tools {
 namespace {
 
 [[noreturn]] void run(const std::vector<std::string> &arguments, const sigset_t &mask,
@@ -75,4 +75,4 @@ std::optional<int> Child::end_within(int milliseconds) {
   return end();
 }
 
-}  // namespace ks_session
+}  // namespace ks_tools

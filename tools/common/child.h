@@ -1,6 +1,7 @@
-// child.h: a process of the session, known by a descriptor so that its end can be waited for beside other things.
-#ifndef TOOLS_KS_SESSION_CHILD_H
-#define TOOLS_KS_SESSION_CHILD_H
+// child.h: a process that a tool has started, known by a descriptor so that its end can be waited for beside other
+// things.
+#ifndef TOOLS_COMMON_CHILD_H
+#define TOOLS_COMMON_CHILD_H
 
 #include <sys/types.h>
 
@@ -10,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace ks_session {
+namespace ks_tools {
 
 class Child {
  public:
@@ -40,6 +41,6 @@ class Child {
   int error_ = 0;
 };
 
-}  // namespace ks_session
+}  // namespace ks_tools
 
 #endif

@@ -1,0 +1,5 @@
+. "${0%/*}/three_pacs.inc"
+ksctl pac import --with-expired pacs >/dev/null
+ksctl cache warm
+ksctl cache purge --json
+ksctl cache purge --all --json

@@ -1,0 +1,1 @@
+ksctl capture file --json -- true

@@ -1,0 +1,1 @@
+ksctl checkpoint --json

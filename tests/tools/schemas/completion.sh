@@ -1,0 +1,1 @@
+for shell in bash zsh fish; do ksctl completion $shell --json; done

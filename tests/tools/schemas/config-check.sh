@@ -1,0 +1,4 @@
+printf '[limits]\nentries = 1\n' > good.toml
+ksctl config check good.toml --json || true
+printf '[service]\nport = 1\n' > bad.toml
+ksctl config check bad.toml --json || true

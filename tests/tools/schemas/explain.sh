@@ -1,0 +1,4 @@
+ksctl explain 12 --json
+ksctl explain 0x411a0002 --json
+ksctl explain --json
+ksctl explain --page --json

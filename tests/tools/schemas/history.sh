@@ -1,0 +1,5 @@
+printf secret | ksctl secret put a >/dev/null
+ksctl history --json
+ksctl history --list --json
+ksctl history --timeline --json
+ksctl history --html page.html --json

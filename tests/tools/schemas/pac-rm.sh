@@ -1,0 +1,4 @@
+. "${0%/*}/three_pacs.inc"
+ksctl pac import --with-expired pacs >/dev/null
+ksctl pac rm 61 --json
+ksctl pac rm 61 --force --json

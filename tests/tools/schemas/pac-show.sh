@@ -1,0 +1,5 @@
+. "${0%/*}/three_pacs.inc"
+ksctl pac import --with-expired pacs >/dev/null
+ksctl pac show 61 --json
+ksctl pac show 62 --json
+ksctl pac show 63 --json

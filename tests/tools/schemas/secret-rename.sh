@@ -1,0 +1,2 @@
+printf hush | ksctl secret put wifi
+ksctl secret rename wifi wlan --json

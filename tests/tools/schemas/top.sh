@@ -1,0 +1,1 @@
+ksctl top --interval 0.01 --count 2 --json
