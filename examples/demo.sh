@@ -33,6 +33,14 @@ kill -KILL "$before"
 run secrets list
 printf '  these came from process %s, after %s was killed\n' "$(cat "$KS_SESSION_DIR/ksd.pid")" "$before"
 
+title 'A backup, taken while the service goes on and sealed under a passphrase, and read again to see that it is whole'
+backup="$KS_SESSION_DIR/demo-$$.backup"
+trap 'rm -f "$backup"' EXIT
+for step in "backup $backup --passphrase-cost interactive" "restore $backup --verify"; do
+  # shellcheck disable=SC2086 # the words of a command
+  printf '  ksctl %s\n    %s\n' "$step" "$("$build/ksctl" --json $step --passphrase-fd 3 3<<<'correct horse')"
+done
+
 title 'Secrets: renamed and cleared'
 run secrets rename
 run secrets clear

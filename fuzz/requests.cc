@@ -51,6 +51,7 @@ const std::map<uint32_t, int> kShapes{
     {66573, 42},       {66574, 516},      {66575, 16},       {66576, 16},         {66577, kAnySize}, {66578, kAnySize},
     {66579, kAnySize}, {66580, kAnySize}, {66581, 16},       {66582, 20},         {66583, 16},       {66584, 20},
     {66585, kAnySize}, {66586, kAnySize}, {66587, kAnySize}, {66588, kAnySize},   {66593, 3},        {66594, kNoData},
+    {17, kAnySize},  // a part of a backup, which is an administrator's
 };
 
 // Administration messages that an administrator has: head, and size of the records behind it, whose number is at offset
@@ -61,8 +62,8 @@ struct AdministrationShape {
   size_t count_at = 4;
 };
 const std::map<uint32_t, AdministrationShape> kAdministrationShapes{
-    {2, {1144}},   {3, {88, 56}}, {4, {24, 776}},     {5, {16, 32}},
-    {6, {16, 24}}, {7, {8, 56}},  {8, {24, 256, 16}}, {9, {16}},
+    {2, {1144}},        {3, {88, 56}}, {4, {24, 776}}, {5, {16, 32}}, {6, {16, 24}}, {7, {8, 56}},
+    {8, {24, 256, 16}}, {9, {16}},     {16, {48}},     {18, {4}},     {19, {24}},
 };
 
 uint32_t word_at(Bytes reply, size_t offset) {
@@ -154,7 +155,7 @@ class World {
 
   Octets answer(uint32_t opcode, Bytes message, size_t descriptor_size, const ksd::Caller &caller) {
     const ksd::handlers::Request request{opcode, message, descriptor_size, caller};
-    if (!administration_->answer(request, crowd_, reply_)) dispatcher_.answer(*service_, request, reply_);
+    if (!administration_->answer(request, crowd_, backup_, reply_)) dispatcher_.answer(*service_, request, reply_);
     return fuzz::own(reply_.payload());
   }
 
@@ -179,6 +180,7 @@ class World {
   }
 
   void reopen() {
+    backup_.end();
     service_.reset();
     open();
     epoch_at_begin_ = kNever;
@@ -221,6 +223,7 @@ class World {
                                   },
                                   [](const ksd::config::Config &) { return false; }, notifier_};
   std::unique_ptr<ksd::server::Administration> administration_;
+  ksd::server::BackupSession backup_;
   ksd::handlers::Dispatcher dispatcher_;
   ksd::handlers::Reply reply_;
 };

@@ -27,6 +27,7 @@ inline constexpr LogEvent kLossAccepted{"7a1dca1a90084047a94dd2c28c34e8aa", spdl
 inline constexpr LogEvent kRoomRunsOut{"bc44da97e3334545a32825abbde5ee0b", spdlog::level::warn};
 inline constexpr LogEvent kVaultWasOpen{"b5d23c14f411448d911a581eb18a17c2", spdlog::level::warn};
 inline constexpr LogEvent kLogNotWrittenBack{"e9ef2d91142d43a89e534ba2be4986d4", spdlog::level::err};
+inline constexpr LogEvent kKeyNotChanged{"c55e0f2fe48b4e0f835839ba5d95e67e", spdlog::level::err};
 inline constexpr LogEvent kMemoryNotLocked{"b0fffb2c0d9b40038dc14d92b850915c", spdlog::level::warn};
 inline constexpr LogEvent kRepliesNotTaken{"a912216022674511bc2171ece806db3b", spdlog::level::warn};
 inline constexpr LogEvent kSandboxIncomplete{"6942305404604f44a101c7a6116b920c", spdlog::level::info};
@@ -37,6 +38,7 @@ inline constexpr LogEvent kForeignName{"2ef025c730b2416889e74cb6106cdb46", spdlo
 inline constexpr LogEvent kUnmapped{"d111f972e474487eafb9a14fe84d0d83", spdlog::level::warn};
 inline constexpr LogEvent kStoreRefused{"402132210c5a4fe29699a94eb57e5d62", spdlog::level::warn};
 inline constexpr LogEvent kAdministrationFailed{"b5f920341ec347089b15594208c41397", spdlog::level::warn};
+inline constexpr LogEvent kBackupEnded{"9befcc8c528f4d35a1ce9960a74b9cad", spdlog::level::warn};
 inline constexpr LogEvent kCantAccept{"7ff3f797684c4068887972b573c00037", spdlog::level::warn};
 inline constexpr LogEvent kNoMemory{"fa6c0d3e8b114ef5af29e71294f11ecc", spdlog::level::warn};
 inline constexpr LogEvent kClientMisbehaved{"2c01d4dd109442f6ad1c7443b3da317a", spdlog::level::warn};

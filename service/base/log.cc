@@ -189,6 +189,8 @@ const LogEvent &LogLimiter::event_of(Kind kind) {
       return event::kStoreRefused;
     case Kind::kAdministration:
       return event::kAdministrationFailed;
+    case Kind::kBackups:
+      return event::kBackupEnded;
     case Kind::kCantAccept:
       return event::kCantAccept;
     case Kind::kSignal:

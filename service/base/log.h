@@ -64,7 +64,8 @@ class LogLimiter {
     kStoreRefused,
     kCantAccept,
     kSignal,
-    kAdministration
+    kAdministration,
+    kBackups
   };
   using Clock = std::chrono::steady_clock;
 

@@ -255,6 +255,22 @@ void read_service(Reader &reader, Config &config) {
   read_sandbox(reader, config);
 }
 
+// The vault's own files lie beside it, under its name and one of these endings.
+constexpr std::string_view kVaultFiles[] = {"", "-wal", "-journal", "-lock", "-reserve"};
+
+void read_vault(Reader &reader, Config &config) {
+  read_path(reader, "witness", SIZE_MAX, config.witness);
+  const toml::node *node = reader.take("witness");
+  if (node == nullptr) return;
+  const auto is_witness = [&](const std::string &path) { return !path.empty() && path == config.witness; };
+  for (const std::string_view ending : kVaultFiles) {
+    if (is_witness(config.vault + std::string(ending))) {
+      reader.problem(*node, "witness names a file that the vault needs for itself; name another one");
+    }
+  }
+  if (is_witness(config.master_key_file)) reader.problem(*node, "witness names the master key; name another file");
+}
+
 // fit_places has what isn't told about connections follow their number: a file may be content to give that.
 void fit_places(Limits &limits) {
   constexpr uint32_t kPlacesToAnUnmappedOne = 16;
@@ -394,6 +410,7 @@ void read_all(const toml::table &table, Config &config, std::vector<ConfigProble
     }
   };
   in_section("service", [&](Reader &reader) { read_service(reader, config); });
+  in_section("vault", [&](Reader &reader) { read_vault(reader, config); });
   in_section("limits", [&](Reader &reader) { read_limits(reader, config.limits); });
   in_section("trace", [&](Reader &reader) {
     read_gate(reader, "record", config.gates.record);

@@ -66,6 +66,7 @@ struct Config {
   std::optional<gid_t> socket_group;
   std::string vault = kDefaultVaultPath;
   std::string master_key_file;  // empty: the systemd credential or, without any, kDefaultMasterKeyPath
+  std::string witness;          // where the last change is remembered; empty: beside the vault
   std::string cache_uri = "lmdb:///run/user/{uid}/ks";
   std::string log_level = "info";
   uint32_t receive_limit_ms = 30000;  // how long clients wait for a reply

@@ -68,6 +68,8 @@ std::vector<std::string> find_obstacles(const Config &config) {
   std::vector<Place> places{{"socket", config.socket, S_IFSOCK, "a socket", true},
                             {"vault", config.vault, S_IFREG, "the vault's file", is_first_start}};
   if (has_key_file) places.push_back({"master_key_file", config.master_key_file, S_IFREG, "a key", is_first_start});
+  // Its folder is never made: where that is missing, the volume isn't there.
+  if (!config.witness.empty()) places.push_back({"witness", config.witness, S_IFREG, "a witness", false});
   std::vector<std::string> found;
   for (const Place &place : places) {
     if (const auto wrong = what_is_wrong_with(place)) found.push_back(fmt::format("{}: {}", place.key, *wrong));

@@ -62,13 +62,22 @@ struct Administration::Row {
 };
 
 const Administration::Row Administration::kRows[] = {
-    {HOST_OP_STATUS, &Administration::status},       {HOST_OP_COUNTERS, &Administration::counters, true},
-    {HOST_OP_LATENCIES, &Administration::latencies}, {HOST_OP_USERS, &Administration::users, true},
-    {HOST_OP_OWNERS, &Administration::owners, true}, {HOST_OP_LIMITS, &Administration::limits},
-    {HOST_OP_RELOAD, &Administration::reload},       {HOST_OP_CHECKPOINT, &Administration::checkpoint},
+    {HOST_OP_STATUS, &Administration::status},
+    {HOST_OP_COUNTERS, &Administration::counters, true},
+    {HOST_OP_LATENCIES, &Administration::latencies},
+    {HOST_OP_USERS, &Administration::users, true},
+    {HOST_OP_OWNERS, &Administration::owners, true},
+    {HOST_OP_LIMITS, &Administration::limits},
+    {HOST_OP_RELOAD, &Administration::reload},
+    {HOST_OP_CHECKPOINT, &Administration::checkpoint},
+    {HOST_OP_BEGIN_BACKUP, &Administration::begin_backup, true},
+    {HOST_OP_NEXT_BACKUP_PART, &Administration::next_backup_part},
+    {HOST_OP_CHANGE_MASTER_KEY, &Administration::change_master_key, true},
+    {HOST_OP_MASTER_KEY_CHANGE, &Administration::master_key_change},
 };
 
-bool Administration::answer(const handlers::Request &request, Crowd &crowd, handlers::Reply &reply) {
+bool Administration::answer(const handlers::Request &request, Crowd &crowd, BackupSession &backup,
+                            handlers::Reply &reply) {
   const auto row = std::ranges::find(kRows, request.opcode, &Row::opcode);
   if (row == std::end(kRows) || !request.caller.administrator) return false;
   service_.counters.add(Event::kAdministration);
@@ -77,7 +86,7 @@ bool Administration::answer(const handlers::Request &request, Crowd &crowd, hand
     return true;
   }
   try {
-    (this->*row->handler)({request, crowd, reply});
+    (this->*row->handler)({request, crowd, backup, reply});
   } catch (const std::bad_alloc &) {
     reply.result(KS_NO_MEMORY);
   } catch (const std::exception &error) {

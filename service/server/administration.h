@@ -6,6 +6,7 @@
 
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "server/backup_session.h"
 #include "server/crowd.h"
 #include "server/current_config.h"
 #include "server/reloader.h"
@@ -24,14 +25,15 @@ class Administration {
       : service_(service), vault_(vault), current_config_(current_config), reloader_(reloader) {}
 
   // answer leaves a reply to an administration message of an administrator, and gives false for all others: to those
-  // who aren't administrators there are no such messages.
-  bool answer(const handlers::Request &request, Crowd &crowd, handlers::Reply &reply);
+  // who aren't administrators there are no such messages. `backup` is what the connection reads.
+  bool answer(const handlers::Request &request, Crowd &crowd, BackupSession &backup, handlers::Reply &reply);
 
  private:
   // Asked is a request, with whom it may ask about.
   struct Asked {
     const handlers::Request &request;
     Crowd &crowd;
+    BackupSession &backup;
     handlers::Reply &reply;
   };
   struct Row;
@@ -45,12 +47,18 @@ class Administration {
   void limits(const Asked &asked);
   void reload(const Asked &asked);
   void checkpoint(const Asked &asked);
+  void begin_backup(const Asked &asked);
+  void open_backup(const Asked &asked);
+  void next_backup_part(const Asked &asked);
+  void change_master_key(const Asked &asked);
+  void master_key_change(const Asked &asked);
 
   vault::Owner fullest_owner(uint64_t vault::Owner::*what) const;
   uint64_t up_ms() const;
 
   handlers::Service &service_;
   vault::Vault &vault_;
+  std::atomic<int> backups_{0};  // that are being read
   const CurrentConfig &current_config_;
   Reloader &reloader_;
   const handlers::Dispatcher dispatcher_;  // for the messages' names
@@ -63,8 +71,8 @@ struct Desk {
   Administration *administration;
   Crowd &crowd;
 
-  bool answer(const handlers::Request &request, handlers::Reply &reply) const {
-    return administration != nullptr && administration->answer(request, crowd, reply);
+  bool answer(const handlers::Request &request, BackupSession &backup, handlers::Reply &reply) const {
+    return administration != nullptr && administration->answer(request, crowd, backup, reply);
   }
 };
 

@@ -99,9 +99,11 @@ void Connection::serve() {
 }
 
 // A change waits for the disk more than it works, and those that wait together share one commit: it counts apart. What
-// an administrator asks of the service waits for no turn, least of all behind changes that a disk holds up.
+// an administrator asks of the service waits for no turn, least of all behind changes that a disk holds up; but the
+// parts of a backup, which are work, do.
 Share *Connection::share_for(const Frame &frame, const handlers::Row *row) {
-  if (row == nullptr && caller_.administrator && frame.header.opcode > HOST_OP_HELLO) return nullptr;
+  const bool takes_turns = frame.header.opcode == HOST_OP_HELLO || frame.header.opcode == HOST_OP_NEXT_BACKUP_PART;
+  if (row == nullptr && caller_.administrator && !takes_turns) return nullptr;
   if (row == nullptr || row->work != handlers::Work::kChange) return &user_.requests;
   return &user_.changes_of(frame.message.size());
 }
@@ -125,6 +127,12 @@ std::optional<size_t> Connection::receive() {
       return static_cast<size_t>(size);
     }
     if (size < 0 && errno == EINTR) continue;
+    if (size < 0 && errno == EAGAIN && backup_.is_open()) {
+      backup_.end();
+      wait_for_backup();
+      complain(LogLimiter::Kind::kBackups, "left its backup unread; it was ended");
+      continue;
+    }
     if (size < 0 && errno == EAGAIN) complain(LogLimiter::Kind::kSilent, "connected and said nothing");
     return std::nullopt;
   }
@@ -173,11 +181,18 @@ void Connection::answer_request(const Frame &frame) {
   follow_configuration();
   if (frame.header.opcode == HOST_OP_HELLO) return answer_hello(frame);
   const handlers::Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
-  if (frame.header.opcode < kFirstOpcode && desk_.answer(request, reply_)) return;
+  if (frame.header.opcode < kFirstOpcode && desk_.answer(request, backup_, reply_)) return wait_for_backup();
   if (!dispatcher_.answer(service_, request, reply_)) {
     return complain(LogLimiter::Kind::kUnknownOpcode, "sent an unknown opcode");
   }
   user_.messages.add(frame.header.opcode, reply_.code() == KS_SUCCESS);
+}
+
+// wait_for_backup bounds how long a backup is kept for a client that doesn't read on: as long as clients wait.
+void Connection::wait_for_backup() {
+  if (backup_.is_open() == backup_is_awaited_) return;
+  backup_is_awaited_ = backup_.is_open();
+  set_timeout(socket_, SO_RCVTIMEO, backup_is_awaited_ ? config_->receive_limit_ms : 0);
 }
 
 void Connection::answer_hello(const Frame &frame) {

@@ -47,6 +47,7 @@ class Connection {
   bool is_timed(const handlers::Row *row) const;
   Next answer(const Frame &frame);
   void answer_request(const Frame &frame);
+  void wait_for_backup();
   void answer_hello(const Frame &frame);
   bool send(const HostWireHeader &request, Share::Pass &pass);
   void cleanse(size_t received);
@@ -69,6 +70,8 @@ class Connection {
 
   uint8_t *const buffer_;  // of the request that is being answered
   handlers::Reply reply_;
+  BackupSession backup_;
+  bool backup_is_awaited_ = false;
 };
 
 }  // namespace ksd::server

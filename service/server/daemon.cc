@@ -92,6 +92,29 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// read_passphrase reads a line, byte by byte: what stands behind it may be for somebody else. Nothing for -1.
+std::shared_ptr<const SecretBytes> read_passphrase(int fd) {
+  constexpr size_t kLongest = 4096;
+  if (fd < 0) return nullptr;
+  const std::shared_ptr<SecretBytes> line = SecretBytes::allocate(kLongest);
+  size_t size = 0;
+  for (; size < kLongest; ++size) {
+    ssize_t got = 0;
+    while ((got = read(fd, line->writable().data() + size, 1)) < 0 && errno == EINTR) {
+    }
+    if (got < 0) {
+      throw std::runtime_error(
+          fmt::format("--passphrase-fd: descriptor {}: {}; open it for reading", fd, std::strerror(errno)));
+    }
+    if (got == 0 || line->bytes()[size] == '\n') break;
+  }
+  if (size == 0 || size == kLongest) {
+    throw std::runtime_error(
+        fmt::format("--passphrase-fd: descriptor {} gives no passphrase of 1 to {} bytes", fd, kLongest - 1));
+  }
+  return SecretBytes::copy_of(line->bytes().first(size));
+}
+
 // The signals that the daemon waits for, as a descriptor. Blocked before any thread starts, so that all inherit it.
 UniqueFd signals_as_file() {
   sigset_t signals;
@@ -129,6 +152,7 @@ FileNeeds needs_of(const config::Config &config, const std::string &config_file,
   FileNeeds needs;
   needs.changed = {socket_folder, folder_of(config.vault)};
   if (!config.master_key_file.empty()) needs.changed.push_back(folder_of(config.master_key_file));
+  if (!config.witness.empty()) needs.changed.push_back(folder_of(config.witness));
   needs.read = config::standard_folders();
   if (!config_file.empty()) needs.read.push_back(folder_of(config_file));
   if (const char *credentials = std::getenv("CREDENTIALS_DIRECTORY")) needs.read.emplace_back(credentials);
@@ -197,7 +221,9 @@ class Daemon {
 
   void open_service(const config::Config &config) {
     const crypto::AlgorithmSet usable = crypto::start();
-    std::unique_ptr<vault::Vault> opened = vault::open_vault(vault_options(config));
+    vault::VaultOptions options = vault_options(config);
+    options.passphrase = read_passphrase(options_.passphrase_fd);
+    std::unique_ptr<vault::Vault> opened = vault::open_vault(options);
     vault_ = opened.get();
     service_.emplace(std::move(opened), usable);
   }
@@ -205,7 +231,7 @@ class Daemon {
   vault::VaultOptions vault_options(const config::Config &config) const {
     return {.path = config.vault,
             .master_key_file = config.master_key_file,
-            .witness = {},
+            .witness = config.witness,
             .accept_loss = options_.accept_loss,
             .limits = vault_limits(config.limits)};
   }
@@ -281,8 +307,9 @@ class Daemon {
     const config::Config &old = started_with_;
     const bool needs_restart = config.socket != old.socket || config.socket_mode != old.socket_mode ||
                                config.socket_group != old.socket_group || config.vault != old.vault ||
-                               config.master_key_file != old.master_key_file;
-    if (needs_restart) tell(event::kNeedsRestart, "a change of socket, vault or master key counts from the next start");
+                               config.master_key_file != old.master_key_file || config.witness != old.witness;
+    if (needs_restart)
+      tell(event::kNeedsRestart, "a change of socket, vault, master key or witness counts from the next start");
     set_log_level(config.log_level);
     config_.replace(config);
     vault_->use_limits(vault_limits(config.limits));

@@ -19,6 +19,7 @@ struct Options {
   LogFormat log_format = LogFormat::kAuto;
   bool allow_root = false;
   bool accept_loss = false;  // of what the vault lacks at this start
+  int passphrase_fd = -1;    // from which the passphrase of the master key is read; -1: the key isn't sealed
 };
 
 // load reads the configuration and puts the command line over it.

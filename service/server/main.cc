@@ -46,6 +46,10 @@ int main(int argc, char **argv) {
   app.add_option("--vault", options.vault, "Vault file, instead of the configured one")->option_text("FILE");
   app.add_option("--master-key-file", options.master_key_file, "File of the master key, made at first start")
       ->option_text("FILE");
+  app.add_option("--passphrase-fd", options.passphrase_fd,
+                 "Descriptor of the passphrase that the master key is sealed under; a line is read from it")
+      ->check(CLI::Range(0, 1 << 20))
+      ->option_text("FD");
   app.add_flag("--accept-loss", options.accept_loss,
                "Start also from a vault that lacks acknowledged changes, after copying its files aside");
   app.add_flag("--allow-root", options.allow_root,

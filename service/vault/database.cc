@@ -28,6 +28,11 @@ constexpr char kSchema[] =
     "  vault_id BLOB NOT NULL, header BLOB NOT NULL);"
     "CREATE TABLE entry (id INTEGER PRIMARY KEY, sealed BLOB NOT NULL);";
 
+// What version 2 has beyond version 1: a row while the master key is changed.
+constexpr char kSchemaOfKeyChange[] =
+    "CREATE TABLE key_change (only_row INTEGER PRIMARY KEY CHECK (only_row = 1), key_id BLOB NOT NULL,"
+    "  sealed_key BLOB NOT NULL, moved INTEGER NOT NULL);";
+
 template <typename... Args>
 [[noreturn]] void fail(fmt::format_string<Args...> format, Args &&...args) {
   throw std::runtime_error(fmt::format(format, std::forward<Args>(args)...));
@@ -108,6 +113,7 @@ Database::Database(const std::string &path, int flags, int in_use_wait_ms) : pat
 
 void Database::make_schema(const VaultIdentity &identity) {
   require(run(kSchema));
+  require(run(kSchemaOfKeyChange));
   const Statement insert = prepare("INSERT INTO vault VALUES (1, ?, ?, ?)");
   bind_bytes(insert.get(), 1, identity.key_id);
   bind_bytes(insert.get(), 2, identity.vault_id);
@@ -147,7 +153,9 @@ void Database::check_schema() {
         "{}: the vault has schema version {}, but this ksd knows them up to {} only; start the newer ksd that wrote it",
         path_, version, kSchemaVersion);
   }
-  if (version < kSchemaVersion) refuse_damaged(path_, fmt::format("there never was a schema version {}", version));
+  if (version < kOldestSchemaVersion)
+    refuse_damaged(path_, fmt::format("there never was a schema version {}", version));
+  schema_version_ = static_cast<int>(version);
 }
 
 void Database::check_structure() {
@@ -170,7 +178,24 @@ VaultIdentity Database::identity() {
   }
   const std::span<const uint8_t> header = column_bytes(select.get(), 2);
   identity.sealed_header.assign(header.begin(), header.end());
+  identity.key_change = key_change();
   return identity;
+}
+
+std::optional<KeyChange> Database::key_change() {
+  if (schema_version_ < kSchemaVersion) return std::nullopt;
+  const Statement select = prepare("SELECT key_id, sealed_key, moved FROM key_change");
+  const int step = sqlite3_step(select.get());
+  if (step == SQLITE_DONE) return std::nullopt;
+  if (step != SQLITE_ROW) refuse(step);
+  KeyChange change;
+  if (!copy_exactly(column_bytes(select.get(), 0), change.key_id)) {
+    refuse_damaged(path_, "its next key id has a wrong size");
+  }
+  const std::span<const uint8_t> key = column_bytes(select.get(), 1);
+  change.sealed_key.assign(key.begin(), key.end());
+  change.moved = static_cast<uint64_t>(sqlite3_column_int64(select.get(), 2));
+  return change;
 }
 
 void Database::for_each_entry(const std::function<void(uint64_t id, std::span<const uint8_t> sealed)> &visit) {
@@ -183,8 +208,10 @@ void Database::for_each_entry(const std::function<void(uint64_t id, std::span<co
 }
 
 std::optional<WriteFailure> Database::transaction(const std::function<bool()> &body) {
-  const auto roll_back = [&] {  // a failed statement or commit may have ended the transaction by itself
+  const auto roll_back = [&, schema_version = schema_version_] {
+    // A failed statement or commit may have ended the transaction by itself.
     if (sqlite3_get_autocommit(db_.get()) == 0) run("ROLLBACK");
+    schema_version_ = schema_version;
   };
   try {
     if (finish(begin_.get()) == SQLITE_OK && body() && finish(commit_.get()) == SQLITE_OK) return std::nullopt;
@@ -211,6 +238,33 @@ bool Database::remove_entry(uint64_t id) {
 bool Database::put_header(std::span<const uint8_t> sealed) {
   bind_bytes(put_header_.get(), 1, sealed);
   return finish(put_header_.get()) == SQLITE_OK;
+}
+
+bool Database::migrate() {
+  if (schema_version_ == kSchemaVersion) return true;
+  if (run(kSchemaOfKeyChange) != SQLITE_OK) return false;
+  if (run(fmt::format("PRAGMA user_version = {}", kSchemaVersion).c_str()) != SQLITE_OK) return false;
+  schema_version_ = kSchemaVersion;
+  return true;
+}
+
+bool Database::begin_key_change(const KeyChange &change) {
+  if (!migrate()) return false;
+  const Statement insert = prepare("INSERT INTO key_change VALUES (1, ?, ?, ?)");
+  bind_bytes(insert.get(), 1, change.key_id);
+  bind_bytes(insert.get(), 2, change.sealed_key);
+  sqlite3_bind_int64(insert.get(), 3, static_cast<int64_t>(change.moved));
+  return finish(insert.get()) == SQLITE_OK;
+}
+
+bool Database::put_moved(uint64_t moved) {
+  return run(fmt::format("UPDATE key_change SET moved = {}", moved).c_str()) == SQLITE_OK;
+}
+
+bool Database::end_key_change(const KeyId &key_id) {
+  const Statement update = prepare("UPDATE vault SET key_id = ?");
+  bind_bytes(update.get(), 1, key_id);
+  return finish(update.get()) == SQLITE_OK && run("DELETE FROM key_change") == SQLITE_OK;
 }
 
 std::optional<WriteFailure> Database::give_back(int pages) {

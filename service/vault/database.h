@@ -12,17 +12,21 @@
 #include <vector>
 
 #include "ks_types.h"
+#include "vault/keys.h"
 #include "vault/seal.h"
 
 namespace ksd::vault {
 
-inline constexpr int kSchemaVersion = 1;
+// Version 2 has a place for a change of the master key. One of version 1 serves as it is until then.
+inline constexpr int kOldestSchemaVersion = 1;
+inline constexpr int kSchemaVersion = 2;
 
 // VaultIdentity is what stands in the clear: which key opens the vault, and which vault it is. The header is sealed.
 struct VaultIdentity {
   KeyId key_id{};
   VaultId vault_id{};
   std::vector<uint8_t> sealed_header;
+  std::optional<KeyChange> key_change = std::nullopt;
 };
 
 // refuse_damaged throws the one line about a vault that isn't what ksd wrote.
@@ -47,17 +51,27 @@ class Database {
   explicit Database(const std::string &path, int in_use_wait_ms = 2000);
 
   VaultIdentity identity();
+  int schema_version() const { return schema_version_; }
 
   // check_structure throws like the constructor when SQLite finds the file damaged.
   void check_structure();
   void for_each_entry(const std::function<void(uint64_t id, std::span<const uint8_t> sealed)> &visit);
 
-  // transaction runs `body`, which writes with the three below until one of them says false, and commits. When it gives
-  // nothing, all of it is on disk; else nothing of it is there.
+  // transaction runs `body`, which writes with the functions below until one of them says false, and commits. When it
+  // gives nothing, all of it is on disk; else nothing of it is there.
   std::optional<WriteFailure> transaction(const std::function<bool()> &body);
   bool put_entry(uint64_t id, std::span<const uint8_t> sealed);
   bool remove_entry(uint64_t id);
   bool put_header(std::span<const uint8_t> sealed);
+
+  // The same for a change of the master key: its beginning, how far it has come, and its end, when the next key is the
+  // vault's. The first brings an older schema up to date.
+  bool begin_key_change(const KeyChange &change);
+  bool put_moved(uint64_t moved);
+  bool end_key_change(const KeyId &key_id);
+
+  // migrate brings the schema up to date, as a part of a transaction, too.
+  bool migrate();
 
   // give_back moves up to `pages` free pages to the end of the file, as a transaction of its own.
   std::optional<WriteFailure> give_back(int pages);
@@ -103,7 +117,10 @@ class Database {
 
   static constexpr int kLongLog = 1000;
 
+  std::optional<KeyChange> key_change();
+
   std::string path_;
+  int schema_version_ = kSchemaVersion;
   std::unique_ptr<int> log_frames_ = std::make_unique<int>(0);
   std::unique_ptr<sqlite3, Close> db_;
   Statement begin_, commit_, put_entry_, remove_entry_, put_header_, page_count_, free_page_count_;

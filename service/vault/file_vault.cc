@@ -42,8 +42,10 @@ KsResult decide_rename(Group &group, const EntryName &from, const EntryName &to)
 
 }  // namespace
 
-FileVault::FileVault(VaultLock lock, Writer writer, State state, const Limits &limits)
-    : lock_(std::move(lock)), state_(std::move(state)), commits_(std::move(writer), state_, limits, *this) {}
+FileVault::FileVault(VaultLock lock, Writer writer, State state, const Limits &limits, MasterKey master)
+    : lock_(std::move(lock)),
+      state_(std::move(state)),
+      commits_(std::move(writer), state_, limits, *this, std::move(master)) {}
 
 std::optional<Entry> FileVault::find(const EntryName &name) const {
   RowPtr row;
@@ -119,6 +121,16 @@ Store::Usage FileVault::usage() const {
   usage.byte_limit = limits.bytes;
   usage.over_90_percent = reaches(use, {limits.entries, limits.bytes}, 90);
   return usage;
+}
+
+// On the thread of writes nothing changes the table meanwhile, and readers go on.
+Snapshot FileVault::snapshot() {
+  Snapshot snapshot{.vault_id = commits_.vault_id(), .header = {}, .rows = {}};
+  commits_.between_groups([&] {
+    snapshot.header = state_.header;
+    snapshot.rows = state_.table.rows();
+  });
+  return snapshot;
 }
 
 std::vector<Owner> FileVault::owners(uid_t from, size_t most) const {

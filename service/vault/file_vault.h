@@ -14,7 +14,7 @@ namespace ksd::vault {
 class FileVault final : public Vault, private Audience {
  public:
   // `state` is what `writer` writes to.
-  FileVault(VaultLock lock, Writer writer, State state, const Limits &limits);
+  FileVault(VaultLock lock, Writer writer, State state, const Limits &limits, MasterKey master);
 
   std::optional<Entry> find(const EntryName &name) const override;
   bool exists(const EntryName &name) const override;
@@ -33,11 +33,15 @@ class FileVault final : public Vault, private Audience {
   Condition condition() const override { return commits_.condition(); }
   std::vector<Owner> owners(uid_t from, size_t most) const override;
   KsResult write_back(uint64_t &pages) override { return commits_.write_back(pages); }
+  Snapshot snapshot() override;
+  KsResult change_key(std::shared_ptr<const SecretBytes> next) override { return commits_.change_key(std::move(next)); }
+  KeyChangeProgress key_change() const override { return commits_.key_change(); }
 
  private:
   void prepare(const Group &group) override;
   void discard() noexcept override { prepared_.clear(); }
   void show(Group &group, const Header &header) noexcept override;
+  void use_header(const Header &header) noexcept override { state_.header = header; }
 
   const VaultLock lock_;
 

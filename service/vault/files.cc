@@ -12,6 +12,12 @@ bool file_exists(const std::string &path) {
   return lstat(path.c_str(), &info) == 0;
 }
 
+bool is_same_file(const std::string &path, const std::string &other) {
+  struct stat info, other_info;
+  return stat(path.c_str(), &info) == 0 && stat(other.c_str(), &other_info) == 0 && info.st_dev == other_info.st_dev &&
+         info.st_ino == other_info.st_ino;
+}
+
 UniqueFd make_file(const std::string &path) {
   return UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }

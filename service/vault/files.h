@@ -10,6 +10,9 @@ namespace ksd::vault {
 
 bool file_exists(const std::string &path);
 
+// is_same_file tells whether both names lead to one file.
+bool is_same_file(const std::string &path, const std::string &other);
+
 // make_file makes an empty file of mode 0600, or gives nothing, with errno, also when there is one already.
 UniqueFd make_file(const std::string &path);
 

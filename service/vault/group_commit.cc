@@ -7,22 +7,30 @@
 namespace ksd::vault {
 namespace {
 
-constexpr size_t kLargestGroup = 256;     // changes in one commit
+constexpr size_t kLargestGroup = 256;  // changes in one commit
+constexpr size_t kRowsAtOnce = 256;    // sealed anew in one commit, while changes wait
+constexpr size_t kBytesAtOnce = 1 << 18;
 constexpr int64_t kPagesWorthwhile = 64;  // free ones, below which compaction is said to be of no help
 
 }  // namespace
 
-GroupCommit::GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience)
+GroupCommit::GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience, MasterKey master)
     : writer_(std::move(writer)),
-      sealer_(writer_.sealer()),
+      vault_id_(writer_.keys().present().vault_id()),
       state_(state),
       audience_(audience),
       last_version_(state.header.last_version),
+      master_(std::move(master)),
+      key_change_runs_(writer_.keys().changing()),
       limits_(limits) {
   group_.reserve(kLargestGroup);
   results_.reserve(kLargestGroup);
   look_around(limits_);
   tell_condition(writer_.has_begun() ? "" : "the disk is full");
+  if (key_change_runs_) {
+    tell_progress(KeyChangeProgress::State::kMoving);
+    spdlog::info("{}: the change of the master key goes on", writer_.path());
+  }
   worker_ = std::thread([this] { work(); });
 }
 
@@ -85,6 +93,17 @@ Condition GroupCommit::condition() const {
   return condition_;
 }
 
+KsResult GroupCommit::change_key(std::shared_ptr<const SecretBytes> next) {
+  KsResult result = KS_FAILURE;
+  between_groups([&] { result = begin_key_change(next); });
+  return result;
+}
+
+KeyChangeProgress GroupCommit::key_change() const {
+  const std::lock_guard lock(progress_mutex_);
+  return progress_;
+}
+
 Limits GroupCommit::current_limits() const {
   const std::lock_guard lock(limits_mutex_);
   return limits_;
@@ -99,8 +118,10 @@ void GroupCommit::work() {
   for (;;) {
     {
       std::unique_lock lock(queue_mutex_);
-      work_to_do_.wait(lock, [&] { return closing_ || !queue_.empty() || !compactions_.empty() || !errands_.empty(); });
-      if (queue_.empty() && compactions_.empty() && errands_.empty()) return;
+      work_to_do_.wait(lock, [&] {
+        return closing_ || key_change_runs_ || !queue_.empty() || !compactions_.empty() || !errands_.empty();
+      });
+      if (queue_.empty() && compactions_.empty() && errands_.empty() && closing_) return;
       take_group();
     }
     if (!group_.empty()) {
@@ -108,8 +129,9 @@ void GroupCommit::work() {
       writer_.tidy_up();
       tell_condition(nullptr);
     }
-    go_on_compacting();
     do_errands();
+    go_on_compacting();
+    go_on_changing_key();
   }
 }
 
@@ -160,7 +182,7 @@ std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> chang
     if (results_.back() == KS_STORE_FULL) log_refusal(group);
   }
   if (group.changes().empty()) return std::nullopt;
-  const Header header = group.finished_header(sealer_);
+  const Header header = group.finished_header(writer_.keys().of_table());
   audience_.prepare(group);
   if (const std::optional<WriteFailure> failed = writer_.write(group.changes(), header, state_.header)) {
     audience_.discard();
@@ -210,6 +232,108 @@ void GroupCommit::go_on_compacting() noexcept {
     answers.swap(compactions_);
   }
   for (std::promise<KsResult> &answer : answers) answer.set_value(result);
+}
+
+KsResult GroupCommit::begin_key_change(std::shared_ptr<const SecretBytes> next) {
+  if (!writer_.keys().changing()) {
+    if (master_.is_credential != (next != nullptr)) return KS_INVALID_ARGS;
+    try {
+      if (next == nullptr) {
+        next = draw_master_key();
+        prepare_key_file(master_, *next);
+      }
+      if (const std::optional<WriteFailure> failed = writer_.begin_key_change(next, state_.header)) {
+        tell(event::kKeyNotChanged, "{}: the master key isn't changed: {}", writer_.path(), failed->text);
+        drop_prepared_key(master_);
+        return failed->code;
+      }
+    } catch (const std::runtime_error &error) {
+      tell(event::kKeyNotChanged, "{}; the master key isn't changed", error.what());
+      return KS_FW_BAD_CELL;
+    }
+    spdlog::info("{}: the change of the master key begins", writer_.path());
+  } else if (next != nullptr && key_id_of(*next) != key_id_of(*writer_.keys().next_key())) {
+    return KS_INVALID_ARGS;  // another one than that under way
+  }
+  key_change_runs_ = true;
+  tell_progress(KeyChangeProgress::State::kMoving);
+  return KS_SUCCESS;
+}
+
+// go_on_changing_key does one step, so that changes get their turn in between.
+void GroupCommit::go_on_changing_key() noexcept {
+  if (!key_change_runs_) return;
+  try {
+    const std::optional<WriteFailure> failed = change_key_further();
+    writer_.tidy_up();
+    if (failed) stop_changing_key(failed->text.c_str());
+  } catch (const std::exception &error) {
+    stop_changing_key(error.what());
+  }
+}
+
+void GroupCommit::stop_changing_key(const char *why) noexcept {
+  key_change_runs_ = false;
+  tell_progress(KeyChangeProgress::State::kStopped);
+  try {
+    tell(event::kKeyNotChanged,
+         "{}: the change of the master key stopped: {}; what has moved stays, ask for it again to go on",
+         writer_.path(), why);
+  } catch (...) {  // no memory for a line
+  }
+}
+
+std::optional<WriteFailure> GroupCommit::change_key_further() {
+  using Stage = KeyChangeProgress::State;
+  if (!writer_.keys().all_moved()) {
+    if (std::optional<WriteFailure> failed = move_some_rows()) return failed;
+    tell_progress(Stage::kMoving);
+    return std::nullopt;
+  }
+  const std::shared_ptr<const SecretBytes> next = writer_.keys().next_key();
+  if (std::optional<WriteFailure> failed = writer_.renew_witness(state_.header.last_version)) return failed;
+  const bool is_in_place = key_id_of(*next) == key_id_of(*master_.key);
+  if (!is_in_place && master_.is_credential) {
+    key_change_runs_ = false;
+    tell_progress(Stage::kWaiting);
+    spdlog::info("{}: all has moved to the next master key; start the service with it", writer_.path());
+    return std::nullopt;
+  }
+  if (!is_in_place) replace_key_file(master_, *next);
+  master_.key = next;
+  if (std::optional<WriteFailure> failed = writer_.end_key_change(state_.header)) return failed;
+  key_change_runs_ = false;
+  tell_progress(Stage::kNone);
+  spdlog::info("{}: the vault has another master key now, in {}", writer_.path(), master_.path);
+  return std::nullopt;
+}
+
+std::optional<WriteFailure> GroupCommit::move_some_rows() {
+  const Table &table = state_.table;
+  const size_t begin = table.behind(writer_.keys().moved());
+  std::vector<const EntryRow *> rows;
+  size_t bytes = 0;
+  for (size_t i = begin; i < table.size() && rows.size() < kRowsAtOnce && bytes < kBytesAtOnce; ++i) {
+    rows.push_back(table.at(i));
+    bytes += rows.back()->bytes();
+  }
+  std::optional<Header> last;
+  if (begin + rows.size() == table.size()) {
+    last = state_.header;
+    last->digest = {};
+    for (size_t i = 0; i < table.size(); ++i) {
+      last->add(writer_.keys().next().mark(table.at(i)->id, table.at(i)->version));
+    }
+  }
+  std::optional<WriteFailure> failed = writer_.move_rows(rows, last, state_.header);
+  if (!failed && last) audience_.use_header(*last);
+  return failed;
+}
+
+void GroupCommit::tell_progress(KeyChangeProgress::State state) noexcept {
+  const size_t moved = state == KeyChangeProgress::State::kNone ? 0 : state_.table.behind(writer_.keys().moved());
+  const std::lock_guard lock(progress_mutex_);
+  progress_ = {.state = state, .moved = moved, .entries = state_.table.size()};
 }
 
 void GroupCommit::measure_room() noexcept {

@@ -15,6 +15,7 @@
 
 #include "base/log.h"
 #include "vault/group.h"
+#include "vault/master_key.h"
 #include "vault/use_watch.h"
 #include "vault/vault.h"
 #include "vault/writer.h"
@@ -33,6 +34,9 @@ class Audience {
   // show makes readers see a group that is on disk now, with the header that went with it.
   virtual void show(Group &group, const Header &header) noexcept = 0;
 
+  // use_header puts a header in force that is on disk now, with no other change.
+  virtual void use_header(const Header &header) noexcept = 0;
+
  protected:
   ~Audience() = default;
 };
@@ -43,7 +47,8 @@ class GroupCommit {
   using Decide = std::function<KsResult(Group &)>;
 
   // `state` is changed by `audience` alone, on the thread of writes; that thread reads it without a lock.
-  GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience);
+  // `master` is the key that the vault was opened with. A change of it that was interrupted goes on.
+  GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience, MasterKey master);
 
   // All that has been asked for is committed first, and the vault is closed in order.
   ~GroupCommit();
@@ -64,6 +69,9 @@ class GroupCommit {
   const std::string &path() const { return writer_.path(); }
   KsResult write_back(uint64_t &pages);
   Condition condition() const;
+  KsResult change_key(std::shared_ptr<const SecretBytes> next);
+  KeyChangeProgress key_change() const;
+  const VaultId &vault_id() const { return vault_id_; }
 
   Limits current_limits() const;
   void use_limits(const Limits &limits);
@@ -83,6 +91,12 @@ class GroupCommit {
 
   void work();
   void do_errands() noexcept;
+  KsResult begin_key_change(std::shared_ptr<const SecretBytes> next);
+  void go_on_changing_key() noexcept;
+  void stop_changing_key(const char *why) noexcept;
+  std::optional<WriteFailure> change_key_further();
+  std::optional<WriteFailure> move_some_rows();
+  void tell_progress(KeyChangeProgress::State state) noexcept;
   void take_group();
   void process(std::span<Change *const> changes) noexcept;
   std::optional<KsResult> try_together(std::span<Change *const> changes) noexcept;
@@ -95,7 +109,7 @@ class GroupCommit {
 
   // Of the thread of writes alone.
   Writer writer_;
-  const Sealer sealer_;
+  const VaultId vault_id_;
   const State &state_;
   Audience &audience_;
   UseWatch use_watch_;
@@ -104,6 +118,11 @@ class GroupCommit {
   std::vector<KsResult> results_;  // of decisions, in the order of the group
   bool failing_ = false;
   uint64_t last_version_;
+  MasterKey master_;
+  bool key_change_runs_ = false;
+
+  mutable std::mutex progress_mutex_;
+  KeyChangeProgress progress_;
 
   mutable std::mutex condition_mutex_;
   Condition condition_;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -20,15 +21,30 @@ template <typename... Args>
   throw std::runtime_error(fmt::format(format, std::forward<Args>(args)...));
 }
 
-// read_key takes the key straight into guarded memory.
-std::shared_ptr<const SecretBytes> read_key(int fd, const std::string &path) {
-  const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kMasterKeySize + 1);  // one more tells a longer file
-  const ssize_t got = pread(fd, key->writable().data(), key->size(), 0);
+// read_content takes what the file holds straight into guarded memory.
+std::shared_ptr<const SecretBytes> read_content(int fd, const std::string &path) {
+  const std::shared_ptr<SecretBytes> content = SecretBytes::allocate(kMostSealedKeyText);
+  const ssize_t got = pread(fd, content->writable().data(), content->size(), 0);
   if (got < 0) refuse("{}: the master key can't be read: {}", path, errno_text(errno));
-  if (static_cast<size_t>(got) != kMasterKeySize) {
-    refuse("{}: isn't a master key, which has exactly {} bytes; put the right file there", path, kMasterKeySize);
+  return SecretBytes::copy_of(content->bytes().first(static_cast<size_t>(got)));
+}
+
+MasterKey key_in(const std::shared_ptr<const SecretBytes> &content, const std::string &path,
+                 const SecretBytes *passphrase) {
+  const std::string_view text(reinterpret_cast<const char *>(content->bytes().data()), content->size());
+  if (!is_sealed_key(text)) {
+    if (content->size() != kMasterKeySize) {
+      refuse("{}: isn't a master key, which has exactly {} bytes; put the right file there", path, kMasterKeySize);
+    }
+    if (passphrase != nullptr) refuse("{}: the master key isn't sealed; start without a passphrase", path);
+    return {.key = content, .path = path, .seal = std::nullopt};
   }
-  return SecretBytes::copy_of(key->bytes().first(kMasterKeySize));
+  if (passphrase == nullptr) {
+    refuse("{}: the master key is sealed under a passphrase; give it with --passphrase-fd", path);
+  }
+  std::optional<OpenedKey> opened = open_key(text, passphrase->bytes());
+  if (!opened) refuse("{}: the master key doesn't open: the passphrase is another one, or the file is damaged", path);
+  return {.key = opened->key, .path = path, .seal = std::move(opened->seal)};
 }
 
 void check_owner_and_mode(int fd, const std::string &path) {
@@ -46,23 +62,19 @@ void check_owner_and_mode(int fd, const std::string &path) {
   }
 }
 
-// make_key writes a fresh key under another name and links it to its own, so that there is a whole key or none at any
-// instant, and one that is there already is never replaced.
-void make_key(const std::string &path) {
-  const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kMasterKeySize);
-  randombytes_buf(key->writable().data(), key->size());
-  const std::string draft = path + ".new";
-  unlink(draft.c_str());  // of a start that was cut short
-  const UniqueFd fd = make_file(draft);
-  const auto size = static_cast<ssize_t>(key->size());
-  const bool made = fd && write(fd.get(), key->bytes().data(), key->size()) == size && fsync(fd.get()) == 0 &&
-                    link(draft.c_str(), path.c_str()) == 0;
-  const int error = errno;
-  unlink(draft.c_str());
-  if (!made || !sync_folder(folder_of(path))) {
-    refuse("{}: the master key can't be made there: {}; make room for it or name another file with --master-key-file",
-           path, errno_text(made ? errno : error));
-  }
+// write_key_file makes a file with a key, on disk when it is true.
+bool write_key_file(const std::string &path, const SecretBytes &key, const std::optional<KeySeal> &seal) {
+  const std::string text = seal ? seal_key(key, *seal) : std::string();
+  const auto *sealed = reinterpret_cast<const uint8_t *>(text.data());
+  const std::span<const uint8_t> content = seal ? std::span(sealed, text.size()) : key.bytes();
+  const UniqueFd fd = make_file(path);
+  errno = fd ? ENOSPC : errno;  // of a write that is cut short
+  return fd && write(fd.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
+         fsync(fd.get()) == 0;
+}
+
+std::string next_file_of(const std::string &path) {
+  return path + ".next";
 }
 
 std::string path_in_credentials() {
@@ -77,11 +89,16 @@ std::string path_in_credentials() {
 
 }  // namespace
 
-MasterKey read_master_key(const std::string &file, bool may_create) {
+MasterKey read_master_key(const KeySource &source, bool may_create) {
   // systemd hands credentials over with an owner and mode of its own, in a folder that only the service can read.
-  const bool from_credentials = file.empty();
-  const std::string path = from_credentials ? path_in_credentials() : file;
-  if (!from_credentials && may_create && !file_exists(path)) make_key(path);
+  const bool from_credentials = source.file.empty();
+  const std::string path = from_credentials ? path_in_credentials() : source.file;
+  const SecretBytes *passphrase = source.passphrase.get();
+  if (!from_credentials && may_create && !file_exists(path)) {
+    std::optional<KeySeal> seal;
+    if (passphrase != nullptr) seal = make_key_seal(passphrase->bytes(), source.cost);
+    write_new_key(path, *draw_master_key(), seal);
+  }
 
   const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (from_credentials ? 0 : O_NOFOLLOW)));
   if (!fd && errno == ENOENT && from_credentials) {
@@ -92,7 +109,51 @@ MasterKey read_master_key(const std::string &file, bool may_create) {
   }
   if (!fd) refuse("{}: the master key can't be opened: {}", path, errno_text(errno));
   if (!from_credentials) check_owner_and_mode(fd.get(), path);
-  return {read_key(fd.get(), path), path};
+  MasterKey master = key_in(read_content(fd.get(), path), path, passphrase);
+  master.is_credential = from_credentials;
+  return master;
+}
+
+std::shared_ptr<const SecretBytes> draw_master_key() {
+  const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kMasterKeySize);
+  randombytes_buf(key->writable().data(), key->size());
+  return key;
+}
+
+// The key is written under another name and linked to its own, so that there is a whole key or none at any instant, and
+// one that is there already is never replaced.
+void write_new_key(const std::string &path, const SecretBytes &key, const std::optional<KeySeal> &seal) {
+  const std::string draft = path + ".new";
+  unlink(draft.c_str());  // of a start that was cut short
+  const bool made = write_key_file(draft, key, seal) && link(draft.c_str(), path.c_str()) == 0;
+  const int error = errno;
+  unlink(draft.c_str());
+  if (!made || !sync_folder(folder_of(path))) {
+    refuse("{}: the master key can't be made there: {}; make room for it or name another file with --master-key-file",
+           path, errno_text(made ? errno : error));
+  }
+}
+
+void prepare_key_file(const MasterKey &present, const SecretBytes &next) {
+  const std::string draft = next_file_of(present.path);
+  unlink(draft.c_str());  // of a change that was cut short
+  if (write_key_file(draft, next, present.seal) && sync_folder(folder_of(present.path))) return;
+  const int error = errno;
+  unlink(draft.c_str());
+  refuse("{}: the next master key can't be made there: {}; make its folder writable for user {}", draft,
+         errno_text(error), geteuid());
+}
+
+void drop_prepared_key(const MasterKey &present) {
+  if (!present.is_credential) unlink(next_file_of(present.path).c_str());
+}
+
+void replace_key_file(const MasterKey &present, const SecretBytes &next) {
+  prepare_key_file(present, next);
+  const std::string draft = next_file_of(present.path);
+  if (rename(draft.c_str(), present.path.c_str()) != 0 || !sync_folder(folder_of(present.path))) {
+    refuse("{}: the next master key can't be put there: {}; look after its folder", present.path, errno_text(errno));
+  }
 }
 
 }  // namespace ksd::vault

@@ -2,15 +2,19 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
+#include <unordered_set>
 
 #include "base/log.h"
 #include "base/trust.h"
 #include "vault/aside.h"
 #include "vault/file_vault.h"
 #include "vault/files.h"
+#include "vault/load.h"
 #include "vault/log_file.h"
 #include "vault/master_key.h"
+#include "vault/placing.h"
 #include "vault/witness.h"
 
 namespace ksd::vault {
@@ -18,48 +22,9 @@ namespace {
 
 constexpr uint64_t kVersionsOfALoss = uint64_t{1} << 32;
 
-VaultId draw_vault_id() {
-  VaultId id;
-  randombytes_buf(id.data(), id.size());
-  return id;
-}
-
 void make_vault(const std::string &path, const MasterKey &master) {
-  VaultIdentity identity{key_id_of(*master.key), draw_vault_id(), {}};
-  const Sealer sealer(*master.key, identity.vault_id);
-  identity.sealed_header = sealer.seal(RecordKind::kHeader, 0, encode_header(Header{}));
-  Database::create(path, identity);
+  create_vault(path, *master.key);
   spdlog::info("{}: made an empty vault under the master key of {}", path, master.path);
-}
-
-Header open_header(const std::string &path, const VaultIdentity &identity, const Sealer &sealer) {
-  const std::shared_ptr<const SecretBytes> plain = sealer.open(RecordKind::kHeader, 0, identity.sealed_header);
-  const std::optional<Header> header = plain ? decode_header(plain->bytes()) : std::nullopt;
-  if (!header) refuse_damaged(path, "its header doesn't open");
-  return *header;
-}
-
-// load reads all entries. The digest in the header tells whether they are the ones that belong together.
-State load(Database &database, const Sealer &sealer, const Header &header) {
-  State state;
-  state.header = header;
-  RowChanges rows;
-  Header found{};
-  database.for_each_entry([&](uint64_t id, Bytes sealed) {
-    const std::shared_ptr<const SecretBytes> plain = sealer.open(RecordKind::kEntry, id, sealed);
-    const RowPtr row = plain ? decode_entry(id, plain->bytes()) : nullptr;
-    if (row == nullptr) refuse_damaged(database.path(), fmt::format("entry {} doesn't open", id));
-    found.add(sealer.mark(id, row->version));
-    ++found.entry_count;
-    state.ledger.replace(nullptr, row.get());
-    rows.emplace_hint(rows.end(), id, RowChange{nullptr, row});
-  });
-  if (found.entry_count != header.entry_count || found.digest != header.digest) {
-    refuse_damaged(database.path(), "its entries aren't those of its last change");
-  }
-  state.table.reserve(rows.size());
-  state.table.apply(rows, state.table.prepare(rows));
-  return state;
 }
 
 // begin finds out at start, rather than at the first change, that nothing can be written. A full disk is no reason not
@@ -78,6 +43,17 @@ void begin(Writer &writer, const Header &header) {
 
 void refuse_what_others_may_write(const std::string &path) {
   if (const auto why = why_others_may_replace(path)) throw std::runtime_error(fmt::format("{}: {}", path, *why));
+}
+
+// refuse_taken_witness keeps the witness from being made over a file that the vault needs, however it is named.
+void refuse_taken_witness(const VaultOptions &options, const std::string &witness) {
+  std::vector<std::string> taken{options.master_key_file};
+  for (const char *ending : {"", "-wal", "-journal", "-lock", "-reserve"}) taken.push_back(options.path + ending);
+  for (const std::string &path : taken) {
+    if (path != witness && !is_same_file(path, witness)) continue;
+    throw std::runtime_error(
+        fmt::format("{}: can't be the vault's witness: it is the file {}; name another one", witness, path));
+  }
 }
 
 // keep_from_others takes away the right to open the vault, which the copy of a backup may give to all. Nothing could be
@@ -158,6 +134,116 @@ class Losses {
   bool accepted_ = false;
 };
 
+std::string witness_of(const VaultOptions &options) {
+  return options.witness.empty() ? options.path + "-witness" : options.witness;
+}
+
+// Found is a vault whose files have been looked at, one after the other and before SQLite reads them.
+class Found {
+ public:
+  // Nobody else has the vault, and it is safe from others' hands.
+  explicit Found(const VaultOptions &options)
+      : options_(options), log_path_(options.path + "-wal"), witness_path_(witness_of(options)) {
+    if (sodium_init() < 0) throw std::runtime_error("libsodium doesn't start; the system generator may be missing");
+    refuse_what_others_may_write(options.path);
+    refuse_taken_witness(options, witness_path_);
+    refuse_what_others_may_write(witness_path_);
+    if (!options.master_key_file.empty()) refuse_what_others_may_write(options.master_key_file);
+    lock_.emplace(options.path);
+    const std::string before = finish_placing(options.path);
+    if (!before.empty()) spdlog::info("{}: was restored; the vault before it is in {}", options.path, before);
+    is_there_ = file_exists(options.path);
+    if (!is_there_) refuse_without_vault(options.path, log_path_, witness_path_);
+  }
+
+  bool is_there() const { return is_there_; }
+  VaultLock take_lock() { return std::move(*lock_); }
+
+  MasterKey read_key() const {
+    return read_master_key(
+        {.file = options_.master_key_file, .passphrase = options_.passphrase, .cost = options_.passphrase_cost},
+        !is_there_);
+  }
+
+  // read opens the vault, and has `read_rows` read its entries between the looks at log and witness.
+  void read(const MasterKey &master, const std::function<void()> &read_rows) {
+    log_ = examine_log(log_path_);  // before SQLite does
+    database.emplace(options_.path);
+    const VaultIdentity identity = database->identity();
+    keys.emplace(keys_of(options_.path, identity, master));
+    header = open_header(options_.path, identity, *keys);
+    witness.emplace(witness_path_, *keys);
+    Losses losses(options_, log_path_, log_, *witness);
+    losses.check_log(header);
+    database->check_structure();
+    read_rows();
+    losses.check_witness(header);
+    loss_accepted = losses.accepted();
+  }
+
+  // leave has the files be as they were, for who only looked.
+  void leave() {
+    if (!log_.is_there) database->put_log_away();
+  }
+
+  std::optional<Database> database;
+  std::optional<Keys> keys;
+  std::optional<Witness> witness;
+  Header header;
+  bool loss_accepted = false;
+
+ private:
+  const VaultOptions &options_;
+  const std::string log_path_, witness_path_;
+  std::optional<VaultLock> lock_;
+  bool is_there_ = false;
+  LogFile log_;
+};
+
+// PositionCheck looks whether the table can be made of the rows as it has to be: each entry found by its names, and by
+// a position of its own.
+class PositionCheck {
+ public:
+  explicit PositionCheck(const std::string &path) : path_(path) {}
+
+  void look_at(const RowPtr &row, const Header &header) {
+    const auto take = [&](const EntryName &name) {
+      if (!names_.insert(name).second) refuse_damaged(path_, fmt::format("entry {} has another's name", row->id));
+    };
+    take(row->name);
+    if (row->alias) take(*row->alias);
+    if (row->id <= last_id_ || row->id > header.last_id) {
+      refuse_damaged(path_, fmt::format("entry {} has no position", row->id));
+    }
+    if (row->version > header.last_version) {
+      refuse_damaged(path_, fmt::format("entry {} is of a change that never was", row->id));
+    }
+    last_id_ = row->id;
+  }
+
+ private:
+  const std::string &path_;
+  std::unordered_set<EntryName, NameHash> names_;
+  uint64_t last_id_ = 0;
+};
+
+// examine leaves the vault open, with all its rows looked at.
+Examined examine(Found &found, const VaultOptions &options) {
+  if (!found.is_there()) {
+    throw std::runtime_error(fmt::format("{}: there is no vault; name the one that is meant", options.path));
+  }
+  PositionCheck positions(options.path);
+  found.read(found.read_key(), [&] {
+    for_each_row(*found.database, *found.keys, found.header,
+                 [&](const RowPtr &row) { positions.look_at(row, found.header); });
+  });
+  return {.entries = found.header.entry_count,
+          .version = found.header.last_version,
+          .schema_version = found.database->schema_version(),
+          .in_use = found.header.in_use,
+          .key_changes = found.keys->changing()};
+}
+
 }  // namespace
 
 void make_folders(const VaultOptions &options) {
@@ -168,47 +254,42 @@ void make_folders(const VaultOptions &options) {
   }  // what can't be made is missed below, with what to do
 }
 
+Examined examine_vault(const VaultOptions &options) {
+  Found found(options);
+  const Examined examined = examine(found, options);
+  found.leave();
+  return examined;
+}
+
+int migrate_vault(const VaultOptions &options) {
+  Found found(options);
+  const int version = examine(found, options).schema_version;
+  const auto failed = found.database->transaction([&] { return found.database->migrate(); });
+  if (failed) throw std::runtime_error(fmt::format("{}: {}; the vault is as it was", options.path, failed->text));
+  found.leave();
+  return version;
+}
+
 std::unique_ptr<Vault> open_vault(const VaultOptions &options) {
-  if (sodium_init() < 0) throw std::runtime_error("libsodium doesn't start; the system generator may be missing");
-  const std::string &path = options.path;
-  const std::string log_path = path + "-wal";
-  const std::string witness_path = options.witness.empty() ? path + "-witness" : options.witness;
   make_folders(options);
-  refuse_what_others_may_write(path);
-  if (!options.master_key_file.empty()) refuse_what_others_may_write(options.master_key_file);
-  VaultLock lock(path);
-  const bool is_there = file_exists(path);
-  if (!is_there) refuse_without_vault(path, log_path, witness_path);
-  const MasterKey master = read_master_key(options.master_key_file, !is_there);
-  if (!is_there) make_vault(path, master);
+  Found found(options);
+  const std::string &path = options.path;
+  MasterKey master = found.read_key();
+  if (!found.is_there()) make_vault(path, master);
   keep_from_others(path);
-
-  const LogFile log = examine_log(log_path);  // before SQLite does
-  Database database(path);
-  const VaultIdentity identity = database.identity();
-  if (identity.key_id != key_id_of(*master.key)) {
-    throw std::runtime_error(
-        fmt::format("{}: the vault belongs to another master key than the one in {}; give the service the key that the "
-                    "vault was made with",
-                    path, master.path));
-  }
-  const Sealer sealer(*master.key, identity.vault_id);
-  const Header header = open_header(path, identity, sealer);
-  Witness witness(witness_path, sealer);
-  Losses losses(options, log_path, log, witness);
-  losses.check_log(header);
-  database.check_structure();
-  State state = load(database, sealer, header);
-  losses.check_witness(header);
-  if (losses.accepted()) {
+  State state;
+  found.read(master, [&] { state = load(*found.database, *found.keys, found.header); });
+  if (found.loss_accepted) {
     // Versions that the lost changes had are not given again: rows of that time could stand in for new ones.
-    state.header.last_version = std::max(header.last_version, witness.version().value_or(0)) + kVersionsOfALoss;
+    state.header.last_version =
+        std::max(state.header.last_version, found.witness->version().value_or(0)) + kVersionsOfALoss;
   }
 
-  Writer writer(std::move(database), sealer, std::move(witness));
+  Writer writer(std::move(*found.database), *found.keys, std::move(*found.witness));
   begin(writer, state.header);
   spdlog::info("{}: {} entries", path, state.table.size());
-  return std::make_unique<FileVault>(std::move(lock), std::move(writer), std::move(state), options.limits);
+  return std::make_unique<FileVault>(found.take_lock(), std::move(writer), std::move(state), options.limits,
+                                     std::move(master));
 }
 
 }  // namespace ksd::vault

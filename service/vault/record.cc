@@ -14,6 +14,11 @@ constexpr uint8_t kInUse = 1;
 
 }  // namespace
 
+size_t encoded_size(const EntryRow &row) {
+  const size_t alias = row.alias ? KS_NAME_HEADER_SIZE + row.alias->name.size() : 0;
+  return kEntryHead + KS_NAME_HEADER_SIZE + row.name.name.size() + alias + row.bytes();
+}
+
 std::shared_ptr<const SecretBytes> encode_entry(const EntryRow &row) {
   const std::vector<uint8_t> name = wire_name(row.name);
   const std::vector<uint8_t> alias = row.alias ? wire_name(*row.alias) : std::vector<uint8_t>();

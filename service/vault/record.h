@@ -31,6 +31,9 @@ struct EntryRow {
 
 using RowPtr = std::shared_ptr<const EntryRow>;
 
+// encoded_size is the length of a row's plain text.
+size_t encoded_size(const EntryRow &row);
+
 // encode_entry gives a row's plain text. Names are part of it: nothing of an entry stands outside the seal but its id.
 std::shared_ptr<const SecretBytes> encode_entry(const EntryRow &row);
 

@@ -21,7 +21,7 @@ using VaultId = std::array<uint8_t, 16>;  // drawn when a vault is made
 using KeyId = std::array<uint8_t, 16>;    // tells master keys apart and says nothing about them
 using Digest = std::array<uint8_t, 32>;   // a number modulo 2^256, little-endian
 
-enum class RecordKind : uint8_t { kHeader = 1, kEntry = 2 };
+enum class RecordKind : uint8_t { kHeader = 1, kEntry = 2, kNextKey = 3 };
 
 KeyId key_id_of(const SecretBytes &master_key);
 
@@ -30,6 +30,8 @@ class Sealer {
   Sealer(const SecretBytes &master_key, const VaultId &vault_id);
 
   std::vector<uint8_t> seal(RecordKind kind, uint64_t row, std::span<const uint8_t> plain) const;
+
+  const VaultId &vault_id() const { return vault_id_; }
 
   // open gives nothing unless `sealed` is what seal made for that kind and row in this vault.
   std::shared_ptr<const SecretBytes> open(RecordKind kind, uint64_t row, std::span<const uint8_t> sealed) const;

@@ -37,6 +37,20 @@ size_t NameHash::operator()(const EntryName &name) const {
   return hash;
 }
 
+size_t Table::behind(uint64_t id) const {
+  if (id == UINT64_MAX) return rows_.size();
+  return static_cast<size_t>(std::lower_bound(rows_.begin(), rows_.end(), id + 1, has_smaller_id) - rows_.begin());
+}
+
+std::vector<RowPtr> Table::rows() const {
+  std::vector<RowPtr> rows;
+  rows.reserve(rows_.size());
+  for (const auto &[name, row] : names_) {
+    if (name == row->name) rows.push_back(row);  // not once more by its alias
+  }
+  return rows;
+}
+
 void Table::reserve(size_t entries) {
   rows_.reserve(entries);
   names_.reserve(entries);

@@ -37,6 +37,12 @@ class Table {
   }
   const EntryRow *at(size_t position) const { return position < rows_.size() ? rows_[position] : nullptr; }
   size_t size() const { return rows_.size(); }
+
+  // behind gives the position of the first row with a larger id.
+  size_t behind(uint64_t id) const;
+
+  // rows gives all rows, in no order.
+  std::vector<RowPtr> rows() const;
   void reserve(size_t entries);
 
   // Prepared is the memory that the changes of a group need.

@@ -54,8 +54,11 @@ VaultLock::VaultLock(const std::string &vault_path, int wait_ms) {
     refuse_open(vault_path, path, error);
   }
   struct stat info {};
-  if (fstat(file_.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != geteuid() ||
-      (info.st_mode & 077) != 0) {
+  if (fstat(file_.get(), &info) == 0 && info.st_uid != geteuid() && S_ISREG(info.st_mode)) {
+    refuse("{}: belongs to user {}, but this runs as user {}; run it as user {}", path, info.st_uid, geteuid(),
+           info.st_uid);
+  }
+  if (fstat(file_.get(), &info) != 0 || !S_ISREG(info.st_mode) || (info.st_mode & 077) != 0) {
     refuse("{}: isn't a file of user {} alone, as the vault's lock has to be; remove it", path, geteuid());
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);

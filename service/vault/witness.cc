@@ -31,12 +31,15 @@ Slot slot_of(uint64_t version, const Sealer &sealer) {
 
 }  // namespace
 
-Witness::Witness(std::string path, const Sealer &sealer) : path_(std::move(path)), sealer_(sealer) {
+Witness::Witness(std::string path, const Keys &keys) : path_(std::move(path)), sealer_(keys.of_table()) {
   file_is_there_ = file_exists(path_);
-  read();
+  read(keys.of_table());
+  if (version_ || !keys.changing()) return;
+  read(keys.present());
+  file_ = UniqueFd();
 }
 
-void Witness::read() {
+void Witness::read(const Sealer &sealer) {
   UniqueFd file(open(path_.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat info {};
   if (!file || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return;
@@ -46,7 +49,7 @@ void Witness::read() {
       continue;
     }
     const auto version = get_little_endian<uint64_t>(slot.data());
-    const Slot right = slot_of(version, sealer_);
+    const Slot right = slot_of(version, sealer);
     if (sodium_memcmp(slot.data(), right.data(), slot.size()) != 0 || (version_ && *version_ > version)) continue;
     version_ = version;
     next_slot_ = 1 - number;
@@ -84,6 +87,11 @@ int Witness::make(uint64_t version) {
   version_ = version;
   next_slot_ = 1;
   return 0;
+}
+
+int Witness::renew(const Sealer &sealer, uint64_t version) {
+  sealer_ = sealer;
+  return make(version);
 }
 
 bool Witness::store(uint64_t version) noexcept {

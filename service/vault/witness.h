@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/fd.h"
+#include "vault/keys.h"
 #include "vault/seal.h"
 
 namespace ksd::vault {
@@ -21,8 +22,9 @@ namespace ksd::vault {
 // It is written and not mapped: a mapping would end the process when somebody cuts the file.
 class Witness {
  public:
-  // Opens the file, if there is one.
-  Witness(std::string path, const Sealer &sealer);
+  // Opens the file, if there is one. `keys` says what marks it; one that bears the mark of the key before counts as
+  // well, and is made anew when it is set up.
+  Witness(std::string path, const Keys &keys);
 
   const std::string &path() const { return path_; }
   bool file_is_there() const { return file_is_there_; }
@@ -34,6 +36,9 @@ class Witness {
   int set_up(uint64_t version);
   bool is_set_up() const { return static_cast<bool>(file_); }
 
+  // renew has it bear the mark of another key from now on, on disk when it gives 0.
+  int renew(const Sealer &sealer, uint64_t version);
+
   // store remembers `version`, in one write over what is there already: it needs no room, no memory, and no disk.
   bool store(uint64_t version) noexcept;
 
@@ -41,7 +46,7 @@ class Witness {
   bool sync() noexcept;
 
  private:
-  void read();
+  void read(const Sealer &sealer);
   int make(uint64_t version);
 
   std::string path_;

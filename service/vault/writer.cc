@@ -20,11 +20,17 @@ bool only_removes(const RowChanges &changes) {
 
 }  // namespace
 
-Writer::Writer(Database database, const Sealer &sealer, Witness witness)
+Writer::Writer(Database database, const Keys &keys, Witness witness)
     : database_(std::move(database)),
-      sealer_(sealer),
+      keys_(keys),
       witness_(std::move(witness)),
       reserve_(database_.path() + "-reserve") {}
+
+WriteFailure Writer::witness_failure(int error) const {
+  const bool full = error == ENOSPC || error == EDQUOT;
+  return {full ? KS_STORE_FULL : KS_FW_BAD_CELL,
+          fmt::format("{} can't be written: {}", witness_.path(), errno_text(error))};
+}
 
 std::optional<WriteFailure> Writer::begin(const Header &header) {
   if (broken_) return WriteFailure{KS_FW_BAD_CELL, why_broken_};
@@ -34,12 +40,11 @@ std::optional<WriteFailure> Writer::begin(const Header &header) {
   // Only now: what the log held may not have been on disk before, and the witness must never be ahead. And before the
   // mark of use: a vault that was in use is expected to have its witness, whenever a kill came.
   if (const int error = witness_.set_up(header.last_version)) {
-    const bool full = error == ENOSPC || error == EDQUOT;
-    return WriteFailure{full ? KS_STORE_FULL : KS_FW_BAD_CELL,
-                        fmt::format("{} can't be written: {}", witness_.path(), errno_text(error))};
+    return witness_failure(error);
   }
   const auto mark = [&] {
-    std::optional<WriteFailure> failed = database_.transaction([&] { return put_header(header, true); });
+    std::optional<WriteFailure> failed =
+        database_.transaction([&] { return put_header(header, true, keys_.of_table()); });
     if (!failed) failed = database_.write_back();
     return failed;
   };
@@ -59,16 +64,68 @@ std::optional<WriteFailure> Writer::write(const RowChanges &changes, const Heade
   const auto step = [&] { return write_once(changes, header); };
   std::optional<WriteFailure> failed = judge(makes_room ? with_reserve(step) : step());
   if (failed) {
-    // A commit whose last step failed may have left a whole transaction in the log, which a start after a crash would
-    // take for a good one. Writing the present header again puts a good one in its place.
-    try {
-      judge(database_.transaction([&] { return put_header(present, true); }));
-    } catch (const std::bad_alloc &) {  // the next change that succeeds does the same
-    }
+    put_again(present);
     return failed;
   }
   store_in_witness(header.last_version);
   return std::nullopt;
+}
+
+// A commit whose last step failed may have left a whole transaction in the log, which a start after a crash would take
+// for a good one. Writing the present header again puts a good one in its place.
+void Writer::put_again(const Header &present) noexcept try {
+  judge(database_.transaction([&] { return put_header(present, true, keys_.of_table()); }));
+} catch (const std::bad_alloc &) {  // the next change that succeeds does the same
+}
+
+template <typename Body>
+std::optional<WriteFailure> Writer::change_key(Body body, const Header &present) {
+  if (broken_) return WriteFailure{KS_FW_BAD_CELL, why_broken_};
+  if (!begun_) {
+    if (auto failed = begin(present)) return failed;
+  }
+  if (!reserve_.keep()) return WriteFailure{KS_STORE_FULL, "the disk is full"};
+  std::optional<WriteFailure> failed = judge(database_.transaction(body));
+  if (failed) put_again(present);
+  return failed;
+}
+
+std::optional<WriteFailure> Writer::begin_key_change(const std::shared_ptr<const SecretBytes> &next_key,
+                                                     const Header &present) {
+  const Sealer &sealer = keys_.present();
+  const KeyChange change{.key_id = key_id_of(*next_key),
+                         .sealed_key = sealer.seal(RecordKind::kNextKey, 0, next_key->bytes()),
+                         .moved = 0};
+  const Keys both(sealer, next_key, 0);
+  auto failed = change_key([&] { return database_.begin_key_change(change); }, present);
+  if (!failed) keys_ = both;
+  return failed;
+}
+
+std::optional<WriteFailure> Writer::move_rows(std::span<const EntryRow *const> rows, const std::optional<Header> &last,
+                                              const Header &present) {
+  const uint64_t moved = last ? kAllMoved : rows.back()->id;
+  const auto body = [&] {
+    for (const EntryRow *row : rows) {
+      if (!put_row(*row, keys_.next())) return false;
+    }
+    return database_.put_moved(moved) && (!last || put_header(*last, true, keys_.next()));
+  };
+  if (auto failed = change_key(body, present)) return failed;
+  keys_.move_to(moved);
+  return std::nullopt;
+}
+
+std::optional<WriteFailure> Writer::renew_witness(uint64_t version) {
+  if (const int error = witness_.renew(keys_.next(), version)) return witness_failure(error);
+  return std::nullopt;
+}
+
+std::optional<WriteFailure> Writer::end_key_change(const Header &present) {
+  const KeyId key_id = key_id_of(*keys_.next_key());
+  if (auto failed = change_key([&] { return database_.end_key_change(key_id); }, present)) return failed;
+  keys_ = Keys(Sealer(keys_.next()));
+  return judge(database_.write_back());
 }
 
 // with_reserve does something that makes room, if need be in that of the reserve.
@@ -84,9 +141,9 @@ std::optional<WriteFailure> Writer::with_reserve(Step step) {
 std::optional<WriteFailure> Writer::write_once(const RowChanges &changes, const Header &header) {
   return database_.transaction([&] {
     for (const auto &[id, change] : changes) {
-      if (!(change.after ? put_row(*change.after) : database_.remove_entry(id))) return false;
+      if (!(change.after ? put_row(*change.after, keys_.of_row(id)) : database_.remove_entry(id))) return false;
     }
-    return put_header(header, true);
+    return put_header(header, true, keys_.of_table());
   });
 }
 
@@ -102,14 +159,14 @@ std::optional<WriteFailure> Writer::judge(std::optional<WriteFailure> failed) no
   return failed;
 }
 
-bool Writer::put_row(const EntryRow &row) {
-  return database_.put_entry(row.id, sealer_.seal(RecordKind::kEntry, row.id, encode_entry(row)->bytes()));
+bool Writer::put_row(const EntryRow &row, const Sealer &sealer) {
+  return database_.put_entry(row.id, sealer.seal(RecordKind::kEntry, row.id, encode_entry(row)->bytes()));
 }
 
-bool Writer::put_header(const Header &header, bool in_use) {
+bool Writer::put_header(const Header &header, bool in_use, const Sealer &sealer) {
   Header marked = header;
   marked.in_use = in_use;
-  return database_.put_header(sealer_.seal(RecordKind::kHeader, 0, encode_header(marked)));
+  return database_.put_header(sealer.seal(RecordKind::kHeader, 0, encode_header(marked)));
 }
 
 // The change is on disk, so it has happened, whatever becomes of the witness.
@@ -155,7 +212,7 @@ std::optional<WriteFailure> Writer::write_log_back(uint64_t &pages) {
 
 void Writer::end(const Header &header) noexcept try {
   if (broken_ || !begun_) return;
-  if (database_.transaction([&] { return put_header(header, false); })) return;
+  if (database_.transaction([&] { return put_header(header, false, keys_.of_table()); })) return;
   if (database_.put_log_away()) return;
   witness_.sync();
 } catch (...) {  // no memory: the mark of use stays

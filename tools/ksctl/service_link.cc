@@ -54,6 +54,14 @@ ServiceLink::ServiceLink(const std::string &socket) : socket_path_(socket) {
 }
 
 std::vector<uint8_t> ServiceLink::ask(uint32_t opcode, std::span<const uint8_t> descriptor) {
+  std::vector<uint8_t> reply;
+  const KsResult result = result_of(opcode, descriptor, &reply);
+  if (result == KS_SUCCESS) return reply;
+  throw Failure(result == KS_NOT_FOUND ? Exit::kNotFound : Exit::kFailed,
+                fmt::format("{}: {} ({}); the service's log says more", socket_path_, kserr2str(result), result));
+}
+
+KsResult ServiceLink::result_of(uint32_t opcode, std::span<const uint8_t> descriptor, std::vector<uint8_t> *reply) {
   const HostWireHeader header = {.magic = HOST_WIRE_MAGIC,
                                  .version = HOST_WIRE_VERSION,
                                  .descriptor_size = static_cast<uint16_t>(descriptor.size()),
@@ -63,12 +71,12 @@ std::vector<uint8_t> ServiceLink::ask(uint32_t opcode, std::span<const uint8_t> 
                                  .sap = KS_SERVICE_SAP,
                                  .app_uuid = 0,
                                  .payload_size = static_cast<uint32_t>(descriptor.size())};
-  std::vector<uint8_t> datagram(sizeof header + descriptor.size());
+  std::vector<uint8_t> datagram(HOST_WIRE_MAX_DATAGRAM);  // for the reply as well, so that no copy of a key is left
   std::memcpy(datagram.data(), &header, sizeof header);
   if (!descriptor.empty()) std::memcpy(datagram.data() + sizeof header, descriptor.data(), descriptor.size());
-  if (host::send_datagram(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0) throw lost("sent");
+  if (host::send_datagram(socket_.get(), datagram.data(), sizeof header + descriptor.size(), MSG_NOSIGNAL) < 0)
+    throw lost("sent");
 
-  datagram.resize(HOST_WIRE_MAX_DATAGRAM);
   const host::Deadline deadline = host::Deadline::in_ms(hello_.receive_limit_ms);
   const ssize_t size = host::receive(socket_.get(), datagram.data(), datagram.size(), deadline, false);
   if (size < 0) throw lost("received");
@@ -84,11 +92,9 @@ std::vector<uint8_t> ServiceLink::ask(uint32_t opcode, std::span<const uint8_t> 
                               "those in [administrators] of its configuration",
                               socket_path_));
   }
-  if (result != KS_SUCCESS) {
-    throw Failure(result == KS_NOT_FOUND ? Exit::kNotFound : Exit::kFailed,
-                  fmt::format("{}: {} ({}); the service's log says more", socket_path_, kserr2str(result), result));
-  }
-  return {datagram.begin() + sizeof header, datagram.begin() + size};
+  if (reply != nullptr) reply->assign(datagram.begin() + sizeof header, datagram.begin() + size);
+  explicit_bzero(datagram.data(), datagram.size());  // a request may bear a key
+  return result;
 }
 
 Failure ServiceLink::too_short() const {

@@ -27,6 +27,10 @@ class ServiceLink {
   // another result.
   std::vector<uint8_t> ask(uint32_t opcode, std::span<const uint8_t> descriptor = {});
 
+  // result_of is that for a message whose every result has its own meaning to the caller. It leaves the reply, result
+  // included, in `reply` when that isn't null.
+  KsResult result_of(uint32_t opcode, std::span<const uint8_t> descriptor = {}, std::vector<uint8_t> *reply = nullptr);
+
   // ask_for gives the reply as the record that it begins with.
   template <typename Reply>
   Reply ask_for(uint32_t opcode, std::span<const uint8_t> descriptor = {}) {

@@ -20,6 +20,10 @@
 #define HOST_OP_LIMITS UINT32_C(7)
 #define HOST_OP_RELOAD UINT32_C(8)
 #define HOST_OP_CHECKPOINT UINT32_C(9)
+#define HOST_OP_BEGIN_BACKUP UINT32_C(16)
+#define HOST_OP_NEXT_BACKUP_PART UINT32_C(17)
+#define HOST_OP_CHANGE_MASTER_KEY UINT32_C(18)
+#define HOST_OP_MASTER_KEY_CHANGE UINT32_C(19)
 
 /* The largest datagram either end sends: header, and a payload whose lengths are 16 bits wide with room to spare for
  * names and descriptors (a store has two 16-bit lengths). Both ends size their socket buffers for it. */
@@ -241,6 +245,46 @@ typedef struct {
 } HostCheckpointReply;
 
 KS_STATIC_ASSERT(sizeof(HostCheckpointReply) == 16);
+
+/* HostBackupRequest begins a backup on this connection, in the place of one that it had begun. The service seals all it
+ * tells: nobody without the key reads it. The opening is that of the file, which the first part is bound to.
+ *
+ * HOST_OP_NEXT_BACKUP_PART, without a payload, is answered with the next sealed part as result, length and data; with
+ * no data when the one before was the last. KS_NOT_FOUND: no backup was begun, or it wasn't read for too long. */
+typedef struct {
+  uint8_t key[32];
+  uint8_t opening[36];
+} HostBackupRequest;
+
+typedef struct {
+  uint32_t result; /* KS_SUCCESS; KS_TIMEOUT while too many are being read */
+  uint32_t parts;
+  uint64_t entries;
+  uint64_t version; /* of the last change that is in it */
+  uint8_t stream_header[24];
+} HostBackupReply;
+
+KS_STATIC_ASSERT(sizeof(HostBackupRequest) == 68);
+KS_STATIC_ASSERT(sizeof(HostBackupReply) == 48);
+
+/* HOST_OP_CHANGE_MASTER_KEY begins a change of the master key, or has one go on that was stopped. Its payload is empty,
+ * or, where the service's key is a credential, the 32 bytes of the next one. HostKeyChangeReply answers
+ * HOST_OP_MASTER_KEY_CHANGE, without a payload, which asks how far it has come. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t state;  /* HOST_KEY_... */
+  uint64_t moved;
+  uint64_t entries;
+} HostKeyChangeReply;
+
+enum {
+  HOST_KEY_ONE = 0,     /* no change is under way */
+  HOST_KEY_MOVING = 1,  /* entries move to the next key */
+  HOST_KEY_STOPPED = 2, /* a failure stopped it: the log tells which */
+  HOST_KEY_WAITING = 3  /* all have moved, and the next start is to bring the next key */
+};
+
+KS_STATIC_ASSERT(sizeof(HostKeyChangeReply) == 24);
 
 /* HostReplyShape is what a reply to the keystore's message `opcode` has to hold, so that whoever reads it without
  * looking finds it there. Every reply begins with its result. What follows counts with KS_SUCCESS alone; the shape of

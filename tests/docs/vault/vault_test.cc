@@ -101,6 +101,51 @@ Octets with_vault_id(Octets associated, const Octets &vault_id) {
   return associated;
 }
 
+// run_ksctl runs ksctl with the page's passphrase on descriptor 9, and gives its errors.
+std::string run_ksctl(const std::string &arguments) {
+  const ks_test::ProgramRun run =
+      ks_test::run_program({"/bin/bash", "-c", "exec 9<<<'correct horse'; exec " KS_SERVICE_DIR "/ksctl " + arguments});
+  EXPECT_EQ(run.status, 0) << run.errors;
+  return run.errors;
+}
+
+// key_by_page makes a key of the page's passphrase.
+Octets key_by_page(const Octets &parameters) {
+  const auto number = [&](size_t at) {
+    return size_t{parameters.at(at)} | size_t{parameters.at(at + 1)} << 8 | size_t{parameters.at(at + 2)} << 16;
+  };
+  Octets key(32);
+  const std::string passphrase = "correct horse";
+  EXPECT_EQ(crypto_pwhash(key.data(), key.size(), passphrase.data(), passphrase.size(), &parameters.at(8), number(0),
+                          number(4) * 1024, crypto_pwhash_ALG_ARGON2ID13),
+            0);
+  return key;
+}
+
+// open_backup gives the stream of a backup of one part, or nothing.
+Octets open_backup(const Octets &backup) {
+  if (backup.size() < 60 + 17) return {};
+  const Octets key = key_by_page({backup.begin() + 12, backup.begin() + 36});
+  crypto_secretstream_xchacha20poly1305_state state;
+  crypto_secretstream_xchacha20poly1305_init_pull(&state, &backup[36], key.data());
+  Octets plain(backup.size() - 60 - 17);
+  unsigned char tag = 0;
+  const int refused = crypto_secretstream_xchacha20poly1305_pull(&state, plain.data(), nullptr, &tag, &backup[60],
+                                                                 backup.size() - 60, backup.data(), 36);
+  return refused == 0 && tag == crypto_secretstream_xchacha20poly1305_TAG_FINAL ? plain : Octets();
+}
+
+Octets joined(const std::vector<Octets> &parts) {
+  Octets all;
+  for (const Octets &one : parts) all.insert(all.end(), one.begin(), one.end());
+  return all;
+}
+
+Octets read_file(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
 Octets mark_of(const Octets &row_and_version) {
   Octets mark(32);
   const Octets key = derive(2, 32);
@@ -212,6 +257,112 @@ TEST(VaultPage, TellsWhenTheWitnessIsAheadOfTheVault) {
   begin_anew(service);
   make_vault_of_page(service, 2);
   EXPECT_THROW(service.start(), std::runtime_error);
+}
+
+TEST(VaultPage, SealsTheNextMasterKeyUnderThePresentOne) {
+  EXPECT_EQ(open(bytes("sealed-next-key"), bytes("next-key-associated-data")), page().bytes("next-master-key"));
+  Octets id(16);
+  crypto_kdf_derive_from_key(id.data(), id.size(), 3, "ksdvault", bytes("next-master-key").data());
+  EXPECT_EQ(id, page().bytes("next-key-id"));
+}
+
+// A daemon that finds the page's change begun ends it: the page's next key is in the place of the page's key then.
+TEST(VaultPage, BeginsAChangeOfKeysThatTheDaemonEnds) {
+  ServiceProcess service;
+  begin_anew(service);
+  make_vault_of_page(service, 1);
+  {
+    Database db(service.vault());
+    db.run("INSERT INTO key_change VALUES (1, ?, ?, 0)", {bytes("next-key-id"), bytes("sealed-next-key")});
+  }
+  service.start();
+  while (read_file(service.master_key_file()) != bytes("next-master-key")) usleep(1000);
+  service.stop();
+  EXPECT_EQ(Database(service.vault()).run("SELECT key_id FROM vault").at(0), bytes("next-key-id"));
+  EXPECT_TRUE(Database(service.vault()).run("SELECT * FROM key_change").empty());
+  service.start();
+  EXPECT_EQ(RawClient(service.socket()).exchange(66567, {8, 2}, named("home")).result(), kSuccess);
+}
+
+TEST(VaultPage, OpensAVaultOfTheFirstSchema) {
+  ServiceProcess service;
+  begin_anew(service);
+  make_vault_of_page(service, 1);
+  Database(service.vault()).script("DROP TABLE key_change; PRAGMA user_version = 1");
+  service.start();
+  EXPECT_EQ(RawClient(service.socket()).exchange(66567, {8, 2}, named("home")).result(), kSuccess);
+  service.stop();
+  EXPECT_EQ(Database(service.vault()).text("PRAGMA user_version"), "1") << "it is served as it is";
+  run_ksctl("vault migrate --vault " + service.vault() + " --master-key-file " + service.master_key_file());
+  EXPECT_EQ(Database(service.vault()).text("PRAGMA user_version"), "2");
+  service.start();
+  EXPECT_EQ(RawClient(service.socket()).exchange(66567, {8, 2}, named("home")).result(), kSuccess);
+}
+
+TEST(BackupPage, MakesItsKeyOfItsPassphrase) {
+  EXPECT_EQ(key_by_page(bytes("passphrase-parameters")), bytes("passphrase-key"));
+}
+
+TEST(BackupPage, IsSealedAsItSays) {
+  const Octets body = joined({bytes("backup-head"), bytes("backup-entry-head"), bytes("entry")});
+  EXPECT_EQ(open_backup(bytes("backup")), joined({body, bytes("backup-trailer")}));
+  Octets hash(32);
+  crypto_generichash(hash.data(), hash.size(), body.data(), body.size(), nullptr, 0);
+  EXPECT_EQ(part(bytes("backup-trailer"), 16, 32), hash);
+}
+
+TEST(BackupPage, MakesABackupThatIsRestored) {
+  ServiceProcess service;
+  begin_anew(service);
+  const std::string file = service.folder() + "/backup";
+  write_file(file, bytes("backup"));
+  run_ksctl("restore " + file + " --vault " + service.vault() + " --master-key-file " + service.master_key_file() +
+            " --passphrase-fd 9");
+  service.start();
+  const auto metadata = RawClient(service.socket()).exchange(66567, {8, 2}, named("home"));
+  EXPECT_EQ(metadata.data(), Octets({'c', 'h', 'a', 'n', 'n', 'e', 'l', ' ', '1', '1'}));
+}
+
+TEST(BackupPage, OpensABackupThatWasMade) {
+  ks_test::ServiceSetup setup;
+  setup.config = "[administrators]\nusers = [" + std::to_string(getuid()) + "]\n[[vdc]]\nid = 7\nusers = []\n";
+  ServiceProcess service(setup);
+  begin_anew(service);
+  make_vault_of_page(service, 1);
+  service.start();
+  const std::string file = service.folder() + "/backup";
+  run_ksctl("--socket " + service.socket() + " backup " + file + " --passphrase-fd 9 --passphrase-cost interactive");
+  const Octets backup = read_file(file), stream = open_backup(backup);
+  EXPECT_EQ(part(backup, 0, 12), part(bytes("backup"), 0, 12));
+  EXPECT_EQ(backup.size(), bytes("backup").size());
+  ASSERT_EQ(stream.size(), 48 + 12 + 61 + 48u);
+  EXPECT_EQ(part(stream, 8, 113),
+            part(joined({bytes("backup-head"), bytes("backup-entry-head"), bytes("entry")}), 8, 113))
+      << "but for the time";
+  EXPECT_EQ(part(stream, 121, 16), part(bytes("backup-trailer"), 0, 16));
+}
+
+TEST(SealedKeyPage, IsTheMasterKeyUnderThePassphrase) {
+  ServiceProcess service;
+  begin_anew(service);
+  const std::string text = page().text("text", "sealed-master-key"), file = service.folder() + "/sealed";
+  write_file(file, {text.begin(), text.end()});
+  const std::string moved = service.folder() + "/moved.key";
+  run_ksctl("vault import-key " + file + " --master-key-file " + moved + " --passphrase-fd 9");
+  EXPECT_EQ(read_file(moved), bytes("master-key"));
+
+  Octets sealed(100);
+  size_t size = 0;
+  const std::string digits = text.substr(text.find('\n'), text.rfind("-----END") - text.find('\n'));
+  ASSERT_EQ(sodium_base642bin(sealed.data(), sealed.size(), digits.data(), digits.size(), "\n", &size, nullptr,
+                              sodium_base64_VARIANT_ORIGINAL),
+            0);
+  ASSERT_EQ(size, 100u);
+  EXPECT_EQ(part(sealed, 0, 4), Octets({'k', 's', 'k', '1'}));
+  Octets key(32);
+  EXPECT_EQ(
+      crypto_secretbox_open_easy(key.data(), &sealed[52], 48, &sealed[28], key_by_page(part(sealed, 4, 24)).data()), 0);
+  EXPECT_EQ(key, bytes("master-key"));
 }
 
 TEST(VaultPage, ShowsTheDaemonsSchema) {

@@ -70,6 +70,8 @@ receive_limit_ms = 100
 send_limit_ms = 200
 silence_limit_ms = 300
 supstate = 2
+[vault]
+witness = "/mnt/other/witness"
 [limits]
 connections = 9
 connections_per_user = 8
@@ -91,6 +93,7 @@ debug = [255]
   EXPECT_EQ(config.socket_group, 50u);
   EXPECT_EQ(config.vault, "/var/v");
   EXPECT_EQ(config.master_key_file, "/etc/key");
+  EXPECT_EQ(config.witness, "/mnt/other/witness");
   EXPECT_EQ(config.cache_uri, "");
   EXPECT_EQ(config.log_level, "debug");
   EXPECT_EQ(config.receive_limit_ms, 100u);
@@ -166,10 +169,11 @@ TEST(Config, FillsUserAndVdcIntoTheCacheUri) {
 TEST(Config, RefusesUnknownKeysEverywhere) {
   EXPECT_THAT(
       problems_of("[service]\n  sokcet = \"/x\"\n[services]\n[limits]\nusers = 1\n[[vdc]]\nid = 1\nuser = []\n"),
-      ElementsAre(HasSubstr("f:2:3: unknown key service.sokcet; the nearest known one is socket; known here: socket, "),
-                  "f:3:2: unknown key services; the nearest known one is service; known here: service, limits, trace, "
-                  "administrators, vdc",
-                  HasSubstr("f:5:1: unknown key limits.users"), HasSubstr("f:8:1: unknown key vdc.user")));
+      ElementsAre(
+          HasSubstr("f:2:3: unknown key service.sokcet; the nearest known one is socket; known here: socket, "),
+          "f:3:2: unknown key services; the nearest known one is service; known here: service, vault, limits, trace, "
+          "administrators, vdc",
+          HasSubstr("f:5:1: unknown key limits.users"), HasSubstr("f:8:1: unknown key vdc.user")));
 }
 
 TEST(Config, SaysWhereTheFileIsNoToml) {
@@ -243,6 +247,17 @@ TEST(Config, RefusesRelativeAndTooLongPaths) {
   EXPECT_THAT(problems_of("[service]\nsocket = \"/" + std::string(107, 'x') + "\"\n"),
               ElementsAre("f:2:10: socket is 108 bytes long; at most 107 are possible"));
   EXPECT_THAT(problems_of("[service]\nsocket = \"/" + std::string(106, 'x') + "\"\n"), IsEmpty());
+}
+
+TEST(Config, RefusesAWitnessInThePlaceOfAFileOfTheVault) {
+  EXPECT_THAT(problems_of("[vault]\nwitness = \"here\""), ElementsAre("f:2:11: witness takes an absolute path"));
+  for (const char *file : {"/v", "/v-wal", "/v-journal", "/v-lock", "/v-reserve"}) {
+    EXPECT_THAT(problems_of("[service]\nvault = \"/v\"\n[vault]\nwitness = \"" + std::string(file) + "\""),
+                ElementsAre("f:4:11: witness names a file that the vault needs for itself; name another one"));
+  }
+  EXPECT_THAT(problems_of("[service]\nmaster_key_file = \"/k\"\n[vault]\nwitness = \"/k\""),
+              ElementsAre("f:4:11: witness names the master key; name another file"));
+  EXPECT_THAT(problems_of("[service]\nvault = \"/v\"\n[vault]\nwitness = \"/v-witness\""), IsEmpty());
 }
 
 TEST(Config, RefusesACacheUriThatClientsCantUse) {

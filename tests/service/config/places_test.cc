@@ -50,6 +50,12 @@ TEST_F(Places, MayBeMissingAtAFirstStart) {
   EXPECT_THAT(obstacles(), IsEmpty());
 }
 
+TEST_F(Places, OfAWitnessAreOnAVolumeThatIsThere) {
+  config.witness = path("volume/witness");
+  EXPECT_THAT(obstacles(), ElementsAre("witness: folder " + path("volume") + ": No such file or directory; make it, " +
+                                       "with mode 0700, for user " + user));
+}
+
 TEST_F(Places, OfTheVaultAreMissedWhenThereIsAKey) {
   make_folder("etc");
   make_file("etc/master.key");

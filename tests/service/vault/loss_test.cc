@@ -81,6 +81,27 @@ class LostLog : public testing::Test {
   Folder folder;
 };
 
+// A witness in a second folder, as on another volume, outlasts whatever becomes of the vault's own.
+class WitnessElsewhere : public LostLog {
+ protected:
+  WitnessElsewhere() {
+    folder.open();  // closes it in order
+    std::filesystem::remove(folder.witness());
+  }
+
+  std::string elsewhere() const { return other.path() + "/witness"; }
+  std::unique_ptr<Vault> open_with(const std::string &witness) const {
+    VaultOptions options = folder.options();
+    options.witness = witness;
+    return open_vault(options);
+  }
+  std::string refusal_with(const std::string &witness) const {
+    return refusal_of([&] { open_with(witness); });
+  }
+
+  Folder other;
+};
+
 using LockedVault = LostLog;
 using OthersHands = LostLog;
 
@@ -226,6 +247,55 @@ TEST_F(LostLog, IsNotLookedForAgainInWhatWasAccepted) {
 TEST_F(LostLog, IsNothingToAcceptInAWholeVault) {
   EXPECT_EQ(open_accepting()->count(), static_cast<size_t>(kStores));
   EXPECT_FALSE(std::filesystem::exists(folder.vault() + "-before-loss-1"));
+}
+
+TEST_F(WitnessElsewhere, NoticesThatTheWholeFolderOfTheVaultIsOlder) {
+  open_with(elsewhere());
+  const std::string before = folder.path() + "/before";
+  std::filesystem::copy_file(folder.vault(), before);
+  put(*open_with(elsewhere()), "later", "x");
+  std::filesystem::rename(before, folder.vault());
+  EXPECT_THAT(refusal_with(elsewhere()), StartsWith(folder.vault() + ": it ends with change 8, but its witness " +
+                                                    elsewhere() + " tells of change 9"));
+  EXPECT_EQ(open_with("")->count(), static_cast<size_t>(kStores)) << "without it nobody could know";
+}
+
+TEST_F(WitnessElsewhere, LeavesNoneBesideTheVault) {
+  put(*open_with(elsewhere()), "later", "x");
+  EXPECT_EQ(read_file(elsewhere()).size(), 1024u);
+  EXPECT_FALSE(std::filesystem::exists(folder.witness()));
+}
+
+TEST_F(WitnessElsewhere, IsNeededAfterAKill) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto vault = open_with(elsewhere());
+    put(*vault, "later", "x");
+    _exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_THAT(refusal(), HasSubstr(folder.witness() + ": the vault's witness is missing"));
+  EXPECT_TRUE(open_with(elsewhere())->exists(secret_name("later")));
+}
+
+TEST_F(WitnessElsewhere, IsRefusedWhereOthersMayWriteOrTheFolderIsMissing) {
+  chmod(other.path().c_str(), 0777);
+  EXPECT_THAT(refusal_with(elsewhere()), HasSubstr("run: chmod go-w " + other.path()));
+  EXPECT_THAT(refusal_with(other.path() + "/unmounted/witness"),
+              AllOf(StartsWith(folder.vault() + ": the vault can't be written: "), HasSubstr("/unmounted/witness")));
+}
+
+TEST_F(WitnessElsewhere, IsNeverAFileOfTheVault) {
+  const std::string vault = read_file(folder.vault()), key = read_file(folder.key());
+  const std::string link = other.path() + "/link";
+  std::filesystem::create_hard_link(folder.vault(), link);
+  for (const std::string &taken : {folder.vault(), folder.log(), folder.vault() + "-reserve", folder.key(), link,
+                                   folder.path() + "//master.key"}) {
+    EXPECT_THAT(refusal_with(taken), HasSubstr(": can't be the vault's witness: it is the file "));
+  }
+  EXPECT_EQ(read_file(folder.vault()), vault);
+  EXPECT_EQ(read_file(folder.key()), key);
 }
 
 // Another user who may look into the vault's folder holds every lock on it that can be held.

@@ -67,8 +67,8 @@ TEST_F(OpenVault, RefusesAnotherMasterKey) {
 }
 
 TEST_F(OpenVault, RefusesANewerSchema) {
-  sql("PRAGMA user_version = 2");
-  refuses(folder.vault(), "schema version 2", "start the newer ksd");
+  sql("PRAGMA user_version = 3");
+  refuses(folder.vault(), "schema version 3", "start the newer ksd");
 }
 
 TEST_F(OpenVault, RefusesAFileThatIsEmptyOrNoVault) {
@@ -222,6 +222,15 @@ TEST_F(OpenVault, RefusesAHeaderOfAnOlderVersion) {
   std::filesystem::copy_file(folder.vault(), folder.path() + "/old.db");
   put(*folder.open(), "b", "changed b");
   sql("ATTACH '" + folder.path() + "/old.db' AS old; UPDATE vault SET header = (SELECT header FROM old.vault)");
+  refuses_as_damaged("its entries aren't those of its last change");
+}
+
+// With as many entries, each whole, and all of one moment: the digest alone tells.
+TEST_F(OpenVault, RefusesAnOlderTableUnderTheNewerHeader) {
+  const std::string older = folder.path() + "/older";
+  std::filesystem::copy_file(folder.vault(), older);
+  put(*folder.open(), "b", "another secret");
+  sql("ATTACH '" + older + "' AS older; DELETE FROM entry; INSERT INTO entry SELECT * FROM older.entry");
   refuses_as_damaged("its entries aren't those of its last change");
 }
 

@@ -127,7 +127,7 @@ TEST(Reload, KeepsTheOldConfigurationWhenTheNewOneIsWrong) {
 TEST(Reload, SaysWhatCountsFromTheNextStart) {
   ServiceProcess service;
   service.reload("[service]\nsocket_mode = 0o600\n");
-  EXPECT_THAT(service.log(), HasSubstr("a change of socket, vault or master key counts from the next start"));
+  EXPECT_THAT(service.log(), HasSubstr("a change of socket, vault, master key or witness counts from the next start"));
 }
 
 TEST(Reload, ChangesTheLogLevel) {

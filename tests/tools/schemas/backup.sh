@@ -1,0 +1,1 @@
+ksctl backup b --passphrase-cost interactive --json <<<secret

@@ -1,0 +1,5 @@
+ksctl backup b --passphrase-cost interactive <<<secret
+ksctl restore b --verify --json <<<secret
+for _ in first second; do
+  ksctl restore b --vault "$PWD/copy.db" --master-key-file "$PWD/copy.key" --json <<<secret
+done

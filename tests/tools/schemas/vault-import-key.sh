@@ -1,0 +1,4 @@
+ksctl backup b --passphrase-cost interactive <<<secret >/dev/null
+ksctl restore b --vault "$PWD/copy.db" --master-key-file "$PWD/copy.key" <<<secret >/dev/null
+ksctl vault export-key sealed --master-key-file copy.key --passphrase-cost interactive <<<secret
+ksctl vault import-key sealed --master-key-file moved.key --json <<<secret

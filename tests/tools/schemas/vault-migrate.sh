@@ -1,0 +1,3 @@
+ksctl backup b --passphrase-cost interactive <<<secret >/dev/null
+ksctl restore b --vault "$PWD/copy.db" --master-key-file "$PWD/copy.key" <<<secret >/dev/null
+ksctl vault migrate --vault "$PWD/copy.db" --master-key-file "$PWD/copy.key" --json

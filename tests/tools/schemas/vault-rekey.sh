@@ -1,0 +1,1 @@
+ksctl vault rekey --json

@@ -1,0 +1,37 @@
+// growing_file.h: a file that is written piece by piece, and is there as a whole or not at all.
+#ifndef TOOLS_KSCTL_GROWING_FILE_H
+#define TOOLS_KSCTL_GROWING_FILE_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "base/fd.h"
+
+namespace ksctl {
+
+// GrowingFile has no name until keep gives it one, where the file system can do that; else one that ends in ".part". It
+// never takes the place of a file that is there: Failure kConflict. Other failures are kFailed, with the cause.
+class GrowingFile {
+ public:
+  explicit GrowingFile(const std::string &path);
+  ~GrowingFile();
+  GrowingFile(const GrowingFile &) = delete;
+  GrowingFile &operator=(const GrowingFile &) = delete;
+
+  void write(std::span<const uint8_t> bytes);
+
+  // keep brings it to disk, under its name.
+  void keep();
+
+ private:
+  [[noreturn]] void fail() const;
+
+  const std::string path_, draft_;
+  ksd::UniqueFd file_;
+  bool has_name_ = false;
+};
+
+}  // namespace ksctl
+
+#endif
