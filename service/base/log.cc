@@ -6,11 +6,14 @@
 #include <spdlog/sinks/base_sink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
 #include <memory>
+
+#include "base/fd.h"
 
 namespace ksd {
 namespace {
@@ -30,15 +33,18 @@ const Level *find_level(const std::string &name) {
   return nullptr;
 }
 
+char priority_of(spdlog::level::level_enum level) {
+  if (level <= spdlog::level::debug) return '7';
+  if (level == spdlog::level::info) return '6';
+  return level == spdlog::level::warn ? '4' : '3';
+}
+
 // The journal takes a line's priority from its first characters.
 class JournalPriority : public spdlog::custom_flag_formatter {
  public:
   void format(const spdlog::details::log_msg &message, const std::tm &, spdlog::memory_buf_t &out) override {
-    const char *prefix = "<6>";
-    if (message.level <= spdlog::level::debug) prefix = "<7>";
-    if (message.level == spdlog::level::warn) prefix = "<4>";
-    if (message.level >= spdlog::level::err) prefix = "<3>";
-    out.append(prefix, prefix + 3);
+    const char prefix[] = {'<', priority_of(message.level), '>'};
+    out.append(prefix, prefix + sizeof prefix);
   }
   std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<JournalPriority>(); }
 };
@@ -91,17 +97,52 @@ class StandardError : public spdlog::sinks::base_sink<std::mutex> {
   uint64_t dropped_ = 0;
 };
 
+// Journal takes lines with fields, each as one datagram of its native protocol.
+class Journal {
+ public:
+  void open(const char *path) {
+    address_.sun_family = AF_UNIX;
+    std::string_view(path).copy(address_.sun_path, sizeof address_.sun_path - 1);
+    socket_ = UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  }
+
+  // Tells whether the journal took it.
+  bool take(const LogEvent &event, std::optional<uid_t> client, std::string_view text) const {
+    if (!socket_) return false;
+    std::string datagram =
+        fmt::format("PRIORITY={}\nSYSLOG_IDENTIFIER=ksd\nMESSAGE_ID={}\n", priority_of(event.level), event.id);
+    if (client) datagram += fmt::format("KSD_CLIENT_UID={}\n", *client);
+    // By its length, since a text may have lines of its own.
+    datagram += "MESSAGE\n";
+    for (int shift = 0; shift < 64; shift += 8) datagram += static_cast<char>(uint64_t{text.size()} >> shift);
+    datagram.append(text).append("\n");
+    const ssize_t sent = sendto(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr *>(&address_), sizeof address_);
+    return sent == static_cast<ssize_t>(datagram.size());
+  }
+
+ private:
+  UniqueFd socket_;
+  sockaddr_un address_{};
+};
+
+Journal &the_journal() {
+  static Journal journal;
+  return journal;
+}
+
 constexpr std::chrono::minutes kOneLinePer{1};
 constexpr std::chrono::seconds kLookForRoomEvery{1};
 
 }  // namespace
 
-void start_logging(LogFormat format, const std::string &level) {
+void start_logging(LogFormat format, const std::string &level, const char *journal) {
   auto logger = std::make_shared<spdlog::logger>("ksd", std::make_shared<StandardError>());
   if (format == LogFormat::kAuto && std::getenv("JOURNAL_STREAM") != nullptr) format = LogFormat::kJournal;
   auto formatter = std::make_unique<spdlog::pattern_formatter>();
   if (format == LogFormat::kJournal) {
     formatter->add_flag<JournalPriority>('*').set_pattern("%*%v");
+    the_journal().open(journal);
   } else {
     formatter->set_pattern("%Y-%m-%dT%H:%M:%S.%e%z ksd[%P] %l: %v");
   }
@@ -111,6 +152,15 @@ void start_logging(LogFormat format, const std::string &level) {
   logger->set_error_handler([](const std::string &) {});
   spdlog::set_default_logger(std::move(logger));
   set_log_level(level);
+}
+
+void log_event(const LogEvent &event, std::optional<uid_t> client, std::string_view text) noexcept {
+  try {
+    if (!spdlog::should_log(event.level)) return;
+    if (!the_journal().take(event, client, text)) spdlog::log(event.level, text);
+  } catch (const std::exception &) {
+    return;
+  }
 }
 
 bool is_log_level(const std::string &level) {
@@ -123,6 +173,31 @@ void set_log_level(const std::string &level) {
 
 std::string since_last(uint64_t held_back) {
   return held_back == 0 ? std::string() : fmt::format(" ({} more since the last such line)", held_back);
+}
+
+const LogEvent &LogLimiter::event_of(Kind kind) {
+  switch (kind) {
+    case Kind::kRefused:
+      return event::kConnectionRefused;
+    case Kind::kNearLimit:
+      return event::kNearLimit;
+    case Kind::kForeignName:
+      return event::kForeignName;
+    case Kind::kUnmapped:
+      return event::kUnmapped;
+    case Kind::kStoreRefused:
+      return event::kStoreRefused;
+    case Kind::kAdministration:
+      return event::kAdministrationFailed;
+    case Kind::kBackups:
+      return event::kBackupEnded;
+    case Kind::kCantAccept:
+      return event::kCantAccept;
+    case Kind::kSignal:
+      return event::kNoMemory;
+    default:
+      return event::kClientMisbehaved;
+  }
 }
 
 std::optional<uint64_t> LogLimiter::pass(Kind kind, uid_t uid, Clock::time_point now) {

@@ -12,14 +12,33 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
+
+#include "base/event.h"
 
 namespace ksd {
 
 enum class LogFormat { kAuto, kPlain, kJournal };
 
-// start_logging makes the process's logger. kAuto takes the journal's form when standard error is the journal.
-void start_logging(LogFormat format, const std::string &level);
+inline constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
+
+// start_logging makes the process's logger. kAuto takes the journal's form when standard error is the journal. Then
+// events go to `journal`, with their fields.
+void start_logging(LogFormat format, const std::string &level, const char *journal = kJournalSocket);
+
+// log_event writes the line of an event, about a client if there is one. A line that there is no memory for is lost.
+void log_event(const LogEvent &event, std::optional<uid_t> client, std::string_view text) noexcept;
+
+// tell words an event.
+template <typename... Arguments>
+void tell(const LogEvent &event, fmt::format_string<Arguments...> format, Arguments &&...arguments) noexcept {
+  try {
+    log_event(event, std::nullopt, fmt::format(format, std::forward<Arguments>(arguments)...));
+  } catch (const std::exception &) {
+    return;
+  }
+}
 
 // set_log_level takes "debug", "info", "warning" or "error".
 void set_log_level(const std::string &level);
@@ -63,13 +82,16 @@ class LogLimiter {
     try {
       const std::optional<uint64_t> held_back = pass(kind, uid);
       if (!held_back) return;
-      spdlog::warn("{}{}", fmt::format(format, std::forward<Arguments>(arguments)...), since_last(*held_back));
+      log_event(event_of(kind), uid,
+                fmt::format(format, std::forward<Arguments>(arguments)...) + since_last(*held_back));
     } catch (const std::exception &) {
       return;
     }
   }
 
  private:
+  static const LogEvent &event_of(Kind kind);
+
   struct State {
     std::optional<Clock::time_point> last;
     uint64_t held_back = 0;

@@ -1,7 +1,6 @@
 #include "base/secret_bytes.h"
 
 #include <sodium.h>
-#include <spdlog/spdlog.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -15,6 +14,8 @@
 #include <new>
 #include <tuple>
 #include <vector>
+
+#include "base/log.h"
 
 namespace ksd {
 
@@ -106,8 +107,8 @@ class GuardedHeap {
     for (size_t i = 0; i < slot_count; ++i) chunk.free_slots[i] = static_cast<uint16_t>(slot_count - 1 - i);
     use_.mapped_bytes += mapping_size;
     if (use_.all_locked && !locked) {
-      spdlog::warn("secrets in memory can't all be locked against swapping: {}; raise LimitMEMLOCK",
-                   std::strerror(lock_error));
+      tell(event::kMemoryNotLocked, "secrets in memory can't all be locked against swapping: {}; raise LimitMEMLOCK",
+           std::strerror(lock_error));
     }
     use_.all_locked = use_.all_locked && locked;
   }

@@ -5,6 +5,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <toml++/toml.h>
 
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <tuple>
 
 #include "base/fd.h"
 #include "base/log.h"
@@ -36,6 +38,22 @@ std::optional<uid_t> user_id(const std::string &name) {
 std::optional<gid_t> group_id(const std::string &name) {
   const group *entry = getgrnam(name.c_str());
   return entry != nullptr ? std::optional(entry->gr_gid) : std::nullopt;
+}
+
+// edits_between counts the letters to add, take out, exchange for others or for the next one that make `b` of `a`.
+size_t edits_between(std::string_view a, std::string_view b) {
+  std::vector<std::vector<size_t>> edits(a.size() + 1, std::vector<size_t>(b.size() + 1));
+  for (size_t i = 0; i <= a.size(); ++i) edits[i][0] = i;
+  for (size_t j = 0; j <= b.size(); ++j) edits[0][j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t exchanged = edits[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+      edits[i][j] = std::min({edits[i - 1][j] + 1, edits[i][j - 1] + 1, exchanged});
+      const bool swapped = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+      if (swapped) edits[i][j] = std::min(edits[i][j], edits[i - 2][j - 2] + 1);
+    }
+  }
+  return edits[a.size()][b.size()];
 }
 
 // Reader takes the keys of one table, each at most once, and in the end finds those that nobody asked for. What is
@@ -124,7 +142,11 @@ class Reader {
   void refuse_unknown_keys() {
     for (const auto &[key, node] : table_) {
       if (std::find(known_.begin(), known_.end(), key.str()) != known_.end()) continue;
-      at(key.source(), fmt::format("unknown key {}; known here: {}", name(key.str()), fmt::join(known_, ", ")));
+      const auto nearest = std::min_element(known_.begin(), known_.end(), [&key = key](auto a, auto b) {
+        return edits_between(key.str(), a) < edits_between(key.str(), b);
+      });
+      at(key.source(), fmt::format("unknown key {}; the nearest known one is {}; known here: {}", name(key.str()),
+                                   *nearest, fmt::join(known_, ", ")));
     }
   }
 
@@ -136,7 +158,8 @@ class Reader {
     return where_.empty() ? std::string(key) : fmt::format("{}.{}", where_, key);
   }
   void at(const toml::source_region &source, std::string text) {
-    problems_.push_back({source.begin.line, source.begin.column, std::move(text)});
+    problems_.push_back(
+        {source.begin.line, source.begin.column, std::move(text), source.path ? *source.path : std::string()});
   }
 
   const toml::table &table_;
@@ -193,6 +216,21 @@ void read_socket_mode(Reader &reader, Config &config) {
   }
 }
 
+void read_sandbox(Reader &reader, Config &config) {
+  constexpr std::pair<std::string_view, Sandbox> kChoices[] = {
+      {"auto", Sandbox::kAuto}, {"off", Sandbox::kOff}, {"required", Sandbox::kRequired}};
+  const toml::node *node = reader.take("sandbox");
+  if (node == nullptr) return;
+  const auto text = node->value_exact<std::string>();
+  for (const auto &[name, choice] : kChoices) {
+    if (text == name) {
+      config.sandbox = choice;
+      return;
+    }
+  }
+  reader.problem(*node, "sandbox takes \"auto\", \"off\" or \"required\"");
+}
+
 void read_service(Reader &reader, Config &config) {
   read_path(reader, "socket", kLongestSocketPath, config.socket);
   read_socket_mode(reader, config);
@@ -214,6 +252,7 @@ void read_service(Reader &reader, Config &config) {
   reader.number("stop_limit_ms", kLeastWait, kMostWait, config.stop_limit_ms);
   reader.number("supstate", 0, UINT32_MAX, config.supstate);
   reader.flag("allow_nobody", config.allow_nobody);
+  read_sandbox(reader, config);
 }
 
 // The vault's own files lie beside it, under its name and one of these endings.
@@ -407,6 +446,76 @@ std::optional<std::string> read_file(int fd) {
   }
 }
 
+// read_safely reads the file at `path`, or says why not.
+std::optional<std::string> read_safely(const std::string &path, std::string &out_text) {
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (!fd || fstat(fd.get(), &status) < 0) return std::strerror(errno);
+  if (status.st_rdev == makedev(1, 3)) return std::nullopt;  // /dev/null, in place of a file that is switched off
+  // Whoever writes this file decides who may use which keys.
+  if (auto why = why_others_may_replace(path)) return "isn't safe: " + std::move(*why);
+  std::optional<std::string> text = read_file(fd.get());
+  if (!text) return std::strerror(errno);
+  out_text = std::move(*text);
+  return std::nullopt;
+}
+
+std::optional<toml::table> parse(std::string_view text, const std::string &file, std::vector<ConfigProblem> &problems) {
+  try {
+    return file.empty() ? toml::parse(text) : toml::parse(text, file);
+  } catch (const toml::parse_error &error) {
+    const toml::source_position at = error.source().begin;
+    problems.push_back({at.line, at.column, std::string(error.description()), file});
+    return std::nullopt;
+  }
+}
+
+// Problems quote the file, which may have anything in it, and are told in the order of its lines.
+void arrange(std::vector<ConfigProblem> &problems) {
+  for (ConfigProblem &problem : problems) problem.text = in_one_line(problem.text);
+  std::stable_sort(problems.begin(), problems.end(), [](const auto &a, const auto &b) {
+    return std::tie(a.file, a.line, a.column) < std::tie(b.file, b.line, b.column);
+  });
+}
+
+// merge_tables puts the tables of a later file's array into that of earlier ones, in place of those with the same id.
+// Two of one file with the same id stay: they are a mistake, which is told.
+void merge_tables(toml::array &into, toml::array &&from) {
+  const size_t earlier = into.size();
+  const auto id_of = [](const toml::node &node) {
+    const toml::table *table = node.as_table();
+    return table != nullptr ? table->get_as<int64_t>("id") : nullptr;
+  };
+  for (toml::node &element : from) {
+    const auto *id = id_of(element);
+    size_t at = 0;
+    while (at < earlier && (id == nullptr || id_of(into[at]) == nullptr || **id_of(into[at]) != **id)) ++at;
+    // A node is moved, not copied: only so it remembers where it stands in its file.
+    std::move(element).visit([&](auto &&node) {
+      if (at < earlier) {
+        into.replace(into.cbegin() + static_cast<std::ptrdiff_t>(at), std::forward<decltype(node)>(node));
+      } else {
+        into.push_back(std::forward<decltype(node)>(node));
+      }
+    });
+  }
+}
+
+// merge puts what a later file says into what earlier ones said.
+void merge(toml::table &into, toml::table &&from) {
+  for (auto &&[key, node] : from) {
+    toml::node *there = into.get(key);
+    if (there != nullptr && there->is_table() && node.is_table()) {
+      merge(*there->as_table(), std::move(*node.as_table()));
+    } else if (there != nullptr && there->is_array_of_tables() && node.is_array_of_tables()) {
+      merge_tables(*there->as_array(), std::move(*node.as_array()));
+    } else {
+      into.erase(key);
+      std::move(node).visit([&, &key = key](auto &&value) { into.insert(key, std::forward<decltype(value)>(value)); });
+    }
+  }
+}
+
 // number_of takes a text that is a number and nothing else.
 std::optional<uint32_t> number_of(std::string_view text) {
   uint32_t number = 0;
@@ -432,6 +541,12 @@ std::optional<SubordinateUsers> subordinate_users_of(std::string_view line) {
 std::vector<SubordinateUsers> load_subordinate_users() {
   const UniqueFd fd(open(kSubordinateUsersPath, O_RDONLY | O_CLOEXEC));
   return parse_subordinate_users(fd ? read_file(fd.get()).value_or("") : "");
+}
+
+// Only groups are looked at by what users of containers belong to.
+void look_up_containers(Config &config) {
+  const bool needed = !config.vdc_of_group.empty() || !config.administrator_groups.empty();
+  if (needed) config.subordinate_users = load_subordinate_users();
 }
 
 ParsedConfig file_problem(std::string text) {
@@ -485,16 +600,8 @@ std::string Config::cache_uri_of(const Caller &caller) const {
 
 ParsedConfig parse_config(std::string_view text) {
   ParsedConfig parsed;
-  try {
-    read_all(toml::parse(text), parsed.config, parsed.problems);
-  } catch (const toml::parse_error &error) {
-    const toml::source_position at = error.source().begin;
-    parsed.problems.push_back({at.line, at.column, std::string(error.description())});
-  }
-  for (ConfigProblem &problem : parsed.problems) problem.text = in_one_line(problem.text);
-  std::stable_sort(parsed.problems.begin(), parsed.problems.end(), [](const auto &a, const auto &b) {
-    return std::pair(a.line, a.column) < std::pair(b.line, b.column);
-  });
+  if (const auto table = parse(text, {}, parsed.problems)) read_all(*table, parsed.config, parsed.problems);
+  arrange(parsed.problems);
   return parsed;
 }
 
@@ -510,23 +617,36 @@ std::vector<SubordinateUsers> parse_subordinate_users(std::string_view text) {
 }
 
 ParsedConfig load_config(const std::string &path) {
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  struct stat status {};
-  if (!fd || fstat(fd.get(), &status) < 0) return file_problem(std::strerror(errno));
-  // Whoever writes this file decides who may use which keys.
-  if (auto why = why_others_may_replace(path)) return file_problem("isn't safe: " + std::move(*why));
-  const std::optional<std::string> text = read_file(fd.get());
-  if (!text) return file_problem(std::strerror(errno));
-  ParsedConfig parsed = parse_config(*text);
-  const bool needed = !parsed.config.vdc_of_group.empty() || !parsed.config.administrator_groups.empty();
-  if (needed) parsed.config.subordinate_users = load_subordinate_users();
+  std::string text;
+  if (auto why = read_safely(path, text)) return file_problem(std::move(*why));
+  ParsedConfig parsed = parse_config(text);
+  look_up_containers(parsed.config);
   parsed.config.file = path;
   return parsed;
 }
 
+ParsedConfig load_layers(const std::vector<std::string> &files) {
+  ParsedConfig parsed;
+  toml::table all;
+  for (const std::string &file : files) {
+    std::string text;
+    if (auto why = read_safely(file, text)) {
+      parsed.problems.push_back({0, 0, std::move(*why), file});
+    } else if (auto table = parse(text, file, parsed.problems)) {
+      merge(all, std::move(*table));
+    }
+  }
+  // Whatever stands elsewhere, a file that can't be read would be missing from it.
+  if (parsed.problems.empty()) read_all(all, parsed.config, parsed.problems);
+  arrange(parsed.problems);
+  look_up_containers(parsed.config);
+  return parsed;
+}
+
 std::string describe(const std::string &path, const ConfigProblem &problem) {
-  if (problem.line == 0) return fmt::format("{}: {}", path, problem.text);
-  return fmt::format("{}:{}:{}: {}", path, problem.line, problem.column, problem.text);
+  const std::string &file = problem.file.empty() ? path : problem.file;
+  if (problem.line == 0) return fmt::format("{}: {}", file, problem.text);
+  return fmt::format("{}:{}:{}: {}", file, problem.line, problem.column, problem.text);
 }
 
 }  // namespace ksd::config

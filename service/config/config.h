@@ -20,8 +20,8 @@
 
 namespace ksd::config {
 
-inline constexpr char kDefaultConfigPath[] = "/etc/ks/ksd.toml";
 inline constexpr char kDefaultVaultPath[] = "/var/lib/ks/vault.db";
+inline constexpr char kDefaultMasterKeyPath[] = "/var/lib/ks-key/master.key";
 
 // Limits bounds what users may take, each user alone and all together. Bytes are those of secrets and metadata. All
 // users without a VDC count as one user.
@@ -56,13 +56,16 @@ struct Gates {
   Gates() { record.set(HOST_DEFAULT_RECORDED_SUBTYPE); }
 };
 
+// Sandbox says whether the process gives up what it won't need.
+enum class Sandbox { kAuto, kOff, kRequired };
+
 struct Config {
   std::string file;  // where it was read from
   std::string socket = HOST_DEFAULT_SOCKET;
   mode_t socket_mode = 0666;
   std::optional<gid_t> socket_group;
   std::string vault = kDefaultVaultPath;
-  std::string master_key_file;  // empty: the one of the systemd credentials directory
+  std::string master_key_file;  // empty: the systemd credential or, without any, kDefaultMasterKeyPath
   std::string witness;          // where the last change is remembered; empty: beside the vault
   std::string cache_uri = "lmdb:///run/user/{uid}/ks";
   std::string log_level = "info";
@@ -71,6 +74,7 @@ struct Config {
   uint32_t silence_limit_ms = 10000;  // how long a new connection may say nothing
   uint32_t stop_limit_ms = 5000;      // how long connections have to take their replies when the service ends
   uint32_t supstate = 0;
+  Sandbox sandbox = Sandbox::kAuto;
   bool allow_nobody = false;  // whether 65534, as which users of containers show, may be mapped to a VDC
   Limits limits;
   Gates gates;
@@ -96,6 +100,7 @@ struct ConfigProblem {
   uint32_t line = 0;
   uint32_t column = 0;
   std::string text;
+  std::string file = {};  // of several; empty when there is but one
 };
 
 struct ParsedConfig {
@@ -113,7 +118,11 @@ std::vector<SubordinateUsers> parse_subordinate_users(std::string_view text);
 // problem of line 0.
 ParsedConfig load_config(const std::string &path);
 
-// describe words a problem as compilers do: "file:line:column: text".
+// load_layers reads all of `files` as one configuration: a key of a later file replaces that of an earlier one, and of
+// the [[vdc]] those with the same id. Without any file every value is the default.
+ParsedConfig load_layers(const std::vector<std::string> &files);
+
+// describe words a problem as compilers do: "file:line:column: text". `path` is the file where the problem names none.
 std::string describe(const std::string &path, const ConfigProblem &problem);
 
 }  // namespace ksd::config

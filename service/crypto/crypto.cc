@@ -1,9 +1,10 @@
 #include "crypto/crypto.h"
 
 #include <sodium.h>
-#include <spdlog/spdlog.h>
 
 #include <stdexcept>
+
+#include "base/log.h"
 
 namespace ksd::crypto {
 
@@ -12,8 +13,9 @@ AlgorithmSet start() {
   const AlgorithmSet passed = self_test();
   for (size_t i = 0; i < passed.size(); ++i) {
     if (passed[i]) continue;
-    spdlog::critical("{} failed its self-test and is refused; reinstall the cryptographic library, then restart",
-                     algorithm_name(static_cast<Algorithm>(i)));
+    tell(event::kAlgorithmFailed,
+         "{} failed its self-test and is refused; reinstall the cryptographic library, then restart",
+         algorithm_name(static_cast<Algorithm>(i)));
   }
   return passed;
 }

@@ -15,16 +15,19 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
 #include "base/trust.h"
+#include "config/layers.h"
 #include "crypto/crypto.h"
 #include "handlers/service.h"
 #include "server/counter_lines.h"
 #include "server/instance_lock.h"
 #include "server/listener.h"
 #include "server/notify.h"
+#include "server/sandbox.h"
 #include "server/server.h"
 #include "server/state_page.h"
 #include "vault/vault.h"
@@ -122,8 +125,14 @@ UniqueFd signals_as_file() {
   return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+using Wait = std::optional<std::chrono::nanoseconds>;
+
+Wait sooner(Wait a, Wait b) {
+  return a && b ? std::min(a, b) : a ? a : b;
+}
+
 void log_problems(const std::string &path, const std::vector<config::ConfigProblem> &problems) {
-  for (const config::ConfigProblem &problem : problems) spdlog::error("{}", describe(path, problem));
+  for (const config::ConfigProblem &problem : problems) tell(event::kConfigRefused, "{}", describe(path, problem));
 }
 
 void log_counters(const Counters &counters) {
@@ -135,6 +144,22 @@ vault::Limits vault_limits(const config::Limits &limits) {
           .entries_per_user = limits.entries_per_user,
           .bytes = limits.bytes,
           .bytes_per_user = limits.bytes_per_user};
+}
+
+// What the service goes on using of the file system. Users and groups are looked up at each reload, with the help of
+// whatever modules the machine has for it.
+FileNeeds needs_of(const config::Config &config, const std::string &config_file, const std::string &socket_folder) {
+  FileNeeds needs;
+  needs.changed = {socket_folder, folder_of(config.vault)};
+  if (!config.master_key_file.empty()) needs.changed.push_back(folder_of(config.master_key_file));
+  if (!config.witness.empty()) needs.changed.push_back(folder_of(config.witness));
+  needs.read = config::standard_folders();
+  if (!config_file.empty()) needs.read.push_back(folder_of(config_file));
+  if (const char *credentials = std::getenv("CREDENTIALS_DIRECTORY")) needs.read.emplace_back(credentials);
+  for (const char *folder : {"/etc", "/usr", "/lib", "/lib64", "/run", "/var/lib/sss", "/var/lib/extrausers"}) {
+    needs.read.emplace_back(folder);
+  }
+  return needs;
 }
 
 class Daemon {
@@ -157,7 +182,8 @@ class Daemon {
     notifier_.ready();
     std::optional<std::chrono::nanoseconds> next_start;
     while (!asked_to_end()) {
-      if (wait(next_start)) accept_some(server);
+      if (wait(sooner(next_start, notifier_.watch_interval()))) accept_some(server);
+      notifier_.alive();
       next_start = server.start_next();
     }
     notifier_.stopping();
@@ -181,6 +207,9 @@ class Daemon {
     if (const auto why = why_others_may_write(folder_of(socket_path_))) {
       throw std::runtime_error(fmt::format("the folder of the socket isn't safe: {}", *why));
     }
+    // Before there is any thread, so that all of them are confined.
+    vault::make_folders(vault_options(config));
+    confine(config.sandbox, needs_of(config, options_.config, folder_of(socket_path_)));
     instance_lock_.emplace(socket_path_);
     // The page comes before the socket: clients look at it once they are greeted.
     state_page_.emplace(socket_path_);
@@ -192,14 +221,19 @@ class Daemon {
 
   void open_service(const config::Config &config) {
     const crypto::AlgorithmSet usable = crypto::start();
-    std::unique_ptr<vault::Vault> opened = vault::open_vault({.path = config.vault,
-                                                              .master_key_file = config.master_key_file,
-                                                              .witness = config.witness,
-                                                              .accept_loss = options_.accept_loss,
-                                                              .limits = vault_limits(config.limits),
-                                                              .passphrase = read_passphrase(options_.passphrase_fd)});
+    vault::VaultOptions options = vault_options(config);
+    options.passphrase = read_passphrase(options_.passphrase_fd);
+    std::unique_ptr<vault::Vault> opened = vault::open_vault(options);
     vault_ = opened.get();
     service_.emplace(std::move(opened), usable);
+  }
+
+  vault::VaultOptions vault_options(const config::Config &config) const {
+    return {.path = config.vault,
+            .master_key_file = config.master_key_file,
+            .witness = config.witness,
+            .accept_loss = options_.accept_loss,
+            .limits = vault_limits(config.limits)};
   }
 
   void close_socket() {
@@ -252,7 +286,8 @@ class Daemon {
     config::ParsedConfig parsed = load(options_);
     if (!parsed.problems.empty()) {
       log_problems(options_.config, parsed.problems);
-      spdlog::error("the configuration wasn't reloaded; the old one stays in force");
+      tell(event::kReloadRefused, "the configuration wasn't reloaded; the old one stays in force");
+      notifier_.refused(describe(options_.config, parsed.problems.front()));
     }
     return parsed;
   }
@@ -273,7 +308,8 @@ class Daemon {
     const bool needs_restart = config.socket != old.socket || config.socket_mode != old.socket_mode ||
                                config.socket_group != old.socket_group || config.vault != old.vault ||
                                config.master_key_file != old.master_key_file || config.witness != old.witness;
-    if (needs_restart) spdlog::warn("a change of socket, vault, master key or witness counts from the next start");
+    if (needs_restart)
+      tell(event::kNeedsRestart, "a change of socket, vault, master key or witness counts from the next start");
     set_log_level(config.log_level);
     config_.replace(config);
     vault_->use_limits(vault_limits(config.limits));
@@ -301,11 +337,20 @@ class Daemon {
 }  // namespace
 
 config::ParsedConfig load(const Options &options) {
-  config::ParsedConfig parsed = config::load_config(options.config);
+  config::ParsedConfig parsed;
+  if (options.config.empty()) {
+    parsed = config::load_layers(config::find_layers(config::standard_folders()));
+    parsed.config.file = config::standard_folders().front() + '/' + config::kDropInFolderName;
+  } else {
+    parsed = config::load_config(options.config);
+    parsed.config.file = options.config;
+  }
   config::Config &config = parsed.config;
   if (!options.socket.empty()) config.socket = options.socket;
   if (!options.vault.empty()) config.vault = options.vault;
   if (!options.master_key_file.empty()) config.master_key_file = options.master_key_file;
+  const bool has_credentials = std::getenv("CREDENTIALS_DIRECTORY") != nullptr;
+  if (config.master_key_file.empty() && !has_credentials) config.master_key_file = config::kDefaultMasterKeyPath;
   if (!options.log_level.empty()) config.log_level = options.log_level;
   return parsed;
 }
@@ -325,7 +370,7 @@ int run_daemon(const Options &options) {
   try {
     Daemon(options, parsed.config).run();
   } catch (const std::exception &error) {
-    spdlog::critical("{}", error.what());
+    tell(event::kStartFailed, "{}", error.what());
     return 1;
   }
   return 0;

@@ -11,12 +11,13 @@ namespace ksd::server {
 
 // Options is the command line. An empty text leaves to the configuration what it is about.
 struct Options {
-  std::string config;
+  std::string config;  // a file to read instead of those of the standard folders
   std::string socket;
   std::string vault;
   std::string master_key_file;
   std::string log_level;
   LogFormat log_format = LogFormat::kAuto;
+  bool allow_root = false;
   bool accept_loss = false;  // of what the vault lacks at this start
   int passphrase_fd = -1;    // from which the passphrase of the master key is read; -1: the key isn't sealed
 };

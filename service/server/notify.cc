@@ -6,7 +6,9 @@
 #include <sys/time.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -35,15 +37,33 @@ int socket_option(int socket, int option) {
   return getsockopt(socket, SOL_SOCKET, option, &value, &size) < 0 ? -1 : value;
 }
 
+// watch_interval_of_environment is half of what the manager waits for at most, if it watches this process.
+std::optional<std::chrono::nanoseconds> watch_interval_of_environment() {
+  const std::string pid = take_variable("WATCHDOG_PID");
+  const std::string limit = take_variable("WATCHDOG_USEC");
+  uint64_t microseconds = 0;
+  const char *end = limit.data() + limit.size();
+  const bool is_number = std::from_chars(limit.data(), end, microseconds).ptr == end && microseconds > 0;
+  if (!is_number || (!pid.empty() && pid != std::to_string(getpid()))) return std::nullopt;
+  constexpr uint64_t kLongest = 3'600'000'000;
+  return std::chrono::microseconds(std::min(microseconds, kLongest)) / 2;
+}
+
 }  // namespace
 
-Notifier::Notifier() : address_(take_variable("NOTIFY_SOCKET")) {}
+Notifier::Notifier() : address_(take_variable("NOTIFY_SOCKET")), watch_interval_(watch_interval_of_environment()) {}
 
 void Notifier::ready() {
-  tell("READY=1\nSTATUS=serving");
+  tell(refusal_.empty() ? "READY=1\nSTATUS=serving\n"
+                        : fmt::format("READY=1\nSTATUS=serving; a changed configuration was refused: {}\n", refusal_));
+}
+
+void Notifier::alive() {
+  if (watch_interval_) tell("WATCHDOG=1");
 }
 
 void Notifier::reloading() {
+  refusal_.clear();
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   tell(fmt::format("RELOADING=1\nMONOTONIC_USEC={}", now.tv_sec * 1'000'000 + now.tv_nsec / 1000));

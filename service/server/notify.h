@@ -4,8 +4,10 @@
 #define SERVICE_SERVER_NOTIFY_H
 
 #include <atomic>
+#include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "base/fd.h"
 
@@ -15,11 +17,17 @@ namespace ksd::server {
 // manager that doesn't read has no room for, it isn't told.
 class Notifier {
  public:
-  // Takes the variable out of the environment.
+  // Takes the variables out of the environment.
   Notifier();
 
   void ready();
+  // alive is to be called at least every watch_interval, if there is one: a manager that doesn't hear it for twice as
+  // long takes the service for hung and starts another.
+  void alive();
+  std::optional<std::chrono::nanoseconds> watch_interval() const { return watch_interval_; }
   void reloading();
+  // refused has the next `ready` say that the configuration on the disk isn't the one in force, and why.
+  void refused(std::string problem) { refusal_ = std::move(problem); }
   void stopping();
 
  private:
@@ -27,6 +35,8 @@ class Notifier {
 
   std::string address_;
   std::atomic<bool> doesnt_read_{false};
+  std::string refusal_;
+  std::optional<std::chrono::nanoseconds> watch_interval_;
 };
 
 // passed_socket takes the listening socket that the service manager passed, if it did (LISTEN_FDS), and the variables

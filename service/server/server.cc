@@ -100,7 +100,7 @@ void Server::finish() {
   if (ended_.wait_for(lock, std::chrono::milliseconds(current_config_.snapshot()->stop_limit_ms), all_ended)) return;
   // A client that reads slowly, or not at all, could keep the service for as long as it likes. What it hasn't read by
   // now it doesn't get; what it asked to be stored is stored.
-  spdlog::warn("{} connections didn't take their replies in time; closing them", sockets_.size());
+  tell(event::kRepliesNotTaken, "{} connections didn't take their replies in time; closing them", sockets_.size());
   for (const int socket : sockets_) shutdown(socket, SHUT_RDWR);
   ended_.wait(lock, all_ended);
 }

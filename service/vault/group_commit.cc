@@ -1,8 +1,8 @@
 #include "vault/group_commit.h"
 
-#include <spdlog/spdlog.h>
-
 #include <new>
+
+#include "base/log.h"
 
 namespace ksd::vault {
 namespace {
@@ -81,7 +81,7 @@ KsResult GroupCommit::write_back(uint64_t &pages) {
   between_groups([&] {
     const std::optional<WriteFailure> failed = writer_.write_log_back(pages);
     if (!failed) return;
-    spdlog::error("{}: its log can't be written back: {}", writer_.path(), failed->text);
+    tell(event::kLogNotWrittenBack, "{}: its log can't be written back: {}", writer_.path(), failed->text);
     if (writer_.is_broken()) log_failure(*failed);
     result = failed->code;
   });
@@ -243,12 +243,12 @@ KsResult GroupCommit::begin_key_change(std::shared_ptr<const SecretBytes> next) 
         prepare_key_file(master_, *next);
       }
       if (const std::optional<WriteFailure> failed = writer_.begin_key_change(next, state_.header)) {
-        spdlog::error("{}: the master key isn't changed: {}", writer_.path(), failed->text);
+        tell(event::kKeyNotChanged, "{}: the master key isn't changed: {}", writer_.path(), failed->text);
         drop_prepared_key(master_);
         return failed->code;
       }
     } catch (const std::runtime_error &error) {
-      spdlog::error("{}; the master key isn't changed", error.what());
+      tell(event::kKeyNotChanged, "{}; the master key isn't changed", error.what());
       return KS_FW_BAD_CELL;
     }
     spdlog::info("{}: the change of the master key begins", writer_.path());
@@ -276,8 +276,9 @@ void GroupCommit::stop_changing_key(const char *why) noexcept {
   key_change_runs_ = false;
   tell_progress(KeyChangeProgress::State::kStopped);
   try {
-    spdlog::error("{}: the change of the master key stopped: {}; what has moved stays, ask for it again to go on",
-                  writer_.path(), why);
+    tell(event::kKeyNotChanged,
+         "{}: the change of the master key stopped: {}; what has moved stays, ask for it again to go on",
+         writer_.path(), why);
   } catch (...) {  // no memory for a line
   }
 }
@@ -358,9 +359,9 @@ void GroupCommit::log_failure(const WriteFailure &failure) noexcept {
   failing_ = true;
   try {
     const bool lasts = failure.code == KS_FW_BAD_CELL;
-    spdlog::error("{}: changes are refused: {}; reads go on. {}", writer_.path(), failure.text,
-                  lasts ? "Look after the disk, then restart the service: until then nothing is written"
-                        : "Make room on the disk or look after it");
+    tell(event::kChangesRefused, "{}: changes are refused: {}; reads go on. {}", writer_.path(), failure.text,
+         lasts ? "Look after the disk, then restart the service: until then nothing is written"
+               : "Make room on the disk or look after it");
   } catch (...) {  // no memory for a line
     failing_ = false;
   }

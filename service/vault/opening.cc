@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -7,6 +6,7 @@
 #include <stdexcept>
 #include <unordered_set>
 
+#include "base/log.h"
 #include "base/trust.h"
 #include "vault/aside.h"
 #include "vault/file_vault.h"
@@ -37,7 +37,8 @@ void begin(Writer &writer, const Header &header) {
         fmt::format("{}: the vault can't be written: {}; make the file, its folder and its disk writable",
                     writer.path(), failed->text));
   }
-  spdlog::error("{}: the disk of the vault is full: changes are refused, reads go on; make room on it", writer.path());
+  tell(event::kDiskFull, "{}: the disk of the vault is full: changes are refused, reads go on; make room on it",
+       writer.path());
 }
 
 void refuse_what_others_may_write(const std::string &path) {
@@ -62,17 +63,8 @@ void keep_from_others(const std::string &path) {
   if (stat(path.c_str(), &info) != 0 || (info.st_mode & 077) == 0) return;
   const mode_t wanted = info.st_mode & 0700;
   if (chmod(path.c_str(), wanted) != 0) return;
-  spdlog::warn("{}: others could open it; its mode was {:04o} and is {:04o} now", path, info.st_mode & 0777, wanted);
-}
-
-// make_folders makes, at a first start, the folders of vault and key, as far as those above are there. When there is a
-// key, there was a vault, and where its folder is missing a disk may be that isn't mounted.
-void make_folders(const VaultOptions &options) {
-  if (options.master_key_file.empty() || file_exists(options.master_key_file)) return;
-  for (const std::string &path : {options.path, options.master_key_file}) {
-    const std::string folder = folder_of(path);
-    if (mkdir(folder.c_str(), 0700) == 0) spdlog::info("{}: made the folder", folder);
-  }  // what can't be made is missed below, with what to do
+  tell(event::kVaultWasOpen, "{}: others could open it; its mode was {:04o} and is {:04o} now", path,
+       info.st_mode & 0777, wanted);
 }
 
 // refuse_without_vault keeps an empty vault from being made where a lost one stood.
@@ -112,8 +104,8 @@ class Losses {
             fmt::format("the vault's witness {}, and the vault was in use when its service ended or the copy was made",
                         witness_.file_is_there() ? "isn't of this vault or is damaged" : "is missing"));
     } else if (!told && (header.last_version != 0 || witness_.file_is_there())) {
-      spdlog::warn("{}: the vault's witness {}; made anew", witness_.path(),
-                   witness_.file_is_there() ? "isn't of this vault or is damaged" : "wasn't there");
+      tell(event::kWitnessMadeAnew, "{}: the vault's witness {}; made anew", witness_.path(),
+           witness_.file_is_there() ? "isn't of this vault or is damaged" : "wasn't there");
     }
   }
 
@@ -128,11 +120,11 @@ class Losses {
                       "them and goes on with what is whole",
                       line));
     }
-    spdlog::warn("{}. This loss is accepted", line);
+    tell(event::kLossAccepted, "{}. This loss is accepted", line);
     if (accepted_) return;
     accepted_ = true;
     const std::string folder = put_aside(options_.path, {options_.path, log_path_, witness_.path()});
-    spdlog::warn("{}: the files as they were are in {}", options_.path, folder);
+    tell(event::kLossAccepted, "{}: the files as they were are in {}", options_.path, folder);
   }
 
   const VaultOptions &options_;
@@ -253,6 +245,14 @@ Examined examine(Found &found, const VaultOptions &options) {
 }
 
 }  // namespace
+
+void make_folders(const VaultOptions &options) {
+  if (options.master_key_file.empty() || file_exists(options.master_key_file)) return;
+  for (const std::string &path : {options.path, options.master_key_file}) {
+    const std::string folder = folder_of(path);
+    if (mkdir(folder.c_str(), 0700) == 0) spdlog::info("{}: made the folder", folder);
+  }  // what can't be made is missed below, with what to do
+}
 
 Examined examine_vault(const VaultOptions &options) {
   Found found(options);

@@ -1,7 +1,8 @@
 #include "vault/use_watch.h"
 
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
+
+#include "base/log.h"
 
 namespace ksd::vault {
 namespace {
@@ -21,7 +22,8 @@ void UseWatch::watch(const std::string &path, int64_t user, const Use &use, cons
   if (!reaches(use, limit, 70)) said_.erase(user);
   if (!reaches(use, limit, 80) || !said_.insert(user).second) return;
   const char *suffix = user == kAllUsers ? "" : "_per_user";
-  spdlog::warn(
+  tell(
+      event::kRoomRunsOut,
       "{}: 80 % of the room of {} is used: {} of {} entries, {} of {} bytes; clear some, or raise entries{} or bytes{} "
       "under [limits]",
       path, user == kAllUsers ? "all users" : fmt::format("user {}", user), use.entries, limit.entries, use.bytes,

@@ -77,6 +77,11 @@ struct VaultOptions {
   PassphraseCost passphrase_cost = kModerateCost;           // of a key that is made
 };
 
+// make_folders makes, at a first start, the folders of vault and key, as far as those above are there; what can't be
+// made is missed by open_vault, with what to do. When there is a key, there was a vault, and where its folder is
+// missing a disk may be that isn't mounted. open_vault does it too: this is for who gives up the right to before.
+void make_folders(const VaultOptions &options);
+
 // Examined is what an examination of a vault has found.
 struct Examined {
   uint64_t entries = 0;

@@ -1,12 +1,12 @@
 #include "vault/writer.h"
 
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
 
+#include "base/log.h"
 #include "vault/files.h"
 
 namespace ksd::vault {
@@ -179,8 +179,9 @@ void Writer::store_in_witness(uint64_t version) noexcept {
   if (witness_failing_) return;
   witness_failing_ = true;
   try {
-    spdlog::error("{}: can't be written: {}; a vault that lacks later changes wouldn't be noticed. Look after its disk",
-                  witness_.path(), errno_text(error));
+    tell(event::kWitnessNotWritten,
+         "{}: can't be written: {}; a vault that lacks later changes wouldn't be noticed. Look after its disk",
+         witness_.path(), errno_text(error));
   } catch (...) {  // no memory for a line
   }
 }

@@ -118,9 +118,10 @@ int Session::run(const std::vector<std::string> &command) {
 void Session::start_service() {
   const int log = open(folder_.file("ksd.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (log < 0) fail(folder_.file("ksd.log"));
-  const std::vector<std::string> arguments{
+  std::vector<std::string> arguments{
       service_program(),        "--config",          folder_.file("ksd.toml"),  "--vault",
       folder_.file("vault.db"), "--master-key-file", folder_.file("master.key")};
+  if (geteuid() == 0) arguments.emplace_back("--allow-root");  // whoever runs the command runs its service
   const pid_t session = getpid();
   service_ = ks_tools::Child(arguments, old_mask_, [&] {
     end_with(session, SIGKILL);  // which it gets even when it is stopped; nothing that it answered is lost by it

@@ -2,14 +2,17 @@
 #include <fmt/format.h>
 
 #include "command.h"
+#include "config/layers.h"
 #include "config/places.h"
 
 namespace ksctl {
 namespace {
 
 void check(Session &session, const Arguments &arguments) {
-  const std::string file = arguments.text_or("FILE", ksd::config::kDefaultConfigPath);
-  const ksd::config::ParsedConfig parsed = ksd::config::load_config(file);
+  const std::string file = arguments.text_or("FILE", "/etc/ks/ksd.toml.d");
+  const ksd::config::ParsedConfig parsed =
+      arguments.has("FILE") ? ksd::config::load_config(file)
+                            : ksd::config::load_layers(ksd::config::find_layers(ksd::config::standard_folders()));
   const std::vector<ksd::config::ConfigProblem> found = ksd::config::find_problems(parsed);
   const std::optional<std::string> needed =
       found.empty() ? ksd::config::what_else_it_needs(parsed.config) : std::nullopt;
@@ -39,7 +42,7 @@ void check(Session &session, const Arguments &arguments) {
 
 std::span<const Command> config_commands() {
   static constexpr Parameter kParameters[] = {
-      {"FILE", Kind::kFile, "The configuration, /etc/ks/ksd.toml if not given"},
+      {"FILE", Kind::kFile, "The configuration, as the service reads it if not given"},
   };
   static constexpr Command kCommands[] = {
       {"config check", "Say what is wrong with a configuration, as `ksd --check` does", kParameters, check,

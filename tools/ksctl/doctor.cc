@@ -17,6 +17,7 @@
 
 #include "base/fd.h"
 #include "command.h"
+#include "config/layers.h"
 
 namespace ksctl {
 namespace {
@@ -124,9 +125,11 @@ Patient patient_of(const Session &session, const Arguments &arguments) {
   Patient patient;
   patient.socket = session.socket;
   patient.config_named = arguments.has("--config");
-  patient.config_path = arguments.text_or("--config", ksd::config::kDefaultConfigPath);
+  const std::vector<std::string> layers = ksd::config::find_layers(ksd::config::standard_folders());
+  patient.config_path = arguments.text_or("--config", layers.empty() ? "/etc/ks/ksd.toml" : layers.front().c_str());
   if (access(patient.config_path.c_str(), R_OK) == 0) {
-    ksd::config::ParsedConfig parsed = ksd::config::load_config(patient.config_path);
+    ksd::config::ParsedConfig parsed =
+        patient.config_named ? ksd::config::load_config(patient.config_path) : ksd::config::load_layers(layers);
     if (parsed.problems.empty()) patient.config = std::move(parsed.config);
   }
   if (patient.config) {
@@ -182,7 +185,7 @@ void doctor(Session &session, const Arguments &arguments) {
 
 std::span<const Command> doctor_commands() {
   static constexpr Parameter kDoctor[] = {
-      {"--config", Kind::kFile, "The service's configuration, instead of /etc/ks/ksd.toml"},
+      {"--config", Kind::kFile, "The service's configuration, instead of those in /etc/ks, /run/ks and of the vendor"},
       {"--vault", Kind::kFile, "The vault, instead of the configuration's"},
       {"--master-key-file", Kind::kFile, "The master key, instead of the configuration's"},
   };

@@ -15,6 +15,7 @@
 
 #include "base/fd.h"
 #include "base/trust.h"
+#include "config/layers.h"
 #include "doctor.h"
 #include "vault/log_file.h"
 #include "vault/record.h"
@@ -54,9 +55,12 @@ void look_at_config(const Patient &patient, Findings &findings) {
     return findings.fault(fmt::format("{}: isn't there", path), "name the service's configuration by --config");
   }
   if (access(path.c_str(), R_OK) != 0) return findings.unknown(fmt::format("{}: {}", path, std::strerror(errno)));
-  for (const ksd::config::ConfigProblem &problem : ksd::config::load_config(path).problems) {
-    findings.fault(ksd::config::describe(path, problem),
-                   fmt::format("mend it, and see with: ksd --check --config {}", path));
+  const std::string check = patient.config_named ? "ksd --check --config " + path : "ksd --check";
+  const auto parsed = patient.config_named
+                          ? ksd::config::load_config(path)
+                          : ksd::config::load_layers(ksd::config::find_layers(ksd::config::standard_folders()));
+  for (const ksd::config::ConfigProblem &problem : parsed.problems) {
+    findings.fault(ksd::config::describe(path, problem), "mend it, and see with: " + check);
   }
   look_at_writers(patient, path, findings);
   look_at_writers(patient, folder_of(path), findings);

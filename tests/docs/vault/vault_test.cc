@@ -260,10 +260,11 @@ TEST(VaultPage, TellsWhenTheWitnessIsAheadOfTheVault) {
 }
 
 TEST(VaultPage, SealsTheNextMasterKeyUnderThePresentOne) {
-  EXPECT_EQ(open(bytes("sealed-next-key"), bytes("next-key-associated-data")), page().bytes("next-master-key"));
+  EXPECT_EQ(open(page.filled("sealed-next-key"), page.filled("next-key-associated-data")),
+            page.bytes("next-master-key"));
   Octets id(16);
-  crypto_kdf_derive_from_key(id.data(), id.size(), 3, "ksdvault", bytes("next-master-key").data());
-  EXPECT_EQ(id, page().bytes("next-key-id"));
+  crypto_kdf_derive_from_key(id.data(), id.size(), 3, "ksdvault", page.filled("next-master-key").data());
+  EXPECT_EQ(id, page.bytes("next-key-id"));
 }
 
 // A daemon that finds the page's change begun ends it: the page's next key is in the place of the page's key then.
@@ -273,12 +274,12 @@ TEST(VaultPage, BeginsAChangeOfKeysThatTheDaemonEnds) {
   make_vault_of_page(service, 1);
   {
     Database db(service.vault());
-    db.run("INSERT INTO key_change VALUES (1, ?, ?, 0)", {bytes("next-key-id"), bytes("sealed-next-key")});
+    db.run("INSERT INTO key_change VALUES (1, ?, ?, 0)", {page.filled("next-key-id"), page.filled("sealed-next-key")});
   }
   service.start();
-  while (read_file(service.master_key_file()) != bytes("next-master-key")) usleep(1000);
+  while (read_file(service.master_key_file()) != page.filled("next-master-key")) usleep(1000);
   service.stop();
-  EXPECT_EQ(Database(service.vault()).run("SELECT key_id FROM vault").at(0), bytes("next-key-id"));
+  EXPECT_EQ(Database(service.vault()).run("SELECT key_id FROM vault").at(0), page.filled("next-key-id"));
   EXPECT_TRUE(Database(service.vault()).run("SELECT * FROM key_change").empty());
   service.start();
   EXPECT_EQ(RawClient(service.socket()).exchange(66567, {8, 2}, named("home")).result(), kSuccess);
@@ -300,22 +301,22 @@ TEST(VaultPage, OpensAVaultOfTheFirstSchema) {
 }
 
 TEST(BackupPage, MakesItsKeyOfItsPassphrase) {
-  EXPECT_EQ(key_by_page(bytes("passphrase-parameters")), bytes("passphrase-key"));
+  EXPECT_EQ(key_by_page(page.filled("passphrase-parameters")), page.filled("passphrase-key"));
 }
 
 TEST(BackupPage, IsSealedAsItSays) {
-  const Octets body = joined({bytes("backup-head"), bytes("backup-entry-head"), bytes("entry")});
-  EXPECT_EQ(open_backup(bytes("backup")), joined({body, bytes("backup-trailer")}));
+  const Octets body = joined({page.filled("backup-head"), page.filled("backup-entry-head"), page.filled("entry")});
+  EXPECT_EQ(open_backup(page.filled("backup")), joined({body, page.filled("backup-trailer")}));
   Octets hash(32);
   crypto_generichash(hash.data(), hash.size(), body.data(), body.size(), nullptr, 0);
-  EXPECT_EQ(part(bytes("backup-trailer"), 16, 32), hash);
+  EXPECT_EQ(part(page.filled("backup-trailer"), 16, 32), hash);
 }
 
 TEST(BackupPage, MakesABackupThatIsRestored) {
   ServiceProcess service;
   begin_anew(service);
   const std::string file = service.folder() + "/backup";
-  write_file(file, bytes("backup"));
+  write_file(file, page.filled("backup"));
   run_ksctl("restore " + file + " --vault " + service.vault() + " --master-key-file " + service.master_key_file() +
             " --passphrase-fd 9");
   service.start();
@@ -333,23 +334,23 @@ TEST(BackupPage, OpensABackupThatWasMade) {
   const std::string file = service.folder() + "/backup";
   run_ksctl("--socket " + service.socket() + " backup " + file + " --passphrase-fd 9 --passphrase-cost interactive");
   const Octets backup = read_file(file), stream = open_backup(backup);
-  EXPECT_EQ(part(backup, 0, 12), part(bytes("backup"), 0, 12));
-  EXPECT_EQ(backup.size(), bytes("backup").size());
+  EXPECT_EQ(part(backup, 0, 12), part(page.filled("backup"), 0, 12));
+  EXPECT_EQ(backup.size(), page.filled("backup").size());
   ASSERT_EQ(stream.size(), 48 + 12 + 61 + 48u);
   EXPECT_EQ(part(stream, 8, 113),
-            part(joined({bytes("backup-head"), bytes("backup-entry-head"), bytes("entry")}), 8, 113))
+            part(joined({page.filled("backup-head"), page.filled("backup-entry-head"), page.filled("entry")}), 8, 113))
       << "but for the time";
-  EXPECT_EQ(part(stream, 121, 16), part(bytes("backup-trailer"), 0, 16));
+  EXPECT_EQ(part(stream, 121, 16), part(page.filled("backup-trailer"), 0, 16));
 }
 
 TEST(SealedKeyPage, IsTheMasterKeyUnderThePassphrase) {
   ServiceProcess service;
   begin_anew(service);
-  const std::string text = page().text("text", "sealed-master-key"), file = service.folder() + "/sealed";
+  const std::string text = page.text("text", "sealed-master-key"), file = service.folder() + "/sealed";
   write_file(file, {text.begin(), text.end()});
   const std::string moved = service.folder() + "/moved.key";
   run_ksctl("vault import-key " + file + " --master-key-file " + moved + " --passphrase-fd 9");
-  EXPECT_EQ(read_file(moved), bytes("master-key"));
+  EXPECT_EQ(read_file(moved), page.filled("master-key"));
 
   Octets sealed(100);
   size_t size = 0;
@@ -362,7 +363,7 @@ TEST(SealedKeyPage, IsTheMasterKeyUnderThePassphrase) {
   Octets key(32);
   EXPECT_EQ(
       crypto_secretbox_open_easy(key.data(), &sealed[52], 48, &sealed[28], key_by_page(part(sealed, 4, 24)).data()), 0);
-  EXPECT_EQ(key, bytes("master-key"));
+  EXPECT_EQ(key, page.filled("master-key"));
 }
 
 TEST(VaultPage, ShowsTheDaemonsSchema) {

@@ -169,9 +169,11 @@ TEST(Config, FillsUserAndVdcIntoTheCacheUri) {
 TEST(Config, RefusesUnknownKeysEverywhere) {
   EXPECT_THAT(
       problems_of("[service]\n  sokcet = \"/x\"\n[services]\n[limits]\nusers = 1\n[[vdc]]\nid = 1\nuser = []\n"),
-      ElementsAre(HasSubstr("f:2:3: unknown key service.sokcet; known here: socket, "),
-                  "f:3:2: unknown key services; known here: service, vault, limits, trace, administrators, vdc",
-                  HasSubstr("f:5:1: unknown key limits.users"), HasSubstr("f:8:1: unknown key vdc.user")));
+      ElementsAre(
+          HasSubstr("f:2:3: unknown key service.sokcet; the nearest known one is socket; known here: socket, "),
+          "f:3:2: unknown key services; the nearest known one is service; known here: service, vault, limits, trace, "
+          "administrators, vdc",
+          HasSubstr("f:5:1: unknown key limits.users"), HasSubstr("f:8:1: unknown key vdc.user")));
 }
 
 TEST(Config, SaysWhereTheFileIsNoToml) {

@@ -123,6 +123,7 @@ void ServiceProcess::start() {
   Child child;
   child.arguments = {kProgram, "--config",          folder() + "/ksd.toml", "--vault",
                      vault(),  "--master-key-file", master_key_file()};
+  if (geteuid() == 0) child.arguments.emplace_back("--allow-root");
   std::vector<std::string> more = setup_.environment;
   more.push_back("NOTIFY_SOCKET=" + folder() + "/notify");
   if (setup_.passed_socket < 0) {
@@ -247,6 +248,7 @@ ProgramRun run_program(const std::vector<std::string> &arguments,
 
 ProgramRun run_ksd(const std::vector<std::string> &arguments) {
   std::vector<std::string> all{kProgram};
+  if (geteuid() == 0) all.emplace_back("--allow-root");
   all.insert(all.end(), arguments.begin(), arguments.end());
   return run_program(all);
 }

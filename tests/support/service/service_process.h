@@ -75,13 +75,15 @@ class ServiceProcess {
 
   void signal(int number) const;
 
+  // wait_for_notification returns when the service tells its manager `state`, as "WATCHDOG=1".
+  void wait_for_notification(const char *state);
+
   // wait_exit waits until the service ends by itself; the result is that of stop.
   int wait_exit();
 
  private:
   std::string expand(std::string text) const;
   void write_config(const std::string &config) const;
-  void wait_for_notification(const char *state);
 
   ServiceSetup setup_;
   const TemporaryFolder folder_;
