@@ -131,8 +131,13 @@ def help_of(program, *words):
   return usage[1] if usage else "", parts
 
 
+def literal(text):
+  """A text in which nothing is a sign of scdoc's."""
+  return re.sub(r"([*_\\])", r"\\\1", " ".join(text.split()))
+
+
 def terms(entries):
-  return "\n".join("*" + name.replace("_", "\\_").replace(",", "*, *") + "*\n\t" + " ".join(text.split()) + "\n"
+  return "\n".join("*" + re.sub(r",(?=-)", "*, *", name.replace("_", "\\_")) + "*\n\t" + literal(text) + "\n"
                    for name, text in entries)
 
 
@@ -150,7 +155,7 @@ def commands(program, *words):
     if "Subcommands" in below:
       lines.append(commands(program, *own))
       continue
-    lines += ["## " + " ".join(own), "", " ".join(text.split()) + ".", ""]
+    lines += ["## " + " ".join(own), "", literal(text) + ".", ""]
     entries = [entry for entry in below.get("Positionals", []) + below.get("Options", []) if "--help" not in entry[0]]
     if entries:
       lines += [terms(entries)]

@@ -11,14 +11,24 @@ namespace {
 
 constexpr uint32_t kNobody = 0;
 
-// put_text copies a text that may be too long for its place: the end says more than the beginning, of a path anyway.
+constexpr std::string_view kCut = "...";
+
+// put_text copies a text that may be too long for its place: then its beginning.
 template <size_t size>
 void put_text(char (&place)[size], std::string_view text) {
-  constexpr std::string_view kCut = "...";
   const bool fits = text.size() < size;
-  if (!fits) text.remove_prefix(text.size() - (size - 1 - kCut.size()));
+  char *end = std::copy_n(text.begin(), fits ? text.size() : size - 1 - kCut.size(), place);
+  if (!fits) end = std::copy(kCut.begin(), kCut.end(), end);
+  *end = '\0';
+}
+
+// put_path does so for a path, whose end says more than its beginning.
+template <size_t size>
+void put_path(char (&place)[size], std::string_view path) {
+  const bool fits = path.size() < size;
+  if (!fits) path.remove_prefix(path.size() - (size - 1 - kCut.size()));
   char *out = fits ? place : std::copy(kCut.begin(), kCut.end(), place);
-  *std::copy(text.begin(), text.end(), out) = '\0';
+  *std::copy(path.begin(), path.end(), out) = '\0';
 }
 
 uint64_t size_of_file(const std::string &path) {
@@ -130,8 +140,8 @@ void Administration::status(const Asked &asked) {
   status.problem_count = static_cast<uint32_t>(configuration.problem_count);
   status.config_loaded_at = static_cast<uint64_t>(configuration.loaded_at);
   status.reload_failed_at = static_cast<uint64_t>(configuration.failed_at);
-  put_text(status.vault, vault_.path());
-  put_text(status.config, configuration.path);
+  put_path(status.vault, vault_.path());
+  put_path(status.config, configuration.path);
   put_text(status.refusal, condition.refusal);
   if (configuration.problem_count != 0) {
     put_text(status.problem, config::describe(configuration.path, configuration.problem));

@@ -237,7 +237,7 @@ TEST(SystemdCredential, IsTheMasterKeyAndIsChanged) {
   ServiceSetup setup = with_administrator();
   setup.environment = {"CREDENTIALS_DIRECTORY=" + folder.path()};
   // Without --master-key-file and its value.
-  setup.wrapper = {"/bin/bash", "-c", R"(exec "$1" "$2" "$3" "$4" "$5" "$8" "$9")", "bash"};
+  setup.wrapper = {"/bin/bash", "-c", R"(exec "${@:1:5}" "${@:8}")", "bash"};
   ServiceProcess service(setup);
   store(service, 'a');
   EXPECT_THAT(read_file(credential), Not(HasSubstr(std::string(32, 'k'))));
@@ -271,7 +271,8 @@ TEST(PassphraseAtStart, OpensTheKeyAndNothingElseDoes) {
     return run_program({"/bin/bash", "-c",
                         "exec 9<<<'" + passphrase + "'; exec " KS_SERVICE_DIR "/ksd --config " + service.folder() +
                             "/ksd.toml --vault " + service.vault() + " --master-key-file " + service.master_key_file() +
-                            " --socket " + service.socket() + " --passphrase-fd 9"});
+                            " --socket " + service.socket() + " --passphrase-fd 9" +
+                            (geteuid() == 0 ? " --allow-root" : "")});
   };
   const ProgramRun wrong = start_with("another");
   EXPECT_EQ(wrong.status, 1);
