@@ -86,7 +86,8 @@ std::vector<ConfigProblem> find_problems(const ParsedConfig &parsed) {
 
 std::optional<std::string> what_else_it_needs(const Config &config) {
   if (!config.master_key_file.empty() || std::getenv("CREDENTIALS_DIRECTORY") != nullptr) return std::nullopt;
-  return "valid for a service with a systemd credential \"master-key\"; others need master_key_file";
+  return fmt::format("valid; the master key is the systemd credential \"master-key\" of a service with one, else {}",
+                     kDefaultMasterKeyPath);
 }
 
 }  // namespace ksd::config

@@ -39,7 +39,7 @@ int main(int argc, char **argv) {
 
   CLI::App app("ksd keeps secrets and PACs and computes with keys that never leave it.");
   app.add_option("--config", options.config,
-                 fmt::format("Configuration file, read instead of ksd.toml and ksd.toml.d/*.toml in {}",
+                 fmt::format("Configuration file, read instead of ksd.toml and those of ksd.toml.d in {}",
                              fmt::join(ksd::config::standard_folders(), ", ")))
       ->option_text("FILE");
   app.add_option("--socket", options.socket, "Socket to listen on, instead of the configured one")->option_text("PATH");
