@@ -13,7 +13,7 @@ mirror=${KS_MIRROR:-http://deb.debian.org/debian}
 
 # Mounts and processes of its own, which end with it.
 if [ -z "${KS_TEST_INSIDE:-}" ]; then
-  KS_TEST_INSIDE=1 exec unshare --mount --pid --fork --kill-child "$0" "$@"
+  KS_TEST_INSIDE=1 exec unshare --mount --pid --fork --kill-child --mount-proc "$0" "$@"
 fi
 
 say() { printf '==> %s\n' "$*" >&2; }
@@ -157,7 +157,7 @@ grep -q 'the vault stays in /var/lib/ks' "$work/log" || fail "it says nothing of
 for left in ks/vault.db ks-key/master.key; do
   [ -e "$root/var/lib/$left" ] || fail "/var/lib/$left is gone"
 done
-! pgrep --ns $$ --nslist pid -x ksd >/dev/null || fail "the service goes on without its program"
+! pgrep -x ksd >/dev/null || fail "the service goes on without its program"
 
 say "the vault opens again after a new installation"
 quietly in_root sh -c 'apt-get install -y --no-install-recommends /packages/ksd_*.deb /packages/ks-tools_*.deb'
