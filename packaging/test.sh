@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Usage: test.sh PACKAGES WORK
 # Installs the packages of the folder PACKAGES into a bare Debian in the folder WORK, as somebody would who has nothing
-# else, and uses, upgrades, removes and purges them there. Needs root, debootstrap and a mirror ($KS_MIRROR). What
+# else, and uses, upgrades, removes and purges them there. Needs root, debootstrap and a mirror ($KS_MIRROR; that of the machine). What
 # debootstrap made is kept in WORK for the next run.
 set -euo pipefail
 packages=$(cd "$1" && pwd)
 mkdir -p "$2"
 work=$(cd "$2" && pwd)
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-mirror=${KS_MIRROR:-http://deb.debian.org/debian}
+# shellcheck disable=SC2016 # the placeholder is apt's
+mirror=${KS_MIRROR:-$(apt-get indextargets --format '$(REPO_URI)' "Created-By: Packages" | grep -v security | head -n 1)}
 [ "$(id -u)" = 0 ] || exec sudo "$0" "$@"
 
 # Mounts and processes of its own, which end with it.
