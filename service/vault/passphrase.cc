@@ -43,10 +43,11 @@ std::optional<PassphraseParameters> decode_parameters(std::span<const uint8_t, k
 
 std::shared_ptr<const SecretBytes> key_of_passphrase(Bytes passphrase, const PassphraseParameters &parameters) {
   std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kKeySize);
-  const int failed =
-      crypto_pwhash_argon2id(key->writable().data(), key->size(), reinterpret_cast<const char *>(passphrase.data()),
-                             passphrase.size(), parameters.salt.data(), parameters.cost.passes,
-                             size_t{parameters.cost.kibibytes} * 1024, crypto_pwhash_ALG_ARGON2ID13);
+  // An empty one may lie nowhere, and libsodium's copy wants a place all the same.
+  const char *text = passphrase.empty() ? "" : reinterpret_cast<const char *>(passphrase.data());
+  const int failed = crypto_pwhash_argon2id(key->writable().data(), key->size(), text, passphrase.size(),
+                                            parameters.salt.data(), parameters.cost.passes,
+                                            size_t{parameters.cost.kibibytes} * 1024, crypto_pwhash_ALG_ARGON2ID13);
   if (failed != 0) {
     throw std::runtime_error(fmt::format("there is no memory to make a key of the passphrase, which takes {} MiB",
                                          (parameters.cost.kibibytes + 1023) / 1024));
