@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Backups of a full table: how long a backup, its check and a restore take, and what readers and writers see of it.
 // Not timed by the benchmark library, since each is one long run: prints a line for each.
 #include <unistd.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // bare_lmdb.h: the floor of every read of the cache: LMDB by itself, one value read and copied.
 #ifndef BENCH_BARE_LMDB_H
 #define BENCH_BARE_LMDB_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // beside.h: runs a program's benchmarks several times in turns and prints, for each that has a floor, how many times
 // the floor's cost it costs. Only the medians of one run are compared: the machine is then in one state for both.
 #ifndef BENCH_BESIDE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The cache's own functions: a cached read beside the sum of what its contract makes unavoidable, a write, and the
 // purge of 10,000 entries. All gates are shut.
 #include <cstdio>

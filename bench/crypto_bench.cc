@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Cryptography on stored keys beside what it can't do without: a bare ping-pong with messages of the same sizes, and
 // the bare algorithm; with client and service on one core, since waking another one costs several times an exchange on
 // virtual machines. Then one client thread beside four, and the AES of a software token as others offer it.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // One exchange through libks and ksd beside a bare ping-pong with messages of the same sizes. Waking another core costs
 // several times an exchange on virtual machines, so like placements are compared: first both ends on one core, then
 // clients and serving threads wherever the scheduler puts them.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's own part of an exchange, and the cost of a report behind shut gates, over platform libraries that do
 // nothing. The floors stand beside them in the same run: the bare calls that the contract makes unavoidable.
 #include <benchmark/benchmark.h>

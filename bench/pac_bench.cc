@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // PACs through libks: warm reads beside a bare LMDB read of the same size, cold ones beside a bare ping-pong of the
 // same sizes, and the ageing beside the bare exchanges that it takes. All gates are shut.
 #include <cstdio>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ping_pong.h: the floor of every exchange: a datagram there and one back over the same kind of socket, both ends
 // blocking, in a process of its own, a thread for each connection, and nothing else.
 #ifndef BENCH_PING_PONG_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pkcs11_aes.h: AES with a token's key through PKCS #11, as others offer it: SoftHSM in the caller's own process,
 // and the same behind p11-kit's remoting in another one. Both are Debian's packages and looked for when the program
 // runs.

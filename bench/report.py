@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """report.py FOLDER: makes charts of a run of the benchmarks, for each width a FOLDER/WIDTH.svg of FOLDER/WIDTH.jsonl, and
 of all together one page, FOLDER/report.html, that needs nothing but itself.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_bench.cc: reads through libsdb beside bare reads of LMDB of the same value, with the same copy; writes; and what
 // a purge does.
 #include <benchmark/benchmark.h>

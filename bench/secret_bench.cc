@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The secret store through libks and ksd. Look-ups and walks stand beside bare ping-pongs of the same sizes; a store,
 // which is answered when it is on disk, beside a ping-pong and a page written over and synced. All gates are shut.
 #include <fcntl.h>

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* A client with nothing but the library: how soon after ks_init the first reply is in, and what memory it takes. */
 #include <stdint.h>
 #include <stdio.h>

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # What `cmake --install` puts where: GNUInstallDirs says, which below /usr has a library folder for each width. CMake
 # takes the build's search path out of what it installs.
 

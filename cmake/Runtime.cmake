@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # ks_runtime_sources(TARGET): compiles a target as everything that loads into a client is compiled: no C++ runtime, no
 # exceptions, nothing exported that isn't marked so, hardened.
 function(ks_runtime_sources target)

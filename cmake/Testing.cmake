@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # GoogleTest is built from Debian's source package, so that every preset has it for its own width and sanitizer.
 set(BUILD_GMOCK ON)
 set(INSTALL_GTEST OFF)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The PAC cache, shared by processes: one writes, another reads, a third empties it.
 #include "pac_record.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Cryptography on keys that never leave the service, each result beside its published value.
 #include <algorithm>
 #include <cstring>

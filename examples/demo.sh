@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # demo.sh BUILD: shows what the library does, each step by a program of examples/ against a private keystore service.
 set -euo pipefail
 build=$(cd "$1" && pwd)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // example.h: what the examples share: starting the library, giving up with a reason, and showing bytes.
 #ifndef EXAMPLES_EXAMPLE_H
 #define EXAMPLES_EXAMPLE_H

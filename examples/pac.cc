@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The life of EAP-FAST credentials, and what each step costs in messages to the keystore.
 #include <dlfcn.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac_record.h: making the public part of a PAC, as a program that provisions PACs does.
 #ifndef EXAMPLES_PAC_RECORD_H
 #define EXAMPLES_PAC_RECORD_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The life of a secret, in steps that separate processes run: store, list, rename, clear.
 #include <cstring>
 

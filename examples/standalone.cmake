@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Builds the examples against an installed libks:
 #   cmake -S . -B /tmp/examples && cmake --build /tmp/examples && ks-session -- /tmp/examples/first_program
 cmake_minimum_required(VERSION 3.16)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // cache_record: arbitrary bytes as a PAC's value in the cache.
 //
 //   input     label, counted | random, counted | value

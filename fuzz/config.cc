@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // config: arbitrary text as the daemon's configuration.
 //
 //   input     the text

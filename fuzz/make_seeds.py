@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """make_seeds.py: writes the seeds of all fuzz targets anew, each named for what it shows. Bytes are spelt out here, as
 they travel; the layout of an input stands in the opening comment of its target. What a run has found is no part of
 this: such a seed is added to its folder by hand, under a name of its own."""

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac_metadata: arbitrary bytes as the metadata of a PAC, from the keystore and from the cache.
 //
 //   input     identity, counted | metadata

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // reply: arbitrary replies of a false service to every operation that waits for one, through the host platform.
 //
 //   input     operation | greeting or not | length asked for | replies: kind, and payload with its length in front

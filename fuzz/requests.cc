@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // requests: datagrams of several callers, one after the other, through frame, dispatcher and handlers to the vault.
 //
 //   input     first byte: 255 to have the vault opened anew at the end | messages: flags and caller, then either a

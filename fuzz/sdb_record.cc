@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_record: a stored value of the shared database, whole or with one damage.
 //
 //   input     key, counted | damage: kind, position, pattern of 4 bytes | value

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // vault_record: arbitrary bytes as the plain text of a vault's entry and header, and as what is sealed and damaged.
 //
 //   input     damage: kind, position, pattern | bytes

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_api.h: the chief header of libks, the client library of the keystore service.
  *
  * What holds for every function stands once in docs/conventions.md: lengths are in bytes, every operation answers with

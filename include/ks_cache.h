@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_cache.h: the cache of PAC metadata and T-PRF results in the shared database.
  *
  * Several processes see the same entries, and a PAC is read from here without asking the keystore. The library's own

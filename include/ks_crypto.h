@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_crypto.h: cryptography on keys that stay in the keystore. The caller names a stored secret (or a PAC, where it
  * says so) and gives data; the keystore computes and sends back nothing but the outcome. */
 #ifndef KS_CRYPTO_H

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_device.h: operations on the keystore chip that take no name. */
 #ifndef KS_DEVICE_H
 #define KS_DEVICE_H

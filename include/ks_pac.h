@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_pac.h: Protected Access Credentials of EAP-FAST (RFC 4851). A PAC is named by its A-ID, 1 to 31 bytes of any
  * value; its key goes into the keystore and never comes back, its metadata does.
  *

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_secret.h: the secret store. A secret is a byte string that the keystore keeps under a name of the caller's VDC;
  * other operations use it by that name, and none gives it back. */
 #ifndef KS_SECRET_H

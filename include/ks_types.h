@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_types.h: result codes, message opcodes and the records that requests are made of.
  *
  * Everything here crosses a boundary: codes and opcodes are shared with the keystore service, and the records are

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* ks_version.h: the version of these headers and of everything that is built and packaged with them. The build reads
  * the three numbers here and nowhere else. docs/stability.md tells what each of them stands for. */
 #ifndef KS_VERSION_H

@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """bill_of_materials.py FOLDER: writes FOLDER/ks-VERSION.spdx.json, an SPDX 2.3 document of the packages in FOLDER: each
 with its digest and what it needs, and the packages that they were built with. The same packages give the same bytes."""
 import datetime

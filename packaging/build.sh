@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: build.sh FOLDER
 # Builds the Debian packages for amd64 and i386 into FOLDER, then has lintian read them.
 #

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: make_source.sh FOLDER
 # Makes the Debian source tree below FOLDER out of this repository's files and prints its path. Its changelog, and with
 # it every date in the packages, comes from the version in include/ks_version.h and from SOURCE_DATE_EPOCH, so that the same

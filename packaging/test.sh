@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: test.sh PACKAGES WORK
 # Installs the packages of the folder PACKAGES into a bare Debian in the folder WORK, as somebody would who has nothing
 # else, and uses, upgrades, removes and purges them there. Needs root, debootstrap and a mirror ($KS_MIRROR; that of the machine). What

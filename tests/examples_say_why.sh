@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: examples_say_why.sh EXAMPLES
 # Without a service an example ends with status 1, and says where it looked for one and what to do.
 set -euo pipefail

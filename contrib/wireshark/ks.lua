@@ -1,3 +1,6 @@
+-- SPDX-FileCopyrightText: 2026 The ks developers
+-- SPDX-License-Identifier: Apache-2.0
+
 -- ks.lua: shows what `ksctl capture` has recorded, in Wireshark and tshark.
 --
 --   tshark -X lua_script:ks.lua -r FILE -V

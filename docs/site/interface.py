@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """Reads the public headers: every exported function with its comment, taken apart into what the manual needs.
 
 The headers are the one place where a function is described. A comment begins with the function's name; paragraphs that

@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """man.py OUT: makes the manual: pages of section 3 from the headers, the others from man/*.scd by scdoc.
 
 Pages bear no date, so that the same sources give the same bytes.

@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """site.py OUT: makes the site of documents from the pages in docs/, the headers and the manual, and checks its links.
 
 Nothing on it is loaded from elsewhere: it reads the same from a disk without a network.

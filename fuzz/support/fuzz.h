@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // fuzz.h: what all targets share: an input to take bytes from, memory that ends where nothing may be touched, and the
 // word that a property doesn't hold.
 #ifndef FUZZ_FUZZ_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // platform.h: platform libraries that answer every request with one reply and every read of the cache with one value,
 // both guarded at their end. All gates are open, so that every report is formatted. The library's heap is watched: some
 // blocks stay allocated by promise, and go with the input.

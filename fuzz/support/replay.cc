@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // replay FILE-OR-FOLDER...: gives each file, and each file of a folder, to the target once. It stands in for libFuzzer
 // where the compiler has none, so that what was found stays found.
 #include <filesystem>

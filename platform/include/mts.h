@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 /* mts.h: what the library needs of the message service (libmts).
  *
  * The message service carries one request to an addressed service and brings back its reply. Requests are tied to

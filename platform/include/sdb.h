@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 /* sdb.h: what the library needs of the shared database (libsdb).
  *
  * A database is named by its URI in every call and open for the life of the process. Codes are 0 for success; the

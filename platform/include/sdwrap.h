@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 /* sdwrap.h: what the library needs of the trace service (libsdwrap).
  *
  * Two gates stand before every report, one for the history and one for debug output. The library asks both each time

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 /* sysmgr.h: what the library needs of the system manager (libsysmgr). Callable from any thread. */
 #ifndef PLATFORM_SYSMGR_H
 #define PLATFORM_SYSMGR_H

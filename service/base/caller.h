@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // caller.h: on whose behalf the service works.
 #ifndef SERVICE_BASE_CALLER_H
 #define SERVICE_BASE_CALLER_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // counters.h: what the daemon counts, on all threads.
 #ifndef SERVICE_BASE_COUNTERS_H
 #define SERVICE_BASE_COUNTERS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // entry_name.h: the names of entries, as the service keeps them and as they stand on the wire.
 #ifndef SERVICE_BASE_ENTRY_NAME_H
 #define SERVICE_BASE_ENTRY_NAME_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // event.h: what the service may have to tell of that somebody should act on. Each has an id of its own, by which the
 // journal finds all lines of its kind (`journalctl MESSAGE_ID=...`) and the text that explains it (`journalctl -x`):
 // service/systemd/ksd.catalog has an entry for each. An id never changes its meaning.

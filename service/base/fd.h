@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // fd.h: a file descriptor with an owner.
 #ifndef SERVICE_BASE_FD_H
 #define SERVICE_BASE_FD_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // latencies.h: how long messages take, as counts of times of about the same length.
 #ifndef SERVICE_BASE_LATENCIES_H
 #define SERVICE_BASE_LATENCIES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // little_endian.h: numbers in records on disk, which a vault takes along to a machine of another byte order.
 #ifndef SERVICE_BASE_LITTLE_ENDIAN_H
 #define SERVICE_BASE_LITTLE_ENDIAN_H

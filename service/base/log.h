@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // log.h: how the daemon logs. Lines go to standard error: with a time when a person or a file reads them, with a
 // priority in front when the journal does. Nothing that a client sent is ever part of a line.
 #ifndef SERVICE_BASE_LOG_H

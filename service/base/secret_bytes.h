@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // secret_bytes.h: secrets and keys in memory: between guard pages, locked, left out of cores and of forked children,
 // cleansed when the last holder lets go.
 #ifndef SERVICE_BASE_SECRET_BYTES_H

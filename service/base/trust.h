@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // trust.h: whether a file is in hands that may decide over keys: this process's user's or root's, and nobody else's.
 #ifndef SERVICE_BASE_TRUST_H
 #define SERVICE_BASE_TRUST_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // config.h: the configuration of the daemon, as the file tells it and as everybody reads it. A Config never changes:
 // a reload makes another one.
 #ifndef SERVICE_CONFIG_CONFIG_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // layers.h: which files a configuration is made of, in the order that systemd has for its own: the file of the first
 // folder that has one, then all drop-ins by name, of which one in an earlier folder hides its namesakes.
 #ifndef SERVICE_CONFIG_LAYERS_H

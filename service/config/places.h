@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // places.h: whether the files and folders that a configuration names can be what it takes them for.
 #ifndef SERVICE_CONFIG_PLACES_H
 #define SERVICE_CONFIG_PLACES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ciphers.h: the block ciphers, as prepared keys: a key schedule that is made once and then only read, by any number of
 // threads. Data goes straight from where it is to where it shall be; `out` and `in` may be the same bytes.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // cleanse.h: overwrites what was derived from a key when its scope is left, however it is left.
 #ifndef SERVICE_CRYPTO_CLEANSE_H
 #define SERVICE_CRYPTO_CLEANSE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // crypto.h: what the cryptographic messages share: which algorithms may be used, and the keys that are ready for use.
 #ifndef SERVICE_CRYPTO_CRYPTO_H
 #define SERVICE_CRYPTO_CRYPTO_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // digests.h: the digest of a secret between two pieces of data.
 #ifndef SERVICE_CRYPTO_DIGESTS_H
 #define SERVICE_CRYPTO_DIGESTS_H

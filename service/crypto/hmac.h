@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // hmac.h: HMAC (RFC 2104) as prepared keys, and the T-PRF of EAP-FAST (RFC 4851) on top.
 #ifndef SERVICE_CRYPTO_HMAC_H
 #define SERVICE_CRYPTO_HMAC_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // key_cache.h: keeps what was prepared from keys (schedules, digest states, password hashes), so that a key in use is
 // prepared once. It is bounded, its content lies in guarded memory, and it forgets a key as soon as the store says that
 // its content is gone.

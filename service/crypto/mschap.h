@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // mschap.h: the functions of MS-CHAP version 2 (RFC 2759) and its master key (RFC 3079), on hashes of passwords.
 #ifndef SERVICE_CRYPTO_MSCHAP_H
 #define SERVICE_CRYPTO_MSCHAP_H

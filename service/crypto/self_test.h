@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // self_test.h: each algorithm proves itself on published values before it is used.
 #ifndef SERVICE_CRYPTO_SELF_TEST_H
 #define SERVICE_CRYPTO_SELF_TEST_H

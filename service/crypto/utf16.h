@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // utf16.h: from UTF-8, in which passwords are stored and sent, to the UTF-16LE that MS-CHAP hashes and encrypts.
 #ifndef SERVICE_CRYPTO_UTF16_H
 #define SERVICE_CRYPTO_UTF16_H

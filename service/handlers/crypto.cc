@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // crypto.cc: the messages that compute with a stored key: ciphers, digests, HMACs and the functions of
 // MS-CHAP.
 //

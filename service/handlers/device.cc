@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // device.cc: the messages that take no name: random numbers, firmware version and status, compaction.
 #include <sys/random.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // dispatch.h: the decoder table of all messages, and the step from an opcode to its handler.
 #ifndef SERVICE_HANDLERS_DISPATCH_H
 #define SERVICE_HANDLERS_DISPATCH_H

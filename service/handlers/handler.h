@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // handler.h: a handler of messages, and the families of them.
 #ifndef SERVICE_HANDLERS_HANDLER_H
 #define SERVICE_HANDLERS_HANDLER_H

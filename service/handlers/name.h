@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // name.h: the names in requests: how they are read, and who may use them.
 #ifndef SERVICE_HANDLERS_NAME_H
 #define SERVICE_HANDLERS_NAME_H

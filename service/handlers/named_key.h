@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // named_key.h: from the name in a request to a key that is ready for use. Shared by the messages that compute.
 #ifndef SERVICE_HANDLERS_NAMED_KEY_H
 #define SERVICE_HANDLERS_NAMED_KEY_H

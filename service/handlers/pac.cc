@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac.cc: the messages on PACs as such: store, presence, and the T-PRF on a PAC's key. A PAC's metadata is opaque here:
 // whatever a client stores comes back as it was, and only the reader judges it.
 #include <array>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // reply.h: what a handler answers.
 #ifndef SERVICE_HANDLERS_REPLY_H
 #define SERVICE_HANDLERS_REPLY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // request.h: one message as it arrived. The server decodes the frame and knows the caller from the kernel; the handler
 // checks lengths, does the work and fills a reply.
 #ifndef SERVICE_HANDLERS_REQUEST_H

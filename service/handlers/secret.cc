@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // secret.cc: the messages about entries by name: store, describe, find, clear and rename.
 //
 // Names are kept apart by VDC here: a name under a VDC that the caller may not use is answered like one that doesn't

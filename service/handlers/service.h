@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // service.h: what all handlers share.
 #ifndef SERVICE_HANDLERS_SERVICE_H
 #define SERVICE_HANDLERS_SERVICE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // administration.h: the messages for administrators: what the daemon tells about itself, and what it does on request.
 #ifndef SERVICE_SERVER_ADMINISTRATION_H
 #define SERVICE_SERVER_ADMINISTRATION_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // backup_session.h: the backup that an administrator reads over a connection.
 #ifndef SERVICE_SERVER_BACKUP_SESSION_H
 #define SERVICE_SERVER_BACKUP_SESSION_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // connection.h: one client's connection, served by one thread with blocking calls.
 #ifndef SERVICE_SERVER_CONNECTION_H
 #define SERVICE_SERVER_CONNECTION_H

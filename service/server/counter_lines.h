@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // counter_lines.h: what the daemon has counted, for its log.
 #ifndef SERVICE_SERVER_COUNTER_LINES_H
 #define SERVICE_SERVER_COUNTER_LINES_H

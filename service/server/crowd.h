@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // crowd.h: who is connected, for whoever tells about it.
 #ifndef SERVICE_SERVER_CROWD_H
 #define SERVICE_SERVER_CROWD_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // current_config.h: the configuration in force, which a reload replaces while connections are served.
 #ifndef SERVICE_SERVER_CURRENT_CONFIG_H
 #define SERVICE_SERVER_CURRENT_CONFIG_H

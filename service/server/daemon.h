@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // daemon.h: the life of the daemon from its start to its orderly end.
 #ifndef SERVICE_SERVER_DAEMON_H
 #define SERVICE_SERVER_DAEMON_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // frame.h: the check of a datagram before anything in it is believed.
 #ifndef SERVICE_SERVER_FRAME_H
 #define SERVICE_SERVER_FRAME_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // gate.h: how much of one user's work is done at a time, so that users with much to do leave room for the others.
 #ifndef SERVICE_SERVER_GATE_H
 #define SERVICE_SERVER_GATE_H

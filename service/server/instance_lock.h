@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // instance_lock.h: one service for a socket at a time.
 #ifndef SERVICE_SERVER_INSTANCE_LOCK_H
 #define SERVICE_SERVER_INSTANCE_LOCK_H

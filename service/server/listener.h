@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // listener.h: the socket on which the service is found.
 #ifndef SERVICE_SERVER_LISTENER_H
 #define SERVICE_SERVER_LISTENER_H

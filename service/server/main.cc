@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ksd: the keystore service. The command line is read here; what it asks for happens in daemon.cc.
 #include <fmt/format.h>
 #include <fmt/ranges.h>

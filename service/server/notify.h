@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // notify.h: the two small protocols by which a service manager and the daemon speak: state notifications, and sockets
 // that the manager opened.
 #ifndef SERVICE_SERVER_NOTIFY_H

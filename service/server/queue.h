@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // queue.h: a queue of things that are linked by themselves, so that joining it takes no memory and can't fail.
 #ifndef SERVICE_SERVER_QUEUE_H
 #define SERVICE_SERVER_QUEUE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // reloader.h: the configuration read again while the service runs, and what became of that.
 #ifndef SERVICE_SERVER_RELOADER_H
 #define SERVICE_SERVER_RELOADER_H

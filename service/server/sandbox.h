@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sandbox.h: the process gives up what it won't need, so that whoever finds a way to misuse it has little to misuse: of
 // the file system, all but a few folders (Landlock); of the kernel, all calls but those of a service on a Unix socket
 // that starts threads and no programs (seccomp); and memory that is both written and executed.

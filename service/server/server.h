@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // server.h: the connections that are open, who holds them, and the threads that serve them.
 #ifndef SERVICE_SERVER_SERVER_H
 #define SERVICE_SERVER_SERVER_H

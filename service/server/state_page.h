@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // state_page.h: the page beside the socket through which clients learn what may change while they run.
 #ifndef SERVICE_SERVER_STATE_PAGE_H
 #define SERVICE_SERVER_STATE_PAGE_H

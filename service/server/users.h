@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // users.h: who is connected, with how many connections, and how fast new ones come.
 #ifndef SERVICE_SERVER_USERS_H
 #define SERVICE_SERVER_USERS_H

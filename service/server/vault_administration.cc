@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The messages for administrators that are about the vault: backups, and its master key.
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // aside.h: copies of files as they were found, before anything is done to them.
 #ifndef SERVICE_VAULT_ASIDE_H
 #define SERVICE_VAULT_ASIDE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // backup.h: the file that a backup is: all entries of one instant, sealed under a passphrase, as one stream that is
 // written and read in constant memory. docs/vault-format.md shows it byte by byte.
 #ifndef SERVICE_VAULT_BACKUP_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // database.h: the vault's file. SQLite keeps the rows; what is in them is sealed and none of its business.
 #ifndef SERVICE_VAULT_DATABASE_H
 #define SERVICE_VAULT_DATABASE_H

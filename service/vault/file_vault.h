@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // file_vault.h: the vault itself: reads from memory, and what a change makes of the table.
 #ifndef SERVICE_VAULT_FILE_VAULT_H
 #define SERVICE_VAULT_FILE_VAULT_H

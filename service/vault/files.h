@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // files.h: small steps with files that the vault and its key share.
 #ifndef SERVICE_VAULT_FILES_H
 #define SERVICE_VAULT_FILES_H

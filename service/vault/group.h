@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // group.h: changes that are decided one after the other and reach the disk in one commit.
 #ifndef SERVICE_VAULT_GROUP_H
 #define SERVICE_VAULT_GROUP_H

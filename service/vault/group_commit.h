@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // group_commit.h: the thread of all writes. What came in while one group was on its way to the disk is the next group.
 #ifndef SERVICE_VAULT_GROUP_COMMIT_H
 #define SERVICE_VAULT_GROUP_COMMIT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // keys.h: what a vault is sealed with: one master key, or two of them while it moves from one to the other.
 #ifndef SERVICE_VAULT_KEYS_H
 #define SERVICE_VAULT_KEYS_H

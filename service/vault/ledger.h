@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ledger.h: who uses how much of the vault, against the limits.
 #ifndef SERVICE_VAULT_LEDGER_H
 #define SERVICE_VAULT_LEDGER_H

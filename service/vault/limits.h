@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // limits.h: how much a vault takes.
 #ifndef SERVICE_VAULT_LIMITS_H
 #define SERVICE_VAULT_LIMITS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // load.h: what a vault's file says, opened and checked against its header.
 #ifndef SERVICE_VAULT_LOAD_H
 #define SERVICE_VAULT_LOAD_H

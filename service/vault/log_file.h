@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // log_file.h: what the vault's write-ahead log looks like before SQLite reads it. SQLite takes what is whole at its
 // beginning and never says that there was more.
 #ifndef SERVICE_VAULT_LOG_FILE_H

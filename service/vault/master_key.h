@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // master_key.h: where the master key lives: in a file, as it is or sealed under a passphrase, or in the file that
 // systemd hands over as a credential.
 #ifndef SERVICE_VAULT_MASTER_KEY_H

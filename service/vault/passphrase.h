@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // passphrase.h: keys made of passphrases, by Argon2id.
 #ifndef SERVICE_VAULT_PASSPHRASE_H
 #define SERVICE_VAULT_PASSPHRASE_H

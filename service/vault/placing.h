@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // placing.h: a whole new vault in the place of the old one. A vault is several files, and no rename moves them all, so
 // the new ones stand ready in a folder beside the vault. From the instant in which that folder bears its name, the new
 // vault is the vault: whoever opens it next moves the files to their places first, as often as that is interrupted.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // read_mostly_lock.h: the lock between the readers of the table and the thread that changes it.
 #ifndef SERVICE_VAULT_READ_MOSTLY_LOCK_H
 #define SERVICE_VAULT_READ_MOSTLY_LOCK_H

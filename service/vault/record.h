@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // record.h: what the vault keeps, in memory and as the plain text of sealed records.
 #ifndef SERVICE_VAULT_RECORD_H
 #define SERVICE_VAULT_RECORD_H

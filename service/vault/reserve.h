@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // reserve.h: room on the disk that is kept back, so that on a full one entries can still be cleared.
 #ifndef SERVICE_VAULT_RESERVE_H
 #define SERVICE_VAULT_RESERVE_H

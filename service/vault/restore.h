@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // restore.h: a vault out of a backup.
 #ifndef SERVICE_VAULT_RESTORE_H
 #define SERVICE_VAULT_RESTORE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // seal.h: how records are sealed: XChaCha20-Poly1305 under a key derived from the master key, each record bound to the
 // vault it stands in, to what it is and to its row. A record copied to another row or another vault doesn't open.
 #ifndef SERVICE_VAULT_SEAL_H

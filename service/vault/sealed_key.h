@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sealed_key.h: a master key under a passphrase, as a text that may be sent or printed. docs/vault-format.md shows it.
 #ifndef SERVICE_VAULT_SEALED_KEY_H
 #define SERVICE_VAULT_SEALED_KEY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // state.h: the vault in memory.
 #ifndef SERVICE_VAULT_STATE_H
 #define SERVICE_VAULT_STATE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // store.h: where the keystore's entries live, behind an interface of its own so that another store can stand there.
 #ifndef SERVICE_VAULT_STORE_H
 #define SERVICE_VAULT_STORE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // table.h: the index of all entries in memory: by name and alias in constant time, and by dense position.
 #ifndef SERVICE_VAULT_TABLE_H
 #define SERVICE_VAULT_TABLE_H

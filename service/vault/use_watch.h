@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // use_watch.h: says in the log when the vault fills.
 #ifndef SERVICE_VAULT_USE_WATCH_H
 #define SERVICE_VAULT_USE_WATCH_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // vault.h: the store that keeps entries sealed in one file and answers all reads from memory.
 #ifndef SERVICE_VAULT_VAULT_H
 #define SERVICE_VAULT_VAULT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // vault_lock.h: one process for a vault at a time.
 #ifndef SERVICE_VAULT_VAULT_LOCK_H
 #define SERVICE_VAULT_VAULT_LOCK_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // witness.h: a small file that remembers the last acknowledged change, so that a vault that lacks it is noticed.
 #ifndef SERVICE_VAULT_WITNESS_H
 #define SERVICE_VAULT_WITNESS_H

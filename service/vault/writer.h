@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // writer.h: all that the vault writes: rows and header in one transaction, and what guards them.
 #ifndef SERVICE_VAULT_WRITER_H
 #define SERVICE_VAULT_WRITER_H

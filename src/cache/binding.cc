@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The binding to the shared database: its URI, whether it is open, and read, write and delete with their reports. It
 // knows nothing of what keys and values mean.
 #include <stdio.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // entry.h: how an entry of the cache is named, read by position, and how the database's codes are answered.
 #ifndef CACHE_ENTRY_H
 #define CACHE_ENTRY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A PAC's entry without a T-PRF result: written, read, looked for and deleted.
 //
 //   key     type 1 | wire name, zeros behind it                        (39 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The two purges: one walk over all keys of the cache, which deletes them one at a time.
 #include "ks_api.h"
 #include "sdb.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The one T-PRF result that a PAC's entry may hold.
 //
 //   value   header | metadata | label | random, or a gap of its length | output

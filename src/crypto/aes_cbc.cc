@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // AES in CBC mode: a pair that differs in its test of the name and in the order of the reader's copies.
 //
 //   descriptor  W | 12 | 16, length of the IV | 1 byte not written | IV offset, 16 bits | data length, 16 bits |

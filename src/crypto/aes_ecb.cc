@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // AES in ECB mode: a pair that differs in nothing but the opcode and the reader.
 //
 //   descriptor  W | 8 | data length, 16 bits | data offset, 32 bits       (8 bytes; W: length of the wire name)

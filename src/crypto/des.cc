@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // DES and 3DES in ECB mode: four operations that differ in their row, and one of them in a step of its own.
 //
 //   descriptor  W | 6 | data length, 16 bits | data offset, 16 bits       (6 bytes; W: length of the wire name)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // MD5 and SHA-1 over up to two pieces of data, with a secret taking part.
 //
 //   descriptor  W | 10 | first length | first offset | second length | second offset, 16 bits each

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The change of a password in MS-CHAP version 2, in two operations, and the master key of MPPE.
 //
 //   new password   descriptor  W | 8 | length, low 8 bits | 1 byte not written | offset, 32 bits     (8 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The two responses of MS-CHAP version 2: to a challenge, and back to that response. Their descriptors begin alike,
 // with the length that the reply is to have, and each length byte is followed by three that are not written.
 //

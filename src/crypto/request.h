@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // request.h: what the requests of the cryptographic operations have in common.
 #ifndef CRYPTO_REQUEST_H
 #define CRYPTO_REQUEST_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The two operations on the firmware: no descriptor, no sections.
 //
 //   reply to version and status   result | length, not read | version, 16 bits | status, 8 bits

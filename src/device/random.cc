@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_generate_random_number: nothing on the heap, one reply with one block.
 //
 //   descriptor  count | 3 bytes not written | request word       (8 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_clear_pac: one PAC out of the keystore, unless the sup state holds it.
 //
 //   descriptor  name length | 2                                        (2 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The two walks that remove PACs from the keystore. The cache stays as it is.
 //
 //   descriptor  name length | 2                                        (2 bytes), for the metadata of each PAC

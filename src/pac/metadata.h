@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // metadata.h: the one walk over a PAC's metadata for its four readers. They differ in what they report and release, so
 // the walk itself does neither.
 #ifndef PAC_METADATA_H

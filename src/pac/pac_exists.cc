@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_pac_exists: whether a PAC is there, the cache first.
 //
 //   descriptor  name length | 2                                        (2 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_pac_key_t_prf and its cache half: what can be computed on a PAC's key, which never leaves the keystore.
 //
 //   descriptor  output length | name, label, random: each a length and an offset   (20 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // report.h: how the PAC operations report what they find.
 #ifndef PAC_REPORT_H
 #define PAC_REPORT_H

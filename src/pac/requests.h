@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // requests.h: what the requests of several PAC operations, and their look into the cache, have in common.
 #ifndef PAC_REQUESTS_H
 #define PAC_REQUESTS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_return_aid_by_index: the caller's PACs, one at a time, out of the service's one table of all entries.
 //
 //   descriptor  position                                               (2 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_return_pac_info and its cache half: a PAC's info TLV, from the cache or else from the keystore; the expiry in it;
 // and the request as an exported builder. The twins of return_pac_opaque.cc.
 //

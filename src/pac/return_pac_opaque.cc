@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_return_pac_opaque and its cache half: a PAC's opaque TLV, from the cache or else from the keystore.
 //
 //   descriptor  name length | 2                                        (2 bytes)

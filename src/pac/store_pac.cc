@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_store_pac: the one operation that brings a PAC into the keystore.
 //
 //   descriptor  name | key | metadata, each a length and an offset   (20 bytes)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_sw_pac_still_valid: whether a PAC is to be kept for an identity.
 //
 // DIFFERS(still-valid-walk): a walk of its own, not that of the readers. It stops at the first info, takes any other

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // tlv.h: the numbers in PAC metadata, big-endian and not aligned.
 #ifndef PAC_TLV_H
 #define PAC_TLV_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_add_metadata: a block of metadata for a secret that is there.
 //
 //   descriptor  W | 6 | metadata length, 16 bits | its offset, 16 bits   (6 bytes; W: length of the wire name)

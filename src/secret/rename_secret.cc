@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_rename_secret: another name for a secret, in a descriptor of single bytes.
 //
 //   descriptor  O | 6 | N | O+6 | 1 | O+6+N                            (6 bytes; O, N: lengths of the wire names; the

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // requests.h: what the requests of the secret store have in common.
 #ifndef SECRET_REQUESTS_H
 #define SECRET_REQUESTS_H

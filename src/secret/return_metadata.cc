@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_return_metadata: the block of metadata beside a secret. Its reader also serves the PAC operations.
 //
 //   descriptor  W | 2                                                  (2 bytes; W: length of the wire name)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_secret_exists: whether there is a secret of a name.
 //
 //   descriptor  W | 2                                                  (2 bytes; W: length of the wire name)

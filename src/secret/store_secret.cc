@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks_store_secret_and_metadata: a secret under its name, perhaps with a linked name, perhaps with metadata.
 //
 //   descriptor  W | 12 | L | W+12 | secret length | its offset | metadata length | its offset   (12 bytes; W and L:

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // catalog.h: every message to the keystore service, and all about it that is a value. The operations compose the shared
 // stages of exchange.h and request.h around a row of this table.
 #ifndef TRANSPORT_CATALOG_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // exchange.h: the one sequence of send, receive and drop.
 #ifndef TRANSPORT_EXCHANGE_H
 #define TRANSPORT_EXCHANGE_H

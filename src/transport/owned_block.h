@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // owned_block.h: the owner of one heap block.
 #ifndef TRANSPORT_OWNED_BLOCK_H
 #define TRANSPORT_OWNED_BLOCK_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // reply.h: what every reply begins with.
 #ifndef TRANSPORT_REPLY_H
 #define TRANSPORT_REPLY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // request.h: an operation's request from its building to the reading of its reply, in the steps that most operations
 // have. Where one has another step, it takes Exchange and SectionList by themselves.
 #ifndef TRANSPORT_REQUEST_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sections.h: the section list of a request, and the wire names in it.
 #ifndef TRANSPORT_SECTIONS_H
 #define TRANSPORT_SECTIONS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // start_up.cc: ks_init, which binds the message queue, learns the VDC and opens the cache.
 //
 // Opening the cache is a step from this folder up into another: callers are promised that a started library has tried

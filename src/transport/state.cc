@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // state.cc: the exported objects, each with one meaning for the whole process.
 #include "ks_api.h"
 #include "mts.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // stderr_dump.h: the raw dump that two functions are promised to make.
 #ifndef TRANSPORT_STDERR_DUMP_H
 #define TRANSPORT_STDERR_DUMP_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // trace.h: the one reporting step of the library.
 #ifndef TRANSPORT_TRACE_H
 #define TRANSPORT_TRACE_H

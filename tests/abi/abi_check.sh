@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: abi_check.sh LIBRARY DUMP [record]
 # Compares the binary interface of LIBRARY, as its debug information tells it, with the one recorded in DUMP. What was
 # added is welcome; a function, a variable or a record that is gone or has changed would break programs that are built

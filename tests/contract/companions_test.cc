@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Which of its exported functions the library enters on the way through each operation. A program may put a function of
 // its own in the place of any of them, in front of the shared object, and then sees the calls that are promised and no
 // others. This program does: each stand-in below notes its name and goes on to the library's own function.

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # differences_check.sh: where siblings differ by promise, the code says so with a tag, a test pins it under the same
 # tag, and docs/differences.md tells who relies on it. This fails when one of the three lacks a tag of the others.
 set -euo pipefail

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Every operation through what can go wrong with its exchange: result, report, release order, outputs.
 #include <algorithm>
 

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 The ks developers
+ * SPDX-License-Identifier: Apache-2.0 */
+
 /* The interface from C99: the headers compile with every warning on, and its functions and objects link. What the host
  * platform alone has is absent here, over another one. */
 #include "host_mts.h"

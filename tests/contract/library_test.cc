@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What the built library is as a file: its name, what it needs, what it exports, how it is hardened.
 #include <cstdio>
 #include <sstream>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // operations.h: the operations that run one exchange, each with what its callers are promised about failures, spelt out
 // literally a second time beside the library's own catalogue.
 #ifndef TESTS_CONTRACT_OPERATIONS_H

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: check_library.sh LIBRARY HEADER[:HEADER...] NEEDED...
 # A host library loads into every client: it exports what its headers declare and nothing else, and needs no libraries
 # but those named.

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: apparmor_check.sh BUILD
 # The AppArmor profile is one; and where the kernel enforces profiles, a service under it serves and can't leave it.
 set -euo pipefail

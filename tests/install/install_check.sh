@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: install_check.sh SOURCE BUILD SESSION [COMPILER OPTION...]
 # Installs BUILD into a scratch folder and uses it from there as a stranger would: the first program with both compilers,
 # as C99 and C++20, with the library shared and inside, by pkg-config and by CMake. SESSION is ks-session, or empty for

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: units_check.sh SOURCE BUILD
 # What systemd says to the units, the catalogue of messages and the folders that are installed, without running any.
 set -euo pipefail

@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """Puts small faults into a copy of the tree, one at a time, and tells which of them no test notices.
 
 `./dev mutate` runs it; docs/testing.md says what for, and how to read what it prints. The working tree is only read:

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """What mutate.py does, on sources of a few lines and on the tree in sample/."""
 
 import os
@@ -82,7 +85,7 @@ class Runs(unittest.TestCase):
     run = self.mutate("10", "src", KS_TEST_SEED="7")
 
     self.assertEqual(run.returncode, 0, run.stderr)
-    self.assertIn("survived src/limit.cc:7 (constant)\n  - return value * 16;\n  + return value * 15;\n", run.stdout)
+    self.assertIn("survived src/limit.cc:10 (constant)\n  - return value * 16;\n  + return value * 15;\n", run.stdout)
     self.assertIn("src: 1 of 2 killed (50.0 %), 0 of them by hanging; seed 7;", run.stdout)
     self.assertEqual({path: path.read_bytes() for path in before}, before)
 

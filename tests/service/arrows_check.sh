@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # arrows_check.sh SERVICE_FOLDER: the rooms of the service use each other in one direction only. This fails for an
 # include that goes against it, for a file that stands in no room, and for a namespace that isn't its room's.
 set -euo pipefail

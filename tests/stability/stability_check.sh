@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # Usage: stability_check.sh BUILD
 # Command lines, configuration and exit statuses of version 1, as scripts and files out there count on them: whatever
 # stands here goes on working as long as the major version is 1. What is new is added; nothing is taken away.

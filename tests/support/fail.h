@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // fail.h: how a test ends when what it stands on doesn't work.
 #ifndef TESTS_SUPPORT_FAIL_H
 #define TESTS_SUPPORT_FAIL_H

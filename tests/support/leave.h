@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // leave.h: how a child of a test ends.
 #ifndef TESTS_SUPPORT_LEAVE_H
 #define TESTS_SUPPORT_LEAVE_H

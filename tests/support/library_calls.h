@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // library_calls.h: stands between one loaded library and a function that it calls, so that a test sees the calls and
 // can answer in the function's place. Nobody else who calls it is concerned.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // own_run.h: an empty /run, for tests of what is found there by default.
 #ifndef OWN_RUN_H
 #define OWN_RUN_H

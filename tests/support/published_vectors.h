@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // published_vectors.h: values that standards publish for the keystore's algorithms, in hexadecimal digits. They are
 // spelt out, so that no test asks our own code what to expect.
 #ifndef TESTS_SUPPORT_PUBLISHED_VECTORS_H

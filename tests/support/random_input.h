@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // random_input.h: random input that can be had again.
 #ifndef TESTS_SUPPORT_RANDOM_INPUT_H
 #define TESTS_SUPPORT_RANDOM_INPUT_H

@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """schemas_check.py BUILD: what each command of ksctl prints with --json is what its schema says.
 
 tools/ksctl/schemas/COMMAND.json is the schema of a command ("secret put" is secret-put), and schemas/COMMAND.sh beside

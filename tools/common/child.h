@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // child.h: a process that a tool has started, known by a descriptor so that its end can be waited for beside other
 // things.
 #ifndef TOOLS_COMMON_CHILD_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // remover.h: sees that a folder goes, whatever becomes of those who use it.
 #ifndef TOOLS_COMMON_REMOVER_H
 #define TOOLS_COMMON_REMOVER_H

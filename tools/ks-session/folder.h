@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // folder.h: the folder in which a session keeps everything: socket, state, history, configuration, vault, cache, log.
 #ifndef TOOLS_KS_SESSION_FOLDER_H
 #define TOOLS_KS_SESSION_FOLDER_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks-session: runs a command against a private keystore service that comes and goes with it.
 #include <fcntl.h>
 #include <sys/resource.h>

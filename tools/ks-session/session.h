@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // session.h: a private keystore service and a command that runs against it.
 #ifndef TOOLS_KS_SESSION_SESSION_H
 #define TOOLS_KS_SESSION_SESSION_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // administration.h: what the commands for administrators share: replies taken apart, users in words.
 #ifndef TOOLS_KSCTL_ADMINISTRATION_H
 #define TOOLS_KSCTL_ADMINISTRATION_H

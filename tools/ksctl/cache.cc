@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // cache.cc: the copies of PACs that programs read in the keystore's place.
 #include <fmt/format.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // cached.h: the entries of the PAC cache, as libsdb walks over them.
 #ifndef TOOLS_KSCTL_CACHED_H
 #define TOOLS_KSCTL_CACHED_H

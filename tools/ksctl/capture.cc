@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // capture.cc: runs a command with a socket of its own, behind which everything goes to the service and into a file.
 #include <fcntl.h>
 #include <fmt/format.h>

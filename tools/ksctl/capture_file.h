@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // capture_file.h: a capture in the format pcapng. Each block is written at once, so that one whose writer is killed can
 // be read as far as it goes.
 #ifndef TOOLS_KSCTL_CAPTURE_FILE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // codes.h: what is known of each result code and of the cache's codes. `ksctl explain` and docs/codes.md are made of
 // it.
 #ifndef TOOLS_KSCTL_CODES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // command.h: what a command of ksctl is: a row with its words, its help, its parameters and its function. The command
 // line is read, the help printed and completions are made from these rows.
 #ifndef TOOLS_KSCTL_COMMAND_H

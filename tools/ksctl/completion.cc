@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // completion.cc: completions for shells, made from the table of commands.
 //
 // Each script finds the words of the command so far, with options and their values left out, and looks up what may come

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // config.cc: the service's configuration, looked at without the service.
 #include <fmt/format.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // context.cc: all that a user has in the keystore: what is in the VDC that the service maps the user to.
 #include <fmt/format.h>
 #include <unistd.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // doctor.cc: looks for what keeps a service or its clients from working, and says what to do about it.
 #include "doctor.h"
 

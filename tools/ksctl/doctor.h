@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // doctor.h: what `ksctl doctor` looks at. A check looks and changes nothing: it takes no lock, and opens nothing for
 // writing. Each runs in a process of its own, so that one that hangs or dies says nothing about the others.
 #ifndef TOOLS_KSCTL_DOCTOR_H

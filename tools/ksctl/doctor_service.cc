@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Checks of the socket, and of who serves it.
 #include <fcntl.h>
 #include <fmt/format.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Checks of what the user's own programs need: a VDC, a place for the history, the cache.
 #include <fcntl.h>
 #include <fmt/format.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Checks of the configuration, the vault, its key and the disks. The vault is read as a file that nobody writes,
 // without SQLite's locks: what is in its log isn't seen then, and is looked for by its bytes.
 #include <fcntl.h>

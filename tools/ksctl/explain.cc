@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // explain.cc: what a result code means, from the table in codes.cc.
 #include <fmt/format.h>
 

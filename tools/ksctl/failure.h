@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // failure.h: how a command ends when it can't do what was asked.
 #ifndef TOOLS_KSCTL_FAILURE_H
 #define TOOLS_KSCTL_FAILURE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // growing_file.h: a file that is written piece by piece, and is there as a whole or not at all.
 #ifndef TOOLS_KSCTL_GROWING_FILE_H
 #define TOOLS_KSCTL_GROWING_FILE_H

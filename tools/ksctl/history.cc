@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // history.cc: what the user's programs have lately reported, and the exchanges that they had with the service.
 #include <fmt/format.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // keystore.h: what libks tells about the caller's entries, in the types of C++. Everything here throws Failure.
 #ifndef TOOLS_KSCTL_KEYSTORE_H
 #define TOOLS_KSCTL_KEYSTORE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // latency.h: percentiles out of the service's counts of times.
 #ifndef TOOLS_KSCTL_LATENCY_H
 #define TOOLS_KSCTL_LATENCY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // library.h: the keystore as a user of libks sees it.
 #ifndef TOOLS_KSCTL_LIBRARY_H
 #define TOOLS_KSCTL_LIBRARY_H

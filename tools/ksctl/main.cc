@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ksctl: the operator's tool. The command line is made of the commands' rows and read here; what a command does stands
 // in the file of its family.
 #include <fmt/format.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // messages.h: the messages to the service as those who look on know them: their names, where the parts of a request
 // lie, and which parts may be seen by whom a capture is shown to.
 #ifndef TOOLS_KSCTL_MESSAGES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // output.h: prints what a command has to say: tables for a person at a terminal, plain lines for a pipe, JSON for
 // programs. Nothing that came from outside reaches a terminal but as printable text.
 #ifndef TOOLS_KSCTL_OUTPUT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac.cc: the caller's PACs, whose keys never come back.
 #include <fmt/format.h>
 

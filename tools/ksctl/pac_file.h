@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac_file.h: PAC files of EAP-FAST supplicants, as text and in binary. docs/ksctl.md tells the forms.
 #ifndef TOOLS_KSCTL_PAC_FILE_H
 #define TOOLS_KSCTL_PAC_FILE_H

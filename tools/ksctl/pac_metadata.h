@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac_metadata.h: what a PAC's metadata tells: TLVs and the attributes in its PAC-Info (RFC 5422, section 4.2).
 #ifndef TOOLS_KSCTL_PAC_METADATA_H
 #define TOOLS_KSCTL_PAC_METADATA_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac_transfer.cc: PACs from supplicants' files into the keystore, and what of them can leave it again.
 #include <fmt/format.h>
 

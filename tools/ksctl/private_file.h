@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // private_file.h: files that nobody but their owner reads, whole or not there at all.
 #ifndef TOOLS_KSCTL_PRIVATE_FILE_H
 #define TOOLS_KSCTL_PRIVATE_FILE_H

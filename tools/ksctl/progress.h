@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // progress.h: long work that tells a terminal how far it is, and that a user can interrupt between two steps.
 #ifndef TOOLS_KSCTL_PROGRESS_H
 #define TOOLS_KSCTL_PROGRESS_H

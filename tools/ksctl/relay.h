@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // relay.h: stands between programs and the service, and shows what passes. It adds nothing, leaves nothing out, and
 // changes no order: a datagram is passed on as it came, and the next one of a side is taken when the last one has gone.
 #ifndef TOOLS_KSCTL_RELAY_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ring.h: reads the history rings of processes that run or have ended. What a ring says is another process's word: it
 // may be written to at the same time, cut, or filled with anything, and is believed in nothing.
 #ifndef TOOLS_KSCTL_RING_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // screen.h: a terminal that is drawn anew in place, and is as it was when the object goes, however that comes.
 #ifndef TOOLS_KSCTL_SCREEN_H
 #define TOOLS_KSCTL_SCREEN_H

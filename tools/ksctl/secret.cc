@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // secret.cc: the caller's secrets. No message returns one, so none is ever printed.
 #include <fmt/format.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // secret_input.h: how a secret or passphrase comes in: from a descriptor, a pipe or a prompt, never from an argument or
 // the environment, which others can read.
 #ifndef TOOLS_KSCTL_SECRET_INPUT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // service.cc: commands about the service itself: how it is, what it does, and what it is asked to do.
 #include <fmt/format.h>
 

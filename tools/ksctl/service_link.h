@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // service_link.h: a connection to the service for administration messages. Everything else goes through libks.
 #ifndef TOOLS_KSCTL_SERVICE_LINK_H
 #define TOOLS_KSCTL_SERVICE_LINK_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // snapshot.h: all that the service counts, at one moment.
 #ifndef TOOLS_KSCTL_SNAPSHOT_H
 #define TOOLS_KSCTL_SNAPSHOT_H

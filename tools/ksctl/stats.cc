@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // stats.cc: what the service has counted since its start, for people and for Prometheus.
 #include <fmt/format.h>
 #include <pwd.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // status.h: the service's status in words, for all who show it.
 #ifndef TOOLS_KSCTL_STATUS_H
 #define TOOLS_KSCTL_STATUS_H

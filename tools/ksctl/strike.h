@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // strike.h: takes out of a datagram what a capture must not hold, and leaves its length.
 #ifndef TOOLS_KSCTL_STRIKE_H
 #define TOOLS_KSCTL_STRIKE_H

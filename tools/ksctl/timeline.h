@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // timeline.h: what a history tells of exchanges with the service: each with its request, its reply, and what was
 // reported between.
 #ifndef TOOLS_KSCTL_TIMELINE_H

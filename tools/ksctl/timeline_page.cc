@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The timeline as a page. Everything that comes from outside is data to it: the page holds it as JSON, in which nothing
 // can end the script element, and shows it as text. It fetches nothing, and says so to the browser.
 #include "output.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // value.h: what a command has to say, before it is known for whom it is printed.
 #ifndef TOOLS_KSCTL_VALUE_H
 #define TOOLS_KSCTL_VALUE_H

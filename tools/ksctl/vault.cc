@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // vault.cc: commands that look after the vault: backups, its master key, and its file.
 #include "vault/vault.h"
 

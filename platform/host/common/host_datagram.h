@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // host_datagram.h: sends and receives one datagram, without being a cancellation point.
 //
 // In a process with threads, the C library's send and recv each switch cancellation on and off, two locked operations

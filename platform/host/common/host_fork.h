@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // host_fork.h: tells a process from the one it was forked from, without a system call.
 //
 // Whatever a library keeps for its process (connections, a mapped ring, an open environment) is copied into a child by

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // host_message.h: what the host libraries keep in the 25 bytes of a KsMtsMessage: libmts writes them, and libsdwrap
 // reads there which message it is told of.
 #ifndef HOST_MESSAGE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // host_socket.h: how the host libraries find the service and open a connection to it.
 #ifndef HOST_SOCKET_H
 #define HOST_SOCKET_H

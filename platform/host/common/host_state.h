@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // host_state.h: the service's state page as a library sees it: sup state and trace gates, changing while it looks.
 #ifndef HOST_STATE_H
 #define HOST_STATE_H

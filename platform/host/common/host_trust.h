@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // host_trust.h: whether what is found where the service should be may be taken for the service.
 //
 // A client sends secrets to whoever listens at the socket's path. So the path must be one that only its owner can fill,

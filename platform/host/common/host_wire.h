@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 /* host_wire.h: what the host platform libraries and the keystore daemon say to each other on one socket, and the two
  * files they share. All of it has fixed widths, so that clients of either word size talk to one daemon; everything is
  * in the byte order of the machine, which both ends share. */

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 /* host_mts.h: what the host's own libmts offers to programs beyond mts.h: why an exchange failed, in words.
  *
  * Other platforms have nothing of it, so the declaration is weak: a program that links to libks alone finds the

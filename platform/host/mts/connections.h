@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // connections.h: the process's connections to the service, pooled.
 //
 // A connection carries one exchange at a time. Whoever takes a slot owns its connection, socket, buffer and all, until

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // last_error.h: why the calling thread's last exchange failed. A failure leaves numbers; words are made when somebody
 // asks for them (host_mts.h).
 #ifndef MTS_LAST_ERROR_H

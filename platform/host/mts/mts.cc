@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The message service over one Unix socket: a request is a datagram of header, descriptor and sections, and so is its
 // reply. An exchange takes a connection of the pool in mts_send and gives it back in mts_recv.
 #include "mts.h"

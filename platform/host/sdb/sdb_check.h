@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_check.h: the check that is stored with each value, so that damage is noticed and never handed out.
 #ifndef SDB_CHECK_H
 #define SDB_CHECK_H

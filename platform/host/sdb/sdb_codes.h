@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_codes.h: the codes that libsdb gives besides the four that sdb.h names, and their texts.
 #ifndef SDB_CODES_H
 #define SDB_CODES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_database.h: the databases that are open in this process.
 #ifndef SDB_DATABASE_H
 #define SDB_DATABASE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_folder.h: where a database lies, and whether it is safe to use it there.
 #ifndef SDB_FOLDER_H
 #define SDB_FOLDER_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_format.h: what a page of LMDB's file holds.
 #ifndef SDB_FORMAT_H
 #define SDB_FORMAT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_gate.h: a lock between processes whose wait has an end.
 #ifndef SDB_GATE_H
 #define SDB_GATE_H

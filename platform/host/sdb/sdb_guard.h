@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_guard.h: calls of LMDB that come back even from pages that make no sense.
 #ifndef SDB_GUARD_H
 #define SDB_GUARD_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_layout.h: looks at a database file before LMDB does.
 //
 // LMDB follows what its pages say: with damaged ones it reads beyond them, divides by zero or ends the process. A cache

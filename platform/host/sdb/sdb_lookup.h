@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_lookup.h: finds entries in the map without believing the pages.
 //
 // LMDB's own search follows what its pages say, and a file that somebody has altered since it was opened leads it out

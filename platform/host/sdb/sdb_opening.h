@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_opening.h: from a URI to an open database.
 #ifndef SDB_OPENING_H
 #define SDB_OPENING_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_reading.h: a thread's reads, and whether there is still what it reads.
 #ifndef SDB_READING_H
 #define SDB_READING_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_thread.h: what libsdb keeps for a thread.
 //
 // A thread has a seat at each database it uses. Everything here is touched by its own thread only and given back when

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_value.h: what calls of the interface have in common: their beginning, their key, and the way of a value from the
 // map to the caller.
 #ifndef SDB_VALUE_H

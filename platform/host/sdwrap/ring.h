@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ring.h: the newest reports of this process, in a mapped file that can be read at any time, by others too.
 #ifndef SDWRAP_RING_H
 #define SDWRAP_RING_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The trace service: gates from the state page and the environment, the history in a ring, debug lines on standard
 // error or in a file.
 #include "sdwrap.h"

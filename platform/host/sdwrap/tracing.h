@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // tracing.h: gates that this process's environment opens, and where its lines go.
 //
 // KS_TRACE=family+level[,...] opens gates beside those that the state page opens: family is one of the page's two sets

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The system manager: what the service's hello says of the calling process, and the sup state from the state page.
 #include "sysmgr.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // docs/cache-format.md against libks over libsdb, and against LMDB itself: what the library writes lies in the file as
 // the page shows, and what is put there by the page the library reads. The page has checks for both widths.
 #include <gmock/gmock.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // docs/wire.md against the client libraries: they send each request of the page, and understand each of its replies.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

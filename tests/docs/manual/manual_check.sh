@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 # manual_check.sh BUILD: the manual has a page for every exported function and every program, each with the sections that
 # readers look for, and its source is sound.
 set -euo pipefail

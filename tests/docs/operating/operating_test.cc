@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // docs/operating.md: the commands that it gives are run as they stand there.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

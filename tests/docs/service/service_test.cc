@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // docs/wire.md against a real daemon: each request of the page gets the reply of the page. And what it shares in files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

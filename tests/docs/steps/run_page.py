@@ -1,4 +1,7 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 """run_page.py PAGE BUILD: does what a page tells its reader to do, step by step, and compares what comes of it.
 
 Of the page's blocks, "```sh" is run, in one shell for the whole page and inside a private keystore service; "```output"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // docs/vault-format.md against a real daemon, without any of its code: what is made by the page, the daemon opens; what
 // the daemon writes opens by the page.
 #include <gmock/gmock.h>

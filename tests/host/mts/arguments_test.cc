@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What callers may pass, how much there may be of it, and what is left of it afterwards.
 #include <fcntl.h>
 #include <sys/mman.h>

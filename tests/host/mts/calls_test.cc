@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What the library asks of the system, and what becomes of an exchange when the system says no.
 #include <dlfcn.h>
 #include <fcntl.h>

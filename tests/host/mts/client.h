@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // client.h: the message service as a program uses it, for its tests.
 #ifndef TESTS_HOST_MTS_CLIENT_H
 #define TESTS_HOST_MTS_CLIENT_H

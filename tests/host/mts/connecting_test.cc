@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What is asked of the kernel and of the service while a connection is made.
 #include <malloc.h>
 #include <sys/socket.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What comes of an exchange when the service doesn't play along.
 #include <pthread.h>
 #include <signal.h>

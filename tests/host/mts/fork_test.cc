@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What a forked child shares with its parent: nothing.
 #include <fcntl.h>
 #include <sys/stat.h>

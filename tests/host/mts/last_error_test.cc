@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What a program is told when its binding or exchange failed: the socket, what was met there, and what to do.
 #include <fcntl.h>
 #include <sys/resource.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // socket_hooks.h: stands before four calls by which a connection is made, so that a test sees what is asked of the
 // kernel, and can answer in its place.
 #ifndef TESTS_HOST_MTS_SOCKET_HOOKS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What a program that shares its process, or another user of the machine, can make of an exchange: nothing.
 #include <fcntl.h>
 #include <poll.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What libsdb asks of the system and of LMDB, and what callers are told when the answer is no: the reason, once.
 // Nothing stays open or mapped of an attempt that failed, and the next one succeeds.
 #include <fcntl.h>

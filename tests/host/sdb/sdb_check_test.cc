@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The check that stands in front of each stored value, worked out apart from the code that makes it. Another check is
 // another format: it would take every value that is stored today for damaged.
 #include "sdb_check.h"

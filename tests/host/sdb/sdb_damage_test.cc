@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What libsdb does with folders and files that aren't as it leaves them.
 #include <fcntl.h>
 #include <link.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_fixture.h: a fresh folder, and short ways to say what is asked of libsdb.
 #ifndef SDB_FIXTURE_H
 #define SDB_FIXTURE_H

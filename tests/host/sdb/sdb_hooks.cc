@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Stands before two functions, so that a test can stop or kill a process inside them.
 #include <dlfcn.h>
 #include <lmdb.h>

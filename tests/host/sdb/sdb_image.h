@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // sdb_image.h: the file of a small database, as bytes whose place is known.
 #ifndef SDB_IMAGE_H
 #define SDB_IMAGE_H

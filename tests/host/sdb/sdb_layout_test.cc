@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What libsdb says of a database file in which one number isn't what a writer would have left there.
 #include <functional>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What other processes rely on: which bytes of the gate's file are locked when, and how many may read.
 #include <fcntl.h>
 #include <lmdb.h>

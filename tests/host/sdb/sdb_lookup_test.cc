@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What a reader says of a database in which a number is altered while it is open, and what it finds in a whole one.
 #include <fcntl.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What several processes see of one database, also when some of them die or stand still.
 #include <lmdb.h>
 #include <pthread.h>

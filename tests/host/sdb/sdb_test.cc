@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What a single process sees of libsdb.
 #include <dlfcn.h>
 #include <lmdb.h>

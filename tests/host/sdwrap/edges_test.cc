@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The first and the last of the gates, and debug lines that can't be made or written.
 #include <fcntl.h>
 #include <signal.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Which file becomes a process's ring, in which folder, and what becomes of those of the dead.
 #include <fcntl.h>
 #include <signal.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The trace service: gates that change while a program runs, a ring that can be read at any time, debug lines. A
 // process keeps its page and its ring, so each test uses the library in a child of its own.
 #include "sdwrap.h"

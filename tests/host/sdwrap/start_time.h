@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // start_time.h: the part of a ring's head that tells processes of one number apart.
 #ifndef TESTS_HOST_SDWRAP_START_TIME_H
 #define TESTS_HOST_SDWRAP_START_TIME_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Gates that the environment opens, and the file that lines go to. A process reads its environment once, so each test
 // uses the library in a child of its own.
 #include <fcntl.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Which files are taken for the state page, and what a caller's own errno goes through.
 #include <fcntl.h>
 #include <sys/mman.h>

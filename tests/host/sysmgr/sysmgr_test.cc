@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The system manager: identity from the greeting, sup state from the state page. What it learns holds for the life of a
 // process, so each test uses the library in a child of its own.
 #include "sysmgr.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // One user in a storm of requests or connections, and another who wants little: the other is served all the while.
 // Nothing is asserted of time. KS_HOSTILE_MEASURE=1 measures instead what the other sees.
 #include <gmock/gmock.h>

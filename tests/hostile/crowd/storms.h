@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // storms.h: what one user can do to be a burden to another: many requests of one kind at once, as fast as they go.
 #ifndef TESTS_HOSTILE_CROWD_STORMS_H
 #define TESTS_HOSTILE_CROWD_STORMS_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A service that answers more than was asked for, or says that it did.
 #include <gtest/gtest.h>
 

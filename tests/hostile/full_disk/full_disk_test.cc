@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A disk that others have filled: stores are refused, but entries can be cleared, which makes room again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

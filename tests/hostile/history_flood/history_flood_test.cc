@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Users who would fill the place where others keep their reports.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Somebody else's locks on what the service shares with everybody: they keep no service from starting.
 #include <fcntl.h>
 #include <gmock/gmock.h>

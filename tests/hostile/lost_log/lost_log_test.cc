@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Files of the vault that are damaged, cut or gone after a kill under load: a service that starts on them has all that
 // it acknowledged, and one that hasn't doesn't start. KS_HOSTILE_TRIALS sets the number of trials.
 #include <gmock/gmock.h>

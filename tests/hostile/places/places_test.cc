@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Users who take all the connections that they can get: others, and the administrators, still get theirs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A program that closes descriptors it doesn't know, and whose own sockets get their numbers.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Those who could keep the service from ending, or from going on: clients that leave their replies unread, and readers
 // of its log that have stopped.
 #include <fcntl.h>

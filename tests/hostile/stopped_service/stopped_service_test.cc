@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A service that is stopped in the midst of its work.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A cache whose files are cut or altered under a running program: a miss, and never its end.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Names on the wire: which are taken, and what they look like.
 #include "base/entry_name.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Events: what the journal is sent, and that each of them is explained.
 #include <fcntl.h>
 #include <gmock/gmock.h>

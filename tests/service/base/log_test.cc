@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The lines of the log: what stands in front of them, which are written, and what becomes of them where nobody reads.
 #include "base/log.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The configuration file: what it means, and what is said about one that is wrong.
 #include "config/config.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A configuration of several files: which of them are read, in which order, and what becomes of what they say.
 #include "config/layers.h"
 

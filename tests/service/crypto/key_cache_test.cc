@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Prepared keys: bounded, forgotten when their content goes, kept while in use.
 #include "crypto/key_cache.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The self-test: everything passes, and what fails is told apart.
 #include "crypto/self_test.h"
 

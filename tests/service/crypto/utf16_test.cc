@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The conversion of passwords from UTF-8 to UTF-16LE.
 #include "crypto/utf16.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The messages of AES, DES and 3DES: published values, keys that are refused, lengths.
 #include "keystore.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The messages of MD5, SHA-1 and the two HMACs: published values, pieces, PACs.
 #include "keystore.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The table that leads from an opcode to its handler, and what is answered for a handler that misbehaves.
 #include "handlers/dispatch.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Keys of entries in use: prepared once, and never used for another content than the entry has.
 #include "keystore.h"
 

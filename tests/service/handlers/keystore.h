@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // keystore.h: a keystore for tests, of the real handlers over a store in memory. Requests go in as bytes that the tests
 // spell out, each in a heap block of its exact size, so that a read past its end is found.
 #ifndef TESTS_SERVICE_HANDLERS_KEYSTORE_H

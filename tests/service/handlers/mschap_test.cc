@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The messages of MS-CHAP: the published exchange with its intermediate values, passwords of all kinds, user names.
 #include "keystore.h"
 #include "openssl.h"

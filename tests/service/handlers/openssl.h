@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // openssl.h: the same algorithms by an independent implementation, for comparison in tests only.
 #ifndef TESTS_SERVICE_HANDLERS_OPENSSL_H
 #define TESTS_SERVICE_HANDLERS_OPENSSL_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // An algorithm that fails its self-test: its messages are refused, and no others.
 #include "keystore.h"
 

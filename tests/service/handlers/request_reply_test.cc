@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What handlers stand on: requests and replies.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

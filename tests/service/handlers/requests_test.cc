@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What all messages that compute have in common: whose names they take, and what damaged requests get.
 #include <map>
 

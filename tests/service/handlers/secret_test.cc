@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The messages about entries by name, byte by byte, and who may do what to whose entries.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A kill at every write, sync and change of a name that a restore or a change of the master key makes: before it, after
 // it, and half-way through what it writes. What is there afterwards is the old vault or the new one, whole.
 #include <dlfcn.h>

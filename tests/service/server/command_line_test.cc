@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The command line of ksd: what it says, and with which status it ends.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The check of a datagram, header by header, byte by byte.
 #include "server/frame.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // How much of one user's work is done at a time, and in which order.
 #include "server/gate.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The socket that the service makes, and what it says where it can't make one.
 #include "server/listener.h"
 

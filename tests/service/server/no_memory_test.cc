@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The server when memory is refused, allocation by allocation: every connection is answered or closed, none is left
 // waiting, and all places come back.
 #include <gmock/gmock.h>

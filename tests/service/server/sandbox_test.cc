@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What a confined process can't do any more, and what it still can. Each test's body runs in a child of its own.
 #include "server/sandbox.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Who gets a place, and how fast connections come to a thread.
 #include "server/users.h"
 

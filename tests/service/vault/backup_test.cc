@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Backups: what is in one, and what is said of one that isn't as it was made.
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What a vault tells its operator: whether it takes changes, whose entries it holds, and how long its log was.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

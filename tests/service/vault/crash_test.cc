@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // kill -9 at random instants under load: what was acknowledged is there afterwards, and nothing half done is.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Writes and syncs that fail: never acknowledged, nothing changed, and the service goes on.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

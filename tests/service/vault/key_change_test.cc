@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The master key: sealed in its file, and changed while the vault is in use.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

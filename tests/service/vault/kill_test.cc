@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // A kill at each step by which a vault is taken into use: whichever it was, the vault opens again with all that it
 // held.
 #include <dlfcn.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What was acknowledged and isn't there any more: the vault says so and doesn't open, unless the loss is accepted.
 #include <fcntl.h>
 #include <gmock/gmock.h>

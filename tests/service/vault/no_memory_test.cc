@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Allocations of the thread of writes that fail: whoever waits is answered, and the service goes on.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What becomes of a vault or key that isn't as it should be: one line with the file and what to do, and never an empty
 // vault in its place.
 #include <gmock/gmock.h>

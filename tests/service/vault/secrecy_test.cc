@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Planted secrets are found nowhere but in sealed records and in guarded memory.
 #include <fcntl.h>
 #include <gmock/gmock.h>

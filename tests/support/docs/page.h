@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // page.h: the bytes that a page of docs/ shows, for tests that hold the code to them.
 //
 //   ```bytes NAME

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // fake_service.h: a service in the test's own process, for tests of the host libraries: it greets as it is told to,
 // keeps what it receives, and answers as the test wishes, wrongly too.
 #ifndef FAKE_SERVICE_H

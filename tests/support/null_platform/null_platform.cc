@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Platform libraries that do nothing and succeed: what is measured over them is the library's own.
 #include "mts.h"
 #include "sdb.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Bytes as tests spell them, and memory that faults behind its end.
 #include <sys/mman.h>
 #include <unistd.h>

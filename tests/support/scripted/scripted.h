@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // scripted.h: the platform as a script. Fakes of the four platform libraries and of the heap record every call of the
 // library in one ordered log, answer from a script, and fail on demand. Blocks and payloads lie against a guard page:
 // reading one byte past them faults, and so does touching them after they are freed or dropped.

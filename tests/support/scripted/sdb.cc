@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // libsdb: a database in memory, with the errors that the script asks for.
 #include "scripted.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // libsdwrap: the two halves of a report, and the message events.
 #include <stdarg.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // library_suite.h: what the tests of one suite of the library over the real service stand on.
 #ifndef TESTS_SUPPORT_SERVICE_LIBRARY_SUITE_H
 #define TESTS_SUPPORT_SERVICE_LIBRARY_SUITE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // raw_client.h: a client that can say anything to the service, right or wrong, datagram by datagram.
 #ifndef TESTS_SUPPORT_SERVICE_RAW_CLIENT_H
 #define TESTS_SUPPORT_SERVICE_RAW_CLIENT_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // service_process.h: a keystore service of its own for a test: a real ksd in a fresh folder, ready when the constructor
 // returns, gone with its folder when the object goes. What goes wrong is thrown as std::runtime_error, with the log.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // backup_files.h: backups in a test's hands, made and restored at the least cost that a passphrase can have.
 #ifndef TESTS_SUPPORT_VAULT_FILES_BACKUP_FILES_H
 #define TESTS_SUPPORT_VAULT_FILES_BACKUP_FILES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // vault_files.h: a vault in a folder of its own, and what stands between it and the disk, for tests.
 #ifndef TESTS_SUPPORT_VAULT_FILES_VAULT_FILES_H
 #define TESTS_SUPPORT_VAULT_FILES_VAULT_FILES_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The cache between processes: the library over the real shared database. The service is only there to say where the
 // cache is; no test here sends it a request.
 #include <fcntl.h>

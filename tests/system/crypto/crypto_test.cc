@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Cryptography end to end: the library, the message service and a real daemon, held to published values and to OpenSSL.
 #include <fcntl.h>
 #include <gmock/gmock.h>

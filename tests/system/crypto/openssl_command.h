@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // openssl_command.h: what the openssl command computes, for comparison. A command serves tests of both widths alike.
 #ifndef TESTS_SYSTEM_CRYPTO_OPENSSL_COMMAND_H
 #define TESTS_SYSTEM_CRYPTO_OPENSSL_COMMAND_H

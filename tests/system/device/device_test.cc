@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The library over the host platform and a real service: start-up, the messages of the device, and what happens to
 // exchanges when one of the two ends stops, dies, forks or comes back.
 #include <gmock/gmock.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // PACs end to end: the library, the host platform, the shared cache and a real service.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ks-session from outside, by what it prints, leaves behind and ends with. Tests named DISABLED_ run inside a session.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The service's life: start, reload, restart, end, and the files that it shares with its clients.
 #include <fcntl.h>
 #include <gmock/gmock.h>

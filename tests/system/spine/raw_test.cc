@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The service from a client's end of the socket, with datagrams that no library has put in order.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

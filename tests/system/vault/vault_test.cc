@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The store of a running service: several users at once, a full table, walks among changes, sudden ends, and secrets
 // that are found nowhere.
 #include <fcntl.h>

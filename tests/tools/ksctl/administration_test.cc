@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Administration messages, as they look to those who may send them and to those who may not.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

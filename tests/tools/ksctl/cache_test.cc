@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Commands about the cache, and about all that a VDC holds.
 #include <gmock/gmock.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What passes between a command and the service, recorded: whole but for secrets, and without a mark on either side.
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // One fault at a time is put into a service that is healthy; the doctor names it and says what to do.
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What programs have left in their history rings, as lines, as a drawing and as a page.
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ksctl.h: runs ksctl as a user does, and takes apart what it printed.
 #ifndef TESTS_TOOLS_KSCTL_KSCTL_H
 #define TESTS_TOOLS_KSCTL_KSCTL_H

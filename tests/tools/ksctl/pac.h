@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac.h: PACs for the tests of ksctl: as lines of a supplicant's file, and as the service is told of them.
 #ifndef TESTS_TOOLS_KSCTL_PAC_H
 #define TESTS_TOOLS_KSCTL_PAC_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // PAC files of supplicants: in, and out again without keys.
 #include <gmock/gmock.h>
 #include <sys/stat.h>

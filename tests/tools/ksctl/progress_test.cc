@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Long work: what a terminal shows of it, and what an interruption leaves.
 #include <gmock/gmock.h>
 #include <sched.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // ring_file.h: writes history rings byte by byte, as a program would have left them.
 #ifndef TESTS_TOOLS_KSCTL_RING_FILE_H
 #define TESTS_TOOLS_KSCTL_RING_FILE_H

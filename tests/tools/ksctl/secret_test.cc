@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Commands about secrets, and how a secret comes in.
 #include <gmock/gmock.h>
 #include <sys/wait.h>

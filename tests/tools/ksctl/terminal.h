@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // terminal.h: ksctl at a terminal, as somebody who types sees it.
 #ifndef TESTS_TOOLS_KSCTL_TERMINAL_H
 #define TESTS_TOOLS_KSCTL_TERMINAL_H

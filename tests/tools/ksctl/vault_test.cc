@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // Commands about the vault: backups of a running service, restoring, and its master key.
 #include <gmock/gmock.h>
 #include <sys/stat.h>

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 ksctl explain 12 --json
 ksctl explain 0x411a0002 --json
 ksctl explain --json

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 . "${0%/*}/three_pacs.inc"
 ksctl pac import --with-expired pacs >/dev/null
 ksctl pac age-out --dry-run --json

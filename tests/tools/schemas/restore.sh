@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 ksctl backup b --passphrase-cost interactive <<<secret
 ksctl restore b --verify --json <<<secret
 for _ in first second; do

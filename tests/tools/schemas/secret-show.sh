@@ -1,2 +1,5 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
 printf hush | ksctl secret put wifi --metadata ssid=attic
 ksctl secret show wifi --json

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // cache_fixture.h: an open cache at "u:x", and the PAC of the A-ID "ab" in VDC 7, spelt out.
 #ifndef TESTS_UNIT_CACHE_CACHE_FIXTURE_H
 #define TESTS_UNIT_CACHE_CACHE_FIXTURE_H

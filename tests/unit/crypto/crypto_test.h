@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // crypto_test.h: what the tests of the cryptographic operations share.
 #ifndef TESTS_UNIT_CRYPTO_CRYPTO_TEST_H
 #define TESTS_UNIT_CRYPTO_CRYPTO_TEST_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // The readers' walk, held to a model over all small inputs, and over random ones.
 #include "pac/metadata.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // pac_fixture.h: what the tests of PAC operations have in common.
 #ifndef TESTS_UNIT_PAC_FIXTURE_H
 #define TESTS_UNIT_PAC_FIXTURE_H

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
 // What the shared stages of a request promise to the operations that are built of them.
 #include "scripted.h"
 #include "transport/exchange.h"
