@@ -62,8 +62,8 @@ typedef struct {
 #define HOST_NO_VDC UINT32_C(0xffff)
 KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
 
-/* The replies to administration messages. Texts are NUL-terminated; what doesn't fit is cut in front, where "..." says
- * so. Times are seconds since 1970; up_ms is how long the service has run, by a clock that nobody sets. */
+/* The replies to administration messages. Texts are NUL-terminated; of one that doesn't fit the beginning stands there
+ * and "..." behind it, of a path its end and "..." in front. Times are seconds since 1970; up_ms is how long the service has run, by a clock that nobody sets. */
 
 /* The number under which all users without a VDC are counted together. */
 #define HOST_ALL_UNMAPPED UINT32_MAX

@@ -57,8 +57,7 @@ constexpr char kStartService[] =
     "Start the service, ksd, or run the program under `ks-session --`; KS_SOCKET names another socket";
 constexpr char kNotMoving[] =
     "It is stopped or overloaded: look after its process. The limit is receive_limit_ms in its configuration, 30 s "
-    "until "
-    "it has told";
+    "until it has told";
 constexpr char kNoMemory[] = "Free some, or raise the process's limits";
 
 const char *tell_want(uint32_t error, Text &text) {
