@@ -24,6 +24,7 @@
 #include "base/fd.h"
 #include "base/log.h"
 #include "base/trust.h"
+#include "base/vault_endings.h"
 
 namespace ksd::config {
 namespace {
@@ -258,15 +259,12 @@ void read_service(Reader &reader, Config &config) {
   read_sandbox(reader, config);
 }
 
-// The vault's own files lie beside it, under its name and one of these endings.
-constexpr std::string_view kVaultFiles[] = {"", "-wal", "-journal", "-lock", "-reserve"};
-
 void read_vault(Reader &reader, Config &config) {
   read_path(reader, "witness", SIZE_MAX, config.witness);
   const toml::node *node = reader.take("witness");
   if (node == nullptr) return;
   const auto is_witness = [&](const std::string &path) { return !path.empty() && path == config.witness; };
-  for (const std::string_view ending : kVaultFiles) {
+  for (const std::string_view ending : kVaultEndings) {
     if (is_witness(config.vault + std::string(ending))) {
       reader.problem(*node, "witness names a file that the vault needs for itself; name another one");
     }

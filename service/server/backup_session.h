@@ -13,7 +13,7 @@
 
 namespace ksd::server {
 
-// BackupsAtOnce bounds how many backups are read at a time: each holds what the vault was when it began.
+// kBackupsAtOnce bounds how many backups are read at a time: each holds what the vault was when it began.
 inline constexpr int kBackupsAtOnce = 4;
 
 // BackupSession is the backup that a connection reads, if it does. It ends with the connection at the latest.

@@ -22,6 +22,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "base/read_secret.h"
 #include "base/trust.h"
 #include "config/layers.h"
 #include "crypto/crypto.h"
@@ -95,27 +96,20 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// read_passphrase reads a line, byte by byte: what stands behind it may be for somebody else. Nothing for -1.
+// read_passphrase reads a line. Nothing for -1.
 std::shared_ptr<const SecretBytes> read_passphrase(int fd) {
-  constexpr size_t kLongest = 4096;
+  constexpr size_t kMost = 4095;
   if (fd < 0) return nullptr;
-  const std::shared_ptr<SecretBytes> line = SecretBytes::allocate(kLongest);
-  size_t size = 0;
-  for (; size < kLongest; ++size) {
-    ssize_t got = 0;
-    while ((got = read(fd, line->writable().data() + size, 1)) < 0 && errno == EINTR) {
-    }
-    if (got < 0) {
-      throw std::runtime_error(
-          fmt::format("--passphrase-fd: descriptor {}: {}; open it for reading", fd, std::strerror(errno)));
-    }
-    if (got == 0 || line->bytes()[size] == '\n') break;
-  }
-  if (size == 0 || size == kLongest) {
+  const ReadSecret line = read_secret(fd, kMost, SecretEnd::kEndOfLine);
+  if (line.error != 0) {
     throw std::runtime_error(
-        fmt::format("--passphrase-fd: descriptor {} gives no passphrase of 1 to {} bytes", fd, kLongest - 1));
+        fmt::format("--passphrase-fd: descriptor {}: {}; open it for reading", fd, std::strerror(line.error)));
   }
-  return SecretBytes::copy_of(line->bytes().first(size));
+  if (line.secret == nullptr || line.secret->size() == 0) {
+    throw std::runtime_error(
+        fmt::format("--passphrase-fd: descriptor {} gives no passphrase of 1 to {} bytes", fd, kMost));
+  }
+  return line.secret;
 }
 
 // The signals that the daemon waits for, as a descriptor. Blocked before any thread starts, so that all inherit it.

@@ -20,22 +20,6 @@ static_assert(HOST_KEY_ONE == static_cast<int>(State::kNone) && HOST_KEY_MOVING 
               HOST_KEY_STOPPED == static_cast<int>(State::kStopped) &&
               HOST_KEY_WAITING == static_cast<int>(State::kWaiting));
 
-bool BackupSession::begin(std::atomic<int> &open) {
-  end();
-  if (open.fetch_add(1) >= kBackupsAtOnce) {
-    open.fetch_sub(1);
-    return false;
-  }
-  open_ = &open;
-  return true;
-}
-
-void BackupSession::end() {
-  writer_.reset();
-  if (open_ != nullptr) open_->fetch_sub(1);
-  open_ = nullptr;
-}
-
 void Administration::begin_backup(const Asked &asked) {
   const handlers::Request &request = asked.request;
   if (request.descriptor_size != sizeof(HostBackupRequest) || request.message.size() != sizeof(HostBackupRequest)) {

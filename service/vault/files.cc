@@ -4,9 +4,13 @@
 #include "vault/files.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <stdexcept>
 #include <system_error>
+
+#include "base/trust.h"
 
 namespace ksd::vault {
 
@@ -28,6 +32,10 @@ UniqueFd make_file(const std::string &path) {
 bool sync_folder(const std::string &folder) {
   const UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return fd && fsync(fd.get()) == 0;
+}
+
+void refuse_what_others_may_write(const std::string &path) {
+  if (const auto why = why_others_may_replace(path)) throw std::runtime_error(fmt::format("{}: {}", path, *why));
 }
 
 std::string errno_text(int error) {

@@ -22,6 +22,10 @@ UniqueFd make_file(const std::string &path);
 // sync_folder makes new and removed names in a folder durable.
 bool sync_folder(const std::string &folder);
 
+// refuse_what_others_may_write throws std::runtime_error where somebody else could change or replace what decides over
+// keys, with what to run against it.
+void refuse_what_others_may_write(const std::string &path);
+
 // errno_text words an error number.
 std::string errno_text(int error);
 

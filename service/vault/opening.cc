@@ -11,6 +11,7 @@
 
 #include "base/log.h"
 #include "base/trust.h"
+#include "base/vault_endings.h"
 #include "vault/aside.h"
 #include "vault/file_vault.h"
 #include "vault/files.h"
@@ -44,14 +45,10 @@ void begin(Writer &writer, const Header &header) {
        writer.path());
 }
 
-void refuse_what_others_may_write(const std::string &path) {
-  if (const auto why = why_others_may_replace(path)) throw std::runtime_error(fmt::format("{}: {}", path, *why));
-}
-
 // refuse_taken_witness keeps the witness from being made over a file that the vault needs, however it is named.
 void refuse_taken_witness(const VaultOptions &options, const std::string &witness) {
   std::vector<std::string> taken{options.master_key_file};
-  for (const char *ending : {"", "-wal", "-journal", "-lock", "-reserve"}) taken.push_back(options.path + ending);
+  for (const std::string_view ending : kVaultEndings) taken.push_back(options.path + std::string(ending));
   for (const std::string &path : taken) {
     if (path != witness && !is_same_file(path, witness)) continue;
     throw std::runtime_error(
@@ -147,7 +144,7 @@ class Found {
   // Nobody else has the vault, and it is safe from others' hands.
   explicit Found(const VaultOptions &options)
       : options_(options), log_path_(options.path + "-wal"), witness_path_(witness_of(options)) {
-    if (sodium_init() < 0) throw std::runtime_error("libsodium doesn't start; the system generator may be missing");
+    start_sodium();
     refuse_what_others_may_write(options.path);
     refuse_taken_witness(options, witness_path_);
     refuse_what_others_may_write(witness_path_);

@@ -24,14 +24,6 @@ namespace {
 constexpr size_t kRowsAtOnce = 1024;  // in one transaction
 constexpr size_t kBytesAtOnce = 1 << 20;
 
-void start_sodium() {
-  if (sodium_init() < 0) throw std::runtime_error("libsodium doesn't start; the system generator may be missing");
-}
-
-void refuse_what_others_may_write(const std::string &path) {
-  if (const auto why = why_others_may_replace(path)) throw std::runtime_error(fmt::format("{}: {}", path, *why));
-}
-
 void require(const std::string &path, const std::optional<WriteFailure> &failed) {
   if (failed) throw std::runtime_error(fmt::format("{}: can't be written: {}; make room for it", path, failed->text));
 }

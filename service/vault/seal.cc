@@ -5,11 +5,16 @@
 
 #include <algorithm>
 #include <new>
+#include <stdexcept>
 #include <string_view>
 
 #include "base/little_endian.h"
 
 namespace ksd::vault {
+
+void start_sodium() {
+  if (sodium_init() < 0) throw std::runtime_error("libsodium doesn't start; the system generator may be missing");
+}
 namespace {
 
 constexpr char kKdfContext[crypto_kdf_CONTEXTBYTES + 1] = "ksdvault";

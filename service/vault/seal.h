@@ -18,6 +18,9 @@
 
 namespace ksd::vault {
 
+// start_sodium comes before anything else of this room. Throws std::runtime_error.
+void start_sodium();
+
 inline constexpr size_t kMasterKeySize = crypto_kdf_KEYBYTES;
 
 using VaultId = std::array<uint8_t, 16>;  // drawn when a vault is made

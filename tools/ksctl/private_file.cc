@@ -14,7 +14,10 @@
 #include <cstring>
 
 #include "base/fd.h"
+#include "base/read_secret.h"
+#include "base/trust.h"
 #include "failure.h"
+#include "vault/files.h"
 
 namespace ksctl {
 namespace {
@@ -62,12 +65,6 @@ void check_replaced(const std::string &path) {
   }
 }
 
-std::string folder_of(const std::string &path) {
-  const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 // NewFile is a file under a name of its own beside `path`, gone with the object unless it was given the right name.
 class NewFile {
  public:
@@ -100,8 +97,7 @@ class NewFile {
     }
     if (done < 0) throw errno == EEXIST ? is_there(path_) : failed(path_, errno);
     name_.clear();
-    const ksd::UniqueFd folder(open(folder_of(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder) fsync(folder.get());
+    ksd::vault::sync_folder(ksd::folder_of(path_));
   }
 
  private:
@@ -127,16 +123,12 @@ void write_private_file(const std::string &path, std::string_view content, bool 
 Secret read_private_file(const std::string &path, size_t most) {
   const ksd::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file) throw failed(path, errno);
-  const std::shared_ptr<ksd::SecretBytes> buffer = ksd::SecretBytes::allocate(most + 1);  // one more shows too many
-  size_t size = 0;
-  while (size <= most) {
-    const ssize_t got = read(file.get(), buffer->writable().data() + size, most + 1 - size);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) throw failed(path, errno);
-    if (got == 0) return ksd::SecretBytes::copy_of(buffer->bytes().first(size));
-    size += static_cast<size_t>(got);
+  const ksd::ReadSecret input = ksd::read_secret(file.get(), most, ksd::SecretEnd::kEndOfFile);
+  if (input.error != 0) throw failed(path, input.error);
+  if (input.secret == nullptr) {
+    throw Failure(Exit::kFailed, fmt::format("{}: has more than {} bytes; is it the right file?", path, most));
   }
-  throw Failure(Exit::kFailed, fmt::format("{}: has more than {} bytes; is it the right file?", path, most));
+  return input.secret;
 }
 
 bool is_open_to_others(const std::string &path) {

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "failure.h"
+#include "host_socket.h"
 #include "host_trust.h"
 
 namespace ksctl {
@@ -29,16 +30,6 @@ sockaddr_un address_of(const std::string &path) {
 
 ksd::UniqueFd make_socket() {
   return ksd::UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-}
-
-// What is larger than the system's default only root may have; then such a datagram fails as it would without a relay.
-void size_send_buffer(int socket) {
-  const int size = static_cast<int>(HOST_WIRE_MAX_DATAGRAM) + 64;
-  if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) == 0) return;
-  int present = 0;
-  socklen_t length = sizeof present;
-  getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &present, &length);
-  if (present < size) setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
 }
 
 bool is_ready(const pollfd &polled) {
@@ -114,7 +105,7 @@ void Relay::accept_one() {
   if (!known || peer.uid != geteuid()) return;
   link.pid = peer.pid;
   link.number = ++accepted_;
-  size_send_buffer(link.client.socket.get());
+  host::size_send_buffer(link.client.socket.get());
   link.service.socket = make_socket();
   if (!link.service.socket) {
     full_ = true;
@@ -132,7 +123,7 @@ void Relay::connect(Link &link) {
     link.connected = true;
     uid_t peer = 0;
     link.over = !host::check_peer(socket, owner, &peer);
-    size_send_buffer(socket);
+    host::size_send_buffer(socket);
   } else {
     link.over = !trusted || (errno != EAGAIN && errno != EINTR);  // a full queue is tried again
   }

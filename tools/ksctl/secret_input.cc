@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "base/fd.h"
+#include "base/read_secret.h"
 #include "failure.h"
 
 namespace ksctl {
@@ -23,28 +24,18 @@ namespace {
 
 constexpr size_t kMostOfPassphrase = 4096;
 
-Secret first_bytes(const ksd::SecretBytes &bytes, size_t size) {
-  return ksd::SecretBytes::copy_of(bytes.bytes().first(size));
+Failure too_long(const char *what, size_t most) {
+  return {Exit::kUsage, fmt::format("{}: more than {} bytes; give less", what, most)};
 }
 
-// Reads to the end of `fd`, or to the newline, into guarded memory.
-Secret read_all(int fd, const char *what, size_t most, bool one_line) {
-  const std::shared_ptr<ksd::SecretBytes> buffer = ksd::SecretBytes::allocate(most + 1);  // one more shows too many
-  size_t size = 0;
-  bool ended = false;
-  while (!ended && size <= most) {
-    // A line byte by byte: what stands behind it is for somebody else.
-    const ssize_t got = read(fd, buffer->writable().data() + size, one_line ? 1 : most + 1 - size);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      throw Failure(Exit::kUsage,
-                    fmt::format("{}: descriptor {}: {}; open it for reading", what, fd, std::strerror(errno)));
-    }
-    ended = got == 0 || (one_line && buffer->bytes()[size] == '\n');
-    if (!ended || !one_line) size += static_cast<size_t>(got);
+Secret read_all(int fd, const char *what, size_t most, ksd::SecretEnd end) {
+  const ksd::ReadSecret input = ksd::read_secret(fd, most, end);
+  if (input.error != 0) {
+    throw Failure(Exit::kUsage,
+                  fmt::format("{}: descriptor {}: {}; open it for reading", what, fd, std::strerror(input.error)));
   }
-  if (size > most) throw Failure(Exit::kUsage, fmt::format("{}: more than {} bytes; give less", what, most));
-  return first_bytes(*buffer, size);
+  if (input.secret == nullptr) throw too_long(what, most);
+  return input.secret;
 }
 
 volatile sig_atomic_t interrupted = 0;
@@ -114,8 +105,8 @@ Secret ask(int terminal, const std::string &prompt, const char *what, size_t mos
     if (!ended) ++size;
   }
   write_text(terminal, "\n");
-  if (size > most) throw Failure(Exit::kUsage, fmt::format("{}: more than {} bytes; give less", what, most));
-  return first_bytes(*buffer, size);
+  if (size > most) throw too_long(what, most);
+  return ksd::SecretBytes::copy_of(buffer->bytes().first(size));
 }
 
 Secret read_from_terminal(const char *what, size_t most, bool twice) {
@@ -130,7 +121,7 @@ Secret read_from_terminal(const char *what, size_t most, bool twice) {
   return first;
 }
 
-Secret read_from(std::optional<int> fd, const char *what, size_t most, bool one_line, bool twice) {
+Secret read_from(std::optional<int> fd, const char *what, size_t most, ksd::SecretEnd end, bool twice) {
   const bool typed = !fd && isatty(STDIN_FILENO);
   if (fd && isatty(*fd)) {
     throw Failure(Exit::kUsage, fmt::format("{}: descriptor {} is a terminal, which would show it; leave the option "
@@ -138,7 +129,7 @@ Secret read_from(std::optional<int> fd, const char *what, size_t most, bool one_
                                             what, *fd));
   }
   const Secret secret =
-      typed ? read_from_terminal(what, most, twice) : read_all(fd.value_or(STDIN_FILENO), what, most, one_line);
+      typed ? read_from_terminal(what, most, twice) : read_all(fd.value_or(STDIN_FILENO), what, most, end);
   if (secret->size() == 0) throw Failure(Exit::kUsage, fmt::format("{}: it is empty; give at least one byte", what));
   return secret;
 }
@@ -146,15 +137,15 @@ Secret read_from(std::optional<int> fd, const char *what, size_t most, bool one_
 }  // namespace
 
 Secret read_secret(std::optional<int> fd, const char *what, size_t most) {
-  return read_from(fd, what, most, false, true);
+  return read_from(fd, what, most, ksd::SecretEnd::kEndOfFile, true);
 }
 
 Secret read_bytes(int fd, const char *what, size_t most) {
-  return read_all(fd, what, most, false);
+  return read_all(fd, what, most, ksd::SecretEnd::kEndOfFile);
 }
 
 Secret read_passphrase(std::optional<int> fd, const char *what, bool twice) {
-  return read_from(fd, what, kMostOfPassphrase, true, twice);
+  return read_from(fd, what, kMostOfPassphrase, ksd::SecretEnd::kEndOfLine, twice);
 }
 
 }  // namespace ksctl

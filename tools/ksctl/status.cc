@@ -18,9 +18,8 @@ std::string version_text(uint32_t version) {
 std::string time_text(uint64_t seconds) {
   const auto time = static_cast<std::time_t>(seconds);
   std::tm parts{};
-  char text[32];
-  localtime_r(&time, &parts);
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
+  char text[32] = "";  // for a year that no int holds
+  if (localtime_r(&time, &parts) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
   return text;
 }
 

@@ -21,6 +21,7 @@
 #include "progress.h"
 #include "secret_input.h"
 #include "service_link.h"
+#include "status.h"
 #include "vault/database.h"
 #include "vault/restore.h"
 
@@ -39,14 +40,6 @@ constexpr Parameter kPassphraseCost{"--passphrase-cost", Kind::kChoice,
 constexpr Parameter kKeyPassphraseFd{"--key-passphrase-fd", Kind::kDescriptor,
                                      "Read the passphrase that the master key is sealed under from this descriptor"};
 constexpr Parameter kWitness{"--witness", Kind::kFile, "The vault's witness, where it doesn't lie beside the vault"};
-
-std::string time_in_words(uint64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  struct tm parts {};
-  char words[32] = "";
-  if (localtime_r(&time, &parts) != nullptr) std::strftime(words, sizeof words, "%Y-%m-%d %H:%M:%S", &parts);
-  return words;
-}
 
 vault::PassphraseCost cost_of(const Arguments &arguments) {
   const std::string cost = arguments.text_or("--passphrase-cost", "moderate");
@@ -135,7 +128,7 @@ void restore(Session &session, const Arguments &arguments) {
     const auto contents = vault::verify_backup(file.get(), name, passphrase->bytes(), progress);
     shown.reset();
     session.output.done(
-        fmt::format("{}: whole, {} entries of {}", name, contents.entry_count, time_in_words(contents.time)),
+        fmt::format("{}: whole, {} entries of {}", name, contents.entry_count, time_text(contents.time)),
         described(name, contents));
     return;
   }
@@ -147,7 +140,7 @@ void restore(Session &session, const Arguments &arguments) {
   const auto restored = vault::restore_backup(file.get(), name, passphrase->bytes(), options, progress);
   shown.reset();
   std::string sentence = fmt::format("{}: {} entries of {}", options.vault, restored.contents.entry_count,
-                                     time_in_words(restored.contents.time));
+                                     time_text(restored.contents.time));
   if (restored.made_key) sentence += fmt::format(", under a new master key in {}", options.master_key.file);
   if (!restored.kept.empty()) sentence += fmt::format("; what was there before is in {}", restored.kept);
   session.output.done(sentence, described(name, restored.contents, &options.vault, restored));
@@ -278,7 +271,7 @@ void import_key(Session &session, const Arguments &arguments) {
 template <void (*kRun)(Session &, const Arguments &)>
 void quietly(Session &session, const Arguments &arguments) {
   spdlog::set_level(spdlog::level::off);
-  if (sodium_init() < 0) throw Failure(Exit::kFailed, "libsodium doesn't start; the system generator may be missing");
+  vault::start_sodium();
   kRun(session, arguments);
 }
 

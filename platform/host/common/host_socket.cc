@@ -44,17 +44,6 @@ bool set_limits(int socket, uint32_t limit_ms) {
          setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
 }
 
-// The usual default is enough. Where net.core.wmem_default is lower, the buffer is raised as far as net.core.wmem_max
-// lets it (the kernel doubles what is asked for); where that is too low also, a request that is too large for it fails
-// with EMSGSIZE and all others go through.
-void size_send_buffer(int socket) {
-  int size = 0;
-  socklen_t length = sizeof size;
-  if (getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && size >= kSendBufferNeeded) return;
-  if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBufferNeeded, sizeof kSendBufferNeeded) == 0) return;
-  setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferNeeded, sizeof kSendBufferNeeded);
-}
-
 bool connect_socket(int socket, const char *path, const Deadline &deadline) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
@@ -134,6 +123,14 @@ bool peer_is_gone(int socket) {
 }
 
 }  // namespace
+
+void size_send_buffer(int socket) {
+  int size = 0;
+  socklen_t length = sizeof size;
+  if (getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && size >= kSendBufferNeeded) return;
+  if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBufferNeeded, sizeof kSendBufferNeeded) == 0) return;
+  setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferNeeded, sizeof kSendBufferNeeded);
+}
 
 Deadline Deadline::in_ms(uint32_t limit_ms) {
   Deadline deadline;

@@ -73,6 +73,11 @@ ssize_t receive(int socket, void *buffer, size_t size, const Deadline &deadline,
 // is_reply looks whether the `size` bytes at `datagram` are a whole reply to anything.
 bool is_reply(const void *datagram, size_t size);
 
+// size_send_buffer makes room for the largest datagram. The usual default is enough. Where net.core.wmem_default is
+// lower, the buffer is raised as far as net.core.wmem_max lets it (the kernel doubles what is asked for); where that is
+// too low also, a datagram that is too large for it fails with EMSGSIZE and all others go through.
+void size_send_buffer(int socket);
+
 }  // namespace host
 
 #endif
