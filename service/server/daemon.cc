@@ -304,9 +304,12 @@ class Daemon {
     const config::Config &old = started_with_;
     const bool needs_restart = config.socket != old.socket || config.socket_mode != old.socket_mode ||
                                config.socket_group != old.socket_group || config.vault != old.vault ||
-                               config.master_key_file != old.master_key_file || config.witness != old.witness;
-    if (needs_restart)
-      tell(event::kNeedsRestart, "a change of socket, vault, master key or witness counts from the next start");
+                               config.master_key_file != old.master_key_file || config.witness != old.witness ||
+                               config.sandbox != old.sandbox;
+    if (needs_restart) {
+      tell(event::kNeedsRestart,
+           "a change of socket, vault, master key, witness or sandbox counts from the next start");
+    }
     set_log_level(config.log_level);
     config_.replace(config);
     vault_->use_limits(vault_limits(config.limits));

@@ -128,9 +128,13 @@ TEST(Reload, KeepsTheOldConfigurationWhenTheNewOneIsWrong) {
 }
 
 TEST(Reload, SaysWhatCountsFromTheNextStart) {
-  ServiceProcess service;
-  service.reload("[service]\nsocket_mode = 0o600\n");
-  EXPECT_THAT(service.log(), HasSubstr("a change of socket, vault, master key or witness counts from the next start"));
+  for (const char *key : {"socket_mode = 0o600", "sandbox = \"off\""}) {
+    ServiceProcess service;
+    service.reload(std::string("[service]\n") + key + "\n");
+    EXPECT_THAT(service.log(),
+                HasSubstr("a change of socket, vault, master key, witness or sandbox counts from the next start"))
+        << key;
+  }
 }
 
 TEST(Reload, ChangesTheLogLevel) {
