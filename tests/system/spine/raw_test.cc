@@ -310,6 +310,16 @@ TEST(ConnectionLimits, HoldForAllTogether) {
   EXPECT_THAT(service.log(), HasSubstr("all together have too many"));
 }
 
+// More than a service can accept that has 16 descriptors.
+std::vector<std::unique_ptr<RawClient>> twenty_clients(const ServiceProcess &service) {
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 20; ++i) {
+    clients.push_back(std::make_unique<RawClient>(service.socket()));
+    EXPECT_TRUE(clients.back()->send(bytes(kHello)));
+  }
+  return clients;
+}
+
 TEST(ConnectionLimits, LeaveClientsWaitingWhenThereAreNoDescriptors) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "the sanitizer's check of virtual calls needs a descriptor of its own, and reports a fault without";
@@ -317,11 +327,7 @@ TEST(ConnectionLimits, LeaveClientsWaitingWhenThereAreNoDescriptors) {
   ServiceSetup setup;
   setup.wrapper = {"/bin/sh", "-c", "ulimit -n 16; exec \"$@\"", "sh"};
   ServiceProcess service(setup);
-  std::vector<std::unique_ptr<RawClient>> clients;
-  for (int i = 0; i < 20; ++i) {
-    clients.push_back(std::make_unique<RawClient>(service.socket()));
-    ASSERT_TRUE(clients.back()->send(bytes(kHello)));
-  }
+  std::vector<std::unique_ptr<RawClient>> clients = twenty_clients(service);
   ASSERT_TRUE(clients.front()->receive());
   while (service.log().find("can't accept connections: Too many open files") == std::string::npos) {
     ASSERT_EQ(clients.front()->exchange(66593, {}).result(), 1u);  // who is in is served
@@ -335,12 +341,7 @@ TEST(ConnectionLimits, AreAboveTheDescriptorsThatTheServiceBeganWith) {
   ServiceSetup setup;
   setup.wrapper = {"/bin/sh", "-c", "ulimit -Sn 16; exec \"$@\"", "sh"};
   ServiceProcess service(setup);
-  std::vector<std::unique_ptr<RawClient>> clients;
-  for (int i = 0; i < 20; ++i) {
-    clients.push_back(std::make_unique<RawClient>(service.socket()));
-    ASSERT_TRUE(clients.back()->send(bytes(kHello)));
-  }
-  for (const auto &client : clients) EXPECT_TRUE(client->receive());
+  for (const auto &client : twenty_clients(service)) EXPECT_TRUE(client->receive());
 }
 
 TEST(ManyClients, AreServedAtOnce) {
