@@ -174,4 +174,16 @@ grep -q 'removing the vault in /var/lib/ks and its master key' "$work/log" || fa
 for left in var/lib/ks var/lib/ks-key etc/ks run/ks usr/lib/ks; do
   [ ! -e "$root/$left" ] || fail "it leaves /$left"
 done
+
+# As autopkgtest would: with what each says that it needs. The one of an upgrade ran above.
+say "the packages' own tests"
+needed=$(sed -n 's/^Depends: //p' "$here/debian/tests/control" | tr -d , | xargs -n 1 | sort -u | xargs)
+# shellcheck disable=SC2086 # a list
+quietly in_root sh -c 'apt-get install -y --no-install-recommends "$@" /packages/*_amd64.deb' install $needed
+for test in build round-trip; do
+  install -D "$here/debian/tests/$test" "$root/tests/$test"
+  rm -rf "$root/tests/tmp"
+  mkdir "$root/tests/tmp"
+  quietly in_root env AUTOPKGTEST_TMP=/tests/tmp "/tests/$test"
+done
 say "all is well"
