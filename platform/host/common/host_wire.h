@@ -63,7 +63,8 @@ typedef struct {
 KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
 
 /* The replies to administration messages. Texts are NUL-terminated; of one that doesn't fit the beginning stands there
- * and "..." behind it, of a path its end and "..." in front. Times are seconds since 1970; up_ms is how long the service has run, by a clock that nobody sets. */
+ * and "..." behind it, of a path its end and "..." in front. Times are seconds since 1970; up_ms is how long the
+ * service has run, by a clock that nobody sets. */
 
 /* The number under which all users without a VDC are counted together. */
 #define HOST_ALL_UNMAPPED UINT32_MAX
@@ -289,57 +290,71 @@ enum {
 
 KS_STATIC_ASSERT(sizeof(HostKeyChangeReply) == 24);
 
-/* HostReplyShape is what a reply to the keystore's message `opcode` has to hold, so that whoever reads it without
- * looking finds it there. Every reply begins with its result. What follows counts with KS_SUCCESS alone; the shape of
- * most is a 16-bit length and as many bytes.
+/* HostReplyShape is what a reply to one of the keystore's messages has to hold, so that whoever reads it without
+ * looking finds it there. Every reply begins with its result; what follows counts with KS_SUCCESS alone.
  *
  * A caller's buffer is as large as what was asked for, which the reply must not exceed. Where the reader compares the
  * two itself, as those of ciphers and digests do, `most` says nothing. */
 typedef struct {
-  uint32_t opcode;
-  uint16_t least;       /* bytes that are read whatever stands in them, result and length included */
+  uint8_t least;        /* bytes that are read whatever stands in them, the result included */
+  uint8_t length_bytes; /* of the 16-bit length behind the result, which tells how much follows: 0 when nobody reads it,
+                           1 when only its low byte is read */
   uint16_t most;        /* the largest length that may stand there */
-  uint8_t length_bytes; /* 0: no length is read; 1: its low byte; 2: all of it */
   uint8_t asked_bytes;  /* 0, or the size of the number at the descriptor's start, which the length must not exceed */
 } HostReplyShape;
 
-/* In the order of opcodes, from KS_OP_GENERATE_RANDOM on. */
+typedef enum {
+  HOST_REPLY_RESULT,   /* alone */
+  HOST_REPLY_FLAG,     /* a byte, behind a length that nobody reads */
+  HOST_REPLY_FIRMWARE, /* version and status, behind such a length */
+  HOST_REPLY_DATA,
+  HOST_REPLY_RANDOM,
+  HOST_REPLY_T_PRF,
+  HOST_REPLY_PASSWORD /* RFC 2759's block; the reader takes any length */
+} HostReplyKind;
+
+/* By kind. */
 static const HostReplyShape host_reply_shapes[] = {
-    {KS_OP_GENERATE_RANDOM, 6, UINT8_MAX, 1, 1},
-    {KS_OP_STORE_SECRET, 4, 0, 0, 0},
-    {KS_OP_ADD_METADATA, 4, 0, 0, 0},
-    {KS_OP_CLEAR, 4, 0, 0, 0},
-    {KS_OP_SECRET_EXISTS, 7, 0, 0, 0}, /* the flag, behind a length that nobody reads */
-    {KS_OP_HANDLE_BY_INDEX, 6, UINT16_MAX, 2, 0},
-    {KS_OP_RETURN_METADATA, 6, UINT16_MAX, 2, 0},
-    {KS_OP_RENAME, 4, 0, 0, 0},
-    {KS_OP_STORE_PAC, 4, 0, 0, 0},
-    {KS_OP_PAC_EXISTS, 7, 0, 0, 0},
-    {KS_OP_PAC_KEY_T_PRF, 6, UINT16_MAX, 2, 2},
-    {KS_OP_GENERATE_NT_RESPONSE, 6, UINT16_MAX, 2, 0},
-    {KS_OP_GENERATE_AUTH_RESPONSE, 6, UINT16_MAX, 2, 0},
-    {KS_OP_NEW_PASSWORD_ENCRYPTED, 6, 516, 2, 0}, /* RFC 2759's block; the reader takes any length */
-    {KS_OP_OLD_HASH_ENCRYPTED, 6, UINT16_MAX, 2, 0},
-    {KS_OP_GET_MASTER_KEY, 6, UINT16_MAX, 2, 0},
-    {KS_OP_AES_ENCRYPT, 6, UINT16_MAX, 2, 0},
-    {KS_OP_AES_DECRYPT, 6, UINT16_MAX, 2, 0},
-    {KS_OP_AES_CBC_ENCRYPT, 6, UINT16_MAX, 2, 0},
-    {KS_OP_AES_CBC_DECRYPT, 6, UINT16_MAX, 2, 0},
-    {KS_OP_HMAC_MD5, 6, UINT16_MAX, 2, 0},
-    {KS_OP_HMAC_SHA1, 6, UINT16_MAX, 2, 0},
-    {KS_OP_MD5, 6, UINT16_MAX, 2, 0},
-    {KS_OP_SHA1, 6, UINT16_MAX, 2, 0},
-    {KS_OP_DES_ENCRYPT, 6, UINT16_MAX, 2, 0},
-    {KS_OP_DES_DECRYPT, 6, UINT16_MAX, 2, 0},
-    {KS_OP_3DES_ENCRYPT, 6, UINT16_MAX, 2, 0},
-    {KS_OP_3DES_DECRYPT, 6, UINT16_MAX, 2, 0},
-    {66589, 4, 0, 0, 0}, /* four that are no messages */
-    {66590, 4, 0, 0, 0},
-    {66591, 4, 0, 0, 0},
-    {66592, 4, 0, 0, 0},
-    {KS_OP_FW_VERSION_STATUS, 9, 0, 0, 0}, /* version and status, behind a length that nobody reads */
-    {KS_OP_COMPACT_FW_MEMORY, 4, 0, 0, 0},
+    {sizeof(KsResult), 0, 0, 0}, {7, 0, 0, 0},          {9, 0, 0, 0},   {6, 2, UINT16_MAX, 0},
+    {6, 1, UINT8_MAX, 1},        {6, 2, UINT16_MAX, 2}, {6, 2, 516, 0},
 };
+
+static inline HostReplyKind host_reply_kind(uint32_t opcode) {
+  switch (opcode) {
+    case KS_OP_GENERATE_RANDOM:
+      return HOST_REPLY_RANDOM;
+    case KS_OP_SECRET_EXISTS:
+    case KS_OP_PAC_EXISTS:
+      return HOST_REPLY_FLAG;
+    case KS_OP_FW_VERSION_STATUS:
+      return HOST_REPLY_FIRMWARE;
+    case KS_OP_PAC_KEY_T_PRF:
+      return HOST_REPLY_T_PRF;
+    case KS_OP_NEW_PASSWORD_ENCRYPTED:
+      return HOST_REPLY_PASSWORD;
+    case KS_OP_HANDLE_BY_INDEX:
+    case KS_OP_RETURN_METADATA:
+    case KS_OP_GENERATE_NT_RESPONSE:
+    case KS_OP_GENERATE_AUTH_RESPONSE:
+    case KS_OP_OLD_HASH_ENCRYPTED:
+    case KS_OP_GET_MASTER_KEY:
+    case KS_OP_AES_ENCRYPT:
+    case KS_OP_AES_DECRYPT:
+    case KS_OP_AES_CBC_ENCRYPT:
+    case KS_OP_AES_CBC_DECRYPT:
+    case KS_OP_HMAC_MD5:
+    case KS_OP_HMAC_SHA1:
+    case KS_OP_MD5:
+    case KS_OP_SHA1:
+    case KS_OP_DES_ENCRYPT:
+    case KS_OP_DES_DECRYPT:
+    case KS_OP_3DES_ENCRYPT:
+    case KS_OP_3DES_DECRYPT:
+      return HOST_REPLY_DATA;
+    default: /* nobody reads more of a message that isn't known */
+      return HOST_REPLY_RESULT;
+  }
+}
 
 /* Where the service listens unless KS_SOCKET says otherwise. */
 #define HOST_DEFAULT_SOCKET "/run/ks/ksd.sock"

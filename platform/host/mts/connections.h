@@ -46,7 +46,7 @@ struct alignas(64) Slot {
 
   // Of the exchange in progress:
   uint64_t sent_at;             // in the processor's own ticks
-  const HostReplyShape *shape;  // of its reply; null for a message that isn't known
+  const HostReplyShape *shape;  // of its reply
   uint32_t opcode;
   uint32_t most;  // that its reply's length may say
 };

@@ -155,17 +155,10 @@ constexpr uint64_t kNoTimeForAnything = 600;
 
 // ---- Replies.
 
-// Returns the shape of the message's reply, or null for a message that isn't known.
-const HostReplyShape *shape_of(uint32_t opcode) {
-  const uint32_t row = opcode - KS_OP_GENERATE_RANDOM;
-  return row < sizeof host_reply_shapes / sizeof host_reply_shapes[0] ? &host_reply_shapes[row] : nullptr;
-}
-
 // Notes in the slot what may come back on the request.
 void expect_reply(Slot *slot, const Request &request) {
   slot->opcode = request.header.opcode;
-  slot->shape = shape_of(slot->opcode);
-  if (slot->shape == nullptr) return;
+  slot->shape = &host_reply_shapes[host_reply_kind(slot->opcode)];
   slot->most = slot->shape->most;
   uint16_t asked = 0;
   const size_t asked_bytes = slot->shape->asked_bytes;
@@ -179,7 +172,7 @@ bool has_shape(const Slot *slot, const uint8_t *payload, size_t size) {
   KsResult result;
   memcpy(&result, payload, sizeof result);
   const HostReplyShape *shape = slot->shape;
-  if (result != KS_SUCCESS || shape == nullptr) return true;
+  if (result != KS_SUCCESS) return true;
   if (size < shape->least) return false;
   if (shape->length_bytes == 0) return true;
   uint16_t length = 0;
