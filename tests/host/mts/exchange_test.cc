@@ -110,8 +110,10 @@ TEST_F(Mts, RefusesMissingData) {
   KsMtsMessage sent;
 
   EXPECT_EQ(exchange(queue, {}, {{nullptr, 3}}).error, static_cast<uint32_t>(EINVAL));
-  EXPECT_EQ(mts_send(queue, 0, 0, 1, nullptr, 2, &sent, 0, nullptr), MTS_FAILED);
-  EXPECT_EQ(mts_errno_get(queue), static_cast<uint32_t>(EINVAL));
+  for (const uint32_t size : {1U, 2U}) {
+    EXPECT_EQ(mts_send(queue, 0, 0, 1, nullptr, size, &sent, 0, nullptr), MTS_FAILED);
+    EXPECT_EQ(mts_errno_get(queue), static_cast<uint32_t>(EINVAL));
+  }
 }
 
 // From a piece that is copied together to the largest there may be.
@@ -249,6 +251,27 @@ TEST_F(Mts, TiesRepliesToRequestsByToken) {
     mts_drop(queue, &sent[i]);
   }
   EXPECT_EQ(service.connections(), 3U);
+}
+
+// Who gets a reply that is another connection's doesn't wait for one of its own: the two have come apart.
+TEST_F(Mts, TakesAReplyToAnotherConnectionsRequestForAFault) {
+  constexpr uint32_t kOfAnotherConnection = 1;
+  constexpr uint32_t kEarlier = 2 << 12;
+  service.hello.receive_limit_ms = 2000;
+  service.handler = [](int socket, const FakeService::Request &request) {
+    FakeService::Request other = request;
+    other.header.token = (request.header.token ^ kOfAnotherConnection) - kEarlier;
+    return FakeService::echo(socket, other);
+  };
+  EXPECT_EQ(exchange(bound(), {1}).error, static_cast<uint32_t>(EPROTO));
+}
+
+TEST_F(Mts, LeavesAMessageAloneThatItDidNotFill) {
+  const uint32_t queue = bound();
+  KsMtsMessage never = {};
+  const KsMtsMessage before = never;
+  mts_drop(queue, &never);
+  EXPECT_EQ(memcmp(&never, &before, sizeof never), 0);
 }
 
 TEST_F(Mts, LetsThreadsShareAQueue) {

@@ -240,6 +240,37 @@ TEST_F(LastError, TellsOfALackOfDescriptors) {
   }));
 }
 
+TEST_F(LastError, TellsWhatTheSystemLacksForAConnection) {
+  const struct {
+    int error;
+    const char *told;
+  } kCases[] = {
+      {ENFILE, "the system has no descriptor left for a connection (Too many open files in system). Raise fs.file-max"},
+      {ENOMEM, "there is no memory for a connection (Cannot allocate memory). Free some"},
+      {ENOBUFS, "there is no memory for a connection (No buffer space available). Free some"},
+      {EIO, "no connection can be made (Input/output error). Start the service"},
+  };
+  for (const auto &row : kCases) {
+    const WithSocketHooks hooks({.connect = [&] {
+      errno = row.error;
+      return -1;
+    }});
+    EXPECT_THAT(here(), StartsWith(socket_path() + ": " + row.told));
+  }
+}
+
+TEST_F(LastError, TellsOfMoreApplicationIdsThanThereCanBe) {
+  service.start();
+  EXPECT_TRUE(passes_in_child([&] {
+    uint32_t id = 1000;  // beside those of other tests
+    while (id <= 1256 && bind_as(id) != MTS_FAILED) ++id;
+    return id <= 1256 &&
+           why() == socket_path() +
+                        ": the process is bound under 256 application ids already (No space left on device). Use one "
+                        "of them again";
+  }));
+}
+
 TEST_F(LastError, TellsOfRequestsThatCanNotGo) {
   KsMtsMessage sent;
   EXPECT_EQ(send_sections(MTS_FAILED, {1}, {}, &sent), MTS_FAILED);

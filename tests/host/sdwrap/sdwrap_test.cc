@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "fake_service/fake_service.h"
+#include "library_calls.h"
 #include "start_time.h"
 
 namespace {
@@ -544,6 +545,18 @@ TEST_F(DebugLines, AreNotCut) {
     ASSERT_EQ(lines.size(), 1U) << length;
     EXPECT_EQ(after_prefix(lines[0]), text + "\n");
   }
+}
+
+TEST_F(DebugLines, AreCutOnlyWhereThereIsNoMemory) {
+  const auto lines = packets([] {
+    const ks_test::LibraryCalls<malloc> calls("libsdwrap.so", ks_test::fail_call<void *>(1, nullptr, ENOMEM));
+    const std::string text(3000, 't');
+    buginf(1, sdwrap_dbg_modname, 0, "%s", text.c_str());
+    return true;
+  });
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].size(), 1024U);
+  EXPECT_TRUE(lines[0].ends_with("ttt\n"));
 }
 
 TEST_F(DebugLines, RaiseNoSignalWhenNobodyReads) {

@@ -238,6 +238,18 @@ TEST_F(Tracing, LetsNoDescriptorThroughExec) {
   }));
 }
 
+TEST_F(Tracing, KeepsTheFileOpenFromLineToLine) {
+  ask("debug+all");
+  ask_for_file();
+  EXPECT_TRUE(passes_in_child([] {
+    report("one\n");
+    const int next = dup(STDERR_FILENO);
+    close(next);
+    for (int i = 0; i < 20; i++) report("more\n");
+    return dup(STDERR_FILENO) == next;
+  }));
+}
+
 TEST_F(Tracing, OpensTheFileAgainWhenItsNumberBecameAnothers) {
   ask("debug+all");
   ask_for_file();
@@ -245,7 +257,7 @@ TEST_F(Tracing, OpensTheFileAgainWhenItsNumberBecameAnothers) {
     report("one\n");
     const std::string other = folder() + "/other";
     for (int number = 3; number < 256; number++) close(number);
-    for (int i = 0; i < 20; i++) open(other.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    for (int number = 3; number < 256; number++) open(other.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     report("two\n");
     report("three\n");
     return content(other).empty() && without_pids(content(file())) == "ks[]: one\nks[]: two\nks[]: three\n";
