@@ -1,0 +1,121 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
+"""What every call of the library takes: arguments of the lengths that it can count, outputs, and results checked."""
+
+from __future__ import annotations
+
+import datetime
+from typing import Any, Callable, Optional, TypeVar, Union
+
+from . import errors
+from ._native import ffi, lib
+
+Buffer = Union[bytes, bytearray, memoryview]
+Name = Union[str, bytes]
+Writable = TypeVar("Writable", bytearray, memoryview)
+
+NAME_MAX: int = lib.KS_NAME_MAX
+AID_MAX: int = lib.KS_PAC_NAME_MAX
+UINT16_MAX = 0xFFFF
+
+_BYTES = ffi.typeof("uint8_t[]")
+_SUCCESS: int = lib.KS_SUCCESS
+_new = ffi.new
+_buffer = ffi.buffer
+_from_buffer = ffi.from_buffer
+
+
+def check(code: int) -> None:
+    """Raises unless an operation that asks the service succeeded."""
+    if code != _SUCCESS:
+        raise errors.of_exchange(code)
+
+
+def check_local(code: int) -> None:
+    """Raises unless an operation that asks nobody succeeded."""
+    if code != _SUCCESS:
+        raise errors.of_process(code)
+
+
+def text(value: Name, what: str, most: int, least: int = 1) -> bytes:
+    """A text as C takes it: UTF-8 of `least` to `most` bytes without a NUL."""
+    raw = value.encode("utf-8", "surrogateescape") if isinstance(value, str) else value
+    if not isinstance(raw, bytes):
+        raise TypeError(f"{what} is a str or bytes, not {type(value).__name__}")
+    if not least <= len(raw) <= most:
+        raise ValueError(f"{what} has {least} to {most} bytes; this one has {len(raw)}")
+    if b"\0" in raw:
+        raise ValueError(f"{what} has no NUL byte; this one has")
+    return raw
+
+
+def secret_name(value: Name) -> bytes:
+    """The name of a secret."""
+    return text(value, "a secret's name", NAME_MAX)
+
+
+def data(value: Buffer, what: str, least: int, most: int, multiple_of: int = 1) -> Any:
+    """The bytes of any buffer, where they lie. While the result lives the buffer isn't resized."""
+    view = _from_buffer(_BYTES, value)
+    if not least <= len(view) <= most:
+        limits = f"{least} to {most}" if least != most else str(most)
+        raise ValueError(f"{what} has {limits} bytes; this has {len(view)}")
+    if len(view) % multiple_of != 0:
+        raise ValueError(f"{what} is a multiple of {multiple_of} bytes; this has {len(view)}")
+    return view
+
+
+def optional(value: Optional[Buffer], what: str, most: int) -> tuple[Any, int]:
+    """Pointer and length of bytes that may be absent."""
+    if value is None:
+        return ffi.NULL, 0
+    view = data(value, what, 0, most)
+    return view, len(view)
+
+
+def aid(value: Buffer) -> Any:
+    """A PAC's name."""
+    return data(value, "an A-ID", 1, AID_MAX)
+
+
+def room(size: int, out: Optional[Union[bytearray, memoryview]] = None) -> Any:
+    """Where an output of `size` bytes goes: into `out`, or into zeroed memory of its own."""
+    if out is None:
+        return _new(_BYTES, size)
+    view = _from_buffer(_BYTES, out, require_writable=True)
+    if len(view) != size:
+        raise ValueError(f"out has {size} bytes, as many as the result; this has {len(view)}")
+    return view
+
+
+def content(output: Any) -> bytes:
+    """The bytes of an output."""
+    return _buffer(output)[:]  # type: ignore[no-any-return]
+
+
+def taken(block: Any, size: int) -> bytes:
+    """The bytes of a block that the library handed out, which is released."""
+    try:
+        return bytes(_buffer(block, size)) if block else b""
+    finally:
+        lib.free(block)
+
+
+def whole(output: Any, size: int, operation: Callable[[], int]) -> None:
+    """Runs an operation that takes a reply shorter than asked for as a success, and raises where it was shorter.
+
+    The last byte tells: it is set before the call and is another one behind it. Where the result happens to have the
+    same byte there, the operation is run again with another.
+    """
+    for fill in b"\x00\xff\x55\xaa":
+        output[size - 1] = fill
+        check(operation())
+        if output[size - 1] != fill:
+            return
+    raise errors.Failure(lib.KS_FAILURE, f"the result is shorter than {size} bytes")
+
+
+def seconds(time: Union[int, float, datetime.datetime]) -> int:
+    """A time in whole seconds since 1970."""
+    return int(time.timestamp() if isinstance(time, datetime.datetime) else time)
