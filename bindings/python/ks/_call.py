@@ -57,7 +57,10 @@ def secret_name(value: Name) -> bytes:
 
 def data(value: Buffer, what: str, least: int, most: int, multiple_of: int = 1) -> Any:
     """The bytes of any buffer, where they lie. While the result lives the buffer isn't resized."""
-    view = _from_buffer(_BYTES, value)
+    try:
+        view = _from_buffer(_BYTES, value)
+    except TypeError:
+        raise TypeError(f"{what} is bytes, a bytearray or a memoryview, not {type(value).__name__}") from None
     if not least <= len(view) <= most:
         limits = f"{least} to {most}" if least != most else str(most)
         raise ValueError(f"{what} has {limits} bytes; this has {len(view)}")
@@ -83,7 +86,7 @@ def room(size: int, out: Optional[Union[bytearray, memoryview]] = None) -> Any:
     """Where an output of `size` bytes goes: into `out`, or into zeroed memory of its own."""
     if out is None:
         return _new(_BYTES, size)
-    view = _from_buffer(_BYTES, out, require_writable=True)
+    view = _from_buffer(_BYTES, out, True)  # writable
     if len(view) != size:
         raise ValueError(f"out has {size} bytes, as many as the result; this has {len(view)}")
     return view

@@ -32,29 +32,15 @@ def init(app_uuid: int, *, first: int = 0, third: int = 0) -> None:
             return
         if _started is not None:
             raise RuntimeError(f"ks.init was called with app_uuid {_started[1]} before; a process is started once")
-        _bind(*arguments)
+        code = lib.ks_init(*arguments)
+        if code != lib.KS_SUCCESS:
+            raise errors.of_binding(code)
+        _started = arguments
 
 
-def _bind(first: int, app_uuid: int, third: int) -> None:
-    global _started
-    _started = None
-    code = lib.ks_init(first, app_uuid, third)
-    if code != lib.KS_SUCCESS:
-        raise errors.of_binding(code)
-    _started = (first, app_uuid, third)
-
-
-def restart(app_uuid: int) -> None:
-    """Starts the library anew, on the service that the environment names now."""
-    with _lock:
-        _bind(0, app_uuid, 0)
-
-
-def forget() -> None:
-    """Lets the next ks.init start the library anew."""
-    global _started
-    with _lock:
-        _started = None
+def is_started() -> bool:
+    """Whether ks.init has succeeded in this process."""
+    return _started is not None
 
 
 class State(NamedTuple):

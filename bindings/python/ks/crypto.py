@@ -91,7 +91,8 @@ def aes_decrypt(name: _call.Name, data: _call.Buffer, *,
 
 def _aes_cbc(operation: Callable[..., int], name: _call.Name, iv: _call.Buffer, data: _call.Buffer,
              out: Optional[_call.Writable]) -> tuple[bytes | _call.Writable, bytes]:
-    chained = ffi.new("uint8_t[]", bytes(_call.data(iv, "an IV", _AES_BLOCK, _AES_BLOCK)))
+    chained = ffi.new("uint8_t[]", _AES_BLOCK)
+    ffi.memmove(chained, _call.data(iv, "an IV", _AES_BLOCK, _AES_BLOCK), _AES_BLOCK)
     view = _call.data(data, "a text for one call of AES-CBC", _AES_BLOCK, _AES_CBC_MAX, _AES_BLOCK)
     output = _call.room(len(view), out)
     _call.check(operation(_call.secret_name(name), chained, view, len(view), output))
@@ -121,12 +122,11 @@ def aes_cbc_decrypt(name: _call.Name, iv: _call.Buffer, data: _call.Buffer, *,
 
 def _digest(operation: Callable[..., int], size: int, name: _call.Name, first: Optional[_call.Buffer],
             second: Optional[_call.Buffer]) -> bytes:
-    if first is None and second is None:
-        raise ValueError("a digest takes one piece of data at least; give b'' for none of any length")
     head, head_size = _call.optional(first, "the first piece of a digest", _PIECE_MAX)
     tail, tail_size = _call.optional(second, "the second piece of a digest", _PIECE_MAX)
-    if head_size + tail_size > _PIECE_MAX:
-        raise ValueError(f"the pieces of a digest have {_PIECE_MAX} bytes together; these have {head_size + tail_size}")
+    if not 1 <= head_size + tail_size <= _PIECE_MAX:
+        raise ValueError(f"the pieces of a digest have 1 to {_PIECE_MAX} bytes together; these have "
+                         f"{head_size + tail_size}")
     output = ffi.new("uint8_t[]", size)
     _call.check(operation(_call.secret_name(name), head, head_size, tail, tail_size, output))
     return _call.content(output)
@@ -135,7 +135,7 @@ def _digest(operation: Callable[..., int], size: int, name: _call.Name, first: O
 def md5(name: _call.Name, first: Optional[_call.Buffer] = None, second: Optional[_call.Buffer] = None) -> bytes:
     """The MD5 digest of `first`, the secret, `second`, in this order; one of the two pieces may be absent.
 
-    Both together have at most 1,024 bytes. The library keeps as many bytes as the name has, and four, for each call.
+    Both together have 1 to 1,024 bytes. The library keeps as many bytes as the name has, and four, for each call.
     """
     return _digest(lib.ks_md5_hash, _MD5_SIZE, name, first, second)
 

@@ -26,9 +26,12 @@ def private_keystore(app_uuid: int = 1, *, vdc: int = 1, program: str = "ks-sess
     with ks.testing.private_keystore():
         ks.secrets.store("name", b"value")
 
-    It is for the main thread of a test program: the environment changes, and the library is started anew, which a
-    program does once otherwise. Behind the block operations fail, until the next one or the caller's own ks.init.
+    A process has one, and begins with it: what the library learns when it starts (the VDC, the place of the cache) is
+    the process's for good. Behind the block every operation fails. To run a whole program against a keystore of its
+    own, write `ks-session -- python3 program.py` instead.
     """
+    if _start.is_started():
+        raise RuntimeError("the library has been started in this process, and stays with its service")
     command = [program, "--vdc", str(vdc), "--", sys.executable, "-c", _HOLD]
     before = {name: os.environ.get(name) for name in _SET}
     with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as session:
@@ -39,12 +42,12 @@ def private_keystore(app_uuid: int = 1, *, vdc: int = 1, program: str = "ks-sess
                 raise RuntimeError(f"{program} gave no session; it ended with {session.wait()}")
             environment = json.loads(told)
             os.environ.update({name: environment[name] for name in _SET})
-            _start.restart(app_uuid)
+            _start.init(app_uuid)
             yield environment["KS_SESSION_DIR"]
         finally:
-            _start.forget()
             for name, value in before.items():
-                os.environ.pop(name, None)
-                if value is not None:
+                if value is None:
+                    os.environ.pop(name, None)
+                else:
                     os.environ[name] = value
             session.stdin.close()
