@@ -13,11 +13,13 @@ from ._native import ffi, lib
 
 Buffer = Union[bytes, bytearray, memoryview]
 Name = Union[str, bytes]
+Label = Union[str, Buffer]
 Writable = TypeVar("Writable", bytearray, memoryview)
 
 NAME_MAX: int = lib.KS_NAME_MAX
 AID_MAX: int = lib.KS_PAC_NAME_MAX
 UINT16_MAX = 0xFFFF
+PIECE_MAX = 1024  # bytes of a DES text, and of what digests and HMACs are made of
 
 _BYTES = ffi.typeof("uint8_t[]")
 _SUCCESS: int = lib.KS_SUCCESS
@@ -80,6 +82,22 @@ def optional(value: Optional[Buffer], what: str, most: int) -> tuple[Any, int]:
 def aid(value: Buffer) -> Any:
     """A PAC's name."""
     return data(value, "an A-ID", 1, AID_MAX)
+
+
+def hmac_input(value: Buffer) -> Any:
+    """What an HMAC is made of."""
+    return data(value, "what an HMAC is made of", 1, PIECE_MAX)
+
+
+def label(value: Label) -> Any:
+    """The label of a T-PRF."""
+    return data(value.encode() if isinstance(value, str) else value, "a T-PRF's label", 1, UINT16_MAX)
+
+
+def seed(value: Optional[Buffer]) -> tuple[Any, int]:
+    """Pointer and length of a T-PRF's random: an empty one is none."""
+    view, size = optional(value, "a T-PRF's random", UINT16_MAX)
+    return (view, size) if size else (ffi.NULL, 0)
 
 
 def room(size: int, out: Optional[Union[bytearray, memoryview]] = None) -> Any:

@@ -11,7 +11,7 @@ deletes the old entry first, and readers find none until it is done.
 from __future__ import annotations
 
 import sys
-from typing import Any, Callable, Literal, Optional, Union
+from typing import Any, Callable, Literal, Optional
 
 from . import _call, errors
 from ._native import ffi, lib
@@ -29,18 +29,6 @@ def _name(aid: _call.Buffer, vdc: Optional[int]) -> bytes:
     if not 0 <= number <= _call.UINT16_MAX:
         raise ValueError(f"a VDC id is 0 to {_call.UINT16_MAX}, not {number}")
     return bytes([_TAG, 0, number >> 8, number & 0xFF]) + bytes(_call.aid(aid))
-
-
-def label(value: Union[str, _call.Buffer]) -> Any:
-    """The label of a T-PRF, as the library takes it."""
-    raw = value.encode() if isinstance(value, str) else value
-    return _call.data(raw, "a T-PRF's label", 1, _call.UINT16_MAX)
-
-
-def seed(value: Optional[_call.Buffer]) -> tuple[Any, int]:
-    """The random of a T-PRF, as the library takes it: an empty one is none."""
-    view, size = _call.optional(value, "a T-PRF's random", _call.UINT16_MAX)
-    return (view, size) if size else (ffi.NULL, 0)
 
 
 def open(app_uuid: Optional[int] = None) -> None:
@@ -95,7 +83,7 @@ def clear(aid: _call.Buffer, *, vdc: Optional[int] = None) -> None:
     _call.check_local(lib.ks_cache_pac_clear(name, len(name)))
 
 
-def write_t_prf(aid: _call.Buffer, t_prf_label: Union[str, _call.Buffer], random: Optional[_call.Buffer],
+def write_t_prf(aid: _call.Buffer, label: _call.Label, random: Optional[_call.Buffer],
                 output: _call.Buffer, *, vdc: Optional[int] = None) -> None:
     """Puts a T-PRF result into the PAC's entry, in place of the one that may be there. Its metadata stays.
 
@@ -103,22 +91,22 @@ def write_t_prf(aid: _call.Buffer, t_prf_label: Union[str, _call.Buffer], random
     metadata in memory for good: this is for programs that write when a PAC is stored, not for each use.
     """
     name = _name(aid, vdc)
-    view = label(t_prf_label)
-    chosen, chosen_size = seed(random)
+    view = _call.label(label)
+    chosen, chosen_size = _call.seed(random)
     result = _call.data(output, "a T-PRF result", 1, _call.UINT16_MAX)
     _call.check_local(lib.ks_cache_pac_write_tprf(name, len(name), view, len(view), chosen, chosen_size, result,
                                                   len(result)))
 
 
-def read_t_prf(aid: _call.Buffer, t_prf_label: Union[str, _call.Buffer], random: Optional[_call.Buffer] = None, *,
+def read_t_prf(aid: _call.Buffer, label: _call.Label, random: Optional[_call.Buffer] = None, *,
                vdc: Optional[int] = None) -> bytes:
     """The T-PRF result in the PAC's entry, when it was stored with this label and random.
 
     Raises NotFound where there is no entry, and Failure where it has no result or that of another label or random.
     """
     name = _name(aid, vdc)
-    view = label(t_prf_label)
-    return _taken(lib.ks_cache_read_tprf, name, len(name), view, len(view), *seed(random))
+    view = _call.label(label)
+    return _taken(lib.ks_cache_read_tprf, name, len(name), view, len(view), *_call.seed(random))
 
 
 def pac_opaque(aid: _call.Buffer) -> bytes:
@@ -133,11 +121,11 @@ def pac_info(aid: _call.Buffer) -> bytes:
     return _taken(lib.ks_cache_get_pac_info, name, len(name))
 
 
-def pac_t_prf(aid: _call.Buffer, t_prf_label: Union[str, _call.Buffer], random: Optional[_call.Buffer] = None) -> bytes:
+def pac_t_prf(aid: _call.Buffer, label: _call.Label, random: Optional[_call.Buffer] = None) -> bytes:
     """The T-PRF result for the PAC that pacs.t_prf would find, from the cache alone."""
     name = _call.aid(aid)
-    view = label(t_prf_label)
-    return _taken(lib.ks_cache_get_pac_tprf, name, len(name), view, len(view), *seed(random))
+    view = _call.label(label)
+    return _taken(lib.ks_cache_get_pac_tprf, name, len(name), view, len(view), *_call.seed(random))
 
 
 def purge_all() -> None:

@@ -10,12 +10,12 @@ new bytes, so that the program can set it to zeros afterwards.
 
 from __future__ import annotations
 
-from typing import Any, Callable, Optional, overload
+from typing import Callable, Optional, overload
 
 from . import _call
 from ._native import ffi, lib
 
-_PIECE_MAX = 1024  # bytes of a DES text, and of what digests and HMACs take
+_PIECE_MAX = _call.PIECE_MAX
 _DES_BLOCK = 8
 _AES_BLOCK = 16
 _AES_MAX = 65520  # the largest multiple of a block that 16 bits count
@@ -145,14 +145,9 @@ def sha1(name: _call.Name, first: Optional[_call.Buffer] = None, second: Optiona
     return _digest(lib.ks_sha1_hash, _SHA1_SIZE, name, first, second)
 
 
-def hmac_input(data: _call.Buffer) -> Any:
-    """What an HMAC is made of, as the library takes it."""
-    return _call.data(data, "what an HMAC is made of", 1, _PIECE_MAX)
-
-
 def hmac_md5(name: _call.Name, data: _call.Buffer) -> bytes:
     """The HMAC-MD5 of 1 to 1,024 bytes. The library keeps 35 bytes for each call that can't be sent."""
-    view = hmac_input(data)
+    view = _call.hmac_input(data)
     output = ffi.new("uint8_t[]", _MD5_SIZE)
     _call.check(lib.ks_hmac_md5(_call.secret_name(name), view, len(view), output))
     return _call.content(output)
@@ -160,7 +155,7 @@ def hmac_md5(name: _call.Name, data: _call.Buffer) -> bytes:
 
 def hmac_sha1(name: _call.Name, data: _call.Buffer) -> bytes:
     """The HMAC-SHA1 of 1 to 1,024 bytes."""
-    view = hmac_input(data)
+    view = _call.hmac_input(data)
     output = ffi.new("uint8_t[]", _SHA1_SIZE)
     _call.check(lib.ks_hmac_sha1(_call.secret_name(name), view, len(view), output))
     return _call.content(output)

@@ -14,7 +14,7 @@ import datetime
 import time
 from typing import Any, Callable, Iterator, Optional, Union, overload
 
-from . import _call, cache, crypto, errors, tlv
+from . import _call, cache, errors, tlv
 from ._native import ffi, lib
 
 _KEY_MAX = 65535  # what the service takes
@@ -151,11 +151,11 @@ def still_valid(metadata: _call.Buffer, identity: str, now: Optional[Union[int, 
 
 
 @overload
-def t_prf(aid: _call.Buffer, label: _call.Name, random: Optional[_call.Buffer] = None, *, size: int) -> bytes: ...
+def t_prf(aid: _call.Buffer, label: _call.Label, random: Optional[_call.Buffer] = None, *, size: int) -> bytes: ...
 @overload
-def t_prf(aid: _call.Buffer, label: _call.Name, random: Optional[_call.Buffer] = None, *, size: int,
+def t_prf(aid: _call.Buffer, label: _call.Label, random: Optional[_call.Buffer] = None, *, size: int,
           out: _call.Writable) -> _call.Writable: ...
-def t_prf(aid: _call.Buffer, label: _call.Name, random: Optional[_call.Buffer] = None, *, size: int,
+def t_prf(aid: _call.Buffer, label: _call.Label, random: Optional[_call.Buffer] = None, *, size: int,
           out: Optional[_call.Writable] = None) -> bytes | _call.Writable:
     """The T-PRF of RFC 4851 on the PAC's key: `size` bytes, 1 to 65,535; into `out` where it is given.
 
@@ -166,8 +166,8 @@ def t_prf(aid: _call.Buffer, label: _call.Name, random: Optional[_call.Buffer] =
     if not 1 <= size <= _call.UINT16_MAX:
         raise ValueError(f"a T-PRF has 1 to {_call.UINT16_MAX} bytes, not {size}")
     name = _call.aid(aid)
-    raw_label = cache.label(label)
-    seed, seed_size = cache.seed(random)
+    raw_label = _call.label(label)
+    seed, seed_size = _call.seed(random)
     output = _call.room(size, out)
     if lib.is_cache_present() == 1 or lib.ks_sdb_init(lib.app_uuid) == lib.KS_SUCCESS:
         # Where the library itself finds one that is too long, or opens the cache, it keeps the copy for good.
@@ -189,7 +189,7 @@ def t_prf(aid: _call.Buffer, label: _call.Name, random: Optional[_call.Buffer] =
 def hmac_sha1(aid: _call.Buffer, data: _call.Buffer) -> bytes:
     """The HMAC-SHA1 of 1 to 1,024 bytes under the PAC's key. It always asks the keystore."""
     name = _call.aid(aid)
-    view = crypto.hmac_input(data)
+    view = _call.hmac_input(data)
     output = ffi.new("uint8_t[]", lib.KS_SHA1_SIZE)
     _call.check(lib.ks_hmac_sha1_for_pac(name, len(name), view, len(view), output))
     return _call.content(output)
