@@ -60,12 +60,13 @@ class Pacs(OnPacs):
 
     def test_that_have_expired_are_cleared_with_their_copies(self):
         now = int(time.time())
-        for i in range(6):  # by turns, so that a walk which passes over any leaves one
-            self.store(b"old-%d" % i, ks.tlv.info(expires=now - 1 - i, identity="bob"))
+        for i in range(6):  # by turns and in a row, so that a walk which passes over any leaves one
             self.store(b"new-%d" % i, ks.tlv.info(expires=now + 1000 + i, identity="bob"))
+            self.store(b"old-%d" % i, ks.tlv.info(expires=now - 1 - i, identity="bob"))
+            self.store(b"old-%d" % (i + 6), ks.tlv.info(expires=now - 1 - i, identity="bob"))
         self.store(b"never", ks.tlv.info(identity="bob"))
         ks.cache.write(b"old-0", OPAQUE + ks.tlv.info(expires=now - 1))
-        self.assertEqual(sorted(ks.pacs.clear_expired()), [b"old-%d" % i for i in range(6)])
+        self.assertEqual(sorted(ks.pacs.clear_expired()), sorted(b"old-%d" % i for i in range(12)))
         self.assertEqual(sorted(ks.pacs.aids()), [b"never"] + [b"new-%d" % i for i in range(6)])
         self.assertFalse(ks.cache.exists(b"old-0"))
         later = datetime.datetime.fromtimestamp(now + 1000, datetime.timezone.utc)

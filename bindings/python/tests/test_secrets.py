@@ -93,6 +93,34 @@ class Device(OnSession):
         self.assertNotEqual(told.stderr, "")
 
 
+class Memory(OnSession):
+    def resident_kib(self):
+        with open("/proc/self/status", encoding="ascii") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
+
+    def test_of_what_is_handed_out_is_released(self):
+        self.keep("big", b"s")
+        ks.secrets.store("big", b"s", metadata=b"m" * 60000)
+        ks.pacs.store(b"big", b"k", opaque=ks.tlv.opaque(b"o" * 30000), info=ks.tlv.info(identity="i" * 30000))
+        self.addCleanup(ks.pacs.clear, b"big")
+        ks.cache.open()
+        ks.cache.write(b"cached", ks.tlv.opaque(b"o" * 60000))
+        self.addCleanup(ks.cache.clear, b"cached")
+
+        def read():
+            ks.secrets.metadata("big")
+            ks.pacs.opaque(b"big")
+            ks.pacs.info(b"big")
+            ks.cache.read(b"cached")
+            ks.cache.pac_opaque(b"cached")
+
+        read()
+        before = self.resident_kib()
+        for _ in range(500):  # each kind would leave some 15 to 30 MB
+            read()
+        self.assertLess(self.resident_kib() - before, 8000)
+
+
 class Processes(OnSession):
     def test_go_on_after_a_fork(self):
         self.keep("forked", b"Jefe")
