@@ -66,6 +66,14 @@ cmake -S "$(dirname "$program")" -B "$scratch/examples" -DCMAKE_PREFIX_PATH="$pr
 cmake --build "$scratch/examples" --target first_program device >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 names+=("$scratch/examples/first_program")
 
+package=$prefix/lib/python3/dist-packages
+if [ -e "$package/ks" ]; then
+  printf '#!/usr/bin/python3\nimport sys\nsys.path.insert(0, "%s")\nimport ks\nks.init(1)\nprint(ks.device.random(16).hex())\n' \
+    "$package" >"$scratch/in_python"
+  chmod +x "$scratch/in_python"
+  names+=("$scratch/in_python")
+fi
+
 # Each prints 16 random bytes, and no two the same.
 # shellcheck disable=SC2016 # it is the inner shell's
 "$session" -- sh -c 'for program; do "$program" || exit 1; done' sh "${names[@]}" >"$scratch/out" ||
