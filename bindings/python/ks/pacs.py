@@ -10,6 +10,7 @@ clear_expired changes the cache: a PAC that is stored or cleared leaves a cached
 
 from __future__ import annotations
 
+import contextlib
 import datetime
 import time
 from typing import Any, Callable, Iterator, Optional, Union, overload
@@ -114,8 +115,8 @@ def clear_all() -> None:
 def clear_expired(now: Optional[Union[int, float, datetime.datetime]] = None) -> list[bytes]:
     """Removes the PACs that expired before or at `now`, the present unless given, and their cached copies.
 
-    Gives the A-IDs that are gone. PACs of other identities, and those that don't say when they expire, stay. It stands
-    for the library's ks_clear_old_pacs, which compares times byte-reversed and removes most PACs that still live.
+    Gives the A-IDs that it removed. PACs that don't say when they expire stay. It stands for the library's
+    ks_clear_old_pacs, which compares times byte-reversed and removes most PACs that still live.
     """
     limit = _call.seconds(time.time() if now is None else now)
     gone: list[bytes] = []
@@ -126,9 +127,10 @@ def clear_expired(now: Optional[Union[int, float, datetime.datetime]] = None) ->
         if aid is None:
             return gone
         if 0 < lib.ks_get_pac_expiration(aid, len(aid)) <= limit:
-            clear(aid)
-            gone.append(aid)
-            if cache.exists(aid):
+            with contextlib.suppress(errors.NotFound):  # when another process was quicker
+                clear(aid)
+                gone.append(aid)
+            if cache.is_open() and cache.exists(aid):
                 cache.clear(aid)
             position[0] -= 1  # the table closed up
         elif position[0] <= before:

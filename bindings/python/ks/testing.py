@@ -16,6 +16,7 @@ from . import _start
 
 # What the session's own process does: it tells its environment and waits for the end of its input.
 _HOLD = "import json, os, sys; print(json.dumps(dict(os.environ)), flush=True); sys.stdin.read()"
+_END_LIMIT_S = 10
 _SET = ("KS_SOCKET", "KS_SESSION_DIR")
 
 
@@ -51,3 +52,7 @@ def private_keystore(app_uuid: int = 1, *, vdc: int = 1, program: str = "ks-sess
                 else:
                     os.environ[name] = value
             session.stdin.close()
+            try:
+                session.wait(_END_LIMIT_S)
+            except subprocess.TimeoutExpired:
+                session.kill()  # the service ends with it

@@ -47,7 +47,7 @@ def run_program(text, *arguments, **environment):
 
 
 def answer(data, result=SUCCESS):
-    """The payload of a reply with data."""
+    """The payload of a reply with data, or with a result alone."""
     return struct.pack("=IH", result, len(data)) + data
 
 

@@ -4,11 +4,12 @@
 """The PAC store, its cache, and PACs' metadata."""
 
 import datetime
+import sys
 import time
 import unittest
 
 import ks
-from support import OnSession
+from support import OnSession, ScriptedService, answer, run_program
 
 AID = b"\0authority\xff"
 KEY = bytes(range(32))
@@ -87,6 +88,32 @@ class Pacs(OnPacs):
         self.assertFalse(valid(OPAQUE, "a"))
         self.assertFalse(valid(INFO[:-1], "alice"))
         self.assertFalse(valid(b"", "a"))
+
+
+class WithoutCache(unittest.TestCase):
+    """A scripted service, which names no place for a cache; another process clears one of its PACs at the same time."""
+
+    def test_pacs_that_have_expired_are_cleared(self):
+        entries = [b"a", b"b", b"c", b"d"]
+
+        def by_index(request):
+            position = int.from_bytes(request, sys.byteorder)
+            return answer(b"1\0\0\7" + entries[position]) if position < len(entries) else answer(b"", 6)
+
+        def clear(request):
+            aid = request[-1:]
+            entries.remove(aid)
+            return answer(b"", 5 if aid == b"b" else 1)
+
+        def metadata(request):
+            return answer(OPAQUE + ks.tlv.info(expires=LIVES if request.endswith(b"c") else 1))
+
+        lib = ks.raw.lib
+        script = {lib.KS_OP_HANDLE_BY_INDEX: by_index, lib.KS_OP_CLEAR: clear, lib.KS_OP_RETURN_METADATA: metadata}
+        with ScriptedService(script) as service:
+            said = run_program("import ks\nks.init(1)\nprint(ks.cache.is_open(), ks.pacs.clear_expired())",
+                               KS_SOCKET=service.path)
+        self.assertEqual((said, entries), ("False [b'a', b'd']\n", [b"c"]))
 
 
 class TPrf(OnPacs):

@@ -46,7 +46,30 @@ except RuntimeError as error:
 """
 
 
+KILLED = """
+import os, pathlib, signal, time
+import ks, ks.testing
+
+with ks.testing.private_keystore() as folder:
+    ks.secrets.store("name", b"value")
+    before = pathlib.Path(folder, "ksd.pid").read_text()
+    os.kill(int(before), signal.SIGKILL)
+    deadline = time.monotonic() + 30
+    while time.monotonic() < deadline:
+        try:
+            found = ks.secrets.exists("name")
+            if pathlib.Path(folder, "ksd.pid").read_text() != before:
+                print("found", found)
+                break
+        except ks.ExchangeFailed:
+            pass
+"""
+
+
 class PrivateKeystore(OnSession):
+    def test_comes_back_when_its_service_is_killed(self):
+        self.assertRegex(run_program(KILLED), "\nfound True\n$")
+
     def test_is_a_programs_own_and_goes_with_its_block(self):
         said = run_program(OWN).splitlines()
         self.assertEqual(said[:4], ["9 7 [] True", "['name'] b'metadata'", f"False {os.environ['KS_SOCKET']}", "True"])
