@@ -1,8 +1,8 @@
 /* SPDX-FileCopyrightText: 2026 The ks developers
  * SPDX-License-Identifier: Apache-2.0 */
 
-/* hmac_rounds NAME: for each number that is read, as many HMAC-SHA1s of 64 bytes under the secret NAME, and how long they
- * took in nanoseconds. python_bench.py runs the same in turns with it. */
+/* hmac_rounds NAME: for each number that is read, as many HMAC-SHA1s of 64 bytes under the secret NAME, and how long
+ * they took in nanoseconds. python_bench.py runs the same in turns with it. */
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -68,8 +68,8 @@ names+=("$scratch/examples/first_program")
 
 package=$prefix/lib/python3/dist-packages
 if [ -e "$package/ks" ]; then
-  printf '#!/usr/bin/python3\nimport sys\nsys.path.insert(0, "%s")\nimport ks\nks.init(1)\nprint(ks.device.random(16).hex())\n' \
-    "$package" >"$scratch/in_python"
+  printf '%s\n' '#!/usr/bin/python3 -B' 'import sys' "sys.path.insert(0, '$package')" 'import ks' 'ks.init(1)' \
+    'print(ks.device.random(16).hex())' >"$scratch/in_python"
   chmod +x "$scratch/in_python"
   names+=("$scratch/in_python")
 fi

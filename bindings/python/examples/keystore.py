@@ -32,8 +32,9 @@ def main() -> None:
 
     info = ks.tlv.info(expires=2000000000, identity="alice")
     ks.pacs.store(b"authority", ks.device.random(32), opaque=ks.tlv.opaque(b"opaque"), info=info)
+    keys = ks.pacs.t_prf(b"authority", "Session Key Generating Function", size=64)
     print(f"  stored a PAC for {ks.tlv.read_info(ks.pacs.info(b'authority')).identity}, "
-          f"and made {len(ks.pacs.t_prf(b'authority', 'Session Key Generating Function', size=64))} bytes of keys from it")
+          f"and made {len(keys)} bytes of keys from it")
 
     ks.pacs.clear(b"authority")
     ks.secrets.clear("alice")

@@ -10,8 +10,9 @@
     print(ks.crypto.hmac_sha1("wifi-psk", b"data").hex())
 
 Operations stand in modules by family: secrets, crypto, mschap, pacs, cache and device. ks.tlv makes and reads a PAC's
-metadata, ks.raw is the C interface as it is, and ks.testing gives tests a keystore of their own. Whatever isn't a success
-raises ks.Error or a subclass; arguments that C couldn't count raise ValueError before anything is sent.
+metadata, and ks.raw is the C interface as it is. ks.testing, to be imported by name, gives tests their own keystore.
+Whatever isn't a success raises ks.Error or a subclass. Arguments that C couldn't count raise ValueError before anything
+is sent.
 
 ks.init comes first and ends before other threads enter. After it any thread may call anything: other threads run while
 a call waits for the service. A child of fork goes on where its parent was, over connections of its own.
@@ -19,8 +20,10 @@ a call waits for the service. A child of fork goes on where its parent was, over
 
 from . import cache, crypto, device, mschap, pacs, raw, secrets, tlv
 from ._start import State, init, state
-from .errors import (BadKey, CryptError, DatabaseError, Error, ExchangeFailed, Failure, InvalidArgs,
-                     KeyLengthUnsupported, NoMemory, NotFound, PacsHeld, RpcError, StoreFull, Timeout, TooLarge, text_of)
+from .errors import (
+    BadKey, CryptError, DatabaseError, Error, ExchangeFailed, Failure, InvalidArgs, KeyLengthUnsupported, NoMemory,
+    NotFound, PacsHeld, RpcError, StoreFull, Timeout, TooLarge, text_of,
+)
 
 __all__ = [
     "BadKey", "CryptError", "DatabaseError", "Error", "ExchangeFailed", "Failure", "InvalidArgs",

@@ -14,6 +14,7 @@ from ._native import ffi, lib
 Buffer = Union[bytes, bytearray, memoryview]
 Name = Union[str, bytes]
 Label = Union[str, Buffer]
+Time = Union[int, float, datetime.datetime]
 Writable = TypeVar("Writable", bytearray, memoryview)
 
 NAME_MAX: int = lib.KS_NAME_MAX
@@ -137,6 +138,6 @@ def whole(output: Any, size: int, operation: Callable[[], int]) -> None:
     raise errors.Failure(lib.KS_FAILURE, f"the result is shorter than {size} bytes")
 
 
-def seconds(time: Union[int, float, datetime.datetime]) -> int:
+def seconds(time: Time) -> int:
     """A time in whole seconds since 1970."""
     return int(time.timestamp() if isinstance(time, datetime.datetime) else time)

@@ -3,17 +3,16 @@
 
 """The PAC store: Protected Access Credentials of EAP-FAST (RFC 4851).
 
-A PAC is named by its A-ID, 1 to 31 bytes of any value. Its key goes into the keystore and never comes back; its metadata,
-an opaque and an info (see ks.tlv), does. Reads are answered from the PAC cache when that has the PAC. Nothing here but
-clear_expired changes the cache: a PAC that is stored or cleared leaves a cached copy as it was (see ks.cache).
+A PAC is named by its A-ID, 1 to 31 bytes of any value. Its key goes into the keystore and never comes back; its
+metadata, an opaque and an info (see ks.tlv), does. Reads are answered from the PAC cache when that has the PAC. Nothing
+here but clear_expired changes the cache: a PAC that is stored or cleared leaves a cached copy as it was (see ks.cache).
 """
 
 from __future__ import annotations
 
 import contextlib
-import datetime
 import time
-from typing import Any, Callable, Iterator, Optional, Union, overload
+from typing import Any, Callable, Iterator, Optional, overload
 
 from . import _call, cache, errors, tlv
 from ._native import ffi, lib
@@ -63,7 +62,8 @@ def expiration(aid: _call.Buffer) -> Optional[int]:
 def exists(aid: _call.Buffer) -> bool:
     """Whether there is such a PAC, in the cache or in the keystore.
 
-    It reads the PAC's info: the library's own operation ends the process in an ordinary state of the cache.
+    It reads the PAC's info: the library's own operation ends the process in an ordinary state of the cache. Raises
+    Failure where the PAC's metadata is damaged.
     """
     try:
         info(aid)
@@ -112,7 +112,7 @@ def clear_all() -> None:
     _call.check(lib.ks_clear_all_pacs())
 
 
-def clear_expired(now: Optional[Union[int, float, datetime.datetime]] = None) -> list[bytes]:
+def clear_expired(now: Optional[_call.Time] = None) -> list[bytes]:
     """Removes the PACs that expired before or at `now`, the present unless given, and their cached copies.
 
     Gives the A-IDs that it removed. PACs that don't say when they expire stay. It stands for the library's
@@ -137,7 +137,7 @@ def clear_expired(now: Optional[Union[int, float, datetime.datetime]] = None) ->
             return gone
 
 
-def still_valid(metadata: _call.Buffer, identity: str, now: Optional[Union[int, float, datetime.datetime]] = None) -> bool:
+def still_valid(metadata: _call.Buffer, identity: str, now: Optional[_call.Time] = None) -> bool:
     """Whether a PAC with this metadata is to be kept for `identity`: its info has that identity, and hasn't expired.
 
     An info without a lifetime doesn't expire. Damaged metadata isn't kept. It stands for the library's

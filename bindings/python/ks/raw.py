@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: 2026 The ks developers
 # SPDX-License-Identifier: Apache-2.0
 
-"""The C interface as it stands, by cffi: `lib` has every function, number and variable of the headers, `ffi` the records.
+"""The C interface as it stands, by cffi: `lib` has the headers' functions, numbers and variables, `ffi` their records.
 
 It is for the companions ks_x_req and ks_x_resp, which build requests and read replies for programs that run exchanges
 themselves. Nothing is checked on the way: lengths are cut, and what docs/conventions.md tells of leaks and faults

@@ -8,9 +8,8 @@ opaque() and info() make what pacs.store takes. Wherever an opaque or an info is
 
 from __future__ import annotations
 
-import datetime
 import struct
-from typing import Iterable, Iterator, NamedTuple, Optional, Union
+from typing import Iterable, Iterator, NamedTuple, Optional
 
 from . import _call
 from ._native import lib
@@ -36,7 +35,7 @@ def opaque(value: _call.Buffer) -> bytes:
     return make(OPAQUE, value)
 
 
-def info(*, expires: Optional[Union[int, datetime.datetime]] = None, identity: Optional[_call.Name] = None,
+def info(*, expires: Optional[_call.Time] = None, identity: Optional[_call.Name] = None,
          others: Iterable[tuple[int, _call.Buffer]] = ()) -> bytes:
     """The info of a PAC: when it expires (seconds since 1970, or a datetime), whom it is for, and other inner TLVs."""
     inner = []

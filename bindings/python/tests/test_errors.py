@@ -127,7 +127,8 @@ class Arguments(OnSession):
             self.assertEqual(out, ks.mschap.master_key(name, RESPONSE))
         with ks.secrets.temporary(b"8 bytes!") as name:
             out = bytearray(8)
-            ks.crypto.des_decrypt(name, ks.crypto.triple_des_encrypt(self.keep("three", b"8 bytes!" * 3), b"the text"), out=out)
+            sealed = ks.crypto.triple_des_encrypt(self.keep("three", b"8 bytes!" * 3), b"the text")
+            ks.crypto.des_decrypt(name, sealed, out=out)
             self.assertEqual(out, b"the text")
 
 

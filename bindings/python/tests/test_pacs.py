@@ -206,7 +206,7 @@ class Metadata(unittest.TestCase):
         when = datetime.datetime(2030, 1, 1, tzinfo=datetime.timezone.utc)
         self.assertEqual(ks.tlv.read_info(ks.tlv.info(expires=when, identity="älice")), (1893456000, "älice"))
         self.assertEqual(ks.tlv.read_info(ks.tlv.info()), (None, None))
-        # The mandatory bit counts for nothing inside, a NUL at an identity's end neither, and the first of a kind counts.
+        # Inside, the mandatory bit is nothing, nor is a NUL at an identity's end, and the first of a kind counts.
         inner = bytes.fromhex("80030004000000058005000361620000030004000000060005000163")
         self.assertEqual(ks.tlv.read_info(ks.tlv.make(ks.tlv.INFO, inner)), (5, "ab"))
 

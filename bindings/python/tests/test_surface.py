@@ -71,7 +71,8 @@ class Surface(unittest.TestCase):
         ks.raw.lib.ks_generate_random_number_req(0x110, 7, descriptor)
         self.assertEqual((descriptor.count, descriptor.request_word), (0x10, 7))
         # Records that C packs are as long here.
-        self.assertEqual([ks.raw.ffi.sizeof(name) for name in ("KsCacheKey", "KsCacheEntry", "KsAesCbcReply")], [39, 22, 22])
+        for name, size in (("KsCacheKey", 39), ("KsCacheEntry", 22), ("KsAesCbcReply", 22)):
+            self.assertEqual(ks.raw.ffi.sizeof(name), size)
 
     def test_tells_what_each_function_does(self):
         for module in (*MODULES, ks.tlv, ks.testing):

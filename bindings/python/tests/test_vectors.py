@@ -170,8 +170,8 @@ class Values(OnSession):
     def test_mschap_is_that_of_rfc_2759(self):
         self.key(b"clientPass")
         self.assertEqual(ks.mschap.nt_response("key", **CHALLENGES, user_name="User"), NT_RESPONSE)
-        self.assertEqual(ks.mschap.authenticator_response("key", nt_response=NT_RESPONSE, **CHALLENGES, user_name=b"User"),
-                         AUTHENTICATOR_RESPONSE)
+        proof = ks.mschap.authenticator_response("key", nt_response=NT_RESPONSE, **CHALLENGES, user_name=b"User")
+        self.assertEqual(proof, AUTHENTICATOR_RESPONSE)
 
     def test_master_key_is_that_of_rfc_3079(self):
         self.key(b"clientPass")
@@ -222,7 +222,7 @@ class PasswordChange(OnSession):
             self.assertEqual(opened[512 - len(plain):512], plain)
 
     def test_old_hash_opens_under_the_new_hash(self):
-        """Two blocks of DES, each under 7 bytes of the new hash with parity bits between: done by the keystore's DES."""
+        """Two blocks of DES, each under 7 bytes of the new hash with parity bits between: the keystore's opens them."""
         def spread(seven):
             bits = int.from_bytes(seven, "big")
             return bytes((bits >> (49 - 7 * i) & 0x7F) << 1 for i in range(8))
