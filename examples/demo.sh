@@ -62,6 +62,11 @@ ksctl pac list
 ksctl context clear --yes
 ksctl explain KS_NOT_FOUND
 
+if [ -e "$build/python/ks/_native.abi3.so" ]; then
+  title 'The same from Python'
+  PYTHONPATH="$build/python" /usr/bin/python3 -B "$(dirname "${BASH_SOURCE[0]}")/../bindings/python/examples/keystore.py"
+fi
+
 title 'The PAC cache: written by one process, read by another, emptied by a third'
 run cache write
 run cache read

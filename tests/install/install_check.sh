@@ -66,6 +66,14 @@ cmake -S "$(dirname "$program")" -B "$scratch/examples" -DCMAKE_PREFIX_PATH="$pr
 cmake --build "$scratch/examples" --target first_program device >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 names+=("$scratch/examples/first_program")
 
+package=$prefix/lib/python3/dist-packages
+if [ -e "$package/ks" ]; then
+  printf '%s\n' '#!/usr/bin/python3 -B' 'import sys' "sys.path.insert(0, '$package')" 'import ks' 'ks.init(1)' \
+    'print(ks.device.random(16).hex())' >"$scratch/in_python"
+  chmod +x "$scratch/in_python"
+  names+=("$scratch/in_python")
+fi
+
 # Each prints 16 random bytes, and no two the same.
 # shellcheck disable=SC2016 # it is the inner shell's
 "$session" -- sh -c 'for program; do "$program" || exit 1; done' sh "${names[@]}" >"$scratch/out" ||

@@ -51,7 +51,9 @@ def installed(build, folder):
   tools.mkdir()
   for program in ("ks-session", "ksctl", "ksd"):
     (tools / program).symlink_to(build / program)
+  (tools / "python3").symlink_to("/usr/bin/python3")  # the one that the package is built for
   return dict(os.environ, PATH=f"{tools}:{os.environ['PATH']}", PKG_CONFIG_PATH=str(pc), LD_LIBRARY_PATH=str(build),
+              PYTHONPATH=str(build / "python"),
               LC_ALL="C.UTF-8", NO_COLOR="1")
 
 
