@@ -25,7 +25,8 @@ PAGES = {
     "Start": ["index.md", "tutorial.md"],
     "Programs": ["conventions.md", "codes.md", "differences.md", "mistakes.md", "python.md", "examples.md"],
     "Functions": [],  # of the headers
-    "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md"],
+    "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
+                  "supplicant.md"],
     "Manual": [],  # of man/
     "Formats": ["wire.md", "vault-format.md", "cache-format.md", "backup-format.md"],
     "Platform": ["porting.md"],
@@ -41,6 +42,7 @@ ELSEWHERE = {
     "NEWS": "news.md",
     "SECURITY.md": "reporting.md",
     "LICENSE": "license.md",
+    "contrib/supplicant/README.md": "supplicant.md",
     "examples": "examples.md",
     "service/ksd.toml": "ksd.toml.md",
 }
@@ -126,7 +128,7 @@ def stage(folder, pages):
   for source, page in ELSEWHERE.items():
     path = ROOT / source
     if path.suffix == ".md" and path.is_file():
-      (docs / page).write_text(staged(path.read_text(), "."))
+      (docs / page).write_text(staged(path.read_text(), Path(source).parent.as_posix()))
     elif source in ("LICENSE", "NEWS") and path.is_file():
       (docs / page).write_text(code_page(source.capitalize(), "", path, "text"))
   (docs / "ksd.toml.md").write_text(
