@@ -9,7 +9,8 @@
  *   radius_client 192.0.2.1:1812 radius alice          (the password comes from the terminal, or from a pipe)
  *
  * A reply without a Message-Authenticator isn't believed. Servers send one since 2024; an older FreeRADIUS, as in
- * Debian 12, does so with `update reply { &Message-Authenticator := 0x00 }` in post-auth and in its Post-Auth-Type REJECT.
+ * Debian 12, does so with `update reply { &Message-Authenticator := 0x00 }` in post-auth and in its Post-Auth-Type
+ * REJECT.
  *
  * Exit status: 0 accepted, 1 no answer that can be believed, 2 wrong use, 3 rejected, 4 the server asks for more. */
 #define _POSIX_C_SOURCE 200809L
