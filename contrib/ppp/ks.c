@@ -62,15 +62,18 @@ static struct {
   bool answered;
 } last;
 
-/* computed logs why the keystore didn't compute, unless it did. */
-static bool computed(KsResult result, const char *secret) {
+/* The last challenge of ours. */
+static uint8_t asked[KS_CHALLENGE_SIZE];
+
+/* computed logs why the keystore didn't compute, unless it did; `what` is the secret, or what else it was asked for. */
+static bool computed(KsResult result, const char *what) {
   char why[512] = "";
   if (result == KS_SUCCESS) return 1;
   if (mts_last_error_get != NULL) mts_last_error_get(why, sizeof why);
   if (result == KS_NOT_FOUND) {
-    error("The keystore has no secret %q", secret);
+    error("The keystore has no secret %q", what);
   } else {
-    error("The keystore did not compute with %q: %s (%d) %s", secret, kserr2str(result), (int)result, why);
+    error("The keystore failed on %q: %s (%d) %s", what, kserr2str(result), (int)result, why);
   }
   return 0;
 }
@@ -78,7 +81,7 @@ static bool computed(KsResult result, const char *secret) {
 /* started starts the library at the first call: pppd loads plug-ins before it knows whether it needs them. */
 static bool started(void) {
   static bool done;
-  if (!done) done = computed(ks_init(0, kApplication, 0), "");
+  if (!done) done = computed(ks_init(0, kApplication, 0), "its start");
   return done;
 }
 
@@ -129,8 +132,9 @@ static bool give_keys(const char *secret, const uint8_t *nt_response, bool clien
 
 static void generate_challenge(unsigned char *challenge) {
   /* Without random bytes there is an empty challenge, to which nothing is a right answer. */
-  const bool drawn = started() && computed(ks_generate_random_number(challenge + 1, KS_CHALLENGE_SIZE, 0), "");
-  *challenge = drawn ? KS_CHALLENGE_SIZE : 0;
+  const bool drawn = started() && computed(ks_generate_random_number(asked, sizeof asked, 0), "random bytes");
+  *challenge = drawn ? sizeof asked : 0;
+  memcpy(challenge + 1, asked, *challenge);
 }
 
 /* --- the side that asks */
@@ -203,6 +207,10 @@ static bool answered(int id, char *our_name, const unsigned char *challenge) {
   last.id = id;
   memcpy(last.challenge, challenge, sizeof last.challenge);
   memset(last.response, 0, sizeof last.response);
+  if (memcmp(challenge, asked, sizeof asked) == 0) {
+    error("MS-CHAPv2: the peer asks us what we ask it: our answer would be its own");
+    return 0;
+  }
   if (!started()) return 0;
   if (!(*own_password != '\0' ? put_name("", own_password, last.secret) : put_name(prefix, user, last.secret)))
     return 0;

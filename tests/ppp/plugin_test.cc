@@ -4,16 +4,14 @@
 // The plug-in for pppd in a program that stands in for pppd: it has what the plug-in refers to, under pppd's names, and
 // calls what the plug-in registers, against a service of its own.
 #include <dlfcn.h>
-#include <ks_api.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <optional>
 
 #include "published_vectors.h"
-#include "service/service_process.h"
+#include "service/library_suite.h"
 
 extern "C" {
 #define MPPE
@@ -125,7 +123,7 @@ std::string key(const u_char *bytes) {
 }
 
 // The plug-in is loaded once, as pppd does, and a process has one keystore.
-class Plugin : public testing::Test {
+class Plugin : public ks_test::LibrarySuite {
  protected:
   static void SetUpTestSuite() {
     lcp_allowoptions[0].chap_mdtype = MDTYPE_MICROSOFT_V2 | MDTYPE_MICROSOFT | MDTYPE_MD5;
@@ -134,15 +132,11 @@ class Plugin : public testing::Test {
     reinterpret_cast<void (*)()>(dlsym(plugin, "plugin_init"))();
     EXPECT_STREQ(static_cast<const char *>(dlsym(plugin, "pppd_version")), VERSION);
 
-    service = std::make_unique<ks_test::ServiceProcess>();
-    setenv("KS_SOCKET", service->socket().c_str(), 1);
-    ASSERT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
+    LibrarySuite::SetUpTestSuite();
     keep("mschap-User", mschap::kPassword);
     keep("mschap-other", mschap::kOtherPassword);
     keep("aes-key", mschap::kPassword);
   }
-
-  static void TearDownTestSuite() { service.reset(); }
 
   Plugin() {
     logged.clear();
@@ -206,7 +200,6 @@ class Plugin : public testing::Test {
     return digest().check_success(id, bytes_of(text), static_cast<int>(text.size())) != 0;
   }
 
-  inline static std::unique_ptr<ks_test::ServiceProcess> service;
   std::string message;
 };
 
@@ -319,6 +312,13 @@ TEST_F(Plugin, AnswersAChallengeThatComesAgainAsBefore) {
   EXPECT_NE(respond(10, "User", kChallenge), first);
 }
 
+TEST_F(Plugin, AnswersNoChallengeOfItsOwn) {
+  std::string challenge = with_length("");
+  digest().generate_challenge(bytes_of(challenge));
+  EXPECT_EQ(respond(9, "User", challenge.substr(1, KS_CHALLENGE_SIZE)), "");
+  EXPECT_THAT(logged, HasSubstr("the peer asks us what we ask it"));
+}
+
 TEST_F(Plugin, RefusesAPeerThatDoesNotKnowThePassword) {
   next_random = kPeerChallenge;
   ASSERT_EQ(respond(9, "User", kChallenge).size(), static_cast<size_t>(MS_CHAP2_RESPONSE_LEN));
@@ -355,7 +355,7 @@ TEST_F(Plugin, DeniesWithoutAKeystoreAndGoesOnWhenItIsBack) {
   service->kill();
   EXPECT_FALSE(verify_published());
   EXPECT_EQ(message, kDenied);
-  EXPECT_THAT(logged, HasSubstr("The keystore did not compute with mschap-User"));
+  EXPECT_THAT(logged, HasSubstr("The keystore failed on mschap-User"));
   EXPECT_THAT(logged, HasSubstr("no keystore service"));
   EXPECT_EQ(respond(9, "User", kChallenge), "");
   std::string challenge = with_length(kChallenge);

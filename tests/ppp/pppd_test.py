@@ -78,8 +78,8 @@ def link(client, server, secrets=""):
 class Loading(unittest.TestCase):
 
   def run_pppd(self, *options):
-    return subprocess.run([PPPD, "nodetach", "notty", *options], stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                          timeout=LIMIT_S)
+    return subprocess.run([PPPD, "nodetach", "notty", *options], stdin=subprocess.DEVNULL, capture_output=True,
+                          text=True, timeout=LIMIT_S)
 
   def test_finds_everything_that_the_plug_in_refers_to(self):
     run = self.run_pppd(*WITH_KEYSTORE, "ks-prefix", "dialin-", "ks-secret", "own", "dryrun")

@@ -2,8 +2,8 @@
 # SPDX-FileCopyrightText: 2026 The ks developers
 # SPDX-License-Identifier: Apache-2.0
 
-"""client_test.py BUILD [SESSION]: examples/radius_client against a peer of the test's own, which answers as it shouldn't,
-and against FreeRADIUS where that is installed. SESSION is ks-session, or else that of BUILD.
+"""client_test.py BUILD [SESSION]: examples/radius_client against a peer of the test's own, which answers as it
+shouldn't, and against FreeRADIUS where that is there. SESSION is ks-session, or else that of BUILD.
 
 The secret that client and server share is put into the keystore once, by ksctl; the client knows its name alone.
 """
@@ -198,7 +198,8 @@ class Replies(ClientTest):
 
 
 INSTALLATION = freeradius.Installation()
-PASSWORDS = {b"one": b"1", b"sixteen": b"p" * 16, b"seventeen": b"q" * 17, b"longest": bytes(33 + n % 90 for n in range(128))}
+PASSWORDS = {b"one": b"1", b"sixteen": b"p" * 16, b"seventeen": b"q" * 17,
+             b"longest": bytes(33 + n % 90 for n in range(128))}
 
 
 def radius_configuration(folder):

@@ -59,8 +59,8 @@ class Server:
       (self.folder / "dictionary").write_text("")
       (self.folder / "radiusd.conf").write_text(self._filled(configuration))
       self.process = subprocess.Popen(
-          [installation.server, "-f", "-l", "stdout", "-d", self.folder, "-D", installation.dictionaries, "-n", "radiusd"] +
-          ([] if threads else ["-s"]), cwd=self.folder, env=installation.environment(**(environment or {})),
+          [installation.server, "-f", "-l", "stdout", "-d", self.folder, "-D", installation.dictionaries] +
+          ["-n", "radiusd"] + ([] if threads else ["-s"]), cwd=self.folder, env=installation.environment(**(environment or {})),
           stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
       self.reader = threading.Thread(target=self._read, daemon=True)
       self.reader.start()

@@ -4,8 +4,8 @@
 
 """peer.py SECRET USER PASSWORD: a RADIUS server for one user, to try a client with.
 
-It prints its port and serves until its standard input ends. It has the shared secret in the clear, as the far side of an
-exchange has; tests give it answers of their own.
+It prints its port and serves until its standard input ends. It has the shared secret in the clear, as the far side of
+an exchange has; tests give it answers of their own.
 """
 
 import socket
