@@ -6,12 +6,12 @@
 `authorize` claims requests that have a challenge and a response, `authenticate` checks the response and adds the proof
 for the peer and the keys of MPPE (RFC 3079). README.md tells how to set it up.
 
-What comes of a request is told by the code: ok, or reject with an MS-CHAP-Error, when the keystore has decided; invalid
-when the request's attributes are none of MS-CHAPv2; fail when the keystore couldn't be asked. Only a reject says that the
-password is wrong.
+What comes of a request is told by the code: ok, or reject with an MS-CHAP-Error, when the keystore has decided;
+invalid when the request's attributes are none of MS-CHAPv2; fail when the keystore couldn't be asked. Only a reject
+says that the password is wrong.
 
-Any of FreeRADIUS's threads calls these functions. The library takes calls from all threads and gives up the interpreter's
-lock while it waits, so that requests are checked side by side.
+Any of FreeRADIUS's threads calls these functions. The library takes calls from all threads and gives up the
+interpreter's lock while it waits, so that requests are checked side by side.
 """
 
 import hashlib

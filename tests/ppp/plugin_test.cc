@@ -134,6 +134,7 @@ class Plugin : public ks_test::LibrarySuite {
 
     LibrarySuite::SetUpTestSuite();
     keep("mschap-User", mschap::kPassword);
+    keep("mschap-", mschap::kPassword);
     keep("mschap-other", mschap::kOtherPassword);
     keep("aes-key", mschap::kPassword);
   }
@@ -196,9 +197,11 @@ class Plugin : public ks_test::LibrarySuite {
     return {reinterpret_cast<char *>(response + 1), response[0]};
   }
 
-  static bool succeeds(int id, std::string text) {
-    return digest().check_success(id, bytes_of(text), static_cast<int>(text.size())) != 0;
+  static bool succeeds(int id, std::string text, size_t len) {
+    return digest().check_success(id, bytes_of(text), static_cast<int>(len)) != 0;
   }
+
+  static bool succeeds(int id, const std::string &text) { return succeeds(id, text, text.size()); }
 
   std::string message;
 };
@@ -244,7 +247,8 @@ TEST_F(Plugin, DeniesAnotherUserAndOneThatIsNotThereAlike) {
   EXPECT_FALSE(verify_published("nobody"));
   EXPECT_EQ(message, kDenied);
   EXPECT_EQ(logged, "The keystore has no secret mschap-nobody\n");
-  EXPECT_FALSE(verify_published(""));
+  set_option("ks-secret", "mschap-");
+  EXPECT_FALSE(verify("", kChallenge, respond(2, "", kChallenge)));
   EXPECT_EQ(message, kDenied);
   EXPECT_FALSE(verify_published("DOMAIN\\"));
   EXPECT_FALSE(verify_published(std::string(25, 'u')));
@@ -313,10 +317,13 @@ TEST_F(Plugin, AnswersAChallengeThatComesAgainAsBefore) {
 }
 
 TEST_F(Plugin, AnswersNoChallengeOfItsOwn) {
+  next_random = kPeerChallenge;
+  ASSERT_FALSE(respond(8, "User", kChallenge).empty());
   std::string challenge = with_length("");
   digest().generate_challenge(bytes_of(challenge));
   EXPECT_EQ(respond(9, "User", challenge.substr(1, KS_CHALLENGE_SIZE)), "");
   EXPECT_THAT(logged, HasSubstr("the peer asks us what we ask it"));
+  EXPECT_FALSE(succeeds(9, mschap::kAuthenticatorResponse)) << "with the proof for what was answered before";
 }
 
 TEST_F(Plugin, RefusesAPeerThatDoesNotKnowThePassword) {
@@ -326,7 +333,7 @@ TEST_F(Plugin, RefusesAPeerThatDoesNotKnowThePassword) {
   std::string wrong = right;
   wrong.back() ^= 1;
   EXPECT_FALSE(succeeds(9, wrong));
-  EXPECT_FALSE(succeeds(9, right.substr(0, 41)));
+  EXPECT_FALSE(succeeds(9, right, right.size() - 1));
   EXPECT_FALSE(succeeds(9, ""));
   EXPECT_FALSE(succeeds(8, right));
   EXPECT_EQ(mppe_keys_set, 0);

@@ -52,22 +52,24 @@ class Server:
   def __init__(self, installation, folder, configuration, threads=False, environment=None):
     self.installation = installation
     self.folder = Path(folder)
-    self.lines = []
     self.changed = threading.Condition()
-    for attempt in range(5):  # until the ports that were free still are when the server takes them
+    for _ in range(5):  # until the ports that were free still are when the server takes them
+      self.lines = []
       self.ports = {}
       (self.folder / "dictionary").write_text("")
       (self.folder / "radiusd.conf").write_text(self._filled(configuration))
       self.process = subprocess.Popen(
           [installation.server, "-f", "-l", "stdout", "-d", self.folder, "-D", installation.dictionaries] +
-          ["-n", "radiusd"] + ([] if threads else ["-s"]), cwd=self.folder, env=installation.environment(**(environment or {})),
-          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+          ["-n", "radiusd"] + ([] if threads else ["-s"]),
+          cwd=self.folder, env=installation.environment(**(environment or {})), stdin=subprocess.DEVNULL,
+          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
       self.reader = threading.Thread(target=self._read, daemon=True)
       self.reader.start()
-      if self.wait_for("Ready to process requests|Failed binding"):
-        if not re.search("Failed binding", self.log()):
-          return
+      if self.wait_for("Ready to process requests"):
+        return
       self.stop()
+      if "Failed binding" not in self.log():
+        break
     raise RuntimeError(f"FreeRADIUS doesn't start:\n{self.log()}")
 
   def _filled(self, configuration):

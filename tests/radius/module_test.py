@@ -166,7 +166,8 @@ class Keystore:
       told.bind(str(self.folder / "notify"))
       self.process = subprocess.Popen(
           [BUILD / "ksd", "--config", self.folder / "ksd.toml", "--socket", self.socket,
-           "--vault", self.folder / "vault", "--master-key-file", self.folder / "key"] + (["--allow-root"] if os.geteuid() == 0 else []),
+           "--vault", self.folder / "vault", "--master-key-file", self.folder / "key"] +
+          (["--allow-root"] if os.geteuid() == 0 else []),
           env=dict(os.environ, NOTIFY_SOCKET=str(self.folder / "notify")), stdin=subprocess.DEVNULL,
           stderr=subprocess.DEVNULL)
       while b"READY=1" not in told.recv(4096):
