@@ -21,7 +21,7 @@ BUILD = Path(sys.argv[1]).resolve()
 PLUGIN = BUILD / "ppp" / "ks.so"
 PPPD = next((path for path in (ROOT / "build/unpacked/usr/sbin/pppd", Path("/usr/sbin/pppd")) if path.exists()), None)
 ETC = Path("/etc/ppp")
-NO_KERNEL_SUPPORT, TO_PEER_FAILED, PEER_FAILED = 4, 19, 11
+NO_KERNEL_SUPPORT, HANGUP, TO_PEER_FAILED = 4, 16, 19
 LIMIT_S = 60
 PASSWORD = "clientPass"
 
@@ -103,9 +103,8 @@ class Links(unittest.TestCase):
 
   def assert_denied(self, link):
     status, log = link
-    self.assertEqual(status, TO_PEER_FAILED, log)
-    self.assertIn("MS-CHAPv2 authentication failed", log)
-    self.assertIn("E=691", log)
+    self.assertIn(status, (TO_PEER_FAILED, HANGUP), log)  # the peer may be gone before
+    self.assertIn("MS-CHAPv2 authentication failed: E=691", log)
 
   def test_come_up_between_two_keystores(self):
     self.assert_up(link([*WITH_KEYSTORE, "user", "alice"], WITH_KEYSTORE), "CHAP authentication succeeded")
@@ -130,9 +129,8 @@ class Links(unittest.TestCase):
     self.assert_denied(link([*WITH_KEYSTORE, "user", "nobody", "ks-secret", "other"], WITH_KEYSTORE))
 
   @unittest.skipUnless(ETC.is_dir(), f"there is no {ETC} to put chap-secrets in")
-  def test_do_not_come_up_with_a_server_that_does_not_know_the_password(self):
-    status, log = link([*WITH_KEYSTORE, "user", "alice"], [], "alice * another *\n")
-    self.assertEqual(status, TO_PEER_FAILED, log)
+  def test_do_not_come_up_with_a_server_that_has_another_password(self):
+    self.assert_denied(link([*WITH_KEYSTORE, "user", "alice"], [], "alice * another *\n"))
 
 
 if __name__ == "__main__":
