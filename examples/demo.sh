@@ -5,6 +5,7 @@
 # demo.sh BUILD: shows what the library does, each step by a program of examples/ against a private keystore service.
 set -euo pipefail
 build=$(cd "$1" && pwd)
+examples=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 if [ -z "${KS_SESSION_DIR:-}" ]; then
   printf 'Starting a private keystore service for the length of this demo.\n'
@@ -64,7 +65,21 @@ ksctl explain KS_NOT_FOUND
 
 if [ -e "$build/python/ks/_native.abi3.so" ]; then
   title 'The same from Python'
-  PYTHONPATH="$build/python" /usr/bin/python3 -B "$(dirname "${BASH_SOURCE[0]}")/../bindings/python/examples/keystore.py"
+  PYTHONPATH="$build/python" /usr/bin/python3 -B "$examples/../bindings/python/examples/keystore.py"
+fi
+
+title 'A RADIUS client whose shared secret is in the keystore, and a server that has it in the clear'
+if command -v python3 >/dev/null; then
+  printf xyzzy5461 | ksctl secret put radius
+  coproc peer { exec python3 "$examples/../tests/radius/peer.py" xyzzy5461 alice clientPass; }
+  server=$!
+  read -r port <&"${peer[0]}"
+  printf clientPass | run radius_client "127.0.0.1:$port" radius alice
+  printf clientPast | run radius_client "127.0.0.1:$port" radius alice || printf 'status %s\n' $?
+  eval "exec ${peer[1]}>&-" # the server serves until then
+  wait "$server"
+else
+  printf '  left out: the server needs python3, which is not there\n'
 fi
 
 title 'The PAC cache: written by one process, read by another, emptied by a third'

@@ -26,7 +26,7 @@ PAGES = {
     "Programs": ["conventions.md", "codes.md", "differences.md", "mistakes.md", "python.md", "examples.md"],
     "Functions": [],  # of the headers
     "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
-                  "supplicant.md"],
+                  "supplicant.md", "freeradius.md", "ppp.md"],
     "Manual": [],  # of man/
     "Formats": ["wire.md", "vault-format.md", "cache-format.md", "backup-format.md"],
     "Platform": ["porting.md"],
@@ -43,6 +43,8 @@ ELSEWHERE = {
     "SECURITY.md": "reporting.md",
     "LICENSE": "license.md",
     "contrib/supplicant/README.md": "supplicant.md",
+    "contrib/freeradius/README.md": "freeradius.md",
+    "contrib/ppp/README.md": "ppp.md",
     "examples": "examples.md",
     "service/ksd.toml": "ksd.toml.md",
 }

@@ -1,7 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The ks developers
 // SPDX-License-Identifier: Apache-2.0
 
-// cleanse.h: overwrites what was derived from a key when its scope is left, however it is left.
+// cleanse.h: overwrites what was derived from a key when its scope is left, however it is left, and what libraries
+// leave.
 #ifndef SERVICE_CRYPTO_CLEANSE_H
 #define SERVICE_CRYPTO_CLEANSE_H
 
@@ -24,6 +25,13 @@ struct Cleansed {
 
   T value;
 };
+
+// cleanse_stack overwrites what calls that have returned left below the caller's frame: Nettle copies the block that it
+// digests, and so a password or a key, into frames of its own.
+inline void cleanse_stack() {
+  constexpr size_t kDeepest = 4096;  // twice what any of our handlers takes
+  sodium_stackzero(kDeepest);
+}
 
 }  // namespace ksd::crypto
 

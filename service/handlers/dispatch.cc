@@ -5,6 +5,7 @@
 
 #include <new>
 
+#include "crypto/cleanse.h"
 #include "handlers/service.h"
 
 namespace ksd::handlers {
@@ -45,6 +46,7 @@ bool Dispatcher::answer(Service &service, const Request &request, Reply &reply) 
   }
   reply.reset();
   run(*row, service, request, reply);
+  crypto::cleanse_stack();
   if (reply.payload().empty()) reply.result(KS_FAILURE);
   service.counters.message(request.opcode, reply.code() == KS_SUCCESS);
   return true;
