@@ -16,6 +16,9 @@
  * suits (KS_BAD_KEY, KS_KEY_LEN_UNSUPPORTED) only the service knows: its answer comes back unchanged. The `_resp`
  * functions do not read `payload_size`. */
 
+/* The most bytes of data that DES, digests and HMACs take in one call. AES takes what 16 bits count. */
+#define KS_DATA_MAX 1024
+
 /* --- DES and 3DES, ECB mode */
 
 /* KsDesDescriptor describes a DES or 3DES request: a name and the data. */

@@ -23,6 +23,14 @@
 #define EAP_FAST_PAC_I_ID 5     /* identity text, with or without a NUL at its end */
 #define KS_PAC_TLV_MANDATORY 0x8000
 
+/* Others that an info may hold (RFC 5422, section 4.2.4), to which the library gives no meaning. */
+#define EAP_FAST_PAC_A_ID 4      /* who issued the PAC */
+#define EAP_FAST_PAC_A_ID_INFO 7 /* the issuer's name for people */
+#define EAP_FAST_PAC_TYPE 10     /* 2 bytes, one of these: */
+#define EAP_FAST_PAC_TYPE_TUNNEL 1
+#define EAP_FAST_PAC_TYPE_MACHINE 2
+#define EAP_FAST_PAC_TYPE_USER_AUTHORIZATION 3
+
 /* KsPacTlv is the header of a TLV; `length` bytes of value follow it. All numbers in TLVs are big-endian, and no TLV is
  * aligned. */
 typedef struct {

@@ -55,7 +55,7 @@ def page_for(target):
   """The page that a link to a file of the repository leads to; None where it stays as it is."""
   if target.startswith("docs/"):
     return target[len("docs/"):]
-  if target.startswith("include/"):
+  if target.startswith(("include/", "helpers/include/")):
     return f"api/{Path(target).stem}.md" if target.endswith(".h") else None
   return ELSEWHERE.get(target.rstrip("/"))
 
@@ -89,11 +89,11 @@ def code_page(title, intro, path, language):
 
 
 def markdown(text):
-  return re.sub(r"\b((?:ks|sksd)_\w+|kserr2str)\b(?![^`]*`(?:[^`]*`[^`]*`)*[^`]*$)", r"`\1`", text)
+  return re.sub(r"\b((?:ksh?|sksd)_\w+|kserr2str)\b(?![^`]*`(?:[^`]*`[^`]*`)*[^`]*$)", r"`\1`", text)
 
 
-def api_page(name, functions):
-  lines = [f"# {name}", ""] + [paragraph + "\n" for paragraph in interface.about(ROOT / "include" / name)]
+def api_page(path, functions):
+  lines = [f"# {path.name}", ""] + [paragraph + "\n" for paragraph in interface.about(path)]
   for function in functions:
     lines += [f"## {function.name}", "", "```c", interface.wrapped_signature(function.signature, 78), "```", ""]
     lines += [markdown(paragraph) + "\n" for paragraph in function.text]
@@ -142,9 +142,9 @@ def stage(folder, pages):
   (docs / "examples.md").write_text("\n".join(examples))
 
   navigation = {heading: [page for page in names if (docs / page).is_file()] for heading, names in PAGES.items()}
-  for name, functions in interface.read_interface(ROOT / "include").items():
-    page = f"api/{Path(name).stem}.md"
-    (docs / page).write_text(api_page(name, functions))
+  for path, functions in interface.read_interface(ROOT).items():
+    page = f"api/{path.stem}.md"
+    (docs / page).write_text(api_page(path, functions))
     navigation["Functions"].append(page)
   for source in sorted(path.name for path in pages.glob("*.[1578]")):
     page = f"man/{source}.md"
