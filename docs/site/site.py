@@ -23,7 +23,7 @@ ROOT = man.ROOT
 # The pages, by heading, in the order in which they are offered. A page of docs/ that stands nowhere is an error.
 PAGES = {
     "Start": ["index.md", "tutorial.md"],
-    "Programs": ["conventions.md", "codes.md", "differences.md", "mistakes.md", "python.md", "examples.md"],
+    "Programs": ["conventions.md", "helpers.md", "codes.md", "differences.md", "mistakes.md", "python.md", "examples.md"],
     "Functions": [],  # of the headers
     "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
                   "supplicant.md", "freeradius.md", "ppp.md"],

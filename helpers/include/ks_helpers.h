@@ -101,8 +101,8 @@ KS_EXPORT KsResult ksh_secret_wire_name(const char *secret, KsWireName *name, ui
 
 /* --- The PAC cache. Like the reads of PACs, these try to open a cache that is closed. */
 
-/* ksh_cache_clear removes the cached copy of the PAC `aid`, if there is one. A cache that can't be opened has none:
- * nobody reads from it.
+/* ksh_cache_clear removes the cached copy of the PAC `aid`, if there is one. Where this process can't open the cache
+ * nothing is removed, and its own reads go to the keystore, too.
  *
  * KS_FAILURE: the cache refused, and may still have the copy. */
 KS_EXPORT KsResult ksh_cache_clear(const void *aid, size_t aid_len);
