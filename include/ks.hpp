@@ -437,8 +437,8 @@ inline bool is_cached(const WireName &name) {
 
 }  // namespace detail
 
-// cache_clear removes the cached copy of the PAC `aid`, if there is one. Where this process can't open the cache nothing
-// is removed, and its own reads go to the keystore, too.
+// cache_clear removes the cached copy of the PAC `aid`, if there is one. Where this process can't open the cache
+// nothing is removed, and its own reads go to the keystore, too.
 //
 // KS_FAILURE: the cache refused, and may still have the copy.
 inline Result<> cache_clear(Bytes aid) {

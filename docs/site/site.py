@@ -23,7 +23,8 @@ ROOT = man.ROOT
 # The pages, by heading, in the order in which they are offered. A page of docs/ that stands nowhere is an error.
 PAGES = {
     "Start": ["index.md", "tutorial.md"],
-    "Programs": ["conventions.md", "helpers.md", "codes.md", "differences.md", "mistakes.md", "python.md", "examples.md"],
+    "Programs": ["conventions.md", "helpers.md", "ks.hpp.md", "codes.md", "differences.md", "mistakes.md", "python.md",
+                 "examples.md"],
     "Functions": [],  # of the headers
     "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
                   "supplicant.md", "freeradius.md", "ppp.md"],
@@ -46,6 +47,7 @@ ELSEWHERE = {
     "contrib/freeradius/README.md": "freeradius.md",
     "contrib/ppp/README.md": "ppp.md",
     "examples": "examples.md",
+    "include/ks.hpp": "ks.hpp.md",
     "service/ksd.toml": "ksd.toml.md",
 }
 LANGUAGES = {name: name for name in ("c", "cpp", "python", "sh", "sql", "toml")}
@@ -55,8 +57,8 @@ def page_for(target):
   """The page that a link to a file of the repository leads to; None where it stays as it is."""
   if target.startswith("docs/"):
     return target[len("docs/"):]
-  if target.startswith(("include/", "helpers/include/")):
-    return f"api/{Path(target).stem}.md" if target.endswith(".h") else None
+  if target.startswith(("include/", "helpers/include/")) and target.endswith(".h"):
+    return f"api/{Path(target).stem}.md"
   return ELSEWHERE.get(target.rstrip("/"))
 
 
@@ -135,6 +137,8 @@ def stage(folder, pages):
       (docs / page).write_text(code_page(source.capitalize(), "", path, "text"))
   (docs / "ksd.toml.md").write_text(
       code_page("ksd.toml", "The configuration as it ships, with every default.", ROOT / "service/ksd.toml", "toml"))
+  (docs / "ks.hpp.md").write_text(
+      code_page("ks.hpp", "The header for C++ programs, as it ships.", ROOT / "include/ks.hpp", "cpp"))
   examples = ["# Examples\n\nEach is one file and one program.\n"]
   for path in sorted((ROOT / "examples").glob("*.c*")):
     if path.suffix in (".c", ".cc"):
