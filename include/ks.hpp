@@ -164,10 +164,9 @@ class Buffer {
   // joined gives a block of both contents, one behind the other.
   static Result<Buffer> joined(Bytes left, Bytes right) {
     if (!left.is_given() || !right.is_given()) return Failure{KS_INVALID_ARGS};
-    if (right.size() > SIZE_MAX - 1 - left.size()) return Failure{KS_NO_MEMORY};
+    if (right.size() > SIZE_MAX - left.size()) return Failure{KS_NO_MEMORY};
     const size_t size = left.size() + right.size();
-    auto *const block =
-        static_cast<uint8_t *>(std::malloc(size + 1));  // none for a size of 0 would look like a failure
+    auto *const block = static_cast<uint8_t *>(std::malloc(size));
     if (block == nullptr) return Failure{KS_NO_MEMORY};
     if (!left.empty()) std::memcpy(block, left.data(), left.size());
     if (!right.empty()) std::memcpy(block + left.size(), right.data(), right.size());
@@ -503,26 +502,21 @@ inline Result<Buffer> read_part(decltype(ks_return_pac_info) *read, Bytes aid) {
   return Buffer(tlv, size);
 }
 
-inline Result<Pac> cached_pac(Bytes aid) {
-  const Result<WireName> name = WireName::of_pac(aid);
-  if (!name) return Failure{name.code()};
-  if (!opens_cache()) return Failure{KS_NOT_FOUND};
-  uint8_t *block = nullptr;
-  uint16_t size = 0;
-  const KsResult result = ks_cache_read_pac(name->data(), name->size(), &block, &size);
-  if (result != KS_SUCCESS) return Failure{result};
-  return Pac::of(Buffer(block, size));
-}
+}  // namespace detail
 
-// The two parts come in an exchange each. An opaque that is the same before and behind the info is of the same PAC.
-inline Result<Pac> stored_pac(Bytes aid) {
+// read_pac reads the metadata of the PAC `aid`: from the cache, with no message at all, or from the keystore with
+// three. Opaque and info are read one by one. An opaque that is the same before and behind the info is of the same PAC.
+//
+// KS_NOT_FOUND: there is no such PAC. KS_FAILURE: its metadata is damaged, the exchange failed, or the PAC was replaced
+// again and again meanwhile. KS_FW_COMM_ERROR: the request could not be sent.
+inline Result<Pac> read_pac(Bytes aid) {
   constexpr int kAttempts = 3;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const Result<Buffer> opaque = read_part(ks_return_pac_opaque, aid);
+    const Result<Buffer> opaque = detail::read_part(ks_return_pac_opaque, aid);
     if (!opaque) return Failure{opaque.code()};
-    const Result<Buffer> info = read_part(ks_return_pac_info, aid);
+    const Result<Buffer> info = detail::read_part(ks_return_pac_info, aid);
     if (!info) return Failure{info.code()};
-    const Result<Buffer> again = read_part(ks_return_pac_opaque, aid);
+    const Result<Buffer> again = detail::read_part(ks_return_pac_opaque, aid);
     if (!again) return Failure{again.code()};
     if (Bytes(*opaque) != Bytes(*again)) continue;
     Result<Buffer> metadata = Buffer::joined(*opaque, *info);
@@ -532,25 +526,13 @@ inline Result<Pac> stored_pac(Bytes aid) {
   return Failure{KS_FAILURE};
 }
 
-}  // namespace detail
-
-// read_pac reads the metadata of the PAC `aid`: from the cache, with no message at all, or from the keystore with
-// three.
-//
-// KS_NOT_FOUND: there is no such PAC. KS_FAILURE: its metadata is damaged, the exchange failed, or the PAC was replaced
-// again and again meanwhile. KS_FW_COMM_ERROR: the request could not be sent.
-inline Result<Pac> read_pac(Bytes aid) {
-  Result<Pac> cached = detail::cached_pac(aid);
-  return cached ? std::move(cached) : detail::stored_pac(aid);
-}
-
 // cache_warm puts the PAC `aid`, as the keystore has it, into the cache. Results as in read_pac; and KS_FAILURE, too,
 // where the cache can't be opened or refused.
 //
 // A process that replaces the PAC meanwhile may leave the older one in the cache: let one process do both.
 inline Result<> cache_warm(Bytes aid) {
   if (const Result<> cleared = cache_clear(aid); !cleared) return cleared;
-  const Result<Pac> pac = detail::stored_pac(aid);
+  const Result<Pac> pac = read_pac(aid);  // without a copy, from the keystore
   if (!pac) return pac.code();
   return cache_put(aid, pac->metadata());
 }

@@ -24,7 +24,7 @@ using scripted::Request;
 
 // An opaque, an info and both, spelt out. The time is 0x65000000.
 inline const Bytes kMetadata = kOpaque + kInfo;
-inline const Bytes kNewOpaque = bytes("00 02 00 02 6e 65");
+inline const Bytes kNewOpaque = bytes("00 02 00 03 6e 65 77");
 
 inline KshBytes view(const Bytes &content) {
   return {content.data(), content.size()};
