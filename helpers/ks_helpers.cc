@@ -131,7 +131,7 @@ KsResult ksh_read_pac(const void *aid, size_t aid_len, KshBuffer *metadata) {
   if (metadata == nullptr) return KS_INVALID_ARGS;
   ks::Result<ks::Pac> pac = ks::read_pac({aid, aid_len});
   if (!pac) return pac.code();
-  return hand_out(pac->take_metadata(), metadata);
+  return hand_out((*std::move(pac)).metadata(), metadata);
 }
 
 KsResult ksh_pac_exists(const void *aid, size_t aid_len, uint32_t *exists) {

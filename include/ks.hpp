@@ -12,6 +12,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -82,10 +83,10 @@ class [[nodiscard]] Result : public Outcome {
   }
   [[nodiscard]] constexpr Value &value() & { return value_; }
   [[nodiscard]] constexpr const Value &value() const & { return value_; }
-  [[nodiscard]] constexpr Value &&value() && { return std::move(value_); }
+  [[nodiscard]] constexpr Value value() && { return std::move(value_); }
   [[nodiscard]] constexpr Value &operator*() & { return value_; }
   [[nodiscard]] constexpr const Value &operator*() const & { return value_; }
-  [[nodiscard]] constexpr Value &&operator*() && { return std::move(value_); }
+  [[nodiscard]] constexpr Value operator*() && { return std::move(value_); }
   [[nodiscard]] constexpr Value *operator->() { return &value_; }
   [[nodiscard]] constexpr const Value *operator->() const { return &value_; }
 
@@ -478,12 +479,16 @@ class Pac {
     return pac;
   }
 
-  [[nodiscard]] const Buffer &metadata() const { return metadata_; }
-  [[nodiscard]] Buffer take_metadata() { return std::move(metadata_); }
-  [[nodiscard]] const Tlv &opaque() const { return parts_.opaque; }
-  [[nodiscard]] const Tlv &info_tlv() const { return parts_.info; }
-  // info reads the info TLV; what it tells holds as long as this object.
-  Result<PacInfo> info() const { return parse_pac_info(parts_.info.whole); }
+  [[nodiscard]] const Buffer &metadata() const & { return metadata_; }
+  [[nodiscard]] Buffer metadata() && { return std::move(metadata_); }
+
+  // What these tell lies in the metadata and holds as long as this object, so a temporary one isn't asked.
+  [[nodiscard]] const Tlv &opaque() const & { return parts_.opaque; }
+  [[nodiscard]] const Tlv &info_tlv() const & { return parts_.info; }
+  Result<PacInfo> info() const & { return parse_pac_info(parts_.info.whole); }
+  const Tlv &opaque() && = delete;
+  const Tlv &info_tlv() && = delete;
+  Result<PacInfo> info() && = delete;
 
  private:
   Buffer metadata_;

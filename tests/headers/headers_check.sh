@@ -14,10 +14,10 @@ trap 'rm -rf "$scratch"' EXIT
 folders=(include helpers/include platform/host/include platform/include)
 flags=(-Wall -Wextra -Wshadow -Wredundant-decls -Wconversion -pedantic -Werror -fsyntax-only "${folders[@]/#/-I}")
 # A source for each header, which has nothing beside it and is met twice.
-mapfile -t headers < <(find "${folders[@]}" -name '*.h' -printf '%f\n')
+mapfile -t headers < <(find "${folders[@]}" -name '*.h*' -printf '%f\n')
 for header in "${headers[@]}"; do
-  printf '#include <%s>\n#include <%s>\nextern int used;\nint used = 1;\n' "$header" "$header" |
-    tee "$scratch/$header.c" >"$scratch/$header.cc"
+  printf '#include <%s>\n#include <%s>\nextern int used;\nint used = 1;\n' "$header" "$header" >"$scratch/$header.cc"
+  [[ $header = *.hpp ]] || cp "$scratch/$header.cc" "$scratch/$header.c"
 done
 
 # knows COMPILER LANGUAGE STANDARD: the newest version isn't known to every compiler.

@@ -123,7 +123,8 @@ TEST_F(Header, KeepsWhatAPacPointsToWhenThePacMoves) {
   EXPECT_EQ(moved.opaque().whole.data(), moved.metadata().data());
   EXPECT_TRUE(moved.info());
   EXPECT_EQ(ks::Pac::of(ks::Buffer()).code(), KS_FAILURE);
-  EXPECT_EQ(ks::Pac().info().code(), KS_FAILURE);
+  const ks::Pac none;
+  EXPECT_EQ(none.info().code(), KS_FAILURE);
 }
 
 TEST_F(Header, StartsTheLibrary) {
