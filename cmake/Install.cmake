@@ -25,7 +25,8 @@ install(DIRECTORY include/ helpers/include/ DESTINATION ${ks_headers} FILES_MATC
 install(DIRECTORY platform/host/include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform/include/ DESTINATION ${ks_platform_headers} FILES_MATCHING PATTERN "*.h")
 
-# find_package(ks): ks::ks, ks::static, ks::helpers, ks::helpers_static, and ks::mts, ks::sdwrap, ks::sysmgr, ks::sdb of the host platform.
+# find_package(ks): ks::ks, ks::static, ks::helpers, ks::helpers_static, and ks::mts, ks::sdwrap, ks::sysmgr, ks::sdb of
+# the host platform.
 include(CMakePackageConfigHelpers)
 set(ks_package ${CMAKE_INSTALL_LIBDIR}/cmake/ks)
 install(EXPORT ks_targets NAMESPACE ks:: FILE ks-targets.cmake DESTINATION ${ks_package})
