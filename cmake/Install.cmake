@@ -10,20 +10,23 @@ set(ks_platform_headers ${ks_headers}/platform)
 set(KS_EXAMPLES_DIR ${CMAKE_INSTALL_DOCDIR}/examples CACHE STRING "Where examples are installed")
 
 set_target_properties(ks_static PROPERTIES EXPORT_NAME static)
-foreach(target ks ks_static)
+set_target_properties(ks-helpers PROPERTIES EXPORT_NAME helpers)
+set_target_properties(ks-helpers_static PROPERTIES EXPORT_NAME helpers_static)
+foreach(target ks ks_static ks-helpers ks-helpers_static)
   target_include_directories(${target} INTERFACE $<INSTALL_INTERFACE:${ks_headers}>)
 endforeach()
 foreach(target mts sdwrap sysmgr sdb)
   target_include_directories(${target} INTERFACE $<INSTALL_INTERFACE:${ks_headers}>
     $<INSTALL_INTERFACE:${ks_platform_headers}>)
 endforeach()
-install(TARGETS ks ks_static mts sdwrap sysmgr sdb EXPORT ks_targets)
-install(DIRECTORY include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h")
+install(TARGETS ks ks_static ks-helpers ks-helpers_static mts sdwrap sysmgr sdb EXPORT ks_targets)
+install(DIRECTORY include/ helpers/include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 # Programs ask by a weak reference for what the host alone offers, so its header is there for all of them.
 install(DIRECTORY platform/host/include/ DESTINATION ${ks_headers} FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform/include/ DESTINATION ${ks_platform_headers} FILES_MATCHING PATTERN "*.h")
 
-# find_package(ks): ks::ks, ks::static, and ks::mts, ks::sdwrap, ks::sysmgr, ks::sdb of the host platform.
+# find_package(ks): ks::ks, ks::static, ks::helpers, ks::helpers_static, and ks::mts, ks::sdwrap, ks::sysmgr, ks::sdb of
+# the host platform.
 include(CMakePackageConfigHelpers)
 set(ks_package ${CMAKE_INSTALL_LIBDIR}/cmake/ks)
 install(EXPORT ks_targets NAMESPACE ks:: FILE ks-targets.cmake DESTINATION ${ks_package})
@@ -34,7 +37,7 @@ install(FILES ${CMAKE_BINARY_DIR}/ks-config.cmake ${CMAKE_BINARY_DIR}/ks-config-
   DESTINATION ${ks_package})
 
 # The pkg-config files name folders, which `cmake --install --prefix` may change: they are written then.
-foreach(name ks ks-platform)
+foreach(name ks ks-helpers ks-platform)
   install(CODE "
     set(prefix \"\${CMAKE_INSTALL_PREFIX}\")
     set(includedir \"\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}\")

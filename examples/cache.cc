@@ -2,10 +2,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The PAC cache, shared by processes: one writes, another reads, a third empties it.
-#include "pac_record.h"
+#include <ks.hpp>
+
+#include "example.h"
 
 using example::Bytes;
-using example::operator+;
 using example::require;
 
 namespace {
@@ -15,31 +16,33 @@ const Bytes kLabel = example::of_text("Session Key Generating Function");
 const Bytes kRandom(32, 0x5e);
 
 void write() {
-  example::warm(kAid, example::pac_opaque() + example::pac_info(0x7fffffff, "alice"));
-  const KsWireName name = example::wire_name(kAid);
+  const auto metadata = ks::make_pac_metadata(Bytes(40, 0x0a), ks::PacInfo{});
+  require(metadata.code(), "making metadata");
+  require(ks::cache_put(kAid, *metadata).code(), "writing to the cache");
+  const auto name = ks::WireName::of_pac(kAid);
   const Bytes output(40, 0x77);
-  require(ks_cache_pac_write_tprf(&name, example::wire_len(kAid), kLabel.data(), static_cast<uint16_t>(kLabel.size()),
+  require(ks_cache_pac_write_tprf(name->data(), name->size(), kLabel.data(), static_cast<uint16_t>(kLabel.size()),
                                   kRandom.data(), static_cast<uint16_t>(kRandom.size()), output.data(),
                                   static_cast<uint16_t>(output.size())),
           "writing a T-PRF result");
   std::printf("  wrote a PAC entry and a T-PRF result to %s\n", ks_cache_uri);
 }
 
-void read() {
-  const KsWireName name = example::wire_name(kAid);
-  uint8_t *metadata = nullptr;
-  uint16_t metadata_len = 0;
-  require(ks_cache_read_pac(&name, example::wire_len(kAid), &metadata, &metadata_len), "reading from the cache");
-  std::printf("  metadata, %u bytes: %.32s...\n", metadata_len, example::hex(metadata, metadata_len).c_str());
-  free(metadata);
+// show shows how a block that the library handed out begins, and frees it.
+void show(const char *what, const ks::Buffer &block) {
+  std::printf("  %s, %zu bytes: %.32s...\n", what, block.size(), example::hex(block.data(), block.size()).c_str());
+}
 
-  uint8_t *output = nullptr;
-  uint16_t output_len = 0;
-  require(ks_cache_read_tprf(&name, example::wire_len(kAid), kLabel.data(), static_cast<uint16_t>(kLabel.size()),
-                             kRandom.data(), static_cast<uint16_t>(kRandom.size()), &output, &output_len),
+void read() {
+  const auto name = ks::WireName::of_pac(kAid);
+  uint8_t *block = nullptr;
+  uint16_t size = 0;
+  require(ks_cache_read_pac(name->data(), name->size(), &block, &size), "reading from the cache");
+  show("metadata", ks::Buffer(block, size));
+  require(ks_cache_read_tprf(name->data(), name->size(), kLabel.data(), static_cast<uint16_t>(kLabel.size()),
+                             kRandom.data(), static_cast<uint16_t>(kRandom.size()), &block, &size),
           "reading a T-PRF result");
-  std::printf("  T-PRF result, %u bytes: %.32s...\n", output_len, example::hex(output, output_len).c_str());
-  free(output);
+  show("T-PRF result", ks::Buffer(block, size));
 }
 
 void purge() {

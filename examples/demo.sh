@@ -90,6 +90,10 @@ run cache purge
 title 'PACs: what each step costs in messages to the keystore'
 run pac
 
+title 'A PAC with a time and a name, stored and read warm by ks.hpp and by its library for C'
+run pac_expiry | sed 's/^/  /'
+run pac_expiry_in_c | sed 's/^/  /'
+
 title 'What the service says of itself, what a look at everything finds, and what the programs did'
 "$build/ksctl" status
 "$build/ksctl" doctor --config "$KS_SESSION_DIR/ksd.toml"

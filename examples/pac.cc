@@ -4,11 +4,12 @@
 // The life of EAP-FAST credentials, and what each step costs in messages to the keystore.
 #include <dlfcn.h>
 
-#include "pac_record.h"
+#include <ks.hpp>
+
+#include "example.h"
 
 using example::Bytes;
 using example::hex;
-using example::operator+;
 using example::require;
 
 namespace {
@@ -16,7 +17,7 @@ namespace {
 int messages = 0;
 
 // A time in 2038 whose bytes read alike both ways: the ageing walk takes them in the processor's own order.
-constexpr uint32_t kExpiry = 0x7fff'ff7f;
+const ks::TimePoint kExpiry(std::chrono::seconds(0x7fff'ff7f));
 
 }  // namespace
 
@@ -45,13 +46,17 @@ uint32_t size_of(const std::string &text) {
   return static_cast<uint32_t>(text.size());
 }
 
-void store(const std::string &aid, uint32_t expiry, const std::string &identity) {
-  const Bytes key(32, 0x4b);
-  const Bytes opaque = example::pac_opaque();
-  const Bytes info = example::pac_info(expiry, identity);
-  require(ks_store_pac(bytes_of(aid), size_of(aid), key.data(), static_cast<uint32_t>(key.size()), opaque.data(),
-                       static_cast<uint32_t>(opaque.size()), info.data(), static_cast<uint32_t>(info.size())),
-          "storing a PAC");
+ks::Buffer metadata_for(const std::string &identity) {
+  ks::PacInfo info;
+  info.expires = kExpiry;
+  info.identity = identity;
+  auto metadata = ks::make_pac_metadata(Bytes(40, 0x0a), info);
+  require(metadata.code(), "making metadata");
+  return *std::move(metadata);
+}
+
+void store(const std::string &aid, const std::string &identity) {
+  require(ks::store_pac(aid, Bytes(32, 0x4b), metadata_for(identity)).code(), "storing a PAC");
 }
 
 // Reads a PAC-Opaque or PAC-Info, whichever the operation is for, and returns its length.
@@ -59,8 +64,7 @@ size_t read_part(decltype(ks_return_pac_opaque) *operation, const std::string &a
   uint8_t *content = nullptr;
   uint32_t content_len = 0;
   require(operation(bytes_of(aid), size_of(aid), &content, &content_len), what);
-  free(content);
-  return content_len;
+  return ks::Buffer(content, content_len).size();
 }
 
 size_t read_opaque(const std::string &aid) {
@@ -83,11 +87,11 @@ Bytes t_prf(const std::string &aid, const std::string &label, const Bytes &rando
 void tell_list() {
   std::string all;
   uint16_t cursor = 0;
-  uint8_t *aid = nullptr;
-  uint16_t aid_len = 0;
-  while (ks_return_aid_by_index(&cursor, &aid, &aid_len) == KS_SUCCESS) {
-    all += (all.empty() ? "" : ", ") + std::string(reinterpret_cast<const char *>(aid), aid_len);
-    free(aid);
+  uint8_t *block = nullptr;
+  uint16_t size = 0;
+  while (ks_return_aid_by_index(&cursor, &block, &size) == KS_SUCCESS) {
+    const ks::Buffer aid(block, size);
+    all += (all.empty() ? "" : ", ") + std::string(ks::Bytes(aid).text());
   }
   tell("listed the A-IDs: " + (all.empty() ? "none" : all));
 }
@@ -98,11 +102,11 @@ int main() {
   example::start();
   const std::string aid = "authority-1";
 
-  store(aid, kExpiry, "alice");
+  store(aid, "alice");
   tell("stored the PAC of " + aid);
   tell("read its opaque cold, " + std::to_string(read_opaque(aid)) + " bytes");
   tell("read its info cold, " + std::to_string(read_info(aid)) + " bytes");
-  example::warm(aid, example::pac_opaque() + example::pac_info(kExpiry, "alice"));
+  require(ks::cache_put(aid, metadata_for("alice")).code(), "writing to the cache");
   tell("warmed the cache");
   tell("read its opaque warm, " + std::to_string(read_opaque(aid)) + " bytes");
   tell("read its info warm, " + std::to_string(read_info(aid)) + " bytes");
@@ -113,17 +117,17 @@ int main() {
   const Bytes random(64, 0x11);
   const Bytes output = t_prf(aid, label, random, 48);
   tell("computed a T-PRF on its key: " + hex(output).substr(0, 16) + "...");
-  const KsWireName name = example::wire_name(aid);
-  require(ks_cache_pac_write_tprf(&name, example::wire_len(aid), label.data(), static_cast<uint16_t>(label.size()),
+  const auto name = ks::WireName::of_pac(aid);
+  require(ks_cache_pac_write_tprf(name->data(), name->size(), label.data(), static_cast<uint16_t>(label.size()),
                                   random.data(), static_cast<uint16_t>(random.size()), output.data(), 48),
           "caching the T-PRF");
   tell("kept the result in the cache");
   if (t_prf(aid, label, random, 48) != output) return 1;
   tell("asked for the same T-PRF again: the same");
 
-  store("authority-2", kExpiry, "alice");
-  store("authority-3", kExpiry, "bob");
-  store("authority-4", kExpiry, "bob");
+  store("authority-2", "alice");
+  store("authority-3", "bob");
+  store("authority-4", "bob");
   tell("stored three more PACs");
   tell_list();
   // A walk passes over the entry behind each one that it judges, so it is run again for what it left.

@@ -5,11 +5,12 @@
 //
 //   input     identity, counted | metadata
 //   property  each of the four readers hands out exactly the TLV that a second reading of the metadata finds, or
-//             nothing; none of them, nor ks_sw_pac_still_valid, looks behind the end
+//             nothing; the readers of ks.hpp find what they find, and read back what is made of their findings; none of
+//             them, nor ks_sw_pac_still_valid, looks behind the end
 #include <optional>
 #include <string>
 
-#include "ks_api.h"
+#include "ks.hpp"
 #include "support/platform.h"
 
 namespace {
@@ -52,6 +53,29 @@ void check_reader(KsResult (*read)(const uint8_t *, uint32_t, uint8_t **, Length
   if (!found) require(tlv == nullptr, "a reader that fails hands nothing out");
 }
 
+// check_helpers reads the metadata with ks.hpp. `expiry` is what the library tells of it.
+void check_helpers(Bytes metadata, uint32_t expiry) {
+  static fuzz::Guarded memory;
+  const auto parts = ks::parse_pac_metadata({memory.copy(metadata), metadata.size()});
+  const std::optional<Bytes> opaque = expected(metadata, kOpaque);
+  const std::optional<Bytes> info = expected(metadata, kInfo);
+  require(parts.ok() == (opaque && info), "metadata with both TLVs comes apart, and no other");
+  if (!parts) return;
+  require(parts->opaque.whole == ks::Bytes(*opaque) && parts->info.whole == ks::Bytes(*info), "into these TLVs");
+
+  const auto told = ks::parse_pac_info(parts->info.whole);
+  if (!told) return;
+  require((told->expires ? ks::detail::seconds_of(*told->expires) : 0) == expiry, "the library tells the same time");
+  const auto made = ks::make_pac_metadata(parts->opaque.value, *told);
+  require(made.ok() || parts->opaque.value.empty(), "what was read can be made");
+  if (!made) return;
+  const auto again = ks::parse_pac_info(ks::parse_pac_metadata(*made)->info.whole);
+  require(again && again->expires == told->expires && again->type == told->type && again->a_id == told->a_id &&
+              ks::detail::without_nul(told->identity) == again->identity &&
+              ks::detail::without_nul(told->issuer) == again->issuer,
+          "what is made is read as it was told");
+}
+
 // with_head puts the head of a reply or of a cached value in front.
 std::vector<uint8_t> with_head(std::vector<uint8_t> head, Bytes metadata) {
   head.insert(head.end(), metadata.begin(), metadata.end());
@@ -74,6 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   check_reader(ks_return_pac_info, metadata, kInfo);
   const uint32_t expiry = ks_get_pac_expiration(kAid, sizeof kAid);
   if (expiry != 0) require(expected(metadata, kInfo).has_value(), "only an info tells of an expiry");
+  check_helpers(metadata, expiry);
 
   std::vector<uint8_t> head(22);
   head[0] = low;

@@ -32,9 +32,16 @@ KS_EXPORT const char *kserr2str(KsResult code);
 
 /* The library-wide state, written by ks_init and, for the cache, by ks_sdb_init; read-only for everybody else. */
 KS_EXPORT uint32_t ks_mts_q;         /* the message queue; all ones means none */
-KS_EXPORT uint16_t vdc_id;           /* the caller's VDC id; 0 before ks_init */
-KS_EXPORT uint32_t app_uuid;         /* the second argument of ks_init */
 KS_EXPORT uint32_t ks_cache_present; /* 1 while the PAC cache is open */
 KS_EXPORT char ks_cache_uri[256];    /* the PAC cache's URI, NUL-terminated */
+
+/* Two more have names that a program may have for something else. Define KS_HIDE_GLOBALS in front of the first #include
+ * of these headers and they are not declared: the source may then use the names for whatever has no external linkage.
+ * NOTE: a global variable or function of such a name takes the place of the library's, with the macro and without it:
+ * make yours `static`, or put it into a namespace. */
+#ifndef KS_HIDE_GLOBALS
+KS_EXPORT uint16_t vdc_id;   /* the caller's VDC id; 0 before ks_init */
+KS_EXPORT uint32_t app_uuid; /* the second argument of ks_init */
+#endif
 
 #endif

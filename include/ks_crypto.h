@@ -16,16 +16,20 @@
  * suits (KS_BAD_KEY, KS_KEY_LEN_UNSUPPORTED) only the service knows: its answer comes back unchanged. The `_resp`
  * functions do not read `payload_size`. */
 
+/* The most bytes of data that DES, digests and HMACs take in one call. AES takes what 16 bits count. The limit is the
+ * library's: the keystore daemon computes over what 16 bits count in all of them. */
+#define KS_DATA_MAX 1024
+
 /* --- DES and 3DES, ECB mode */
 
 /* KsDesDescriptor describes a DES or 3DES request: a name and the data. */
 typedef KsNameDataDescriptor KsDesDescriptor;
 
-/* ks_des_ecb_encrypt encrypts `input_len` bytes of `input` into `output` with single DES under the secret `name`.
- * `input_len` is a multiple of 8 from 8 to 1024. `output_len` is the size of `output` and must equal `input_len`: a
- * larger buffer is refused too.
+/* ks_des_ecb_encrypt encrypts `input_len` bytes of `input` into `output` with single DES under the secret `name`, a key
+ * of 8 bytes. `input_len` is a multiple of 8 from 8 to 1024. `output_len` is the size of `output` and must equal
+ * `input_len`: a larger buffer is refused too.
  *
- * KS_INVALID_ARGS: a pointer is NULL, or a length is none of these.
+ * KS_INVALID_ARGS: a pointer is NULL, or a length is none of these. KS_BAD_KEY: the secret is of another size.
  * NOTE: each call prints its whole request (descriptor, wire name and plaintext) to standard error, each byte as
  * "%2x ", with no newline, before it is sent. Its three siblings don't.
  * NOTE: the check of the name looks at the low 8 bits of its length only, while all of it (up to 65,535 bytes) is
@@ -38,11 +42,12 @@ KS_EXPORT KsResult ks_des_ecb_encrypt(const char *name, const uint8_t *input, ui
 KS_EXPORT KsResult ks_des_ecb_decrypt(const char *name, const uint8_t *input, uint16_t input_len, uint8_t *output,
                                       uint16_t output_len);
 
-/* ks_3des_ecb_encrypt encrypts likewise with 3DES, and prints nothing. */
+/* ks_3des_ecb_encrypt encrypts likewise with 3DES, and prints nothing. The key is of 24 bytes; or of 16, whose first 8
+ * are the third part, too. */
 KS_EXPORT KsResult ks_3des_ecb_encrypt(const char *name, const uint8_t *input, uint16_t input_len, uint8_t *output,
                                        uint16_t output_len);
 
-/* ks_3des_ecb_decrypt decrypts likewise with 3DES, and prints nothing. */
+/* ks_3des_ecb_decrypt decrypts likewise with 3DES, and prints nothing. The key is as in ks_3des_ecb_encrypt. */
 KS_EXPORT KsResult ks_3des_ecb_decrypt(const char *name, const uint8_t *input, uint16_t input_len, uint8_t *output,
                                        uint16_t output_len);
 
@@ -72,10 +77,11 @@ KS_STATIC_ASSERT(sizeof(KsAesDescriptor) == 8);
 KS_STATIC_ASSERT(offsetof(KsAesDescriptor, data_len) == 2);
 KS_STATIC_ASSERT(offsetof(KsAesDescriptor, data_offset) == 4);
 
-/* ks_aes_encrypt encrypts `len` bytes of `input` into `output` (as long) with AES in ECB mode under the secret `name`.
- * `len` is a multiple of 16; there is no upper bound but its 16 bits.
+/* ks_aes_encrypt encrypts `len` bytes of `input` into `output` (as long) with AES in ECB mode under the secret `name`,
+ * a key of 16, 24 or 32 bytes. `len` is a multiple of 16; there is no upper bound but its 16 bits.
  *
  * KS_INVALID_ARGS: a pointer is NULL, the name is not 1 to 31 bytes, or `len` is no multiple of 16.
+ * KS_KEY_LEN_UNSUPPORTED: the secret is of another size.
  * NOTE: a `len` of 0 is sent like any other; the CBC operations refuse it. The output stands before the length here,
  * and behind it in the CBC operations. */
 KS_EXPORT KsResult ks_aes_encrypt(const char *name, const uint8_t *input, uint8_t *output, uint16_t len);
@@ -136,11 +142,12 @@ KS_STATIC_ASSERT(offsetof(KsAesCbcReply, total_len) == 4);
 KS_STATIC_ASSERT(offsetof(KsAesCbcReply, iv) == 6);
 
 /* ks_aes_cbc_encrypt encrypts `len` bytes of `input` into `output` (as long) with AES in CBC mode under the secret
- * `name`. `iv` is 16 bytes, in and out: on success it holds the value to chain with, so that a long text is encrypted
- * by passing the same buffer from call to call. After a failure it is unchanged and the call may be repeated. `len` is
- * a multiple of 16 and not 0.
+ * `name`, a key of 16, 24 or 32 bytes. `iv` is 16 bytes, in and out: on success it holds the value to chain with, so
+ * that a long text is encrypted by passing the same buffer from call to call. After a failure it is unchanged and the
+ * call may be repeated. `len` is a multiple of 16 and not 0.
  *
- * KS_INVALID_ARGS: a pointer is NULL, the name is refused, or `len` is none of these.
+ * KS_INVALID_ARGS: a pointer is NULL, the name is refused, or `len` is none of these. KS_KEY_LEN_UNSUPPORTED: the
+ * secret is of another size.
  * NOTE: the low 8 bits of the name's length decide: of a name of 257 to 287 bytes only the first 1 to 31 are used.
  * ks_aes_cbc_decrypt refuses such a name.
  * NOTE: a reply counts the IV in its 16 bits of length, so a `len` above 65,504 can't be answered: the keystore daemon
@@ -203,9 +210,12 @@ KS_STATIC_ASSERT(offsetof(KsHashDescriptor, second_offset) == 8);
 
 /* ks_md5_hash writes to `output` (16 bytes) the MD5 digest over two pieces of data with the secret `name` taking part;
  * the keystore daemon digests first piece, secret, second piece. One piece may be absent, its length 0. The lengths
- * come to 1,024 at most.
+ * come to KS_DATA_MAX at most.
  *
  * KS_INVALID_ARGS: the name is not 1 to 31 bytes, both pieces are absent, they are too long, or `output` is NULL.
+ * NOTE: RADIUS packets may have 4,096 bytes (RFC 2865, section 3). Keep them to KS_DATA_MAX by short EAP fragments
+ * (Framed-MTU); or run the exchange with ks_hash_md5_sha1_req, which isn't held to it. So it is with their
+ * Message-Authenticator, ks_hmac_md5 and ks_hmac_md5_sha1_req.
  * NOTE: one present piece is enough and the other isn't looked at: a NULL pointer with a length other than 0 goes to
  * the message service as it is.
  * NOTE: once the request is built, the wire name (the name's length plus 4 bytes) stays allocated, whatever comes of
@@ -268,8 +278,10 @@ KS_EXPORT KsResult ks_hmac_md5_sha1_resp(uint16_t payload_size, const void *payl
                                          uint16_t expected_len);
 
 /* --- MS-CHAP version 2 (RFC 2759) and its master key (RFC 3079): the name of a stored password stands where the
- * standards have the password. The `_req` functions check nothing, copy a name by the low 16 bits of its length into a
- * buffer for 31, and leave it for the caller to free through its section. */
+ * standards have the password. Passwords are UTF-8, which the keystore daemon turns into the standards' UTF-16: of 256
+ * units at most, a character beyond U+FFFF being two. A stored secret that is no such password is KS_BAD_KEY. The
+ * `_req` functions check nothing, copy a name by the low 16 bits of its length into a buffer for 31, and leave it for
+ * the caller to free through its section. */
 
 #define KS_CHALLENGE_SIZE 16
 #define KS_NT_RESPONSE_SIZE 24
@@ -305,9 +317,9 @@ KS_STATIC_ASSERT(offsetof(KsNtResponseDescriptor, user_name_len) == 20);
 KS_STATIC_ASSERT(offsetof(KsNtResponseDescriptor, user_name_offset) == 24);
 
 /* ks_GenerateNTResponse writes to `output` (24 bytes) the NT response of the password `name` to the two challenges of
- * 16 bytes. `user_name` is a NUL-terminated text and may be empty.
+ * 16 bytes. `user_name` is a NUL-terminated text and may be empty. The password is UTF-8, of 256 characters at most.
  *
- * KS_INVALID_ARGS: a pointer is NULL, or the name is not 1 to 31 bytes.
+ * KS_INVALID_ARGS: a pointer is NULL, or the name is not 1 to 31 bytes. KS_BAD_KEY: the secret is no such password.
  * NOTE: the user name's length is taken modulo 256: one of 256 bytes goes out empty, one of 300 as its first 44. */
 KS_EXPORT KsResult ks_GenerateNTResponse(const char *name, const uint8_t *authenticator_challenge,
                                          const uint8_t *peer_challenge, const char *user_name, uint8_t *output);
@@ -358,7 +370,7 @@ KS_STATIC_ASSERT(offsetof(KsAuthenticatorResponseDescriptor, nt_response_len) ==
 KS_STATIC_ASSERT(offsetof(KsAuthenticatorResponseDescriptor, nt_response_offset) == 32);
 
 /* ks_GenerateAuthenticatorResponse writes to `output` (42 bytes, no NUL) the authenticator's answer that proves that it
- * knows the password `name`, to an NT response of 24 bytes. `user_name` is as in ks_GenerateNTResponse.
+ * knows the password `name`, to an NT response of 24 bytes. Password and `user_name` are as in ks_GenerateNTResponse.
  *
  * KS_INVALID_ARGS: a pointer is NULL, or the name is not 1 to 31 bytes.
  * NOTE: the arguments have the standard's order, with the peer challenge before the authenticator challenge; in
@@ -399,9 +411,11 @@ KS_STATIC_ASSERT(offsetof(KsNewPasswordDescriptor, new_password_len) == 2);
 KS_STATIC_ASSERT(offsetof(KsNewPasswordDescriptor, new_password_offset) == 4);
 
 /* ks_NewPasswordEncryptedWithOldNtPasswordHash encrypts a new password of `new_password_len` bytes, 1 to 256, under the
- * hash of the old password `name`. `output` receives the encrypted block, 516 bytes as RFC 2759 has it.
+ * hash of the old password `name`. `output` receives the encrypted block, 516 bytes as RFC 2759 has it. Both passwords
+ * are as in ks_GenerateNTResponse.
  *
- * KS_INVALID_ARGS: the name is not 1 to 31 bytes, a pointer is NULL, or the length is 0 or above 256.
+ * KS_INVALID_ARGS: the name is not 1 to 31 bytes, a pointer is NULL, or the length is 0 or above 256; from the service:
+ * the new password is no UTF-8.
  * NOTE: `output` receives as many bytes as the reply says it has, unchecked: up to 65,535. */
 KS_EXPORT KsResult ks_NewPasswordEncryptedWithOldNtPasswordHash(const char *name, const uint8_t *new_password,
                                                                 uint16_t new_password_len, uint8_t *output);
@@ -434,7 +448,7 @@ KS_STATIC_ASSERT(offsetof(KsOldHashDescriptor, second_name_offset) == 4);
 
 /* ks_OldNtPasswordHashEncryptedWithNewNtPasswordHash writes to `output` (16 bytes) the hash of the stored old password
  * encrypted under the hash of the stored new one. The new password's name stands first, as in the standard; both may be
- * the same.
+ * the same. Both are as in ks_GenerateNTResponse.
  *
  * KS_INVALID_ARGS: a pointer is NULL, or a name is not 1 to 31 bytes.
  * NOTE: when a wire name can't be allocated, the answer is KS_FAILURE, not KS_NO_MEMORY as in every sibling. */
@@ -470,7 +484,7 @@ KS_STATIC_ASSERT(offsetof(KsMasterKeyDescriptor, nt_response_len) == 2);
 KS_STATIC_ASSERT(offsetof(KsMasterKeyDescriptor, nt_response_offset) == 4);
 
 /* ks_GetMasterKey writes to `output` (16 bytes) the master key that MPPE derives its session keys from, of the password
- * `name` and an NT response of 24 bytes.
+ * `name`, which is as in ks_GenerateNTResponse, and an NT response of 24 bytes.
  *
  * KS_INVALID_ARGS: a pointer is NULL, or the name is not 1 to 31 bytes. */
 KS_EXPORT KsResult ks_GetMasterKey(const char *name, const uint8_t *nt_response, uint8_t *output);

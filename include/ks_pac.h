@@ -23,6 +23,14 @@
 #define EAP_FAST_PAC_I_ID 5     /* identity text, with or without a NUL at its end */
 #define KS_PAC_TLV_MANDATORY 0x8000
 
+/* Others that an info may hold (RFC 5422, section 4.2.4), to which the library gives no meaning. */
+#define EAP_FAST_PAC_A_ID 4      /* who issued the PAC */
+#define EAP_FAST_PAC_A_ID_INFO 7 /* the issuer's name for people */
+#define EAP_FAST_PAC_TYPE 10     /* 2 bytes, one of these: */
+#define EAP_FAST_PAC_TYPE_TUNNEL 1
+#define EAP_FAST_PAC_TYPE_MACHINE 2
+#define EAP_FAST_PAC_TYPE_USER_AUTHORIZATION 3
+
 /* KsPacTlv is the header of a TLV; `length` bytes of value follow it. All numbers in TLVs are big-endian, and no TLV is
  * aligned. */
 typedef struct {
@@ -75,10 +83,13 @@ KS_STATIC_ASSERT(offsetof(KsPacKeyTPrfDescriptor, random_offset) == 16);
 
 /* ks_store_pac makes or replaces the PAC `aid`: its key, and as its metadata `opaque` followed by `info`. Each of the
  * two is exactly one TLV of its type, header included; what stands inside isn't examined, so that an info without a
- * lifetime can be stored. Nothing of the buffers is kept.
+ * lifetime can be stored. Nothing of the buffers is kept. The keystore daemon takes a key and metadata of up to 65,535
+ * bytes each; EAP-FAST's keys have 32.
  *
  * KS_INVALID_ARGS: a pointer is NULL, `aid_len` is not 1 to 31, another length is 0, or a TLV's header doesn't fit its
- * type or length. KS_FAILURE: the exchange failed. */
+ * type or length. KS_RPC_TOO_LARGE: the service takes no key or metadata of that size. KS_FAILURE: the exchange failed.
+ * NOTE: a cached copy of the PAC that is replaced stays, and is what reads find. ksh_store_pac of ks_helpers.h removes
+ * it. */
 KS_EXPORT KsResult ks_store_pac(const uint8_t *aid, uint32_t aid_len, const uint8_t *pac_key, uint32_t pac_key_len,
                                 const uint8_t *opaque, uint32_t opaque_len, const uint8_t *info, uint32_t info_len);
 
@@ -140,8 +151,8 @@ KS_EXPORT uint32_t ks_get_pac_expiration(const uint8_t *aid, uint32_t aid_len);
  * NOTE: before you call it: with an open cache that lacks a PAC of the keystore, the process faults. Once the cache was
  * asked in vain, the keystore's positive answer is stored through a NULL pointer; `*exists` is 0 by then. An answer is
  * safe when the cache has the PAC, when the keystore hasn't, and while the cache can't be opened.
- * Call ks_return_pac_opaque or ks_return_pac_info instead, and free what they hand out: KS_SUCCESS means that the PAC
- * is there, KS_NOT_FOUND that it isn't. ks_cache_find_pac asks the cache alone. */
+ * Call ksh_pac_exists of ks_helpers.h instead; or ks_return_pac_opaque or ks_return_pac_info, and free what they hand
+ * out: KS_SUCCESS means that the PAC is there, KS_NOT_FOUND that it isn't. ks_cache_find_pac asks the cache alone. */
 KS_EXPORT KsResult ks_pac_exists(const uint8_t *aid, uint32_t aid_len, uint32_t *exists);
 
 /* ks_pac_exists_req allocates the name, which the caller frees through `section`, and fills both outputs. It checks
@@ -179,7 +190,8 @@ KS_EXPORT KsResult ks_clear_pac_resp(uint16_t payload_size, const void *payload)
  * comes from the cache, whatever its length. Label and random are not checked here. The service takes up to 1,024 bytes
  * of each.
  *
- * KS_INVALID_ARGS: `aid` or `output` is NULL, `aid_len` is not 1 to 31, or `output_len` is 0. KS_NOT_FOUND: the
+ * KS_INVALID_ARGS: `aid` or `output` is NULL, `aid_len` is not 1 to 31, or `output_len` is 0; from the service: it is
+ * above 5,100, 255 blocks of SHA-1, which is all that a T-PRF has. KS_NOT_FOUND: the
  * keystore has no such PAC. KS_FAILURE: the exchange failed, or the result is longer than `output_len`, in which case
  * the keystore isn't asked for a shorter one and nothing is copied. KS_RPC_TOO_LARGE: the service refused the label or
  * the random. NOTE: a shorter result is a success, and the rest of `output` stays as it was; its length isn't told.
@@ -225,11 +237,11 @@ KS_EXPORT uint32_t ks_sw_pac_still_valid(const uint8_t *meta, uint16_t meta_len,
  *
  * KS_SUCCESS: the end of the table was reached. Any other result ends the walk.
  * NOTE: before you call it: by the byte order in which ks_sw_pac_still_valid compares lifetimes, most PACs that still
- * live are removed on a little-endian processor. Ask ks_return_aid_by_index for each PAC and ks_get_pac_expiration for
- * its time instead, and remove with ks_clear_pac those that have expired. A time of 0 says that none could be told.
- * After each removal begin again at position 0: the table may have closed up. NOTE: the position behind a PAC that
- * stays is not looked at, so that one call may pass over PACs; call again. NOTE: each PAC visited costs its two
- * messages and its name for the life of the process. */
+ * live are removed on a little-endian processor. Call ksh_clear_expired_pacs of ks_helpers.h instead; or ask
+ * ks_return_aid_by_index for each PAC and ks_get_pac_expiration for its time, and remove with ks_clear_pac those that
+ * have expired. A time of 0 says that none could be told. After each removal begin again at position 0: the table may
+ * have closed up. NOTE: the position behind a PAC that stays is not looked at, so that one call may pass over PACs;
+ * call again. NOTE: each PAC visited costs its two messages and its name for the life of the process. */
 KS_EXPORT KsResult ks_clear_old_pacs(const char *i_id);
 
 /* ks_clear_all_pacs removes all of the caller's PACs from the keystore, up to the first that can't be removed, whose

@@ -54,10 +54,12 @@ KS_STATIC_ASSERT(sizeof(KsIndexDescriptor) == 2);
 
 /* ks_store_secret_and_metadata stores `secret`, 1 to 256 bytes, under `name` in the caller's VDC. `linked_name` is a
  * further name for the entry and may be NULL; `metadata` is kept with the secret and may be NULL, and no limit is put
- * on its length here. What happens to an entry that has the name already is the service's to say.
+ * on its length here. What happens to an entry that has the name already is the service's to say: the keystore daemon
+ * replaces its secret and its metadata, without a word, and leaves it the further name that it has. To keep what is
+ * there, ask ks_secret_exists first.
  *
- * KS_INVALID_ARGS: also for a `secret_len` above 256. KS_NO_MEMORY: also for a `linked_name` of more than 31 bytes.
- * KS_FAILURE: the exchange failed.
+ * KS_INVALID_ARGS: also for a `secret_len` above 256; from the service: another entry has `linked_name`. KS_NO_MEMORY:
+ * also for a `linked_name` of more than 31 bytes. KS_FAILURE: the exchange failed.
  * NOTE: pass NULL for no linked name. With an empty one the library frees `secret` once the request is built: the call
  * then takes over the heap block that `secret` is. */
 KS_EXPORT KsResult ks_store_secret_and_metadata(const char *name, const char *linked_name, const uint8_t *secret,

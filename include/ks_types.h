@@ -20,8 +20,8 @@
 #if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define KS_STATIC_ASSERT(condition) _Static_assert(condition, #condition)
 #else
-/* C99 has no word for it: an array of a negative size doesn't compile, and equal declarations may repeat. */
-#define KS_STATIC_ASSERT(condition) extern const char ks_static_assertion[(condition) ? 1 : -1]
+/* C99 has no word for it. GCC and Clang take that of C11 as their own, and say nothing of it behind __extension__. */
+#define KS_STATIC_ASSERT(condition) __extension__ _Static_assert(condition, #condition)
 #endif
 #endif
 

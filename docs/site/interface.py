@@ -89,10 +89,11 @@ def about(path):
   return paragraphs
 
 
-def read_interface(folder):
-  """All headers that declare functions, by name, with their functions."""
-  headers = {path.name: read_header(path) for path in sorted(Path(folder).glob("ks_*.h"))}
-  return {name: functions for name, functions in headers.items() if functions}
+def read_interface(root):
+  """All headers of the two libraries that declare functions, by path, with their functions."""
+  headers = {path: read_header(path) for folder in ("include", "helpers/include")
+             for path in sorted((Path(root) / folder).glob("ks_*.h"))}
+  return {path: functions for path, functions in headers.items() if functions}
 
 
 def wrapped_signature(signature, width=100):

@@ -38,13 +38,19 @@ def roff(text):
     if piece.startswith("`"):
       pieces.append("\\fI" + escaped(piece[1:-1]) + "\\fP")
     else:
-      pieces.append(re.sub(r"\b(KS_[A-Z0-9_]+|ks_\w+|sksd_\w+|kserr2str)\b", r"\\fB\1\\fP", escaped(piece)))
+      pieces.append(re.sub(r"\b(KS_[A-Z0-9_]+|ksh?_\w+|sksd_\w+|kserr2str)\b", r"\\fB\1\\fP", escaped(piece)))
   joined = "".join(pieces)
   return "\\&" + joined if joined[:1] in ".'" else joined
 
 
 def paragraphs(texts):
   return "\n.PP\n".join(roff(text) for text in texts) + "\n"
+
+
+def library_of(function):
+  title, name = ("Helpers over the keystore client library", "ks-helpers") if function.name.startswith("ksh_") else \
+      ("Keystore client library", "ks")
+  return escaped(title) + " (\\fIlib{0}\\fP, \\fI\\-l{0}\\fP; flags by \\fBpkg\\-config {0}\\fP)\n".format(escaped(name))
 
 
 def described(function):
@@ -79,7 +85,7 @@ def short(function):
 def page_of(function, siblings):
   page = f'.TH {function.name} 3 "" "ks {version()}" "Keystore library"\n'
   page += f".SH NAME\n{function.name} \\- {roff(short(function))}\n"
-  page += f".SH LIBRARY\nKeystore client library (\\fIlibks\\fP, \\fI\\-lks\\fP; flags by \\fBpkg\\-config ks\\fP)\n"
+  page += ".SH LIBRARY\n" + library_of(function)
   signature = escaped(interface.wrapped_signature(function.signature))
   page += f".SH SYNOPSIS\n.nf\n.B #include <{function.header}>\n.PP\n{signature}\n.fi\n"
   page += described(function) + results(function)
@@ -99,7 +105,7 @@ def page_of(function, siblings):
 
 
 def write_functions(out):
-  for functions in interface.read_interface(ROOT / "include").values():
+  for functions in interface.read_interface(ROOT).values():
     for function in functions:
       siblings = [f.name for f in functions if f.operation == function.operation]
       (out / f"{function.name}.3").write_text(page_of(function, siblings))

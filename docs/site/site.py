@@ -23,7 +23,8 @@ ROOT = man.ROOT
 # The pages, by heading, in the order in which they are offered. A page of docs/ that stands nowhere is an error.
 PAGES = {
     "Start": ["index.md", "tutorial.md"],
-    "Programs": ["conventions.md", "codes.md", "differences.md", "mistakes.md", "python.md", "examples.md"],
+    "Programs": ["conventions.md", "helpers.md", "ks.hpp.md", "codes.md", "differences.md", "mistakes.md", "python.md",
+                 "examples.md"],
     "Functions": [],  # of the headers
     "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
                   "supplicant.md", "freeradius.md", "ppp.md"],
@@ -46,6 +47,7 @@ ELSEWHERE = {
     "contrib/freeradius/README.md": "freeradius.md",
     "contrib/ppp/README.md": "ppp.md",
     "examples": "examples.md",
+    "include/ks.hpp": "ks.hpp.md",
     "service/ksd.toml": "ksd.toml.md",
 }
 LANGUAGES = {name: name for name in ("c", "cpp", "python", "sh", "sql", "toml")}
@@ -55,8 +57,8 @@ def page_for(target):
   """The page that a link to a file of the repository leads to; None where it stays as it is."""
   if target.startswith("docs/"):
     return target[len("docs/"):]
-  if target.startswith("include/"):
-    return f"api/{Path(target).stem}.md" if target.endswith(".h") else None
+  if target.startswith(("include/", "helpers/include/")) and target.endswith(".h"):
+    return f"api/{Path(target).stem}.md"
   return ELSEWHERE.get(target.rstrip("/"))
 
 
@@ -89,11 +91,11 @@ def code_page(title, intro, path, language):
 
 
 def markdown(text):
-  return re.sub(r"\b((?:ks|sksd)_\w+|kserr2str)\b(?![^`]*`(?:[^`]*`[^`]*`)*[^`]*$)", r"`\1`", text)
+  return re.sub(r"\b((?:ksh?|sksd)_\w+|kserr2str)\b(?![^`]*`(?:[^`]*`[^`]*`)*[^`]*$)", r"`\1`", text)
 
 
-def api_page(name, functions):
-  lines = [f"# {name}", ""] + [paragraph + "\n" for paragraph in interface.about(ROOT / "include" / name)]
+def api_page(path, functions):
+  lines = [f"# {path.name}", ""] + [paragraph + "\n" for paragraph in interface.about(path)]
   for function in functions:
     lines += [f"## {function.name}", "", "```c", interface.wrapped_signature(function.signature, 78), "```", ""]
     lines += [markdown(paragraph) + "\n" for paragraph in function.text]
@@ -135,6 +137,8 @@ def stage(folder, pages):
       (docs / page).write_text(code_page(source.capitalize(), "", path, "text"))
   (docs / "ksd.toml.md").write_text(
       code_page("ksd.toml", "The configuration as it ships, with every default.", ROOT / "service/ksd.toml", "toml"))
+  (docs / "ks.hpp.md").write_text(
+      code_page("ks.hpp", "The header for C++ programs, as it ships.", ROOT / "include/ks.hpp", "cpp"))
   examples = ["# Examples\n\nEach is one file and one program.\n"]
   for path in sorted((ROOT / "examples").glob("*.c*")):
     if path.suffix in (".c", ".cc"):
@@ -142,9 +146,9 @@ def stage(folder, pages):
   (docs / "examples.md").write_text("\n".join(examples))
 
   navigation = {heading: [page for page in names if (docs / page).is_file()] for heading, names in PAGES.items()}
-  for name, functions in interface.read_interface(ROOT / "include").items():
-    page = f"api/{Path(name).stem}.md"
-    (docs / page).write_text(api_page(name, functions))
+  for path, functions in interface.read_interface(ROOT).items():
+    page = f"api/{path.stem}.md"
+    (docs / page).write_text(api_page(path, functions))
     navigation["Functions"].append(page)
   for source in sorted(path.name for path in pages.glob("*.[1578]")):
     page = f"man/{source}.md"

@@ -11,7 +11,7 @@
 namespace ks {
 
 // Most data that DES, digests and HMACs take in one request, in bytes; AES takes all that 16 bits can count.
-inline constexpr uint16_t kMaxData = 1024;
+inline constexpr uint16_t kMaxData = KS_DATA_MAX;
 
 // place_secret begins a request with the name of a secret, copied by the low 8 bits of its length as W counts it.
 template <typename Descriptor>

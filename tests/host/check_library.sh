@@ -3,14 +3,14 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # Usage: check_library.sh LIBRARY HEADER[:HEADER...] NEEDED...
-# A host library loads into every client: it exports what its headers declare and nothing else, and needs no libraries
-# but those named.
+# A library that loads into every client exports what its headers declare and nothing else, and needs no libraries but
+# those named.
 set -euo pipefail
 library=$1 header=$2
 IFS=: read -ra headers <<<"$header"
 shift 2
 
-declared=$(grep -ohP '^KS_EXTERN_C [^(\[]*?\b\K\w+(?=[(\[])' "${headers[@]}" | sort)
+declared=$(grep -ohP '^KS_(EXTERN_C|EXPORT) [^(\[]*?\b\K\w+(?=[(\[])' "${headers[@]}" | sort)
 exported=$(nm -D --defined-only "$library" | awk '$2 != "A" {sub("@.*", "", $3); print $3}' | sort)
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
 expected=$(printf '%s\n' "$@" | sort)

@@ -4,8 +4,8 @@
 
 # Usage: install_check.sh SOURCE BUILD SESSION [COMPILER OPTION...]
 # Installs BUILD into a scratch folder and uses it from there as a stranger would: the first program with both compilers,
-# as C99 and C++20, with the library shared and inside, by pkg-config and by CMake. SESSION is ks-session, or empty for
-# the one that was installed.
+# as C99 and C++20, with the library shared and inside, by pkg-config and by CMake; and the programs of the helpers in the
+# same ways. SESSION is ks-session, or empty for the one that was installed.
 set -euo pipefail
 source=$1 build=$2 session=$3
 shift 3
@@ -34,7 +34,10 @@ for variable in includedir libdir examplesdir; do
   [ -d "$folder" ] || fail "ks.pc: $variable is $folder, which isn't there"
 done
 read -r major minor patch < <(sed -nE 's/^#define KS_VERSION_(MAJOR|MINOR|PATCH) //p' "$source/include/ks_version.h" | xargs)
-[ "$(pkg-config --modversion ks)" = "$major.$minor.$patch" ] || fail "ks.pc has another version than ks_version.h"
+for package in ks ks-helpers; do
+  [ "$(pkg-config --modversion $package)" = "$major.$minor.$patch" ] ||
+    fail "$package.pc has another version than ks_version.h"
+done
 
 program=$(pkg-config --variable=examplesdir ks)/first_program.c
 # shellcheck disable=SC2034 # both lists are used by name
@@ -63,7 +66,7 @@ done
 
 cmake -S "$(dirname "$program")" -B "$scratch/examples" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$*" \
   -DCMAKE_CXX_FLAGS="$*" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
-cmake --build "$scratch/examples" --target first_program device >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+cmake --build "$scratch/examples" --target first_program device pac_expiry_in_c >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 names+=("$scratch/examples/first_program")
 
 package=$prefix/lib/python3/dist-packages
@@ -80,3 +83,19 @@ fi
   fail "a program failed: $(cat "$scratch/out")"
 [ "$(grep -cE '^[0-9a-f]{32}$' "$scratch/out")" = ${#names[@]} ] || fail "wrong output: $(cat "$scratch/out")"
 [ "$(sort -u "$scratch/out" | wc -l)" = ${#names[@]} ] || fail "two programs were given the same random bytes"
+
+# The helpers: a C++ program needs no library beside libks for them, a C program has one of its own.
+examples=$(dirname "$program")
+# shellcheck disable=SC2046 # these are lists
+{
+  g++ "$@" -std=c++17 "$examples/pac_expiry.cc" $(pkg-config --cflags --libs ks) -o "$scratch/helpers-c++"
+  gcc "$@" -std=c99 "$examples/pac_expiry_in_c.c" $(pkg-config --cflags --libs ks-helpers) -o "$scratch/helpers-c"
+  gcc "$@" -std=c99 "$examples/pac_expiry_in_c.c" $(pkg-config --cflags ks-helpers) -L"$libraries" -l:libks-helpers.a \
+    -l:libks.a $(pkg-config --libs ks-platform) -o "$scratch/helpers-inside"
+}
+! readelf -d "$scratch/helpers-c++" | grep -q libks-helpers || fail "a C++ program needs libks-helpers"
+readelf -d "$scratch/helpers-c" | grep -q libks-helpers.so.1 || fail "a C program doesn't need libks-helpers"
+! readelf -d "$scratch/helpers-inside" | grep NEEDED | grep -q libks || fail "a program with all inside needs a library"
+for name in "$scratch"/helpers-* "$scratch/examples/pac_expiry_in_c"; do
+  "$session" -- "$name" | grep -qx 'a PAC for alice, good for 2160 hours' || fail "$name failed"
+done

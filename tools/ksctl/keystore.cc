@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <ks.hpp>
 
 #include "library.h"
 
@@ -21,17 +22,9 @@ std::string called(const Bytes &a_id) {
   return "PAC " + hex(a_id);
 }
 
-KsWireName cache_name(const Bytes &a_id) {
-  KsWireName name = {};
-  name.tag = KS_NAME_TAG_PAC;
-  name.vdc_id[0] = static_cast<uint8_t>(vdc_id >> 8);
-  name.vdc_id[1] = static_cast<uint8_t>(vdc_id);
-  std::copy(a_id.begin(), a_id.end(), name.name);
-  return name;
-}
-
-uint32_t cache_name_size(const Bytes &a_id) {
-  return static_cast<uint32_t>(a_id.size() + KS_NAME_HEADER_SIZE);
+// cache_name is what the cache knows a PAC by.
+ks::WireName cache_name(const Bytes &a_id) {
+  return *ks::WireName::of_pac(a_id);
 }
 
 // The library's own reads of a PAC ask the cache first, so this one runs the exchange itself, with the companions that
@@ -78,10 +71,10 @@ std::optional<Bytes> metadata_in_keystore(const Bytes &a_id) {
 
 Pac::Cached compare_with_cache(const Bytes &a_id, const Bytes &metadata) {
   if (is_cache_present() == 0) return Pac::Cached::kNo;
-  const KsWireName name = cache_name(a_id);
+  const ks::WireName name = cache_name(a_id);
   Block<uint8_t> copy;
   uint16_t size = 0;
-  const KsResult result = ks_cache_read_pac(&name, cache_name_size(a_id), &copy.content, &size);
+  const KsResult result = ks_cache_read_pac(name.data(), name.size(), &copy.content, &size);
   if (result == KS_NOT_FOUND) return Pac::Cached::kNo;
   const bool same =
       result == KS_SUCCESS && std::equal(metadata.begin(), metadata.end(), copy.content, copy.content + size);
@@ -173,10 +166,10 @@ void store_pac(const Bytes &a_id, std::span<const uint8_t> key, const PacParts &
 }
 
 bool cache_pac(const Pac &pac) {
-  const KsWireName name = cache_name(pac.a_id);
+  const ks::WireName name = cache_name(pac.a_id);
   const auto write = [&](const Bytes &metadata) {
     const KsResult result =
-        ks_cache_pac_write(&name, cache_name_size(pac.a_id), metadata.data(), static_cast<uint16_t>(metadata.size()));
+        ks_cache_pac_write(name.data(), name.size(), metadata.data(), static_cast<uint16_t>(metadata.size()));
     if (result == KS_FAILURE) {
       throw Failure(Exit::kFailed,
                     fmt::format("{}: the cache takes no entry; `ksctl cache list` says how it is", called(pac.a_id)));
@@ -192,11 +185,7 @@ bool cache_pac(const Pac &pac) {
 }
 
 void forget_cached(const Bytes &a_id) {
-  const KsWireName name = cache_name(a_id);
-  if (is_cache_present() == 0 || ks_cache_read_pac(&name, cache_name_size(a_id), nullptr, nullptr) == KS_NOT_FOUND) {
-    return;
-  }
-  if (ks_cache_pac_clear(&name, cache_name_size(a_id)) != KS_SUCCESS) {
+  if (!ks::cache_clear(a_id)) {
     throw Failure(Exit::kFailed, fmt::format("{}: its cached copy can't be removed; `ksctl cache list` says how the "
                                              "cache is",
                                              called(a_id)));

@@ -5,6 +5,8 @@
 #ifndef TOOLS_KSCTL_PAC_METADATA_H
 #define TOOLS_KSCTL_PAC_METADATA_H
 
+#include <ks_pac.h>
+
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -16,9 +18,9 @@ namespace ksctl {
 using Bytes = std::vector<uint8_t>;
 
 // The types of a PAC. A user authorization PAC has no key.
-inline constexpr uint16_t kTunnelPac = 1;
-inline constexpr uint16_t kMachinePac = 2;
-inline constexpr uint16_t kUserAuthorizationPac = 3;
+inline constexpr uint16_t kTunnelPac = EAP_FAST_PAC_TYPE_TUNNEL;
+inline constexpr uint16_t kMachinePac = EAP_FAST_PAC_TYPE_MACHINE;
+inline constexpr uint16_t kUserAuthorizationPac = EAP_FAST_PAC_TYPE_USER_AUTHORIZATION;
 
 // PacInfo holds the attributes of a PAC-Info, each as it comes first. One that isn't there, or of a wrong size, is
 // none.

@@ -24,7 +24,7 @@ fault() {
   status=1
 }
 
-exported=$(sed -nE 's/^ +((ks|sksd|is)_?\w+);.*/\1/p' src/libks.map | sort)
+exported=$(sed -nE 's/^ +((ks|sksd|is)_?\w+);.*/\1/p' src/libks.map helpers/libks-helpers.map | sort)
 functions=$(comm -23 <(echo "$exported") <(printf '%s\n' ks_mts_q ks_cache_present ks_cache_uri | sort))
 for function in $functions; do
   [ -f "$out/$function.3" ] || fault "$function is exported and has no page"

@@ -154,11 +154,12 @@ class Sdb {
   std::optional<uint32_t> read_error;   // no value, this error word
   std::optional<uint32_t> value_error;  // the value, but with this error word
   std::optional<uint32_t> write_code, delete_code, done_code, iterator_code;
-  bool null_value = false;             // a read that finds the key and gives no value
-  std::optional<uint32_t> value_size;  // what a read says of the value's size, unless it is so
-  uint32_t missing_delete_code = 0;    // what deleting an absent key says
-  int text_calls = 0;                  // of syserr2str
-  std::deque<std::string> texts;       // keeps what syserr2str handed out
+  bool null_value = false;              // a read that finds the key and gives no value
+  std::optional<uint32_t> value_size;   // what a read says of the value's size, unless it is so
+  uint32_t missing_delete_code = 0;     // what deleting an absent key says
+  std::function<void()> before_delete;  // what another process does before a deletion
+  int text_calls = 0;                   // of syserr2str
+  std::deque<std::string> texts;        // keeps what syserr2str handed out
 
   std::function<void()> staged;
   std::unique_ptr<Guarded> value, key;  // the last ones handed out

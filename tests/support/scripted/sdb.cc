@@ -58,6 +58,7 @@ uint32_t sdb_delete(const char *uri, const KsSdbDatum *key) {
   Sdb &sdb = platform().sdb;
   note("sdb_delete");
   EXPECT_EQ(uri, ks_cache_uri);
+  if (sdb.before_delete) sdb.before_delete();
   if (sdb.delete_code) return *sdb.delete_code;
   const Bytes wanted = copy_of(key);
   if (!sdb.entries.contains(wanted) && sdb.missing_delete_code != 0) return sdb.missing_delete_code;
