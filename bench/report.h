@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The ks developers
 // SPDX-License-Identifier: Apache-2.0
 
-// report.h: what a benchmark has measured, for bench/report.py, which makes charts of it: a line of JSON for each figure
-// in the file that KS_BENCH_REPORT names. Without that file nothing is written.
+// report.h: what a benchmark has measured, for bench/report.py, which makes charts of it: a line of JSON for each
+// figure in the file that KS_BENCH_REPORT names. Without that file nothing is written.
 #ifndef BENCH_REPORT_H
 #define BENCH_REPORT_H
 
