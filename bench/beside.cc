@@ -12,6 +12,8 @@
 #include <map>
 #include <thread>
 
+#include "report.h"
+
 namespace bench {
 
 namespace {
@@ -30,24 +32,6 @@ class MedianReporter : public benchmark::ConsoleReporter {
 
   std::map<std::string, double> medians;  // in nanoseconds
 };
-
-// Adds a row to the file that KS_BENCH_REPORT names, of which bench/report.py makes charts. Names of benchmarks have no
-// character that JSON would need told otherwise.
-void report(const char *program, const Comparison &comparison, double ns, const std::string &floor, double floor_ns) {
-  const char *path = std::getenv("KS_BENCH_REPORT");
-  if (path == nullptr || path[0] == '\0') return;
-  std::FILE *file = std::fopen(path, "a");
-  if (file == nullptr) {
-    std::perror(path);
-    std::exit(1);
-  }
-  std::fprintf(file,
-               R"({"program": "%s", "row": "%s", "ns": %.1f, "floor": "%s", "floor_ns": %.1f, "aim": %.2f})"
-               "\n",
-               std::filesystem::path(program).filename().c_str(), comparison.name.c_str(), ns, floor.c_str(), floor_ns,
-               comparison.aim);
-  std::fclose(file);
-}
 
 // A flag of ours unless the caller gave it another value.
 void add_default(std::vector<std::string> &arguments, const std::string &flag, const std::string &value) {
@@ -101,11 +85,20 @@ int run_beside(int argc, char **argv, const std::vector<Comparison> &comparisons
       names += (names.empty() ? "" : " + ") + part;
     }
     if (!complete) continue;
-    const double ratio = reporter.medians[comparison.name] / floor;
-    std::printf("  %-34s %5.*f times %s", comparison.name.c_str(), ratio < 1 ? 3 : 2, ratio, names.c_str());
-    if (comparison.aim > 0) std::printf(", to stay under %.2f", comparison.aim);
+    const double ns = reporter.medians[comparison.name];
+    std::printf("  %-34s", comparison.name.c_str());
+    if (!names.empty()) {
+      const double ratio = ns / floor;
+      std::printf(" %5.*f times %s", ratio < 1 ? 3 : 2, ratio, names.c_str());
+      if (comparison.aim > 0) std::printf(", to stay under %.2f", comparison.aim);
+      report_ratio(comparison.name, ns, names, floor, comparison.aim);
+    }
+    if (names.empty() || comparison.aim_ns > 0) {
+      std::printf(" %.4g ms", ns / 1e6);
+      if (comparison.aim_ns > 0) std::printf(", to stay under %.4g ms", comparison.aim_ns / 1e6);
+      report_plain(comparison.name, ns / 1e6, "ms", comparison.aim_ns / 1e6);
+    }
     std::printf("\n");
-    report(argv[0], comparison, reporter.medians[comparison.name], names, floor);
   }
   return 0;
 }

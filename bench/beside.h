@@ -14,11 +14,13 @@
 
 namespace bench {
 
-// Comparison sets a benchmark beside the sum of others. `aim` is what the ratio is to stay under; 0 for none.
+// Comparison sets a benchmark beside the sum of others. `aim` is what the ratio is to stay under, and `aim_ns` the
+// time; 0 for none.
 struct Comparison {
   std::string name;
   std::vector<std::string> floor;
   double aim = 0;
+  double aim_ns = 0;
 };
 
 // run_beside does it all; main returns its result. --benchmark_filter and the other flags work as usual.

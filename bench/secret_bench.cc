@@ -3,7 +3,6 @@
 
 // The secret store through libks and ksd. Look-ups and walks stand beside bare ping-pongs of the same sizes; a store,
 // which is answered when it is on disk, beside a ping-pong and a page written over and synced. All gates are shut.
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +22,7 @@
 #include "ks_api.h"
 #include "ping_pong.h"
 #include "service/service_process.h"
+#include "synced_pages.h"
 
 namespace {
 
@@ -85,22 +85,10 @@ void PingPongOfAStore(benchmark::State &state) {
   bench::PingPong connection(*bare, kStoreRequest, kStoreReply);
   for (auto _ : state) connection.exchange();
 }
-// Over a file that has its size already, as the vault's log has.
 void WriteAndSync(benchmark::State &state) {
-  constexpr size_t kPage = 4096, kPages = 256;
-  const std::string path = service->folder() + "/pages";
-  const int file = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-  const std::vector<char> pages(kPage * kPages, 'p');
-  require(write(file, pages.data(), pages.size()) == static_cast<ssize_t>(pages.size()), "write");
-  require(fsync(file) == 0, "fsync");
+  const bench::SyncedPages pages(service->folder());
   size_t count = 0;
-  for (auto _ : state) {
-    const auto offset = static_cast<off_t>(kPage * (count++ % kPages));
-    require(pwrite(file, pages.data(), kPage, offset) == static_cast<ssize_t>(kPage), "pwrite");
-    require(fdatasync(file) == 0, "fdatasync");
-  }
-  close(file);
-  unlink(path.c_str());
+  for (auto _ : state) pages.write(count++);
 }
 void StoreNew(benchmark::State &state) {
   unsigned count = 0;

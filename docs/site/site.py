@@ -125,7 +125,7 @@ def stage(folder, pages):
   for path in sorted((ROOT / "docs").rglob("*")):
     if path.suffix == ".md":
       (docs / path.name).write_text(staged(path.read_text(), "docs"))
-    elif path.suffix in (".svg", ".png"):
+    elif path.suffix in (".svg", ".png", ".html"):
       target = docs / path.relative_to(ROOT / "docs")
       target.parent.mkdir(parents=True, exist_ok=True)
       shutil.copy(path, target)

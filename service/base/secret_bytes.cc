@@ -146,7 +146,11 @@ SecretBytes::~SecretBytes() {
 }
 
 std::shared_ptr<SecretBytes> SecretBytes::allocate(size_t size) {
-  return std::shared_ptr<SecretBytes>(new SecretBytes(size));
+  // One block for the object and its count of holders: there may be 65,535.
+  struct Shared : SecretBytes {
+    explicit Shared(size_t bytes) : SecretBytes(bytes) {}
+  };
+  return std::make_shared<Shared>(size);
 }
 
 std::shared_ptr<const SecretBytes> SecretBytes::copy_of(std::span<const uint8_t> bytes) {

@@ -34,9 +34,10 @@ class SecretBytes {
   std::span<uint8_t> writable() { return {data_, size_}; }
   size_t size() const { return size_; }
 
- private:
+ protected:
   explicit SecretBytes(size_t size);
 
+ private:
   GuardedChunk *chunk_;
   uint8_t *data_;
   size_t size_;

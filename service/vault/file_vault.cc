@@ -19,8 +19,8 @@ KsResult decide_put(Group &group, const EntryRow &asked) {
   after.owner = asked.owner;
   after.secret = asked.secret;
   after.metadata = asked.metadata;
-  if (asked.alias) after.alias = asked.alias;
-  if (after.alias == after.name) after.alias = before == nullptr ? std::nullopt : before->alias;
+  after.alias = before == nullptr ? nullptr : before->alias;
+  if (asked.alias && *asked.alias != after.name) after.alias = asked.alias;
   return group.store(before, std::move(after));
 }
 
@@ -36,7 +36,7 @@ KsResult decide_rename(Group &group, const EntryName &from, const EntryName &to)
   const bool called_by_alias = before->name != from;
   if (holder == before) after.alias.reset();
   if (called_by_alias && holder == nullptr) {
-    after.alias = to;
+    after.alias = std::make_shared<const EntryName>(to);
   } else {
     after.name = to;
   }
@@ -82,14 +82,14 @@ KsResult FileVault::put(const EntryName &name, const std::optional<EntryName> &a
   EntryRow asked;
   asked.owner = owner;
   asked.name = name;
-  asked.alias = alias;
+  if (alias) asked.alias = std::make_shared<const EntryName>(*alias);
   asked.secret = SecretBytes::copy_of(secret);
-  asked.metadata = std::make_shared<const std::vector<uint8_t>>(metadata.begin(), metadata.end());
+  asked.metadata = metadata_of(metadata);
   return commits_.commit([&asked](Group &group) { return decide_put(group, asked); });
 }
 
 KsResult FileVault::set_metadata(const EntryName &name, Bytes metadata) {
-  const auto block = std::make_shared<const std::vector<uint8_t>>(metadata.begin(), metadata.end());
+  const auto block = metadata_of(metadata);
   return commits_.commit([&](Group &group) {
     const RowPtr before = group.find(name);
     if (before == nullptr) return KS_NOT_FOUND;

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace ksd::vault {
@@ -77,13 +78,11 @@ void for_each_row(Database &database, const Keys &keys, const Header &header,
 State load(Database &database, const Keys &keys, const Header &header) {
   State state;
   state.header = header;
-  RowChanges rows;
+  state.table.reserve(std::min<uint64_t>(header.entry_count, UINT16_MAX));
   for_each_row(database, keys, header, [&](const RowPtr &row) {
     state.ledger.replace(nullptr, row.get());
-    rows.emplace_hint(rows.end(), row->id, RowChange{nullptr, row});
+    state.table.add(row);
   });
-  state.table.reserve(rows.size());
-  state.table.apply(rows, state.table.prepare(rows));
   return state;
 }
 

@@ -17,6 +17,11 @@ constexpr uint8_t kInUse = 1;
 
 }  // namespace
 
+std::shared_ptr<const std::vector<uint8_t>> metadata_of(Bytes bytes) {
+  static const auto none = std::make_shared<const std::vector<uint8_t>>();
+  return bytes.empty() ? none : std::make_shared<const std::vector<uint8_t>>(bytes.begin(), bytes.end());
+}
+
 size_t encoded_size(const EntryRow &row) {
   const size_t alias = row.alias ? KS_NAME_HEADER_SIZE + row.alias->name.size() : 0;
   return kEntryHead + KS_NAME_HEADER_SIZE + row.name.name.size() + alias + row.bytes();
@@ -62,9 +67,9 @@ RowPtr decode_entry(uint64_t id, Bytes plain) {
   row->generation = row->version;
   row->owner = get_little_endian<uint32_t>(head + 8);
   row->name = *name;
-  row->alias = alias;
+  if (alias) row->alias = std::make_shared<const EntryName>(*alias);
   row->secret = SecretBytes::copy_of(plain.subspan(kEntryHead + name_size + alias_size, secret_size));
-  row->metadata = std::make_shared<const std::vector<uint8_t>>(metadata.begin(), metadata.end());
+  row->metadata = metadata_of(metadata);
   return row;
 }
 

@@ -25,7 +25,7 @@ struct EntryRow {
   uint64_t generation = 0;  // of the secret: the version that brought it, or the one found at start
   uid_t owner = 0;
   EntryName name;
-  std::optional<EntryName> alias;
+  std::shared_ptr<const EntryName> alias;  // null for most
   std::shared_ptr<const SecretBytes> secret;
   std::shared_ptr<const std::vector<uint8_t>> metadata;
 
@@ -33,6 +33,9 @@ struct EntryRow {
 };
 
 using RowPtr = std::shared_ptr<const EntryRow>;
+
+// metadata_of gives what a row keeps; all without metadata share one.
+std::shared_ptr<const std::vector<uint8_t>> metadata_of(Bytes bytes);
 
 // encoded_size is the length of a row's plain text.
 size_t encoded_size(const EntryRow &row);

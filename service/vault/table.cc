@@ -22,9 +22,9 @@ bool has_smaller_id(const EntryRow *row, uint64_t id) {
 }
 
 template <typename Action>
-void for_each_name(const EntryRow &row, Action action) {
-  action(row.name);
-  if (row.alias) action(*row.alias);
+void for_each_name(const RowPtr &row, Action action) {
+  action(NamedRow{row, false});
+  if (row->alias) action(NamedRow{row, true});
 }
 
 }  // namespace
@@ -48,8 +48,8 @@ size_t Table::behind(uint64_t id) const {
 std::vector<RowPtr> Table::rows() const {
   std::vector<RowPtr> rows;
   rows.reserve(rows_.size());
-  for (const auto &[name, row] : names_) {
-    if (name == row->name) rows.push_back(row);  // not once more by its alias
+  for (const NamedRow &named : names_) {
+    if (!named.by_alias) rows.push_back(named.row);
   }
   return rows;
 }
@@ -59,16 +59,20 @@ void Table::reserve(size_t entries) {
   names_.reserve(entries);
 }
 
+void Table::add(const RowPtr &row) {
+  rows_.push_back(row.get());
+  for_each_name(row, [&](NamedRow named) { names_.insert(std::move(named)); });
+}
+
 Table::Prepared Table::prepare(const RowChanges &changes) {
   Prepared prepared;
   Names one;  // at a time: a map of its own for each would cost a table each
   size_t rows = rows_.size();
   for (const auto &[id, change] : changes) {
-    const RowPtr &after = change.after;  // by a name that a function within may use
-    if (!after) continue;
+    if (!change.after) continue;
     rows += change.before ? 0 : 1;
-    for_each_name(*after, [&](const EntryName &name) {
-      one.emplace(name, after);
+    for_each_name(change.after, [&](NamedRow named) {
+      one.insert(std::move(named));
       prepared.push_back(one.extract(one.begin()));
     });
   }
@@ -84,7 +88,8 @@ void Table::apply(const RowChanges &changes, Prepared prepared) noexcept {
   close_gaps(changes);
   // All old names go first: within a group one row may take a name that another has given up.
   for (const auto &[id, change] : changes) {
-    if (change.before) for_each_name(*change.before, [&](const EntryName &name) { names_.erase(name); });
+    if (!change.before) continue;
+    for_each_name(change.before, [&](const NamedRow &named) { names_.erase(named); });
   }
   for (const auto &[id, change] : changes) {
     if (!change.after) continue;
@@ -94,7 +99,7 @@ void Table::apply(const RowChanges &changes, Prepared prepared) noexcept {
       rows_.push_back(change.after.get());  // ids only grow
     }
   }
-  for (Names::node_type &name : prepared) names_.insert(std::move(name));
+  for (Names::node_type &named : prepared) names_.insert(std::move(named));
 }
 
 void Table::close_gaps(const RowChanges &changes) noexcept {
@@ -115,8 +120,8 @@ RowPtr Draft::find(const EntryName &name) const {
 }
 
 void Draft::replace(const RowPtr &before, const RowPtr &after) {
-  if (before) for_each_name(*before, [&](const EntryName &name) { names_[name] = nullptr; });
-  if (after) for_each_name(*after, [&](const EntryName &name) { names_[name] = after; });
+  if (before) for_each_name(before, [&](const NamedRow &named) { names_[named.name()] = nullptr; });
+  if (after) for_each_name(after, [&](const NamedRow &named) { names_[named.name()] = after; });
   added_ += !before;
   removed_ += !after;
   const auto [change, is_first] = changes_.try_emplace((before ? before : after)->id, RowChange{before, after});

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "vault/record.h"
@@ -21,6 +22,25 @@ namespace ksd::vault {
 // meet in one bucket.
 struct NameHash {
   size_t operator()(const EntryName &name) const;
+};
+
+// NamedRow is a row under one of its two names, which it doesn't keep once more.
+struct NamedRow {
+  RowPtr row;
+  bool by_alias;
+
+  const EntryName &name() const { return by_alias ? *row->alias : row->name; }
+};
+struct NamedRowHash : NameHash {
+  using is_transparent = void;
+  using NameHash::operator();
+  size_t operator()(const NamedRow &named) const { return (*this)(named.name()); }
+};
+struct SameName {
+  using is_transparent = void;
+  bool operator()(const NamedRow &a, const NamedRow &b) const { return a.name() == b.name(); }
+  bool operator()(const NamedRow &a, const EntryName &b) const { return a.name() == b; }
+  bool operator()(const EntryName &a, const NamedRow &b) const { return a == b.name(); }
 };
 
 // RowChange is what becomes of one row: null `before` for a new one, null `after` for one that goes.
@@ -36,7 +56,7 @@ class Table {
   // find gives the row of that name or alias, or null.
   RowPtr find(const EntryName &name) const {
     const auto found = names_.find(name);
-    return found == names_.end() ? nullptr : found->second;
+    return found == names_.end() ? nullptr : found->row;
   }
   const EntryRow *at(size_t position) const { return position < rows_.size() ? rows_[position] : nullptr; }
   size_t size() const { return rows_.size(); }
@@ -48,8 +68,11 @@ class Table {
   std::vector<RowPtr> rows() const;
   void reserve(size_t entries);
 
+  // add takes up a row whose id is larger than all before.
+  void add(const RowPtr &row);
+
   // Prepared is the memory that the changes of a group need.
-  using Names = std::unordered_map<EntryName, RowPtr, NameHash>;
+  using Names = std::unordered_set<NamedRow, NamedRowHash, SameName>;
   using Prepared = std::vector<Names::node_type>;
 
   // prepare gets that memory, while nothing has happened yet. Throws std::bad_alloc.

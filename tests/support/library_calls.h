@@ -40,6 +40,7 @@ extern "C" {
 int library_fstat(int file, void *status) noexcept KS_NAME_OF_64_BITS("fstat64", "__fstat64_time64");
 int library_fcntl(int file, int command, ...) KS_NAME_OF_64_BITS("fcntl64", "__fcntl_time64");
 int library_clock_gettime(int clock, Time64 *out) noexcept KS_NAME_OF_64_BITS("clock_gettime", "__clock_gettime64");
+int library_nanosleep(const Time64 *time, Time64 *left) KS_NAME_OF_64_BITS("nanosleep", "__nanosleep64");
 int library_mutex_clocklock(void *mutex, int clock, const Time64 *until) noexcept
     KS_NAME_OF_64_BITS("pthread_mutex_clocklock", "__pthread_mutex_clocklock64");
 }

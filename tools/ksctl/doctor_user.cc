@@ -13,6 +13,7 @@
 #include "base/fd.h"
 #include "base/trust.h"
 #include "doctor.h"
+#include "host_database.h"
 #include "host_socket.h"
 
 namespace ksctl {
@@ -91,22 +92,21 @@ void look_at_history(const Patient &patient, Findings &findings) {
 enum class Head { kNone, kOf32, kOf64, kEmpty };
 
 Head head_of(int file) {
-  constexpr uint32_t kMagic = 0xbeefc0de;
-  constexpr size_t kPageHead32 = 12;
-  constexpr size_t kPageHead64 = 16;
   uint32_t words[6] = {};
   const ssize_t size = pread(file, words, sizeof words, 0);
   if (size == 0) return Head::kEmpty;
   if (size < static_cast<ssize_t>(sizeof words)) return Head::kNone;
-  if (words[kPageHead64 / 4] == kMagic) return Head::kOf64;
-  return words[kPageHead32 / 4] == kMagic ? Head::kOf32 : Head::kNone;
+  if (words[host::kDatabase64.page_head_size / 4] == host::kLmdbMagic) return Head::kOf64;
+  return words[host::kDatabase32.page_head_size / 4] == host::kLmdbMagic ? Head::kOf32 : Head::kNone;
 }
 
-constexpr char kName[] = "sksd_ks_cache_data";
-
-void look_at_database(const std::string &folder, int width, off_t whole, Findings &findings) {
-  const std::string path = fmt::format("{}/{}-{}.mdb", folder, kName, width);
+// What another run of the machine has left is thrown away by the next program that opens it, whatever its state.
+void look_at_database(const std::string &folder, const host::DatabaseFormat &format, const host::DatabaseMark &this_run,
+                      Findings &findings) {
+  const std::string path = fmt::format("{}/{}{}", folder, host::kCacheName, format.ending);
   const std::string repair = fmt::format("end the programs that use it, and: rm {}", path);
+  const ksd::UniqueFd gate(open((path + host::kGateEnding).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (gate ? !host::has_mark(gate.get(), this_run) : errno == ENOENT) return;
   const ksd::UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file && errno == ENOENT) return;
   struct stat status {};
@@ -115,7 +115,8 @@ void look_at_database(const std::string &folder, int width, off_t whole, Finding
   }
   const Head head = head_of(file.get());
   if (head == Head::kEmpty) return;
-  if (head == (width == 64 ? Head::kOf32 : Head::kOf64)) {
+  const auto whole = static_cast<off_t>(format.map_size);
+  if (head == (format.width == 64 ? Head::kOf32 : Head::kOf64)) {
     findings.fault(fmt::format("{} was written by programs of the other width", path), repair);
   } else if (head == Head::kNone) {
     findings.fault(fmt::format("{} is damaged: it has no head", path), repair);
@@ -155,8 +156,15 @@ void look_at_cache(const Patient &patient, Findings &findings) {
                                       folder, status->st_uid, mode, geteuid()),
                           fmt::format("chown {} {} && chmod 0700 {}", geteuid(), folder, folder));
   }
-  look_at_database(folder, 64, off_t{128} << 20, findings);
-  look_at_database(folder, 32, off_t{48} << 20, findings);
+  host::DatabaseMark this_run{};
+  if (!host::mark_of_this_run(&this_run)) {
+    return findings.fault(
+        fmt::format("the kernel doesn't tell which run of the machine this is, so PACs aren't shared: {}",
+                    std::strerror(errno)),
+        "let the programs see /proc/sys/kernel/random/boot_id");
+  }
+  look_at_database(folder, host::kDatabase64, this_run, findings);
+  look_at_database(folder, host::kDatabase32, this_run, findings);
 }
 
 }  // namespace

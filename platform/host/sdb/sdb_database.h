@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host_database.h"
 #include "sdb_gate.h"
 #include "sdb_thread.h"
 
@@ -21,7 +22,7 @@ namespace sdb {
 // through the map meets the end of the file, and a file that is shorter has been damaged. Writes are refused when the
 // entries fill the limit. What lies above it serves deletes, which LMDB does by copying pages, and the pages that
 // readers hold up. A process of 32 bits has less room to reserve, and a child of fork keeps its parent's map besides.
-constexpr size_t kMapSize = size_t{sizeof(void *) == 8 ? 128 : 48} << 20;
+constexpr size_t kMapSize = host::kOwnDatabase.map_size;
 constexpr size_t kFullSize = kMapSize / 4;
 constexpr unsigned kReaderSlots = 1022;
 
@@ -33,16 +34,18 @@ constexpr long kCommitDeadlineMs = 2000;
 // another number after it: what was read under an even one holds for as long as it stays. (A writer that dies leaves it
 // odd until the next commit.)
 struct GatePage {
-  uint8_t locks[64];  // bytes that are locked, never written
-  uint32_t changes;
+  host::DatabaseMark mark;
+  alignas(64) uint32_t changes;
+  alignas(64) CommitGate commit_gate;
 };
 constexpr size_t kGatePageSize = 4096;
+static_assert(sizeof(GatePage) <= kGatePageSize);
 
 // Database is one open environment. It stays for the life of the process.
 //
 // LMDB's own locks have no limit of time, so each is taken behind a gate: its lock of the reader table (when a thread
-// takes a slot, the dead are cleared or the environment is opened) behind `table_gate`, its writer lock behind
-// `commit_gate`. They are two, so that a writer that is stopped keeps nobody from reading.
+// takes a slot, the dead are cleared or the environment is opened) behind `table_gate`, its writer lock behind the
+// page's `commit_gate`. They are two, so that a writer that is stopped keeps nobody from reading.
 struct Database {
   Database *next;
   char *uri;
@@ -52,7 +55,6 @@ struct Database {
   MDB_env *environment;
   MDB_dbi entries;
   Gate table_gate;
-  Gate commit_gate;
   dev_t file_device;
   ino_t file_inode;
   const uint8_t *map;  // of the file, for reading; LMDB's own isn't told

@@ -12,7 +12,6 @@ namespace sdb {
 namespace {
 
 constexpr long kNsPerMs = 1'000'000;
-constexpr long kFirstPauseNs = 50'000;
 constexpr long kLongestPauseNs = kNsPerMs;
 
 int set_lock(int fd, short type, long byte) {
@@ -24,17 +23,16 @@ int set_lock(int fd, short type, long byte) {
   return fcntl(fd, F_SETLK, &lock);
 }
 
-// Of a gate's bytes, who holds the first is next to hold the second.
+// Of the bytes, who holds the first is next to hold the second.
 enum : long { kWaiting, kInside };
 
 GateResult lock_byte(int fd, long byte, const Deadline &deadline) {
-  timespec pause{0, kFirstPauseNs};
+  Pause pause;
   while (set_lock(fd, F_WRLCK, byte) != 0) {
     const bool closed = errno == EAGAIN || errno == EACCES || errno == EINTR;
     if (!closed) return GateResult::kFailed;
     if (deadline.passed()) return GateResult::kTimedOut;
-    nanosleep(&pause, nullptr);
-    if (pause.tv_nsec < kLongestPauseNs) pause.tv_nsec *= 2;
+    pause.sleep();
   }
   return GateResult::kEntered;
 }
@@ -59,26 +57,49 @@ bool Deadline::passed() const {
   return now.tv_sec > at.tv_sec || (now.tv_sec == at.tv_sec && now.tv_nsec >= at.tv_nsec);
 }
 
-void Gate::init(int fd, long first_byte) {
+void Pause::sleep() {
+  const timespec pause{0, ns_};
+  nanosleep(&pause, nullptr);
+  if (ns_ < kLongestPauseNs) ns_ *= 2;
+}
+
+void Gate::init(int fd) {
   pthread_mutex_init(&threads_, nullptr);
   fd_ = fd;
-  first_byte_ = first_byte;
 }
 
 GateResult Gate::enter(const Deadline &deadline) {
   if (pthread_mutex_clocklock(&threads_, CLOCK_MONOTONIC, &deadline.at) != 0) return GateResult::kTimedOut;
-  GateResult result = lock_byte(fd_, first_byte_ + kWaiting, deadline);
+  GateResult result = lock_byte(fd_, kWaiting, deadline);
   if (result == GateResult::kEntered) {
-    result = lock_byte(fd_, first_byte_ + kInside, deadline);
-    set_lock(fd_, F_UNLCK, first_byte_ + kWaiting);
+    result = lock_byte(fd_, kInside, deadline);
+    set_lock(fd_, F_UNLCK, kWaiting);
   }
   if (result != GateResult::kEntered) pthread_mutex_unlock(&threads_);
   return result;
 }
 
 void Gate::leave() {
-  set_lock(fd_, F_UNLCK, first_byte_ + kInside);
+  set_lock(fd_, F_UNLCK, kInside);
   pthread_mutex_unlock(&threads_);
+}
+
+int CommitGate::make() {
+  pthread_mutexattr_t attributes;
+  int error = pthread_mutexattr_init(&attributes);
+  if (error == 0) error = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  if (error == 0) error = pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  if (error == 0) error = pthread_mutex_init(&next_, &attributes);
+  if (error == 0) error = pthread_mutex_init(&inside_, &attributes);
+  return error;
+}
+
+GateResult CommitGate::try_lock(pthread_mutex_t *mutex) {
+  int error = pthread_mutex_trylock(mutex);
+  if (error == EOWNERDEAD) error = pthread_mutex_consistent(mutex);
+  if (error == 0) return GateResult::kEntered;
+  errno = error;
+  return error == EBUSY ? GateResult::kTimedOut : GateResult::kFailed;
 }
 
 }  // namespace sdb

@@ -18,23 +18,76 @@ struct Deadline {
   bool passed() const;
 };
 
-enum class GateResult { kEntered, kTimedOut, kFailed };
+enum class GateResult {
+  kEntered,
+  kTimedOut,
+  kFailed,  // errno tells why
+  kGone,    // the gate's memory isn't there any more
+};
+
+// Pause is what lies between two attempts at a lock, longer each time.
+class Pause {
+ public:
+  void sleep();
+
+ private:
+  long ns_ = 50'000;
+};
+
+// Both gates are two locks, of which everybody takes the first to wait for the second: one who leaves and comes again
+// at once cannot overtake one who waits. The kernel opens the gate of a process that ends in any way; a process that is
+// stopped inside keeps the others out, who give up at their deadline. Those outside ask again at short intervals.
 
 // A Gate is two bytes of a file, locked for the process by the kernel, behind a mutex that keeps the threads of the
-// process apart. Everybody takes the first byte to wait for the second: one who leaves and comes again at once cannot
-// overtake one who waits. The kernel opens the gate of a process that ends in any way, also after a crash of the
-// machine; a process that is stopped inside keeps the others out, who give up at their deadline. There is no waiting of
-// this kind with a limit in the kernel, so those outside ask again at short intervals.
+// process apart. It is there before anything of the database is.
 class Gate {
  public:
-  void init(int fd, long first_byte);
+  void init(int fd);
   GateResult enter(const Deadline &deadline);
   void leave();
 
  private:
   pthread_mutex_t threads_;
   int fd_;
-  long first_byte_;
+};
+
+// A CommitGate is two of the C library's locks in memory that all processes share: where nobody else wants to commit,
+// it takes 0.1 us instead of the 2 us of locks on a file. It is only ever asked whether it is open, never waited for,
+// since the memory is a file's, which somebody may cut: `look` is called behind each pause and ends the attempt unless
+// it gives kEntered. With kGone the memory must not be touched any more.
+class CommitGate {
+ public:
+  // Returns 0 or an error number.
+  int make();
+
+  template <typename Look>
+  GateResult enter(const Deadline &deadline, const Look &look) {
+    GateResult result = lock(&next_, deadline, look);
+    if (result != GateResult::kEntered) return result;
+    result = lock(&inside_, deadline, look);
+    if (result != GateResult::kGone) pthread_mutex_unlock(&next_);
+    return result;
+  }
+
+  void leave() { pthread_mutex_unlock(&inside_); }
+
+ private:
+  template <typename Look>
+  static GateResult lock(pthread_mutex_t *mutex, const Deadline &deadline, const Look &look) {
+    Pause pause;
+    for (;;) {
+      const GateResult result = try_lock(mutex);
+      if (result != GateResult::kTimedOut || deadline.passed()) return result;
+      pause.sleep();
+      if (const GateResult looked = look(); looked != GateResult::kEntered) return looked;
+    }
+  }
+
+  // kTimedOut: somebody else has it.
+  static GateResult try_lock(pthread_mutex_t *mutex);
+
+  pthread_mutex_t next_;
+  pthread_mutex_t inside_;
 };
 
 // Cancellation would leave a gate, or LMDB's own lock, closed for good.

@@ -21,19 +21,15 @@ namespace sdb {
 
 namespace {
 
-// The format depends on the word size, so processes of the two kinds keep separate files.
-constexpr const char *kEnding = sizeof(void *) == 8 ? "-64.mdb" : "-32.mdb";
 constexpr char kLockEnding[] = "-lock";  // LMDB's choice
-constexpr char kGateEnding[] = "-gate";
 
-// A crash of the machine may undo the newest commit, which a cache can bear, but harms no other: half the waiting.
-constexpr unsigned kEnvironmentFlags = MDB_NOSUBDIR | MDB_NOTLS | MDB_NOMETASYNC;
+// Nothing is synced: what this run of the machine leaves, no other reads. A process may die at any instant all the
+// same, since pages reach the kernel in LMDB's order. That would hold of MDB_WRITEMAP too, which writes them where they
+// are mapped; but there a full disk ends the program that writes, and so may any stray pointer end the database.
+constexpr unsigned kEnvironmentFlags = MDB_NOSUBDIR | MDB_NOTLS | MDB_NOSYNC;
 
 // Writers replace a transaction's head with the second commit after it.
 constexpr int kSnapshotAttempts = 100;
-
-constexpr long kTableByte = 0;  // each gate takes two
-constexpr long kCommitByte = 2;
 
 void on_broken_assumption(MDB_env *, const char *) {
   Thread *thread = this_thread();
@@ -92,7 +88,9 @@ class Opening {
     if (const uint32_t code = extend_file(); code != kOk) return code;
     if (const uint32_t code = map_files(); code != kOk) return code;
     if (const uint32_t code = check_same_file(); code != kOk) return code;
-    return take_seat();
+    if (const uint32_t code = take_seat(); code != kOk) return code;
+    database_->gate_page->mark = mark_;  // from now on the files are of this run
+    return kOk;
   }
 
   // hand_over gives away what was opened, after run has succeeded.
@@ -127,9 +125,9 @@ class Opening {
     if (database_->uri == nullptr) return kNoMemory;
     database_->folder_device = folder_.status.st_dev;
     database_->folder_inode = folder_.status.st_ino;
-    snprintf(data_name_, sizeof data_name_, "%s%s", location_.name, kEnding);
+    snprintf(data_name_, sizeof data_name_, "%s%s", location_.name, host::kOwnDatabase.ending);
     snprintf(lock_name_, sizeof lock_name_, "%s%s", data_name_, kLockEnding);
-    snprintf(gate_name_, sizeof gate_name_, "%s%s", data_name_, kGateEnding);
+    snprintf(gate_name_, sizeof gate_name_, "%s%s", data_name_, host::kGateEnding);
     snprintf(data_path_, sizeof data_path_, "%s/%s", location_.folder, data_name_);
     return kOk;
   }
@@ -138,8 +136,7 @@ class Opening {
     if (const uint32_t code = open_file(thread_, folder_, location_.folder, gate_name_, &gate_fd_); code != kOk) {
       return code;
     }
-    database_->table_gate.init(gate_fd_, kTableByte);
-    database_->commit_gate.init(gate_fd_, kCommitByte);
+    database_->table_gate.init(gate_fd_);
     switch (database_->table_gate.enter(deadline)) {
       case GateResult::kEntered:
         in_gate_ = true;
@@ -147,23 +144,45 @@ class Opening {
       case GateResult::kTimedOut:
         return fail_with(thread_, kRetry, "another process holds %s/%s", location_.folder, gate_name_);
       case GateResult::kFailed:
+      case GateResult::kGone:
         break;
     }
     return fail_with(thread_, kSystem, "cannot lock %s/%s: %s", location_.folder, gate_name_, strerrordesc_np(errno));
   }
 
-  // LMDB makes missing files with modes cut by the umask, and takes what it finds for its own.
+  // Files that aren't of this run of the machine are thrown away as they are, and LMDB's table of readers with them:
+  // whoever still has them open, as a program of another version may have, goes on with what it has. Nothing is lost by
+  // ending on the way: as long as the mark is missing, the next one to open begins here.
   uint32_t open_files() {
+    if (!host::mark_of_this_run(&mark_)) {
+      return fail_with(thread_, kSystem, "cannot read which run of the machine this is: %s", strerrordesc_np(errno));
+    }
+    marked_ = host::has_mark(gate_fd_, mark_);
+    if (const uint32_t code = open_both(); code != kOk) return code;
+    if (!marked_) {
+      close(data_fd_);
+      data_fd_ = -1;
+      const char *const names[] = {lock_name_, data_name_};
+      for (const char *name : names) {
+        if (unlinkat(folder_.fd, name, 0) != 0 && errno != ENOENT) {
+          return fail_with(thread_, kSystem, "cannot remove %s/%s, which is of another run of the machine: %s",
+                           location_.folder, name, strerrordesc_np(errno));
+        }
+      }
+      if (const uint32_t code = open_both(); code != kOk) return code;
+    }
+    const char *fault = check_heads(data_fd_);
+    return fault == nullptr ? kOk : fail_with(thread_, kDamaged, "%s: %s; delete it to begin anew", data_path_, fault);
+  }
+
+  // LMDB makes missing files with modes cut by the umask, and takes what it finds for its own.
+  uint32_t open_both() {
     int lock_fd = -1;
     if (const uint32_t code = open_file(thread_, folder_, location_.folder, lock_name_, &lock_fd); code != kOk) {
       return code;
     }
     close(lock_fd);
-    if (const uint32_t code = open_file(thread_, folder_, location_.folder, data_name_, &data_fd_); code != kOk) {
-      return code;
-    }
-    const char *fault = check_heads(data_fd_);
-    return fault == nullptr ? kOk : fail_with(thread_, kDamaged, "%s: %s; delete it to begin anew", data_path_, fault);
+    return open_file(thread_, folder_, location_.folder, data_name_, &data_fd_);
   }
 
   uint32_t open_environment() {
@@ -208,7 +227,9 @@ class Opening {
     struct stat status;
     if (fstat(gate_fd_, &status) != 0) return kSystem;
     database_->gate_inode = status.st_ino;
-    return kOk;
+    if (marked_) return kOk;
+    const int error = database_->gate_page->commit_gate.make();
+    return error == 0 ? kOk : fail_with(thread_, kSystem, "%s: %s", gate_name_, strerrordesc_np(error));
   }
 
   // The folder might have been exchanged since it was examined, but LMDB takes a path only.
@@ -264,9 +285,11 @@ class Opening {
   int gate_fd_ = -1;
   int data_fd_ = -1;
   bool in_gate_ = false;
+  host::DatabaseMark mark_;
+  bool marked_ = false;
   char data_name_[NAME_MAX + 1];
   char lock_name_[sizeof data_name_ + sizeof kLockEnding];
-  char gate_name_[sizeof data_name_ + sizeof kGateEnding];
+  char gate_name_[sizeof data_name_ + sizeof host::kGateEnding];
   char data_path_[PATH_MAX + sizeof data_name_];
 };
 

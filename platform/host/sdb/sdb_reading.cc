@@ -3,8 +3,10 @@
 
 #include "sdb_reading.h"
 
+#include <fcntl.h>
 #include <lmdb.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cstring>
 
@@ -41,6 +43,28 @@ bool is_truncated(int fd, dev_t device, ino_t inode, size_t size) {
          status.st_size < static_cast<off_t>(size);
 }
 
+// examine_before_writing is fstat without a look at the file's times, behind which the kernel notes new ones with the
+// next write: a commit would take half as long again. It takes 40 ns longer itself.
+bool examine_before_writing(int fd, struct stat *out_status) {
+  struct statx status;
+  if (statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_NLINK | STATX_SIZE, &status) != 0) {
+    return fstat(fd, out_status) == 0;  // in a sandbox that doesn't know it
+  }
+  out_status->st_dev = makedev(status.stx_dev_major, status.stx_dev_minor);
+  out_status->st_ino = status.stx_ino;
+  out_status->st_nlink = status.stx_nlink;
+  out_status->st_size = static_cast<off_t>(status.stx_size);
+  return true;
+}
+
+uint32_t truncated(Thread *thread, const Database &database) {
+  return fail_with(thread, kDamaged, "%s: its file was truncated; delete it and start its users anew", database.uri);
+}
+
+bool is_gate_truncated(const Database &database) {
+  return is_truncated(database.gate_fd, database.file_device, database.gate_inode, kGatePageSize);
+}
+
 }  // namespace
 
 uint32_t begin_read(Thread *thread, Seat *seat) {
@@ -63,21 +87,21 @@ void end_read(Seat *seat) {
 uint32_t check_file_in_place(Thread *thread, const Database &database) {
   int fd = -1;
   struct stat status;
-  if (mdb_env_get_fd(database.environment, &fd) != 0 || fstat(fd, &status) != 0 ||
+  if (mdb_env_get_fd(database.environment, &fd) != 0 || !examine_before_writing(fd, &status) ||
       status.st_dev != database.file_device || status.st_ino != database.file_inode || status.st_nlink == 0) {
     return fail_with(thread, kUnsafe, "%s: its file was deleted or closed under the process; start it anew",
                      database.uri);
   }
-  return check_file_whole(thread, database);
+  const bool whole = status.st_size >= static_cast<off_t>(kMapSize) && !is_gate_truncated(database);
+  return whole ? kOk : truncated(thread, database);
 }
 
 uint32_t check_file_whole(Thread *thread, const Database &database) {
   int fd = -1;
-  const bool truncated = mdb_env_get_fd(database.environment, &fd) == 0 &&
-                         (is_truncated(fd, database.file_device, database.file_inode, kMapSize) ||
-                          is_truncated(database.gate_fd, database.file_device, database.gate_inode, kGatePageSize));
-  if (!truncated) return kOk;
-  return fail_with(thread, kDamaged, "%s: its file was truncated; delete it and start its users anew", database.uri);
+  const bool whole =
+      mdb_env_get_fd(database.environment, &fd) != 0 ||
+      (!is_truncated(fd, database.file_device, database.file_inode, kMapSize) && !is_gate_truncated(database));
+  return whole ? kOk : truncated(thread, database);
 }
 
 uint32_t fail_with_lmdb(Thread *thread, const char *doing, int result) {

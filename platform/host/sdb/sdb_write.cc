@@ -81,18 +81,11 @@ uint32_t busy(Thread *thread, GateResult result, const Database &database) {
   return fail_with(thread, kSystem, "cannot lock the gate of %s: %s", database.uri, strerrordesc_np(errno));
 }
 
-// Taking LMDB's writer lock from one who died in possession clears its reader table too.
-uint32_t begin_write(Thread *thread, Database &database, const Deadline &deadline, MDB_txn **out_txn) {
-  const GateResult entered = database.table_gate.enter(deadline);
-  if (entered != GateResult::kEntered) return busy(thread, entered, database);
-  const int result = mdb_txn_begin(database.environment, nullptr, 0, out_txn);
-  database.table_gate.leave();
-  return result == 0 ? kOk : fail_with_lmdb(thread, "cannot begin to write", result);
-}
-
-uint32_t write_once(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
+uint32_t write_once(Thread *thread, Database &database, const Changes &changes) {
   MDB_txn *txn = nullptr;
-  if (const uint32_t code = begin_write(thread, database, deadline, &txn); code != kOk) return code;
+  if (const int result = mdb_txn_begin(database.environment, nullptr, 0, &txn); result != 0) {
+    return fail_with_lmdb(thread, "cannot begin to write", result);
+  }
   MDB_txn *open = txn;  // what is left to abort, also after LMDB was left in the middle
   const int result = guarded(thread, [&] {
     if (const int applied = apply_all(database, txn, changes); applied != 0) return applied;
@@ -104,26 +97,39 @@ uint32_t write_once(Thread *thread, Database &database, const Changes &changes, 
   return result == 0 ? kOk : fail_with_lmdb(thread, database.uri, result);
 }
 
-uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
-  const uint32_t code = write_once(thread, database, changes, deadline);
+uint32_t write_twice(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
+  const uint32_t code = write_once(thread, database, changes);
   if (code != kFull) return code;
   // Readers that died in the middle of a read hold pages up.
   if (database.table_gate.enter(deadline) != GateResult::kEntered) return code;
   int dead = 0;
   mdb_reader_check(database.environment, &dead);
   database.table_gate.leave();
-  return dead == 0 ? code : write_once(thread, database, changes, deadline);
+  return dead == 0 ? code : write_once(thread, database, changes);
 }
 
-// From here on nobody takes a copy for what the file holds. Only who is inside the commit gate writes the number.
-void begin_change(const Database &database) {
-  uint32_t *changes = &database.gate_page->changes;
-  __atomic_store_n(changes, __atomic_load_n(changes, __ATOMIC_RELAXED) | 1, __ATOMIC_SEQ_CST);
+// recover takes LMDB's writer lock from one who died in its possession, which clears LMDB's table of readers too.
+uint32_t recover(Thread *thread, Database &database, const Deadline &deadline) {
+  const GateResult entered = database.table_gate.enter(deadline);
+  if (entered != GateResult::kEntered) return busy(thread, entered, database);
+  MDB_txn *txn = nullptr;
+  const int result = mdb_txn_begin(database.environment, nullptr, 0, &txn);
+  if (result == 0) mdb_txn_abort(txn);
+  database.table_gate.leave();
+  return result == 0 ? kOk : fail_with_lmdb(thread, "cannot begin to write", result);
 }
 
-void end_change(const Database &database) {
-  uint32_t *changes = &database.gate_page->changes;
-  __atomic_store_n(changes, __atomic_load_n(changes, __ATOMIC_RELAXED) + 1, __ATOMIC_SEQ_CST);
+uint32_t write_inside_gate(Thread *thread, Database &database, const Changes &changes, const Deadline &deadline) {
+  uint32_t *number = &database.gate_page->changes;  // written by none but who is inside the gate
+  const uint32_t before = __atomic_load_n(number, __ATOMIC_RELAXED);
+  if (before % 2 != 0) {
+    if (const uint32_t code = recover(thread, database, deadline); code != kOk) return code;
+  }
+  // From here on nobody takes a copy for what the file holds.
+  __atomic_store_n(number, before | 1, __ATOMIC_SEQ_CST);
+  const uint32_t code = write_twice(thread, database, changes, deadline);
+  __atomic_store_n(number, (before | 1) + 1, __ATOMIC_SEQ_CST);
+  return code;
 }
 
 uint32_t commit(Thread *thread, Seat *seat) {
@@ -131,15 +137,16 @@ uint32_t commit(Thread *thread, Seat *seat) {
   const NoCancellation no_cancellation;
   Database &database = *seat->database;
   const Deadline deadline = Deadline::in_ms(kCommitDeadlineMs);
-  const GateResult entered = database.commit_gate.enter(deadline);
-  if (entered != GateResult::kEntered) return busy(thread, entered, database);
   uint32_t code = check_file_in_place(thread, database);
-  if (code == kOk) {
-    begin_change(database);
-    code = write_inside_gate(thread, database, seat->changes, deadline);
-    end_change(database);
-  }
-  database.commit_gate.leave();
+  if (code != kOk) return code;
+  CommitGate &gate = database.gate_page->commit_gate;
+  const GateResult entered = gate.enter(deadline, [&] {
+    code = check_file_in_place(thread, database);
+    return code == kOk ? GateResult::kEntered : code == kDamaged ? GateResult::kGone : GateResult::kFailed;
+  });
+  if (entered != GateResult::kEntered) return code != kOk ? code : busy(thread, entered, database);
+  code = write_inside_gate(thread, database, seat->changes, deadline);
+  gate.leave();
   return code;
 }
 

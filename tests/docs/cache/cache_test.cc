@@ -8,9 +8,11 @@
 #include <lmdb.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "docs/page.h"
 #include "fake_service/fake_service.h"
@@ -79,10 +81,28 @@ class CachePage : public testing::Test {
     ASSERT_EQ(sdb_open(ks_cache_uri, 1, 0, 0, 0), 0u);
   }
   std::string file() const { return folder.path() + "/pacs-" + kWidth + ".mdb"; }
+  // The first bytes of the gate, and what the page shows with this run's id in the place of its own.
+  Octets gate(size_t size) const {
+    Octets bytes(size);
+    std::ifstream(file() + "-gate").read(reinterpret_cast<char *>(bytes.data()), static_cast<std::streamsize>(size));
+    return bytes;
+  }
+  static Octets mark_of_this_run() {
+    std::string run;
+    std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), run);
+    Octets mark = page.filled("mark");
+    EXPECT_EQ(run.size() + 3, mark.size());
+    std::copy(run.begin(), run.end(), mark.begin() + 2);
+    return mark;
+  }
   Octets in_file() const { return File(file(), MDB_RDONLY).get(page.filled("key")); }
   void put_in_file(const Octets &key, const Octets &value) const {
     File(file(), 0).put(key, value);
     std::filesystem::resize_file(file(), kFileSize);
+    const Octets mark = mark_of_this_run();
+    std::ofstream(file() + "-gate")
+        .write(reinterpret_cast<const char *>(mark.data()), static_cast<std::streamsize>(mark.size()));
+    ASSERT_EQ(chmod((file() + "-gate").c_str(), 0600), 0);
   }
 
   static KsResult write_plain() { return ks_cache_pac_write(kName, sizeof kName, kMetadata, sizeof kMetadata); }
@@ -102,6 +122,20 @@ TEST_F(CachePage, NamesTheFiles) {
   open();
   for (const char *ending : {"", "-lock", "-gate"}) EXPECT_TRUE(std::filesystem::exists(file() + ending)) << ending;
   EXPECT_EQ(std::filesystem::file_size(file()), kFileSize);
+}
+
+TEST_F(CachePage, ShowsTheMarkAndTheCountOfChanges) {
+  open();
+  EXPECT_EQ(gate(page.filled("mark").size()), mark_of_this_run());
+  const auto changes = [&] {
+    uint32_t count = 0;
+    memcpy(&count, gate(68).data() + 64, sizeof count);
+    return count;
+  };
+  const uint32_t before = changes();
+  EXPECT_EQ(before % 2, 0u);
+  ASSERT_EQ(write_plain(), kSuccess);  // which clears what was there first
+  EXPECT_EQ(changes(), before + 4);
 }
 
 TEST_F(CachePage, ShowsWhatIsWrittenWithoutATPrf) {

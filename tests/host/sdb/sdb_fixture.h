@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -46,7 +47,7 @@ inline std::string text(const KsSdbDatum *value) {
 
 // Called where libsdb begins a transaction, and where LMDB has written a commit's pages but not yet its head.
 extern void (*at_txn_begin)();
-extern void (*at_sync)();
+extern void (*at_head_write)();
 // What beginning a transaction comes to, unless it is 0.
 extern int txn_begin_result;
 // The allocation of libsdb that fails, counted down; below 1 none does. Not under sanitizers, whose heap is theirs.
@@ -83,6 +84,27 @@ class Sdb : public testing::Test {
   }
 
   uint32_t open() { return sdb_open(uri.c_str(), 1, 77, 0, 0); }
+
+  // The mark of a run of the machine, which the gate's file begins with.
+  static std::string mark_of(const std::string &run) { return "2 " + run + "\n"; }
+  static std::string this_run() {
+    std::string run;
+    std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), run);
+    return run;
+  }
+  std::string mark() {
+    std::string line;
+    std::getline(std::ifstream(data_file + "-gate"), line);
+    return line + "\n";
+  }
+  void mark_as(const std::string &mark) { std::fstream(data_file + "-gate", std::ios::in | std::ios::out) << mark; }
+
+  // Leaves a folder of this run whose database and table of readers are missing.
+  void make_gate() {
+    ASSERT_EQ(in_child([this] { return static_cast<int>(open()); }), 0);
+    std::filesystem::remove(data_file);
+    std::filesystem::remove(data_file + "-lock");
+  }
 
   uint32_t stage(const std::string &key, const std::string &value) {
     const KsSdbDatum k = datum(key);

@@ -4,6 +4,7 @@
 // Stands before two functions, so that a test can stop or kill a process inside them.
 #include <dlfcn.h>
 #include <lmdb.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,14 +12,17 @@
 #include "sdb_fixture.h"
 
 void (*at_txn_begin)() = nullptr;
-void (*at_sync)() = nullptr;
+void (*at_head_write)() = nullptr;
 int txn_begin_result = 0;
 int failing_allocation = 0;
 
-// No machine crashes here: what the kernel has is enough, and the tests don't wait for a disk.
-extern "C" int fdatasync(int) {
-  if (at_sync != nullptr) at_sync();
-  return 0;
+// LMDB writes a commit's pages, and then one of the two heads, each of which lies within a page of its own.
+extern "C" ssize_t pwrite(int fd, const void *bytes, size_t size, off_t offset) {
+  constexpr off_t kHeads = 2 * 4096;
+  if (at_head_write != nullptr && offset < kHeads && offset % 4096 != 0) at_head_write();
+  using Write = ssize_t (*)(int, const void *, size_t, off_t);
+  static const auto real = reinterpret_cast<Write>(dlsym(RTLD_NEXT, "pwrite"));
+  return real(fd, bytes, size, offset);
 }
 
 extern "C" int mdb_txn_begin(MDB_env *env, MDB_txn *parent, unsigned int flags, MDB_txn **txn) {

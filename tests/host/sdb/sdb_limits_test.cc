@@ -25,7 +25,7 @@ class SdbLimits : public Sdb {
  protected:
   ~SdbLimits() override {
     at_txn_begin = nullptr;
-    at_sync = nullptr;
+    at_head_write = nullptr;
     txn_begin_result = 0;
   }
 
@@ -67,18 +67,25 @@ std::string SdbLimits::gate_file;
 std::string SdbLimits::seen;
 
 // Processes of another version of this library take the same bytes.
-TEST_F(SdbLimits, OfGatesAreBytes0To3) {
+TEST_F(SdbLimits, OfTheTablesGateAreBytes0And1) {
   gate_file = data_file + "-gate";
   seen.clear();
   at_txn_begin = [] { seen += "begin " + held_bytes(); };
-  at_sync = [] { seen += "sync " + held_bytes(); };
+  at_head_write = [] { seen += "head " + held_bytes(); };
   ASSERT_EQ(open(), 0u);
   EXPECT_EQ(seen.substr(seen.rfind("begin")), "begin 1 ") << "opening, inside the gate of the table of readers";
 
   seen.clear();
   EXPECT_EQ(put("key", "value"), 0u);
-  EXPECT_EQ(seen.substr(0, 9), "begin 13 ") << "writing, inside both gates";
-  EXPECT_EQ(seen.substr(9, 7), "sync 3 ") << "committing, inside the writers' gate alone";
+  EXPECT_EQ(seen, "begin  head  ") << "writing, inside the other gate alone";
+  EXPECT_EQ(in_child([this] {
+              at_head_write = [] { raise(SIGKILL); };
+              return static_cast<int>(put("key", "of the killed one"));
+            }),
+            1000 + SIGKILL);
+  seen.clear();
+  EXPECT_EQ(put("key", "value"), 0u);
+  EXPECT_EQ(seen, "begin 1 begin  head  ") << "after one that died: first to free LMDB's locks, inside both gates";
 
   seen.clear();
   std::thread([this] { EXPECT_EQ(value_of("key"), "value"); }).join();

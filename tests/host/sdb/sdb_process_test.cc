@@ -4,6 +4,7 @@
 // What several processes see of one database, also when some of them die or stand still.
 #include <lmdb.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 
 #include <atomic>
@@ -11,8 +12,10 @@
 #include <random>
 #include <thread>
 
+#include "library_calls.h"
 #include "sdb_fixture.h"
 
+using ks_test::LibraryCalls;
 using testing::HasSubstr;
 
 namespace {
@@ -54,7 +57,7 @@ class SdbProcesses : public Sdb {
   pid_t start_writer_that_stops_inside_its_commit() {
     const pid_t child = start_child([this] {
       if (stage("key", "of the stopped one") != 0) return 1;
-      at_sync = stop_self;
+      at_head_write = stop_self;
       return done() == 0 ? 0 : 2;
     });
     wait_until_stopped(child);
@@ -208,7 +211,7 @@ TEST_F(SdbProcesses, StoppedInsideACommitHoldWritersUpUntilTheirDeadlineOnly) {
 TEST_F(SdbProcesses, KilledInsideACommitChangeNothing) {
   ASSERT_EQ(open(), 0u);
   ASSERT_EQ(put("key", "before"), 0u);
-  for (void (*&hook)() : {std::ref(at_sync), std::ref(at_txn_begin)}) {
+  for (void (*&hook)() : {std::ref(at_head_write), std::ref(at_txn_begin)}) {
     EXPECT_EQ(in_child([&] {
                 read("key");
                 hook = kill_self;
@@ -225,6 +228,13 @@ TEST_F(SdbProcesses, KilledInsideACommitChangeNothing) {
 TEST_F(SdbProcesses, StoppedWhileTakingASlotKeepNewcomersOutForNow) {
   ASSERT_EQ(open(), 0u);
   ASSERT_EQ(put("key", "value"), 0u);
+  const pid_t doomed = start_child([&] {
+    if (stage("key", "of the killed one") != 0) return 1;
+    raise(SIGSTOP);
+    at_head_write = kill_self;
+    return static_cast<int>(done());
+  });
+  wait_until_stopped(doomed);
   const pid_t stopped = start_child([&] {
     at_txn_begin = stop_self;
     return static_cast<int>(read("key"));
@@ -235,6 +245,12 @@ TEST_F(SdbProcesses, StoppedWhileTakingASlotKeepNewcomersOutForNow) {
   EXPECT_EQ(in_child([&] { return open() == kRetryCode && read("key") == kRetryCode ? 0 : 1; }), 0);
   std::thread([&] { EXPECT_EQ(read("key"), kRetryCode); }).join();
   EXPECT_LT(ms_since(start), kDeadlineMs);
+  EXPECT_EQ(put("key", "meanwhile"), 0u);
+
+  // LMDB's writer lock of one who died in its possession is taken together with its table of readers.
+  kill(doomed, SIGCONT);
+  EXPECT_EQ(status_of(doomed), 1000 + SIGKILL);
+  EXPECT_EQ(value_of("key"), "meanwhile");
   EXPECT_EQ(put("key", "late"), kBusyCode);
 
   kill(stopped, SIGCONT);
@@ -243,13 +259,85 @@ TEST_F(SdbProcesses, StoppedWhileTakingASlotKeepNewcomersOutForNow) {
   EXPECT_EQ(put("key", "after"), 0u);
 }
 
+TEST_F(SdbProcesses, KilledWhileWaitingToCommitHoldNobodyUp) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "before"), 0u);
+  const pid_t stopped = start_writer_that_stops_inside_its_commit();
+  std::vector<pid_t> waiting;
+  for (int i = 0; i < 3; ++i) {
+    waiting.push_back(start_child([&] {
+      const LibraryCalls<library_nanosleep> calls("libsdb.so", [](const Time64 *, Time64 *) {
+        raise(SIGSTOP);
+        return std::optional(0);
+      });
+      return static_cast<int>(put("key", "of one who waits"));
+    }));
+    wait_until_stopped(waiting.back());
+  }
+  for (const pid_t child : waiting) end(child);
+  kill(stopped, SIGCONT);
+  EXPECT_EQ(status_of(stopped), 0);
+  const auto start = Clock::now();
+  EXPECT_EQ(put("key", "after"), 0u);
+  EXPECT_LT(ms_since(start), kDeadlineMs);
+}
+
+// One that comes again at once doesn't overtake one that waits.
+struct Turns {
+  std::atomic<bool> waits;
+  std::atomic<unsigned> commits;
+};
+Turns *turns;
+
+TEST_F(SdbProcesses, TakeTurnsInCommitting) {
+  constexpr unsigned kMine = 20;
+  turns = static_cast<Turns *>(mmap(nullptr, sizeof(Turns), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(turns, MAP_FAILED);
+  ASSERT_EQ(open(), 0u);
+  const pid_t other = start_child([&] {
+    const LibraryCalls<library_nanosleep> calls("libsdb.so", [](const Time64 *, Time64 *) -> std::optional<int> {
+      turns->waits = true;
+      return std::nullopt;
+    });
+    while (put("key", "of the other") == 0) ++turns->commits;
+    return 1;
+  });
+  at_head_write = [] {
+    turns->waits = false;
+    const auto start = Clock::now();
+    while (!turns->waits && ms_since(start) < kDeadlineMs) std::this_thread::yield();
+  };
+  EXPECT_EQ(put("key", "mine"), 0u);
+  const unsigned before = turns->commits;
+  for (unsigned i = 0; i < kMine; ++i) EXPECT_EQ(put("key", "mine"), 0u);
+  at_head_write = nullptr;
+  // It may be overtaken while it waits for its turn to wait.
+  EXPECT_GT(turns->commits, before + kMine / 2);
+  end(other);
+  munmap(turns, sizeof(Turns));
+}
+
+TEST_F(SdbProcesses, SurviveACutOfTheGateWhileTheyWait) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "before"), 0u);
+  const pid_t stopped = start_writer_that_stops_inside_its_commit();
+  EXPECT_EQ(in_child([&] {
+              const LibraryCalls<library_nanosleep> calls("libsdb.so", [&](const Time64 *, Time64 *) {
+                return std::optional(truncate((data_file + "-gate").c_str(), 0));
+              });
+              return put("key", "mine") == kDamagedCode ? 0 : 1;
+            }),
+            0);
+  end(stopped);
+}
+
 // A table of readers as small as the first process to open the database wants it.
 class SdbSlots : public SdbProcesses {
  protected:
   static constexpr unsigned kSlots = 4;
 
   SdbSlots() {
-    mkdir(folder.c_str(), 0700);
+    make_gate();
     int ready[2];
     EXPECT_EQ(pipe(ready), 0);
     keeper_ = start_child([&] {

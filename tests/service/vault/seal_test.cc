@@ -23,7 +23,7 @@ EntryRow example() {
   row.version = 17;
   row.owner = 1000;
   row.name = secret_name("wifi");
-  row.alias = secret_name("home");
+  row.alias = std::make_shared<const EntryName>(secret_name("home"));
   row.secret = SecretBytes::copy_of(bytes_of("correct horse"));
   row.metadata = std::make_shared<const std::vector<uint8_t>>(bytes_of("channel 11"));
   return row;
@@ -102,7 +102,7 @@ TEST(EntryText, IsReadBackWhole) {
   EXPECT_EQ(read->version, 17u);
   EXPECT_EQ(read->owner, 1000u);
   EXPECT_EQ(read->name, row.name);
-  EXPECT_EQ(read->alias, row.alias);
+  EXPECT_EQ(*read->alias, *row.alias);
   EXPECT_EQ(read->bytes(), row.bytes());
   EXPECT_EQ(*read->metadata, *row.metadata);
 }

@@ -305,8 +305,14 @@ class KsctlDoctorOfCache : public testing::Test {
   std::string database(int width) const {
     return service_.cache_folder() + "/sksd_ks_cache_data-" + std::to_string(width) + ".mdb";
   }
-  // A head as 64-bit programs write it, in a file as long as they make it.
+  void mark(int width) const {
+    std::string run;
+    std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), run);
+    std::ofstream(database(width) + "-gate") << "2 " << run << "\n";
+  }
+  // A head as 64-bit programs write it, in a file as long as they make it, of this run of the machine.
   void write_head(int width, size_t at, off_t size) const {
+    mark(width);
     std::string head(128, '\0');
     head.replace(at, 4, "\xde\xc0\xef\xbe");
     std::ofstream(database(width), std::ios::binary) << head;
@@ -332,6 +338,7 @@ TEST_F(KsctlDoctorOfCache, SaysThatItIsOfTheOtherWidth) {
 }
 
 TEST_F(KsctlDoctorOfCache, SaysThatItIsDamaged) {
+  mark(64);
   std::ofstream(database(64)) << std::string(4096, 'x');
   write_head(32, 12, 8192);
 
@@ -339,6 +346,16 @@ TEST_F(KsctlDoctorOfCache, SaysThatItIsDamaged) {
 
   EXPECT_THAT(run.output, names("cache", "is damaged: it has no head", "rm " + database(64)));
   EXPECT_THAT(run.output, names("cache", "8192 bytes of 50331648 are there", "rm " + database(32)));
+}
+
+TEST_F(KsctlDoctorOfCache, FindsNothingWrongWithOnesOfAnotherRunOfTheMachine) {
+  write_head(64, 12, 8192);
+  std::ofstream(database(64) + "-gate") << "2 01234567-89ab-cdef-0123-456789abcdef\n";
+  std::ofstream(database(32)) << std::string(4096, 'x');
+
+  const ProgramRun run = doctor(service_);
+
+  EXPECT_EQ(run.status, 0) << run.output;
 }
 
 TEST_F(KsctlDoctorOfCache, SaysThatOthersMayUseIt) {
