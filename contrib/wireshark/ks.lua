@@ -40,6 +40,7 @@ local NT_RESPONSE = {
 local MESSAGES = {
   [1] = { "hello", { size = 0 }, "hello" },
   [2] = { "status", { size = 0 }, "status" },
+  [64] = { "channel", { size = 4, numbers = { { "step", 0, 4 } } }, "channel" },
   [66561] = { "generate random", { size = 8, numbers = { { "wanted", 0, 1 }, { "word", 4, 4 } } }, "data" },
   [66562] = { "store secret",
     { size = 12, NAME, { "linked_name", 2, 1, 3, 1 }, { "secret", 4, 2, 6, 2 }, { "metadata", 8, 2, 10, 2 } } },
@@ -101,6 +102,9 @@ local f = {
   word = ProtoField.uint32("ks.word", "Request word", base.HEX),
   position = ProtoField.uint16("ks.position", "Position"),
   receive_limit = ProtoField.uint32("ks.receive_limit_ms", "Waits for a reply, ms"),
+  offers = ProtoField.uint16("ks.offers", "Offers", base.HEX),
+  step = ProtoField.uint32("ks.channel_step", "Step towards a channel"),
+  channel_size = ProtoField.uint32("ks.channel_size", "Size of the channel"),
   service_version = ProtoField.uint32("ks.service_version", "Version of the service", base.HEX),
   cfg_uri = ProtoField.string("ks.running_cfg_uri", "Databases below"),
   service_pid = ProtoField.uint32("ks.service_pid", "Process of the service"),
@@ -186,8 +190,13 @@ local REPLIES = {
     if payload:len() < 240 then return end
     tree:add_le(f.vdc, payload(4, 4))
     tree:add_le(f.receive_limit, payload(8, 4))
-    tree:add_le(f.service_version, payload(12, 4))
+    tree:add_le(f.service_version, payload(12, 2))
+    tree:add_le(f.offers, payload(14, 2))
     tree:add(f.cfg_uri, payload(16, 224), payload(16, 224):stringz())
+  end,
+  channel = function(tree, payload)
+    if payload:len() < 8 then return end
+    tree:add_le(f.channel_size, payload(4, 4))
   end,
   status = function(tree, payload)
     if payload:len() < 56 then return end

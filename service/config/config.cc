@@ -323,6 +323,7 @@ void read_limits(Reader &reader, Limits &limits) {
   reader.number("connections_administrators", 0, kMostConnections, limits.connections_administrators);
   refuse_places_that_are_not_there(reader, limits);
   reader.number("connects_per_second", 1, kMostConnects, limits.connects_per_second);
+  reader.number("channels", 0, kMostConnections, limits.channels);
   reader.number("requests_per_user", 0, kMostAtOnce, limits.requests_per_user);
   reader.number("changes_per_user", 1, kMostAtOnce, limits.changes_per_user);
   reader.number("entries", 0, kMostEntries, limits.entries);

@@ -34,6 +34,7 @@ struct Limits {
   uint32_t connections_unmapped = 64;        // of all users without a VDC together
   uint32_t connections_administrators = 16;  // kept for administrators
   uint32_t connects_per_second = 4000;       // of each user; more wait for their turn
+  uint32_t channels = 1024;                  // connections that share memory with their client; 0: none does
   uint32_t requests_per_user = 0;            // worked on at once while others are connected; 0: all processors but one
   uint32_t changes_per_user = 8;             // on their way to the disk at once while others are connected
   uint32_t entries = 65535;

@@ -266,6 +266,7 @@ void Administration::limits(const Asked &asked) {
   of_all("connections_unmapped", limits.connections_unmapped, places.of_unmapped);
   of_all("connections_administrators", limits.connections_administrators, places.of_administrators);
   without_use("connects_per_second", limits.connects_per_second);
+  of_all("channels", limits.channels, places.channels);
   without_use("requests_per_user", shared_requests(limits));
   without_use("changes_per_user", limits.changes_per_user);
   of_all("entries", limits.entries, usage.entries);

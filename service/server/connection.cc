@@ -64,11 +64,13 @@ std::optional<Peer> peer_of(int socket) {
 }
 
 Connection::Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const Desk &desk,
-                       const CurrentConfig &current_config, int socket, User &user, const Peer &peer)
+                       const CurrentConfig &current_config, Channels &channels, int socket, User &user,
+                       const Peer &peer)
     : service_(service),
       dispatcher_(dispatcher),
       desk_(desk),
       current_config_(current_config),
+      channels_(channels),
       user_(user),
       socket_(socket),
       peer_(peer),
@@ -98,6 +100,7 @@ void Connection::serve() {
     const bool answered = next == Next::kAnswer && send(frame.header, pass);
     cleanse(received);
     if (!answered) return;
+    waits_at_channel_ = seat_.has_value();
   }
 }
 
@@ -122,6 +125,10 @@ bool Connection::is_timed(const handlers::Row *row) const {
 // receive gives the size that the next datagram had when it was sent, or nothing when there will be none. Descriptors
 // sent along are dropped by the kernel, since no room is offered for them.
 std::optional<size_t> Connection::receive() {
+  return waits_at_channel_ ? receive_by_channel() : receive_by_socket();
+}
+
+std::optional<size_t> Connection::receive_by_socket() {
   while (true) {
     const ssize_t size = host::receive_datagram(socket_, buffer_, HOST_WIRE_MAX_DATAGRAM, MSG_TRUNC);
     if (size > 0 || (size == 0 && !peer_left())) {
@@ -131,14 +138,45 @@ std::optional<size_t> Connection::receive() {
     }
     if (size < 0 && errno == EINTR) continue;
     if (size < 0 && errno == EAGAIN && backup_.is_open()) {
-      backup_.end();
-      wait_for_backup();
-      complain(LogLimiter::Kind::kBackups, "left its backup unread; it was ended");
+      end_backup();
       continue;
     }
     if (size < 0 && errno == EAGAIN) complain(LogLimiter::Kind::kSilent, "connected and said nothing");
     return std::nullopt;
   }
+}
+
+std::optional<size_t> Connection::receive_by_channel() {
+  while (true) {
+    const Channel::Arrival arrival = channel_->wait({buffer_, HOST_WIRE_MAX_DATAGRAM}, wait_limit());
+    came_by_channel_ = arrival.came == Channel::Came::kRequest;
+    if (came_by_channel_) return arrival.sent_size;
+    if (arrival.came == Channel::Came::kEnd) return std::nullopt;
+    if (arrival.came == Channel::Came::kNothing) {
+      end_backup();
+      continue;
+    }
+    if (arrival.came == Channel::Came::kOnSocket) {
+      // It was sent before it was told of here.
+      const ssize_t size = host::receive_datagram(socket_, buffer_, HOST_WIRE_MAX_DATAGRAM, MSG_TRUNC | MSG_DONTWAIT);
+      if (size > 0) return static_cast<size_t>(size);
+    }
+    service_.counters.add(Event::kMalformed);
+    complain(LogLimiter::Kind::kMalformed, "plays with the memory of its channel; closing its connection");
+    return std::nullopt;
+  }
+}
+
+// How long may be waited for a request while something is kept for the client.
+std::optional<std::chrono::milliseconds> Connection::wait_limit() const {
+  if (!backup_is_awaited_) return std::nullopt;
+  return std::chrono::milliseconds(config_->receive_limit_ms);
+}
+
+void Connection::end_backup() {
+  backup_.end();
+  wait_for_backup();
+  complain(LogLimiter::Kind::kBackups, "left its backup unread; it was ended");
 }
 
 // An empty datagram and the end of the connection both read as 0 bytes.
@@ -183,6 +221,8 @@ Connection::Next Connection::answer(const Frame &frame) {
 void Connection::answer_request(const Frame &frame) {
   follow_configuration();
   if (frame.header.opcode == HOST_OP_HELLO) return answer_hello(frame);
+  if (frame.header.opcode == HOST_OP_CHANNEL) return answer_channel(frame);
+  if (!seat_) channel_.reset();  // the client goes on without it
   const handlers::Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
   if (frame.header.opcode < kFirstOpcode && desk_.answer(request, backup_, reply_)) return wait_for_backup();
   if (!dispatcher_.answer(service_, request, reply_)) {
@@ -205,13 +245,31 @@ void Connection::answer_hello(const Frame &frame) {
   hello.vdc_id = caller_.vdc_id.value_or(HOST_NO_VDC);
   hello.receive_limit_ms = config_->receive_limit_ms;
   hello.service_version = KSD_VERSION_MAJOR * 256 + KSD_VERSION_MINOR;
+  if (config_->limits.channels > 0) hello.offers |= HOST_OFFERS_CHANNEL;
   const std::string uri = config_->cache_uri_of(caller_);
   std::snprintf(hello.running_cfg_uri, sizeof hello.running_cfg_uri, "%s", uri.c_str());
   reply_.record(hello);
 }
 
-// send sends the reply that has been made. It may wait for a client that is slow to read, but not for ever, and not at
-// the cost of the user's other work.
+// Two steps, so that all goes on by the socket when the client can't have the memory, and both ends know it.
+void Connection::answer_channel(const Frame &frame) {
+  HostChannelDescriptor wanted{};
+  if (frame.message.size() != sizeof wanted || seat_) return reply_.result(KS_INVALID_ARGS);
+  std::memcpy(&wanted, frame.message.data(), sizeof wanted);
+  const uint32_t limit = config_->limits.channels;
+  if (wanted.step == HOST_CHANNEL_MAKE && !channel_) {
+    if (channels_.count() < limit) channel_ = Channel::make(file_to_pass_);
+    if (!channel_) return reply_.result(KS_NO_MEMORY);
+  } else if (wanted.step == HOST_CHANNEL_USE && channel_) {
+    channels_.enter(socket_, *channel_, limit, seat_);
+    if (!seat_) return reply_.result(KS_NO_MEMORY);
+  } else {
+    return reply_.result(KS_INVALID_ARGS);
+  }
+  reply_.record(HostChannelReply{.result = KS_SUCCESS, .size = sizeof(HostChannel)});
+}
+
+// send sends the reply that has been made.
 bool Connection::send(const HostWireHeader &request, Share::Pass &pass) {
   HostWireHeader header = request;
   header.magic = HOST_WIRE_MAGIC;
@@ -220,8 +278,16 @@ bool Connection::send(const HostWireHeader &request, Share::Pass &pass) {
   header.payload_size = static_cast<uint32_t>(reply_.payload().size());
   reply_.header(header);
   const std::span<uint8_t> datagram = reply_.datagram();
+  // What came by the socket is answered there, where the client waits.
+  if (!came_by_channel_) return send_by_socket(datagram, pass);
+  if (Channel::has_room_for(datagram.size())) return channel_->reply(datagram);
+  return send_by_socket(datagram, pass) && channel_->reply_on_socket();
+}
+
+// It may wait for a client that is slow to read, but not for ever, and not at the cost of the user's other work.
+bool Connection::send_by_socket(std::span<const uint8_t> datagram, Share::Pass &pass) {
   int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
-  while (host::send_datagram(socket_, datagram.data(), datagram.size(), flags) < 0) {
+  while (!send_once(datagram, flags)) {
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return false;
     if ((flags & MSG_DONTWAIT) == 0) {
@@ -233,6 +299,28 @@ bool Connection::send(const HostWireHeader &request, Share::Pass &pass) {
     flags = MSG_NOSIGNAL;
   }
   return true;
+}
+
+// Sends the datagram with the file that is to be passed, if there is one.
+bool Connection::send_once(std::span<const uint8_t> datagram, int flags) {
+  if (!file_to_pass_) return host::send_datagram(socket_, datagram.data(), datagram.size(), flags) >= 0;
+  const int file = file_to_pass_.get();
+  iovec piece{.iov_base = const_cast<uint8_t *>(datagram.data()), .iov_len = datagram.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof file)] = {};
+  msghdr message{};
+  message.msg_iov = &piece;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  cmsghdr *head = CMSG_FIRSTHDR(&message);
+  head->cmsg_level = SOL_SOCKET;
+  head->cmsg_type = SCM_RIGHTS;
+  head->cmsg_len = CMSG_LEN(sizeof file);
+  std::memcpy(CMSG_DATA(head), &file, sizeof file);
+  const bool sent = sendmsg(socket_, &message, flags) >= 0;
+  if (!sent && errno != ETOOMANYREFS) return false;
+  file_to_pass_ = UniqueFd();
+  return sent || send_once(datagram, flags);  // too many files are on their way: the reply goes alone
 }
 
 // Requests and replies carry secrets; none outlives its exchange.

@@ -13,6 +13,8 @@
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
 #include "server/administration.h"
+#include "server/channel.h"
+#include "server/channels.h"
 #include "server/current_config.h"
 #include "server/frame.h"
 #include "server/users.h"
@@ -34,7 +36,7 @@ std::optional<Peer> peer_of(int socket);
 class Connection {
  public:
   Connection(handlers::Service &service, const handlers::Dispatcher &dispatcher, const Desk &desk,
-             const CurrentConfig &current_config, int socket, User &user, const Peer &peer);
+             const CurrentConfig &current_config, Channels &channels, int socket, User &user, const Peer &peer);
   ~Connection();
 
   // serve answers requests until the client leaves, misbehaves beyond repair, or the socket is shut down for reading.
@@ -45,6 +47,10 @@ class Connection {
   enum class Next { kAnswer, kHangUp };
 
   std::optional<size_t> receive();
+  std::optional<size_t> receive_by_socket();
+  std::optional<size_t> receive_by_channel();
+  std::optional<std::chrono::milliseconds> wait_limit() const;
+  void end_backup();
   bool peer_left() const;
   Share *share_for(const Frame &frame, const handlers::Row *row);
   bool is_timed(const handlers::Row *row) const;
@@ -52,7 +58,10 @@ class Connection {
   void answer_request(const Frame &frame);
   void wait_for_backup();
   void answer_hello(const Frame &frame);
+  void answer_channel(const Frame &frame);
   bool send(const HostWireHeader &request, Share::Pass &pass);
+  bool send_by_socket(std::span<const uint8_t> datagram, Share::Pass &pass);
+  bool send_once(std::span<const uint8_t> datagram, int flags);
   void cleanse(size_t received);
   void follow_configuration();
   void complain(LogLimiter::Kind kind, const char *what);
@@ -61,6 +70,7 @@ class Connection {
   const handlers::Dispatcher &dispatcher_;
   const Desk &desk_;
   const CurrentConfig &current_config_;
+  Channels &channels_;
   User &user_;
 
   const int socket_;
@@ -75,6 +85,13 @@ class Connection {
   handlers::Reply reply_;
   BackupSession backup_;
   bool backup_is_awaited_ = false;
+
+  // A channel that was made is the client's to use, which takes a seat; from the next request on, it is waited there.
+  std::unique_ptr<Channel> channel_;
+  std::optional<Channels::Seat> seat_;
+  bool waits_at_channel_ = false;
+  bool came_by_channel_ = false;  // the request that is being answered
+  UniqueFd file_to_pass_;         // with the next reply
 };
 
 }  // namespace ksd::server

@@ -21,6 +21,7 @@ struct Places {
   uint32_t of_unmapped = 0;
   uint32_t of_administrators = 0;
   uint32_t users = 0;
+  uint32_t channels = 0;
 };
 
 // Visitor is a user who is connected or has been lately, with what was asked for since.

@@ -30,6 +30,7 @@
 #include "server/counter_lines.h"
 #include "server/instance_lock.h"
 #include "server/listener.h"
+#include "server/memory_guard.h"
 #include "server/notify.h"
 #include "server/sandbox.h"
 #include "server/server.h"
@@ -179,9 +180,9 @@ class Daemon {
     notifier_.ready();
     std::optional<std::chrono::nanoseconds> next_start;
     while (!asked_to_end()) {
-      if (wait(sooner(next_start, notifier_.watch_interval()))) accept_some(server);
+      if (wait(sooner(next_start, notifier_.watch_interval()), server.channels_watched())) accept_some(server);
       notifier_.alive();
-      next_start = server.start_next();
+      next_start = sooner(server.start_next(), server.end_channels());
     }
     notifier_.stopping();
     close_socket();
@@ -238,14 +239,15 @@ class Daemon {
     listener_ = UniqueFd();
   }
 
-  // wait returns when there is a signal or a client, or at the latest after `longest`, and tells whether there is a
-  // client.
-  bool wait(std::optional<std::chrono::nanoseconds> longest) {
+  // wait returns when there is a signal, a client or the end of one, or at the latest after `longest`, and tells
+  // whether there is a client.
+  bool wait(std::optional<std::chrono::nanoseconds> longest, int channels_watched) {
     pollfd sources[] = {{.fd = signals_.get(), .events = POLLIN, .revents = 0},
-                        {.fd = out_of_descriptors_ ? -1 : listener_.get(), .events = POLLIN, .revents = 0}};
+                        {.fd = out_of_descriptors_ ? -1 : listener_.get(), .events = POLLIN, .revents = 0},
+                        {.fd = channels_watched, .events = POLLIN, .revents = 0}};
     if (out_of_descriptors_) longest = std::min(longest.value_or(kPauseWithoutDescriptors), kPauseWithoutDescriptors);
     const timespec limit = to_timespec(longest.value_or(std::chrono::nanoseconds(0)));
-    ppoll(sources, 2, longest ? &limit : nullptr, nullptr);
+    ppoll(sources, std::size(sources), longest ? &limit : nullptr, nullptr);
     out_of_descriptors_ = false;
     return sources[1].revents != 0;
   }
@@ -365,6 +367,7 @@ int run_daemon(const Options &options) {
   }
   set_log_level(parsed.config.log_level);
   harden_process();
+  catch_bus_errors();
   ask_for_short_turns();
   raise_descriptor_limit();
   try {

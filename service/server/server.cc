@@ -16,6 +16,9 @@ namespace {
 // Nothing tells when the last of several users has been gone for long enough, so it is looked for in between.
 constexpr std::chrono::seconds kLookForCrowd{5};
 
+// How soon a channel whose client undoes what is to end it is ended again.
+constexpr std::chrono::milliseconds kEndAgain{10};
+
 // How many threads wait for a connection, at most.
 constexpr uint32_t kMostIdle = 16;
 
@@ -100,12 +103,21 @@ void Server::finish() {
   // What has arrived is still read and answered; the clients' next sends fail without having been delivered.
   for (const int socket : sockets_) shutdown(socket, SHUT_RD);
   const auto all_ended = [this] { return sockets_.empty() && threads_ == 0; };
-  if (ended_.wait_for(lock, std::chrono::milliseconds(current_config_.snapshot()->stop_limit_ms), all_ended)) return;
+  const auto until = Clock::now() + std::chrono::milliseconds(current_config_.snapshot()->stop_limit_ms);
+  while (Clock::now() < until) {
+    channels_.end_all();
+    if (ended_.wait_until(lock, std::min(until, Clock::now() + kEndAgain), all_ended)) return;
+  }
   // A client that reads slowly, or not at all, could keep the service for as long as it likes. What it hasn't read by
   // now it doesn't get; what it asked to be stored is stored.
   tell(event::kRepliesNotTaken, "{} connections didn't take their replies in time; closing them", sockets_.size());
   for (const int socket : sockets_) shutdown(socket, SHUT_RDWR);
-  ended_.wait(lock, all_ended);
+  while (!ended_.wait_for(lock, kEndAgain, all_ended)) channels_.end_all();
+}
+
+std::optional<std::chrono::nanoseconds> Server::end_channels() noexcept {
+  if (channels_.end_those_left()) return kEndAgain;
+  return std::nullopt;
 }
 
 Users::Place Server::take_place(const Caller &caller, int socket) {
@@ -213,7 +225,8 @@ Session *Server::wait_for_another() noexcept {
 void Server::serve(Session *started) noexcept {
   const std::unique_ptr<Session> session(started);
   try {
-    Connection(service_, dispatcher_, desk_, current_config_, session->socket.get(), *session->user, session->peer)
+    Connection(service_, dispatcher_, desk_, current_config_, channels_, session->socket.get(), *session->user,
+               session->peer)
         .serve();
   } catch (const std::exception &) {
     Caller caller;
@@ -226,7 +239,9 @@ void Server::serve(Session *started) noexcept {
 
 Places Server::places() {
   const std::lock_guard lock(mutex_);
-  return users_.places();
+  Places places = users_.places();
+  places.channels = channels_.count();
+  return places;
 }
 
 std::vector<Visitor> Server::visitors(uid_t from, size_t most) {

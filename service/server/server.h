@@ -16,6 +16,7 @@
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
 #include "server/administration.h"
+#include "server/channels.h"
 #include "server/connection.h"
 #include "server/users.h"
 
@@ -52,6 +53,11 @@ class Server : private Crowd {
   // admission.
   std::optional<std::chrono::nanoseconds> start_next() noexcept;
 
+  // channels_watched becomes readable when a client with a channel has gone, which end_channels then looks after. It
+  // gives the time after which it is to be called again, if not then.
+  int channels_watched() const { return channels_.watched(); }
+  std::optional<std::chrono::nanoseconds> end_channels() noexcept;
+
   // finish lets every connection answer what it has received, then ends it, and returns when the last has ended.
   // Connections that aren't through within the configuration's stop_limit_ms are closed as they are.
   void finish();
@@ -84,7 +90,8 @@ class Server : private Crowd {
   const handlers::Dispatcher dispatcher_;
   const Desk desk_;
   LogLimiter unmapped_log_{16};  // a small one of its own: their numbers cost nothing
-  Queue<User> turns_;            // those who have connections waiting; of the thread that accepts
+  Channels channels_;
+  Queue<User> turns_;  // those who have connections waiting; of the thread that accepts
   std::mutex mutex_;
   std::condition_variable ended_;
   std::set<int> sockets_;

@@ -167,7 +167,12 @@ void look_at_answer(const Patient &patient, const Peer &peer, Findings &findings
   const pid_t pid = served_by(patient, peer);
   HostHelloReply hello{};
   const ksd::UniqueFd link(host::connect_to_service(patient.socket.c_str(), kHelloLimitMs, &hello));
-  if (link) return findings.good(fmt::format("process {} answers", pid));
+  if (link) {
+    const bool offered = (hello.offers & HOST_OFFERS_CHANNEL) != 0;
+    return findings.good(fmt::format("process {} answers; {}", pid,
+                                     offered ? "exchanges go by memory that is shared with it (a channel)"
+                                             : "exchanges go by the socket, since it offers no channel"));
+  }
   switch (errno) {
     case ETIMEDOUT:
       return findings.fault(fmt::format("process {} didn't answer in {} s", pid, kHelloLimitMs / 1000),

@@ -45,6 +45,7 @@ constexpr Section kMasterKey[] = {{{0, 1}, {1, 1}, Shown::kName}, {{2, 1}, {4, 2
 constexpr Message kMessages[] = {
     {HOST_OP_HELLO, "hello", 0, {}, Shown::kAlways, false},
     {HOST_OP_STATUS, "status", 0, {}, Shown::kAlways, false},
+    {HOST_OP_CHANNEL, "channel", 4, {}, Shown::kAlways, false, {{0, 4}, {}}},
     {KS_OP_GENERATE_RANDOM, "generate random", 8, {}, Shown::kNever, true, {{0, 1}, {4, 4}}},
     {KS_OP_STORE_SECRET, "store secret", 12, kStoreSecret, Shown::kNever, false},
     {KS_OP_ADD_METADATA, "add metadata", 6, kNameAndMetadata, Shown::kNever, false},

@@ -12,7 +12,16 @@
 namespace ksctl {
 namespace {
 
-void print_status_page(Session &session, const HostStatusReply &status, const std::vector<std::string> &warnings) {
+// How many connections have a channel; 0 with a service that knows none.
+uint64_t channels_of(ServiceLink &link) {
+  for (const HostLimitRecord &limit : records_of<HostLimitsReply, HostLimitRecord>(link.ask(HOST_OP_LIMITS)).records) {
+    if (text_in(limit.key) == "channels") return limit.used;
+  }
+  return 0;
+}
+
+void print_status_page(Session &session, const HostStatusReply &status, uint64_t channels,
+                       const std::vector<std::string> &warnings) {
   std::string page;
   for (const std::string &warning : warnings) page += session.output.alarm("! " + printable(warning)) + "\n";
   const auto line = [&](const char *name, const std::string &text) {
@@ -22,8 +31,8 @@ void print_status_page(Session &session, const HostStatusReply &status, const st
                               duration_in_words(status.up_ms / 1000)));
   line("socket", session.socket);
   line("configuration", fmt::format("{}, loaded {}", text_in(status.config), time_text(status.config_loaded_at)));
-  line("connections", fmt::format("{}, {} {}", share_text(status.connections, status.connection_limit), status.users,
-                                  status.users == 1 ? "user" : "users"));
+  line("connections", fmt::format("{}, {} {}, {} by a channel", share_text(status.connections, status.connection_limit),
+                                  status.users, status.users == 1 ? "user" : "users", channels));
   line("entries", share_text(status.entries, status.entry_limit));
   line("bytes", size_share_text(status.bytes, status.byte_limit));
   line("vault",
@@ -35,9 +44,11 @@ void print_status_page(Session &session, const HostStatusReply &status, const st
 }
 
 void status(Session &session, const Arguments &) {
-  const auto status = ServiceLink(session.socket).ask_for<HostStatusReply>(HOST_OP_STATUS);
+  ServiceLink link(session.socket);
+  const auto status = link.ask_for<HostStatusReply>(HOST_OP_STATUS);
+  const uint64_t channels = channels_of(link);
   const std::vector<std::string> warnings = warnings_of(status);
-  if (session.output.format() == Format::kTerminal) return print_status_page(session, status, warnings);
+  if (session.output.format() == Format::kTerminal) return print_status_page(session, status, channels, warnings);
 
   const auto has = [&](uint32_t flag) { return (status.flags & flag) != 0; };
   const auto text_or_null = [](const std::string &text) { return text.empty() ? Value() : Value(text); };
@@ -48,8 +59,10 @@ void status(Session &session, const Arguments &) {
       {"version", version_text(status.service_version)},
       {"started_at", status.started_at},
       {"up_seconds", status.up_ms / 1000},
-      {"connections",
-       Object{{"open", status.connections}, {"limit", status.connection_limit}, {"users", status.users}}},
+      {"connections", Object{{"open", status.connections},
+                             {"limit", status.connection_limit},
+                             {"users", status.users},
+                             {"channels", channels}}},
       {"entries", Object{{"stored", status.entries}, {"limit", status.entry_limit}}},
       {"bytes", Object{{"stored", status.bytes}, {"limit", status.byte_limit}}},
       {"vault", Object{{"file", text_in(status.vault)},

@@ -116,10 +116,37 @@ bool wait_readable(int socket, const Deadline &deadline) {
   return false;
 }
 
-// Both an empty datagram and a closed connection are received as 0 bytes.
-bool peer_is_gone(int socket) {
-  pollfd state = {.fd = socket, .events = POLLRDHUP, .revents = 0};
-  return poll(&state, 1, 0) != 0;
+// What a receive of at most `size` bytes gives, when it gave a datagram. Both an empty one and a closed connection are
+// received as 0 bytes.
+ssize_t checked(int socket, ssize_t received, size_t size) {
+  if (received == 0) {
+    errno = has_hung_up(socket) ? ECONNRESET : EPROTO;
+    return -1;
+  }
+  if (static_cast<size_t>(received) > size) {
+    errno = EMSGSIZE;
+    return -1;
+  }
+  return received;
+}
+
+// Takes the file out of what came along with a datagram, or -1. The room for one may hold two.
+int file_of(msghdr *message) {
+  int kept = -1;
+  for (cmsghdr *part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
+    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; i++) {
+      int file;
+      memcpy(&file, CMSG_DATA(part) + i * sizeof file, sizeof file);
+      if (kept < 0) {
+        kept = file;
+      } else {
+        close(file);
+      }
+    }
+  }
+  return kept;
 }
 
 }  // namespace
@@ -183,16 +210,39 @@ ssize_t receive(int socket, void *buffer, size_t size, const Deadline &deadline,
     if (!wait_readable(socket, deadline)) return -1;
     received = receive_datagram(socket, buffer, size, MSG_TRUNC | MSG_DONTWAIT);
   }
+  return received < 0 ? -1 : checked(socket, received, size);
+}
+
+ssize_t receive_with_file(int socket, void *buffer, size_t size, const Deadline &deadline, int *out_file) {
+  *out_file = -1;
+  iovec piece = {.iov_base = buffer, .iov_len = size};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+  msghdr message;
+  ssize_t received;
+  do {
+    if (!wait_readable(socket, deadline)) return -1;
+    message = {};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    received = recvmsg(socket, &message, MSG_TRUNC | MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  } while (received < 0 && (errno == EINTR || errno == EAGAIN));
   if (received < 0) return -1;
-  if (received == 0) {
-    errno = peer_is_gone(socket) ? ECONNRESET : EPROTO;
-    return -1;
-  }
-  if (static_cast<size_t>(received) > size) {
-    errno = EMSGSIZE;
-    return -1;
+  *out_file = file_of(&message);
+  received = checked(socket, received, size);
+  if (received < 0 && *out_file >= 0) {
+    const int why = errno;
+    close(*out_file);
+    *out_file = -1;
+    errno = why;
   }
   return received;
+}
+
+bool has_hung_up(int socket) {
+  pollfd state = {.fd = socket, .events = POLLRDHUP, .revents = 0};
+  return poll(&state, 1, 0) != 0;
 }
 
 bool is_reply(const void *datagram, size_t size) {

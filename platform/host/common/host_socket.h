@@ -70,6 +70,13 @@ inline int connect_to_service(const char *path, uint32_t limit_ms, HostHelloRepl
 // `fresh_limit` says that the socket's own receive limit is the deadline: then the first wait is left to it.
 ssize_t receive(int socket, void *buffer, size_t size, const Deadline &deadline, bool fresh_limit);
 
+// receive_with_file is that for a datagram which may bring a file along. `out_file` is -1 when it brings none; of
+// several it is the first, and the others are closed.
+ssize_t receive_with_file(int socket, void *buffer, size_t size, const Deadline &deadline, int *out_file);
+
+// has_hung_up tells whether the other end is gone.
+bool has_hung_up(int socket);
+
 // is_reply looks whether the `size` bytes at `datagram` are a whole reply to anything.
 bool is_reply(const void *datagram, size_t size);
 

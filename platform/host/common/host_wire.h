@@ -28,6 +28,9 @@
 #define HOST_OP_CHANGE_MASTER_KEY UINT32_C(18)
 #define HOST_OP_MASTER_KEY_CHANGE UINT32_C(19)
 
+/* For everybody whom the hello offers a channel. */
+#define HOST_OP_CHANNEL UINT32_C(64)
+
 /* The largest datagram either end sends: header, and a payload whose lengths are 16 bits wide with room to spare for
  * names and descriptors (a store has two 16-bit lengths). Both ends size their socket buffers for it. */
 #define HOST_WIRE_MAX_PAYLOAD (UINT32_C(192) * 1024)
@@ -55,12 +58,59 @@ typedef struct {
   uint32_t result;           /* KS_SUCCESS */
   uint32_t vdc_id;           /* the caller's, or HOST_NO_VDC */
   uint32_t receive_limit_ms; /* 0: the client's default, 30 s */
-  uint32_t service_version;  /* major * 256 + minor */
+  uint16_t service_version;  /* major * 256 + minor */
+  uint16_t offers;           /* HOST_OFFERS_...; 0 of a service that knows none */
   char running_cfg_uri[224]; /* below which the caller's databases lie: "lmdb:///dir"; empty for none */
 } HostHelloReply;
 
+#define HOST_OFFERS_CHANNEL 1
+
 #define HOST_NO_VDC UINT32_C(0xffff)
 KS_STATIC_ASSERT(sizeof(HostHelloReply) == 240);
+
+/* A channel is memory of one connection that both ends map, through which datagrams go instead of the socket. The
+ * client asks for it with HOST_OP_CHANNEL, first with the step "make", whose reply brings the memory's file
+ * (SCM_RIGHTS), and when it has mapped that with the step "use". From the reply to this on, each exchange goes through
+ * the channel. The socket stays: its end is the end of the connection, and a datagram that is too large for its area
+ * goes there. */
+typedef struct {
+  uint32_t step;
+} HostChannelDescriptor;
+
+#define HOST_CHANNEL_MAKE UINT32_C(1)
+#define HOST_CHANNEL_USE UINT32_C(2)
+
+typedef struct {
+  uint32_t result; /* KS_SUCCESS; anything else: all goes on by the socket */
+  uint32_t size;   /* of a HostChannel */
+} HostChannelReply;
+
+/* HostChannelEnd tells what lies in one of the two areas. The client writes the end of requests, the service that of
+ * replies; the flags are set by both. A reply repeats its request's serial number. */
+typedef struct {
+  uint32_t word; /* a serial number below the flags; both ends wait for a change of it (futex) */
+  uint32_t size; /* of the datagram, or HOST_CHANNEL_ON_SOCKET */
+  uint8_t reserved[56];
+} HostChannelEnd;
+
+#define HOST_CHANNEL_WAITING (UINT32_C(1) << 31) /* whoever changes the word wakes who waits for it */
+#define HOST_CHANNEL_OVER (UINT32_C(1) << 30)    /* nobody will look at what comes after this */
+#define HOST_CHANNEL_TAKEN (UINT32_C(1) << 29)   /* of a request: the service has it */
+#define HOST_CHANNEL_SERIAL (HOST_CHANNEL_TAKEN - 1)
+#define HOST_CHANNEL_ON_SOCKET UINT32_MAX /* the datagram is sent on the socket, before the word is written */
+
+typedef struct {
+  HostChannelEnd request;
+  HostChannelEnd reply;
+  uint8_t request_area[8192 - 2 * sizeof(HostChannelEnd)];
+  uint8_t reply_area[8192];
+} HostChannel;
+
+KS_STATIC_ASSERT(sizeof(HostChannelDescriptor) == 4);
+KS_STATIC_ASSERT(sizeof(HostChannelReply) == 8);
+KS_STATIC_ASSERT(sizeof(HostChannelEnd) == 64);
+KS_STATIC_ASSERT(offsetof(HostChannel, reply_area) == 8192);
+KS_STATIC_ASSERT(sizeof(HostChannel) == 16384);
 
 /* The replies to administration messages. Texts are NUL-terminated; of one that doesn't fit the beginning stands there
  * and "..." behind it, of a path its end and "..." in front. Times are seconds since 1970; up_ms is how long the

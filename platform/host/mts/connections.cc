@@ -12,6 +12,7 @@
 #include <cstring>
 #include <new>
 
+#include "channel.h"
 #include "host_fork.h"
 #include "host_socket.h"
 
@@ -39,6 +40,8 @@ constexpr uint32_t kEmpty = 0;     // no connection
 constexpr uint32_t kIdle = 1;      // a connection that nobody uses
 constexpr uint32_t kOwned = 2;     // somebody's, with or without a connection
 constexpr uint32_t kAwaiting = 3;  // the request is sent; belongs to who holds the token
+
+constexpr uint32_t kExchangesBeforeChannel = 16;
 
 constexpr uint32_t kChunkSlots = 64;
 constexpr uint32_t kChunkCount = (1 << kIndexBits) / kChunkSlots;
@@ -80,13 +83,20 @@ void close_socket(Slot *slot) {
   slot->socket = -1;
 }
 
+void close_connection(Slot *slot) {
+  if (slot->channel != nullptr) unmap_channel(slot->channel);
+  slot->channel = nullptr;
+  close_socket(slot);
+}
+
 Slot *slot_at(const Pool *pool, uint32_t index) {
   Slot *chunk = pool->chunks[index / kChunkSlots].load(std::memory_order_acquire);
   return chunk == nullptr ? nullptr : chunk + index % kChunkSlots;
 }
 
 // Every process that is forked from one which sends gets a pool of its own. The child closes its copies of the
-// connections, so that they end when the parent closes them, and leaves the parent's exchanges alone.
+// sockets, so that the connections end when the parent closes them, and leaves the parent's exchanges alone. It has no
+// copy of a channel.
 Pool *make_pool(Pool *inherited, uint32_t generation) {
   auto *pool = static_cast<Pool *>(calloc(1, sizeof(Pool)));
   if (pool == nullptr) return nullptr;
@@ -242,7 +252,7 @@ Slot *take() {
 }
 
 bool open(Slot *slot, host::Obstacle *obstacle) {
-  close_socket(slot);
+  close_connection(slot);
   KnownPath *path = current_path.load(std::memory_order_acquire);
   if (slot->buffer == nullptr) slot->buffer = make_buffer();
   if (path == nullptr || slot->buffer == nullptr) {
@@ -258,6 +268,7 @@ bool open(Slot *slot, host::Obstacle *obstacle) {
   slot->identity = identity_of(socket);
   slot->path = path;
   slot->receive_limit_ms = hello.receive_limit_ms;
+  slot->until_channel = (hello.offers & HOST_OFFERS_CHANNEL) != 0 ? kExchangesBeforeChannel : 0;
   path->receive_limit_ms.store(hello.receive_limit_ms, std::memory_order_relaxed);
   return true;
 }
@@ -266,8 +277,16 @@ bool owns_socket(const Slot *slot) {
   return slot->socket >= 0 && identity_of(slot->socket) == slot->identity;
 }
 
-bool is_usable(const Slot *slot) {
-  return slot->path == current_path.load(std::memory_order_acquire) && owns_socket(slot);
+bool is_usable(const Slot *slot, bool by_channel) {
+  return slot->path == current_path.load(std::memory_order_acquire) && (by_channel || owns_socket(slot));
+}
+
+int grow(Slot *slot, bool fits) {
+  if (slot->until_channel == 0) return 0;
+  slot->until_channel = fits ? slot->until_channel - 1 : kExchangesBeforeChannel;
+  if (slot->until_channel > 0) return 0;
+  slot->channel_serial = 0;
+  return agree_on_channel(slot->socket, host::Deadline::in_ms(slot->receive_limit_ms), &slot->channel);
 }
 
 uint32_t next_token(Slot *slot) {
@@ -300,7 +319,7 @@ void give_back(Slot *slot) {
 }
 
 void close_and_give_back(Slot *slot) {
-  close_socket(slot);
+  close_connection(slot);
   give_back(slot);
 }
 

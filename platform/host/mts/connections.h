@@ -44,6 +44,11 @@ struct alignas(64) Slot {
   uint8_t *buffer;     // HOST_WIRE_MAX_DATAGRAM bytes, mapped: touched as far as messages go
   size_t buffer_used;  // bytes of `buffer` that may hold something of an exchange
 
+  HostChannel *channel;     // null: exchanges go by the socket
+  uint32_t channel_serial;  // of the last exchange in it
+  bool by_channel;          // the exchange in progress goes through it
+  uint32_t until_channel;   // exchanges on the connection until a channel is asked for; 0: it isn't
+
   // Of the exchange in progress:
   uint64_t sent_at;             // in the processor's own ticks
   const HostReplyShape *shape;  // of its reply
@@ -67,12 +72,18 @@ Slot *take();
 // with errno and what was in the way.
 bool open(Slot *slot, host::Obstacle *obstacle);
 
+// grow asks for a channel when the connection has had some exchanges in a row that fit into one, of which this one is
+// to be the next: what a short-lived program connects for is over before it would pay. Returns 0 or an error number,
+// with which the connection can't be used any more.
+int grow(Slot *slot, bool fits);
+
 // owns_socket tells whether the slot's descriptor is still its socket. A program that closes what it doesn't know, and
 // then opens files of its own, gets its numbers: what was meant for the service would go there.
 bool owns_socket(const Slot *slot);
 
-// is_usable tells whether the slot has a connection to where the service is now. (It may have been closed there.)
-bool is_usable(const Slot *slot);
+// is_usable tells whether the slot has a connection to where the service is now. (It may have been closed there.) What
+// goes through a channel goes nowhere else, whatever became of the socket's number.
+bool is_usable(const Slot *slot, bool by_channel);
 
 // next_token begins an exchange in the caller's slot and returns its token, never 0.
 uint32_t next_token(Slot *slot);

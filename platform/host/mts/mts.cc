@@ -2,7 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The message service over one Unix socket: a request is a datagram of header, descriptor and sections, and so is its
-// reply. An exchange takes a connection of the pool in mts_send and gives it back in mts_recv.
+// reply. An exchange takes a connection of the pool in mts_send and gives it back in mts_recv. A connection that is
+// used more than a few times has a channel (channel.h), through which all go that aren't too large for it.
 #include "mts.h"
 
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "channel.h"
 #include "connections.h"
 #include "host_datagram.h"
 #include "host_message.h"
@@ -99,13 +101,21 @@ uint8_t *append(uint8_t *out, const void *data, size_t size) {
   return out + size;
 }
 
-ssize_t send_copied(Slot *slot, const Request &request) {
-  uint8_t *end = append(slot->buffer, &request.header, sizeof request.header);
-  end = append(end, request.descriptor, request.header.descriptor_size);
+uint32_t size_of(const Request &request) {
+  return static_cast<uint32_t>(sizeof request.header) + request.header.payload_size;
+}
+
+void copy_together(uint8_t *out, const Request &request) {
+  out = append(out, &request.header, sizeof request.header);
+  out = append(out, request.descriptor, request.header.descriptor_size);
   for (uint32_t i = 0; i < request.section_count; i++) {
-    end = append(end, request.sections[i].data, request.sections[i].length);
+    out = append(out, request.sections[i].data, request.sections[i].length);
   }
-  slot->buffer_used = static_cast<size_t>(end - slot->buffer);
+}
+
+ssize_t send_copied(Slot *slot, const Request &request) {
+  copy_together(slot->buffer, request);
+  slot->buffer_used = size_of(request);
   return host::send_datagram(slot->socket, slot->buffer, slot->buffer_used, MSG_NOSIGNAL);
 }
 
@@ -128,7 +138,7 @@ ssize_t send_gathered(const Slot *slot, const Request &request) {
 }
 
 // Returns 0 or an error number. A datagram goes whole or not at all.
-int send_request(Slot *slot, const Request &request) {
+int send_by_socket(Slot *slot, const Request &request) {
   const bool copied = request.header.payload_size <= kCopiedTogether || request.section_count > kGatheredSections;
   ssize_t sent;
   do {
@@ -136,6 +146,21 @@ int send_request(Slot *slot, const Request &request) {
   } while (sent < 0 && errno == EINTR);
   if (sent >= 0) return 0;
   return errno == EAGAIN ? ETIMEDOUT : errno;
+}
+
+bool goes_by_channel(const Slot *slot, const Request &request) {
+  return slot->channel != nullptr && mts::fits_into_channel(size_of(request));
+}
+
+int send_request(Slot *slot, const Request &request) {
+  slot->by_channel = goes_by_channel(slot, request);
+  if (slot->by_channel) {
+    copy_together(slot->channel->request_area, request);
+    return mts::post_request(slot, size_of(request));
+  }
+  const int error = send_by_socket(slot, request);
+  // The service waits at the channel.
+  return error == 0 && slot->channel != nullptr ? mts::post_request(slot, HOST_CHANNEL_ON_SOCKET) : error;
 }
 
 // Whether a failed send tells that the connection had ended before: the service restarted or closed it while it was
@@ -189,9 +214,11 @@ struct Attempt {
 
 // Sends on the slot's connection, or on a new one when there is none or it had ended.
 Attempt send_on(Slot *slot, const Request &request) {
-  if (mts::is_usable(slot)) {
-    const int error = send_request(slot, request);
-    if (error == 0 || !had_ended(error)) return {.error = error, .step = Step::kSend, .obstacle = {}};
+  if (mts::is_usable(slot, goes_by_channel(slot, request))) {
+    const int not_grown = mts::grow(slot, mts::fits_into_channel(size_of(request)));
+    const int error = not_grown != 0 ? not_grown : send_request(slot, request);
+    const bool elsewhere = had_ended(error) || (not_grown != 0 && not_grown != ETIMEDOUT);
+    if (error == 0 || !elsewhere) return {.error = error, .step = Step::kSend, .obstacle = {}};
   }
   Attempt attempt = {.error = 0, .step = Step::kConnect, .obstacle = {}};
   if (!mts::open(slot, &attempt.obstacle)) {
@@ -214,6 +241,12 @@ uint32_t failed_receive(const Slot *slot, int error) {
   return failed(Step::kReceive, error, mts::path_of(slot), error == ETIMEDOUT ? slot->receive_limit_ms : slot->opcode);
 }
 
+HostWireHeader header_of(const Slot *slot) {
+  HostWireHeader header;
+  memcpy(&header, slot->buffer, sizeof header);
+  return header;
+}
+
 // The next datagram, in the slot's buffer. Returns its size, or 0 with errno.
 size_t receive_datagram(Slot *slot, const host::Deadline &deadline, bool first) {
   const ssize_t received = host::receive(slot->socket, slot->buffer, HOST_WIRE_MAX_DATAGRAM, deadline, first);
@@ -223,21 +256,40 @@ size_t receive_datagram(Slot *slot, const host::Deadline &deadline, bool first) 
   return received < 0 ? 0 : came;
 }
 
-// Receives the reply and stores it in `reply`, whose payload is a heap block of its own. Returns 0 or an error number;
-// only without memory can the connection be used again.
-int receive_reply(Slot *slot, Message *reply) {
-  if (ticks() - slot->sent_at > kNoTimeForAnything && !mts::owns_socket(slot)) return EBADF;
+// Receives by the socket until there is the token's reply, whole, in the slot's buffer. Returns 0 or an error number.
+int receive_by_socket(Slot *slot, uint32_t token) {
   const host::Deadline deadline = host::Deadline::in_ms(slot->receive_limit_ms);
-  HostWireHeader header;
   for (bool first = true;; first = false) {
     const size_t size = receive_datagram(slot, deadline, first);
     if (size == 0) return errno;
     if (!host::is_reply(slot->buffer, size)) return EPROTO;
-    memcpy(&header, slot->buffer, sizeof header);
-    if (header.token == reply->token) break;
+    const uint32_t of = header_of(slot).token;
+    if (of == token) return 0;
     // An answer too many to an earlier request is no answer to this one, and no reason to give it up.
-    if (!mts::is_earlier(header.token, reply->token)) return EPROTO;
+    if (!mts::is_earlier(of, token)) return EPROTO;
   }
+}
+
+// The same by the channel, where nothing can be left of an earlier exchange.
+int receive_by_channel(Slot *slot, uint32_t token) {
+  slot->buffer_used = mts::copy_answer(slot);
+  return host::is_reply(slot->buffer, slot->buffer_used) && header_of(slot).token == token ? 0 : EPROTO;
+}
+
+int receive_datagram_of(Slot *slot, uint32_t token) {
+  if (slot->by_channel) {
+    if (const int error = mts::await_answer(slot); error != 0) return error;
+    if (!mts::answer_is_on_socket(slot)) return receive_by_channel(slot, token);
+  }
+  const bool looked_at = !slot->by_channel && ticks() - slot->sent_at <= kNoTimeForAnything;
+  return looked_at || mts::owns_socket(slot) ? receive_by_socket(slot, token) : EBADF;
+}
+
+// Receives the reply and stores it in `reply`, whose payload is a heap block of its own. Returns 0 or an error number;
+// only without memory can the connection be used again.
+int receive_reply(Slot *slot, Message *reply) {
+  if (const int error = receive_datagram_of(slot, reply->token); error != 0) return error;
+  const HostWireHeader header = header_of(slot);
   if (header.opcode != slot->opcode || header.payload_size < sizeof(KsResult)) return EPROTO;
   const uint8_t *payload = slot->buffer + sizeof header;
   if (!has_shape(slot, payload, header.payload_size)) return EBADMSG;

@@ -256,7 +256,7 @@ TEST_F(WirePage, ShowsTheMessagesOfPacs) {
 
 // The greeting has a test of its own; administrators' messages and faulty datagrams are none that a library sends.
 TEST_F(WirePage, ShowsNoOtherRequests) {
-  shown = {"hello", "status", "counters", "latencies", "users", "owners", "limits", "checkpoint", "reload"};
+  shown = {"hello", "channel", "status", "counters", "latencies", "users", "owners", "limits", "checkpoint", "reload"};
   exchange_with_device();
   exchange_with_secret_store();
   exchange_with_ciphers_and_digests();
@@ -282,6 +282,29 @@ TEST(WirePageHello, IsWhatClientsSendAndUnderstand) {
   }));
   service.stop();
   EXPECT_EQ(greeting, request_of("hello"));
+}
+
+TEST(WirePageChannel, IsAskedForAsThePageShows) {
+  const TemporaryFolder folder;
+  FakeService service(folder.path() + "/s");
+  Octets asked;
+  service.hello.offers = HOST_OFFERS_CHANNEL;
+  service.handler = [&](int socket, const FakeService::Request &request) {
+    if (request.header.opcode != HOST_OP_CHANNEL) return FakeService::reply(socket, request, reply_of("random"));
+    asked = request.datagram;
+    return FakeService::reply(socket, request, reply_of("channel"));  // without a file: all goes on by the socket
+  };
+  service.start();
+
+  EXPECT_TRUE(passes_in_child([&] {
+    setenv("KS_SOCKET", (folder.path() + "/s").c_str(), 1);
+    bool good = ks_init(0, 1, 0) == kSuccess;
+    uint8_t random[4];
+    for (int i = 0; i < 40; i++) good = good && ks_generate_random_number(random, 4, 0) == kSuccess;
+    return good;
+  }));
+  service.stop();
+  EXPECT_EQ(asked, request_of("channel"));
 }
 
 }  // namespace

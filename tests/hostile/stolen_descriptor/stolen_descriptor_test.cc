@@ -12,12 +12,15 @@
 
 namespace {
 
-TEST(StolenDescriptor, GetsNoSecretAndStopsNobody) {
+// By the number of exchanges that the program has had before, few or so many that its connection has a channel.
+class StolenDescriptor : public testing::TestWithParam<int> {};
+
+TEST_P(StolenDescriptor, GetsNoSecretAndStopsNobody) {
   const ks_test::ServiceProcess service;
   setenv("KS_SOCKET", service.socket().c_str(), 1);
   ASSERT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
   uint8_t random[16];
-  ASSERT_EQ(ks_generate_random_number(random, 16, 0), KS_SUCCESS);
+  for (int i = 0; i < GetParam(); ++i) ASSERT_EQ(ks_generate_random_number(random, 16, 0), KS_SUCCESS);
 
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
@@ -33,5 +36,7 @@ TEST(StolenDescriptor, GetsNoSecretAndStopsNobody) {
   char byte;
   EXPECT_LT(recv(other_end, &byte, 1, MSG_DONTWAIT), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(BySocketAndByChannel, StolenDescriptor, testing::Values(1, 40));
 
 }  // namespace

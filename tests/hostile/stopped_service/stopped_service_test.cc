@@ -12,14 +12,17 @@
 
 namespace {
 
-TEST(StoppedService, IsWaitedForAsLongAsItAskedFor) {
+// By the number of exchanges that the program has had before, few or so many that its connection has a channel.
+class StoppedService : public testing::TestWithParam<int> {};
+
+TEST_P(StoppedService, IsWaitedForAsLongAsItAskedFor) {
   ks_test::ServiceSetup setup;
   setup.config = "[service]\nreceive_limit_ms = 300\n";
   ks_test::ServiceProcess service(setup);
   setenv("KS_SOCKET", service.socket().c_str(), 1);
   ASSERT_EQ(ks_init(0, 1, 0), KS_SUCCESS);
   uint8_t random[16];
-  ASSERT_EQ(ks_generate_random_number(random, 16, 0), KS_SUCCESS);
+  for (int i = 0; i < GetParam(); ++i) ASSERT_EQ(ks_generate_random_number(random, 16, 0), KS_SUCCESS);
 
   service.pause();
   const auto start = std::chrono::steady_clock::now();
@@ -28,5 +31,7 @@ TEST(StoppedService, IsWaitedForAsLongAsItAskedFor) {
   service.resume();
   EXPECT_EQ(ks_generate_random_number(random, 16, 0), KS_SUCCESS);
 }
+
+INSTANTIATE_TEST_SUITE_P(BySocketAndByChannel, StoppedService, testing::Values(1, 40));
 
 }  // namespace

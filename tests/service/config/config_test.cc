@@ -81,6 +81,7 @@ connections_per_user = 8
 connections_unmapped = 7
 connections_administrators = 1
 connects_per_second = 6
+channels = 10
 requests_per_user = 5
 changes_per_user = 4
 entries = 4
@@ -103,7 +104,7 @@ debug = [255]
   EXPECT_EQ(config.send_limit_ms, 200u);
   EXPECT_EQ(config.silence_limit_ms, 300u);
   EXPECT_EQ(config.supstate, 2u);
-  EXPECT_EQ(config.limits, (ksd::config::Limits{9, 8, 7, 1, 6, 5, 4, 4, 3, 6, 5}));
+  EXPECT_EQ(config.limits, (ksd::config::Limits{9, 8, 7, 1, 6, 10, 5, 4, 4, 3, 6, 5}));
   EXPECT_TRUE(config.gates.record[103] && config.gates.record[0] && !config.gates.record[100]);
   EXPECT_TRUE(config.gates.debug[255]);
 }

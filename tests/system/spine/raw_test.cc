@@ -80,7 +80,7 @@ TEST_F(Raw, GreetsWithVdcLimitVersionAndCache) {
   const RawReply reply = reply_to(bytes(kHello));
   ASSERT_THAT(reply.payload, SizeIs(240));
   EXPECT_THAT(Datagram(reply.payload.begin(), reply.payload.begin() + 16),
-              ElementsAre(1, 0, 0, 0, 7, 0, 0, 0, 0x30, 0x75, 0, 0, 0, 1, 0, 0));  // VDC 7, 30000 ms, 1.0
+              ElementsAre(1, 0, 0, 0, 7, 0, 0, 0, 0x30, 0x75, 0, 0, 0, 1, 1, 0));  // VDC 7, 30000 ms, 1.0, a channel
   EXPECT_STREQ(reinterpret_cast<const char *>(reply.payload.data()) + 16,
                ("lmdb://" + service->cache_folder()).c_str());
 }

@@ -69,8 +69,16 @@ TEST(KsctlDoctor, FindsNothingWrongWithAHealthyService) {
   EXPECT_EQ(run.status, 0) << run.output << run.errors;
   EXPECT_THAT(run.output, Not(HasSubstr("\tfault\t")));
   EXPECT_THAT(run.output, Not(HasSubstr("not looked at")));
-  EXPECT_THAT(run.output,
-              HasSubstr("service\tgood\tprocess " + number(static_cast<uint64_t>(service.pid())) + " answers\t\n"));
+  EXPECT_THAT(run.output, HasSubstr("service\tgood\tprocess " + number(static_cast<uint64_t>(service.pid())) +
+                                    " answers; exchanges go by memory that is shared with it (a channel)\t\n"));
+}
+
+TEST(KsctlDoctor, TellsThatExchangesGoByTheSocketWhereThereAreNoChannels) {
+  ServiceSetup setup = with_files();
+  setup.config.insert(setup.config.find("connections ="), "channels = 0\n");
+  const ServiceProcess service(setup);
+
+  EXPECT_THAT(doctor(service).output, HasSubstr("answers; exchanges go by the socket, since it offers no channel\t\n"));
 }
 
 TEST(KsctlDoctor, ChangesNothingAboutTheVault) {

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "ksctl.h"
+#include "service/raw_channel.h"
 #include "terminal.h"
 
 namespace {
@@ -40,7 +41,16 @@ TEST(KsctlStatus, TellsAnAdministratorHowTheServiceIs) {
   EXPECT_THAT(run.output, HasSubstr("socket\t" + service.socket() + "\n"));
   EXPECT_THAT(run.output, HasSubstr("pid\t" + std::to_string(service.pid()) + "\n"));
   EXPECT_THAT(run.output, HasSubstr("connections.open\t1\n"));
+  EXPECT_THAT(run.output, HasSubstr("connections.channels\t0\n"));
   EXPECT_THAT(run.output, HasSubstr("entries.stored\t0\n"));
+}
+
+TEST(KsctlStatus, TellsHowManyConnectionsHaveAChannel) {
+  const ServiceProcess service(with_administrator());
+  ks_test::RawClient client(service.socket());
+  const ks_test::RawChannel channel(client);
+
+  EXPECT_THAT(ksctl(service.socket(), {"status"}).output, HasSubstr("connections.channels\t1\n"));
 }
 
 TEST(KsctlStatus, PrintsOneObjectOfJson) {
@@ -132,6 +142,7 @@ TEST(KsctlLimits, TellsEachWithItsUse) {
   EXPECT_THAT(run.output, HasSubstr("entries\t1\t4\t25\t-\n"));
   EXPECT_THAT(run.output, HasSubstr("entries_per_user\t1\t4\t25\t" + std::to_string(getuid()) + "\n"));
   EXPECT_THAT(run.output, HasSubstr("connects_per_second\t-\t4000\t-\t-\n"));
+  EXPECT_THAT(run.output, HasSubstr("channels\t0\t1024\t0\t-\n"));
 }
 
 TEST(KsctlStats, CountsWhatWasAskedFor) {
