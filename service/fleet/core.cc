@@ -230,17 +230,11 @@ void Core::take_report(const Refused &report) {
   const auto sent = attempt_->sent.find(report.id);
   if (sent == attempt_->sent.end()) return;
   attempt_->under_way = false;
-  ++counts_.lost;
-  ++lost_in_a_row_;
   const uint64_t version = attempt_->version;
   note_header({.sent = sent->second, .incarnation = attempt_->incarnation, .version = version}, report.header);
   if (lasts(lasting_) || !attempt_) return;
   attempt_->refused = memory_.header().version == version && known_version_ > version;
   attempt_->again_at = now_ + kRetryPause;  // where it was refused for no reason that shows
-  if (lost_in_a_row_ >= kLostBeforeMark && now_ - marked_at_ >= kWaitMarkInterval) {
-    marked_at_ = now_;
-    send_beat(true);
-  }
 }
 
 void Core::take_report(const Failed &report) {
@@ -475,13 +469,24 @@ void Core::settle() {
   const WriterMark *mine = header.mark_of(options_.machine);
   const bool happened = attempt_->writes && mine != nullptr && mine->session == options_.session &&
                         mine->sequence == attempt_->sequence && !is(Mutant::kRetryAfterUnknown);
-  if (!happened) return decide_again();
+  if (!happened) {
+    if (attempt_->writes) lose();
+    return decide_again();
+  }
   ++counts_.commits;
   lost_in_a_row_ = 0;
   for (const Decided &one : attempt_->changes) {
     if (!one.answered) answer(one.change.ticket, one.result);
   }
   attempt_.reset();
+}
+
+// lose counts that another machine came before, and asks the others to pause when that happens again and again.
+void Core::lose() {
+  ++counts_.lost;
+  if (++lost_in_a_row_ < kLostBeforeMark || now_ - marked_at_ < kWaitMarkInterval) return;
+  marked_at_ = now_;
+  send_beat(true);
 }
 
 // ---- Changes ----
@@ -522,12 +527,15 @@ void Core::give_up_late_ones() {
   }
   const bool may_have_happened = attempt_->writes && (attempt_->in_doubt || attempt_->under_way || attempt_->refused);
   const KsResult unknown = is(Mutant::kSuccessWhenUnknown) ? KS_SUCCESS : KS_TIMEOUT;
+  bool some_given_up = false;
   for (Decided &one : attempt_->changes) {
     const bool is_late = may_have_happened ? now_ >= one.change.deadline : is_over(one.change);
     if (one.answered || !is_late) continue;
-    one.answered = true;
+    one.answered = some_given_up = true;
     answer(one.change.ticket, may_have_happened ? unknown : KS_FW_COMM_ERROR);
   }
+  // What was given up must not be sent any more, with the others.
+  if (some_given_up && !may_have_happened) return decide_again();
   drop_attempt_if_answered();
 }
 

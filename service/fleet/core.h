@@ -29,9 +29,9 @@ namespace ksd::fleet {
 using Time = std::chrono::nanoseconds;
 
 struct CoreOptions {
-  std::string machine;
+  std::string machine = {};
   uint64_t session = 0;  // drawn at each start
-  std::shared_ptr<const SecretBytes> master_key;
+  std::shared_ptr<const SecretBytes> master_key = nullptr;
   std::optional<FleetId> fleet = std::nullopt;  // nothing: that of the first header
   std::optional<FleetId> make = std::nullopt;   // makes the fleet where there is none at all, under this id
   uint64_t accepted_incarnation = 0;            // a restored fleet is followed up to this one
@@ -201,6 +201,7 @@ class Core {
   void show(Memory::Whole whole);
   void reach_header();
   void settle();
+  void lose();
   void look_for_namesake();
 
   void go_on();

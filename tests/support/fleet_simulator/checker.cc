@@ -11,8 +11,6 @@
 namespace ksd::fleet {
 namespace {
 
-constexpr Time kAnsweredWithin = 5500ms;
-
 std::string text_of(Bytes bytes) {
   return {bytes.begin(), bytes.end()};
 }
@@ -144,7 +142,7 @@ void Checker::answered(Ticket ticket, KsResult result, const Core &core, const s
   operation.is_answered = true;
   operation.answered = events_.now();
   operation.result = result;
-  if (operation.answered - operation.invoked > kAnsweredWithin) fail(fmt::format("change {} was answered late", ticket));
+  if (operation.answered - operation.invoked > answered_within_) fail(fmt::format("change {} was answered late", ticket));
   switch (result) {
     case KS_SUCCESS:
       if (operation.changes_nothing()) break;
@@ -168,10 +166,12 @@ void Checker::answered(Ticket ticket, KsResult result, const Core &core, const s
   }
 }
 
-void Checker::read(const Core &core, Time max_age) {
+void Checker::read(const Core &core, Time max_age, uint64_t &last) {
   if (!core.readable(events_.now())) return;
   const Memory &memory = core.memory();
   const uint64_t version = memory.header().version;
+  if (version < last) return fail(fmt::format("memory went back from version {} to {}", last, version));
+  last = version;
   if (version >= versions_.size() || versions_[version].hash != memory.hash()) {
     return fail(fmt::format("version {} in memory never was", version));
   }

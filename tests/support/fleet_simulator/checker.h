@@ -57,7 +57,9 @@ struct PlainTable {
 
 class Checker {
  public:
-  Checker(const vault::Limits &limits, Events &events) : limits_(limits), events_(events) {
+  // Each change is answered within `write_wait` and what it takes to notice.
+  Checker(const vault::Limits &limits, Time write_wait, Events &events)
+      : limits_(limits), answered_within_(write_wait + 100ms), events_(events) {
     versions_.push_back({std::make_shared<PlainTable>(), {}, Time{}});
   }
 
@@ -77,8 +79,9 @@ class Checker {
   // answered is told of each answer; `group` are the changes that it was decided with last, if they wrote nothing.
   void answered(Ticket ticket, KsResult result, const Core &core, const std::vector<Ticket> &group);
 
-  // read compares all that a machine has in memory, and how old it says that it is.
-  void read(const Core &core, Time max_age);
+  // read compares all that a machine has in memory, and how old it says that it is. `last` is the version that was read
+  // there before.
+  void read(const Core &core, Time max_age, uint64_t &last);
 
   // ended looks at what can only be known at the end.
   void ended();
@@ -95,6 +98,7 @@ class Checker {
   bool came_to_nothing(const std::vector<Ticket> &group, uint64_t since) const;
 
   const vault::Limits limits_;
+  const Time answered_within_;
   Events &events_;
   std::vector<Version> versions_;  // by version; 0: before the first header
   std::string violation_;

@@ -147,7 +147,10 @@ class LinkModel {
     watch_.reset();
     waiting_.clear();
   }
-  void go_down() { up_ = false; }
+  void go_down() {
+    up_ = false;
+    if (watch_) watch_->is_first = true;  // it is begun anew, behind the daemon's back
+  }
   void come_up() {
     up_ = true;
     deliver_soon();
@@ -201,11 +204,11 @@ class LinkModel {
     if (!up_ && random_.one_in(2)) return answer(id, 100us, Failed{id, Failure::kNotSent, "no connection"});
     answer(id, limit, Failed{id, Failure::kUnknown, "no answer"});
     if (!up_ || random_.one_in(weather.lost_one_in)) return;
-    const auto arrive = [this, id, execute] {
+    const auto arrive = [this, life = life_, id, execute] {
       if (!up_) return;
       const std::vector<Report> reports = execute();
       if (!random_.one_in(weather.lost_one_in)) {
-        events_.after(delay(), [this, life = life_, id, reports] {
+        events_.after(delay(), [this, life, id, reports] {
           if (life != life_ || !up_ || waiting_.erase(id) == 0) return;
           for (const Report &report : reports) report_(report);
         });
@@ -242,7 +245,7 @@ class LinkModel {
 
   void carry(const Load &load) {
     round_trip(
-        load.id, 5s,
+        load.id, 1500ms,
         [this, id = load.id]() -> std::vector<Report> {
           LoadedRows rows{id, {}};
           for (const auto &[key, value] : store_.live()) {

@@ -21,9 +21,10 @@ namespace {
 
 constexpr size_t kMachines = 3;
 constexpr FleetId kFleet{1, 2, 3};
-constexpr Time kMaxAge = 3s;
-constexpr Time kBusyUntil = 5s;  // then all heals, and the fleet has to come together
-constexpr Time kEnd = 13s;
+constexpr Time kMaxAge = 1500ms;
+constexpr Time kBusyUntil = 3s;  // then all heals, and the fleet has to come together
+constexpr Time kEnd = 6s;
+constexpr Time kWriteWait = 1s;
 constexpr int kClients = 2;      // of each machine
 constexpr std::array<const char *, 6> kNames{"a", "b", "c", "d", "e", "f"};
 constexpr vault::Limits kLimits{.entries = 5, .entries_per_user = 3};
@@ -61,14 +62,16 @@ class Machine final : public Readers {
   std::map<std::vector<uint8_t>, std::vector<Ticket>> commits;  // by their headers
   std::vector<KeyValue> written;                                // rows that it has sent, whatever became of them
   uint64_t life = 0;
+  uint64_t version_read = 0;  // in this life
   uint64_t loads = 0;
 
   void start(CoreOptions options, std::optional<Core::Kept> kept) {
     options.machine = name_;
     options.master_key = master_key();
     options.max_age = std::chrono::duration_cast<std::chrono::milliseconds>(kMaxAge);
-    options.limits = kLimits;
+    options.write_wait = std::chrono::duration_cast<std::chrono::milliseconds>(kWriteWait);
     ++life;
+    version_read = 0;
     core = std::make_unique<Core>(std::move(options), owners_, *this);
     link.use([this](Report report) {
       if (core) call([&] { core->take(events_.now(), std::move(report)); });
@@ -170,7 +173,7 @@ class Machine final : public Readers {
 class Simulation {
  public:
   explicit Simulation(const Schedule &schedule)
-      : schedule_(schedule), random_(schedule.seed), checker_(kLimits, events_) {
+      : schedule_(schedule), random_(schedule.seed), checker_(kLimits, kWriteWait, events_) {
     mutant_in_force = schedule.mutant;
     for (size_t i = 0; i < kMachines; ++i) {
       machines_.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events_, store_, random_,
@@ -217,7 +220,7 @@ class Simulation {
       events_.at(random_.between(100ms, kBusyUntil), [this] { mishap(); });
     }
     will_tamper_ = random_.one_in(3);
-    if (will_tamper_) events_.at(random_.between(1s, kBusyUntil), [this] { tamper(); });
+    if (will_tamper_) events_.at(random_.between(500ms, kBusyUntil), [this] { tamper(); });
     is_calm_ = is_calm;
     for (Time at = 150ms; at < kEnd; at += random_.between(50ms, 600ms)) {
       events_.at(at, [this] { read_all(); });
@@ -226,10 +229,7 @@ class Simulation {
   }
 
   void start(size_t index, std::optional<Core::Kept> kept) {
-    CoreOptions options;
-    options.session = random_.next();
-    options.make = kFleet;
-    options.fleet = kFleet;
+    CoreOptions options{.session = random_.next(), .fleet = kFleet, .make = kFleet, .limits = kLimits};
     note(fmt::format("{} starts{}", index, kept ? " with a mirror" : ""));
     machines_[index]->start(std::move(options), std::move(kept));
   }
@@ -268,7 +268,7 @@ class Simulation {
   void answered(size_t index, Ticket ticket, KsResult result) {
     note(fmt::format("{} answers {}: {}", index, ticket, result));
     checker_.answered(ticket, result, *machines_[index]->core, machines_[index]->confirmed);
-    checker_.read(*machines_[index]->core, kMaxAge);
+    checker_.read(*machines_[index]->core, kMaxAge, machines_[index]->version_read);
     const bool is_acknowledged = result == KS_SUCCESS;
     outcome_.changes += is_acknowledged;
     outcome_.unknown += result == KS_TIMEOUT;
@@ -288,6 +288,8 @@ class Simulation {
     const auto plain = front ? sealer().open(vault::RecordKind::kFleetHeader, 0, front->sealed) : nullptr;
     const std::optional<FleetHeader> header = plain ? decode_header(plain->bytes()) : std::nullopt;
     if (!header) return checker_.fail("a header doesn't open");
+    // What was under way when the store was set back may be made once more. No machine takes it for good.
+    if (tampered_ && header->version <= checker_.version()) return;
     std::vector<PlainRow> rows;
     for (size_t i = 1; i < commit.puts.size(); ++i) {
       const std::optional<PlainRow> row = opened(commit.puts[i]);
@@ -324,7 +326,7 @@ class Simulation {
     for (const auto &machine : machines_) {
       if (!machine->core) continue;
       ++outcome_.reads;
-      checker_.read(*machine->core, kMaxAge);
+      checker_.read(*machine->core, kMaxAge, machine->version_read);
       if (!tampered_ && lasts(machine->core->standing(events_.now()))) {
         checker_.fail(fmt::format("a machine found tampering where there was none: {}", machine->core->why()));
       }
@@ -369,7 +371,7 @@ class Simulation {
         return;
       case 5:
         note("compaction");
-        store_.compact(store_.revision());
+        store_.compact(store_.revision() - std::min(store_.revision(), random_.below(4)));
         return;
       default: {
         note("the store is full");
@@ -537,6 +539,51 @@ void Outcome::add(const Outcome &other) {
 
 Outcome run(const Schedule &schedule) {
   return Simulation(schedule).run();
+}
+
+Shares contend(uint64_t seed, Mutant mutant) {
+  constexpr Time kLong = 1500ms;
+  constexpr Weather kNear{
+      .shortest = 200us, .longest = 600us, .slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
+  constexpr Weather kFar{.shortest = 5ms, .longest = 7ms, .slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
+  mutant_in_force = mutant;
+  Random random(seed);
+  Events events;
+  StoreModel store;
+  std::vector<std::unique_ptr<Machine>> machines;
+  std::array<uint64_t, kMachines> made{};
+  std::map<Ticket, Time> asked;  // by the machine and the client, which has one change at a time
+  Time longest{};
+  const auto ask = [&](Ticket ticket) {
+    asked[ticket] = events.now();
+    Operation operation;
+    operation.name = fmt::format("n{}", ticket);
+    operation.value = fmt::format("{}", events.now().count());
+    machines[ticket % kMachines]->change(ticket, operation);
+  };
+  for (size_t i = 0; i < kMachines; ++i) {
+    machines.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events, store, random,
+                                                 [&](const Commit &) {
+                                                   for (auto &one : machines) one->link.store_changed();
+                                                 }));
+    Machine &machine = *machines.back();
+    machine.link.weather = i == 0 ? kFar : kNear;
+    machine.answered = [&, i](Ticket ticket, KsResult result) {
+      made[i] += result == KS_SUCCESS;
+      if (i == 0) longest = std::max(longest, events.now() - asked[ticket]);
+      events.after(50us, [&, ticket] { ask(ticket); });
+    };
+    CoreOptions options{.session = random.next(), .fleet = kFleet, .make = kFleet};
+    machine.start(std::move(options), {});
+  }
+  for (Ticket ticket = 0; ticket < 8 * kMachines; ++ticket) events.at(500ms, [&, ticket] { ask(ticket); });
+  while (events.step(kLong)) {
+  }
+  mutant_in_force = Mutant::kNone;
+  for (const auto &[ticket, when] : asked) {
+    if (ticket % kMachines == 0) longest = std::max(longest, kLong - when);  // or has taken so far
+  }
+  return {.far = made[0], .near = (made[1] + made[2]) / 2, .longest_ms = longest / 1ms};
 }
 
 }  // namespace ksd::fleet
