@@ -579,11 +579,8 @@ void Core::decide(Attempt &attempt) {
   attempt.writes = !group.changes().empty();
   if (!attempt.writes) return;
   const WriterMark *mine = memory_.header().mark_of(options_.machine);
-  if (!is(Mutant::kSequenceReused)) {
-    last_sequence_ = std::max(last_sequence_, mine == nullptr ? 0 : mine->sequence) + 1;
-  } else {
-    last_sequence_ = (mine == nullptr ? 0 : mine->sequence) + 1;
-  }
+  // Never that of an attempt before, which may happen yet.
+  last_sequence_ = std::max(last_sequence_, mine == nullptr ? 0 : mine->sequence) + 1;
   attempt.sequence = last_sequence_;
   std::optional<Commit> commit = memory_.commit_of(
       group, {.machine = options_.machine, .session = options_.session, .sequence = last_sequence_});

@@ -20,7 +20,6 @@ enum class Mutant {
   kRetryAfterUnknown,     // a change whose outcome isn't known is decided again at the next header
   kDigestUnchecked,       // rows are taken without a look at the digest
   kRollBackAccepted,      // an older header is taken for a good one
-  kSequenceReused,        // each attempt has the number of the one before
   kTamperingForgotten,    // after a finding, it goes on
   kLateAnswer,            // nothing watches the time that a change may take
   kRefusedWritten,        // a change that was given up is sent all the same

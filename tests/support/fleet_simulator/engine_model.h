@@ -164,6 +164,9 @@ class LinkModel {
     later(100us, EngineGone{"it has died"});
   }
 
+  // die_at_next_commit has the engine die with a commit under way, and the link go down with it.
+  void die_at_next_commit() { dies_at_commit_ = true; }
+
   void send(const Request &request) {
     std::visit([this](const auto &one) { carry(one); }, request);
   }
@@ -205,7 +208,7 @@ class LinkModel {
     answer(id, limit, Failed{id, Failure::kUnknown, "no answer"});
     if (!up_ || random_.one_in(weather.lost_one_in)) return;
     const auto arrive = [this, life = life_, id, execute] {
-      if (!up_) return;
+      if (!up_ && random_.one_in(2)) return;  // else it was past the cut already
       const std::vector<Report> reports = execute();
       if (!random_.one_in(weather.lost_one_in)) {
         events_.after(delay(), [this, life, id, reports] {
@@ -233,6 +236,12 @@ class LinkModel {
           return {Committed{commit.id, revision}};
         },
         true);
+    if (!std::exchange(dies_at_commit_, false)) return;
+    events_.after(random_.between(100us, 2ms), [this] {
+      die();
+      go_down();
+    });
+    events_.after(random_.between(100ms, 1s), [this] { come_up(); });
   }
 
   void carry(const ReadHeader &read) {
@@ -313,6 +322,7 @@ class LinkModel {
   std::function<void(Report)> report_;
   uint64_t life_ = 0;
   bool up_ = true;
+  bool dies_at_commit_ = false;
   std::optional<WatchModel> watch_;
   std::set<RequestId> waiting_;
 };
