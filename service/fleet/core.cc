@@ -189,8 +189,8 @@ void Core::watch() {
 }
 
 void Core::make_fleet() {
-  Commit commit = memory_.first_commit(*options_.make, {.machine = options_.machine, .session = options_.session,
-                                                        .sequence = ++last_sequence_});
+  Commit commit = memory_.first_commit(
+      *options_.make, {.machine = options_.machine, .session = options_.session, .sequence = ++last_sequence_});
   commit.limit = kCommitLimit;
   make_id_ = send(std::move(commit));
 }
@@ -284,10 +284,10 @@ void Core::finish_load(const Loaded &report) {
     if (options_.make) make_fleet();
     return load_again_at(now_ + kNoFleetPause);
   }
-  const bool is_accepted = verdict == Verdict::kSame || verdict == Verdict::kLater ||
-                           (verdict == Verdict::kRestored &&
-                            opened.header.incarnation <= options_.accepted_incarnation) ||
-                           (verdict == Verdict::kRolledBack && is(Mutant::kRollBackAccepted));
+  const bool is_accepted =
+      verdict == Verdict::kSame || verdict == Verdict::kLater ||
+      (verdict == Verdict::kRestored && opened.header.incarnation <= options_.accepted_incarnation) ||
+      (verdict == Verdict::kRolledBack && is(Mutant::kRollBackAccepted));
   if (!is_accepted) return stop(standing_of(verdict), what_is_wrong(verdict));
   std::optional<Memory::Whole> whole = loading_->finish(opened);
   if (!whole) return stop(Standing::kTampered, "the rows aren't those of the header");
@@ -415,7 +415,8 @@ void Core::show(Memory::Step step) {
   std::vector<uint64_t> gone;
   for (const auto &[id, change] : step.changes) {
     if (!change.before) continue;
-    if (!change.after || change.after->generation != change.before->generation) gone.push_back(change.before->generation);
+    if (!change.after || change.after->generation != change.before->generation)
+      gone.push_back(change.before->generation);
   }
   const vault::RowChanges changes = step.changes;
   {
@@ -542,8 +543,8 @@ void Core::give_up_late_ones() {
 // What nobody waits for any more isn't sent again. The next change is decided at the header of before or a later one,
 // so that one of them at most can happen.
 void Core::drop_attempt_if_answered() {
-  const bool all_answered = std::all_of(attempt_->changes.begin(), attempt_->changes.end(),
-                                        [](const Decided &one) { return one.answered; });
+  const bool all_answered =
+      std::all_of(attempt_->changes.begin(), attempt_->changes.end(), [](const Decided &one) { return one.answered; });
   if (all_answered && !attempt_->under_way) attempt_.reset();
 }
 
@@ -582,8 +583,8 @@ void Core::decide(Attempt &attempt) {
   // Never that of an attempt before, which may happen yet.
   last_sequence_ = std::max(last_sequence_, mine == nullptr ? 0 : mine->sequence) + 1;
   attempt.sequence = last_sequence_;
-  std::optional<Commit> commit = memory_.commit_of(
-      group, {.machine = options_.machine, .session = options_.session, .sequence = last_sequence_});
+  std::optional<Commit> commit =
+      memory_.commit_of(group, {.machine = options_.machine, .session = options_.session, .sequence = last_sequence_});
   if (!commit) {
     passing_ = Standing::kTooManyMachines;
     return refuse_attempt(KS_STORE_FULL);

@@ -24,14 +24,14 @@ using FleetId = vault::VaultId;
 // HeaderHash is the BLAKE2b of 32 bytes of a header as it is stored.
 using HeaderHash = vault::Digest;
 
-inline constexpr size_t kMostMachines = 64;      // that have ever made a change, until one is taken out
+inline constexpr size_t kMostMachines = 64;        // that have ever made a change, until one is taken out
 inline constexpr size_t kLongestMachineName = 63;  // small letters, digits, '.', '_' and '-'
 inline constexpr size_t kLongestOwnerName = 63;
 
 bool is_machine_name(std::string_view name);
 
-// WriterMark tells how many changes a machine has made. The session is drawn at each of its starts, so that two machines
-// under one name are noticed.
+// WriterMark tells how many changes a machine has made. The session is drawn at each of its starts, so that two
+// machines under one name are noticed.
 struct WriterMark {
   std::string machine;
   uint64_t session = 0;
@@ -42,10 +42,10 @@ struct WriterMark {
 
 // FleetHeader is the state of the fleet as a whole, and of which state it is the successor.
 struct FleetHeader {
-  uint64_t version = 0;      // one more with every change
-  uint64_t incarnation = 1;  // one more with every restore
-  HeaderHash before{};       // of the header before; zero in the first of an incarnation
-  vault::Header table;       // the digest is the sum of content marks
+  uint64_t version = 0;             // one more with every change
+  uint64_t incarnation = 1;         // one more with every restore
+  HeaderHash before{};              // of the header before; zero in the first of an incarnation
+  vault::Header table;              // the digest is the sum of content marks
   std::vector<WriterMark> writers;  // ascending by name
   uint8_t writer = 0;               // which of them made this one
 

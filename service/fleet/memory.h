@@ -103,8 +103,8 @@ class Memory {
   };
   void take(Whole &whole) noexcept;
 
-  // commit_of is the transaction that makes a group of changes, decided on this memory, as one more of `writer`. Nothing
-  // when there are too many machines. `last_version` is what the group has reached.
+  // commit_of is the transaction that makes a group of changes, decided on this memory, as one more of `writer`.
+  // Nothing when there are too many machines. `last_version` is what the group has reached.
   std::optional<Commit> commit_of(const vault::Group &group, const WriterMark &writer) const;
 
   // first_commit makes the fleet, with no entries.

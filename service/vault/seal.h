@@ -35,6 +35,7 @@ enum class RecordKind : uint8_t {
   kFleetHeader = 4,
   kFleetRow = 5,
   kHeartbeat = 6,
+  kMirror = 7,
 };
 
 KeyId key_id_of(const SecretBytes &master_key);

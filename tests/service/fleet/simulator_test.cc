@@ -58,7 +58,8 @@ TEST(Simulator, FindsNothingInAnySchedule) {
   for (std::thread &thread : threads) thread.join();
   EXPECT_EQ(all.violation, "");
   fmt::print(
-      "{} schedules: {} changes acknowledged, {} refused, {} unknown; {} looks at a memory, {} loads, {} deletes that a "
+      "{} schedules: {} changes acknowledged, {} refused, {} unknown; {} looks at a memory, {} loads, {} deletes that "
+      "a "
       "watch lost, {} times tampered with\n",
       schedules(), all.changes, all.refused, all.unknown, all.reads, all.loads, all.lost_deletes, all.tampered);
 }
@@ -91,21 +92,19 @@ TEST_P(SimulatorFinds, TheFault) {
   FAIL() << "not found in " << kSchedules << " schedules";
 }
 
-INSTANTIATE_TEST_SUITE_P(, SimulatorFinds,
-                         testing::Values(Fault{Mutant::kNoCompare, "NoCompare"},
-                                         Fault{Mutant::kSuccessWhenUnknown, "SuccessWhenUnknown"},
-                                         Fault{Mutant::kDishonestAge, "DishonestAge"},
-                                         Fault{Mutant::kAgeOfUnreached, "AgeOfUnreached"},
-                                         Fault{Mutant::kApplyBeforeTheAnswer, "ApplyBeforeTheAnswer"},
-                                         Fault{Mutant::kAnswerBeforeApplying, "AnswerBeforeApplying"},
-                                         Fault{Mutant::kRefuseUnconfirmed, "RefuseUnconfirmed"},
-                                         Fault{Mutant::kRetryAfterUnknown, "RetryAfterUnknown"},
-                                         Fault{Mutant::kDigestUnchecked, "DigestUnchecked"},
-                                         Fault{Mutant::kRollBackAccepted, "RollBackAccepted"},
-                                         Fault{Mutant::kTamperingForgotten, "TamperingForgotten"},
-                                         Fault{Mutant::kLateAnswer, "LateAnswer"},
-                                         Fault{Mutant::kRefusedWritten, "RefusedWritten"}),
-                         [](const auto &fault) { return std::string(fault.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    , SimulatorFinds,
+    testing::Values(Fault{Mutant::kNoCompare, "NoCompare"}, Fault{Mutant::kSuccessWhenUnknown, "SuccessWhenUnknown"},
+                    Fault{Mutant::kDishonestAge, "DishonestAge"}, Fault{Mutant::kAgeOfUnreached, "AgeOfUnreached"},
+                    Fault{Mutant::kApplyBeforeTheAnswer, "ApplyBeforeTheAnswer"},
+                    Fault{Mutant::kAnswerBeforeApplying, "AnswerBeforeApplying"},
+                    Fault{Mutant::kRefuseUnconfirmed, "RefuseUnconfirmed"},
+                    Fault{Mutant::kRetryAfterUnknown, "RetryAfterUnknown"},
+                    Fault{Mutant::kDigestUnchecked, "DigestUnchecked"},
+                    Fault{Mutant::kRollBackAccepted, "RollBackAccepted"},
+                    Fault{Mutant::kTamperingForgotten, "TamperingForgotten"}, Fault{Mutant::kLateAnswer, "LateAnswer"},
+                    Fault{Mutant::kRefusedWritten, "RefusedWritten"}),
+    [](const auto &fault) { return std::string(fault.param.name); });
 
 TEST(Simulator, LetsAFarMachineHaveItsTurn) {
   for (uint64_t seed = 1; seed <= 2; ++seed) {

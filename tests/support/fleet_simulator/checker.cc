@@ -18,8 +18,8 @@ std::string text_of(Bytes bytes) {
 }  // namespace
 
 PlainRow *PlainTable::find(const std::string &name) {
-  const auto found =
-      std::find_if(rows.begin(), rows.end(), [&](const PlainRow &row) { return row.name == name || row.alias == name; });
+  const auto found = std::find_if(rows.begin(), rows.end(),
+                                  [&](const PlainRow &row) { return row.name == name || row.alias == name; });
   return found == rows.end() ? nullptr : &*found;
 }
 
@@ -29,8 +29,8 @@ KsResult PlainTable::make(const Operation &operation, const vault::Limits &limit
     case Operation::Kind::kPut: {
       PlainRow *other = operation.other.empty() ? nullptr : find(operation.other);
       if (other != nullptr && other != row) return KS_INVALID_ARGS;
-      const auto of_owner = std::count_if(rows.begin(), rows.end(),
-                                          [&](const PlainRow &one) { return one.owner == operation.owner; });
+      const auto of_owner =
+          std::count_if(rows.begin(), rows.end(), [&](const PlainRow &one) { return one.owner == operation.owner; });
       if (row == nullptr && rows.size() >= limits.entries) return KS_STORE_FULL;
       const bool is_new_to_owner = row == nullptr || row->owner != operation.owner;
       if (is_new_to_owner && static_cast<uint64_t>(of_owner) >= limits.entries_per_user) return KS_STORE_FULL;
@@ -98,8 +98,10 @@ void Checker::happened(const Commit &commit, const FleetHeader &header, const st
   if (table->rows.size() != header.table.entry_count) fail("a header counts other entries than there are");
   if (table->last_id != header.table.last_id) fail("ids aren't given out one after the other");
   for (const PlainRow &row : rows) {
-    const auto same = std::find_if(table->rows.begin(), table->rows.end(), [&](const auto &one) { return one.id == row.id; });
-    if (same == table->rows.end() || !(*same == row)) fail(fmt::format("row {} isn't what the changes make of it", row.id));
+    const auto same =
+        std::find_if(table->rows.begin(), table->rows.end(), [&](const auto &one) { return one.id == row.id; });
+    if (same == table->rows.end() || !(*same == row))
+      fail(fmt::format("row {} isn't what the changes make of it", row.id));
   }
   const auto is_written = [&](uint64_t id) {
     return std::any_of(rows.begin(), rows.end(), [&](const PlainRow &row) { return row.id == id; });
@@ -111,7 +113,8 @@ void Checker::happened(const Commit &commit, const FleetHeader &header, const st
     if (changed && !is_written(row.id)) fail(fmt::format("row {} was changed, but not written", row.id));
   }
   for (const PlainRow &row : before.table->rows) {
-    const bool stays = std::any_of(table->rows.begin(), table->rows.end(), [&](const auto &one) { return one.id == row.id; });
+    const bool stays =
+        std::any_of(table->rows.begin(), table->rows.end(), [&](const auto &one) { return one.id == row.id; });
     const bool deleted = std::count(commit.deletes.begin(), commit.deletes.end(), row_key(row.id)) != 0;
     if (stays == deleted) fail(fmt::format("row {} was removed, but not deleted, or the other way round", row.id));
   }
@@ -142,12 +145,14 @@ void Checker::answered(Ticket ticket, KsResult result, const Core &core, const s
   operation.is_answered = true;
   operation.answered = events_.now();
   operation.result = result;
-  if (operation.answered - operation.invoked > answered_within_) fail(fmt::format("change {} was answered late", ticket));
+  if (operation.answered - operation.invoked > answered_within_)
+    fail(fmt::format("change {} was answered late", ticket));
   switch (result) {
     case KS_SUCCESS:
       if (operation.changes_nothing()) break;
       if (operation.happened_at == 0 && came_to_nothing(group, operation.version_when_invoked)) return;
-      if (operation.happened_at == 0) return fail(fmt::format("change {} wasn't made when it was acknowledged", ticket));
+      if (operation.happened_at == 0)
+        return fail(fmt::format("change {} wasn't made when it was acknowledged", ticket));
       if (core.memory().header().version < operation.happened_at) {
         fail(fmt::format("change {} isn't read by the machine that acknowledged it", ticket));
       }
@@ -157,8 +162,8 @@ void Checker::answered(Ticket ticket, KsResult result, const Core &core, const s
     default:
       if (operation.happened_at != 0) return fail(fmt::format("change {} was refused, and made", ticket));
   }
-  const bool is_for_all = result == KS_FW_COMM_ERROR || result == KS_FW_BAD_CELL ||
-                          (result == KS_STORE_FULL && was_refused_for_space);
+  const bool is_for_all =
+      result == KS_FW_COMM_ERROR || result == KS_FW_BAD_CELL || (result == KS_STORE_FULL && was_refused_for_space);
   if (is_for_all || operation.decided == result) return;  // as it was decided beside others of its commit
   if (group.size() > 1 && came_to_nothing(group, operation.version_when_invoked)) return;
   if (!could_have_given(operation, result)) {

@@ -30,8 +30,8 @@ struct Operation {
   uint64_t version_when_invoked = 0;  // that the store had
   bool is_answered = false;
   KsResult result = 0;
-  uint64_t happened_at = 0;   // the version that it became part of
-  KsResult decided = 0;       // there
+  uint64_t happened_at = 0;  // the version that it became part of
+  KsResult decided = 0;      // there
 
   // A rename to the name that an entry has already.
   bool changes_nothing() const { return kind == Kind::kRename && name == other; }
@@ -72,8 +72,8 @@ class Checker {
   uint64_t version() const { return versions_.size() - 1; }
   const PlainTable &table() const { return *versions_.back().table; }
 
-  // happened is told of each commit that the store has made, with the changes in it; `header` is opened by the checker's
-  // own key.
+  // happened is told of each commit that the store has made, with the changes in it; `header` is opened by the
+  // checker's own key.
   void happened(const Commit &commit, const FleetHeader &header, const std::vector<PlainRow> &rows,
                 const std::vector<Ticket> &tickets);
   // answered is told of each answer; `group` are the changes that it was decided with last, if they wrote nothing.

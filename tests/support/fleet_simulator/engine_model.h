@@ -135,7 +135,7 @@ class LinkModel {
       : events_(events), store_(store), random_(random), executed_(std::move(executed)) {}
 
   Weather weather;
-  bool full = false;      // the store has no space for changes
+  bool full = false;          // the store has no space for changes
   bool lose_deletes = false;  // where a watch begins at a compacted revision
   uint64_t lost_deletes = 0;
 
@@ -249,7 +249,8 @@ class LinkModel {
         read.id, read.limit,
         [this, id = read.id]() -> std::vector<Report> {
           return {HeaderIs{id, store_.header(), store_.revision()}};
-        }, false);
+        },
+        false);
   }
 
   void carry(const Load &load) {

@@ -25,7 +25,7 @@ constexpr Time kMaxAge = 1s;
 constexpr Time kBusyUntil = 2s;  // then all heals, and the fleet has to come together
 constexpr Time kEnd = 4500ms;
 constexpr std::array<Time, 2> kWriteWaits{300ms, 1s};
-constexpr int kClients = 2;      // of each machine
+constexpr int kClients = 2;  // of each machine
 constexpr std::array<const char *, 6> kNames{"a", "b", "c", "d", "e", "f"};
 constexpr vault::Limits kLimits{.entries = 5, .entries_per_user = 3};
 
@@ -174,11 +174,14 @@ class Machine final : public Readers {
 class Simulation {
  public:
   explicit Simulation(const Schedule &schedule)
-      : schedule_(schedule), random_(schedule.seed), write_wait_(kWriteWaits[random_.below(kWriteWaits.size())]), checker_(kLimits, write_wait_, events_) {
+      : schedule_(schedule),
+        random_(schedule.seed),
+        write_wait_(kWriteWaits[random_.below(kWriteWaits.size())]),
+        checker_(kLimits, write_wait_, events_) {
     mutant_in_force = schedule.mutant;
     for (size_t i = 0; i < kMachines; ++i) {
-      machines_.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events_, store_, random_,
-                                                    [this](const Commit &commit) { executed(commit); }));
+      machines_.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events_, store_,
+                                                    random_, [this](const Commit &commit) { executed(commit); }));
       machines_[i]->write_wait = write_wait_;
       machines_[i]->answered = [this, i](Ticket ticket, KsResult result) { answered(i, ticket, result); };
     }
@@ -204,7 +207,8 @@ class Simulation {
   void note(const std::string &what) {
     for (const char c : what) trace_ = (trace_ ^ static_cast<uint8_t>(c)) * 0x100000001b3;
     trace_ = (trace_ ^ static_cast<uint64_t>(events_.now().count())) * 0x100000001b3;
-    if (schedule_.tells) std::fprintf(stderr, "%9.3f ms %s\n", static_cast<double>(events_.now() / 1us) / 1000, what.c_str());
+    if (schedule_.tells)
+      std::fprintf(stderr, "%9.3f ms %s\n", static_cast<double>(events_.now() / 1us) / 1000, what.c_str());
   }
 
   void plan() {
@@ -510,7 +514,8 @@ class Simulation {
       if (core->standing(events_.now()) == Standing::kLoading || !core->readable(events_.now())) {
         checker_.fail(fmt::format("{} doesn't come back", i));
       } else if (core->memory().header().version != checker_.version()) {
-        checker_.fail(fmt::format("{} stays at version {} of {}", i, core->memory().header().version, checker_.version()));
+        checker_.fail(
+            fmt::format("{} stays at version {} of {}", i, core->memory().header().version, checker_.version()));
       }
     }
     for (size_t i = 0; i < checker_.operations.size(); ++i) {
@@ -553,8 +558,7 @@ Outcome run(const Schedule &schedule) {
 
 Shares contend(uint64_t seed, Mutant mutant) {
   constexpr Time kLong = 1500ms;
-  constexpr Weather kNear{
-      .shortest = 200us, .longest = 600us, .slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
+  constexpr Weather kNear{.shortest = 200us, .longest = 600us, .slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
   constexpr Weather kFar{.shortest = 5ms, .longest = 7ms, .slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
   mutant_in_force = mutant;
   Random random(seed);
