@@ -61,6 +61,7 @@ class SharedVault final : public vault::Vault, private Readers {
   // wait_until_loaded gives whether entries can be read.
   bool wait_until_loaded(std::chrono::milliseconds at_most) const;
   SharedStatus status() const;
+  const std::string &machine() const { return options_.machine; }
   void accept_incarnation(uint64_t incarnation);
 
   // Reads throw vault::Unavailable when memory is too old, or not there yet.
