@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "fleet/mutants.h"
@@ -90,7 +91,7 @@ void Core::tick(Time now) {
 void Core::accept(Time now, uint64_t incarnation) {
   now_ = now;
   options_.accepted_incarnation = std::max(options_.accepted_incarnation, incarnation);
-  if (lasting_ != Standing::kRestored) return;
+  if (lasting_ != Standing::kRestored || restored_to_ > options_.accepted_incarnation) return;
   lasting_ = Standing::kGood;
   why_.clear();
   contact_ = next_read_at_ = now;
@@ -153,7 +154,7 @@ void Core::send_header_read() {
 }
 
 void Core::send_beat(bool waits) {
-  next_beat_at_ = now_ + kBeatInterval;
+  next_beat_at_ = now_ + (memory_.sealer() == nullptr ? kReadInterval : kBeatInterval);
   if (memory_.sealer() == nullptr) return;
   const Heartbeat beat{.session = options_.session,
                        .number = ++beats_,
@@ -288,7 +289,11 @@ void Core::finish_load(const Loaded &report) {
       verdict == Verdict::kSame || verdict == Verdict::kLater ||
       (verdict == Verdict::kRestored && opened.header.incarnation <= options_.accepted_incarnation) ||
       (verdict == Verdict::kRolledBack && is(Mutant::kRollBackAccepted));
-  if (!is_accepted) return stop(standing_of(verdict), what_is_wrong(verdict));
+  if (verdict == Verdict::kRestored) restored_to_ = opened.header.incarnation;
+  if (!is_accepted) {
+    return stop(standing_of(verdict),
+                verdict == Verdict::kRestored ? std::to_string(restored_to_) : what_is_wrong(verdict));
+  }
   std::optional<Memory::Whole> whole = loading_->finish(opened);
   if (!whole) return stop(Standing::kTampered, "the rows aren't those of the header");
   const Time as_of = load_sent_;
@@ -560,7 +565,11 @@ void Core::attempt_more() {
   Attempt &attempt = attempt_.emplace();
   attempt.incarnation = memory_.header().incarnation;
   attempt.version = memory_.header().version;
-  decide(attempt);
+  try {
+    decide(attempt);
+  } catch (const std::bad_alloc &) {
+    return refuse_attempt(KS_NO_MEMORY);
+  }
   if (attempt_) send_attempt();
 }
 
@@ -571,10 +580,9 @@ void Core::decide(Attempt &attempt) {
   const size_t most = one_by_one_ ? 1 : kLargestGroup;
   while (!queue_.empty() && attempt.changes.size() < most && group.changes().size() < kMostRowsPerCommit &&
          size_of(group) + kLargestRow <= kMostBytesPerCommit) {
-    Change change = std::move(queue_.front());
+    attempt.changes.push_back({std::move(queue_.front())});
     queue_.pop_front();
-    const KsResult result = change.decide(group);
-    attempt.changes.push_back({std::move(change), result});
+    attempt.changes.back().result = attempt.changes.back().change.decide(group);
   }
   one_by_one_ = one_by_one_ && !queue_.empty();
   attempt.writes = !group.changes().empty();

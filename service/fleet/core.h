@@ -122,7 +122,7 @@ class Core {
 
   Standing standing(Time now) const;
 
-  // why gives the particulars of a standing, for a log; may be empty.
+  // why gives the particulars of a standing, for a log; may be empty. Of a restored fleet, its incarnation.
   const std::string &why() const { return why_; }
 
   struct Counts {
@@ -140,7 +140,7 @@ class Core {
     Time deadline{};
   };
   struct Decided {
-    Change change;
+    Change change{};
     KsResult result = KS_FAILURE;
     bool answered = false;
   };
@@ -277,6 +277,7 @@ class Core {
   Standing lasting_ = Standing::kGood;
   Standing passing_ = Standing::kGood;  // of the last change
   bool no_fleet_ = false;
+  uint64_t restored_to_ = 0;  // the incarnation that nobody has accepted
   std::string why_;
   Counts counts_;
 };

@@ -62,7 +62,10 @@ std::string words_for(Standing standing, const std::string &why) {
           "too old; find out who changed the store, bring it back and restart the service",
           why);
     case Standing::kRestored:
-      return "the fleet was restored from a backup; if that was meant, accept its incarnation";
+      return fmt::format(
+          "the fleet was restored from a backup: nothing is changed, and reads end when they are too old; if that was "
+          "meant, set accept_incarnation = {} under [shared] and restart the service",
+          why);
     case Standing::kNamesake:
       return fmt::format("{}: give each its own under [shared], and restart the service", why);
     case Standing::kOtherKey:

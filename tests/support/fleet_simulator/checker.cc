@@ -189,7 +189,7 @@ void Checker::read(const Core &core, Time max_age, uint64_t &last) {
     if (at->id != row.id || at->name.name != row.name || text_of(at->secret->bytes()) != row.value) {
       return fail(fmt::format("position {} of version {} is another entry", i, version));
     }
-    if (text_of(*at->metadata) != row.metadata || at->alias.has_value() == row.alias.empty()) {
+    if (text_of(*at->metadata) != row.metadata || (at->alias != nullptr) == row.alias.empty()) {
       return fail(fmt::format("entry {} of version {} is another one", row.id, version));
     }
     if (found.find(at->name).get() != at) return fail("an entry isn't found by its name");
