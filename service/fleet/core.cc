@@ -268,7 +268,7 @@ void Core::take_report(const HeaderIs &report) {
 
 void Core::take_report(LoadedRows &report) {
   if (report.id != load_id_ || load_id_ == 0) return;
-  if (!loading_->add(std::move(report.rows))) stop(Standing::kTampered, "there is a row that the fleet didn't write");
+  loading_->add(std::move(report.rows));
 }
 
 void Core::take_report(const Loaded &report) {
@@ -280,8 +280,9 @@ void Core::take_report(const Loaded &report) {
 void Core::finish_load(const Loaded &report) {
   OpenedHeader opened;
   const Verdict verdict = memory_.judge(report.header, opened);
-  no_fleet_ = verdict == Verdict::kMissing && !memory_.is_filled() && !loading_->has_rows();
-  if (no_fleet_) {
+  const bool is_empty = verdict == Verdict::kMissing && !memory_.is_filled() && !loading_->has_rows();
+  no_fleet_ = is_empty && !options_.make;
+  if (is_empty) {
     if (options_.make) make_fleet();
     return load_again_at(now_ + kNoFleetPause);
   }

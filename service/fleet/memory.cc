@@ -183,12 +183,12 @@ void Memory::take(Step step) noexcept {
   revision_ = step.header.revision;
 }
 
-bool Memory::Loading::add(std::vector<KeyValue> rows) {
+void Memory::Loading::add(std::vector<KeyValue> rows) {
   if (!memory_.sealer_) {
     closed_.insert(closed_.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
-    return true;
+    return;
   }
-  return std::all_of(rows.begin(), rows.end(), [this](const KeyValue &row) { return open(row); });
+  for (const KeyValue &row : rows) all_open_ = all_open_ && open(row);
 }
 
 bool Memory::Loading::open(const KeyValue &stored) {
@@ -202,9 +202,8 @@ bool Memory::Loading::open(const KeyValue &stored) {
 
 std::optional<Memory::Whole> Memory::Loading::finish(const OpenedHeader &header) {
   if (!memory_.sealer_) memory_.belong_to(header.fleet);
-  for (const KeyValue &row : closed_) {
-    if (!open(row)) return std::nullopt;
-  }
+  add(std::move(closed_));
+  if (!all_open_) return std::nullopt;
   const vault::Header &table = header.header.table;
   const bool is_its_rows = rows_.size() == table.entry_count && digest_ == table.digest;
   if (!is_its_rows && !is(Mutant::kDigestUnchecked)) return std::nullopt;

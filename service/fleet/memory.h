@@ -84,14 +84,13 @@ class Memory {
    public:
     explicit Loading(Memory &memory) : memory_(memory) {}
 
-    // add gives false for rows that this fleet didn't write. They are opened only if the fleet is known; else they wait
-    // for the header.
-    bool add(std::vector<KeyValue> rows);
+    // add takes a page of rows. While the fleet isn't known, they wait for the header.
+    void add(std::vector<KeyValue> rows);
 
-    // finish gives the whole, if count, digest, ids and names are those of the header.
+    // finish gives the whole, if all rows open, and count, digest, ids and names are those of the header.
     std::optional<Whole> finish(const OpenedHeader &header);
 
-    bool has_rows() const { return !rows_.empty() || !closed_.empty(); }
+    bool has_rows() const { return !rows_.empty() || !closed_.empty() || !all_open_; }
 
    private:
     bool open(const KeyValue &stored);
@@ -100,6 +99,7 @@ class Memory {
     std::vector<KeyValue> closed_;
     vault::RowChanges rows_;
     vault::Digest digest_{};
+    bool all_open_ = true;
   };
   void take(Whole &whole) noexcept;
 

@@ -94,7 +94,7 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
 
   Memory::Loading loading(memory);
   database_->for_each_entry([&](uint64_t id, Bytes sealed) {
-    if (!loading.add({{.key = row_key(id), .value = {sealed.begin(), sealed.end()}, .mod_revision = 0}})) refuse();
+    loading.add({{.key = row_key(id), .value = {sealed.begin(), sealed.end()}, .mod_revision = 0}});
   });
   std::optional<Memory::Whole> whole = loading.finish(opened);
   if (!whole) refuse();

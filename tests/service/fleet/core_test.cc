@@ -208,6 +208,8 @@ TEST(FleetCore, LeavesAFleetOfAnotherKeyAlone) {
   StoreModel store;
   Machine x(store, Machine::options("x"));
   x.come_up();
+  x.put(1, "wifi");
+  x.carry_out();
   CoreOptions options = Machine::options("y");
   options.master_key = master_key(8);
   Machine y(store, options);
@@ -219,6 +221,8 @@ TEST(FleetCore, LeavesAnotherFleetAlone) {
   StoreModel store;
   Machine x(store, Machine::options("x"));
   x.come_up();
+  x.put(1, "wifi");
+  x.carry_out();
   CoreOptions options = Machine::options("y");
   options.fleet = FleetId{9};
   Machine y(store, options);
