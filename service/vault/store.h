@@ -41,8 +41,8 @@ class Unavailable : public std::exception {
 };
 
 // Store is the table of all entries of the device, dense, in positions from 0. Reads wait for no commit; those of a
-// store that is shared may throw Unavailable. Changes return
-// when they are on disk, or with the code of what prevents them, and then have changed nothing.
+// store that is shared may throw Unavailable. Changes return when they are on disk, or with the code of what prevents
+// them, and then have changed nothing.
 //
 // Codes of changes: KS_SUCCESS; KS_NOT_FOUND: no such entry; KS_INVALID_ARGS: the new name is taken; KS_STORE_FULL: a
 // limit is reached or the disk is full; KS_FW_BAD_CELL: the write failed. Of a store that is shared besides:
