@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <memory>
 #include <queue>
 #include <set>
 #include <vector>
@@ -225,11 +226,18 @@ class LinkModel {
     events_.after(delay(), arrive);
   }
 
+  // An engine that says that there is no space has made sure that nothing was made, and that nothing more is under way.
   void carry(const Commit &commit) {
+    const auto is_over = std::make_shared<bool>(false);
     round_trip(
         commit.id, commit.limit,
-        [this, commit]() -> std::vector<Report> {
-          if (full) return {Failed{commit.id, Failure::kNoSpace, "no space"}};
+        [this, commit, is_over]() -> std::vector<Report> {
+          if (*is_over) return {};
+          if (full) {
+            const std::optional<KeyValue> header = store_.header();
+            *is_over = (header ? header->mod_revision : 0) == commit.header_revision;
+            return {Failed{commit.id, *is_over ? Failure::kNoSpace : Failure::kUnknown, "no space"}};
+          }
           if (!store_.compare_and_change(commit)) return {Refused{commit.id, store_.header(), store_.revision()}};
           const Revision revision = store_.revision();
           executed_(commit);
