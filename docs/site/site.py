@@ -29,7 +29,7 @@ PAGES = {
     "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
                   "supplicant.md", "freeradius.md", "ppp.md"],
     "Manual": [],  # of man/
-    "Formats": ["wire.md", "vault-format.md", "cache-format.md", "backup-format.md"],
+    "Formats": ["wire.md", "vault-format.md", "fleet-format.md", "cache-format.md", "backup-format.md"],
     "Platform": ["porting.md"],
     "Project": ["architecture.md", "testing.md", "benchmarks.md", "dependencies.md", "stability.md", "contributing.md",
                 "changelog.md", "news.md", "reporting.md", "license.md"],

@@ -34,6 +34,10 @@ inline constexpr LogEvent kKeyNotChanged{"c55e0f2fe48b4e0f835839ba5d95e67e", spd
 inline constexpr LogEvent kMemoryNotLocked{"b0fffb2c0d9b40038dc14d92b850915c", spdlog::level::warn};
 inline constexpr LogEvent kRepliesNotTaken{"a912216022674511bc2171ece806db3b", spdlog::level::warn};
 inline constexpr LogEvent kSandboxIncomplete{"6942305404604f44a101c7a6116b920c", spdlog::level::info};
+inline constexpr LogEvent kFleetStopped{"96172f8a10776482ef8d2791338996a7", spdlog::level::err};
+inline constexpr LogEvent kFleetTroubled{"0c09bdd70aa68bdd5639c1660e13d9f5", spdlog::level::warn};
+inline constexpr LogEvent kEntriesTooOld{"edc29d02bc8a1b4172dca6eff1100dc6", spdlog::level::err};
+inline constexpr LogEvent kMirrorNotWritten{"74b0a1ac994a461103a4dd4f82a8d908", spdlog::level::err};
 // About clients, of which each user has a line a minute; the journal's field KSD_CLIENT_UID names the user.
 inline constexpr LogEvent kConnectionRefused{"6777e7f87d5044f690e49eed3804569a", spdlog::level::warn};
 inline constexpr LogEvent kNearLimit{"507f3ad413ef454c9baa54cb35bab182", spdlog::level::warn};

@@ -18,6 +18,8 @@ void run(const Row &row, Service &service, const Request &request, Reply &reply)
     row.handler(service, request, reply);
   } catch (const std::bad_alloc &) {
     reply.result(KS_NO_MEMORY);
+  } catch (const vault::Unavailable &unavailable) {
+    reply.result(unavailable.code());
   } catch (const std::exception &) {
     reply.result(KS_FAILURE);  // counted below; its text might quote the request
   }

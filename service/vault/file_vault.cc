@@ -6,44 +6,9 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "vault/decide.h"
+
 namespace ksd::vault {
-namespace {
-
-KsResult decide_put(Group &group, const EntryRow &asked) {
-  const RowPtr before = group.find(asked.name);
-  if (asked.alias) {
-    const RowPtr holder = group.find(*asked.alias);
-    if (holder != nullptr && holder != before) return KS_INVALID_ARGS;
-  }
-  EntryRow after = before == nullptr ? asked : *before;
-  after.owner = asked.owner;
-  after.secret = asked.secret;
-  after.metadata = asked.metadata;
-  after.alias = before == nullptr ? nullptr : before->alias;
-  if (asked.alias && *asked.alias != after.name) after.alias = asked.alias;
-  return group.store(before, std::move(after));
-}
-
-// decide_rename changes the name that the entry was called by, which may be its alias. Renamed to its other name, an
-// entry is left with that one alone.
-KsResult decide_rename(Group &group, const EntryName &from, const EntryName &to) {
-  const RowPtr before = group.find(from);
-  if (before == nullptr) return KS_NOT_FOUND;
-  if (from == to) return KS_SUCCESS;
-  const RowPtr holder = group.find(to);
-  if (holder != nullptr && holder != before) return KS_INVALID_ARGS;
-  EntryRow after = *before;
-  const bool called_by_alias = before->name != from;
-  if (holder == before) after.alias.reset();
-  if (called_by_alias && holder == nullptr) {
-    after.alias = std::make_shared<const EntryName>(to);
-  } else {
-    after.name = to;
-  }
-  return group.store(before, std::move(after));
-}
-
-}  // namespace
 
 FileVault::FileVault(VaultLock lock, Writer writer, State state, const Limits &limits, MasterKey master)
     : lock_(std::move(lock)),
@@ -79,37 +44,19 @@ size_t FileVault::count() const {
 
 KsResult FileVault::put(const EntryName &name, const std::optional<EntryName> &alias, Bytes secret, Bytes metadata,
                         uid_t owner) {
-  EntryRow asked;
-  asked.owner = owner;
-  asked.name = name;
-  if (alias) asked.alias = std::make_shared<const EntryName>(*alias);
-  asked.secret = SecretBytes::copy_of(secret);
-  asked.metadata = metadata_of(metadata);
-  return commits_.commit([&asked](Group &group) { return decide_put(group, asked); });
+  return commits_.commit(decide_put(name, alias, secret, metadata, owner));
 }
 
 KsResult FileVault::set_metadata(const EntryName &name, Bytes metadata) {
-  const auto block = metadata_of(metadata);
-  return commits_.commit([&](Group &group) {
-    const RowPtr before = group.find(name);
-    if (before == nullptr) return KS_NOT_FOUND;
-    EntryRow after = *before;
-    after.metadata = block;
-    return group.store(before, std::move(after));
-  });
+  return commits_.commit(decide_metadata(name, metadata));
 }
 
 KsResult FileVault::remove(const EntryName &name) {
-  return commits_.commit([&](Group &group) {
-    const RowPtr before = group.find(name);
-    if (before == nullptr) return KS_NOT_FOUND;
-    group.remove(before);
-    return KS_SUCCESS;
-  });
+  return commits_.commit(decide_remove(name));
 }
 
 KsResult FileVault::rename(const EntryName &from, const EntryName &to) {
-  return commits_.commit([&](Group &group) { return decide_rename(group, from, to); });
+  return commits_.commit(decide_rename(from, to));
 }
 
 Store::Usage FileVault::usage() const {

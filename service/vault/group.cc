@@ -17,15 +17,4 @@ KsResult Group::store(const RowPtr &before, EntryRow after) {
   return KS_SUCCESS;
 }
 
-Header Group::finished_header(const Sealer &sealer) const {
-  Header header = header_;
-  header.last_version = last_version_;
-  header.entry_count = draft_.size();
-  for (const auto &[id, change] : changes()) {
-    if (change.before) header.take_out(sealer.mark(id, change.before->version));
-    if (change.after) header.add(sealer.mark(id, change.after->version));
-  }
-  return header;
-}
-
 }  // namespace ksd::vault

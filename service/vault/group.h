@@ -43,8 +43,18 @@ class Group {
 
   const RowChanges &changes() const { return draft_.changes(); }
 
-  // finished_header is the header that goes with the changes.
-  Header finished_header(const Sealer &sealer) const;
+  // finished_header is the header that goes with the changes. `mark` gives what stands for a row in the digest.
+  template <typename Mark>
+  Header finished_header(Mark mark) const {
+    Header header = header_;
+    header.last_version = last_version_;
+    header.entry_count = draft_.size();
+    for (const auto &[id, change] : changes()) {
+      if (change.before) header.take_out(mark(*change.before));
+      if (change.after) header.add(mark(*change.after));
+    }
+    return header;
+  }
   Ledger take_ledger() noexcept { return std::move(ledger_); }
 
  private:

@@ -185,7 +185,8 @@ std::optional<KsResult> GroupCommit::try_together(std::span<Change *const> chang
     if (results_.back() == KS_STORE_FULL) log_refusal(group);
   }
   if (group.changes().empty()) return std::nullopt;
-  const Header header = group.finished_header(writer_.keys().of_table());
+  const Sealer &sealer = writer_.keys().of_table();
+  const Header header = group.finished_header([&](const EntryRow &row) { return sealer.mark(row.id, row.version); });
   audience_.prepare(group);
   if (const std::optional<WriteFailure> failed = writer_.write(group.changes(), header, state_.header)) {
     audience_.discard();

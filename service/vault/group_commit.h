@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "vault/decide.h"
 #include "vault/group.h"
 #include "vault/master_key.h"
 #include "vault/use_watch.h"
@@ -46,9 +47,6 @@ class Audience {
 
 class GroupCommit {
  public:
-  // Decide puts a change into the group that it fell into, or gives the code of what prevents it.
-  using Decide = std::function<KsResult(Group &)>;
-
   // `state` is changed by `audience` alone, on the thread of writes; that thread reads it without a lock.
   // `master` is the key that the vault was opened with. A change of it that was interrupted goes on.
   GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience, MasterKey master);

@@ -87,6 +87,18 @@ Digest Sealer::mark(uint64_t row, uint64_t version) const {
   return digest;
 }
 
+Digest Sealer::content_mark(uint64_t row, std::span<const uint8_t> plain) const {
+  std::array<uint8_t, 8> id;
+  put_little_endian(id.data(), row);
+  crypto_generichash_state state;
+  Digest digest;
+  crypto_generichash_init(&state, mark_key_->bytes().data(), mark_key_->size(), digest.size());
+  crypto_generichash_update(&state, id.data(), id.size());
+  crypto_generichash_update(&state, plain.data(), plain.size());
+  crypto_generichash_final(&state, digest.data(), digest.size());
+  return digest;
+}
+
 Digest Sealer::witness_mark(uint64_t version) const {
   std::array<uint8_t, sizeof(VaultId) + 8> what;
   std::copy(vault_id_.begin(), vault_id_.end(), what.begin());

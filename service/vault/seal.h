@@ -27,7 +27,16 @@ using VaultId = std::array<uint8_t, 16>;  // drawn when a vault is made
 using KeyId = std::array<uint8_t, 16>;    // tells master keys apart and says nothing about them
 using Digest = std::array<uint8_t, 32>;   // a number modulo 2^256, little-endian
 
-enum class RecordKind : uint8_t { kHeader = 1, kEntry = 2, kNextKey = 3 };
+enum class RecordKind : uint8_t {
+  kHeader = 1,
+  kEntry = 2,
+  kNextKey = 3,
+  // Of a fleet (fleet/format.h):
+  kFleetHeader = 4,
+  kFleetRow = 5,
+  kHeartbeat = 6,
+  kMirror = 7,
+};
 
 KeyId key_id_of(const SecretBytes &master_key);
 
@@ -45,6 +54,10 @@ class Sealer {
   // mark stands for one version of one row in the digest of the table. The digest is the sum of the marks of all rows,
   // so that it follows each change at no cost, and nobody without the key can find other rows of the same sum.
   Digest mark(uint64_t row, uint64_t version) const;
+
+  // content_mark stands for the content of a row, which `plain` is all of. It is for tables of which there were several
+  // next versions at a time, of which one was taken: their rows may have the same version.
+  Digest content_mark(uint64_t row, std::span<const uint8_t> plain) const;
 
   // witness_mark stands for the version that a witness tells of.
   Digest witness_mark(uint64_t version) const;

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -27,11 +28,26 @@ struct Entry {
   std::shared_ptr<const std::vector<uint8_t>> metadata;
 };
 
-// Store is the table of all entries of the device, dense, in positions from 0. Reads wait for no commit. Changes return
-// when they are on disk, or with the code of what prevents them, and then have changed nothing.
+// Unavailable is thrown by a read that can't be answered now: what is in memory isn't there yet, or too old. It says
+// nothing about whether the entry is there.
+class Unavailable : public std::exception {
+ public:
+  explicit Unavailable(KsResult code) : code_(code) {}
+  KsResult code() const { return code_; }
+  const char *what() const noexcept override { return "the entries can't be read now"; }
+
+ private:
+  KsResult code_;
+};
+
+// Store is the table of all entries of the device, dense, in positions from 0. Reads wait for no commit; those of a
+// store that is shared may throw Unavailable. Changes return when they are on disk, or with the code of what prevents
+// them, and then have changed nothing.
 //
 // Codes of changes: KS_SUCCESS; KS_NOT_FOUND: no such entry; KS_INVALID_ARGS: the new name is taken; KS_STORE_FULL: a
-// limit is reached or the disk is full; KS_FW_BAD_CELL: the write failed.
+// limit is reached or the disk is full; KS_FW_BAD_CELL: the write failed. Of a store that is shared besides:
+// KS_FW_COMM_ERROR: it can't be reached, and nothing was sent; KS_TIMEOUT: it was sent, and what became of it isn't
+// known.
 class Store {
  public:
   virtual ~Store() = default;

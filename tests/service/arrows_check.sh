@@ -13,8 +13,9 @@ declare -A allowed=(
   [config]="base"
   [crypto]="base"
   [vault]="base"
+  [fleet]="base vault"
   [handlers]="base crypto vault/store.h"
-  [server]="base config crypto vault handlers"
+  [server]="base config crypto vault fleet handlers"
 )
 
 status=0

@@ -38,8 +38,10 @@ constexpr Code kResults[] = {
      "Remove what isn't needed (`ksctl pac age-out`, `ksctl secret rm`), make room on the disk, or raise [limits] in "
      "the service's configuration. Entries can be removed all the time."},
     {KS_TIMEOUT, "KS_TIMEOUT",
-     "A device's service waited in vain for its chip or its peer. Neither the library nor ksd makes this code.",
-     "Look at the log of the service that answered."},
+     "A change was sent to the store that machines share, and its time was over before it was known whether it was "
+     "made; or an administrator asked for more backups at a time than there may be; or a device's service waited in "
+     "vain for its chip.",
+     "Look whether the change was made before it is repeated, and at `ksctl status`."},
     {KS_BAD_KEY, "KS_BAD_KEY",
      "The secret named as the key isn't of a size or kind that the operation takes: 8 bytes for DES, 16 or 24 "
      "for 3DES, a password in UTF-8 for MS-CHAPv2.",
@@ -50,7 +52,8 @@ constexpr Code kResults[] = {
      "Store a key of one of these sizes under the name, or name another."},
     {KS_FW_COMM_ERROR, "KS_FW_COMM_ERROR",
      "The exchange failed, in the operations whose header says so: most of the secret store, the walk over secrets, "
-     "and the sending of a PAC's read.",
+     "and the sending of a PAC's read. Or the service can't reach the store that it shares with other machines: a "
+     "change wasn't sent, or what it has in memory is too old to be read.",
      "See whether the service runs: `ksctl status`. Before a change is repeated, look whether it was made."},
     {KS_FW_COMPACT_CORRUPT, "KS_FW_COMPACT_CORRUPT",
      "Compaction of a device's memory damaged entries. ksd compacts by copying and doesn't make this code.",

@@ -55,6 +55,12 @@ TEST(Dispatcher, AnswersForAHandlerThatBrokeOff) {
               ElementsAre(2, 0, 0, 0));
 }
 
+// A store that doesn't know must not be taken for one that says no.
+TEST(Dispatcher, AnswersWithTheCodeOfAStoreThatCantBeRead) {
+  EXPECT_THAT(answer_of([](Service &, const Request &, Reply &) { throw vault::Unavailable(KS_FW_COMM_ERROR); }),
+              ElementsAre(12, 0, 0, 0));
+}
+
 TEST(Dispatcher, AnswersForAHandlerThatSaidNothing) {
   EXPECT_THAT(answer_of([](Service &, const Request &, Reply &) {}), ElementsAre(2, 0, 0, 0));
 }

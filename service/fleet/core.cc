@@ -1,0 +1,688 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
+#include "fleet/core.h"
+
+#include <algorithm>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "fleet/mutants.h"
+
+namespace ksd::fleet {
+namespace {
+
+constexpr size_t kLargestGroup = 256;  // changes, of which some may write nothing
+
+// The largest row: secret and metadata of 16-bit lengths, names, and what seals them.
+constexpr size_t kLargestRow = 2 * size_t{UINT16_MAX} + 1024;
+
+const char *what_is_wrong(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::kMissing:
+      return "the header is gone";
+    case Verdict::kUnreadable:
+      return "the header isn't sealed with the fleet's key";
+    case Verdict::kRolledBack:
+      return "the header is an earlier one";
+    case Verdict::kForked:
+      return "the header isn't a successor of the one that was there";
+    default:
+      return "";
+  }
+}
+
+Standing standing_of(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::kOtherKey:
+      return Standing::kOtherKey;
+    case Verdict::kOtherFleet:
+      return Standing::kOtherFleet;
+    case Verdict::kRestored:
+      return Standing::kRestored;
+    default:
+      return Standing::kTampered;
+  }
+}
+
+size_t size_of(const vault::Group &group) {
+  size_t size = 0;
+  for (const auto &[id, change] : group.changes()) size += change.after ? change.after->bytes() + 512 : 64;
+  return size;
+}
+
+}  // namespace
+
+Core::Core(CoreOptions options, Owners &owners, Readers &readers)
+    : options_(std::move(options)), readers_(readers), memory_(options_.master_key, options_.fleet, owners) {}
+
+void Core::begin(Time now, std::optional<Kept> kept) {
+  now_ = contact_ = next_read_at_ = next_beat_at_ = now;
+  marked_at_ = now - kWaitMarkInterval;
+  if (kept) {
+    kept->whole.header.revision = 0;  // what the store counts now, only a load can tell
+    show(std::move(kept->whole));
+    young_as_of_ = now - kept->age;
+  }
+  load();
+  go_on();
+}
+
+void Core::change(Time now, Ticket ticket, vault::Decide decide) {
+  now_ = now;
+  if (lasts(lasting_)) return answer(ticket, KS_FW_BAD_CELL);
+  queue_.push_back({ticket, std::move(decide), now + options_.write_wait});
+  go_on();
+}
+
+void Core::take(Time now, Report report) {
+  now_ = now;
+  if (lasts(lasting_)) return;
+  std::visit([this](auto &one) { take_report(one); }, report);
+  go_on();
+}
+
+void Core::tick(Time now) {
+  now_ = now;
+  go_on();
+}
+
+void Core::accept(Time now, uint64_t incarnation) {
+  now_ = now;
+  options_.accepted_incarnation = std::max(options_.accepted_incarnation, incarnation);
+  if (lasting_ != Standing::kRestored || restored_to_ > options_.accepted_incarnation) return;
+  lasting_ = Standing::kGood;
+  why_.clear();
+  contact_ = next_read_at_ = now;
+  load();
+  go_on();
+}
+
+std::optional<Time> Core::readable_until() const {
+  if (!memory_.is_filled() || !young_as_of_) return std::nullopt;
+  return *young_as_of_ + options_.max_age;
+}
+
+Standing Core::standing(Time now) const {
+  if (lasts(lasting_)) return lasting_;
+  if (now - contact_ >= kContactLost) return Standing::kNoContact;
+  if (no_fleet_) return Standing::kNoFleet;
+  if (!memory_.is_filled()) return Standing::kLoading;
+  return passing_;
+}
+
+Time Core::next_tick() const {
+  // Reads that become too old are the caller's to notice.
+  if (lasts(lasting_)) return Time::max();
+  Time next = std::min(next_read_at_, next_beat_at_);
+  const auto sooner = [&](Time when) { next = std::min(next, when); };
+  for (const auto &[id, read] : reads_) sooner(read.sent + kReadLimit + kReportGrace);
+  if (phase_ == Phase::kLoading) sooner(load_id_ != 0 ? load_sent_ + kLoadLimit : load_at_);
+  if (phase_ == Phase::kFollowing && watch_id_ == 0) sooner(watch_at_);
+  if (phase_ == Phase::kFollowing && known_version_ > memory_.header().version) sooner(behind_since_ + kBehindLimit);
+  const bool has_changes = !queue_.empty() || attempt_;
+  if (has_changes && in_contact()) sooner(contact_ + kContactLost);
+  if (!queue_.empty()) sooner(queue_.front().deadline);
+  if (attempt_) {
+    for (const Decided &one : attempt_->changes) {
+      if (!one.answered) sooner(one.change.deadline);
+    }
+    if (attempt_->under_way) sooner(attempt_->sent_last + kCommitLimit + kReportGrace);
+    if (!attempt_->under_way && !attempt_->refused && attempt_->again_at > now_) sooner(attempt_->again_at);
+  }
+  if (!queue_.empty() && !attempt_) {
+    for (const auto &[machine, mark] : marks_) {
+      if (mark.pause_until > now_) sooner(mark.pause_until);
+    }
+  }
+  return next;
+}
+
+// ---- Requests ----
+
+RequestId Core::send(Request request) {
+  const RequestId id = ++last_id_;
+  std::visit([id](auto &one) { one.id = id; }, request);
+  requests_.push_back(std::move(request));
+  return id;
+}
+
+void Core::send_header_read() {
+  const RequestId id = send(ReadHeader{.id = 0, .limit = kReadLimit});
+  reads_[id] = {.sent = now_, .incarnation = memory_.header().incarnation, .version = memory_.header().version};
+}
+
+void Core::send_beat(bool waits) {
+  next_beat_at_ = now_ + (memory_.sealer() == nullptr ? kReadInterval : kBeatInterval);
+  if (memory_.sealer() == nullptr) return;
+  const Heartbeat beat{.session = options_.session,
+                       .number = ++beats_,
+                       .version = memory_.header().version,
+                       .waits = waits,
+                       .keys = {memory_.key_id()}};
+  send(Beat{.id = 0,
+            .machine = options_.machine,
+            .value = seal_heartbeat(beat, options_.machine, *memory_.sealer()),
+            .limit = kReadLimit});
+}
+
+// load begins anew with what is in the store at one revision.
+void Core::load() {
+  phase_ = Phase::kLoading;
+  watch_id_ = 0;
+  loading_.emplace(memory_);
+  load_sent_ = now_;
+  load_id_ = send(Load{});
+  ++counts_.loads;
+}
+
+void Core::load_again_at(Time when) {
+  phase_ = Phase::kLoading;
+  watch_id_ = 0;
+  load_id_ = 0;
+  loading_.reset();
+  load_at_ = when;
+}
+
+void Core::watch() {
+  watch_id_ = send(Watch{.id = 0, .from = seen_ + 1});
+}
+
+void Core::make_fleet() {
+  Commit commit = memory_.first_commit(
+      *options_.make, {.machine = options_.machine, .session = options_.session, .sequence = ++last_sequence_});
+  commit.limit = kCommitLimit;
+  make_id_ = send(std::move(commit));
+}
+
+// ---- Reports ----
+
+void Core::take_report(const Committed &report) {
+  if (report.id == make_id_ && make_id_ != 0) return load_again_at(now_);
+  if (!attempt_ || !attempt_->writes) return;
+  const auto sent = attempt_->sent.find(report.id);
+  if (sent == attempt_->sent.end()) return;
+  contact_ = std::max(contact_, sent->second);
+  passing_ = Standing::kGood;
+  attempt_->under_way = false;
+  attempt_->in_doubt = true;  // until memory shows it
+  if (is(Mutant::kAnswerBeforeApplying)) {
+    for (Decided &one : attempt_->changes) {
+      if (!std::exchange(one.answered, true)) answer(one.change.ticket, one.result);
+    }
+    return;
+  }
+  // Memory was the latest until then, so this is the next step, and the watch needn't be waited for. It brings the same
+  // later on, which is compared.
+  const bool is_next = phase_ == Phase::kFollowing && memory_.revision() == attempt_->commit.header_revision &&
+                       report.revision > memory_.revision();
+  if (!is_next) return be_behind(attempt_->version + 1, sent->second);
+  const Time as_of = sent->second;
+  std::optional<Memory::Step> step = memory_.next(report.revision, attempt_->commit.puts, attempt_->commit.deletes);
+  if (!step) return load();
+  show(std::move(*step));
+  young_as_of(as_of);
+}
+
+void Core::take_report(const Refused &report) {
+  if (report.id == make_id_ && make_id_ != 0) return load_again_at(now_);
+  if (!attempt_) return;
+  const auto sent = attempt_->sent.find(report.id);
+  if (sent == attempt_->sent.end()) return;
+  attempt_->under_way = false;
+  const uint64_t version = attempt_->version;
+  note_header({.sent = sent->second, .incarnation = attempt_->incarnation, .version = version}, report.header);
+  if (lasts(lasting_) || !attempt_) return;
+  attempt_->refused = memory_.header().version == version && known_version_ > version;
+  attempt_->again_at = now_ + kRetryPause;  // where it was refused for no reason that shows
+}
+
+void Core::take_report(const Failed &report) {
+  if (report.id == load_id_ && load_id_ != 0) return load_again_at(now_ + kReadInterval);
+  if (report.id == make_id_ && make_id_ != 0) return load_again_at(now_ + kReadInterval);
+  const bool was_read = reads_.erase(report.id) != 0;
+  if (!attempt_ || !attempt_->sent.contains(report.id)) return;
+  attempt_->under_way = false;
+  fail_attempt(was_read ? Failure::kNotSent : report.kind);
+}
+
+void Core::take_report(const HeaderIs &report) {
+  const auto found = reads_.find(report.id);
+  if (found == reads_.end()) return;
+  const HeaderRead read = found->second;
+  reads_.erase(found);
+  note_header(read, report.header);
+  if (!attempt_ || attempt_->writes || !attempt_->sent.contains(report.id)) return;
+  attempt_->under_way = false;
+  OpenedHeader opened;
+  if (memory_.judge(report.header, opened) == Verdict::kSame) {
+    for (const Decided &one : attempt_->changes) {
+      if (!one.answered) answer(one.change.ticket, one.result);
+    }
+    attempt_.reset();
+  } else {
+    decide_again();
+  }
+}
+
+void Core::take_report(LoadedRows &report) {
+  if (report.id != load_id_ || load_id_ == 0) return;
+  loading_->add(std::move(report.rows));
+}
+
+void Core::take_report(const Loaded &report) {
+  if (report.id != load_id_ || load_id_ == 0) return;
+  contact_ = std::max(contact_, load_sent_);
+  finish_load(report);
+}
+
+void Core::finish_load(const Loaded &report) {
+  OpenedHeader opened;
+  const Verdict verdict = memory_.judge(report.header, opened);
+  const bool is_empty = verdict == Verdict::kMissing && !memory_.is_filled() && !loading_->has_rows();
+  no_fleet_ = is_empty && !options_.make;
+  if (is_empty) {
+    if (options_.make) make_fleet();
+    return load_again_at(now_ + kNoFleetPause);
+  }
+  const bool is_accepted =
+      verdict == Verdict::kSame || verdict == Verdict::kLater ||
+      (verdict == Verdict::kRestored && opened.header.incarnation <= options_.accepted_incarnation) ||
+      (verdict == Verdict::kRolledBack && is(Mutant::kRollBackAccepted));
+  if (verdict == Verdict::kRestored) restored_to_ = opened.header.incarnation;
+  if (!is_accepted) {
+    return stop(standing_of(verdict),
+                verdict == Verdict::kRestored ? std::to_string(restored_to_) : what_is_wrong(verdict));
+  }
+  std::optional<Memory::Whole> whole = loading_->finish(opened);
+  if (!whole) return stop(Standing::kTampered, "the rows aren't those of the header");
+  const Time as_of = load_sent_;
+  phase_ = Phase::kFollowing;
+  loading_.reset();
+  load_id_ = 0;
+  seen_ = report.revision;
+  if (verdict == Verdict::kRestored) {
+    has_committed_ = false;
+    known_version_ = 0;
+    ages_.clear();
+    // What became of it in the life before, nobody can tell any more.
+    if (attempt_ && attempt_->writes) refuse_attempt(KS_TIMEOUT);
+  }
+  show(std::move(*whole));
+  if (lasts(lasting_)) return;
+  young_as_of(as_of);
+  watch();
+}
+
+void Core::take_report(const Changed &report) {
+  if (report.id != watch_id_ || watch_id_ == 0 || report.revision <= seen_) return;
+  seen_ = report.revision;
+  const KeyValue *header = nullptr;
+  bool has_rows = false;
+  for (const KeyValue &put : report.puts) {
+    if (put.key == kHeaderKey) header = &put;
+    has_rows = has_rows || put.key.starts_with(kRowFolder);
+    if (put.key.starts_with(kBeatFolder)) heed_heartbeat(put);
+  }
+  for (const std::string &key : report.deletes) {
+    has_rows = has_rows || key == kHeaderKey || key.starts_with(kRowFolder);
+  }
+  if (header == nullptr && !has_rows) return;
+  // What memory has from its own commit already.
+  if (header != nullptr && report.revision == memory_.revision() && hash_of(header->value) == memory_.hash()) return;
+  std::optional<Memory::Step> step =
+      report.revision > memory_.revision() ? memory_.next(report.revision, report.puts, report.deletes) : std::nullopt;
+  // Something is missing, or was never made by a machine. What there is at one revision tells.
+  if (!step) return load();
+  show(std::move(*step));
+}
+
+void Core::take_report(const WatchBroken &report) {
+  if (report.id != watch_id_ || watch_id_ == 0) return;
+  watch_id_ = 0;
+  watch_at_ = now_ + kRetryPause;
+  if (report.compacted != 0) load();
+}
+
+void Core::take_report(const EngineGone &) {
+  reads_.clear();
+  if (load_id_ != 0) load_again_at(now_ + kRetryPause);
+  if (make_id_ != 0) make_id_ = 0;
+  watch_id_ = 0;
+  watch_at_ = now_ + kRetryPause;
+  if (!attempt_ || !attempt_->under_way) return;
+  attempt_->under_way = false;
+  fail_attempt(attempt_->writes ? Failure::kUnknown : Failure::kNotSent);
+}
+
+// note_header takes a header that was there at an instant after `read.sent`.
+void Core::note_header(const HeaderRead &read, const std::optional<KeyValue> &header) {
+  contact_ = std::max(contact_, is(Mutant::kDishonestAge) ? now_ : read.sent);
+  if (!memory_.is_filled()) return;
+  OpenedHeader opened;
+  const Verdict verdict = memory_.judge(header, opened);
+  switch (verdict) {
+    case Verdict::kSame:
+      return young_as_of(is(Mutant::kDishonestAge) ? now_ : read.sent);
+    case Verdict::kLater:
+      if (is(Mutant::kAgeOfUnreached)) young_as_of(read.sent);
+      return be_behind(opened.header.version, read.sent);
+    case Verdict::kRestored:
+      if (phase_ == Phase::kFollowing) load();
+      return;
+    case Verdict::kRolledBack: {
+      // An answer may come late: what counts is what was known when it was asked for.
+      const bool was_there = opened.header.incarnation == read.incarnation && opened.header.version >= read.version;
+      if (was_there) {
+        if (read.incarnation == memory_.header().incarnation) young_as_of(read.sent);
+        return;
+      }
+      if (is(Mutant::kRollBackAccepted)) return;
+      break;
+    }
+    case Verdict::kMissing:
+      if (read.version == 0) return;  // asked for before this machine knew of any
+      break;
+    default:
+      break;
+  }
+  stop(standing_of(verdict), what_is_wrong(verdict));
+}
+
+// be_behind knows of a header that memory has yet to reach.
+void Core::be_behind(uint64_t version, Time as_of) {
+  if (version <= memory_.header().version) return;
+  if (known_version_ <= memory_.header().version) behind_since_ = now_;
+  known_version_ = std::max(known_version_, version);
+  ages_.push_back({version, as_of});
+}
+
+void Core::young_as_of(Time when) {
+  young_as_of_ = std::max(young_as_of_.value_or(when), when);
+}
+
+// heed_heartbeat looks whether another machine waits to be let in.
+void Core::heed_heartbeat(const KeyValue &beat) {
+  const std::string machine = beat.key.substr(std::char_traits<char>::length(kBeatFolder));
+  if (machine == options_.machine || memory_.sealer() == nullptr) return;
+  const std::optional<Heartbeat> opened = open_heartbeat(beat.value, machine, *memory_.sealer());
+  if (!opened) return;
+  Mark &mark = marks_[machine];
+  if (opened->session == mark.session && opened->number <= mark.number) return;  // shown once more
+  mark.session = opened->session;
+  mark.number = opened->number;
+  if (opened->waits) mark.pause_until = now_ + kPause;
+}
+
+// ---- Memory goes on ----
+
+void Core::show(Memory::Step step) {
+  std::vector<uint64_t> gone;
+  for (const auto &[id, change] : step.changes) {
+    if (!change.before) continue;
+    if (!change.after || change.after->generation != change.before->generation)
+      gone.push_back(change.before->generation);
+  }
+  const vault::RowChanges changes = step.changes;
+  {
+    const std::lock_guard lock(readers_);
+    memory_.take(std::move(step));
+  }
+  readers_.shown(gone, &changes);
+  reach_header();
+}
+
+void Core::show(Memory::Whole whole) {
+  {
+    const std::lock_guard lock(readers_);
+    memory_.take(whole);
+  }
+  readers_.shown(whole.gone, nullptr);
+  reach_header();
+}
+
+void Core::reach_header() {
+  const FleetHeader &header = memory_.header();
+  behind_since_ = now_;  // it gets on
+  for (const Reached &reached : ages_) {
+    if (reached.version <= header.version) young_as_of(reached.as_of);
+  }
+  std::erase_if(ages_, [&](const Reached &reached) { return reached.version <= header.version; });
+  if (const auto mark = marks_.find(header.author().machine); mark != marks_.end()) mark->second.pause_until = Time{};
+  look_for_namesake();
+  if (!lasts(lasting_)) settle();
+}
+
+// look_for_namesake finds another machine that calls itself like this one. What an earlier life of this one still had
+// under way may come in until the first change of the present.
+void Core::look_for_namesake() {
+  const WriterMark *mine = memory_.header().mark_of(options_.machine);
+  if (mine == nullptr) return;
+  const bool is_ours = mine->session == options_.session;
+  if (is_ours && mine->sequence <= last_sequence_) {
+    has_committed_ = true;
+  } else if (is_ours || has_committed_) {
+    stop(Standing::kNamesake, "another machine of the fleet has the name " + options_.machine);
+  }
+}
+
+// settle finds out what became of an attempt, once memory has another header than the one that it was decided at. Only
+// one transaction can have been the next there.
+void Core::settle() {
+  if (!attempt_) return;
+  const FleetHeader &header = memory_.header();
+  if (header.incarnation == attempt_->incarnation && header.version == attempt_->version) return;
+  const WriterMark *mine = header.mark_of(options_.machine);
+  const bool happened = attempt_->writes && mine != nullptr && mine->session == options_.session &&
+                        mine->sequence == attempt_->sequence && !is(Mutant::kRetryAfterUnknown);
+  if (!happened) {
+    if (attempt_->writes) lose();
+    return decide_again();
+  }
+  ++counts_.commits;
+  lost_in_a_row_ = 0;
+  for (const Decided &one : attempt_->changes) {
+    if (!one.answered) answer(one.change.ticket, one.result);
+  }
+  attempt_.reset();
+}
+
+// lose counts that another machine came before, and asks the others to pause when that happens again and again.
+void Core::lose() {
+  ++counts_.lost;
+  if (++lost_in_a_row_ < kLostBeforeMark || now_ - marked_at_ < kWaitMarkInterval) return;
+  marked_at_ = now_;
+  send_beat(true);
+}
+
+// ---- Changes ----
+
+void Core::go_on() {
+  if (lasts(lasting_)) return;
+  if (now_ >= next_read_at_) {
+    next_read_at_ = now_ + kReadInterval;
+    send_header_read();
+  }
+  std::erase_if(reads_, [this](const auto &one) { return now_ - one.second.sent >= kReadLimit + kReportGrace; });
+  if (now_ >= next_beat_at_) send_beat(false);
+  if (phase_ == Phase::kLoading) {
+    if (load_id_ == 0 ? now_ >= load_at_ : now_ - load_sent_ >= kLoadLimit) load();
+  } else if (known_version_ > memory_.header().version && now_ - behind_since_ >= kBehindLimit) {
+    behind_since_ = now_;
+    load();
+  } else if (watch_id_ == 0 && now_ >= watch_at_) {
+    watch();
+  }
+  give_up_late_ones();
+  attempt_more();
+}
+
+void Core::give_up_late_ones() {
+  if (is(Mutant::kLateAnswer)) return;
+  const bool in_contact_now = in_contact();
+  const auto is_over = [&](const Change &change) { return !in_contact_now || now_ >= change.deadline; };
+  for (const Change &change : queue_) {
+    if (is_over(change)) answer(change.ticket, KS_FW_COMM_ERROR);  // nothing of it was sent, or it came to nothing
+  }
+  if (!is(Mutant::kRefusedWritten)) std::erase_if(queue_, is_over);
+  if (!attempt_) return;
+  if (attempt_->under_way && now_ - attempt_->sent_last >= kCommitLimit + kReportGrace) {
+    attempt_->under_way = false;
+    fail_attempt(Failure::kUnknown);
+    if (!attempt_) return;
+  }
+  const bool may_have_happened = attempt_->writes && (attempt_->in_doubt || attempt_->under_way || attempt_->refused);
+  const KsResult unknown = is(Mutant::kSuccessWhenUnknown) ? KS_SUCCESS : KS_TIMEOUT;
+  bool some_given_up = false;
+  for (Decided &one : attempt_->changes) {
+    const bool is_late = may_have_happened ? now_ >= one.change.deadline : is_over(one.change);
+    if (one.answered || !is_late) continue;
+    one.answered = some_given_up = true;
+    answer(one.change.ticket, may_have_happened ? unknown : KS_FW_COMM_ERROR);
+  }
+  // What was given up must not be sent any more, with the others.
+  if (some_given_up && !may_have_happened) return decide_again();
+  drop_attempt_if_answered();
+}
+
+// What nobody waits for any more isn't sent again. The next change is decided at the header of before or a later one,
+// so that one of them at most can happen.
+void Core::drop_attempt_if_answered() {
+  const bool all_answered =
+      std::all_of(attempt_->changes.begin(), attempt_->changes.end(), [](const Decided &one) { return one.answered; });
+  if (all_answered && !attempt_->under_way) attempt_.reset();
+}
+
+void Core::attempt_more() {
+  if (phase_ != Phase::kFollowing || !in_contact()) return;
+  if (attempt_) {
+    const bool waits = attempt_->under_way || attempt_->refused || now_ < attempt_->again_at;
+    if (!waits) send_attempt();
+    return;
+  }
+  // At a header that is known to be past, nothing can be won.
+  if (queue_.empty() || known_version_ > memory_.header().version || pauses()) return;
+  Attempt &attempt = attempt_.emplace();
+  attempt.incarnation = memory_.header().incarnation;
+  attempt.version = memory_.header().version;
+  try {
+    decide(attempt);
+  } catch (const std::bad_alloc &) {
+    return refuse_attempt(KS_NO_MEMORY);
+  }
+  if (attempt_) send_attempt();
+}
+
+// decide takes as many changes as go into one transaction.
+void Core::decide(Attempt &attempt) {
+  uint64_t last_version = memory_.state().header.last_version;
+  vault::Group group(memory_.state(), options_.limits, last_version);
+  const size_t most = one_by_one_ ? 1 : kLargestGroup;
+  while (!queue_.empty() && attempt.changes.size() < most && group.changes().size() < kMostRowsPerCommit &&
+         size_of(group) + kLargestRow <= kMostBytesPerCommit) {
+    attempt.changes.push_back({std::move(queue_.front())});
+    queue_.pop_front();
+    attempt.changes.back().result = attempt.changes.back().change.decide(group);
+  }
+  one_by_one_ = one_by_one_ && !queue_.empty();
+  attempt.writes = !group.changes().empty();
+  if (!attempt.writes) return;
+  const WriterMark *mine = memory_.header().mark_of(options_.machine);
+  // Never that of an attempt before, which may happen yet.
+  last_sequence_ = std::max(last_sequence_, mine == nullptr ? 0 : mine->sequence) + 1;
+  attempt.sequence = last_sequence_;
+  std::optional<Commit> commit =
+      memory_.commit_of(group, {.machine = options_.machine, .session = options_.session, .sequence = last_sequence_});
+  if (!commit) {
+    passing_ = Standing::kTooManyMachines;
+    return refuse_attempt(KS_STORE_FULL);
+  }
+  attempt.commit = std::move(*commit);
+  attempt.commit.limit = kCommitLimit;
+  if (is(Mutant::kNoCompare)) attempt.commit.header_revision = UINT64_MAX;
+}
+
+void Core::send_attempt() {
+  attempt_->under_way = true;
+  attempt_->sent_last = now_;
+  if (!attempt_->writes) {
+    if (is(Mutant::kRefuseUnconfirmed)) {
+      for (const Decided &one : attempt_->changes) answer(one.change.ticket, one.result);
+      attempt_.reset();
+      return;
+    }
+    send_header_read();
+    attempt_->sent[last_id_] = now_;
+    return;
+  }
+  attempt_->sent[send(attempt_->commit)] = now_;
+  if (!is(Mutant::kApplyBeforeTheAnswer)) return;
+  if (auto step = memory_.next(memory_.revision() + 1, attempt_->commit.puts, attempt_->commit.deletes)) {
+    show(std::move(*step));
+  }
+}
+
+void Core::fail_attempt(Failure kind) {
+  attempt_->again_at = now_ + kRetryPause;
+  if (kind == Failure::kUnknown && !attempt_->in_doubt) {
+    attempt_->in_doubt = true;
+    ++counts_.unknown;
+  }
+  // Of what may have happened already, no failure of another sending tells.
+  if (!attempt_->in_doubt) {
+    switch (kind) {
+      case Failure::kNotSent:
+      case Failure::kUnknown:
+        break;
+      case Failure::kTooLarge:
+        if (attempt_->changes.size() == 1) return refuse_attempt(KS_STORE_FULL);
+        one_by_one_ = true;
+        return decide_again();
+      case Failure::kNoSpace:
+        passing_ = Standing::kNoSpace;
+        return refuse_attempt(KS_STORE_FULL);
+      case Failure::kDenied:
+        passing_ = Standing::kDenied;
+        return refuse_attempt(KS_FW_COMM_ERROR);
+    }
+  }
+  drop_attempt_if_answered();
+}
+
+// refuse_attempt answers all of it with `result`, but what needed no writing.
+void Core::refuse_attempt(KsResult result) {
+  for (const Decided &one : attempt_->changes) {
+    if (!one.answered) answer(one.change.ticket, result);
+  }
+  attempt_.reset();
+}
+
+// decide_again has the changes of an attempt that came to nothing be the first of the next one.
+void Core::decide_again() {
+  for (auto one = attempt_->changes.rbegin(); one != attempt_->changes.rend(); ++one) {
+    if (!one->answered) queue_.push_front(std::move(one->change));
+  }
+  attempt_.reset();
+}
+
+// pauses tells whether another machine is let in first. One that waits itself doesn't pause.
+bool Core::pauses() const {
+  if (lost_in_a_row_ >= kLostBeforeMark || is(Mutant::kSelfish)) return false;
+  return std::any_of(marks_.begin(), marks_.end(), [this](const auto &mark) { return mark.second.pause_until > now_; });
+}
+
+void Core::stop(Standing standing, std::string why) {
+  if (is(Mutant::kTamperingForgotten) && standing == Standing::kTampered) return load_again_at(now_ + kReadInterval);
+  lasting_ = standing;
+  why_ = std::move(why);
+  load_again_at(now_);
+  reads_.clear();
+  for (const Change &change : queue_) answer(change.ticket, KS_FW_BAD_CELL);
+  queue_.clear();
+  if (!attempt_) return;
+  const bool may_have_happened = attempt_->writes && !attempt_->sent.empty();
+  refuse_attempt(may_have_happened ? KS_TIMEOUT : KS_FW_BAD_CELL);
+}
+
+}  // namespace ksd::fleet

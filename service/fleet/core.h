@@ -1,0 +1,287 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
+// core.h: how one machine takes part in its fleet. docs/fleet.md tells the protocol.
+//
+// Nothing in here reads a clock, waits, or knows of threads, files and sockets: what happens is told to it, with the
+// time, and what is to be done is fetched from it. So a simulator in the tests can run a fleet through what a network,
+// a store and an operator may do to it.
+#ifndef SERVICE_FLEET_CORE_H
+#define SERVICE_FLEET_CORE_H
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fleet/engine.h"
+#include "fleet/memory.h"
+#include "fleet/owners.h"
+#include "vault/decide.h"
+#include "vault/limits.h"
+
+namespace ksd::fleet {
+
+// Time is that of a clock which goes on while the machine sleeps, and is never set.
+using Time = std::chrono::nanoseconds;
+
+struct CoreOptions {
+  std::string machine = {};
+  uint64_t session = 0;  // drawn at each start
+  std::shared_ptr<const SecretBytes> master_key = nullptr;
+  std::optional<FleetId> fleet = std::nullopt;  // nothing: that of the first header
+  std::optional<FleetId> make = std::nullopt;   // makes the fleet where there is none at all, under this id
+  uint64_t accepted_incarnation = 0;            // a restored fleet is followed up to this one
+  vault::Limits limits = {};
+  std::chrono::milliseconds write_wait{5000};  // a change is answered within
+  std::chrono::milliseconds max_age{900'000};  // reads are answered from memory for
+};
+
+enum class Standing : uint8_t {
+  kGood,
+  // These pass. Reads are answered as long as memory is young enough.
+  kLoading,          // nothing has been loaded yet
+  kNoFleet,          // the store is empty
+  kNoContact,        // the store hasn't answered for two seconds
+  kNoSpace,          // the store's quota is used up
+  kDenied,           // the store takes no changes of this machine
+  kTooManyMachines,  // the header has no room for another writer
+  // With these, the machine leaves the store alone from now on.
+  kTampered,    // what the store gives isn't what the machines made
+  kRestored,    // the fleet was restored, and nobody has said here that this was meant
+  kNamesake,    // another machine has this one's name
+  kOtherKey,    // the fleet has another master key
+  kOtherFleet,  // the store holds another fleet
+};
+
+constexpr bool lasts(Standing standing) {
+  return standing >= Standing::kTampered;
+}
+
+// Readers is who reads memory while the core goes on: memory changes between lock and unlock alone.
+class Readers {
+ public:
+  virtual void lock() = 0;
+  virtual void unlock() = 0;
+
+  // shown comes behind each such change: `gone` are the contents that aren't found any more. `changes` are the rows, or
+  // null when all of them may be others.
+  virtual void shown(const std::vector<uint64_t> &gone, const vault::RowChanges *changes) = 0;
+
+ protected:
+  ~Readers() = default;
+};
+
+// Ticket stands for a client's change.
+using Ticket = uint64_t;
+
+struct Answer {
+  Ticket ticket = 0;
+  KsResult result = KS_FAILURE;
+};
+
+class Core {
+ public:
+  Core(CoreOptions options, Owners &owners, Readers &readers);
+
+  // begin comes first, and nothing before it. `kept` is what a mirror had, if it could be believed, and `age` how old
+  // that is at least.
+  struct Kept {
+    Memory::Whole whole;
+    std::chrono::milliseconds age{};
+  };
+  void begin(Time now, std::optional<Kept> kept = std::nullopt);
+
+  // What happens. change is a client's; take is a report of the engine; tick is that time has passed.
+  void change(Time now, Ticket ticket, vault::Decide decide);
+  void take(Time now, Report report);
+  void tick(Time now);
+
+  // accept follows a fleet that was restored to `incarnation`.
+  void accept(Time now, uint64_t incarnation);
+  void use_limits(const vault::Limits &limits) { options_.limits = limits; }
+
+  // What is to be done: requests for the engine, answers for clients, and a tick no later than next_tick.
+  std::vector<Request> take_requests() { return std::exchange(requests_, {}); }
+  std::vector<Answer> take_answers() { return std::exchange(answers_, {}); }
+  Time next_tick() const;
+
+  // For readers, in their lock.
+  const Memory &memory() const { return memory_; }
+  Memory &memory() { return memory_; }
+
+  // readable_until is when memory gets too old to be read; nothing while there is none.
+  std::optional<Time> readable_until() const;
+  bool readable(Time now) const {
+    const std::optional<Time> until = readable_until();
+    return until && now < *until;
+  }
+
+  Standing standing(Time now) const;
+
+  // why gives the particulars of a standing, for a log; may be empty. Of a restored fleet, its incarnation.
+  const std::string &why() const { return why_; }
+
+  struct Counts {
+    uint64_t commits = 0;  // made by this machine
+    uint64_t lost = 0;     // that another one came before
+    uint64_t unknown = 0;  // whose outcome had to be found out
+    uint64_t loads = 0;
+  };
+  const Counts &counts() const { return counts_; }
+
+ private:
+  struct Change {
+    Ticket ticket = 0;
+    vault::Decide decide;
+    Time deadline{};
+  };
+  struct Decided {
+    Change change{};
+    KsResult result = KS_FAILURE;
+    bool answered = false;
+  };
+
+  // Attempt is a group of changes that were decided at one header, and wait for the store's word: a commit when there
+  // is something to write, else that the header is still the same.
+  struct Attempt {
+    std::vector<Decided> changes;
+    Commit commit;
+    uint64_t incarnation = 0;  // decided at this header
+    uint64_t version = 0;
+    uint64_t sequence = 0;
+    bool writes = false;
+    bool in_doubt = false;   // once it was sent, and nobody knows what became of it
+    bool under_way = false;  // the last request hasn't been answered
+    bool refused = false;    // another header is there; memory will reach it
+    std::map<RequestId, Time> sent;
+    Time sent_last{};
+    Time again_at{};
+  };
+
+  struct HeaderRead {
+    Time sent{};
+    uint64_t incarnation = 0;  // that memory had then
+    uint64_t version = 0;
+  };
+
+  // Reached is what makes memory young once it has come to `version`.
+  struct Reached {
+    uint64_t version = 0;
+    Time as_of{};
+  };
+
+  void take_report(const Committed &report);
+  void take_report(const Refused &report);
+  void take_report(const Failed &report);
+  void take_report(const HeaderIs &report);
+  void take_report(LoadedRows &report);
+  void take_report(const Loaded &report);
+  void take_report(const Changed &report);
+  void take_report(const WatchBroken &report);
+  void take_report(const BeatsAre &) {}
+  void take_report(const EngineGone &report);
+
+  RequestId send(Request request);
+  void send_header_read();
+  void send_beat(bool waits);
+  void load();
+  void load_again_at(Time when);
+  void finish_load(const Loaded &report);
+  void make_fleet();
+  void watch();
+  void note_header(const HeaderRead &read, const std::optional<KeyValue> &header);
+  void be_behind(uint64_t version, Time as_of);
+  void heed_heartbeat(const KeyValue &beat);
+
+  void show(Memory::Step step);
+  void show(Memory::Whole whole);
+  void reach_header();
+  void settle();
+  void lose();
+  void look_for_namesake();
+
+  void go_on();
+  void give_up_late_ones();
+  void attempt_more();
+  void decide(Attempt &attempt);
+  void send_attempt();
+  void fail_attempt(Failure kind);
+  void refuse_attempt(KsResult result);
+  void decide_again();
+  void drop_attempt_if_answered();
+  bool pauses() const;
+  bool in_contact() const { return now_ - contact_ < kContactLost; }
+  void answer(Ticket ticket, KsResult result) { answers_.push_back({ticket, result}); }
+  void stop(Standing standing, std::string why);
+  void young_as_of(Time when);
+
+  static constexpr std::chrono::milliseconds kReadInterval{200};
+  static constexpr std::chrono::milliseconds kReadLimit{1000};
+  static constexpr std::chrono::milliseconds kCommitLimit{1500};
+  static constexpr std::chrono::milliseconds kReportGrace{500};  // an engine that says nothing is given up
+  static constexpr std::chrono::milliseconds kContactLost{2000};
+  static constexpr std::chrono::milliseconds kLoadLimit{10'000};
+  static constexpr std::chrono::milliseconds kRetryPause{50};
+  static constexpr std::chrono::milliseconds kNoFleetPause{1000};
+  static constexpr std::chrono::milliseconds kBehindLimit{1000};
+  static constexpr std::chrono::milliseconds kBeatInterval{10'000};
+  static constexpr std::chrono::milliseconds kWaitMarkInterval{100};
+  static constexpr std::chrono::milliseconds kPause{200};  // for a machine that waits, at most
+  static constexpr unsigned kLostBeforeMark = 3;
+
+  CoreOptions options_;
+  Readers &readers_;
+  Memory memory_;
+  Time now_{};
+
+  std::vector<Request> requests_;
+  std::vector<Answer> answers_;
+  RequestId last_id_ = 0;
+
+  // What memory was last checked against.
+  enum class Phase : uint8_t { kLoading, kFollowing } phase_ = Phase::kLoading;
+  std::optional<Memory::Loading> loading_;
+  RequestId load_id_ = 0;  // 0: none under way
+  Time load_sent_{}, load_at_{};
+  RequestId make_id_ = 0;
+  RequestId watch_id_ = 0;  // 0: none
+  Time watch_at_{};
+  Revision seen_ = 0;  // by the watch, that included
+  std::map<RequestId, HeaderRead> reads_;
+  Time next_read_at_{}, next_beat_at_{};
+  uint64_t known_version_ = 0;  // of the latest header that is known to be there
+  Time behind_since_{};
+  std::vector<Reached> ages_;
+  std::optional<Time> young_as_of_;  // memory was the latest then
+  Time contact_{};
+
+  std::deque<Change> queue_;
+  std::optional<Attempt> attempt_;
+  uint64_t last_sequence_ = 0;
+  bool has_committed_ = false;  // in this session, and this incarnation
+  bool one_by_one_ = false;     // a group was too large
+
+  struct Mark {
+    uint64_t session = 0, number = 0;
+    Time pause_until{};
+  };
+  std::map<std::string, Mark> marks_;  // of other machines
+  unsigned lost_in_a_row_ = 0;
+  Time marked_at_{};
+  uint64_t beats_ = 0;
+
+  Standing lasting_ = Standing::kGood;
+  Standing passing_ = Standing::kGood;  // of the last change
+  bool no_fleet_ = false;
+  uint64_t restored_to_ = 0;  // the incarnation that nobody has accepted
+  std::string why_;
+  Counts counts_;
+};
+
+}  // namespace ksd::fleet
+
+#endif

@@ -1,0 +1,227 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
+#include "fleet/mirror.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <set>
+#include <stdexcept>
+
+#include "base/fd.h"
+#include "base/little_endian.h"
+#include "base/log.h"
+#include "base/trust.h"
+#include "fleet/clock.h"
+#include "vault/files.h"
+
+namespace ksd::fleet {
+namespace {
+
+using vault::RecordKind;
+using namespace std::chrono_literals;
+
+constexpr auto kPauseBetweenWrites = 100ms;
+// How much older memory may have become since it was last written down.
+constexpr auto kAgeInterval = 10s;
+
+// Where the fields of a mirror's state stand; the header is behind them.
+enum StateOffset : size_t { kHash = 0, kAge = 32, kBoot = 40, kClock = 56, kWall = 64, kHeader = 72 };
+
+using BootId = std::array<uint8_t, 16>;
+
+// boot_id tells one run of the kernel from another; zeros where the kernel doesn't say, which is never the same run.
+BootId boot_id() {
+  BootId id{};
+  const UniqueFd file(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
+  std::array<uint8_t, 36> text{};
+  if (!file || read(file.get(), text.data(), text.size()) != ssize_t{text.size()}) return id;
+  crypto_generichash(id.data(), id.size(), text.data(), text.size(), nullptr, 0);
+  return id;
+}
+
+uint64_t milliseconds(Time time) {
+  return static_cast<uint64_t>(std::max<int64_t>(0, time / 1ms));
+}
+
+}  // namespace
+
+Mirror::Mirror(std::string path, std::shared_ptr<const SecretBytes> master_key, const std::optional<FleetId> &fleet)
+    : path_(std::move(path)), master_key_(std::move(master_key)), key_id_(vault::key_id_of(*master_key_)) {
+  if (const auto why = why_others_may_replace(path_)) throw std::runtime_error(fmt::format("{}: {}", path_, *why));
+  if (!vault::file_exists(path_)) return;
+  database_ = std::make_unique<vault::Database>(path_);
+  const vault::VaultIdentity identity = database_->identity();
+  const char *other = identity.key_id != key_id_             ? "master key"
+                      : fleet && identity.vault_id != *fleet ? "fleet"
+                                                             : nullptr;
+  if (other != nullptr) {
+    throw std::runtime_error(
+        fmt::format("{}: is the mirror of another {}; move it away to load all from the fleet", path_, other));
+  }
+  fleet_ = identity.vault_id;
+  sealer_.emplace(*master_key_, *fleet_);
+}
+
+Mirror::~Mirror() {
+  if (!worker_.joinable()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    closing_ = true;
+  }
+  to_do_.notify_one();
+  worker_.join();
+}
+
+std::optional<Core::Kept> Mirror::load(Memory &memory) {
+  if (!database_) return std::nullopt;
+  const auto refuse = [this] {
+    throw std::runtime_error(fmt::format("{}: the mirror is damaged; move it away to load all from the fleet", path_));
+  };
+  const vault::VaultIdentity identity = database_->identity();
+  const std::shared_ptr<const SecretBytes> plain = sealer_->open(RecordKind::kMirror, 0, identity.sealed_header);
+  if (plain == nullptr || plain->size() < kHeader) refuse();
+  const uint8_t *state = plain->bytes().data();
+  std::optional<FleetHeader> header = decode_header(plain->bytes().subspan(kHeader));
+  if (!header) refuse();
+  OpenedHeader opened{.header = std::move(*header), .hash = {}, .fleet = *fleet_, .revision = 0};
+  std::copy_n(state + kHash, opened.hash.size(), opened.hash.begin());
+
+  Memory::Loading loading(memory);
+  database_->for_each_entry([&](uint64_t id, Bytes sealed) {
+    loading.add({{.key = row_key(id), .value = {sealed.begin(), sealed.end()}, .mod_revision = 0}});
+  });
+  std::optional<Memory::Whole> whole = loading.finish(opened);
+  if (!whole) refuse();
+
+  // In the same run of the kernel its clock tells how long ago that was. Otherwise the time of day does, as far as it
+  // can be believed: it never makes the copy younger than it was when it was written, and up to an interval later.
+  Core::Kept kept{.whole = std::move(*whole),
+                  .age = std::chrono::milliseconds(get_little_endian<uint64_t>(state + kAge))};
+  const BootId boot = boot_id();
+  const bool same_run = boot != BootId{} && std::equal(boot.begin(), boot.end(), state + kBoot);
+  if (same_run) {
+    kept.age += std::chrono::milliseconds(milliseconds(clock_now()) - get_little_endian<uint64_t>(state + kClock));
+  } else {
+    const auto wall = static_cast<int64_t>(get_little_endian<uint64_t>(state + kWall));
+    kept.age += kAgeInterval + std::chrono::seconds(std::max<int64_t>(0, std::time(nullptr) - wall));
+  }
+  header_ = opened.header;
+  hash_ = opened.hash;
+  lost_ = false;
+  return kept;
+}
+
+void Mirror::follow(const Memory &memory, const vault::RowChanges *changes) {
+  {
+    const std::lock_guard lock(mutex_);
+    memory_ = &memory;
+    if (std::exchange(lost_, true) || changes == nullptr) {
+      due_.all = true;
+      due_.rows.clear();
+      for (vault::RowPtr &row : memory.state().table.rows()) due_.rows[row->id] = std::move(row);
+    } else {
+      for (const auto &[id, change] : *changes) due_.rows[id] = change.after;
+    }
+    due_.header = memory.header();
+    due_.hash = memory.hash();
+    lost_ = false;
+    if (!worker_.joinable()) worker_ = std::thread([this] { work(); });
+  }
+  to_do_.notify_one();
+}
+
+void Mirror::young(Time as_of) {
+  const std::lock_guard lock(mutex_);
+  as_of_ = as_of;
+}
+
+void Mirror::work() noexcept {
+  Time written_at{};
+  for (;;) {
+    Due due;
+    Time as_of{};
+    bool is_last = false;
+    {
+      std::unique_lock lock(mutex_);
+      to_do_.wait_for(lock, kAgeInterval / 2, [&] { return closing_ || due_.header; });
+      is_last = closing_;
+      as_of = as_of_;
+      const bool ages = clock_now() - as_of >= kAgeInterval / 2 && clock_now() - written_at >= kAgeInterval / 2;
+      if (!due_.header && !ages && !is_last) continue;
+      std::swap(due, due_);
+    }
+    try {
+      write(due, as_of);
+      written_at = clock_now();
+      failing_ = false;
+    } catch (const std::exception &error) {
+      if (!std::exchange(failing_, true)) {
+        tell(event::kMirrorNotWritten, "{}; a start without the fleet would know less. Look after its disk",
+             error.what());
+      }
+      const std::lock_guard lock(mutex_);
+      lost_ = true;
+    }
+    if (is_last) return;
+    std::unique_lock lock(mutex_);
+    to_do_.wait_for(lock, kPauseBetweenWrites, [&] { return closing_; });
+  }
+}
+
+std::vector<uint8_t> Mirror::state_record(const FleetHeader &header, const HeaderHash &hash, Time as_of) const {
+  std::vector<uint8_t> state(kHeader);
+  std::copy(hash.begin(), hash.end(), state.begin() + kHash);
+  put_little_endian(state.data() + kAge, milliseconds(clock_now() - as_of));
+  const BootId boot = boot_id();
+  std::copy(boot.begin(), boot.end(), state.begin() + kBoot);
+  put_little_endian(state.data() + kClock, milliseconds(clock_now()));
+  put_little_endian(state.data() + kWall, static_cast<uint64_t>(std::time(nullptr)));
+  const std::vector<uint8_t> encoded = encode_header(header);
+  state.insert(state.end(), encoded.begin(), encoded.end());
+  return sealer_->seal(RecordKind::kMirror, 0, state);
+}
+
+void Mirror::write(const Due &due, Time as_of) {
+  if (!due.header && !database_) return;
+  // Where only time has passed, the rows are those of the header that was written last.
+  const FleetHeader &header = due.header ? *due.header : header_;
+  const HeaderHash &hash = due.header ? due.hash : hash_;
+  if (!database_) {
+    fleet_ = *memory_->fleet();
+    sealer_.emplace(*master_key_, *fleet_);
+    vault::Database::create(
+        path_, {.key_id = key_id_, .vault_id = *fleet_, .sealed_header = state_record(header, hash, as_of)});
+    database_ = std::make_unique<vault::Database>(path_);
+  }
+  std::set<uint64_t> gone;
+  if (due.all) {
+    database_->for_each_entry([&](uint64_t id, Bytes) {
+      if (!due.rows.contains(id)) gone.insert(id);
+    });
+  }
+  const std::optional<vault::WriteFailure> failed = database_->transaction([&] {
+    for (const uint64_t id : gone) {
+      if (!database_->remove_entry(id)) return false;
+    }
+    for (const auto &[id, row] : due.rows) {
+      if (row == nullptr ? !database_->remove_entry(id) : !database_->put_entry(id, memory_->sealed_row(*row))) {
+        return false;
+      }
+    }
+    return database_->put_header(state_record(header, hash, as_of));
+  });
+  if (failed) throw std::runtime_error(fmt::format("{}: the mirror can't be written: {}", path_, failed->text));
+  if (due.header) {
+    header_ = header;
+    hash_ = hash;
+  }
+  if (database_->log_is_long()) database_->write_back();
+}
+
+}  // namespace ksd::fleet

@@ -1,0 +1,400 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
+#include "fleet/shared_vault.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+#include <shared_mutex>
+#include <stdexcept>
+
+#include "base/log.h"
+#include "fleet/clock.h"
+
+namespace ksd::fleet {
+namespace {
+
+using namespace std::chrono_literals;
+
+CoreOptions core_options(const SharedOptions &options, const Mirror *mirror) {
+  uint64_t session = 0;
+  randombytes_buf(&session, sizeof session);
+  CoreOptions core{.machine = options.machine,
+                   .session = session,
+                   .master_key = options.master_key,
+                   .fleet = mirror != nullptr && mirror->fleet() ? mirror->fleet() : options.fleet,
+                   .make = std::nullopt,
+                   .accepted_incarnation = options.accepted_incarnation,
+                   .limits = options.limits,
+                   .write_wait = options.write_wait,
+                   .max_age = options.max_age};
+  if (options.create && core.fleet) core.make = core.fleet;
+  if (options.create && !core.fleet) randombytes_buf(core.make.emplace().data(), sizeof(FleetId));
+  return core;
+}
+
+// words_for says what a standing means, to who looks after the machine.
+std::string words_for(Standing standing, const std::string &why) {
+  switch (standing) {
+    case Standing::kGood:
+      return "";
+    case Standing::kLoading:
+      return "the entries of the fleet haven't been loaded yet";
+    case Standing::kNoFleet:
+      return "the store is empty; make the fleet on one machine, by create = true under [shared]";
+    case Standing::kNoContact:
+      return "the store doesn't answer: changes are refused; look after the network and the store's members";
+    case Standing::kNoSpace:
+      return "the store's quota is used up: changes are refused; make room in it";
+    case Standing::kDenied:
+      return "the store takes no changes of this machine; look after its rights there";
+    case Standing::kTooManyMachines:
+      return "as many machines as the fleet can have made changes before this one; take one out";
+    case Standing::kTampered:
+      return fmt::format(
+          "the store isn't as the fleet's machines left it: {}. Nothing is changed any more, and reads end when they "
+          "are "
+          "too old; find out who changed the store, bring it back and restart the service",
+          why);
+    case Standing::kRestored:
+      return fmt::format(
+          "the fleet was restored from a backup: nothing is changed, and reads end when they are too old; if that was "
+          "meant, set accept_incarnation = {} under [shared] and restart the service",
+          why);
+    case Standing::kNamesake:
+      return fmt::format("{}: give each its own under [shared], and restart the service", why);
+    case Standing::kOtherKey:
+      return "the fleet has another master key; join it, or name the right one";
+    case Standing::kOtherFleet:
+      return "the store holds another fleet than the one that this machine belongs to; look after prefix and endpoints";
+  }
+  return "";
+}
+
+}  // namespace
+
+SharedVault::SharedVault(SharedOptions options, std::unique_ptr<Engine> engine)
+    : options_(std::move(options)),
+      path_(options_.mirror.empty() ? "the fleet" : options_.mirror),
+      owners_(options_.owners),
+      engine_(std::move(engine)),
+      mirror_(options_.mirror.empty() ? nullptr
+                                      : std::make_unique<Mirror>(options_.mirror, options_.master_key, options_.fleet)),
+      core_(core_options(options_, mirror_.get()), owners_, *this),
+      limits_(options_.limits),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake_) throw std::runtime_error("there are no descriptors left for a store that is shared; raise the limit");
+  begin();
+  worker_ = std::thread([this] { work(); });
+}
+
+SharedVault::~SharedVault() {
+  {
+    const std::lock_guard lock(inbox_mutex_);
+    closing_ = true;
+  }
+  wake();
+  worker_.join();
+  mirror_.reset();  // it reads memory until then
+}
+
+void SharedVault::begin() {
+  std::optional<Core::Kept> kept = mirror_ ? mirror_->load(core_.memory()) : std::nullopt;
+  if (kept) {
+    spdlog::info("{}: {} entries as of change {} of the fleet, {} s old", path_, kept->whole.state.table.size(),
+                 kept->whole.header.header.version, kept->age / 1s);
+  }
+  core_.begin(clock_now(), std::move(kept));
+  flush();
+}
+
+// ---- Reads ----
+
+void SharedVault::require_young() const {
+  if (clock_now().count() >= readable_until_.load(std::memory_order_relaxed)) {
+    throw vault::Unavailable(KS_FW_COMM_ERROR);
+  }
+}
+
+std::optional<vault::Entry> SharedVault::find(const EntryName &name) const {
+  require_young();
+  vault::RowPtr row;
+  {
+    const std::shared_lock lock(state_lock_);
+    row = core_.memory().state().table.find(name);
+  }
+  if (row == nullptr) return std::nullopt;
+  return vault::Entry{row->generation, row->secret, row->metadata};
+}
+
+bool SharedVault::exists(const EntryName &name) const {
+  require_young();
+  const std::shared_lock lock(state_lock_);
+  return core_.memory().state().table.find(name) != nullptr;
+}
+
+std::optional<EntryName> SharedVault::at(uint16_t position) const {
+  require_young();
+  const std::shared_lock lock(state_lock_);
+  const vault::EntryRow *row = core_.memory().state().table.at(position);
+  if (row == nullptr) return std::nullopt;
+  return row->name;
+}
+
+size_t SharedVault::count() const {
+  require_young();
+  const std::shared_lock lock(state_lock_);
+  return core_.memory().state().table.size();
+}
+
+vault::Store::Usage SharedVault::usage() const {
+  const vault::Limits limits = current_limits();
+  Usage usage;
+  usage.entry_limit = limits.entries;
+  usage.byte_limit = limits.bytes;
+  const std::shared_lock lock(state_lock_);
+  const vault::Use &use = core_.memory().state().ledger.all();
+  usage.entries = use.entries;
+  usage.bytes = use.bytes;
+  usage.over_90_percent = vault::reaches(use, {limits.entries, limits.bytes}, 90);
+  return usage;
+}
+
+std::vector<vault::Owner> SharedVault::owners(uid_t from, size_t most) const {
+  std::vector<vault::Owner> owners;
+  owners.reserve(most);
+  const std::shared_lock lock(state_lock_);
+  const auto &users = core_.memory().state().ledger.users();
+  for (auto user = users.lower_bound(from); user != users.end() && owners.size() < most; ++user) {
+    const auto &[uid, use] = *user;
+    owners.push_back({.uid = uid, .vdc_id = use.vdc_id, .entries = use.entries, .bytes = use.bytes});
+  }
+  return owners;
+}
+
+vault::Snapshot SharedVault::snapshot() {
+  require_young();
+  const std::shared_lock lock(state_lock_);
+  const Memory &memory = core_.memory();
+  return {.vault_id = *memory.fleet(), .header = memory.state().header, .rows = memory.state().table.rows()};
+}
+
+// ---- Changes ----
+
+KsResult SharedVault::put(const EntryName &name, const std::optional<EntryName> &alias, Bytes secret, Bytes metadata,
+                          uid_t owner) {
+  return change(vault::decide_put(name, alias, secret, metadata, owners_.of_user(owner)));
+}
+
+KsResult SharedVault::set_metadata(const EntryName &name, Bytes metadata) {
+  return change(vault::decide_metadata(name, metadata));
+}
+
+KsResult SharedVault::remove(const EntryName &name) {
+  return change(vault::decide_remove(name));
+}
+
+KsResult SharedVault::rename(const EntryName &from, const EntryName &to) {
+  return change(vault::decide_rename(from, to));
+}
+
+KsResult SharedVault::change(vault::Decide decide) {
+  Asked asked{std::move(decide), {}};
+  std::future<KsResult> answer = asked.answer.get_future();
+  {
+    const std::lock_guard lock(inbox_mutex_);
+    inbox_.push_back(&asked);
+  }
+  wake();
+  return answer.get();
+}
+
+vault::Limits SharedVault::current_limits() const {
+  const std::lock_guard lock(status_mutex_);
+  return limits_;
+}
+
+void SharedVault::use_limits(const vault::Limits &limits) {
+  {
+    const std::lock_guard lock(status_mutex_);
+    limits_ = limits;
+  }
+  {
+    const std::lock_guard lock(inbox_mutex_);
+    new_limits_ = limits;
+  }
+  wake();
+}
+
+void SharedVault::accept_incarnation(uint64_t incarnation) {
+  {
+    const std::lock_guard lock(inbox_mutex_);
+    accepted_incarnation_ = incarnation;
+  }
+  wake();
+}
+
+KsResult SharedVault::write_back(uint64_t &pages) {
+  pages = 0;
+  return KS_SUCCESS;
+}
+
+// ---- Status ----
+
+SharedStatus SharedVault::status() const {
+  const std::lock_guard lock(status_mutex_);
+  SharedStatus status = status_;
+  if (as_of_) status.age = std::chrono::duration_cast<std::chrono::milliseconds>(clock_now() - *as_of_);
+  return status;
+}
+
+vault::Condition SharedVault::condition() const {
+  const std::lock_guard lock(status_mutex_);
+  return {.refusal = status_.words, .until_restart = lasts(status_.standing), .reserve_kept = true};
+}
+
+bool SharedVault::wait_until_loaded(std::chrono::milliseconds at_most) const {
+  std::unique_lock lock(status_mutex_);
+  return loaded_.wait_for(lock, at_most, [this] { return status_.readable; });
+}
+
+// ---- The thread ----
+
+void SharedVault::lock() {
+  state_lock_.lock();
+  begin_epoch();
+}
+
+void SharedVault::shown(const std::vector<uint64_t> &gone, const vault::RowChanges *changes) {
+  if (retired_) {
+    for (const uint64_t generation : gone) retired_(generation);
+  }
+  try {
+    if (mirror_) mirror_->follow(core_.memory(), changes);
+    use_watch_.look_at(path_, core_.memory().state().ledger, current_limits());
+  } catch (const std::bad_alloc &) {  // the next change does it
+  }
+}
+
+void SharedVault::wake() const {
+  const uint64_t one = 1;
+  // It can't fail but for a counter that is full, and then the thread is awake anyhow.
+  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
+}
+
+void SharedVault::work() noexcept {
+  for (;;) {
+    try {
+      if (!step()) return;
+    } catch (const std::bad_alloc &) {  // what was lost of it, the next load brings
+      spdlog::warn("{}: there is no memory to follow the fleet; it is tried again", path_);
+    } catch (const std::exception &error) {
+      spdlog::warn("{}: {}; it is tried again", path_, error.what());
+    }
+    wait(core_.next_tick());
+  }
+}
+
+// step does all that there is to do; false when it was the last.
+bool SharedVault::step() {
+  std::vector<Asked *> asked;
+  std::optional<vault::Limits> limits;
+  uint64_t incarnation = 0;
+  bool closing = false;
+  {
+    const std::lock_guard lock(inbox_mutex_);
+    asked.swap(inbox_);
+    limits = std::exchange(new_limits_, std::nullopt);
+    incarnation = std::exchange(accepted_incarnation_, 0);
+    closing = closing_;
+  }
+  if (limits) core_.use_limits(*limits);
+  if (incarnation != 0) core_.accept(clock_now(), incarnation);
+  for (Asked *one : asked) {
+    asked_[++last_ticket_] = one;
+    core_.change(clock_now(), last_ticket_, std::move(one->decide));
+    flush();
+  }
+  reports_.clear();
+  engine_->receive(reports_);
+  for (Report &report : reports_) {
+    core_.take(clock_now(), std::move(report));
+    flush();
+  }
+  core_.tick(clock_now());
+  flush();
+  return !closing || !asked_.empty();
+}
+
+// flush carries out what the core wants done. Readers may see what is new before anybody is told of it.
+void SharedVault::flush() {
+  const std::optional<Time> until = core_.readable_until();
+  readable_until_.store(until ? until->count() : INT64_MIN, std::memory_order_relaxed);
+  if (mirror_ && until) mirror_->young(*until - options_.max_age);
+  for (Request &request : core_.take_requests()) engine_->send(std::move(request));
+  tell_status();
+  for (const Answer &answer : core_.take_answers()) {
+    const auto found = asked_.find(answer.ticket);
+    if (found == asked_.end()) continue;
+    Asked *asked = found->second;
+    asked_.erase(found);
+    asked->answer.set_value(answer.result);
+  }
+}
+
+void SharedVault::tell_status() {
+  const Time now = clock_now();
+  const Standing standing = core_.standing(now);
+  const bool readable = core_.readable(now);
+  if (readable != was_readable_ || standing != told_) {
+    const std::string words = words_for(standing, core_.why());
+    if (was_readable_ && !readable) {
+      begin_epoch();  // a key that a thread remembers is too old as well
+      tell(event::kEntriesTooOld, "{}: what is in memory is too old to be read: {}", path_, words);
+    } else if (!was_readable_ && readable) {
+      spdlog::info("{}: {} entries as of change {}", path_, core_.memory().state().table.size(),
+                   core_.memory().header().version);
+    }
+    if (standing != told_ && standing == Standing::kGood) {
+      spdlog::info("{}: the fleet is followed, and changes are taken", path_);
+    } else if (standing != told_) {
+      tell(lasts(standing) ? event::kFleetStopped : event::kFleetTroubled, "{}: {}", path_, words);
+    }
+    told_ = standing;
+    was_readable_ = readable;
+    const std::lock_guard lock(status_mutex_);
+    status_.standing = standing;
+    status_.words = words;
+    status_.readable = readable;
+    if (readable) loaded_.notify_all();
+  }
+  const std::lock_guard lock(status_mutex_);
+  if (const std::optional<Time> until = core_.readable_until()) as_of_ = *until - options_.max_age;
+  status_.version = core_.memory().header().version;
+  status_.incarnation = core_.memory().header().incarnation;
+  status_.fleet = core_.memory().fleet();
+  status_.counts = core_.counts();
+}
+
+void SharedVault::wait(Time until) {
+  const Time now = clock_now();
+  if (const std::optional<Time> readable = core_.readable_until(); readable && *readable > now) {
+    until = std::min(until, *readable);
+  }
+  // At least once a minute, whatever was said.
+  Time most = std::clamp(until - now, Time(0), Time(60s));
+  if (const auto engine = engine_->wait_at_most()) most = std::min<Time>(most, *engine);
+  pollfd sources[] = {{.fd = wake_.get(), .events = POLLIN, .revents = 0},
+                      {.fd = engine_->file(), .events = engine_->events(), .revents = 0}};
+  const timespec limit{.tv_sec = most / 1s, .tv_nsec = (most % 1s).count()};
+  ppoll(sources, 2, &limit, nullptr);
+  uint64_t woken = 0;
+  [[maybe_unused]] const ssize_t size = read(wake_.get(), &woken, sizeof woken);
+}
+
+}  // namespace ksd::fleet

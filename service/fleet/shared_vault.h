@@ -1,0 +1,149 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
+// shared_vault.h: the store of a machine that shares its entries with a fleet. Reads are answered from memory; a thread
+// of its own keeps that up to date and brings changes to the engine.
+#ifndef SERVICE_FLEET_SHARED_VAULT_H
+#define SERVICE_FLEET_SHARED_VAULT_H
+
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/fd.h"
+#include "fleet/core.h"
+#include "fleet/mirror.h"
+#include "vault/read_mostly_lock.h"
+#include "vault/use_watch.h"
+#include "vault/vault.h"
+
+namespace ksd::fleet {
+
+struct SharedOptions {
+  std::string machine;
+  std::shared_ptr<const SecretBytes> master_key;
+  std::optional<FleetId> fleet = std::nullopt;  // nothing: that of the mirror, or of the first header
+  bool create = false;                          // make the fleet where the store is empty
+  uint64_t accepted_incarnation = 0;
+  vault::Limits limits = {};
+  std::chrono::milliseconds write_wait{5000};
+  std::chrono::milliseconds max_age{900'000};
+  std::map<uid_t, std::string> owners = {};  // by their numbers on this machine
+  std::string mirror = {};                   // a file; empty: none
+};
+
+struct SharedStatus {
+  Standing standing = Standing::kLoading;
+  std::string words;                               // what that means, in one line; empty when all is well
+  std::optional<std::chrono::milliseconds> age{};  // of memory; nothing before it is loaded
+  bool readable = false;
+  uint64_t version = 0;
+  uint64_t incarnation = 0;
+  std::optional<FleetId> fleet{};
+  Core::Counts counts{};
+};
+
+class SharedVault final : public vault::Vault, private Readers {
+ public:
+  // The constructor returns at once: memory is loaded on the thread. Throws std::runtime_error, one line with what to
+  // do, for a mirror that can't be used.
+  SharedVault(SharedOptions options, std::unique_ptr<Engine> engine);
+
+  // Changes that wait are answered first, within write_wait.
+  ~SharedVault() override;
+
+  // wait_until_loaded gives whether entries can be read.
+  bool wait_until_loaded(std::chrono::milliseconds at_most) const;
+  SharedStatus status() const;
+  const std::string &machine() const { return options_.machine; }
+  void accept_incarnation(uint64_t incarnation);
+
+  // Reads throw vault::Unavailable when memory is too old, or not there yet.
+  std::optional<vault::Entry> find(const EntryName &name) const override;
+  bool exists(const EntryName &name) const override;
+  std::optional<EntryName> at(uint16_t position) const override;
+  size_t count() const override;
+  KsResult put(const EntryName &name, const std::optional<EntryName> &alias, Bytes secret, Bytes metadata,
+               uid_t owner) override;
+  KsResult set_metadata(const EntryName &name, Bytes metadata) override;
+  KsResult remove(const EntryName &name) override;
+  KsResult rename(const EntryName &from, const EntryName &to) override;
+  void on_retired(std::function<void(uint64_t generation)> retired) override { retired_ = std::move(retired); }
+  KsResult compact() override { return KS_SUCCESS; }  // the engine sees to its own space
+  Usage usage() const override;
+
+  void use_limits(const vault::Limits &limits) override;
+  const std::string &path() const override { return path_; }
+  vault::Condition condition() const override;
+  std::vector<vault::Owner> owners(uid_t from, size_t most) const override;
+  KsResult write_back(uint64_t &pages) override;
+  vault::Snapshot snapshot() override;
+  KsResult change_key(std::shared_ptr<const SecretBytes>) override { return KS_INVALID_ARGS; }
+  vault::KeyChangeProgress key_change() const override { return {}; }
+
+ private:
+  // Asked is a change on the stack of who waits for its answer.
+  struct Asked {
+    vault::Decide decide;
+    std::promise<KsResult> answer;
+  };
+
+  void lock() override;
+  void unlock() override { state_lock_.unlock(); }
+  void shown(const std::vector<uint64_t> &gone, const vault::RowChanges *changes) override;
+
+  KsResult change(vault::Decide decide);
+  void require_young() const;
+  vault::Limits current_limits() const;
+  void work() noexcept;
+  void begin();
+  bool step();
+  void flush();
+  void tell_status();
+  void wait(Time until);
+  void wake() const;
+
+  const SharedOptions options_;
+  const std::string path_;
+  Owners owners_;
+  std::unique_ptr<Engine> engine_;
+  std::unique_ptr<Mirror> mirror_;
+
+  // Of the thread alone, but for what readers look at in the lock.
+  mutable vault::ReadMostlyLock state_lock_;
+  Core core_;
+  std::function<void(uint64_t)> retired_;
+  std::vector<Report> reports_;
+  std::map<Ticket, Asked *> asked_;
+  Ticket last_ticket_ = 0;
+  vault::UseWatch use_watch_;
+  Standing told_ = Standing::kLoading;
+  bool was_readable_ = false;
+
+  // When reads end, in nanoseconds of the clock.
+  std::atomic<int64_t> readable_until_{INT64_MIN};
+
+  mutable std::mutex status_mutex_;
+  mutable std::condition_variable loaded_;
+  SharedStatus status_;  // without the age
+  std::optional<Time> as_of_;
+  vault::Limits limits_;
+
+  std::mutex inbox_mutex_;
+  std::vector<Asked *> inbox_;
+  std::optional<vault::Limits> new_limits_;
+  uint64_t accepted_incarnation_ = 0;
+  bool closing_ = false;
+  const UniqueFd wake_;
+  std::thread worker_;
+};
+
+}  // namespace ksd::fleet
+
+#endif

@@ -1,0 +1,397 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
+#include "fleet/shared_vault.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+
+#include <thread>
+
+#include "fleet/clock.h"
+#include "fleet_simulator/engine_model.h"
+#include "vault_files/vault_files.h"
+
+namespace ksd::fleet {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using vault::bytes_of;
+using vault::metadata_in;
+using vault::names_in;
+using vault::put;
+using vault::secret_in;
+using vault::secret_name;
+
+constexpr auto kSoon = 20s;  // on a machine with much else to do
+
+std::shared_ptr<const SecretBytes> master_key(uint8_t fill = 7) {
+  return SecretBytes::copy_of(std::vector<uint8_t>(vault::kMasterKeySize, fill));
+}
+
+// eventually waits until `what` holds.
+template <typename What>
+bool eventually(What what) {
+  const Time end = clock_now() + kSoon;
+  while (!what()) {
+    if (clock_now() > end) return false;
+    poll(nullptr, 0, 1);
+  }
+  return true;
+}
+
+// Store is the store of a fleet, and who watches it.
+struct SharedStore {
+  std::mutex mutex;
+  StoreModel model;
+  std::vector<class PromptEngine *> engines;
+};
+
+// PromptEngine does at once what it is asked for.
+class PromptEngine final : public Engine {
+ public:
+  explicit PromptEngine(SharedStore &store) : store_(store), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    const std::lock_guard lock(store_.mutex);
+    store_.engines.push_back(this);
+  }
+  ~PromptEngine() override {
+    const std::lock_guard lock(store_.mutex);
+    std::erase(store_.engines, this);
+  }
+
+  // cut has nothing pass any more, or again; with `in_doubt`, what is sent is lost without a word of it.
+  void cut(bool cut, bool in_doubt = false) {
+    const std::lock_guard lock(store_.mutex);
+    cut_ = cut;
+    in_doubt_ = in_doubt;
+    report_watched();
+  }
+  void fill() { full_ = true; }
+
+  void send(Request request) override {
+    const std::lock_guard lock(store_.mutex);
+    std::visit([this](auto &one) { execute(one); }, request);
+  }
+  void receive(std::vector<Report> &reports) override {
+    const std::lock_guard lock(store_.mutex);
+    uint64_t woken = 0;
+    [[maybe_unused]] const ssize_t size = read(wake_.get(), &woken, sizeof woken);
+    std::move(reports_.begin(), reports_.end(), std::back_inserter(reports));
+    reports_.clear();
+  }
+  int file() const override { return wake_.get(); }
+  short events() const override { return POLLIN; }
+
+ private:
+  void report(Report report) {
+    reports_.push_back(std::move(report));
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t size = write(wake_.get(), &one, sizeof one);
+  }
+  bool fails(RequestId id) {
+    if (cut_) report(Failed{id, in_doubt_ ? Failure::kUnknown : Failure::kNotSent, "cut"});
+    return cut_;
+  }
+  void execute(const Commit &commit) {
+    if (fails(commit.id)) return;
+    if (full_) return report(Failed{commit.id, Failure::kNoSpace, "full"});
+    if (!store_.model.compare_and_change(commit)) {
+      return report(Refused{commit.id, store_.model.header(), store_.model.revision()});
+    }
+    report(Committed{commit.id, store_.model.revision()});
+    changed();
+  }
+  void execute(const ReadHeader &read) {
+    if (!fails(read.id)) report(HeaderIs{read.id, store_.model.header(), store_.model.revision()});
+  }
+  void execute(const Load &load) {
+    if (fails(load.id)) return;
+    for (const auto &[key, value] : store_.model.live()) {
+      if (key.starts_with(kRowFolder)) report(LoadedRows{load.id, {value}});
+    }
+    report(Loaded{load.id, store_.model.header(), store_.model.revision()});
+  }
+  void execute(const Watch &watch) {
+    watch_ = watch;
+    report_watched();
+  }
+  void execute(const Beat &beat) {
+    if (fails(beat.id)) return;
+    store_.model.change({{.key = kBeatFolder + beat.machine, .value = beat.value, .mod_revision = 0}}, {});
+    report(Committed{beat.id, store_.model.revision()});
+    changed();
+  }
+  void execute(const ReadBeats &) {}
+  void changed() {
+    for (PromptEngine *engine : store_.engines) engine->report_watched();
+  }
+  void report_watched() {
+    for (; watch_.id != 0 && !cut_ && watch_.from <= store_.model.revision(); ++watch_.from) {
+      const StoreModel::Change &change = store_.model.at(watch_.from);
+      report(Changed{watch_.id, watch_.from, change.puts, change.deletes});
+    }
+  }
+
+  SharedStore &store_;
+  const UniqueFd wake_;
+  std::vector<Report> reports_;
+  Watch watch_;
+  bool cut_ = false, in_doubt_ = false;
+  std::atomic<bool> full_{false};
+};
+
+class SharedVaultTest : public testing::Test {
+ protected:
+  static SharedOptions options(const std::string &machine) {
+    return {
+        .machine = machine, .master_key = master_key(), .create = true, .owners = {{1000, "radius"}, {1001, "eap"}}};
+  }
+
+  // open starts a machine; `engine_of` has its engine.
+  std::unique_ptr<SharedVault> open(const SharedOptions &options) {
+    auto engine = std::make_unique<PromptEngine>(store);
+    engine_of[options.machine] = engine.get();
+    return std::make_unique<SharedVault>(options, std::move(engine));
+  }
+  std::unique_ptr<SharedVault> loaded(const SharedOptions &options) {
+    auto vault = open(options);
+    EXPECT_TRUE(vault->wait_until_loaded(kSoon));
+    return vault;
+  }
+  void cut(const std::string &machine, bool cut, bool in_doubt = false) { engine_of[machine]->cut(cut, in_doubt); }
+
+  SharedStore store;
+  std::map<std::string, PromptEngine *> engine_of;
+};
+
+// code_of gives the code that a read is refused with, or success.
+KsResult code_of_read(const vault::Store &vault, const std::string &name) {
+  try {
+    vault.find(secret_name(name));
+    return KS_SUCCESS;
+  } catch (const vault::Unavailable &unavailable) {
+    return unavailable.code();
+  }
+}
+
+TEST_F(SharedVaultTest, ReadsItsOwnChangesAndThoseOfOthers) {
+  const auto x = loaded(options("x")), y = loaded(options("y"));
+  EXPECT_EQ(put(*x, "wifi", "correct horse", "channel 11"), KS_SUCCESS);
+  EXPECT_EQ(secret_in(*x, secret_name("wifi")), "correct horse");
+  EXPECT_TRUE(eventually([&] { return secret_in(*y, secret_name("wifi")) == "correct horse"; }));
+
+  EXPECT_EQ(y->set_metadata(secret_name("wifi"), bytes_of("channel 6")), KS_SUCCESS);
+  EXPECT_EQ(y->rename(secret_name("wifi"), secret_name("home")), KS_SUCCESS);
+  EXPECT_TRUE(eventually([&] { return metadata_in(*x, secret_name("home")) == "channel 6"; }));
+  EXPECT_EQ(x->remove(secret_name("home")), KS_SUCCESS);
+  EXPECT_TRUE(eventually([&] { return y->count() == 0; }));
+  EXPECT_EQ(x->status().standing, Standing::kGood);
+}
+
+TEST_F(SharedVaultTest, RefusesBySomebodyElsesChangeAtOnce) {
+  const auto x = loaded(options("x")), y = loaded(options("y"));
+  ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
+  // Whether or not y has heard of it.
+  EXPECT_EQ(y->rename(secret_name("none"), secret_name("wifi")), KS_NOT_FOUND);
+  EXPECT_EQ(y->remove(secret_name("wifi")), KS_SUCCESS);
+  EXPECT_EQ(x->remove(secret_name("wifi")), KS_NOT_FOUND);
+}
+
+TEST_F(SharedVaultTest, HasTheSamePositionsOnAllMachines) {
+  const auto x = loaded(options("x")), y = loaded(options("y"));
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 8; ++i) {
+    clients.emplace_back([&, i] {
+      for (int k = 0; k < 10; ++k) {
+        EXPECT_EQ(put(i % 2 ? *x : *y, std::to_string(i) + "-" + std::to_string(k), "secret"), KS_SUCCESS);
+      }
+    });
+  }
+  for (std::thread &client : clients) client.join();
+  EXPECT_TRUE(eventually([&] { return x->status().version == y->status().version; }));
+  EXPECT_EQ(names_in(*x), names_in(*y));
+  EXPECT_EQ(x->count(), 80u);
+}
+
+TEST_F(SharedVaultTest, CountsAnOwnerByNameWhateverTheUserNumber) {
+  SharedOptions there = options("y");
+  there.owners = {{2000, "radius"}};
+  there.limits.entries_per_user = 1;
+  const auto x = loaded(options("x")), y = loaded(there);
+  ASSERT_EQ(put(*x, "wifi", "1", "", 1000), KS_SUCCESS);
+  EXPECT_EQ(put(*y, "other", "1", "", 2000), KS_STORE_FULL);
+  EXPECT_EQ(put(*y, "other", "1", "", 2001), KS_SUCCESS) << "of one without a name of its own";
+  const std::vector<vault::Owner> owners = y->owners(0, 10);
+  ASSERT_EQ(owners.size(), 2u);
+  EXPECT_EQ(owners[0].uid, 2000u);
+}
+
+TEST_F(SharedVaultTest, TellsWhichContentsAreGone) {
+  const auto x = loaded(options("x")), y = open(options("y"));
+  std::mutex mutex;
+  std::vector<uint64_t> gone;
+  y->on_retired([&](uint64_t generation) {
+    const std::lock_guard lock(mutex);
+    gone.push_back(generation);
+  });
+  ASSERT_TRUE(y->wait_until_loaded(kSoon));
+  ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
+  ASSERT_TRUE(eventually([&] { return y->exists(secret_name("wifi")); }));
+  const uint64_t first = y->find(secret_name("wifi"))->generation;
+  ASSERT_EQ(x->set_metadata(secret_name("wifi"), bytes_of("channel 6")), KS_SUCCESS);
+  ASSERT_TRUE(eventually([&] { return metadata_in(*y, secret_name("wifi")) == "channel 6"; }));
+  EXPECT_EQ(y->find(secret_name("wifi"))->generation, first) << "the secret is the same";
+
+  const uint64_t epoch = y->epoch();
+  ASSERT_EQ(put(*x, "wifi", "2"), KS_SUCCESS);
+  EXPECT_TRUE(eventually([&] {
+    const std::lock_guard lock(mutex);
+    return gone == std::vector{first};
+  }));
+  EXPECT_NE(y->find(secret_name("wifi"))->generation, first);
+  EXPECT_NE(y->epoch(), epoch);
+}
+
+TEST_F(SharedVaultTest, SaysThatItDoesntKnowRatherThanNoOnceMemoryIsTooOld) {
+  SharedOptions short_lived = options("x");
+  short_lived.max_age = 400ms;
+  const auto x = loaded(short_lived);
+  ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
+  cut("x", true);
+  const uint64_t epoch = x->epoch();
+  EXPECT_TRUE(eventually([&] { return code_of_read(*x, "wifi") != KS_SUCCESS; }));
+  EXPECT_EQ(code_of_read(*x, "wifi"), KS_FW_COMM_ERROR);
+  EXPECT_EQ(code_of_read(*x, "none"), KS_FW_COMM_ERROR);
+  EXPECT_THROW(x->exists(secret_name("wifi")), vault::Unavailable);
+  EXPECT_THROW(x->at(0), vault::Unavailable);
+  EXPECT_THROW(x->count(), vault::Unavailable);
+  EXPECT_THROW(x->snapshot(), vault::Unavailable);
+  EXPECT_TRUE(eventually([&] { return x->epoch() != epoch; })) << "keys that threads remember are too old as well";
+  cut("x", false);
+  EXPECT_TRUE(eventually([&] { return code_of_read(*x, "wifi") == KS_SUCCESS; }));
+}
+
+TEST_F(SharedVaultTest, RefusesChangesThatItCantSend) {
+  const auto x = loaded(options("x"));
+  cut("x", true);
+  EXPECT_EQ(put(*x, "wifi", "1"), KS_FW_COMM_ERROR);
+  EXPECT_TRUE(eventually([&] { return x->status().standing == Standing::kNoContact; }));
+  EXPECT_THAT(x->condition().refusal, HasSubstr("doesn't answer"));
+  const Time before = clock_now();
+  EXPECT_EQ(put(*x, "wifi", "1"), KS_FW_COMM_ERROR);
+  EXPECT_LT(clock_now() - before, 1s) << "at once, when that is known";
+  cut("x", false);
+  EXPECT_TRUE(eventually([&] { return put(*x, "wifi", "2") == KS_SUCCESS; }));
+  EXPECT_TRUE(eventually([&] { return x->condition().refusal.empty(); }));
+}
+
+TEST_F(SharedVaultTest, SaysSoWhenItDoesntKnowWhatBecameOfAChange) {
+  SharedOptions hasty = options("x");
+  hasty.write_wait = 300ms;
+  const auto x = loaded(hasty);
+  cut("x", true, true);
+  EXPECT_EQ(put(*x, "wifi", "1"), KS_TIMEOUT);
+}
+
+TEST_F(SharedVaultTest, SaysThatTheStoreIsFull) {
+  const auto x = loaded(options("x"));
+  engine_of["x"]->fill();
+  EXPECT_EQ(put(*x, "wifi", "1"), KS_STORE_FULL);
+  EXPECT_THAT(x->condition().refusal, HasSubstr("quota"));
+}
+
+TEST_F(SharedVaultTest, StopsChangingAStoreThatWasTamperedWith) {
+  const auto x = loaded(options("x"));
+  ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
+  {
+    const std::lock_guard lock(store.mutex);
+    store.model.change({}, {row_key(1)});
+  }
+  cut("x", false);  // has it look at the store
+  EXPECT_TRUE(eventually([&] { return x->status().standing == Standing::kTampered; }));
+  EXPECT_TRUE(x->condition().until_restart);
+  EXPECT_EQ(put(*x, "other", "1"), KS_FW_BAD_CELL);
+  EXPECT_EQ(secret_in(*x, secret_name("wifi")), "1") << "what was checked is read on";
+}
+
+class MirrorTest : public SharedVaultTest {
+ protected:
+  SharedOptions mirrored(const std::string &machine) const {
+    SharedOptions with = options(machine);
+    with.mirror = folder.path() + "/mirror.db";
+    return with;
+  }
+
+  vault::Folder folder;
+};
+
+TEST_F(MirrorTest, ServesAStartWithoutTheStore) {
+  {
+    const auto x = loaded(mirrored("x"));
+    ASSERT_EQ(put(*x, "wifi", "correct horse"), KS_SUCCESS);
+    ASSERT_EQ(put(*x, "other", "1"), KS_SUCCESS);
+    ASSERT_EQ(x->remove(secret_name("other")), KS_SUCCESS);
+  }
+  auto engine = std::make_unique<PromptEngine>(store);
+  engine->cut(true);
+  SharedVault x(mirrored("x"), std::move(engine));
+  ASSERT_TRUE(x.wait_until_loaded(0ms)) << "from the beginning";
+  EXPECT_EQ(secret_in(x, secret_name("wifi")), "correct horse");
+  EXPECT_THAT(names_in(x), ElementsAre("wifi"));
+  EXPECT_EQ(put(x, "more", "1"), KS_FW_COMM_ERROR);
+}
+
+TEST_F(MirrorTest, LetsNoRestartMakeWhatItHoldsYounger) {
+  SharedOptions short_lived = mirrored("x");
+  short_lived.max_age = 500ms;
+  {
+    const auto x = loaded(short_lived);
+    ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
+  }
+  poll(nullptr, 0, 600);  // the time that passes is what is tested
+  auto engine = std::make_unique<PromptEngine>(store);
+  engine->cut(true);
+  SharedVault x(short_lived, std::move(engine));
+  EXPECT_EQ(code_of_read(x, "wifi"), KS_FW_COMM_ERROR);
+}
+
+TEST_F(MirrorTest, HasAStartNoticeThatTheStoreWasSetBack) {
+  StoreModel before;
+  {
+    const auto x = loaded(mirrored("x"));
+    ASSERT_EQ(put(*x, "wifi", "old"), KS_SUCCESS);
+    {
+      const std::lock_guard lock(store.mutex);
+      before = store.model;
+    }
+    ASSERT_EQ(put(*x, "wifi", "new"), KS_SUCCESS);
+  }
+  store.model.set_back(before);
+  const auto x = open(mirrored("x"));
+  EXPECT_TRUE(eventually([&] { return x->status().standing == Standing::kTampered; }));
+  EXPECT_EQ(secret_in(*x, secret_name("wifi")), "new");
+}
+
+TEST_F(MirrorTest, RefusesTheMirrorOfAnotherKeyOrFleetAndADamagedOne) {
+  { ASSERT_EQ(put(*loaded(mirrored("x")), "wifi", "1"), KS_SUCCESS); }
+  SharedOptions other = mirrored("x");
+  other.master_key = master_key(8);
+  EXPECT_THAT(vault::refusal_of([&] { open(other); }), HasSubstr("another master key"));
+  other = mirrored("x");
+  other.fleet = FleetId{9};
+  EXPECT_THAT(vault::refusal_of([&] { open(other); }), HasSubstr("another fleet"));
+  vault::run_sql(mirrored("x").mirror, "DELETE FROM entry");
+  EXPECT_THAT(vault::refusal_of([&] { open(mirrored("x")); }), HasSubstr("damaged"));
+}
+
+TEST_F(MirrorTest, RefusesAFileThatOthersMayWrite) {
+  ASSERT_EQ(chmod(folder.path().c_str(), 0777), 0);
+  EXPECT_THAT(vault::refusal_of([&] { open(mirrored("x")); }), HasSubstr("mirror.db"));
+}
+
+}  // namespace
+}  // namespace ksd::fleet

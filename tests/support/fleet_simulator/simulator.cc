@@ -1,0 +1,603 @@
+// SPDX-FileCopyrightText: 2026 The ks developers
+// SPDX-License-Identifier: Apache-2.0
+
+#include "fleet_simulator/simulator.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+
+#include "fleet_simulator/checker.h"
+#include "fleet_simulator/engine_model.h"
+
+namespace ksd::fleet {
+
+thread_local Mutant mutant_in_force = Mutant::kNone;
+
+namespace {
+
+constexpr size_t kMachines = 3;
+constexpr FleetId kFleet{1, 2, 3};
+constexpr Time kMaxAge = 1s;
+constexpr Time kBusyUntil = 2s;  // then all heals, and the fleet has to come together
+constexpr Time kEnd = 4500ms;
+constexpr std::array<Time, 2> kWriteWaits{300ms, 1s};
+constexpr int kClients = 2;  // of each machine
+constexpr std::array<const char *, 6> kNames{"a", "b", "c", "d", "e", "f"};
+constexpr vault::Limits kLimits{.entries = 5, .entries_per_user = 3};
+
+std::shared_ptr<const SecretBytes> master_key() {
+  static const auto key = SecretBytes::copy_of(std::vector<uint8_t>(vault::kMasterKeySize, 7));
+  return key;
+}
+
+const vault::Sealer &sealer() {
+  static const vault::Sealer sealer(*master_key(), kFleet);
+  return sealer;
+}
+
+EntryName entry_of(const std::string &name) {
+  return {.tag = KS_NAME_TAG_SECRET, .vdc_id = 7, .name = name};
+}
+
+Bytes bytes_of(const std::string &text) {
+  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
+
+// Machine is one machine through its lives.
+class Machine final : public Readers {
+ public:
+  Machine(std::string name, Events &events, StoreModel &store, Random &random,
+          std::function<void(const Commit &)> executed)
+      : link(events, store, random, std::move(executed)), name_(std::move(name)), events_(events) {}
+
+  LinkModel link;
+  std::unique_ptr<Core> core;  // null: the machine is down
+  std::function<void(Ticket, KsResult)> answered;
+  Time write_wait = 1s;
+  std::vector<Ticket> decided;    // in the order of the last group
+  std::vector<Ticket> confirmed;  // if the group before, which was answered now, wrote nothing
+  std::map<std::vector<uint8_t>, std::vector<Ticket>> commits;  // by their headers
+  std::vector<KeyValue> written;                                // rows that it has sent, whatever became of them
+  uint64_t life = 0;
+  uint64_t version_read = 0;  // in this life
+  uint64_t loads = 0;
+
+  void start(CoreOptions options, std::optional<Core::Kept> kept) {
+    options.machine = name_;
+    options.master_key = master_key();
+    options.max_age = std::chrono::duration_cast<std::chrono::milliseconds>(kMaxAge);
+    options.write_wait = std::chrono::duration_cast<std::chrono::milliseconds>(write_wait);
+    ++life;
+    version_read = 0;
+    core = std::make_unique<Core>(std::move(options), owners_, *this);
+    link.use([this](Report report) {
+      if (core) call([&] { core->take(events_.now(), std::move(report)); });
+    });
+    call([&] { core->begin(events_.now(), std::move(kept)); });
+  }
+
+  std::optional<Core::Kept> kill(bool keeps) {
+    std::optional<Core::Kept> kept;
+    if (keeps && core && core->memory().is_filled() && core->readable_until()) {
+      const Memory &memory = core->memory();
+      kept.emplace();
+      kept->whole.state = memory.state();
+      kept->whole.header = {.header = memory.header(), .hash = memory.hash(), .fleet = kFleet, .revision = 0};
+      const Time age = events_.now() - (*core->readable_until() - kMaxAge);
+      kept->age = std::chrono::duration_cast<std::chrono::milliseconds>(age) + 1ms;
+    }
+    if (core) loads += core->counts().loads;
+    core.reset();
+    link.use(nullptr);
+    return kept;
+  }
+
+  void change(Ticket ticket, const Operation &operation) {
+    const vault::Decide decide = decision(operation);
+    call([&] {
+      core->change(events_.now(), ticket, [this, ticket, decide](vault::Group &group) {
+        decided.push_back(ticket);
+        return decide(group);
+      });
+    });
+  }
+
+  // call does one step of the core, and all that comes of it.
+  template <typename Step>
+  void call(Step step) {
+    decided.clear();
+    step();
+    const std::vector<Answer> answers = core->take_answers();
+    confirmed = last_decided_;
+    if (!decided.empty()) last_decided_ = decided;
+    for (const Request &request : core->take_requests()) {
+      if (const auto *commit = std::get_if<Commit>(&request)) {
+        commits.try_emplace(commit->puts.front().value, decided);
+        last_decided_.clear();
+        written.insert(written.end(), commit->puts.begin() + 1, commit->puts.end());
+      }
+      link.send(request);
+    }
+    for (const Answer &answer : answers) answered(answer.ticket, answer.result);
+    plan_tick();
+  }
+
+ private:
+  static vault::Decide decision(const Operation &operation) {
+    using Kind = Operation::Kind;
+    const EntryName name = entry_of(operation.name);
+    switch (operation.kind) {
+      case Kind::kPut: {
+        const std::optional<EntryName> alias =
+            operation.other.empty() ? std::nullopt : std::optional(entry_of(operation.other));
+        return vault::decide_put(name, alias, bytes_of(operation.value), bytes_of("of " + operation.value),
+                                 operation.owner);
+      }
+      case Kind::kMetadata:
+        return vault::decide_metadata(name, bytes_of(operation.value));
+      case Kind::kRemove:
+        return vault::decide_remove(name);
+      case Kind::kRename:
+        break;
+    }
+    return vault::decide_rename(name, entry_of(operation.other));
+  }
+
+  void plan_tick() {
+    const Time next = std::max(core->next_tick(), events_.now() + 1ms);
+    if (next >= kEnd * 2 || (tick_at_ > events_.now() && tick_at_ <= next && tick_life_ == life)) return;
+    tick_at_ = next;
+    tick_life_ = life;
+    events_.at(next, [this, next, now_living = life] {
+      if (!core || life != now_living || tick_at_ != next) return;
+      tick_at_ = Time{};
+      call([&] { core->tick(events_.now()); });
+    });
+  }
+
+  void lock() override {}
+  void unlock() override {}
+  void shown(const std::vector<uint64_t> &, const vault::RowChanges *) override {}
+
+  const std::string name_;
+  Events &events_;
+  Owners owners_{{{1, "one"}, {2, "two"}}};
+  std::vector<Ticket> last_decided_;
+  uint64_t tick_life_ = 0;
+  Time tick_at_{};
+};
+
+class Simulation {
+ public:
+  explicit Simulation(const Schedule &schedule)
+      : schedule_(schedule),
+        random_(schedule.seed),
+        write_wait_(kWriteWaits[random_.below(kWriteWaits.size())]),
+        checker_(kLimits, write_wait_, events_) {
+    mutant_in_force = schedule.mutant;
+    for (size_t i = 0; i < kMachines; ++i) {
+      machines_.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events_, store_,
+                                                    random_, [this](const Commit &commit) { executed(commit); }));
+      machines_[i]->write_wait = write_wait_;
+      machines_[i]->answered = [this, i](Ticket ticket, KsResult result) { answered(i, ticket, result); };
+    }
+  }
+  ~Simulation() { mutant_in_force = Mutant::kNone; }
+
+  Outcome run() {
+    plan();
+    while (checker_.violation().empty() && events_.step(kEnd)) {
+    }
+    if (checker_.violation().empty()) look_at_the_end();
+    outcome_.violation = checker_.violation();
+    for (const auto &machine : machines_) {
+      outcome_.lost_deletes += machine->link.lost_deletes;
+      outcome_.loads += machine->loads + (machine->core ? machine->core->counts().loads : 0);
+    }
+    outcome_.trace = trace_;
+    return outcome_;
+  }
+
+ private:
+  // note makes an event part of the trace. What is drawn anew in each run, such as nonces, never is.
+  void note(const std::string &what) {
+    for (const char c : what) trace_ = (trace_ ^ static_cast<uint8_t>(c)) * 0x100000001b3;
+    trace_ = (trace_ ^ static_cast<uint64_t>(events_.now().count())) * 0x100000001b3;
+    if (schedule_.tells)
+      std::fprintf(stderr, "%9.3f ms %s\n", static_cast<double>(events_.now() / 1us) / 1000, what.c_str());
+  }
+
+  void plan() {
+    const bool is_calm = random_.one_in(4);
+    for (auto &machine : machines_) {
+      if (is_calm) machine->link.weather = {.slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
+      machine->link.lose_deletes = random_.one_in(2);
+    }
+    for (size_t i = 0; i < kMachines; ++i) {
+      start(i, {});
+      for (int client = 0; client < kClients; ++client) next_change(i, random_.between(10ms, 400ms));
+    }
+    const uint64_t mishaps = is_calm ? 0 : random_.below(6);
+    for (uint64_t i = 0; i < mishaps; ++i) {
+      events_.at(random_.between(100ms, kBusyUntil), [this] { mishap(); });
+    }
+    will_tamper_ = random_.one_in(3);
+    if (will_tamper_) events_.at(random_.between(500ms, kBusyUntil), [this] { tamper(); });
+    is_calm_ = is_calm;
+    for (Time at = 150ms; at < kEnd; at += random_.between(50ms, 600ms)) {
+      events_.at(at, [this] { read_all(); });
+    }
+    events_.at(kBusyUntil, [this] { heal(); });
+  }
+
+  void start(size_t index, std::optional<Core::Kept> kept) {
+    CoreOptions options{.session = random_.next(), .fleet = kFleet, .make = kFleet, .limits = kLimits};
+    note(fmt::format("{} starts{}", index, kept ? " with a mirror" : ""));
+    machines_[index]->start(std::move(options), std::move(kept));
+  }
+
+  // Each client asks for one change after the other.
+  void next_change(size_t index, Time wait) {
+    events_.after(wait, [this, index] {
+      if (events_.now() >= kBusyUntil) return;
+      if (!machines_[index]->core) return next_change(index, 200ms);
+      Operation operation = draw();
+      operation.machine = index;
+      operation.life = machines_[index]->life;
+      operation.invoked = events_.now();
+      operation.version_when_invoked = checker_.version();
+      const Ticket ticket = checker_.operations.size();
+      operation.value = fmt::format("v{}", ticket);
+      note(fmt::format("{} asks for {}: {} {} {}", index, ticket, static_cast<int>(operation.kind), operation.name,
+                       operation.other));
+      checker_.operations.push_back(operation);
+      machines_[index]->change(ticket, operation);
+    });
+  }
+
+  Operation draw() {
+    using Kind = Operation::Kind;
+    constexpr std::array kKinds{Kind::kPut, Kind::kPut, Kind::kPut, Kind::kMetadata, Kind::kRemove, Kind::kRename};
+    Operation operation;
+    operation.kind = kKinds[random_.below(kKinds.size())];
+    operation.name = kNames[random_.below(kNames.size())];
+    operation.owner = random_.one_in(3) ? 2 : 1;
+    const bool has_other = operation.kind == Kind::kRename || (operation.kind == Kind::kPut && random_.one_in(4));
+    if (has_other) operation.other = kNames[random_.below(kNames.size())];
+    return operation;
+  }
+
+  void answered(size_t index, Ticket ticket, KsResult result) {
+    note(fmt::format("{} answers {}: {}", index, ticket, result));
+    checker_.answered(ticket, result, *machines_[index]->core, machines_[index]->confirmed);
+    checker_.read(*machines_[index]->core, kMaxAge, machines_[index]->version_read);
+    const bool is_acknowledged = result == KS_SUCCESS;
+    outcome_.changes += is_acknowledged;
+    outcome_.unknown += result == KS_TIMEOUT;
+    outcome_.refused += !is_acknowledged && result != KS_TIMEOUT;
+    next_change(index, random_.between(1ms, 500ms));
+  }
+
+  // executed follows each change of the store.
+  void executed(const Commit &commit) {
+    for (auto &machine : machines_) machine->link.store_changed();
+    if (commit.puts.empty()) return;  // a heartbeat
+    if (will_tamper_ && !tampered_) {
+      snapshots_.push_back(store_);
+      if (snapshots_.size() > 6) snapshots_.erase(snapshots_.begin());
+    }
+    const std::optional<HeaderFront> front = header_front(commit.puts.front().value);
+    const auto plain = front ? sealer().open(vault::RecordKind::kFleetHeader, 0, front->sealed) : nullptr;
+    const std::optional<FleetHeader> header = plain ? decode_header(plain->bytes()) : std::nullopt;
+    if (!header) return checker_.fail("a header doesn't open");
+    // What was under way when the store was set back may be made once more. No machine takes it for good.
+    if (tampered_ && header->version <= checker_.version()) return;
+    std::vector<PlainRow> rows;
+    for (size_t i = 1; i < commit.puts.size(); ++i) {
+      const std::optional<PlainRow> row = opened(commit.puts[i]);
+      if (!row) return checker_.fail("a row doesn't open");
+      rows.push_back(*row);
+    }
+    for (const auto &machine : machines_) {
+      const auto found = machine->commits.find(commit.puts.front().value);
+      if (found == machine->commits.end()) continue;
+      note(fmt::format("version {} at revision {}", header->version, store_.revision()));
+      checker_.happened(commit, *header, rows, found->second);
+      // What a machine writes over may be just what was tampered with.
+      if (tampered_) healed_ = healed_ || is_whole();
+      return;
+    }
+    checker_.fail("there is a commit of nobody's");
+  }
+
+  static std::optional<PlainRow> opened(const KeyValue &stored) {
+    const std::optional<uint64_t> id = row_id(stored.key);
+    const auto plain = id ? sealer().open(vault::RecordKind::kFleetRow, *id, stored.value) : nullptr;
+    const std::optional<DecodedRow> decoded = plain ? decode_row(*id, plain->bytes()) : std::nullopt;
+    if (!decoded) return std::nullopt;
+    const vault::EntryRow &row = decoded->row;
+    return PlainRow{.id = *id,
+                    .name = row.name.name,
+                    .alias = row.alias ? row.alias->name : "",
+                    .value = {row.secret->bytes().begin(), row.secret->bytes().end()},
+                    .metadata = {row.metadata->begin(), row.metadata->end()},
+                    .owner = decoded->owner == "one" ? 1u : 2u};
+  }
+
+  void read_all() {
+    for (const auto &machine : machines_) {
+      if (!machine->core) continue;
+      ++outcome_.reads;
+      checker_.read(*machine->core, kMaxAge, machine->version_read);
+      if (!tampered_ && lasts(machine->core->standing(events_.now()))) {
+        checker_.fail(fmt::format("a machine found tampering where there was none: {}", machine->core->why()));
+      }
+    }
+  }
+
+  void mishap() {
+    if (events_.now() >= kBusyUntil) return;
+    const size_t index = random_.below(kMachines);
+    Machine &machine = *machines_[index];
+    switch (random_.below(8)) {
+      case 0:
+      case 1:
+        note(fmt::format("{} is cut off", index));
+        machine.link.go_down();
+        events_.after(random_.between(10ms, 4s), [this, index] { come_up(index); });
+        return;
+      case 2:
+        note("all are cut off");
+        for (size_t i = 0; i < kMachines; ++i) {
+          machines_[i]->link.go_down();
+          events_.after(random_.between(100ms, 4s), [this, i] { come_up(i); });
+        }
+        return;
+      case 3: {
+        if (!machine.core) return;
+        // After tampering, one that remembers nothing can't know what there was.
+        const bool keeps = tampered_ || random_.one_in(2);
+        note(fmt::format("{} is killed", index));
+        std::optional<Core::Kept> kept = machine.kill(keeps);
+        if (tampered_ && !kept) return;
+        events_.after(random_.between(1ms, 1s), [this, index, kept = std::move(kept)]() mutable {
+          if (kept) kept->age += 1s;  // at least as much as it was down
+          start(index, std::move(kept));
+          for (int client = 0; client < kClients; ++client) next_change(index, random_.between(1ms, 300ms));
+        });
+        return;
+      }
+      case 4:
+      case 5:
+        note(fmt::format("the engine of {} dies", index));
+        if (random_.one_in(3)) {
+          machine.link.die();
+        } else {
+          machine.link.die_at_next_commit();
+        }
+        return;
+      case 6:
+        note("compaction");
+        store_.compact(store_.revision() - std::min(store_.revision(), random_.below(4)));
+        return;
+      default: {
+        note("the store is full");
+        checker_.was_refused_for_space = true;
+        for (auto &one : machines_) one->link.full = true;
+        events_.after(random_.between(10ms, 2s), [this] {
+          for (auto &one : machines_) one->link.full = false;
+        });
+      }
+    }
+  }
+
+  void come_up(size_t index) {
+    note(fmt::format("{} is back", index));
+    machines_[index]->link.come_up();
+  }
+
+  void heal() {
+    note("all heals");
+    for (size_t i = 0; i < kMachines; ++i) {
+      machines_[i]->link.weather = {.slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
+      machines_[i]->link.full = false;
+      come_up(i);
+    }
+  }
+
+  // is_whole tells whether the store holds what the machines have made.
+  bool is_whole() const {
+    const PlainTable &table = checker_.table();
+    size_t rows = 0;
+    for (const auto &[key, value] : store_.live()) {
+      if (!key.starts_with(kRowFolder)) continue;
+      const std::optional<PlainRow> row = opened(value);
+      if (row_id(key) != (row ? std::optional(row->id) : std::nullopt)) return false;
+      if (std::count(table.rows.begin(), table.rows.end(), *row) == 0) return false;
+      ++rows;
+    }
+    return rows == table.rows.size();
+  }
+
+  // tamper does to the store what only who controls it can. Machines that are there have to notice.
+  void tamper() {
+    if (events_.now() >= kBusyUntil || snapshots_.size() < 3) return;
+    std::vector<KeyValue> rows;
+    for (const auto &[key, value] : store_.live()) {
+      if (key.starts_with(kRowFolder)) rows.push_back(value);
+    }
+    const StoreModel old = snapshots_[random_.below(snapshots_.size() - 2)];
+    const uint64_t kind = random_.below(7);
+    // Who doesn't know of what is taken back can't miss it.
+    const bool all_know = std::all_of(machines_.begin(), machines_.end(), [&](const auto &machine) {
+      return machine->core && machine->core->memory().is_filled() &&
+             machine->core->memory().header().version + 1 >= checker_.version();
+    });
+    if (kind >= 3 && !all_know) return;
+    const std::map<std::string, KeyValue> live = store_.live();
+    switch (kind) {
+      case 0: {  // a row as it was, or as it never came to be
+        std::vector<KeyValue> others;
+        for (const auto &machine : machines_) {
+          for (const KeyValue &value : machine->written) {
+            if (live.contains(value.key) && opened(live.at(value.key)) != opened(value)) others.push_back(value);
+          }
+        }
+        if (others.empty()) return;
+        store_.change({others[random_.below(others.size())]}, {});
+        break;
+      }
+      case 1:  // a row less
+        if (rows.empty()) return;
+        store_.change({}, {rows[random_.below(rows.size())].key});
+        break;
+      case 2:  // a row in the place of another
+        if (rows.size() < 2) return;
+        rows[1].value = rows[0].value;
+        store_.change({rows[1]}, {});
+        break;
+      case 3:  // the header of before
+        store_.change({*old.header()}, {});
+        break;
+      case 4: {  // header and rows of before
+        std::vector<KeyValue> puts;
+        std::vector<std::string> deletes;
+        for (const auto &[key, value] : old.live()) {
+          if (!key.starts_with(kBeatFolder)) puts.push_back(value);
+        }
+        for (const auto &[key, value] : live) {
+          if (key.starts_with(kRowFolder) && !old.live().contains(key)) deletes.push_back(key);
+        }
+        store_.change(std::move(puts), std::move(deletes));
+        break;
+      }
+      case 5:  // a snapshot
+        store_.set_back(StoreModel(old));
+        break;
+      default:
+        store_.change({}, {kHeaderKey});
+    }
+    note(fmt::format("tampering of kind {}", kind));
+    tampered_ = true;
+    ++outcome_.tampered;
+    for (size_t i = 0; i < kMachines; ++i) {
+      Machine &machine = *machines_[i];
+      machine.link.store_changed();
+      if (!is_calm_ || !machine.core) continue;  // others have until the end
+      events_.after(1s, [this, i, life = machine.life] {
+        const Machine &now = *machines_[i];
+        if (now.core && now.life == life) look_for_finding(i);
+      });
+    }
+  }
+
+  void look_for_finding(size_t index) {
+    // Its watch may have left out just the delete that was the tampering. The next load would find it.
+    if (machines_[index]->link.lost_deletes != 0) return;
+    if (healed_ || machines_[index]->core->standing(events_.now()) == Standing::kTampered) return;
+    checker_.fail(fmt::format("{} noticed no tampering", index));
+  }
+
+  void look_at_the_end() {
+    checker_.ended();
+    for (size_t i = 0; i < kMachines; ++i) {
+      const Core *core = machines_[i]->core.get();
+      if (core == nullptr) continue;
+      if (tampered_) {
+        look_for_finding(i);
+        continue;
+      }
+      if (core->standing(events_.now()) == Standing::kLoading || !core->readable(events_.now())) {
+        checker_.fail(fmt::format("{} doesn't come back", i));
+      } else if (core->memory().header().version != checker_.version()) {
+        checker_.fail(
+            fmt::format("{} stays at version {} of {}", i, core->memory().header().version, checker_.version()));
+      }
+    }
+    for (size_t i = 0; i < checker_.operations.size(); ++i) {
+      const Operation &operation = checker_.operations[i];
+      const Machine &machine = *machines_[operation.machine];
+      const bool should_be = machine.core != nullptr && machine.life == operation.life;
+      if (should_be && !operation.is_answered) checker_.fail(fmt::format("change {} was never answered", i));
+    }
+  }
+
+  const Schedule schedule_;
+  Events events_;
+  Random random_;
+  const Time write_wait_;
+  StoreModel store_;
+  Checker checker_;
+  std::vector<std::unique_ptr<Machine>> machines_;
+  std::vector<StoreModel> snapshots_;
+  bool is_calm_ = false, will_tamper_ = false, tampered_ = false, healed_ = false;
+  uint64_t trace_ = 0xcbf29ce484222325;
+  Outcome outcome_;
+};
+
+}  // namespace
+
+void Outcome::add(const Outcome &other) {
+  changes += other.changes;
+  refused += other.refused;
+  unknown += other.unknown;
+  reads += other.reads;
+  loads += other.loads;
+  lost_deletes += other.lost_deletes;
+  tampered += other.tampered;
+  if (violation.empty()) violation = other.violation;
+}
+
+Outcome run(const Schedule &schedule) {
+  return Simulation(schedule).run();
+}
+
+Shares contend(uint64_t seed, Mutant mutant) {
+  constexpr Time kLong = 1500ms;
+  constexpr Weather kNear{.shortest = 200us, .longest = 600us, .slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
+  constexpr Weather kFar{.shortest = 5ms, .longest = 7ms, .slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
+  mutant_in_force = mutant;
+  Random random(seed);
+  Events events;
+  StoreModel store;
+  std::vector<std::unique_ptr<Machine>> machines;
+  std::array<uint64_t, kMachines> made{};
+  std::map<Ticket, Time> asked;  // by the machine and the client, which has one change at a time
+  Time longest{};
+  const auto ask = [&](Ticket ticket) {
+    asked[ticket] = events.now();
+    Operation operation;
+    operation.name = fmt::format("n{}", ticket);
+    operation.value = fmt::format("{}", events.now().count());
+    machines[ticket % kMachines]->change(ticket, operation);
+  };
+  for (size_t i = 0; i < kMachines; ++i) {
+    machines.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events, store, random,
+                                                 [&](const Commit &) {
+                                                   for (auto &one : machines) one->link.store_changed();
+                                                 }));
+    Machine &machine = *machines.back();
+    machine.link.weather = i == 0 ? kFar : kNear;
+    machine.answered = [&, i](Ticket ticket, KsResult result) {
+      made[i] += result == KS_SUCCESS;
+      if (i == 0) longest = std::max(longest, events.now() - asked[ticket]);
+      events.after(50us, [&, ticket] { ask(ticket); });
+    };
+    CoreOptions options{.session = random.next(), .fleet = kFleet, .make = kFleet};
+    machine.start(std::move(options), {});
+  }
+  for (Ticket ticket = 0; ticket < 8 * kMachines; ++ticket) events.at(500ms, [&, ticket] { ask(ticket); });
+  while (events.step(kLong)) {
+  }
+  mutant_in_force = Mutant::kNone;
+  for (const auto &[ticket, when] : asked) {
+    if (ticket % kMachines == 0) longest = std::max(longest, kLong - when);  // or has taken so far
+  }
+  return {.far = made[0], .near = (made[1] + made[2]) / 2, .longest_ms = longest / 1ms};
+}
+
+}  // namespace ksd::fleet
