@@ -300,7 +300,26 @@ users = [1000, 1001]
 groups = [1000]
 [[vdc]]
 id = 65534
+[shared]
+endpoints = ["https://store1:2379", "https://10.0.0.2:2379", "https://[fd00::3]:2379"]
+prefix = "ks/fleet"
+ca = "/etc/ca"
+certificate = "/etc/c"
+key = "/etc/k"
+machine = "a"
+mirror = "/var/lib/ks/mirror.db"
+create = true
+accept_incarnation = 3
+write_wait_ms = 5000
+max_age_s = 900
+[shared.owners]
+radius = 1000
+"eap daemon" = "root"
 """,
+    "store_on_this_machine": b'[shared]\nmachine = "a"\nendpoints = ["http://127.8.0.1:1", "http://[::1]:65535", '
+                             b'"http://localhost:2379"]\n',
+    "endpoints_that_are_none": b'[shared]\nendpoints = ["https://", "http://:1", "https://a:", "https://[::1:1", '
+                               b'"https://a:65536", 1, "ftp://a:1"]\nprefix = ""\nmachine = "A b"\n',
     "problem_that_quotes_a_line_end": b"1J=i\n",
     "user_whose_name_has_a_line_end": b'[[vdc]]\nid = 7\nusers = ["a\\nb"]\n',
     "unknown_key": b"[service]\nsockets = 1\n",

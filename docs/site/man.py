@@ -116,9 +116,9 @@ def keys():
   lines, above = [], []
   for line in (ROOT / "service/ksd.toml").read_text().split("\n"):
     key = re.match(r"(# )?(\w+ = [^#]*?)\s*(?:# (.*))?$", line)
-    section = re.match(r"\[+(\w+)\]+$", line)
+    section = re.match(r"(?:# )?(\[+[\w.]+\]+)$", line)
     if section:
-      lines += [f"## {line}", ""] + ([" ".join(above), ""] if above else [])
+      lines += [f"## {section[1]}", ""] + ([" ".join(above), ""] if above else [])
       above = []
     elif key:
       text = " ".join(above + ([key[3]] if key[3] else []))
