@@ -101,7 +101,7 @@ class Connection:
   def __init__(self, connected):
     self.socket = connected
     self.ids = itertools.count(1)
-    self.received = b""
+    self.received = bytearray()
     self.reports = []  # received and not yet asked for
 
   def send(self, name, *values):
@@ -116,14 +116,16 @@ class Connection:
     self.send(name, request, *values)
     return request
 
-  def next_report(self, seconds):
+  def next_frame(self, seconds):
+    """The next report as it came, without its size."""
     end = time.monotonic() + seconds
     while True:
       if len(self.received) >= 4:
-        size = struct.unpack("<I", self.received[:4])[0]
+        size = struct.unpack_from("<I", self.received)[0]
         if len(self.received) >= 4 + size:
-          body, self.received = self.received[4:4 + size], self.received[4 + size:]
-          return parse(body)
+          body = bytes(self.received[4:4 + size])
+          del self.received[:4 + size]
+          return body
       left = end - time.monotonic()
       if left <= 0 or not select.select([self.socket], [], [], left)[0]:
         raise TimeoutError(f"the engine says nothing for {seconds} s")
@@ -134,6 +136,9 @@ class Connection:
       if not data:
         raise Gone
       self.received += data
+
+  def next_report(self, seconds):
+    return parse(self.next_frame(seconds))
 
   def wait_for(self, wanted, seconds=10):
     """The next report that `wanted` is true of. Others are kept for whoever asks for them."""
