@@ -11,11 +11,13 @@
 #include <algorithm>
 #include <array>
 
+#include "administration.h"
 #include "command.h"
 #include "growing_file.h"
 #include "private_file.h"
 #include "quietly.h"
 #include "secret_input.h"
+#include "service_link.h"
 #include "vault/master_key.h"
 
 namespace ksctl {
@@ -172,6 +174,36 @@ void join(Session &session, const Arguments &arguments) {
   session.output.done(fmt::format("{}: the master key of the fleet", to), Object{{"file", to}});
 }
 
+std::string identity_in(const HostFleetReply &told) {
+  std::string words;
+  for (const uint8_t byte : told.id) words += fmt::format("{:02x}", byte);
+  return words;
+}
+
+void status(Session &session, const Arguments &) {
+  std::vector<uint8_t> reply;
+  const KsResult result = ServiceLink(session.socket).result_of(HOST_OP_FLEET, {}, &reply);
+  HostFleetReply told{};
+  const bool is_shared = result == KS_SUCCESS && reply.size() >= sizeof told;
+  if (!is_shared && result != KS_NOT_FOUND) throw Failure(Exit::kFailed, "fleet status: the service couldn't tell");
+  if (is_shared) std::copy_n(reply.begin(), sizeof told, reinterpret_cast<uint8_t *>(&told));
+  const auto known = [&](Value value) { return is_shared ? value : Value(); };
+  const bool is_loaded = told.age_ms != UINT64_MAX;
+  session.output.fields(Object{{"shared", is_shared},
+                               {"machine", known(text_in(told.machine))},
+                               {"well", known((told.flags & HOST_FLEET_IS_WELL) != 0)},
+                               {"left_alone", known((told.flags & HOST_FLEET_LEFT_ALONE) != 0)},
+                               {"standing", known(text_in(told.standing))},
+                               {"age_ms", known(is_loaded ? Value(told.age_ms) : Value())},
+                               {"fleet", known(is_loaded ? Value(identity_in(told)) : Value())},
+                               {"version", known(told.version)},
+                               {"incarnation", known(told.incarnation)},
+                               {"commits", known(told.commits)},
+                               {"lost", known(told.lost)},
+                               {"unknown", known(told.unknown)},
+                               {"loads", known(told.loads)}});
+}
+
 constexpr Parameter kJoinKeyFile{"--join-key-file", Kind::kFile,
                                  "Where this machine keeps the key to the answer until then", true};
 constexpr Parameter kKeyFile{"--master-key-file", Kind::kFile, "The file of the master key", true};
@@ -195,6 +227,7 @@ constexpr char kComparing[] =
 
 std::span<const Command> fleet_commands() {
   static constexpr Command kCommands[] = {
+      {"fleet status", "Tell how the service and its fleet get on", {}, status, "For administrators."},
       {"fleet request", "Ask to share the entries of other machines", kRequest, quietly<request>, kComparing},
       {"fleet admit", "Give a machine that asks the master key, sealed for it alone", kAdmit, quietly<admit>,
        kComparing},

@@ -27,6 +27,7 @@
 #define HOST_OP_NEXT_BACKUP_PART UINT32_C(17)
 #define HOST_OP_CHANGE_MASTER_KEY UINT32_C(18)
 #define HOST_OP_MASTER_KEY_CHANGE UINT32_C(19)
+#define HOST_OP_FLEET UINT32_C(20)
 
 /* The largest datagram either end sends: header, and a payload whose lengths are 16 bits wide with room to spare for
  * names and descriptors (a store has two 16-bit lengths). Both ends size their socket buffers for it. */
@@ -289,6 +290,28 @@ enum {
 };
 
 KS_STATIC_ASSERT(sizeof(HostKeyChangeReply) == 24);
+
+/* HostFleetReply answers HOST_OP_FLEET, whose request has no payload. KS_NOT_FOUND, 4 bytes: the service keeps its
+ * entries alone. The fleet's numbers are 0 until something has been loaded. */
+typedef struct {
+  uint32_t result;      /* KS_SUCCESS */
+  uint32_t flags;       /* HOST_FLEET_... */
+  uint64_t age_ms;      /* of what reads are answered from; UINT64_MAX: they aren't */
+  uint64_t version;     /* of the last change */
+  uint64_t incarnation; /* 1, and 1 more with every restore */
+  uint64_t commits;     /* this machine's, since the service started */
+  uint64_t lost;        /* of these, how often another machine came before */
+  uint64_t unknown;     /* and how often the outcome had to be found out */
+  uint64_t loads;       /* of all entries */
+  uint8_t id[16];
+  char machine[64];
+  char standing[256]; /* in words */
+} HostFleetReply;
+
+#define HOST_FLEET_IS_WELL UINT32_C(1)
+#define HOST_FLEET_LEFT_ALONE UINT32_C(2) /* nothing is read from the store or written to it until a restart */
+
+KS_STATIC_ASSERT(sizeof(HostFleetReply) == 400);
 
 /* HostReplyShape is what a reply to one of the keystore's messages has to hold, so that whoever reads it without
  * looking finds it there. Every reply begins with its result; what follows counts with KS_SUCCESS alone.
