@@ -7,6 +7,7 @@ The machines are network namespaces on one bridge, and live within own_world. Ma
 only ask run there.
 """
 
+import base64
 import ctypes
 import json
 import os
@@ -20,8 +21,8 @@ import own_world
 PORT = 2379
 
 
-def run(*command, **options):
-  return subprocess.run([str(word) for word in command], check=True, capture_output=True, text=True, **options).stdout
+def run(*command, text=True, **options):
+  return subprocess.run([str(word) for word in command], check=True, capture_output=True, text=text, **options).stdout
 
 
 def wait_until(condition, seconds, what):
@@ -179,6 +180,12 @@ class Cluster:
     for member in self.members:
       self.ctl("defrag", member=member)
     self.ctl("alarm", "disarm")
+
+  def value_of(self, key):
+    return base64.b64decode(json.loads(self.ctl("get", key, "-w", "json"))["kvs"][0]["value"])
+
+  def put(self, key, value):
+    self.ctl("put", key, input=value, text=False)
 
   def save(self, path):
     self.ctl("snapshot", "save", path, member=self.members[0])
