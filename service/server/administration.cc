@@ -132,6 +132,7 @@ void Administration::status(const Asked &asked) {
   if (usage.compaction_helps) status.flags |= HOST_STATUS_COMPACTION_HELPS;
   if (!condition.refusal.empty() || condition.until_restart) status.flags |= HOST_STATUS_CHANGES_REFUSED;
   if (condition.until_restart) status.flags |= HOST_STATUS_UNTIL_RESTART;
+  if (fleet_ != nullptr) status.flags |= HOST_STATUS_SHARED;
   if (!condition.reserve_kept) status.flags |= HOST_STATUS_RESERVE_GIVEN_UP;
   if (configuration.restart_needed) status.flags |= HOST_STATUS_RESTART_NEEDED;
   status.supstate = config->supstate;

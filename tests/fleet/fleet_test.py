@@ -127,6 +127,8 @@ class Fleet(unittest.TestCase):
     self.assertLess(time.monotonic() - begun, 6.5)
     self.assertEqual(self.two.names(), ["before"])
     self.assertIn("doesn't answer", self.two.status()["standing"])
+    warnings = json.loads(self.two.ctl("status", "--json").stdout)["warnings"]
+    self.assertEqual(warnings, ["the fleet: " + self.two.status()["standing"]])
     # A restart is served by what the machine has kept of the fleet.
     self.two.kill()
     self.two.start()

@@ -105,6 +105,7 @@ typedef struct {
 #define HOST_STATUS_UNTIL_RESTART UINT32_C(16)  /* and for as long as the service runs */
 #define HOST_STATUS_RESERVE_GIVEN_UP UINT32_C(32)
 #define HOST_STATUS_RESTART_NEEDED UINT32_C(64) /* for part of the configuration that was loaded last to count */
+#define HOST_STATUS_SHARED UINT32_C(128)        /* the entries are those of a fleet: see HOST_OP_FLEET */
 
 KS_STATIC_ASSERT(sizeof(HostStatusReply) == 1144);
 KS_STATIC_ASSERT(offsetof(HostStatusReply, vault) == 120);
