@@ -12,9 +12,13 @@ import os
 import shutil
 import subprocess
 import sys
+from pathlib import Path
 
 SKIPPED = 77  # what ctest takes for a test that was skipped
 FOLDER = "/run/world"  # for files; in memory, and only there inside
+# Where programs are that tests need, beside those of the user: an administrator's, and servers that `./dev` unpacks.
+UNPACKED = Path(__file__).resolve().parents[2] / "build/unpacked/usr/bin"
+PATH = f"{os.environ['PATH']}:/usr/sbin:/sbin:{UNPACKED}"
 
 
 def skip(reason):
@@ -31,7 +35,7 @@ def enter(*programs):
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
     return
   for program in ("unshare", "ip", *programs):
-    if shutil.which(program, path=os.environ["PATH"] + ":/usr/sbin:/sbin") is None:
+    if shutil.which(program, path=PATH) is None:
       skip(f"{program} isn't installed")
   unshare = ["unshare", "--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
   if os.geteuid() != 0:
@@ -40,5 +44,5 @@ def enter(*programs):
   if probe.returncode != 0:
     skip(f"there can be no namespaces here: {probe.stderr.strip()}")
   # Inside, its process has the number 1.
-  environment = dict(os.environ, KS_OWN_WORLD="1", PATH=os.environ["PATH"] + ":/usr/sbin:/sbin")
+  environment = dict(os.environ, KS_OWN_WORLD="1", PATH=PATH)
   sys.exit(subprocess.run([*unshare, sys.executable, *sys.argv], env=environment).returncode)
