@@ -67,6 +67,16 @@ if(TARGET ksd)
   install(FILES service/systemd/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME ksd.conf)
 endif()
 
+if(TARGET ksd-engine)
+  install(TARGETS ksd-engine DESTINATION lib/ks)
+  configure_file(service/systemd/ksd-engine@.service.in ${CMAKE_BINARY_DIR}/ksd-engine@.service @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/ksd-engine@.service service/systemd/ksd-engine.socket
+    DESTINATION ${KS_SYSTEMD_UNIT_DIR})
+  install(FILES service/systemd/ksd.service.engine.conf DESTINATION ${KS_SYSTEMD_UNIT_DIR}/ksd.service.d
+    RENAME engine.conf)
+  install(FILES service/systemd/ksd-engine.sysusers.conf DESTINATION lib/sysusers.d RENAME ksd-engine.conf)
+endif()
+
 # The manual, if it was made.
 set(KS_MANUAL ${CMAKE_SOURCE_DIR}/build/man CACHE PATH "Where `./dev docs`, or docs/site/man.py, has put the manual")
 foreach(section 1 3 5 7 8)

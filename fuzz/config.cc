@@ -28,6 +28,13 @@ void check_config(const ksd::config::Config &config) {
   require(config.vault.starts_with('/'), "a vault has an absolute path");
   require(config.limits.connections >= 1 && config.limits.entries <= 65535, "limits are within theirs");
   require(config.receive_limit_ms >= 10 && config.send_limit_ms >= 10, "nobody waits for no time");
+  if (const auto &shared = config.shared) {
+    require(!shared->endpoints.empty() && shared->prefix.size() > 1 && shared->prefix.ends_with('/'),
+            "a store is named");
+    require(shared->ca.empty() == shared->key.empty() && shared->ca.empty() == shared->certificate.empty(),
+            "both sides show who they are, or neither does");
+    require(!shared->machine.empty() && shared->max_age_s > 0, "a machine has a name and its entries an age");
+  }
   for (const auto &[uid, vdc] : config.vdc_of_user) {
     require(vdc != HOST_NO_VDC, "no user is in the VDC that stands for none");
     require(config.cache_uri_of(config.identify(uid, 0, 1, {})).size() < 224, "a cache's URI fits into a hello");

@@ -212,6 +212,59 @@ seeds("reply", {
 })
 
 
+# --- What an engine and its daemon say to each other
+
+def frame(kind, *fields):
+    body = bytes([kind]) + b"".join(struct.pack("<Q", field) if isinstance(field, int) else field for field in fields)
+    return struct.pack("<I", len(body)) + body
+
+
+def sized(content, size=None):
+    return struct.pack("<I", len(content) if size is None else size) + content
+
+
+def listed(*elements):
+    return struct.pack("<I", len(elements)) + b"".join(elements)
+
+
+def row(key=b"e/0000000000000001", value=b"sealed", revision=44):
+    return sized(key) + sized(value) + struct.pack("<Q", revision)
+
+
+def stream(*frames, pieces=256):
+    return bytes([pieces - 1]) + b"".join(frames)
+
+
+FAILED, CHANGED, LOADED = 0x83, 0x87, 0x86
+seeds("engine_reports", {
+    "nothing": b"",
+    "started": stream(frame(0x80, 1)),
+    "committed_byte_by_byte": stream(frame(0x81, 1, 2), frame(0x81, 3, 4), pieces=1),
+    "refused_with_a_header": stream(frame(0x82, 1, b"\x01", row(b"h"), 3)),
+    "refused_without_a_header": stream(frame(0x82, 1, b"\x00", 3)),
+    "header_that_is_neither_there_nor_not": stream(frame(0x84, 1, b"\x02", 3)),
+    "failed": stream(frame(FAILED, 1, b"\x03", sized(b"no space"))),
+    "failed_for_no_known_kind": stream(frame(FAILED, 1, b"\x05", sized(b"why"))),
+    "failed_with_a_line_end": stream(frame(FAILED, 1, b"\x01", sized(b"two\nlines"))),
+    "failed_with_a_reason_of_201_bytes": stream(frame(FAILED, 1, b"\x01", sized(b"x" * 201))),
+    "rows_and_the_end_of_a_load": stream(frame(0x85, 1, listed(row(), row(b"e/2"))), frame(LOADED, 1, b"\x01", row(), 9)),
+    "more_rows_announced_than_there_are": stream(frame(0x85, 1, struct.pack("<I", 8192), row())),
+    "more_rows_announced_than_a_list_has": stream(frame(0x85, 1, struct.pack("<I", 8193))),
+    "changed": stream(frame(CHANGED, 1, 4, listed(row()), listed(sized(b"e/2"), sized(b"e/3")))),
+    "key_longer_than_its_frame": stream(frame(CHANGED, 1, 4, listed(sized(b"e", 0xffffffff)), listed())),
+    "byte_behind_the_last_field": stream(frame(0x88, 1, 5, b"\x00")),
+    "watch_broken": stream(frame(0x88, 1, 5)),
+    "heartbeats": stream(frame(0x89, 1, listed(row(b"m/a")), 6)),
+    "stopped": stream(frame(0x8a, sized(b"why"))),
+    "kind_that_there_is_not": stream(frame(0x8b, 1), frame(0x7f, 1)),
+    "size_of_nothing": stream(struct.pack("<I", 0), frame(0x81, 1, 2)),
+    "size_larger_than_any": stream(struct.pack("<I", 2 << 20), frame(0x81, 1, 2)),
+    "start": stream(frame(0, 1, listed(sized(b"a:1"), sized(b"b:2")), sized(b"ks/"), sized(b""), sized(b""), sized(b""))),
+    "commit": stream(frame(1, 1, 2, listed(row(b"h")), listed(sized(b"e/1")), 5000)),
+    "limit_of_more_than_an_hour": stream(frame(2, 1, 3600001)),
+})
+
+
 # --- Configurations
 
 seeds("config", {
@@ -247,7 +300,26 @@ users = [1000, 1001]
 groups = [1000]
 [[vdc]]
 id = 65534
+[shared]
+endpoints = ["https://store1:2379", "https://10.0.0.2:2379", "https://[fd00::3]:2379"]
+prefix = "ks/fleet"
+ca = "/etc/ca"
+certificate = "/etc/c"
+key = "/etc/k"
+machine = "a"
+mirror = "/var/lib/ks/mirror.db"
+create = true
+accept_incarnation = 3
+write_wait_ms = 5000
+max_age_s = 900
+[shared.owners]
+radius = 1000
+"eap daemon" = "root"
 """,
+    "store_on_this_machine": b'[shared]\nmachine = "a"\nendpoints = ["http://127.8.0.1:1", "http://[::1]:65535", '
+                             b'"http://localhost:2379"]\n',
+    "endpoints_that_are_none": b'[shared]\nendpoints = ["https://", "http://:1", "https://a:", "https://[::1:1", '
+                               b'"https://a:65536", 1, "ftp://a:1"]\nprefix = ""\nmachine = "A b"\n',
     "problem_that_quotes_a_line_end": b"1J=i\n",
     "user_whose_name_has_a_line_end": b'[[vdc]]\nid = 7\nusers = ["a\\nb"]\n',
     "unknown_key": b"[service]\nsockets = 1\n",

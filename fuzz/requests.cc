@@ -66,7 +66,7 @@ struct AdministrationShape {
 };
 const std::map<uint32_t, AdministrationShape> kAdministrationShapes{
     {2, {1144}},        {3, {88, 56}}, {4, {24, 776}}, {5, {16, 32}}, {6, {16, 24}}, {7, {8, 56}},
-    {8, {24, 256, 16}}, {9, {16}},     {16, {48}},     {18, {4}},     {19, {24}},
+    {8, {24, 256, 16}}, {9, {16}},     {16, {48}},     {18, {4}},     {19, {24}},    {20, {400}},
 };
 
 uint32_t word_at(Bytes reply, size_t offset) {
@@ -199,7 +199,7 @@ class World {
     static const ksd::crypto::AlgorithmSet usable = ksd::crypto::start();
     ksd::vault::Vault &opened = *vault;
     service_ = std::make_unique<ksd::handlers::Service>(std::move(vault), usable);
-    administration_ = std::make_unique<ksd::server::Administration>(*service_, opened, config_, reloader_);
+    administration_ = std::make_unique<ksd::server::Administration>(*service_, opened, nullptr, config_, reloader_);
   }
   ksd::vault::Store &store() const { return service_->store(); }
   void put(const EntryName &name, std::string_view secret, std::string_view metadata) {

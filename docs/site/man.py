@@ -116,9 +116,9 @@ def keys():
   lines, above = [], []
   for line in (ROOT / "service/ksd.toml").read_text().split("\n"):
     key = re.match(r"(# )?(\w+ = [^#]*?)\s*(?:# (.*))?$", line)
-    section = re.match(r"\[+(\w+)\]+$", line)
+    section = re.match(r"(?:# )?(\[+[\w.]+\]+)$", line)
     if section:
-      lines += [f"## {line}", ""] + ([" ".join(above), ""] if above else [])
+      lines += [f"## {section[1]}", ""] + ([" ".join(above), ""] if above else [])
       above = []
     elif key:
       text = " ".join(above + ([key[3]] if key[3] else []))
@@ -135,7 +135,7 @@ def help_of(program, *words):
   """What a program's own help says: arguments, options and subcommands, as pairs of name and text, and the usage."""
   shown = subprocess.run([str(program), *words, "--help"], capture_output=True, text=True, check=True).stdout
   usage = re.search(r"^Usage: \S+ ?(.*)$", shown, re.M)
-  parts = {heading: re.findall(r"^  (\S.*?)(?:  +|\n +)(\S.*(?:\n {10,}\S.*)*)", part, re.M)
+  parts = {heading: re.findall(r"^  (\S.*?)(?:  +|(?<= REQUIRED) |\n +)(\S.*(?:\n {10,}\S.*)*)", part, re.M)
            for heading, part in re.findall(r"^(Options|Positionals|Subcommands):\n((?:[ ].*\n)*)", shown, re.M)}
   return usage[1] if usage else "", parts
 

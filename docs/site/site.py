@@ -26,7 +26,7 @@ PAGES = {
     "Programs": ["conventions.md", "helpers.md", "ks.hpp.md", "codes.md", "differences.md", "mistakes.md", "python.md",
                  "examples.md"],
     "Functions": [],  # of the headers
-    "Operating": ["operating.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
+    "Operating": ["operating.md", "fleet.md", "ksctl.md", "troubleshooting.md", "security.md", "ksd.toml.md",
                   "supplicant.md", "freeradius.md", "ppp.md"],
     "Manual": [],  # of man/
     "Formats": ["wire.md", "vault-format.md", "fleet-format.md", "cache-format.md", "backup-format.md"],

@@ -139,15 +139,15 @@ constexpr std::chrono::seconds kLookForRoomEvery{1};
 
 }  // namespace
 
-void start_logging(LogFormat format, const std::string &level, const char *journal) {
-  auto logger = std::make_shared<spdlog::logger>("ksd", std::make_shared<StandardError>());
+void start_logging(LogFormat format, const std::string &level, const char *journal, const char *name) {
+  auto logger = std::make_shared<spdlog::logger>(name, std::make_shared<StandardError>());
   if (format == LogFormat::kAuto && std::getenv("JOURNAL_STREAM") != nullptr) format = LogFormat::kJournal;
   auto formatter = std::make_unique<spdlog::pattern_formatter>();
   if (format == LogFormat::kJournal) {
     formatter->add_flag<JournalPriority>('*').set_pattern("%*%v");
     the_journal().open(journal);
   } else {
-    formatter->set_pattern("%Y-%m-%dT%H:%M:%S.%e%z ksd[%P] %l: %v");
+    formatter->set_pattern("%Y-%m-%dT%H:%M:%S.%e%z %n[%P] %l: %v");
   }
   logger->set_formatter(std::move(formatter));
   logger->flush_on(spdlog::level::trace);

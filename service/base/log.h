@@ -26,9 +26,10 @@ enum class LogFormat { kAuto, kPlain, kJournal };
 
 inline constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
 
-// start_logging makes the process's logger. kAuto takes the journal's form when standard error is the journal. Then
-// events go to `journal`, with their fields.
-void start_logging(LogFormat format, const std::string &level, const char *journal = kJournalSocket);
+// start_logging makes the process's logger, with lines of the program `name`. kAuto takes the journal's form when
+// standard error is the journal. Then events go to `journal`, with their fields.
+void start_logging(LogFormat format, const std::string &level, const char *journal = kJournalSocket,
+                   const char *name = "ksd");
 
 // log_event writes the line of an event, about a client if there is one. A line that there is no memory for is lost.
 void log_event(const LogEvent &event, std::optional<uid_t> client, std::string_view text) noexcept;

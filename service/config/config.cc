@@ -3,6 +3,7 @@
 
 #include "config/config.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
@@ -11,6 +12,7 @@
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <toml++/toml.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -42,6 +44,14 @@ std::optional<uid_t> user_id(const std::string &name) {
 std::optional<gid_t> group_id(const std::string &name) {
   const group *entry = getgrnam(name.c_str());
   return entry != nullptr ? std::optional(entry->gr_gid) : std::nullopt;
+}
+
+// number_of takes a text that is a number and nothing else.
+std::optional<uint32_t> number_of(std::string_view text) {
+  uint32_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
 }
 
 // edits_between counts the letters to add, take out, exchange for others or for the next one that make `b` of `a`.
@@ -112,6 +122,15 @@ class Reader {
     const toml::array *array = node->as_array();
     if (array == nullptr) return problem(*node, fmt::format("{} takes an array of {}", name(key), of_what));
     for (const toml::node &element : *array) use(element);
+  }
+
+  // each_key calls `use` with every key of the table, which may have any, and what stands behind it.
+  template <typename Use>
+  void each_key(Use use) {
+    for (const auto &[key, node] : table_) {
+      take(key.str());
+      use(key.str(), node);
+    }
   }
 
   // ids calls `use` with every user or group of an array, names resolved.
@@ -403,6 +422,133 @@ void read_administrators(Reader &reader, Config &config) {
   });
 }
 
+bool has_only(std::string_view text, std::string_view further) {
+  return std::all_of(text.begin(), text.end(), [&](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || further.find(c) != std::string_view::npos;
+  });
+}
+
+constexpr std::string_view kCapitals = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
+// Endpoint is where a member of the store listens, as "https://host:port" says it.
+struct Endpoint {
+  bool secure = false;
+  std::string host;  // of an address of version 6 without its brackets
+  std::string host_and_port;
+
+  bool is_loopback() const {
+    in_addr address{};
+    if (inet_pton(AF_INET, host.c_str(), &address) == 1) return ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET;
+    return host == "localhost" || host == "::1";
+  }
+};
+
+std::optional<Endpoint> endpoint_of(std::string_view url) {
+  constexpr std::string_view kSecure = "https://", kPlain = "http://";
+  Endpoint endpoint;
+  endpoint.secure = url.starts_with(kSecure);
+  if (!endpoint.secure && !url.starts_with(kPlain)) return std::nullopt;
+  url.remove_prefix(endpoint.secure ? kSecure.size() : kPlain.size());
+  endpoint.host_and_port = url;
+  const size_t colon = url.rfind(':');
+  if (colon == std::string_view::npos) return std::nullopt;
+  const std::optional<uint32_t> port = number_of(url.substr(colon + 1));
+  endpoint.host = url.substr(0, colon);
+  in6_addr address{};
+  if (endpoint.host.starts_with('[') && endpoint.host.ends_with(']')) {
+    endpoint.host = endpoint.host.substr(1, endpoint.host.size() - 2);
+    if (inet_pton(AF_INET6, endpoint.host.c_str(), &address) != 1) return std::nullopt;
+  } else if (endpoint.host.empty() || !has_only(endpoint.host, std::string(kCapitals) + ".-")) {
+    return std::nullopt;
+  }
+  return port && *port > 0 && *port <= UINT16_MAX ? std::optional(endpoint) : std::nullopt;
+}
+
+// read_endpoints gives whether TLS is needed: with all members, or with none of them.
+bool read_endpoints(Reader &reader, Shared &shared) {
+  std::optional<bool> secure;
+  reader.each("endpoints", "texts", [&](const toml::node &element) {
+    const auto text = element.value_exact<std::string>();
+    const std::optional<Endpoint> endpoint = text ? endpoint_of(*text) : std::nullopt;
+    if (!endpoint) return reader.problem(element, "an endpoint is \"https://host:port\"");
+    if (!endpoint->secure && !endpoint->is_loopback()) {
+      return reader.problem(element,
+                            fmt::format("{} isn't on this machine: it needs https://, with ca, certificate and "
+                                        "key",
+                                        *text));
+    }
+    if (endpoint->secure != secure.value_or(endpoint->secure)) {
+      return reader.problem(element, "endpoints are all of https:// or all of http://");
+    }
+    secure = endpoint->secure;
+    shared.endpoints.push_back(endpoint->host_and_port);
+  });
+  const toml::node *node = reader.take("endpoints");
+  if (node == nullptr) reader.problem("[shared] has no endpoints: where the store is");
+  if (node != nullptr && node->is_array() && node->as_array()->empty()) reader.problem(*node, "endpoints names none");
+  return secure.value_or(false);
+}
+
+void read_files_for_tls(Reader &reader, Shared &shared, bool secure) {
+  const std::pair<const char *, std::string *> files[] = {
+      {"ca", &shared.ca}, {"certificate", &shared.certificate}, {"key", &shared.key}};
+  for (const auto &[key, path] : files) {
+    read_path(reader, key, SIZE_MAX, *path);
+    const toml::node *node = reader.take(key);
+    if (secure && node == nullptr) {
+      reader.problem(fmt::format("endpoints of https:// need {}: each side shows the other who it is", key));
+    } else if (!secure && node != nullptr) {
+      reader.problem(*node, fmt::format("{} is for endpoints of https://", key));
+    }
+  }
+}
+
+std::string host_name() {
+  std::array<char, 256> name{};
+  gethostname(name.data(), name.size() - 1);
+  std::string small = name.data();
+  for (char &c : small) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return small;
+}
+
+void read_name(Reader &reader, std::string_view key, std::string_view further, size_t longest, std::string &out) {
+  reader.text(key, out);
+  if (!out.empty() && out.size() <= longest && has_only(out, further)) return;
+  const std::string text = fmt::format("{} takes a name of 1 to {} of a to z, 0 to 9 and {}", key, longest, further);
+  const toml::node *node = reader.take(key);
+  if (node == nullptr) return reader.problem(fmt::format("{}; \"{}\", this machine's name, is none", text, out));
+  reader.problem(*node, text);
+}
+
+void read_owners(Reader &reader, Shared &shared) {
+  constexpr size_t kLongest = 63;
+  std::set<uid_t> seen;
+  reader.each_key([&](std::string_view name, const toml::node &node) {
+    if (name.empty() || name.size() > kLongest) {
+      return reader.problem(node, fmt::format("an owner's name has 1 to {} bytes", kLongest));
+    }
+    const std::optional<uid_t> user = reader.one_id(node, "user", user_id);
+    if (user && !seen.insert(*user).second) reader.problem(node, fmt::format("user {} has a name already", *user));
+    if (user) shared.owners.emplace(name, *user);
+  });
+}
+
+void read_shared(Reader &reader, Shared &shared) {
+  constexpr size_t kLongestName = 63;
+  read_files_for_tls(reader, shared, read_endpoints(reader, shared));
+  shared.prefix.pop_back();
+  read_name(reader, "prefix", std::string(kCapitals) + "._-/", kLongestName, shared.prefix);
+  shared.prefix += '/';
+  shared.machine = host_name();
+  read_name(reader, "machine", "._-", kLongestName, shared.machine);
+  read_path(reader, "mirror", SIZE_MAX, shared.mirror);
+  reader.flag("create", shared.create);
+  reader.number("accept_incarnation", 0, INT64_MAX, shared.accept_incarnation);
+  reader.number("write_wait_ms", 100, 60'000, shared.write_wait_ms);
+  reader.number("max_age_s", 1, 2'592'000, shared.max_age_s);
+  if (std::optional<Reader> owners = reader.section("owners")) read_owners(*owners, shared);
+}
+
 void read_all(const toml::table &table, Config &config, std::vector<ConfigProblem> &problems) {
   Reader top(table, "", problems);
   const auto in_section = [&](std::string_view key, auto read) {
@@ -419,6 +565,7 @@ void read_all(const toml::table &table, Config &config, std::vector<ConfigProble
     read_gate(reader, "debug", config.gates.debug);
   });
   in_section("administrators", [&](Reader &reader) { read_administrators(reader, config); });
+  in_section("shared", [&](Reader &reader) { read_shared(reader, config.shared.emplace()); });
   read_vdcs(top, config, problems);
   top.refuse_unknown_keys();
 }
@@ -516,14 +663,6 @@ void merge(toml::table &into, toml::table &&from) {
       std::move(node).visit([&, &key = key](auto &&value) { into.insert(key, std::forward<decltype(value)>(value)); });
     }
   }
-}
-
-// number_of takes a text that is a number and nothing else.
-std::optional<uint32_t> number_of(std::string_view text) {
-  uint32_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
 }
 
 // Whose range is nobody's any more stands together under its first number.

@@ -63,6 +63,24 @@ struct Gates {
 // Sandbox says whether the process gives up what it won't need.
 enum class Sandbox { kAuto, kOff, kRequired };
 
+// Shared says with whom a service shares its entries, and by what store.
+struct Shared {
+  std::vector<std::string> endpoints;  // "host:port"
+  std::string prefix = "ks/";          // of all keys in the store, with the slash at its end
+  std::string ca;                      // with the next two a file for mutual TLS; empty without TLS
+  std::string certificate;
+  std::string key;
+  std::string machine;  // this one's name
+  std::string mirror;   // the file of the local copy; empty for none
+  bool create = false;  // whether a fleet is made where there is none
+  uint64_t accept_incarnation = 0;
+  uint32_t write_wait_ms = 5000;
+  uint32_t max_age_s = 900;
+  std::map<std::string, uid_t> owners;  // users of this machine, by their names in the fleet
+
+  friend bool operator==(const Shared &, const Shared &) = default;
+};
+
 struct Config {
   std::string file;  // where it was read from
   std::string socket = HOST_DEFAULT_SOCKET;
@@ -87,6 +105,7 @@ struct Config {
   std::set<uid_t> administrator_users;
   std::set<gid_t> administrator_groups;
   std::vector<SubordinateUsers> subordinate_users;  // by their first number
+  std::optional<Shared> shared;
 
   // identify says who a caller is. A user's own mapping comes before those of the groups. The members of a group keep
   // it in their containers, so that they have thousands of user numbers there: these count as their own.

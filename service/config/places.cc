@@ -63,6 +63,15 @@ std::optional<std::string> what_is_wrong_with(const Place &place) {
   return why_others_may_replace(place.path);
 }
 
+// The files for TLS are read by the engine, as its own user; this one may not even be allowed to look for them.
+std::optional<std::string> what_is_wrong_with_file_of_engine(const std::string &path) {
+  const std::optional<mode_t> kind = kind_of(path);
+  if (!kind && errno == EACCES) return std::nullopt;
+  if (!kind) return fmt::format("{}: {}; put it there, readable for the engine's user", path, std::strerror(errno));
+  if (kind != S_IFREG) return fmt::format("{} isn't a file", path);
+  return why_others_may_replace(path);
+}
+
 }  // namespace
 
 std::vector<std::string> find_obstacles(const Config &config) {
@@ -73,9 +82,19 @@ std::vector<std::string> find_obstacles(const Config &config) {
   if (has_key_file) places.push_back({"master_key_file", config.master_key_file, S_IFREG, "a key", is_first_start});
   // Its folder is never made: where that is missing, the volume isn't there.
   if (!config.witness.empty()) places.push_back({"witness", config.witness, S_IFREG, "a witness", false});
+  const bool is_shared = config.shared.has_value();
+  if (is_shared && !config.shared->mirror.empty()) {
+    places.push_back({"mirror", config.shared->mirror, S_IFREG, "a mirror", is_first_start});
+  }
   std::vector<std::string> found;
   for (const Place &place : places) {
     if (const auto wrong = what_is_wrong_with(place)) found.push_back(fmt::format("{}: {}", place.key, *wrong));
+  }
+  if (!is_shared) return found;
+  for (const auto &[key, path] :
+       {std::pair("ca", config.shared->ca), {"certificate", config.shared->certificate}, {"key", config.shared->key}}) {
+    if (path.empty()) continue;
+    if (const auto wrong = what_is_wrong_with_file_of_engine(path)) found.push_back(fmt::format("{}: {}", key, *wrong));
   }
   return found;
 }

@@ -87,6 +87,7 @@ const Administration::Row Administration::kRows[] = {
     {HOST_OP_NEXT_BACKUP_PART, &Administration::next_backup_part},
     {HOST_OP_CHANGE_MASTER_KEY, &Administration::change_master_key, true},
     {HOST_OP_MASTER_KEY_CHANGE, &Administration::master_key_change},
+    {HOST_OP_FLEET, &Administration::fleet},
 };
 
 bool Administration::answer(const handlers::Request &request, Crowd &crowd, BackupSession &backup,
@@ -131,6 +132,7 @@ void Administration::status(const Asked &asked) {
   if (usage.compaction_helps) status.flags |= HOST_STATUS_COMPACTION_HELPS;
   if (!condition.refusal.empty() || condition.until_restart) status.flags |= HOST_STATUS_CHANGES_REFUSED;
   if (condition.until_restart) status.flags |= HOST_STATUS_UNTIL_RESTART;
+  if (fleet_ != nullptr) status.flags |= HOST_STATUS_SHARED;
   if (!condition.reserve_kept) status.flags |= HOST_STATUS_RESERVE_GIVEN_UP;
   if (configuration.restart_needed) status.flags |= HOST_STATUS_RESTART_NEEDED;
   status.supstate = config->supstate;
@@ -150,6 +152,26 @@ void Administration::status(const Asked &asked) {
     put_text(status.problem, config::describe(configuration.path, configuration.problem));
   }
   asked.reply.record(status);
+}
+
+void Administration::fleet(const Asked &asked) {
+  if (fleet_ == nullptr) return asked.reply.result(KS_NOT_FOUND);
+  const fleet::SharedStatus status = fleet_->status();
+  HostFleetReply told{};
+  told.result = KS_SUCCESS;
+  if (status.standing == fleet::Standing::kGood) told.flags |= HOST_FLEET_IS_WELL;
+  if (fleet::lasts(status.standing)) told.flags |= HOST_FLEET_LEFT_ALONE;
+  told.age_ms = status.age ? static_cast<uint64_t>(status.age->count()) : UINT64_MAX;
+  told.version = status.version;
+  told.incarnation = status.incarnation;
+  told.commits = status.counts.commits;
+  told.lost = status.counts.lost;
+  told.unknown = status.counts.unknown;
+  told.loads = status.counts.loads;
+  if (status.fleet) std::ranges::copy(*status.fleet, told.id);
+  put_text(told.machine, fleet_->machine());
+  put_text(told.standing, status.words);
+  asked.reply.record(told);
 }
 
 void Administration::counters(const Asked &asked) {

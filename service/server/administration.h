@@ -7,6 +7,7 @@
 
 #include <vector>
 
+#include "fleet/shared_vault.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
 #include "server/backup_session.h"
@@ -22,10 +23,11 @@ namespace ksd::server {
 // nobody waits for it.
 class Administration {
  public:
-  // All of them outlive it. `vault` is the service's store.
-  Administration(handlers::Service &service, vault::Vault &vault, const CurrentConfig &current_config,
-                 Reloader &reloader)
-      : service_(service), vault_(vault), current_config_(current_config), reloader_(reloader) {}
+  // All of them outlive it. `vault` is the service's store; `fleet` is that, too, where it is one of a fleet, else
+  // null.
+  Administration(handlers::Service &service, vault::Vault &vault, const fleet::SharedVault *fleet,
+                 const CurrentConfig &current_config, Reloader &reloader)
+      : service_(service), vault_(vault), fleet_(fleet), current_config_(current_config), reloader_(reloader) {}
 
   // answer leaves a reply to an administration message of an administrator, and gives false for all others: to those
   // who aren't administrators there are no such messages. `backup` is what the connection reads.
@@ -55,12 +57,14 @@ class Administration {
   void next_backup_part(const Asked &asked);
   void change_master_key(const Asked &asked);
   void master_key_change(const Asked &asked);
+  void fleet(const Asked &asked);
 
   vault::Owner fullest_owner(uint64_t vault::Owner::*what) const;
   uint64_t up_ms() const;
 
   handlers::Service &service_;
   vault::Vault &vault_;
+  const fleet::SharedVault *const fleet_;
   std::atomic<int> backups_{0};  // that are being read
   const CurrentConfig &current_config_;
   Reloader &reloader_;

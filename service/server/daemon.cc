@@ -28,6 +28,7 @@
 #include "crypto/crypto.h"
 #include "handlers/service.h"
 #include "server/counter_lines.h"
+#include "server/fleet.h"
 #include "server/instance_lock.h"
 #include "server/listener.h"
 #include "server/memory_guard.h"
@@ -151,6 +152,7 @@ FileNeeds needs_of(const config::Config &config, const std::string &config_file,
   needs.changed = {socket_folder, folder_of(config.vault)};
   if (!config.master_key_file.empty()) needs.changed.push_back(folder_of(config.master_key_file));
   if (!config.witness.empty()) needs.changed.push_back(folder_of(config.witness));
+  if (config.shared && !config.shared->mirror.empty()) needs.changed.push_back(folder_of(config.shared->mirror));
   needs.read = config::standard_folders();
   if (!config_file.empty()) needs.read.push_back(folder_of(config_file));
   if (const char *credentials = std::getenv("CREDENTIALS_DIRECTORY")) needs.read.emplace_back(credentials);
@@ -174,7 +176,7 @@ class Daemon {
   }
 
   void run() {
-    Administration administration(*service_, *vault_, config_, reloader_);
+    Administration administration(*service_, *vault_, fleet_, config_, reloader_);
     Server server(*service_, config_, &administration);
     spdlog::info("ksd {} serves {}", KSD_VERSION, socket_path_);
     notifier_.ready();
@@ -207,6 +209,7 @@ class Daemon {
     }
     // Before there is any thread, so that all of them are confined.
     vault::make_folders(vault_options(config));
+    if (config.shared) engine_ = find_engine();
     confine(config.sandbox, needs_of(config, options_.config, folder_of(socket_path_)));
     instance_lock_.emplace(socket_path_);
     // The page comes before the socket: clients look at it once they are greeted.
@@ -221,7 +224,14 @@ class Daemon {
     const crypto::AlgorithmSet usable = crypto::start();
     vault::VaultOptions options = vault_options(config);
     options.passphrase = read_passphrase(options_.passphrase_fd);
-    std::unique_ptr<vault::Vault> opened = vault::open_vault(options);
+    std::unique_ptr<vault::Vault> opened;
+    if (config.shared) {
+      std::unique_ptr<fleet::SharedVault> shared = open_shared_vault(*config.shared, options, std::move(engine_));
+      fleet_ = shared.get();
+      opened = std::move(shared);
+    } else {
+      opened = vault::open_vault(options);
+    }
     vault_ = opened.get();
     service_.emplace(std::move(opened), usable);
   }
@@ -307,10 +317,10 @@ class Daemon {
     const bool needs_restart = config.socket != old.socket || config.socket_mode != old.socket_mode ||
                                config.socket_group != old.socket_group || config.vault != old.vault ||
                                config.master_key_file != old.master_key_file || config.witness != old.witness ||
-                               config.sandbox != old.sandbox;
+                               config.sandbox != old.sandbox || config.shared != old.shared;
     if (needs_restart) {
       tell(event::kNeedsRestart,
-           "a change of socket, vault, master key, witness or sandbox counts from the next start");
+           "a change of socket, vault, master key, witness, sandbox or [shared] counts from the next start");
     }
     set_log_level(config.log_level);
     config_.replace(config);
@@ -328,6 +338,8 @@ class Daemon {
   Reloader reloader_;
   std::optional<handlers::Service> service_;
   vault::Vault *vault_ = nullptr;              // the service's store
+  fleet::SharedVault *fleet_ = nullptr;        // that, where it is one of a fleet
+  link::Connect engine_;                       // of a fleet, until its store has it
   std::optional<InstanceLock> instance_lock_;  // let go last: until then nobody else touches socket and page
   UniqueFd listener_;
   std::string socket_path_;

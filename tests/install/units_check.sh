@@ -29,6 +29,14 @@ systemd-analyze security --offline=true --threshold=10 "$scratch/usr/lib/systemd
 ! grep -q '^PrivateUsers' "$build/ksd.service" || fail "PrivateUsers= hides who is calling"
 ! grep -E 'Unknown|Failed to parse|ignoring' "$scratch/exposure" || fail "systemd doesn't know all of the unit"
 
+# The engine, where it is built, may use the network; else it is confined as well.
+if [ -e "$build/ksd-engine@.service" ]; then
+  cp "$source/service/systemd/ksd-engine.socket" "$build/ksd-engine@.service" "$scratch/usr/lib/systemd/system"
+  systemd-analyze security --offline=true --threshold=15 "$scratch/usr/lib/systemd/system/ksd-engine@.service" \
+    >"$scratch/exposure" || fail "$(cat "$scratch/exposure")"
+  ! grep -E 'Unknown|Failed to parse|ignoring' "$scratch/exposure" || fail "systemd doesn't know all of the engine's unit"
+fi
+
 # The user and the folders. Where users of that name can't be made there is nothing to look at.
 systemd-sysusers --root="$scratch" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 grep -q '^ksd:.*Keystore service:/var/lib/ks:' "$scratch/etc/passwd" || fail "no user ksd was made"

@@ -15,7 +15,9 @@ declare -A allowed=(
   [vault]="base"
   [fleet]="base vault"
   [handlers]="base crypto vault/store.h"
-  [server]="base config crypto vault fleet handlers"
+  [link]="base fleet/engine.h"
+  [engine]="base fleet/engine.h link"
+  [server]="base config crypto vault fleet link handlers"
 )
 
 status=0

@@ -79,6 +79,7 @@ struct Command {
 // The families, each in a file of its name.
 std::span<const Command> service_commands();       // status, owners, limits, reload, checkpoint
 std::span<const Command> vault_commands();         // backup, restore, vault
+std::span<const Command> fleet_commands();         // fleet status, request, admit, join
 std::span<const Command> stats_commands();         // stats
 std::span<const Command> top_commands();           // top
 std::span<const Command> config_commands();        // config check

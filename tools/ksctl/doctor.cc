@@ -136,7 +136,8 @@ Patient patient_of(const Session &session, const Arguments &arguments) {
     if (parsed.problems.empty()) patient.config = std::move(parsed.config);
   }
   if (patient.config) {
-    patient.vault = patient.config->vault;
+    patient.is_shared = patient.config->shared.has_value();
+    if (!patient.is_shared) patient.vault = patient.config->vault;
     patient.master_key_file = patient.config->master_key_file;
     // What the configuration names counts where nobody named another one.
     if (patient.config_named && patient.socket == HOST_DEFAULT_SOCKET) patient.socket = patient.config->socket;

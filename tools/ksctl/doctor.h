@@ -25,7 +25,8 @@ struct Patient {
   bool config_named = false;  // by the user, so that it has to be there
   // Of the configuration and its options; without one nothing is known of the vault.
   std::optional<ksd::config::Config> config;
-  std::string vault;
+  std::string vault;            // empty: not known, or none is used
+  bool is_shared = false;       // the entries are those of a fleet
   std::string master_key_file;  // empty: systemd's, or not known
 };
 

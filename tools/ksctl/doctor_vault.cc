@@ -70,6 +70,10 @@ void look_at_config(const Patient &patient, Findings &findings) {
 }
 
 bool vault_is_known(const Patient &patient, Findings &findings) {
+  if (patient.vault.empty() && patient.is_shared) {
+    findings.unknown("the entries are those of a fleet: ksctl fleet status tells how that goes");
+    return false;
+  }
   if (patient.vault.empty()) findings.unknown("no configuration says where the vault is; --config or --vault does");
   return !patient.vault.empty();
 }

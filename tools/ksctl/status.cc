@@ -50,7 +50,9 @@ std::string size_share_text(uint64_t bytes, uint64_t limit) {
 std::vector<std::string> warnings_of(const HostStatusReply &status) {
   const auto has = [&](uint32_t flag) { return (status.flags & flag) != 0; };
   std::vector<std::string> warnings;
-  if (has(HOST_STATUS_CHANGES_REFUSED)) {
+  if (has(HOST_STATUS_CHANGES_REFUSED) && has(HOST_STATUS_SHARED)) {
+    warnings.push_back("the fleet: " + text_in(status.refusal));
+  } else if (has(HOST_STATUS_CHANGES_REFUSED)) {
     warnings.push_back(fmt::format("changes are refused: {}; {}", text_in(status.refusal),
                                    has(HOST_STATUS_UNTIL_RESTART) ? "look after the disk, then restart the service"
                                                                   : "make room on the vault's disk or look after it"));

@@ -19,6 +19,7 @@
 #include "command.h"
 #include "growing_file.h"
 #include "progress.h"
+#include "quietly.h"
 #include "secret_input.h"
 #include "service_link.h"
 #include "status.h"
@@ -265,14 +266,6 @@ void import_key(Session &session, const Arguments &arguments) {
   }
   vault::write_new_key(to, *opened->key, std::nullopt);
   session.output.done(fmt::format("{}: the master key", to), Object{{"file", to}});
-}
-
-// quietly keeps what the vault's code logs for a service off the terminal.
-template <void (*kRun)(Session &, const Arguments &)>
-void quietly(Session &session, const Arguments &arguments) {
-  spdlog::set_level(spdlog::level::off);
-  vault::start_sodium();
-  kRun(session, arguments);
 }
 
 constexpr Parameter kVaultFile{"--vault", Kind::kFile, "The vault's file", true};

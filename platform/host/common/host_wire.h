@@ -27,6 +27,7 @@
 #define HOST_OP_NEXT_BACKUP_PART UINT32_C(17)
 #define HOST_OP_CHANGE_MASTER_KEY UINT32_C(18)
 #define HOST_OP_MASTER_KEY_CHANGE UINT32_C(19)
+#define HOST_OP_FLEET UINT32_C(20)
 
 /* For everybody whom the hello offers a channel. */
 #define HOST_OP_CHANNEL UINT32_C(64)
@@ -154,6 +155,7 @@ typedef struct {
 #define HOST_STATUS_UNTIL_RESTART UINT32_C(16)  /* and for as long as the service runs */
 #define HOST_STATUS_RESERVE_GIVEN_UP UINT32_C(32)
 #define HOST_STATUS_RESTART_NEEDED UINT32_C(64) /* for part of the configuration that was loaded last to count */
+#define HOST_STATUS_SHARED UINT32_C(128)        /* the entries are those of a fleet: see HOST_OP_FLEET */
 
 KS_STATIC_ASSERT(sizeof(HostStatusReply) == 1144);
 KS_STATIC_ASSERT(offsetof(HostStatusReply, vault) == 120);
@@ -339,6 +341,28 @@ enum {
 };
 
 KS_STATIC_ASSERT(sizeof(HostKeyChangeReply) == 24);
+
+/* HostFleetReply answers HOST_OP_FLEET, whose request has no payload. KS_NOT_FOUND, 4 bytes: the service keeps its
+ * entries alone. The fleet's numbers are 0 until something has been loaded. */
+typedef struct {
+  uint32_t result;      /* KS_SUCCESS */
+  uint32_t flags;       /* HOST_FLEET_... */
+  uint64_t age_ms;      /* of what reads are answered from; UINT64_MAX: they aren't */
+  uint64_t version;     /* of the last change */
+  uint64_t incarnation; /* 1, and 1 more with every restore */
+  uint64_t commits;     /* this machine's, since the service started */
+  uint64_t lost;        /* of these, how often another machine came before */
+  uint64_t unknown;     /* and how often the outcome had to be found out */
+  uint64_t loads;       /* of all entries */
+  uint8_t id[16];
+  char machine[64];
+  char standing[256]; /* in words */
+} HostFleetReply;
+
+#define HOST_FLEET_IS_WELL UINT32_C(1)
+#define HOST_FLEET_LEFT_ALONE UINT32_C(2) /* nothing is read from the store or written to it until a restart */
+
+KS_STATIC_ASSERT(sizeof(HostFleetReply) == 400);
 
 /* HostReplyShape is what a reply to one of the keystore's messages has to hold, so that whoever reads it without
  * looking finds it there. Every reply begins with its result; what follows counts with KS_SUCCESS alone.

@@ -32,7 +32,7 @@ done
 for page in "$out"/*.3; do
   grep -qx "$(basename "$page" .3)" <<<"$functions" || fault "$(basename "$page") tells of what isn't exported"
 done
-for page in ks.7 ks-session.1 ksctl.1 ksd.8 ksd.toml.5; do
+for page in ks.7 ks-session.1 ksctl.1 ksd.8 ksd-engine.8 ksd.toml.5; do
   [ -f "$out/$page" ] || fault "there is no page $page"
 done
 for page in "$out"/*.[1-8]; do

@@ -176,7 +176,7 @@ TEST(Config, RefusesUnknownKeysEverywhere) {
       ElementsAre(
           HasSubstr("f:2:3: unknown key service.sokcet; the nearest known one is socket; known here: socket, "),
           "f:3:2: unknown key services; the nearest known one is service; known here: service, vault, limits, trace, "
-          "administrators, vdc",
+          "administrators, shared, vdc",
           HasSubstr("f:5:1: unknown key limits.users"), HasSubstr("f:8:1: unknown key vdc.user")));
 }
 
@@ -345,6 +345,95 @@ TEST(ConfigFile, IsRefusedWhenOthersMayWriteOrReplaceIt) {
     EXPECT_THAT(problem(), HasSubstr(path + " belongs to user 23456, who is neither root nor the service's user 0"));
   }
   std::filesystem::remove_all(folder);
+}
+
+TEST(SharedConfig, IsThereOnlyWhereItIsAskedFor) {
+  EXPECT_FALSE(good("").shared);
+  const auto shared = good("[shared]\nendpoints = [\"http://127.0.0.1:2379\"]\nmachine = \"a\"").shared;
+  ASSERT_TRUE(shared);
+  EXPECT_THAT(shared->endpoints, ElementsAre("127.0.0.1:2379"));
+  EXPECT_EQ(shared->prefix, "ks/");
+  EXPECT_EQ(shared->ca + shared->certificate + shared->key + shared->mirror, "");
+  EXPECT_EQ(shared->write_wait_ms, 5000u);
+  EXPECT_EQ(shared->max_age_s, 900u);
+  EXPECT_FALSE(shared->create);
+  EXPECT_THAT(shared->owners, IsEmpty());
+}
+
+TEST(SharedConfig, ReadsEveryKey) {
+  const auto shared = good(R"(
+[shared]
+endpoints = ["https://store1.example:2379", "https://10.0.0.2:1", "https://[fd00::1]:65535"]
+prefix = "site/ks"
+ca = "/a"
+certificate = "/b"
+key = "/c"
+machine = "radius-1"
+mirror = "/d"
+create = true
+accept_incarnation = 3
+write_wait_ms = 100
+max_age_s = 1
+[shared.owners]
+radius = 1000
+"eap daemon" = "root"
+)")
+                          .shared;
+  ASSERT_TRUE(shared);
+  EXPECT_THAT(shared->endpoints, ElementsAre("store1.example:2379", "10.0.0.2:1", "[fd00::1]:65535"));
+  EXPECT_EQ(shared->prefix, "site/ks/");
+  EXPECT_EQ(shared->ca + shared->certificate + shared->key + shared->mirror, "/a/b/c/d");
+  EXPECT_EQ(shared->machine, "radius-1");
+  EXPECT_TRUE(shared->create);
+  EXPECT_EQ(shared->accept_incarnation, 3u);
+  EXPECT_EQ(shared->write_wait_ms, 100u);
+  EXPECT_EQ(shared->max_age_s, 1u);
+  EXPECT_THAT(shared->owners, ElementsAre(testing::Pair("eap daemon", 0), testing::Pair("radius", 1000)));
+}
+
+TEST(SharedConfig, NeedsMutualTlsUnlessTheStoreIsOnThisMachine) {
+  EXPECT_THAT(problems_of("[shared]\nendpoints = [\"http://10.0.0.1:2379\"]\nmachine = \"a\""),
+              ElementsAre("f:2:14: http://10.0.0.1:2379 isn't on this machine: it needs https://, with ca, certificate "
+                          "and key"));
+  EXPECT_THAT(problems_of("[shared]\nendpoints = [\"https://10.0.0.1:2379\"]\nca = \"/a\"\nmachine = \"a\""),
+              ElementsAre("f:1:1: endpoints of https:// need certificate: each side shows the other who it is",
+                          "f:1:1: endpoints of https:// need key: each side shows the other who it is"));
+  EXPECT_THAT(problems_of("[shared]\nendpoints = [\"http://localhost:1\"]\nca = \"/a\"\nmachine = \"a\""),
+              ElementsAre("f:3:6: ca is for endpoints of https://"));
+  EXPECT_THAT(problems_of("[shared]\nendpoints = [\"http://[::1]:1\", \"https://127.0.0.1:1\"]\nmachine = \"a\""),
+              ElementsAre("f:2:32: endpoints are all of https:// or all of http://"));
+  for (const char *elsewhere : {"http://128.0.0.1:1", "http://[::2]:1", "http://127.0.0.1.example:1", "http://1:1"}) {
+    EXPECT_THAT(problems_of(std::string("[shared]\nmachine = \"a\"\nendpoints = [\"") + elsewhere + "\"]"),
+                ElementsAre(HasSubstr("isn't on this machine")))
+        << elsewhere;
+  }
+}
+
+TEST(SharedConfig, NamesWhatIsNoEndpoint) {
+  EXPECT_THAT(problems_of("[shared]\nmachine = \"a\""),
+              ElementsAre("f:1:1: [shared] has no endpoints: where the store is"));
+  EXPECT_THAT(problems_of("[shared]\nmachine = \"a\"\nendpoints = []"), ElementsAre("f:3:13: endpoints names none"));
+  for (const char *other : {"\"10.0.0.1:2379\"", "\"https://a\"", "\"https://a:0\"", "\"https://a:65536\"",
+                            "\"https://:1\"", "\"https://[::1:1\"", "\"https://a/b:1\"", "2379"}) {
+    EXPECT_THAT(problems_of(std::string("[shared]\nmachine = \"a\"\nendpoints = [") + other + "]"),
+                ElementsAre("f:3:14: an endpoint is \"https://host:port\""))
+        << other;
+  }
+}
+
+TEST(SharedConfig, NamesWhatIsWrongElsewhere) {
+  const std::string begin = "[shared]\nendpoints = [\"http://127.0.0.1:1\"]\n";
+  EXPECT_THAT(problems_of(begin + "machine = \"Radius 1\""),
+              ElementsAre("f:3:11: machine takes a name of 1 to 63 of a to z, 0 to 9 and ._-"));
+  EXPECT_THAT(problems_of(begin + "machine = \"a\"\nprefix = \"\""),
+              ElementsAre(HasSubstr("f:4:10: prefix takes a name")));
+  EXPECT_THAT(problems_of(begin + "machine = \"a\"\nmirror = \"m\""),
+              ElementsAre("f:4:10: mirror takes an absolute path"));
+  EXPECT_THAT(problems_of(begin + "machine = \"a\"\nmax_age = 1"),
+              ElementsAre(HasSubstr("f:4:1: unknown key shared.max_age; the nearest known one is max_age_s;")));
+  EXPECT_THAT(problems_of(begin + "machine = \"a\"\n[shared.owners]\na = 0\nb = \"root\"\nc = \"nobody here\""),
+              ElementsAre("f:6:5: user 0 has a name already",
+                          "f:7:5: there is no user \"nobody here\" on this machine; create it or give a number"));
 }
 
 }  // namespace

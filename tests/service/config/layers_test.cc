@@ -115,7 +115,7 @@ TEST_F(Layers, TellTheFileOfEachProblem) {
   EXPECT_THAT(
       problems(),
       ElementsAre("etc/ksd.toml.d/10.toml:2:2: unknown key servise; the nearest known one is service; known here: "
-                  "service, vault, limits, trace, administrators, vdc",
+                  "service, vault, limits, trace, administrators, shared, vdc",
                   "etc/ksd.toml.d/20.toml:2:13: limits.entries takes a whole number from 0 to 65535",
                   "etc/ksd.toml.d/20.toml:6:6: VDC 1 has a [[vdc]] already; put all its users there",
                   "usr/ksd.toml:2:17: service.send_limit_ms takes a whole number from 10 to 3600000"));

@@ -132,4 +132,19 @@ TEST_F(Places, AreTheUsersToWrite) {
           "master_key_file: user 23456 may not write in " + path("etc") + "; give the folder to the service's user"));
 }
 
+TEST_F(Places, OfFilesForTlsAreThereAndInSafeHands) {
+  config.shared.emplace();
+  EXPECT_THAT(obstacles(), IsEmpty());
+  config.shared->ca = path("ca");
+  config.shared->certificate = path("certificate");
+  config.shared->key = path("tls");
+  make_file("certificate");
+  chmod(path("certificate").c_str(), 0666);
+  make_folder("tls");
+  EXPECT_THAT(
+      obstacles(),
+      ElementsAre("ca: " + path("ca") + ": No such file or directory; put it there, readable for the engine's user",
+                  testing::HasSubstr("certificate: " + path("certificate")), "key: " + path("tls") + " isn't a file"));
+}
+
 }  // namespace

@@ -131,8 +131,9 @@ TEST(Reload, SaysWhatCountsFromTheNextStart) {
   for (const char *key : {"socket_mode = 0o600", "sandbox = \"off\""}) {
     ServiceProcess service;
     service.reload(std::string("[service]\n") + key + "\n");
-    EXPECT_THAT(service.log(),
-                HasSubstr("a change of socket, vault, master key, witness or sandbox counts from the next start"))
+    EXPECT_THAT(
+        service.log(),
+        HasSubstr("a change of socket, vault, master key, witness, sandbox or [shared] counts from the next start"))
         << key;
   }
 }

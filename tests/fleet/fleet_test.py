@@ -1,0 +1,220 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
+"""What a user of three machines sees of their fleet: real services, engines and etcd, with mutual TLS, and faults.
+
+Run by ctest, with the build's folder in KS_BUILD. Arguments are those of unittest.
+"""
+
+import json
+import os
+import sys
+import threading
+import time
+import unittest
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+import own_world  # noqa: E402
+
+if __name__ == "__main__":
+  own_world.enter("etcd", "etcdctl", "openssl")
+
+import cluster  # noqa: E402
+import machine  # noqa: E402
+from machine import Machine  # noqa: E402
+
+NETWORK = cluster.Network(3) if __name__ == "__main__" else None
+
+
+class Fleet(unittest.TestCase):
+  """One fleet for all tests; each begins with everything in order, and no entries."""
+
+  @classmethod
+  def setUpClass(cls):
+    cls.network = NETWORK
+    tls = f"{own_world.FOLDER}/tls"
+    cluster.make_certificates(tls, cls.network)
+    cls.etcd = cluster.Cluster(cls.network, tls=tls)
+    cls.machines = [Machine(cls.network, cls.etcd, 1, "create = true"), Machine(cls.network, cls.etcd, 2),
+                    Machine(cls.network, cls.etcd, 3)]
+    first, *others = cls.machines
+    first.start()
+    for other in others:
+      machine.join(other, to=first)
+      other.start()
+
+  @classmethod
+  def tearDownClass(cls):
+    for each in cls.machines:
+      each.kill()
+    cls.etcd.stop()
+
+  def setUp(self):
+    self.one, self.two, self.three = self.machines
+    self.addCleanup(self.put_in_order)
+
+  def put_in_order(self):
+    self.etcd.repair()
+    for each in self.machines:
+      if each.process.poll() is not None:
+        each.start()
+    cluster.wait_until(lambda: all(each.status()["well"] for each in self.machines), 30, "a fleet that is well")
+    for name in self.one.names():
+      self.assertEqual(self.one.ctl("secret", "rm", name).returncode, 0)
+    for each in self.machines:
+      each.wait_for([])
+
+  def test_has_the_same_entries_on_all_machines(self):
+    self.assertEqual(self.one.put("a"), 0)
+    self.two.wait_for(["a"])
+    self.assertEqual(self.two.put("b"), 0)
+    self.three.wait_for(["a", "b"])
+    self.assertEqual(self.three.ctl("secret", "rename", "a", "c").returncode, 0)
+    self.one.wait_for(["b", "c"])
+    self.assertEqual(self.one.ctl("secret", "rm", "b").returncode, 0)
+    for each in self.machines:
+      each.wait_for(["c"])
+
+  def test_lists_what_many_make_at_once_in_one_order(self):
+    def make(each):
+      for i in range(10):
+        self.assertEqual(each.put(f"{each.number}-{i}"), 0)
+
+    makers = [threading.Thread(target=make, args=(each,)) for each in self.machines]
+    for maker in makers:
+      maker.start()
+    for maker in makers:
+      maker.join()
+    wanted = {f"{each.number}-{i}" for each in self.machines for i in range(10)}
+    for each in self.machines:
+      each.wait_for(wanted)
+    self.assertEqual(self.one.names(), self.two.names())
+    self.assertEqual(self.one.names(), self.three.names())
+
+  def test_goes_on_when_an_engine_dies(self):
+    self.assertEqual(self.one.put("before"), 0)
+    for engine in self.one.engines()[1:]:
+      os.kill(engine, 9)
+    self.two.put("meanwhile")
+    self.one.wait_for(["before", "meanwhile"])
+    self.assertEqual(self.one.put("after"), 0)
+
+  def test_keeps_what_was_acknowledged_when_services_and_members_are_killed(self):
+    for i in range(3):
+      self.assertEqual(self.one.put(f"{i}"), 0)
+      self.machines[i].kill()
+      self.machines[i].start()
+      leader = self.etcd.leader()
+      self.etcd.kill(leader)
+      begun = time.monotonic()
+      cluster.wait_until(lambda: self.two.put(f"after {i}") == 0, 20, "a change")
+      print(f"leader killed, a change again after {time.monotonic() - begun:.2f} s", file=sys.stderr)
+      self.etcd.repair()
+    for each in self.machines:
+      each.wait_for(["0", "1", "2", "after 0", "after 1", "after 2"])
+
+  def test_without_a_majority_reads_go_on_and_changes_fail_in_time(self):
+    self.assertEqual(self.one.put("before"), 0)
+    self.two.wait_for(["before"])
+    self.etcd.kill(1)
+    self.etcd.kill(2)
+    cluster.wait_until(lambda: not self.two.status()["well"], 10, "word of it")
+    begun = time.monotonic()
+    self.assertNotEqual(self.two.put("meanwhile"), 0)
+    self.assertLess(time.monotonic() - begun, 6.5)
+    self.assertEqual(self.two.names(), ["before"])
+    self.assertIn("doesn't answer", self.two.status()["standing"])
+    warnings = json.loads(self.two.ctl("status", "--json").stdout)["warnings"]
+    self.assertEqual(warnings, ["the fleet: " + self.two.status()["standing"]])
+    # A restart is served by what the machine has kept of the fleet.
+    self.two.kill()
+    self.two.start()
+    self.assertEqual(self.two.names(), ["before"])
+    self.etcd.repair()
+    cluster.wait_until(lambda: self.two.put("after") == 0, 20, "a change")
+    self.assertNotIn("meanwhile", self.two.names())
+
+  def test_a_machine_that_was_cut_off_catches_up(self):
+    self.network.isolate(3)
+    cluster.wait_until(lambda: self.one.put("meanwhile") == 0, 20, "a change")
+    self.assertEqual(self.three.names(), [])
+    begun = time.monotonic()
+    self.network.heal()
+    self.three.wait_for(["meanwhile"], seconds=20)
+    print(f"cut off, caught up after {time.monotonic() - begun:.2f} s", file=sys.stderr)
+
+  def test_tells_how_it_is_as_its_schema_says(self):
+    status = self.one.status()
+    self.assertEqual((status["shared"], status["machine"], status["well"], status["standing"]), (True, "m1", True, ""))
+    self.assertEqual(status["fleet"], self.two.status()["fleet"])
+    try:
+      import jsonschema
+    except ImportError:
+      return
+    with open("tools/ksctl/schemas/fleet-status.json") as schema:
+      jsonschema.validate(status, json.load(schema))
+
+
+class Tampering(unittest.TestCase):
+  """Each test has a fleet of its own, over etcd of its own, which it spoils."""
+
+  def setUp(self):
+    self.network = NETWORK
+    folder = f"{own_world.FOLDER}/{self.id().rsplit('.', 1)[1]}"
+    tls = f"{folder}/tls"
+    os.makedirs(folder)
+    cluster.make_certificates(tls, self.network)
+    self.etcd = cluster.Cluster(self.network, folder=folder, tls=tls)
+    self.addCleanup(self.etcd.stop)
+    self.one = self.machine(1, "create = true", folder)
+    self.one.start()
+    self.two = self.machine(2, "", folder)
+    machine.join(self.two, to=self.one)
+    self.two.start()
+    for name in ("a", "b"):
+      self.assertEqual(self.one.put(name), 0)
+    self.two.wait_for(["a", "b"])
+
+  def machine(self, number, further, folder):
+    made = Machine(self.network, self.etcd, number, further, folder)
+    self.addCleanup(lambda: made.process and made.kill())
+    return made
+
+  def rows(self):
+    keys = self.etcd.ctl("get", "ks/e/", "--prefix", "--keys-only").split()
+    return [key for key in keys if key]
+
+  def assert_found_by(self, *machines):
+    begun = time.monotonic()
+    for each in machines:
+      cluster.wait_until(lambda: each.status()["left_alone"], 10, "that it is found")
+    print(f"found after {time.monotonic() - begun:.2f} s: {machines[0].status()['standing']}", file=sys.stderr)
+    for each in machines:
+      self.assertNotEqual(each.put("c"), 0)
+
+  def test_a_row_that_is_removed_is_found(self):
+    self.etcd.ctl("del", self.rows()[0])
+    self.assert_found_by(self.one, self.two)
+
+  def test_rows_that_are_exchanged_are_found(self):
+    first, second = self.rows()
+    self.etcd.put(first, self.etcd.value_of(second))
+    self.assert_found_by(self.one, self.two)
+
+  def test_a_snapshot_that_is_put_back_is_found_also_by_a_machine_that_starts(self):
+    saved = f"{self.one.folder}/saved.db"
+    self.etcd.save(saved)
+    self.assertEqual(self.one.put("c"), 0)
+    self.two.wait_for(["a", "b", "c"])
+    self.two.stop()
+    self.etcd.restore(saved)
+    self.assert_found_by(self.one)
+    self.two.start()
+    self.assert_found_by(self.two)
+
+
+if __name__ == "__main__":
+  unittest.main(verbosity=2)

@@ -1,0 +1,119 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
+"""A machine of a fleet: a real ksd with its engine on a machine of the network, and ksctl there."""
+
+import json
+import os
+import signal
+import socket
+import subprocess
+import time
+
+import cluster
+import own_world
+from engine import BUILD
+
+
+class Machine:
+  """Its files lie in a folder of its own. The test's user is its administrator and in VDC 7."""
+
+  def __init__(self, network, etcd, number, further="", folder=own_world.FOLDER):
+    self.network, self.etcd, self.number = network, etcd, number
+    self.folder = f"{folder}/machine{number}"
+    os.makedirs(self.folder, mode=0o700)
+    endpoints = etcd.endpoints()
+    endpoints = [f"https://{endpoint}" for endpoint in endpoints[number - 1:] + endpoints[:number - 1]]
+    with open(f"{self.folder}/ksd.toml", "w") as config:
+      config.write(f"""[service]
+socket = "{self.folder}/s"
+vault = "{self.folder}/vault.db"
+master_key_file = "{self.folder}/master.key"
+cache_uri = ""
+[shared]
+endpoints = {json.dumps(endpoints)}
+ca = "{etcd.tls}/ca.crt"
+certificate = "{etcd.tls}/client.crt"
+key = "{etcd.tls}/client.key"
+machine = "m{number}"
+mirror = "{self.folder}/mirror.db"
+{further}
+[administrators]
+users = ["root"]
+[[vdc]]
+id = 7
+users = ["root"]
+""")
+    self.process = None
+    self.log = f"{self.folder}/log"
+
+  def start(self, seconds=60):
+    """Returns when the service says that it is ready."""
+    notified = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    path = f"{self.folder}/notify"
+    if os.path.exists(path):
+      os.unlink(path)
+    notified.bind(path)
+    notified.settimeout(1)
+    environment = dict(os.environ, KSD_ENGINE=os.path.abspath(f"{BUILD}/ksd-engine"), NOTIFY_SOCKET=path)
+    with open(self.log, "a") as log:
+      self.process = subprocess.Popen([*self.network.on(self.number), f"{BUILD}/ksd", "--allow-root", "--config",
+                                       f"{self.folder}/ksd.toml"], stderr=log, env=environment)
+    end = time.monotonic() + seconds
+    while True:
+      if self.process.poll() is not None:
+        raise RuntimeError(f"ksd ended: {self.told()}")
+      try:
+        if b"READY=1" in notified.recv(4096):
+          return notified.close()
+      except TimeoutError:
+        if time.monotonic() > end:
+          raise RuntimeError(f"ksd isn't ready: {self.told()}") from None
+
+  def told(self):
+    with open(self.log) as log:
+      return log.read()
+
+  def kill(self):
+    self.process.kill()
+    self.process.wait()
+
+  def stop(self):
+    self.process.send_signal(signal.SIGTERM)
+    return self.process.wait(60)
+
+  def engines(self):
+    """Processes of engines that serve this machine's daemon; the first of them starts the others."""
+    found = subprocess.run(["ip", "netns", "pids", f"m{self.number}"], capture_output=True, text=True).stdout.split()
+    return [int(pid) for pid in found if os.readlink(f"/proc/{pid}/exe").endswith("/ksd-engine")]
+
+  def ctl(self, *words, given=None):
+    return subprocess.run([f"{BUILD}/ksctl", "--socket", f"{self.folder}/s", *words], input=given,
+                          capture_output=True, text=True)
+
+  def put(self, name, secret="a secret"):
+    return self.ctl("secret", "put", name, given=secret).returncode
+
+  def names(self):
+    """All names that are there, or None when that isn't known."""
+    listed = self.ctl("secret", "list", "--json")
+    if listed.returncode != 0:
+      return None
+    return [entry["name"] for entry in json.loads(listed.stdout)["secrets"]]
+
+  def status(self):
+    return json.loads(self.ctl("fleet", "status", "--json").stdout)
+
+  def wait_for(self, names, seconds=10):
+    cluster.wait_until(lambda: set(self.names() or []) == set(names), seconds, f"{names} on machine {self.number}")
+
+
+def join(machine, to):
+  """As an operator does it, with files carried from one to the other."""
+  request, answer, key = (f"{machine.folder}/{name}" for name in ("request", "answer", "join.key"))
+  asked = json.loads(machine.ctl("fleet", "request", request, "--join-key-file", key, "--json").stdout)
+  answered = json.loads(to.ctl("fleet", "admit", request, answer, "--fingerprint", asked["fingerprint"],
+                               "--master-key-file", f"{to.folder}/master.key", "--json").stdout)
+  done = machine.ctl("fleet", "join", answer, "--fingerprint", answered["fingerprint"], "--join-key-file", key,
+                     "--master-key-file", f"{machine.folder}/master.key")
+  assert done.returncode == 0, done.stderr

@@ -1,0 +1,4 @@
+# SPDX-FileCopyrightText: 2026 The ks developers
+# SPDX-License-Identifier: Apache-2.0
+
+ksctl fleet status --json
