@@ -17,8 +17,8 @@ namespace example {
 
 using Bytes = std::vector<uint8_t>;
 
-// require gives up unless `result` is success, and says what was met where an exchange failed. (Not every platform tells
-// that.)
+// require gives up unless `result` is success, and says what was met where an exchange failed. (Not every platform
+// tells that.)
 inline void require(KsResult result, const char *what) {
   if (result == KS_SUCCESS) return;
   std::fprintf(stderr, "%s failed: %s (%u)\n", what, kserr2str(result), result);
