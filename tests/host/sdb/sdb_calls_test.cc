@@ -117,6 +117,7 @@ TEST_F(SdbCalls, OfFilesEndAnOpeningWithTheirReason) {
 }
 
 TEST_F(SdbCalls, OfMappingsEndAnOpeningWithTheirReason) {
+  EXPECT_EQ(put("key", "value"), kNotOpenCode);  // a thread's first call maps what the thread keeps
   for (const int number : {1, 2}) {
     if (sizeof(void *) == 4 && number == 2) break;  // LMDB's own mapping serves for the file
     fails_to_open(failing<mmap64>(number, MAP_FAILED, ENOMEM), kNoMemoryCode, data_file + ": Cannot allocate memory");
