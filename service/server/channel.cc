@@ -11,6 +11,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/timespec.h"
 #include "host_channel.h"
 #include "server/memory_guard.h"
 
@@ -32,11 +33,6 @@ UniqueFd make_file() {
   int file = memfd_create(kName, MFD_CLOEXEC | MFD_ALLOW_SEALING | kNotExecutable);
   if (file < 0 && errno == EINVAL) file = memfd_create(kName, MFD_CLOEXEC | MFD_ALLOW_SEALING);
   return UniqueFd(file);
-}
-
-timespec to_timespec(std::chrono::nanoseconds time) {
-  constexpr int64_t kSecond = 1'000'000'000;
-  return {.tv_sec = time.count() / kSecond, .tv_nsec = time.count() % kSecond};
 }
 
 }  // namespace

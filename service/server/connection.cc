@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <new>
 
+#include "base/pass_file.h"
 #include "host_datagram.h"
 
 namespace ksd::server {
@@ -304,20 +305,7 @@ bool Connection::send_by_socket(std::span<const uint8_t> datagram, Share::Pass &
 // Sends the datagram with the file that is to be passed, if there is one.
 bool Connection::send_once(std::span<const uint8_t> datagram, int flags) {
   if (!file_to_pass_) return host::send_datagram(socket_, datagram.data(), datagram.size(), flags) >= 0;
-  const int file = file_to_pass_.get();
-  iovec piece{.iov_base = const_cast<uint8_t *>(datagram.data()), .iov_len = datagram.size()};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof file)] = {};
-  msghdr message{};
-  message.msg_iov = &piece;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr *head = CMSG_FIRSTHDR(&message);
-  head->cmsg_level = SOL_SOCKET;
-  head->cmsg_type = SCM_RIGHTS;
-  head->cmsg_len = CMSG_LEN(sizeof file);
-  std::memcpy(CMSG_DATA(head), &file, sizeof file);
-  const bool sent = sendmsg(socket_, &message, flags) >= 0;
+  const bool sent = send_with_file(socket_, datagram, file_to_pass_.get(), flags) >= 0;
   if (!sent && errno != ETOOMANYREFS) return false;
   file_to_pass_ = UniqueFd();
   return sent || send_once(datagram, flags);  // too many files are on their way: the reply goes alone

@@ -23,6 +23,7 @@
 #include <stdexcept>
 
 #include "base/read_secret.h"
+#include "base/timespec.h"
 #include "base/trust.h"
 #include "config/layers.h"
 #include "crypto/crypto.h"
@@ -43,11 +44,6 @@ namespace {
 
 constexpr std::chrono::nanoseconds kPauseWithoutDescriptors = std::chrono::milliseconds(100);
 constexpr int kAcceptedAtOnce = 16;
-
-timespec to_timespec(std::chrono::nanoseconds time) {
-  constexpr int64_t kSecond = 1'000'000'000;
-  return {.tv_sec = time.count() / kSecond, .tv_nsec = time.count() % kSecond};
-}
 
 // Secrets pass through stacks and buffers: no core, no debugger of the same user, and where the system allows it no
 // page on its way to swap.

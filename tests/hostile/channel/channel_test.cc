@@ -59,6 +59,18 @@ ServiceSetup setup_with(const std::string &limits) {
   return setup;
 }
 
+// All cases of a suite meet the same service, which is well at the end.
+template <typename Case>
+class OnOneService : public testing::TestWithParam<Case> {
+ protected:
+  static void SetUpTestSuite() { service = new ServiceProcess(setup_with("")); }
+  static void TearDownTestSuite() {
+    EXPECT_EQ(service->stop(), 0);
+    delete service;
+  }
+  static inline ServiceProcess *service = nullptr;
+};
+
 // How many channels the service counts, by an administrator's word.
 uint64_t channels_of(const ServiceProcess &service) {
   RawClient administrator(service.socket());
@@ -104,16 +116,7 @@ const Asking kAskings[] = {
     {"ASection", request_datagram(HOST_OP_CHANNEL, 1, {1, 0, 0, 0}, {9}), KS_INVALID_ARGS},
 };
 
-class HostileAsking : public testing::TestWithParam<Asking> {
- protected:
-  static void SetUpTestSuite() { service = new ServiceProcess(setup_with("")); }
-  static void TearDownTestSuite() {
-    EXPECT_EQ(service->stop(), 0);
-    delete service;
-  }
-  static ServiceProcess *service;
-};
-ServiceProcess *HostileAsking::service = nullptr;
+class HostileAsking : public OnOneService<Asking> {};
 
 TEST_P(HostileAsking, IsAnsweredAndAllGoesOnByTheSocket) {
   RawClient client(service->socket());
@@ -165,16 +168,7 @@ const Saying kSayings[] = {
     {"Hello", request_datagram(HOST_OP_HELLO, 1, {}), {}, KS_SUCCESS},
 };
 
-class HostileSayings : public testing::TestWithParam<Saying> {
- protected:
-  static void SetUpTestSuite() { service = new ServiceProcess(setup_with("")); }
-  static void TearDownTestSuite() {
-    EXPECT_EQ(service->stop(), 0);
-    delete service;
-  }
-  static ServiceProcess *service;
-};
-ServiceProcess *HostileSayings::service = nullptr;
+class HostileSayings : public OnOneService<Saying> {};
 
 TEST_P(HostileSayings, IsAnsweredAsOnTheSocket) {
   RawClient client(service->socket());

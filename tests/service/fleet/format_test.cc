@@ -36,15 +36,7 @@ Octets octets(const std::shared_ptr<const SecretBytes> &plain) {
 }
 
 vault::EntryRow example() {
-  vault::EntryRow row;
-  row.id = 1;
-  row.version = 1;
-  row.owner = 1000;
-  row.name = secret_name("wifi");
-  row.alias = std::make_shared<const EntryName>(secret_name("home"));
-  row.secret = SecretBytes::copy_of(bytes_of("correct horse"));
-  row.metadata = std::make_shared<const std::vector<uint8_t>>(bytes_of("channel 11"));
-  return row;
+  return vault::example_row(1, 1);
 }
 
 FleetHeader example_header() {

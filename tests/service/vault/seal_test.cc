@@ -18,15 +18,7 @@ std::shared_ptr<const SecretBytes> master_key(uint8_t fill) {
 constexpr VaultId kVault{1, 2, 3}, kOtherVault{1, 2, 4};
 
 EntryRow example() {
-  EntryRow row;
-  row.id = 5;
-  row.version = 17;
-  row.owner = 1000;
-  row.name = secret_name("wifi");
-  row.alias = std::make_shared<const EntryName>(secret_name("home"));
-  row.secret = SecretBytes::copy_of(bytes_of("correct horse"));
-  row.metadata = std::make_shared<const std::vector<uint8_t>>(bytes_of("channel 11"));
-  return row;
+  return example_row(5, 17);
 }
 
 TEST(Sealer, OpensWhatItSealed) {

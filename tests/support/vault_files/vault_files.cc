@@ -34,6 +34,18 @@ EntryName secret_name(std::string name, uint16_t vdc_id) {
   return {KS_NAME_TAG_SECRET, vdc_id, std::move(name)};
 }
 
+EntryRow example_row(uint64_t id, uint64_t version) {
+  EntryRow row;
+  row.id = id;
+  row.version = version;
+  row.owner = 1000;
+  row.name = secret_name("wifi");
+  row.alias = std::make_shared<const EntryName>(secret_name("home"));
+  row.secret = SecretBytes::copy_of(bytes_of("correct horse"));
+  row.metadata = std::make_shared<const std::vector<uint8_t>>(bytes_of("channel 11"));
+  return row;
+}
+
 std::string secret_in(const Store &store, const EntryName &name) {
   const std::optional<Entry> entry = store.find(name);
   if (!entry) return "(none)";

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "temporary_folder.h"
+#include "vault/record.h"
 #include "vault/vault.h"
 
 namespace ksd::vault {
@@ -33,6 +34,9 @@ class Folder : public ks_test::TemporaryFolder {
 
 std::vector<uint8_t> bytes_of(std::string_view text);
 EntryName secret_name(std::string name, uint16_t vdc_id = 7);
+
+// example_row gives the entry that the pages on formats show: all of its parts are there.
+EntryRow example_row(uint64_t id, uint64_t version);
 
 std::string secret_in(const Store &store, const EntryName &name);    // "(none)" for no entry
 std::string metadata_in(const Store &store, const EntryName &name);  // "(none)" for no entry
