@@ -206,7 +206,7 @@ changes_per_user = 512
       fault(self, number)
       if len(faults) > 1:
         time.sleep(self.random.uniform(0, 1))
-    time.sleep(self.random.uniform(0.2, 5))
+    time.sleep(self.random.choice((self.random.uniform(0.1, 2), self.random.uniform(2, 7))))
     self.repair()
     now = time.monotonic_ns()
     self.say(f"{', '.join(told)}: {(now - begun) / 1e9:.1f} s")

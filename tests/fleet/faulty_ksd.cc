@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The ks developers
 // SPDX-License-Identifier: Apache-2.0
 
-// What makes a daemon faulty: it links the simulator's copy of the protocol, and KS_FLEET_MUTANT is the number of the
-// fault. A run of such daemons shows that its checker finds it.
+// What makes a daemon faulty: its copy of the protocol has the mutants in it, and KS_FLEET_MUTANT is the number of one.
+// A run of such daemons shows that its checker finds it.
 #include <cstdlib>
 
 #include "fleet/mutants.h"
