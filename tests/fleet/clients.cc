@@ -8,8 +8,9 @@
 //   fleet_clients fill COUNT THREADS               stores so many entries
 //   fleet_clients serve                            does what standard input says, a line each:
 //     put KEY COUNT      stores an entry so often, one after the other; prints the microseconds of each
-//     until KEY CONTENT  reads the entry until it is that; prints when that was
-//     change KEY         changes the entry until that succeeds; prints when that began and ended, and the longest try
+//     store KEY CONTENT  stores an entry; prints when that began and ended, and the result
+//     until KEY CONTENT  reads the entry every half a millisecond until it is that; prints when that was
+//     change KEY         stores an entry until that succeeds; prints when that began and ended
 //     busy THREADS MS    changes from so many threads for so long; prints the microseconds of each change
 #include <unistd.h>
 
@@ -286,25 +287,22 @@ int serve() {
       Latencies latencies;
       while (count-- > 0) latencies.time([&] { return put(key, ++number); });
       latencies.print();
+    } else if (what == "store") {
+      words >> number;
+      const int64_t begun = now();
+      const KsResult result = put(key, number);
+      std::cout << begun << ' ' << now() << ' ' << result << std::endl;
     } else if (what == "until") {
       uint64_t wanted = 0, content = 0;
       words >> wanted;
       while (read(key, content) != KS_SUCCESS || content != wanted) {
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
       }
       std::cout << now() << std::endl;
-    } else if (what == "store") {
-      words >> number;
-      const KsResult result = put(key, number);
-      std::cout << now() << ' ' << result << std::endl;
     } else if (what == "change") {
       const int64_t begun = now();
-      int64_t longest = 0;
-      for (bool done = false; !done;) {
-        const int64_t tried = now();
-        done = put(key, ++number) == KS_SUCCESS;
-        longest = std::max(longest, now() - tried);
-      }
-      std::cout << begun << ' ' << now() << ' ' << longest << std::endl;
+      while (put(key, ++number) != KS_SUCCESS) pause();
+      std::cout << begun << ' ' << now() << std::endl;
     } else {
       std::cerr << "fleet_clients: what is this? " << line << '\n';
       return 2;
