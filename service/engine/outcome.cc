@@ -10,15 +10,16 @@ namespace {
 
 using fleet::Failure;
 
-// What etcd says when it has done nothing, and will do nothing, about a request.
-struct Refusal {
+// What etcd says, for the most part when it has done nothing, and will do nothing, about a request.
+struct Saying {
   grpc::StatusCode code;
   std::string_view says;
   Outcome outcome;
 };
 
-constexpr Refusal kRefusals[] = {
+constexpr Saying kSayings[] = {
     {grpc::UNAVAILABLE, "etcdserver: no leader", {Failure::kNotSent, About::kCannotServe, true}},
+    {grpc::UNAVAILABLE, "etcdserver: leader changed", {Failure::kUnknown, About::kLeaderChanged, true}},
     {grpc::UNKNOWN, "raft proposal dropped", {Failure::kNotSent, About::kCannotServe, true}},
     {grpc::RESOURCE_EXHAUSTED, "etcdserver: too many requests", {Failure::kNotSent, About::kNothing, true}},
     {grpc::RESOURCE_EXHAUSTED,
@@ -37,8 +38,8 @@ constexpr Refusal kRefusals[] = {
 }  // namespace
 
 Outcome judge(const grpc::Status &status) {
-  for (const Refusal &refusal : kRefusals) {
-    if (status.error_code() == refusal.code && status.error_message().starts_with(refusal.says)) return refusal.outcome;
+  for (const Saying &saying : kSayings) {
+    if (status.error_code() == saying.code && status.error_message().starts_with(saying.says)) return saying.outcome;
   }
   switch (status.error_code()) {
     case grpc::UNAVAILABLE:
