@@ -188,6 +188,8 @@ void measure_end_of_pacs(const bench::PingPongServer &bare) {
   bench::PingPong clear(bare, sizeof(HostWireHeader) + sizeof(KsNameDescriptor) + kNameSize,
                         sizeof(HostWireHeader) + 4);
   const bench::SyncedPages pages(service.folder());
+  const bench::OneCore ours(service.pid());
+  const bench::OneCore theirs(bare.pid());
   put_beside(
       "ks_clear_all_pacs of 10,000", [] { require(ks_clear_all_pacs() == KS_SUCCESS, "ks_clear_all_pacs"); },
       "as many ping-pongs, and a synced page for each",

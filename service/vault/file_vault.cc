@@ -73,7 +73,7 @@ Store::Usage FileVault::usage() const {
   return usage;
 }
 
-// On the thread of writes nothing changes the table meanwhile, and readers go on.
+// Between two groups nothing changes the table, and readers go on.
 Snapshot FileVault::snapshot() {
   Snapshot snapshot{.vault_id = commits_.vault_id(), .header = {}, .rows = {}};
   commits_.between_groups([&] {

@@ -48,13 +48,13 @@ class FileVault final : public Vault, private Audience {
 
   const VaultLock lock_;
 
-  // Written under the lock, by the thread of writes.
+  // Written under the lock, by the writer.
   mutable ReadMostlyLock state_lock_;
   State state_;
   Table::Prepared prepared_;
   std::function<void(uint64_t)> retired_;
 
-  GroupCommit commits_;  // last: its thread uses the others
+  GroupCommit commits_;  // last: its worker uses the others
 };
 
 }  // namespace ksd::vault

@@ -48,14 +48,46 @@ GroupCommit::~GroupCommit() {
 }
 
 KsResult GroupCommit::commit(Decide decide) {
-  Change change{std::move(decide), {}};
-  std::future<KsResult> answer = change.answer.get_future();
+  Change change{.decide = std::move(decide)};
+  std::future<void> answered;
+  bool is_writer = false;
   {
     const std::lock_guard lock(queue_mutex_);
-    queue_.push_back(&change);
+    is_writer = !is_writing_ && is_idle();
+    if (is_writer) {
+      is_writing_ = true;
+    } else {
+      answered = change.waited_for.emplace().get_future();
+      queue_.push_back(&change);
+    }
   }
-  work_to_do_.notify_one();
-  return answer.get();
+  if (is_writer) {
+    write_alone(change);
+  } else {
+    work_to_do_.notify_one();
+    answered.get();
+  }
+  return change.result;
+}
+
+// is_idle tells whether there is nothing to do for the worker. Under the queue's lock.
+bool GroupCommit::is_idle() const {
+  return !closing_ && !key_change_runs_ && !untidy_ && queue_.empty() && compactions_.empty() && errands_.empty();
+}
+
+// write_alone is what a writer does that isn't the worker.
+void GroupCommit::write_alone(Change &change) {
+  Change *const alone = &change;
+  process({&alone, 1});
+  tell_condition(nullptr);
+  bool is_idle_again = false;
+  {
+    const std::lock_guard lock(queue_mutex_);
+    untidy_ = writer_.is_untidy();
+    is_writing_ = false;
+    is_idle_again = is_idle();
+  }
+  if (!is_idle_again) work_to_do_.notify_one();
 }
 
 KsResult GroupCommit::compact() {
@@ -118,23 +150,25 @@ void GroupCommit::use_limits(const Limits &limits) {
 }
 
 void GroupCommit::work() {
+  std::unique_lock lock(queue_mutex_);
   for (;;) {
-    {
-      std::unique_lock lock(queue_mutex_);
-      work_to_do_.wait(lock, [&] {
-        return closing_ || key_change_runs_ || !queue_.empty() || !compactions_.empty() || !errands_.empty();
-      });
-      if (queue_.empty() && compactions_.empty() && errands_.empty() && closing_) return;
-      take_group();
-    }
-    if (!group_.empty()) {
-      process(group_);
+    work_to_do_.wait(lock, [&] { return !is_writing_ && !is_idle(); });
+    if (queue_.empty() && compactions_.empty() && errands_.empty() && closing_) return;
+    take_group();
+    const bool tidies_up = untidy_ || !group_.empty();
+    untidy_ = false;
+    is_writing_ = true;
+    lock.unlock();
+    if (!group_.empty()) process(group_);
+    if (tidies_up) {
       writer_.tidy_up();
       tell_condition(nullptr);
     }
     do_errands();
     go_on_compacting();
     go_on_changing_key();
+    lock.lock();
+    is_writing_ = false;
   }
 }
 
@@ -172,7 +206,7 @@ void GroupCommit::process(std::span<Change *const> changes) noexcept {
     for (Change *const &change : changes) process({&change, 1});
     return;
   }
-  for (size_t i = 0; i < changes.size(); ++i) changes[i]->answer.set_value(failed ? *failed : results_[i]);
+  for (size_t i = 0; i < changes.size(); ++i) changes[i]->answer(failed ? *failed : results_[i]);
 }
 
 // Memory is had before the disk is touched: with the commit, the group has happened, and what follows can't fail.

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ks developers
 // SPDX-License-Identifier: Apache-2.0
 
-// group_commit.h: the thread of all writes. What came in while one group was on its way to the disk is the next group.
+// group_commit.h: one writer at a time. What came in while one group was on its way to the disk is the next group.
 #ifndef SERVICE_VAULT_GROUP_COMMIT_H
 #define SERVICE_VAULT_GROUP_COMMIT_H
 
@@ -26,7 +26,7 @@
 
 namespace ksd::vault {
 
-// Audience is who makes readers see a group. Both are called on the thread of writes.
+// Audience is who makes readers see a group. The writer calls it.
 class Audience {
  public:
   // prepare gets what show needs, before anything of the group is on disk. Throws std::bad_alloc.
@@ -45,9 +45,11 @@ class Audience {
   ~Audience() = default;
 };
 
+// A thread whose change finds nobody writing is the writer until its own change is answered: to wake another one and to
+// wait for it would take as long as what it does. All else is the worker's, which never makes a client wait for others.
 class GroupCommit {
  public:
-  // `state` is changed by `audience` alone, on the thread of writes; that thread reads it without a lock.
+  // `state` is changed by `audience` alone, by the writer, who reads it without a lock.
   // `master` is the key that the vault was opened with. A change of it that was interrupted goes on.
   GroupCommit(Writer writer, const State &state, const Limits &limits, Audience &audience, MasterKey master);
 
@@ -63,8 +65,8 @@ class GroupCommit {
   KsResult compact();
   bool compaction_helps() const { return compaction_helps_.load(std::memory_order_relaxed); }
 
-  // between_groups has `errand` done on the thread of writes while no change is under way, and waits for it. What it
-  // throws is thrown here.
+  // between_groups has `errand` done by the worker while no change is under way, and waits for it. What it throws is
+  // thrown here.
   void between_groups(const std::function<void()> &errand);
 
   const std::string &path() const { return writer_.path(); }
@@ -78,18 +80,26 @@ class GroupCommit {
   void use_limits(const Limits &limits);
 
  private:
-  // Change is one asked-for change, on the stack of who waits for its answer.
+  // Change is one asked-for change, on the stack of who waits for its answer, or writes it without waiting.
   struct Change {
     Decide decide;
-    std::promise<KsResult> answer;
+    KsResult result = KS_FAILURE;
+    std::optional<std::promise<void>> waited_for = std::nullopt;
+
+    void answer(KsResult with) {
+      result = with;
+      if (waited_for) waited_for->set_value();
+    }
   };
 
-  // Errand is something else to be done on the thread of writes, on the stack of who waits for it.
+  // Errand is something else that the worker is to do, on the stack of who waits for it.
   struct Errand {
     const std::function<void()> &what;
     std::promise<void> done;
   };
 
+  bool is_idle() const;
+  void write_alone(Change &change);
   void work();
   void do_errands() noexcept;
   KsResult begin_key_change(std::shared_ptr<const SecretBytes> next);
@@ -108,7 +118,7 @@ class GroupCommit {
   void log_failure(const WriteFailure &failure) noexcept;
   void tell_condition(const char *refusal) noexcept;
 
-  // Of the thread of writes alone.
+  // Of the writer alone.
   Writer writer_;
   const VaultId vault_id_;
   const State &state_;
@@ -134,6 +144,8 @@ class GroupCommit {
 
   std::mutex queue_mutex_;
   std::condition_variable work_to_do_;
+  bool is_writing_ = false;  // somebody is the writer
+  bool untidy_ = false;      // so that the worker tidies up, for which no client waits
   std::deque<Change *> queue_;
   std::vector<std::promise<KsResult>> compactions_;
   std::deque<Errand *> errands_;

@@ -32,6 +32,7 @@ class Writer {
   std::optional<WriteFailure> write(const RowChanges &changes, const Header &header, const Header &present);
 
   // tidy_up does what no answer waits for: writes a long log back, and fills the reserve again.
+  bool is_untidy() const { return begun_ && !broken_ && (database_.log_is_long() || !reserve_.is_kept()); }
   void tidy_up() noexcept;
 
   // give_back is a step of compaction; `done` tells whether it was the last.

@@ -40,7 +40,15 @@ COVERED_BY = {
     "service/": ("service_", "system_", "docs_", "hostile_"),
     # The rooms below these know nothing of them.
     "service/handlers/": ("service_handlers", "service_server", "system_", "docs_", "hostile_"),
-    "service/server/": ("service_server", "system_", "docs_", "hostile_"),
+    "service/server/": ("service_server", "system_", "docs_", "hostile_", "tools_ksctl", "fleet"),
+    "service/fleet/": ("service_fleet", "service_link", "fleet"),
+    "service/link/": ("service_link", "fleet"),
+    "service/engine/": ("fleet_engine", "service_link"),
+}
+# Tests that are scripts, and what they run.
+SCRIPTS = {
+    "fleet": ("ksd", "ksctl", "ksd-engine"),
+    "fleet_engine": ("ksd-engine",),
 }
 # Almost everything includes these, and takes minutes to build. So the fault is put into these targets alone, which the
 # tests load when they run: one end of the wire has it, the other one doesn't.
@@ -358,6 +366,11 @@ def object_of(compilation):
 class Program:
   name: str
   folder: str
+  environment: dict
+
+  @property
+  def targets(self):
+    return SCRIPTS.get(self.name, (self.name,))
 
 
 @dataclass
@@ -420,11 +433,13 @@ class Site:
                             check=True, env=self.environment)
     found = []
     for test in json.loads(listed.stdout)["tests"]:
-      # A program that is built here. The others are scripts that look at sources or at the shape of a library.
+      # A program that is built here. Most others are scripts that look at sources or at the shape of a library.
       command = test.get("command", [])
-      if test["name"].startswith(prefixes) and (not command or command[0].startswith(f"{self.build}/")):
-        folder = {entry["name"]: entry["value"] for entry in test.get("properties", [])}.get("WORKING_DIRECTORY")
-        found.append(Program(test["name"], folder or str(self.build)))
+      if test["name"].startswith(prefixes) and \
+          (not command or command[0].startswith(f"{self.build}/") or test["name"] in SCRIPTS):
+        properties = {entry["name"]: entry["value"] for entry in test.get("properties", [])}
+        environment = dict(entry.split("=", 1) for entry in properties.get("ENVIRONMENT", ()))
+        found.append(Program(test["name"], properties.get("WORKING_DIRECTORY") or str(self.build), environment))
     return found
 
   def find_commands(self, programs):
@@ -436,6 +451,7 @@ class Site:
 
   def test(self, command, program, seconds):
     environment = {name: value for name, value in self.environment.items() if not name.startswith("GTEST_")}
+    environment.update(program.environment)
     return run([*self.isolate, *command], seconds, cwd=program.folder, stdout=subprocess.DEVNULL,
                stderr=subprocess.DEVNULL, env=environment, preexec_fn=limit_resources)
 
@@ -532,7 +548,7 @@ class Session:
       programs = site.programs(prefixes)
       if not programs:
         raise Failure("no test covers that")
-      targets = [program.name for program in programs]
+      targets = sorted({target for program in programs for target in program.targets})
       note(f"building {len(programs)} test programs in {site.build.relative_to(self.root)}")
       if not site.make(targets, jobs=self.arguments.jobs):
         raise Failure(f"the tree doesn't build as it is; all of it is in {site.log}")
@@ -548,12 +564,14 @@ class Session:
     command = self.commands[site][program.name]
     report = site.place / "report.json"
     report.unlink(missing_ok=True)
-    output = [f"--gtest_output=json:{report}"] if self.is_gtest(site, program) else []
+    is_script = program.name in SCRIPTS
+    arguments = ["--failfast"] if is_script else []
+    output = [f"--gtest_output=json:{report}"] if not is_script and self.is_gtest(site, program) else []
     began = time.monotonic()
-    status = site.test([*command, *output], program, 300)
+    status = site.test([*command, *arguments, *output], program, 300)
     seconds = time.monotonic() - began
     if not output and status == 0:
-      return [Step(program, [], seconds)]
+      return [Step(program, arguments, seconds)]
     if not report.exists():
       note(f"{program.name} fails as the tree is, and is left out")
       return []
@@ -601,13 +619,13 @@ class Session:
     alone = BUILT_ALONE.get(mutant.path)
     if alone and site.changed != mutant.path:  # the fault of before goes out of the tests
       site.restore()
-      if not site.make(sorted({step.program.name for step in steps})):
+      if not site.make(sorted({target for step in steps for target in step.program.targets})):
         raise Failure(f"the tree doesn't build as it is; all of it is in {site.log}")
     site.write(mutant, source)
     built = set()
     for step in steps:
       program = step.program
-      targets = alone or (program.name,)
+      targets = alone or program.targets
       if not built.issuperset(targets) and not site.make(targets, seconds=900):
         return Verdict("invalid")
       built.update(targets)

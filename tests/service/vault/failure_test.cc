@@ -18,6 +18,8 @@
 namespace ksd::vault {
 namespace {
 
+constexpr std::chrono::seconds kSoon(30);
+
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -184,6 +186,41 @@ TEST_F(FailingDisk, FailsThoseOfAGroupAloneThatDontFit) {
   for (auto &answer : small) EXPECT_EQ(answer.get(), KS_SUCCESS);
   EXPECT_FALSE(vault->exists(secret_name("large")));
   EXPECT_EQ(vault->count(), 7u);
+}
+
+// Whoever found nobody writing writes alone, and isn't made to wait for those who came meanwhile.
+TEST_F(FailingDisk, AnswersTheFirstChangeBeforeTheGroupThatCameMeanwhileIsOnDisk) {
+  disk.hold_syncs();
+  const auto later = [&](const std::string &name) {
+    return std::async(std::launch::async, [this, name] { return put(*vault, name, "x"); });
+  };
+  std::future<KsResult> first = later("first");
+  disk.wait_for_held_sync();
+  std::future<KsResult> second = later("second"), third = later("third");
+  disk.let_one_sync_go();
+  EXPECT_EQ(first.wait_for(kSoon), std::future_status::ready);
+  disk.wait_for_held_sync();
+  EXPECT_FALSE(vault->exists(secret_name("second")));
+  EXPECT_FALSE(vault->exists(secret_name("third")));
+  disk.let_syncs_go();
+  EXPECT_EQ(first.get(), KS_SUCCESS);
+  EXPECT_EQ(second.get(), KS_SUCCESS);
+  EXPECT_EQ(third.get(), KS_SUCCESS);
+}
+
+// No client waits for the log to be written back: the worker does it, and what comes meanwhile waits for it.
+TEST_F(FailingDisk, AnswersAChangeBeforeALongLogIsWrittenBack) {
+  for (int i = 0; i < 40; ++i) ASSERT_EQ(put(*vault, "b", "x", std::string(50000, 'x')), KS_SUCCESS);
+  disk.hold_syncs();
+  auto change = std::async(std::launch::async, [this] { return put(*vault, "b", "x", std::string(4 << 20, 'x')); });
+  disk.wait_for_held_sync();
+  disk.let_one_sync_go();
+  EXPECT_EQ(change.wait_for(kSoon), std::future_status::ready);
+  disk.wait_for_held_sync();
+  auto next = std::async(std::launch::async, [this] { return put(*vault, "c", "x"); });
+  disk.let_syncs_go();
+  EXPECT_EQ(change.get(), KS_SUCCESS);
+  EXPECT_EQ(next.get(), KS_SUCCESS);
 }
 
 // The sync of a commit hangs: readers must not, and must not see what isn't on disk.

@@ -110,6 +110,7 @@ struct DiskState {
   bool hold = false;
   bool held = false;
   bool spares_held = false;
+  bool lets_one_go = false;
   std::function<void()> after_change = [] {};
 };
 
@@ -155,7 +156,8 @@ int sync_file(sqlite3_file *file, int flags) {
     if (disk->hold) {
       disk->held = true;
       disk->changed.notify_all();
-      disk->changed.wait(lock, [] { return !disk->hold; });
+      disk->changed.wait(lock, [] { return !disk->hold || disk->lets_one_go; });
+      disk->lets_one_go = false;
       disk->held = false;
       succeeds = disk->spares_held;
     }
@@ -267,6 +269,13 @@ void Disk::hold_syncs() {
 void Disk::let_syncs_go() {
   const std::lock_guard lock(disk->mutex);
   disk->hold = false;
+  disk->changed.notify_all();
+}
+
+void Disk::let_one_sync_go() {
+  const std::lock_guard lock(disk->mutex);
+  disk->held = false;  // so that the next one can be waited for
+  disk->lets_one_go = true;
   disk->changed.notify_all();
 }
 

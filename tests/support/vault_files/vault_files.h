@@ -68,6 +68,7 @@ class Disk {
   void skip_syncs();                 // for tests of many commits that pull no plug
   void hold_syncs();                 // syncs wait until let_syncs_go
   void let_syncs_go();
+  void let_one_sync_go();  // the one that is held
   void wait_for_held_sync();
 
   // after_changes has `action` done after each write, cut and sync from now on.
