@@ -148,8 +148,6 @@ class CommitTask final : public Call<etcd::TxnRequest, etcd::TxnResponse> {
     answer(refused);
   }
 
-  bool changes() const override { return true; }
-
   void failed(Failure kind, const std::string &why) override {
     if (kind != Failure::kNoSpace) return fail(kind, why);
     engine_.begin(std::make_unique<NoSpaceTask>(engine_, id_, request_.compare(0).mod_revision(), why));

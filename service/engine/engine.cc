@@ -55,10 +55,6 @@ void Engine::give_up(size_t endpoint) {
   for (Task *task : tasks_) task->give_up(endpoint);
 }
 
-void Engine::lose_changes(size_t endpoint) {
-  for (Task *task : tasks_) task->lose_change(endpoint);
-}
-
 void Engine::begin(std::unique_ptr<Task> task) {
   Task *begun = task.release();
   tasks_.insert(begun);

@@ -52,9 +52,6 @@ class Engine {
   // give_up has all tasks that wait for `endpoint` end.
   void give_up(size_t endpoint);
 
-  // lose_changes has changes that wait for `endpoint` end, since the leader that they were on their way to may be gone.
-  void lose_changes(size_t endpoint);
-
   // begin starts a task, which the engine owns from then on.
   void begin(std::unique_ptr<Task> task);
 

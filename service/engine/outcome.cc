@@ -10,16 +10,15 @@ namespace {
 
 using fleet::Failure;
 
-// What etcd says, for the most part when it has done nothing, and will do nothing, about a request.
-struct Saying {
+// What etcd says when it has done nothing, and will do nothing, about a request.
+struct Refusal {
   grpc::StatusCode code;
   std::string_view says;
   Outcome outcome;
 };
 
-constexpr Saying kSayings[] = {
+constexpr Refusal kRefusals[] = {
     {grpc::UNAVAILABLE, "etcdserver: no leader", {Failure::kNotSent, About::kCannotServe, true}},
-    {grpc::UNAVAILABLE, "etcdserver: leader changed", {Failure::kUnknown, About::kLeaderChanged, true}},
     {grpc::UNKNOWN, "raft proposal dropped", {Failure::kNotSent, About::kCannotServe, true}},
     {grpc::RESOURCE_EXHAUSTED, "etcdserver: too many requests", {Failure::kNotSent, About::kNothing, true}},
     {grpc::RESOURCE_EXHAUSTED,
@@ -38,8 +37,8 @@ constexpr Saying kSayings[] = {
 }  // namespace
 
 Outcome judge(const grpc::Status &status) {
-  for (const Saying &saying : kSayings) {
-    if (status.error_code() == saying.code && status.error_message().starts_with(saying.says)) return saying.outcome;
+  for (const Refusal &refusal : kRefusals) {
+    if (status.error_code() == refusal.code && status.error_message().starts_with(refusal.says)) return refusal.outcome;
   }
   switch (status.error_code()) {
     case grpc::UNAVAILABLE:

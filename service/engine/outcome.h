@@ -12,7 +12,7 @@
 namespace ksd::engine {
 
 // About says what an end tells of the member that was asked.
-enum class About { kNothing, kConnectionFailed, kTimedOut, kCannotServe, kLeaderChanged };
+enum class About { kNothing, kConnectionFailed, kTimedOut, kCannotServe };
 
 struct Outcome {
   fleet::Failure kind = fleet::Failure::kUnknown;

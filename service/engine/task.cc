@@ -33,10 +33,6 @@ void Task::give_up(size_t endpoint) {
   if (route_.endpoint == endpoint) cancel();
 }
 
-void Task::lose_change(size_t endpoint) {
-  if (changes()) give_up(endpoint);
-}
-
 void Task::cancel() {
   if (waiting_ == Waiting::kForStep && context_ != nullptr) context_->TryCancel();
 }
@@ -72,8 +68,6 @@ void Task::note(const Outcome &outcome) {
     case About::kConnectionFailed:
     case About::kCannotServe:
       return channels.failed(route_.endpoint);
-    case About::kLeaderChanged:
-      return engine_.lose_changes(route_.endpoint);
     case About::kTimedOut:
       if (channels.timed_out(route_.endpoint)) engine_.give_up(route_.endpoint);
   }

@@ -34,10 +34,6 @@ class Task {
   // give_up says that `endpoint` was found not to answer: what waits for it ends with an error.
   void give_up(size_t endpoint);
 
-  // lose_change says that the cluster has another leader than when `endpoint` was last asked: a change that waits there
-  // was on its way to the one before, and may wait for an answer that never comes.
-  void lose_change(size_t endpoint);
-
   // cancel ends what is under way with an error.
   void cancel();
 
@@ -55,9 +51,6 @@ class Task {
 
   // note has the choice of member take account of what became of an attempt.
   void note(const Outcome &outcome);
-
-  // changes tells whether it waits for a change to be made.
-  virtual bool changes() const { return false; }
 
   // wanted tells whether there is still somebody who waits for it.
   virtual bool wanted() const { return true; }

@@ -280,7 +280,9 @@ void Core::take_report(const HeaderIs &report) {
   const HeaderRead read = found->second;
   reads_.erase(found);
   note_header(read, report.header);
-  if (!attempt_ || attempt_->writes || !attempt_->sent.contains(report.id)) return;
+  if (!attempt_) return;
+  if (attempt_->writes) return doubt_attempt(read, report);
+  if (!attempt_->sent.contains(report.id)) return;
   attempt_->under_way = false;
   OpenedHeader opened;
   if (memory_.judge(report.header, opened) == Verdict::kSame) {
@@ -680,6 +682,16 @@ void Core::fail_attempt(Failure kind) {
     }
   }
   drop_attempt_if_answered();
+}
+
+// doubt_attempt sends once more what has been under way for long, when a later question was answered meanwhile, and shows
+// that it hasn't happened. So a transaction that was lost with the store's leader isn't waited for once there is another.
+void Core::doubt_attempt(const HeaderRead &read, const HeaderIs &report) {
+  if (!attempt_->under_way || read.sent - attempt_->sent_last < kOverdue) return;
+  OpenedHeader opened;
+  if (memory_.judge(report.header, opened) != Verdict::kSame || opened.header.version != attempt_->version) return;
+  attempt_->under_way = false;
+  fail_attempt(Failure::kUnknown);
 }
 
 // refuse_attempt answers all of it with `result`, but what needed no writing.

@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: 2026 The ks developers
 # SPDX-License-Identifier: Apache-2.0
 
-"""fault_run.py MINUTES [SEED]: three machines with real services, engines and members of the store, and programs on each
+"""fault_run.py [MINUTES [SEED]]: three machines with real services, engines and members of the store, and programs on each
 that change and read the same entries through libks, while members, engines, services and the network fail. What the
 programs were told is held to the store's history in the end, by fleet_check.
 
@@ -31,8 +31,9 @@ import cluster  # noqa: E402
 import machine  # noqa: E402
 from engine import BUILD  # noqa: E402
 
-THREADS = int(os.environ.get("KS_FLEET_THREADS", "24"))  # of programs on each machine
-ROUND = 150  # seconds, of which each has a fleet of its own
+# Of programs on each machine. The more there are, the more changes go together.
+THREADS = int(os.environ.get("KS_FLEET_THREADS", "24"))
+ROUND = 150  # seconds; each has a fleet of its own
 MAX_AGE = 3
 ANSWERED_WITHIN = 5.5
 QUOTA = 64 << 20
@@ -95,7 +96,7 @@ changes_per_user = 512
     except FileNotFoundError:
       return 0
 
-  # ---- Faults. Each is one line of a journal; what is left undone by them, repair undoes. ----
+  # ---- Faults, on a machine or the member there. repair undoes what they leave. ----
 
   def kill_member(self, member):
     self.etcd.kill(member)
@@ -338,7 +339,7 @@ def run_round(network, number, seed, seconds, say):
 
 
 def main():
-  minutes = float(sys.argv[1])
+  minutes = float(sys.argv[1]) if len(sys.argv) > 1 else 5
   seed = int(sys.argv[2]) if len(sys.argv) > 2 else random.randrange(1 << 32)
   begun = time.monotonic()
 

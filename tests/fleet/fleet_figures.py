@@ -96,7 +96,7 @@ class Fleet:
     tls = self.etcd.tls
     context = ssl.create_default_context(cafile=f"{tls}/ca.crt")
     context.load_cert_chain(f"{tls}/client.crt", f"{tls}/client.key")
-    connection = http.client.HTTPSConnection(self.network.address(member), cluster.PORT, timeout, context=context)
+    connection = http.client.HTTPSConnection(self.network.address(member), cluster.PORT, timeout=timeout, context=context)
 
     def connect():
       self.network.enter(0)
