@@ -684,8 +684,9 @@ void Core::fail_attempt(Failure kind) {
   drop_attempt_if_answered();
 }
 
-// doubt_attempt sends once more what has been under way for long, when a later question was answered meanwhile, and shows
-// that it hasn't happened. So a transaction that was lost with the store's leader isn't waited for once there is another.
+// doubt_attempt sends once more what has been under way for long, when a later question was answered meanwhile, and
+// shows that it hasn't happened. So a transaction that was lost with the store's leader isn't waited for once there is
+// another.
 void Core::doubt_attempt(const HeaderRead &read, const HeaderIs &report) {
   if (!attempt_->under_way || read.sent - attempt_->sent_last < kOverdue) return;
   OpenedHeader opened;

@@ -228,7 +228,7 @@ class Core {
   static constexpr std::chrono::milliseconds kReadInterval{200};
   static constexpr std::chrono::milliseconds kReadLimit{1000};
   static constexpr std::chrono::milliseconds kCommitLimit{1500};
-  static constexpr std::chrono::milliseconds kOverdue{300};  // a commit that hasn't happened by then
+  static constexpr std::chrono::milliseconds kOverdue{300};      // a commit that hasn't happened by then
   static constexpr std::chrono::milliseconds kReportGrace{500};  // an engine that says nothing is given up
   static constexpr std::chrono::milliseconds kContactLost{2000};
   static constexpr std::chrono::milliseconds kLoadLimit{10'000};

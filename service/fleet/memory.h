@@ -79,8 +79,8 @@ class Memory {
     std::vector<uint64_t> gone;  // contents of memory that aren't in it
   };
 
-  // Loading collects the rows of a load, page by page. What is as it was in memory isn't kept twice; with kCounted no row
-  // is kept, and is_of is all that can be asked.
+  // Loading collects the rows of a load, page by page. What is as it was in memory isn't kept twice; with kCounted no
+  // row is kept, and is_of is all that can be asked.
   enum class Rows : uint8_t { kKept, kCounted };
   class Loading {
    public:

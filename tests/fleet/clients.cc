@@ -81,7 +81,8 @@ class Notes {
 
   void add(std::vector<Operation> &operations) {
     const std::lock_guard lock(mutex_);
-    const bool written = std::fwrite(operations.data(), sizeof(Operation), operations.size(), file_) == operations.size();
+    const bool written =
+        std::fwrite(operations.data(), sizeof(Operation), operations.size(), file_) == operations.size();
     if (!written || std::fflush(file_) != 0) {
       std::perror("fleet_clients: notes");
       std::exit(1);
@@ -180,9 +181,8 @@ int load(const char *path, unsigned machine, unsigned threads, uint64_t seed) {
   std::atomic<bool> ends = false;
   std::vector<std::thread> running;
   for (unsigned thread = 0; thread < threads; ++thread) {
-    running.emplace_back([&, thread] {
-      Client(notes, machine, thread, threads, seed * 1'000'003 + machine * 1009 + thread).run(ends);
-    });
+    running.emplace_back(
+        [&, thread] { Client(notes, machine, thread, threads, seed * 1'000'003 + machine * 1009 + thread).run(ends); });
   }
   char byte = 0;
   while (::read(STDIN_FILENO, &byte, 1) > 0) {

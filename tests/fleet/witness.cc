@@ -70,8 +70,8 @@ class Witness {
 
   void wait() {
     pollfd source{.fd = engine_->file(), .events = engine_->events(), .revents = 0};
-    const auto limit = std::min(engine_->wait_at_most().value_or(std::chrono::milliseconds(200)),
-                                std::chrono::milliseconds(200));
+    const auto limit =
+        std::min(engine_->wait_at_most().value_or(std::chrono::milliseconds(200)), std::chrono::milliseconds(200));
     poll(&source, 1, static_cast<int>(limit.count()));
     if (!is_watching_) {
       is_watching_ = true;

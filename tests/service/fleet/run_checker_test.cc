@@ -3,14 +3,13 @@
 
 // The checker of runs of real machines has to be able to fail: each test falsifies one thing of a run that was good.
 
-#include "fleet_run/checker.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <fstream>
 
+#include "fleet_run/checker.h"
 #include "temporary_folder.h"
 
 namespace fleet_run {

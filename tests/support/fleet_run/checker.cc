@@ -81,7 +81,8 @@ class Checking {
     uint64_t last_id = 0;
     for (const Version &version : run_.versions) {
       const uint64_t number = version.version;
-      if (number != ++last_version_) return wrong("version %llu follows on %llu", shown(number), shown(last_version_ - 1));
+      if (number != ++last_version_)
+        return wrong("version %llu follows on %llu", shown(number), shown(last_version_ - 1));
       // All names that are given up are free for others of the same version.
       for (const uint64_t id : version.deletes) {
         const auto row = rows.find(id);
@@ -112,7 +113,8 @@ class Checking {
         const bool has_new_secret = is_new || put.secret != row->second.secret;
         const bool is_put = has_new_secret && put.metadata == put.secret;
         const bool is_metadata = !is_new && !has_new_secret && put.metadata != row->second.metadata;
-        if (has_new_secret && !is_put) wrong("version %llu mixes two changes in row %llu", shown(number), shown(put.id));
+        if (has_new_secret && !is_put)
+          wrong("version %llu mixes two changes in row %llu", shown(number), shown(put.id));
         if (is_put || is_metadata) {
           note(version, {.version = number,
                          .kind = is_put ? Kind::kPut : Kind::kMetadata,
@@ -174,8 +176,8 @@ class Checking {
       first = end;
     }
     for (const auto &[client, events] : events_) {
-      for (const Event &event : events) wrong("nobody asked for the change of key %u in version %llu", event.key,
-                                              shown(event.version));
+      for (const Event &event : events)
+        wrong("nobody asked for the change of key %u in version %llu", event.key, shown(event.version));
     }
   }
 
@@ -410,8 +412,8 @@ class Checking {
     const auto is_it = [&](uint64_t held) { return tells_content ? held == content : (held != 0) == (content != 0); };
     const std::optional<uint64_t> found = found_within(operation.key, from, to, is_it);
     if (found) return know(operation, asked, *found);
-    wrong("no version from %llu (%llu in memory) to %llu has %llx there: %s", shown(from), shown(asked.memory), shown(to),
-          shown(content), words_of(operation).c_str());
+    wrong("no version from %llu (%llu in memory) to %llu has %llx there: %s", shown(from), shown(asked.memory),
+          shown(to), shown(content), words_of(operation).c_str());
   }
 
   const Run &run_;
