@@ -120,6 +120,7 @@ Time Core::next_tick() const {
   for (const auto &[id, read] : reads_) sooner(read.sent + kReadLimit + kReportGrace);
   if (phase_ == Phase::kLoading) sooner(load_id_ != 0 ? load_sent_ + kLoadLimit : load_at_);
   if (phase_ == Phase::kFollowing && watch_id_ == 0) sooner(watch_at_);
+  if (phase_ == Phase::kFollowing) sooner(count_at_);
   if (phase_ == Phase::kFollowing && known_version_ > memory_.header().version) sooner(behind_since_ + kBehindLimit);
   const bool has_changes = !queue_.empty() || attempt_;
   if (has_changes && in_contact()) sooner(contact_ + kContactLost);
@@ -185,6 +186,31 @@ void Core::load_again_at(Time when) {
   load_at_ = when;
 }
 
+// count asks for all rows once more, to hold them to the header that is there with them. Memory goes on meanwhile.
+void Core::count() {
+  count_at_ = now_ + options_.count_interval;
+  counting_.emplace(memory_, Memory::Rows::kCounted);
+  count_read_ = {.sent = now_, .incarnation = memory_.header().incarnation, .version = memory_.header().version};
+  count_id_ = send(Load{});
+}
+
+void Core::count_again_soon() {
+  counting_.reset();
+  count_id_ = 0;
+  count_at_ = now_ + std::min(options_.count_interval, kCountPause);
+}
+
+void Core::finish_count(const Loaded &report) {
+  const Memory::Loading counted = std::move(*std::exchange(counting_, std::nullopt));
+  count_id_ = 0;
+  note_header(count_read_, report.header);
+  OpenedHeader opened;
+  const Verdict verdict = memory_.judge(report.header, opened);
+  const bool is_known = verdict == Verdict::kSame || verdict == Verdict::kLater || verdict == Verdict::kRolledBack;
+  // What is wrong with it, a load finds out for good.
+  if (!lasts(lasting_) && phase_ == Phase::kFollowing && is_known && !counted.is_of(opened.header)) load();
+}
+
 void Core::watch() {
   watch_id_ = send(Watch{.id = 0, .from = seen_ + 1});
 }
@@ -241,6 +267,7 @@ void Core::take_report(const Refused &report) {
 void Core::take_report(const Failed &report) {
   if (report.id == load_id_ && load_id_ != 0) return load_again_at(now_ + kReadInterval);
   if (report.id == make_id_ && make_id_ != 0) return load_again_at(now_ + kReadInterval);
+  if (report.id == count_id_ && count_id_ != 0) return count_again_soon();
   const bool was_read = reads_.erase(report.id) != 0;
   if (!attempt_ || !attempt_->sent.contains(report.id)) return;
   attempt_->under_way = false;
@@ -253,7 +280,9 @@ void Core::take_report(const HeaderIs &report) {
   const HeaderRead read = found->second;
   reads_.erase(found);
   note_header(read, report.header);
-  if (!attempt_ || attempt_->writes || !attempt_->sent.contains(report.id)) return;
+  if (!attempt_) return;
+  if (attempt_->writes) return doubt_attempt(read, report);
+  if (!attempt_->sent.contains(report.id)) return;
   attempt_->under_way = false;
   OpenedHeader opened;
   if (memory_.judge(report.header, opened) == Verdict::kSame) {
@@ -267,11 +296,13 @@ void Core::take_report(const HeaderIs &report) {
 }
 
 void Core::take_report(LoadedRows &report) {
+  if (report.id == count_id_ && count_id_ != 0) return counting_->add(std::move(report.rows));
   if (report.id != load_id_ || load_id_ == 0) return;
   loading_->add(std::move(report.rows));
 }
 
 void Core::take_report(const Loaded &report) {
+  if (report.id == count_id_ && count_id_ != 0) return finish_count(report);
   if (report.id != load_id_ || load_id_ == 0) return;
   contact_ = std::max(contact_, load_sent_);
   finish_load(report);
@@ -312,6 +343,7 @@ void Core::finish_load(const Loaded &report) {
   show(std::move(*whole));
   if (lasts(lasting_)) return;
   young_as_of(as_of);
+  count_at_ = now_ + options_.count_interval;
   watch();
 }
 
@@ -348,6 +380,7 @@ void Core::take_report(const WatchBroken &report) {
 void Core::take_report(const EngineGone &) {
   reads_.clear();
   if (load_id_ != 0) load_again_at(now_ + kRetryPause);
+  if (count_id_ != 0) count_again_soon();
   if (make_id_ != 0) make_id_ = 0;
   watch_id_ = 0;
   watch_at_ = now_ + kRetryPause;
@@ -514,6 +547,7 @@ void Core::go_on() {
   } else if (watch_id_ == 0 && now_ >= watch_at_) {
     watch();
   }
+  if (phase_ == Phase::kFollowing && now_ >= count_at_ && !is(Mutant::kNeverCounts)) count();
   give_up_late_ones();
   attempt_more();
 }
@@ -648,6 +682,17 @@ void Core::fail_attempt(Failure kind) {
     }
   }
   drop_attempt_if_answered();
+}
+
+// doubt_attempt sends once more what has been under way for long, when a later question was answered meanwhile, and
+// shows that it hasn't happened. So a transaction that was lost with the store's leader isn't waited for once there is
+// another.
+void Core::doubt_attempt(const HeaderRead &read, const HeaderIs &report) {
+  if (!attempt_->under_way || read.sent - attempt_->sent_last < kOverdue) return;
+  OpenedHeader opened;
+  if (memory_.judge(report.header, opened) != Verdict::kSame || opened.header.version != attempt_->version) return;
+  attempt_->under_way = false;
+  fail_attempt(Failure::kUnknown);
 }
 
 // refuse_attempt answers all of it with `result`, but what needed no writing.

@@ -38,6 +38,8 @@ struct CoreOptions {
   vault::Limits limits = {};
   std::chrono::milliseconds write_wait{5000};  // a change is answered within
   std::chrono::milliseconds max_age{900'000};  // reads are answered from memory for
+  // All rows in the store are counted so often: what disappears from it behind the watch's back is found by then.
+  std::chrono::milliseconds count_interval{300'000};
 };
 
 enum class Standing : uint8_t {
@@ -191,6 +193,9 @@ class Core {
   void load();
   void load_again_at(Time when);
   void finish_load(const Loaded &report);
+  void count();
+  void finish_count(const Loaded &report);
+  void count_again_soon();
   void make_fleet();
   void watch();
   void note_header(const HeaderRead &read, const std::optional<KeyValue> &header);
@@ -210,6 +215,7 @@ class Core {
   void decide(Attempt &attempt);
   void send_attempt();
   void fail_attempt(Failure kind);
+  void doubt_attempt(const HeaderRead &read, const HeaderIs &report);
   void refuse_attempt(KsResult result);
   void decide_again();
   void drop_attempt_if_answered();
@@ -222,9 +228,11 @@ class Core {
   static constexpr std::chrono::milliseconds kReadInterval{200};
   static constexpr std::chrono::milliseconds kReadLimit{1000};
   static constexpr std::chrono::milliseconds kCommitLimit{1500};
+  static constexpr std::chrono::milliseconds kOverdue{300};      // a commit that hasn't happened by then
   static constexpr std::chrono::milliseconds kReportGrace{500};  // an engine that says nothing is given up
   static constexpr std::chrono::milliseconds kContactLost{2000};
   static constexpr std::chrono::milliseconds kLoadLimit{10'000};
+  static constexpr std::chrono::milliseconds kCountPause{10'000};  // behind one that failed
   static constexpr std::chrono::milliseconds kRetryPause{50};
   static constexpr std::chrono::milliseconds kNoFleetPause{1000};
   static constexpr std::chrono::milliseconds kBehindLimit{1000};
@@ -247,6 +255,10 @@ class Core {
   std::optional<Memory::Loading> loading_;
   RequestId load_id_ = 0;  // 0: none under way
   Time load_sent_{}, load_at_{};
+  std::optional<Memory::Loading> counting_;
+  RequestId count_id_ = 0;  // 0: none under way
+  HeaderRead count_read_;
+  Time count_at_{};
   RequestId make_id_ = 0;
   RequestId watch_id_ = 0;  // 0: none
   Time watch_at_{};

@@ -195,18 +195,22 @@ bool Memory::Loading::open(const KeyValue &stored) {
   const std::optional<uint64_t> id = row_id(stored.key);
   if (!id) return false;
   const std::optional<OpenedRow> opened = memory_.open_row(stored, memory_.filled_ ? memory_.find(*id) : nullptr);
-  if (!opened || !rows_.try_emplace(*id, vault::RowChange{nullptr, opened->row}).second) return false;
+  if (!opened || (keeps_ && !rows_.try_emplace(*id, vault::RowChange{nullptr, opened->row}).second)) return false;
+  ++count_;
   sodium_add(digest_.data(), opened->mark.data(), digest_.size());
   return true;
+}
+
+bool Memory::Loading::is_of(const FleetHeader &header) const {
+  if (is(Mutant::kDigestUnchecked)) return all_open_;
+  return all_open_ && count_ == header.table.entry_count && digest_ == header.table.digest;
 }
 
 std::optional<Memory::Whole> Memory::Loading::finish(const OpenedHeader &header) {
   if (!memory_.sealer_) memory_.belong_to(header.fleet);
   add(std::move(closed_));
-  if (!all_open_) return std::nullopt;
+  if (!is_of(header.header)) return std::nullopt;
   const vault::Header &table = header.header.table;
-  const bool is_its_rows = rows_.size() == table.entry_count && digest_ == table.digest;
-  if (!is_its_rows && !is(Mutant::kDigestUnchecked)) return std::nullopt;
   Whole whole{.state = {}, .header = header, .gone = {}};
   std::unordered_set<EntryName, vault::NameHash> names;
   for (const auto &[id, change] : rows_) {

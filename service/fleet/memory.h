@@ -79,15 +79,20 @@ class Memory {
     std::vector<uint64_t> gone;  // contents of memory that aren't in it
   };
 
-  // Loading collects the rows of a load, page by page. What is as it was in memory isn't kept twice.
+  // Loading collects the rows of a load, page by page. What is as it was in memory isn't kept twice; with kCounted no
+  // row is kept, and is_of is all that can be asked.
+  enum class Rows : uint8_t { kKept, kCounted };
   class Loading {
    public:
-    explicit Loading(Memory &memory) : memory_(memory) {}
+    explicit Loading(Memory &memory, Rows rows = Rows::kKept) : memory_(memory), keeps_(rows == Rows::kKept) {}
 
     // add takes a page of rows. While the fleet isn't known, they wait for the header.
     void add(std::vector<KeyValue> rows);
 
-    // finish gives the whole, if all rows open, and count, digest, ids and names are those of the header.
+    // is_of tells whether all rows open, and their count and digest are those of the header.
+    bool is_of(const FleetHeader &header) const;
+
+    // finish gives the whole, if the rows are those of the header, and so are ids and names.
     std::optional<Whole> finish(const OpenedHeader &header);
 
     bool has_rows() const { return !rows_.empty() || !closed_.empty() || !all_open_; }
@@ -96,8 +101,10 @@ class Memory {
     bool open(const KeyValue &stored);
 
     Memory &memory_;
+    const bool keeps_;
     std::vector<KeyValue> closed_;
     vault::RowChanges rows_;
+    size_t count_ = 0;
     vault::Digest digest_{};
     bool all_open_ = true;
   };

@@ -24,6 +24,7 @@ enum class Mutant {
   kLateAnswer,            // nothing watches the time that a change may take
   kRefusedWritten,        // a change that was given up is sent all the same
   kSelfish,               // nobody pauses for a machine that waits
+  kNeverCounts,           // rows are looked at when they are loaded or change, and not again
 };
 
 #ifdef KSD_FLEET_MUTANTS

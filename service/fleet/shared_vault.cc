@@ -4,6 +4,7 @@
 #include "fleet/shared_vault.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -322,12 +323,16 @@ bool SharedVault::step() {
   }
   reports_.clear();
   engine_->receive(reports_);
+  bool has_loaded = false;
   for (Report &report : reports_) {
+    has_loaded = has_loaded || std::holds_alternative<Loaded>(report);
     core_.take(clock_now(), std::move(report));
     flush();
   }
   core_.tick(clock_now());
   flush();
+  // A load takes as much again as what it leaves, in small pieces that the C library would keep.
+  if (has_loaded) malloc_trim(0);
   return !closing || !asked_.empty();
 }
 

@@ -74,8 +74,12 @@ class Network:
 
   def cut(self, one, other):
     """These two don't hear each other any more; everybody else hears both."""
-    for here, there in ((one, other), (other, one)):
-      run("ip", "-n", f"m{here}", "route", "replace", "blackhole", f"{self.address(there)}/32")
+    self.cut_one_way(one, other)
+    self.cut_one_way(other, one)
+
+  def cut_one_way(self, here, there):
+    """Nothing goes from here to there any more."""
+    run("ip", "-n", f"m{here}", "route", "replace", "blackhole", f"{self.address(there)}/32")
 
   def heal(self):
     for machine in self.machines:
@@ -142,10 +146,11 @@ class Cluster:
     for member in self.members:
       self.kill(member)
 
-  def ctl(self, *words, member=None, timeout=10, **options):
-    """etcdctl, at one member or at all, from machine 0."""
+  def ctl(self, *words, member=None, members=None, timeout=10, **options):
+    """etcdctl, at one member, at some or at all, from machine 0."""
+    asked = [member] if member else members or self.members
     command = self.network.on(0) + ["etcdctl", f"--command-timeout={timeout}s", "--endpoints",
-                                    ",".join(self._url(m) for m in ([member] if member else self.members))]
+                                    ",".join(self._url(m) for m in asked)]
     if self.tls:
       command += ["--cacert", f"{self.tls}/ca.crt", "--cert", f"{self.tls}/client.crt", "--key",
                   f"{self.tls}/client.key"]
@@ -157,29 +162,36 @@ class Cluster:
     except subprocess.CalledProcessError:
       return None
 
-  def leader(self):
-    """The member that all agree on, or None."""
-    said = [self._status(member) for member in self.members]
+  def leader(self, members=None):
+    """The member that all of these agree on, or None."""
+    members = members or self.members
+    said = [self._status(member) for member in members]
     leaders = {status and status.get("leader") for status in said}
     if len(leaders) != 1 or not leaders & {status["header"]["member_id"] for status in said if status}:
       return None
-    return next(m for m, status in zip(self.members, said) if status["header"]["member_id"] == status["leader"])
+    return next(m for m, status in zip(members, said) if status["header"]["member_id"] == status["leader"])
 
-  def wait_for_leader(self):
-    return wait_until(self.leader, 60, "a leader of the cluster")
+  def wait_for_leader(self, members=None):
+    return wait_until(lambda: self.leader(members), 60, "a leader of the cluster")
 
   def revision(self):
     return max(self._status(member)["header"]["revision"] for member in self.members)
 
-  def compact(self, revision):
-    self.ctl("compact", revision)
+  def compact(self, revision, members=None):
+    """Returns when the space is free. (Otherwise it would be later, and a member that is defragmented not smaller.)"""
+    self.ctl("compact", revision, "--physical", members=members, timeout=30)
 
-  def free_space(self):
-    """What an administrator does about a quota that is used up."""
-    self.compact(self.revision())
-    for member in self.members:
+  def defragment(self, members=None):
+    for member in members or self.members:
       self.ctl("defrag", member=member)
-    self.ctl("alarm", "disarm")
+
+  def free_space(self, revision=None):
+    """What an administrator does about a quota that is used up."""
+    self.compact(revision or self.revision())
+    self.defragment()
+    # What was under way may raise it once more.
+    wait_until(lambda: not self.ctl("alarm", "disarm").strip() or not self.ctl("alarm", "list").strip(), 10,
+               "a cluster without an alarm")
 
   def value_of(self, key):
     return base64.b64decode(json.loads(self.ctl("get", key, "-w", "json"))["kvs"][0]["value"])

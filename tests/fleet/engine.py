@@ -186,6 +186,12 @@ class Connection:
     self.socket.close()
 
 
+def memory_of(process):
+  """Its resident memory, in kB."""
+  with open(f"/proc/{process.pid}/status") as status:
+    return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
+
+
 class Engine(Connection):
   """An engine process on a machine of the network, with a connection to it."""
 
@@ -198,11 +204,6 @@ class Engine(Connection):
     its.close()
     if endpoints is not None:
       self.start(endpoints, **start)
-
-  def memory(self):
-    """The process's resident memory, in kB."""
-    with open(f"/proc/{self.process.pid}/status") as status:
-      return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
 
   def close(self):
     super().close()

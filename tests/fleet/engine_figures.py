@@ -26,7 +26,7 @@ if __name__ == "__main__":
   own_world.enter("etcd", "etcdctl")
 
 import cluster  # noqa: E402
-from engine import FROM_ENGINE, Engine  # noqa: E402
+from engine import FROM_ENGINE, Engine, memory_of  # noqa: E402
 
 CHANGES = 1000
 ROWS = 65_535
@@ -36,8 +36,8 @@ ROW = 300  # bytes
 class Direct:
   """etcd's own gateway for JSON, over one connection."""
 
-  def __init__(self, address):
-    self.connection = http.client.HTTPConnection(address, cluster.PORT)
+  def __init__(self, connection):
+    self.connection = connection
 
   def ask(self, what, body):
     self.connection.request("POST", f"/v3/kv/{what}", json.dumps(body))
@@ -63,7 +63,7 @@ def main():
   etcd = cluster.Cluster(network, folder=sys.argv[1] if len(sys.argv) > 1 else own_world.FOLDER)
   leader = etcd.leader()
   network.enter(0)  # where the direct connection is made from
-  direct = Direct(network.address(leader))
+  direct = Direct(http.client.HTTPConnection(network.address(leader), cluster.PORT))
   engine = Engine(network, [etcd.endpoint(leader)])
   engine.next_report(10)
 
@@ -95,7 +95,7 @@ def main():
     loads.append(time.perf_counter() - begun)
     assert rows == ROWS, rows
   print(f"{ROWS} rows loaded: median {statistics.median(loads):.2f} s, most {max(loads):.2f} s")
-  print(f"the engine's memory: {engine.memory()} kB")
+  print(f"the engine's memory: {memory_of(engine.process)} kB")
 
 
 if __name__ == "__main__":

@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: 2026 The ks developers
 # SPDX-License-Identifier: Apache-2.0
 
-"""engine_run.py MINUTES [SEED]: engines of three machines that change one header against each other, while members die,
+"""engine_run.py [MINUTES [SEED]]: engines of three machines that change one header against each other, while members die,
 freeze and lose each other. In the end the store's own history tells whether each engine said the truth:
 
 - a change that was told to be made is in the history, at the revision that was told, and once
@@ -10,7 +10,7 @@ freeze and lose each other. In the end the store's own history tells whether eac
 - a header that was read was the present one at an instant between question and answer
 - a watch has shown the history, without a gap for as long as it wasn't told to be broken
 
-Run by `./dev fleet`, with the build's folder in KS_BUILD.
+Run by `./dev fleet --engines`, with the build's folder in KS_BUILD.
 """
 
 import os
@@ -166,7 +166,7 @@ def check(machines, history):
 
 
 def main():
-  minutes = float(sys.argv[1])
+  minutes = float(sys.argv[1]) if len(sys.argv) > 1 else 5
   seed = int(sys.argv[2]) if len(sys.argv) > 2 else random.randrange(1 << 32)
   random.seed(seed)
   begun = time.monotonic()

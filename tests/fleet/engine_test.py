@@ -194,7 +194,7 @@ class Requests(OverEtcd):
     revision = self.fill(0, 200, 9000)
     requests = [self.engine.ask("Load") for _ in range(100)]  # 180 MB, for nobody
     time.sleep(0.5)  # let it run into the wall
-    self.assertLess(self.engine.memory(), 150_000)
+    self.assertLess(memory_of(self.engine.process), 150_000)
     self.assertEqual(self.open().header().revision, revision)
     for request in requests:
       while not isinstance(self.engine.answer_to(request), Loaded):

@@ -18,19 +18,24 @@ from engine import BUILD
 class Machine:
   """Its files lie in a folder of its own. The test's user is its administrator and in VDC 7."""
 
-  def __init__(self, network, etcd, number, further="", folder=own_world.FOLDER):
-    self.network, self.etcd, self.number = network, etcd, number
+  def __init__(self, network, etcd, number, further="", folder=own_world.FOLDER, sections="", program="ksd",
+               shared=True):
+    self.network, self.etcd, self.number, self.program = network, etcd, number, program
     self.folder = f"{folder}/machine{number}"
     os.makedirs(self.folder, mode=0o700)
     endpoints = etcd.endpoints()
     endpoints = [f"https://{endpoint}" for endpoint in endpoints[number - 1:] + endpoints[:number - 1]]
+    self.master_key = f"{self.folder}/master.key"
+    self.socket = f"{self.folder}/s"
     with open(f"{self.folder}/ksd.toml", "w") as config:
       config.write(f"""[service]
-socket = "{self.folder}/s"
+socket = "{self.socket}"
 vault = "{self.folder}/vault.db"
-master_key_file = "{self.folder}/master.key"
+master_key_file = "{self.master_key}"
 cache_uri = ""
-[shared]
+""")
+      if shared:
+        config.write(f"""[shared]
 endpoints = {json.dumps(endpoints)}
 ca = "{etcd.tls}/ca.crt"
 certificate = "{etcd.tls}/client.crt"
@@ -38,6 +43,8 @@ key = "{etcd.tls}/client.key"
 machine = "m{number}"
 mirror = "{self.folder}/mirror.db"
 {further}
+""")
+      config.write(f"""{sections}
 [administrators]
 users = ["root"]
 [[vdc]]
@@ -57,7 +64,7 @@ users = ["root"]
     notified.settimeout(1)
     environment = dict(os.environ, KSD_ENGINE=os.path.abspath(f"{BUILD}/ksd-engine"), NOTIFY_SOCKET=path)
     with open(self.log, "a") as log:
-      self.process = subprocess.Popen([*self.network.on(self.number), f"{BUILD}/ksd", "--allow-root", "--config",
+      self.process = subprocess.Popen([*self.network.on(self.number), f"{BUILD}/{self.program}", "--allow-root", "--config",
                                        f"{self.folder}/ksd.toml"], stderr=log, env=environment)
     end = time.monotonic() + seconds
     while True:
@@ -88,7 +95,7 @@ users = ["root"]
     return [int(pid) for pid in found if os.readlink(f"/proc/{pid}/exe").endswith("/ksd-engine")]
 
   def ctl(self, *words, given=None):
-    return subprocess.run([f"{BUILD}/ksctl", "--socket", f"{self.folder}/s", *words], input=given,
+    return subprocess.run([f"{BUILD}/ksctl", "--socket", self.socket, *words], input=given,
                           capture_output=True, text=True)
 
   def put(self, name, secret="a secret"):

@@ -134,6 +134,51 @@ TEST(FleetCore, MakesAFleetWhereThereIsNone) {
   EXPECT_EQ(x.core.memory().header().version, 1u);
 }
 
+TEST(FleetCore, SendsAChangeAgainThatHasntHappenedWhenALaterQuestionIsAnswered) {
+  StoreModel store;
+  Machine x(store, Machine::options("x"));
+  x.come_up();
+  x.put(1, "lost");
+  const std::optional<Commit> lost = x.last_commit();
+  ASSERT_TRUE(lost);
+  x.pass(200ms);
+  x.carry_out();  // a question of so soon says nothing
+  EXPECT_FALSE(x.last_commit());
+  x.pass(200ms);
+  x.carry_out();
+  EXPECT_EQ(x.core.counts().unknown, 1u);
+  x.pass(100ms);
+  const std::optional<Commit> again = x.last_commit();
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->puts, lost->puts) << "another transaction could happen beside it";
+  // The first one was only late, and the second comes behind it.
+  ASSERT_TRUE(store.compare_and_change(*lost));
+  EXPECT_FALSE(store.compare_and_change(*again));
+  x.core.take(x.now, Refused{again->id, store.header(), store.revision()});
+  x.see_changes();
+  EXPECT_THAT(x.core.take_answers(), ElementsAre(Answers(1, KS_SUCCESS)));
+}
+
+TEST(FleetCore, FindsARowThatDisappearsBehindTheWatchWithinFiveMinutes) {
+  StoreModel store;
+  Machine x(store, Machine::options("x"));
+  x.come_up();
+  x.put(1, "a");
+  x.carry_out();
+  store.forget(row_key(1));
+  for (Time passed{}; passed < 299s; passed += 200ms) {
+    x.pass(200ms);
+    x.carry_out();
+  }
+  EXPECT_EQ(x.standing(), Standing::kGood);
+  for (Time passed{}; passed < 1s; passed += 200ms) {
+    x.pass(200ms);
+    x.carry_out();
+  }
+  EXPECT_EQ(x.standing(), Standing::kTampered);
+  EXPECT_EQ(x.core.why(), "the rows aren't those of the header");
+}
+
 TEST(FleetCore, MakesNoFleetUnasked) {
   StoreModel store;
   CoreOptions options = Machine::options("x");

@@ -103,7 +103,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Fault{Mutant::kDigestUnchecked, "DigestUnchecked"},
                     Fault{Mutant::kRollBackAccepted, "RollBackAccepted"},
                     Fault{Mutant::kTamperingForgotten, "TamperingForgotten"}, Fault{Mutant::kLateAnswer, "LateAnswer"},
-                    Fault{Mutant::kRefusedWritten, "RefusedWritten"}),
+                    Fault{Mutant::kRefusedWritten, "RefusedWritten"}, Fault{Mutant::kNeverCounts, "NeverCounts"}),
     [](const auto &fault) { return std::string(fault.param.name); });
 
 TEST(Simulator, LetsAFarMachineHaveItsTurn) {

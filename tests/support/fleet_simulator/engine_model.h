@@ -98,6 +98,9 @@ class StoreModel {
     history_.push_back({std::move(puts), std::move(deletes)});
   }
 
+  // forget loses a row, and no watch hears of it.
+  void forget(const std::string &key) { live_.erase(key); }
+
   // compare_and_change is a commit; false: the header is another one. A revision of UINT64_MAX compares nothing, which
   // only a faulty core asks for.
   bool compare_and_change(const Commit &commit) {

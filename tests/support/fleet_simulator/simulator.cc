@@ -22,6 +22,7 @@ namespace {
 constexpr size_t kMachines = 3;
 constexpr FleetId kFleet{1, 2, 3};
 constexpr Time kMaxAge = 1s;
+constexpr std::chrono::milliseconds kCountInterval = 600ms;
 constexpr Time kBusyUntil = 2s;  // then all heals, and the fleet has to come together
 constexpr Time kEnd = 4500ms;
 constexpr std::array<Time, 2> kWriteWaits{300ms, 1s};
@@ -70,6 +71,7 @@ class Machine final : public Readers {
     options.machine = name_;
     options.master_key = master_key();
     options.max_age = std::chrono::duration_cast<std::chrono::milliseconds>(kMaxAge);
+    options.count_interval = kCountInterval;
     options.write_wait = std::chrono::duration_cast<std::chrono::milliseconds>(write_wait);
     ++life;
     version_read = 0;
@@ -431,13 +433,13 @@ class Simulation {
       if (key.starts_with(kRowFolder)) rows.push_back(value);
     }
     const StoreModel old = snapshots_[random_.below(snapshots_.size() - 2)];
-    const uint64_t kind = random_.below(7);
+    const uint64_t kind = random_.below(8);
     // Who doesn't know of what is taken back can't miss it.
     const bool all_know = std::all_of(machines_.begin(), machines_.end(), [&](const auto &machine) {
       return machine->core && machine->core->memory().is_filled() &&
              machine->core->memory().header().version + 1 >= checker_.version();
     });
-    if (kind >= 3 && !all_know) return;
+    if (kind >= 4 && !all_know) return;
     const std::map<std::string, KeyValue> live = store_.live();
     switch (kind) {
       case 0: {  // a row as it was, or as it never came to be
@@ -460,10 +462,14 @@ class Simulation {
         rows[1].value = rows[0].value;
         store_.change({rows[1]}, {});
         break;
-      case 3:  // the header of before
+      case 3:  // a row less, and nobody is told
+        if (rows.empty()) return;
+        store_.forget(rows[random_.below(rows.size())].key);
+        break;
+      case 4:  // the header of before
         store_.change({*old.header()}, {});
         break;
-      case 4: {  // header and rows of before
+      case 5: {  // header and rows of before
         std::vector<KeyValue> puts;
         std::vector<std::string> deletes;
         for (const auto &[key, value] : old.live()) {
@@ -475,7 +481,7 @@ class Simulation {
         store_.change(std::move(puts), std::move(deletes));
         break;
       }
-      case 5:  // a snapshot
+      case 6:  // a snapshot
         store_.set_back(StoreModel(old));
         break;
       default:
