@@ -30,16 +30,6 @@ FETCHED = ("etcd-server", "etcd-client", "openssl")
 ENVIRONMENT = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root",
                "LC_ALL": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive", "TERM": "dumb", "NO_COLOR": "1"}
 
-# scp FROM TO, one of them "HOST:PATH".
-SCP = """#!/bin/bash
-set -eu
-place() { sed -E 's|^([a-z0-9]+)\\.example:|/machines/\\1|' <<<"$1"; }
-[ "$1" != -r ] || shift
-umask 022
-cp -r "$(place "$1")" "$(place "$2")"
-"""
-
-
 def say(text):
   print(f"==> {text}", file=sys.stderr, flush=True)
 
@@ -65,10 +55,9 @@ def prepare(packages, machines):
   run(*apt, "--no-install-recommends", "systemd", "systemd-sysv", env=ENVIRONMENT)
   run(*apt, "--download-only", *(f"/root/packages/{file.name}" for file in folder.iterdir()), *FETCHED,
       env=ENVIRONMENT)
-  (first / "usr/local/bin/scp").write_text(SCP)
+  (first / "usr/local/bin/scp").write_text(book.scp("/machines"))
   (first / "usr/local/bin/scp").chmod(0o755)
-  (first / "etc/hosts").write_text("127.0.0.1 localhost\n" + "".join(
-      f"{cluster.Network.address(number)} {machine}.example\n" for number, machine in enumerate(book.MACHINES, 1)))
+  (first / "etc/hosts").write_text(book.hosts())
   (first / "etc/machine-id").unlink(missing_ok=True)
   for other in others:
     run("cp", "-a", first, other)
@@ -136,6 +125,10 @@ def main():
       print(f"---- {name}\n{container.journal()}", file=sys.stderr)
     raise
   say(f"{count} steps, the last of them {time.monotonic() - begun:.0f} s after the first; all is well")
+  for container in containers.values():
+    container.process.kill()
+    container.process.wait()
+  shutil.rmtree(machines)
 
 
 if __name__ == "__main__":

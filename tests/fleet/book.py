@@ -17,6 +17,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/docs/steps"))
 
+import cluster  # noqa: E402
 import run_page  # noqa: E402
 
 PAGE = ROOT / "docs/fleet.md"
@@ -28,6 +29,23 @@ LOOKS = re.compile(r"ksctl (fleet status|secret list)\n")
 LOOK_LIMIT_S = 60
 
 Step = namedtuple("Step", "line where commands expected")
+
+
+def hosts():
+  """What each machine knows the others by."""
+  return "127.0.0.1 localhost\n" + "".join(f"{cluster.Network.address(number)} {machine}.example\n"
+                                           for number, machine in enumerate(MACHINES, 1))
+
+
+def scp(folder):
+  """A program that stands in for `scp [-r] FROM TO`, one of them HOST:PATH: each machine's files lie in the folder."""
+  return f"""#!/bin/bash
+set -eu
+place() {{ sed -E 's|^([a-z0-9]+)\\.example:|{folder}/\\1|' <<<"$1"; }}
+[ "$1" != -r ] || shift
+umask 022
+cp -r "$(place "$1")" "$(place "$2")"
+"""
 
 
 def steps_of(page):

@@ -59,16 +59,6 @@ ln -s /proc/$$/root {FOLDER}/machines/$me
 exec bash --norc -eu
 """
 
-# scp FROM TO, one of them "HOST:PATH".
-SCP = f"""#!/bin/bash
-set -eu
-place() {{ sed -E 's|^([a-z0-9]+)\\.example:|{FOLDER}/machines/\\1|' <<<"$1"; }}
-[ "$1" != -r ] || shift
-umask 022
-cp -r "$(place "$1")" "$(place "$2")"
-"""
-
-
 def write_program(path, text):
   path.write_text(text)
   path.chmod(0o755)
@@ -96,10 +86,9 @@ def prepare():
     own_world.skip("there is no unit of etcd's")
   shutil.copy(found[0], units)
   shutil.copy(Path(__file__).parent / "service_manager.py", folder / "stand-ins/systemctl")
-  write_program(folder / "stand-ins/scp", SCP)
+  write_program(folder / "stand-ins/scp", book.scp(f"{FOLDER}/machines"))
   write_program(folder / "stand-ins/apt-get", "#!/bin/sh\n")
-  (folder / "hosts").write_text("127.0.0.1 localhost\n" + "".join(
-      f"{cluster.Network.address(number)} {machine}.example\n" for number, machine in enumerate(book.MACHINES, 1)))
+  (folder / "hosts").write_text(book.hosts())
 
 
 def main():
