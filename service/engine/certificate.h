@@ -14,8 +14,8 @@ namespace ksd::engine {
 // From when on somebody is told, in seconds before the end.
 inline constexpr std::time_t kShortOfCertificates = std::time_t{14} * 24 * 3600;
 
-// end_of_certificates gives when the first of the certificates in a file ends, in seconds since 1970. Nothing for a file
-// that can't be read, or has none.
+// end_of_certificates gives when the first of the certificates in a file ends, in seconds since 1970. Nothing for a
+// file that can't be read, or has none.
 std::optional<std::time_t> end_of_certificates(const std::string &path);
 
 }  // namespace ksd::engine

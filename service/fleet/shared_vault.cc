@@ -47,8 +47,8 @@ struct Connection {
 std::string words_for(const Connection &connection) {
   const std::string why = connection.trouble.empty() ? "" : fmt::format(" ({})", connection.trouble);
   if (!connection.has_engine) {
-    return fmt::format("there is no engine to reach the store with{}: changes are refused; ksctl doctor tells what to do",
-                       why);
+    return fmt::format(
+        "there is no engine to reach the store with{}: changes are refused; ksctl doctor tells what to do", why);
   }
   return fmt::format("the store doesn't answer{}: changes are refused; look after the network and the store's members",
                      why);
@@ -121,8 +121,8 @@ SharedVault::~SharedVault() {
 void SharedVault::begin() {
   std::optional<Core::Kept> kept = mirror_ ? mirror_->load(core_.memory()) : std::nullopt;
   if (kept) {
-    spdlog::info("{}: {} entries as of change {} of the fleet, {} s old", options_.mirror, kept->whole.state.table.size(),
-                 kept->whole.header.header.version, kept->age / 1s);
+    spdlog::info("{}: {} entries as of change {} of the fleet, {} s old", options_.mirror,
+                 kept->whole.state.table.size(), kept->whole.header.header.version, kept->age / 1s);
   }
   core_.begin(clock_now(), std::move(kept));
   flush();

@@ -32,8 +32,8 @@ std::string files_in_words(const HostStatusReply &status) {
 
 std::string fleet_in_words(const HostFleetReply &fleet) {
   const bool well = (fleet.flags & HOST_FLEET_IS_WELL) != 0;
-  const std::string age = fleet.age_ms == UINT64_MAX ? "nothing is loaded"
-                                                     : fmt::format("entries of {} ms ago", fleet.age_ms);
+  const std::string age =
+      fleet.age_ms == UINT64_MAX ? "nothing is loaded" : fmt::format("entries of {} ms ago", fleet.age_ms);
   return fmt::format("machine {}, {}, {}", text_in(fleet.machine), well ? "all is well" : "see above", age);
 }
 
@@ -172,8 +172,8 @@ void limits(Session &session, const Arguments &) {
         {"owner", has_user && is_of_owners ? of_fleet.name(limit.uid) : Value()},
     });
   }
-  static constexpr Column kColumns[] = {
-      {"key", "LIMIT"}, {"used", "USED"}, {"limit", "OF"}, {"percent", "%"}, {"uid", "BY UID"}, {"owner", "BY OWNER"}};
+  static constexpr Column kColumns[] = {{"key", "LIMIT"}, {"used", "USED"},  {"limit", "OF"},
+                                        {"percent", "%"}, {"uid", "BY UID"}, {"owner", "BY OWNER"}};
   session.output.table("limits", std::span(kColumns).first(std::size(kColumns) - (of_fleet.is_known() ? 0 : 1)), rows,
                        "There are no limits.");
 }
