@@ -11,8 +11,6 @@ packages=$(cd "$1" && pwd)
 mkdir -p "$2"
 work=$(cd "$2" && pwd)
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-# shellcheck disable=SC2016 # the placeholder is apt's
-mirror=${KS_MIRROR:-$(apt-get indextargets --format '$(REPO_URI)' "Created-By: Packages" | grep -v security | head -n 1)}
 [ "$(id -u)" = 0 ] || exec sudo "$0" "$@"
 
 # Mounts and processes of its own, which end with it.
@@ -34,23 +32,9 @@ quietly() {
   "$@" >"$work/log" 2>&1 || fail "$* failed: $(tail -n 40 "$work/log")"
 }
 
-if [ ! -e "$work/base.tar" ]; then
-  say "a bare Debian 12 from $mirror"
-  rm -rf "$work/base"
-  quietly debootstrap --variant=minbase bookworm "$work/base" "$mirror"
-  quietly chroot "$work/base" dpkg --add-architecture i386
-  quietly chroot "$work/base" apt-get update
-  quietly chroot "$work/base" apt-get clean
-  tar -cf "$work/base.tar.new" -C "$work/base" .
-  mv "$work/base.tar.new" "$work/base.tar"
-  rm -rf "$work/base"
-fi
-rm -rf "$root"
-mkdir "$root"
-tar -xf "$work/base.tar" -C "$root"
+"$here/bare_debian.sh" "$work" "$root"
 mount -t proc proc "$root/proc"
 mount -t tmpfs -o mode=755 tmpfs "$root/run"
-cp /etc/resolv.conf "$root/etc/resolv.conf"
 mkdir "$root/packages"
 cp "$packages"/*.deb "$root/packages"
 rm -f "$root"/packages/*-dbgsym_*

@@ -76,6 +76,16 @@ local MESSAGES = {
   [66594] = { "compact memory", { size = 0 } },
 }
 
+-- Of the status: its flags, each with its bit, and the texts at its end, in their order.
+local STATUS_FLAGS = {
+  { "memory_unlocked", "Keys in memory that could be swapped", 1 }, { "nearly_full", "Over 90 % full", 2 },
+  { "compaction_helps", "Compaction would help", 4 }, { "changes_refused", "Changes are refused", 8 },
+  { "until_restart", "Until a restart", 16 }, { "reserve_given_up", "The reserve is given up", 32 },
+  { "restart_needed", "A restart is needed for part of the configuration", 64 },
+  { "shared", "The entries are those of a fleet", 128 },
+}
+local STATUS_TEXTS = { "vault", "configuration", "refusal", "problem" }
+
 local MESSAGE_NAMES = {}
 for opcode, message in pairs(MESSAGES) do MESSAGE_NAMES[opcode] = message[1] end
 
@@ -115,6 +125,15 @@ local f = {
   entries = ProtoField.uint64("ks.entries", "Entries"),
   entry_limit = ProtoField.uint64("ks.entry_limit", "Limit of entries"),
   flags = ProtoField.uint32("ks.flags", "Flags", base.HEX),
+  sup_state = ProtoField.uint32("ks.sup_state", "Sup state"),
+  up = ProtoField.uint64("ks.up_ms", "Runs for, ms"),
+  bytes = ProtoField.uint64("ks.bytes", "Bytes of secrets and metadata"),
+  byte_limit = ProtoField.uint64("ks.byte_limit", "Limit of bytes"),
+  vault_size = ProtoField.uint64("ks.vault_size", "Size of the vault's file"),
+  log_size = ProtoField.uint64("ks.log_size", "Size of its log"),
+  problem_count = ProtoField.uint32("ks.problem_count", "Problems of the last reload"),
+  config_loaded_at = ProtoField.uint64("ks.config_loaded_at", "Configuration loaded at, s since 1970"),
+  reload_failed_at = ProtoField.uint64("ks.reload_failed_at", "Reload failed at, s since 1970"),
   firmware = ProtoField.uint16("ks.firmware_version", "Version", base.HEX),
   status = ProtoField.uint8("ks.firmware_status", "Status", base.HEX),
   struck = ProtoField.bytes("ks.struck_out", "Struck out"),
@@ -125,6 +144,10 @@ end
 for _, what in ipairs({ "data", "secret", "metadata", "iv", "random", "challenge", "response", "rest" }) do
   f[what] = ProtoField.bytes("ks." .. what, (what:gsub("^%l", string.upper)))
 end
+for _, flag in ipairs(STATUS_FLAGS) do
+  f[flag[1]] = ProtoField.bool("ks." .. flag[1], flag[2], 32, nil, flag[3])
+end
+for _, what in ipairs(STATUS_TEXTS) do f[what] = ProtoField.string("ks." .. what, (what:gsub("^%l", string.upper))) end
 ks.fields = f
 
 local wrong = ProtoExpert.new("ks.wrong", "Not as the protocol has it", expert.group.MALFORMED, expert.severity.ERROR)
@@ -199,7 +222,7 @@ local REPLIES = {
     tree:add_le(f.channel_size, payload(4, 4))
   end,
   status = function(tree, payload)
-    if payload:len() < 56 then return end
+    if payload:len() < 1144 then return end
     tree:add_le(f.service_pid, payload(4, 4))
     tree:add_le(f.started_at, payload(8, 8))
     tree:add_le(f.service_version, payload(16, 4))
@@ -208,7 +231,22 @@ local REPLIES = {
     tree:add_le(f.users, payload(28, 4))
     tree:add_le(f.entries, payload(32, 8))
     tree:add_le(f.entry_limit, payload(40, 8))
-    tree:add_le(f.flags, payload(48, 4))
+    local flags = tree:add_le(f.flags, payload(48, 4))
+    for _, flag in ipairs(STATUS_FLAGS) do flags:add_le(f[flag[1]], payload(48, 4)) end
+    tree:add_le(f.sup_state, payload(52, 4))
+    tree:add_le(f.up, payload(56, 8))
+    tree:add_le(f.bytes, payload(64, 8))
+    tree:add_le(f.byte_limit, payload(72, 8))
+    tree:add_le(f.vault_size, payload(80, 8))
+    tree:add_le(f.log_size, payload(88, 8))
+    tree:add_le(f.receive_limit, payload(96, 4))
+    tree:add_le(f.problem_count, payload(100, 4))
+    tree:add_le(f.config_loaded_at, payload(104, 8))
+    tree:add_le(f.reload_failed_at, payload(112, 8))
+    for i, text in ipairs(STATUS_TEXTS) do
+      local range = payload(120 + 256 * (i - 1), 256)
+      tree:add(f[text], range, range:stringz())
+    end
   end,
 }
 

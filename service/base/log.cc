@@ -150,7 +150,6 @@ void start_logging(LogFormat format, const std::string &level, const char *journ
     formatter->set_pattern("%Y-%m-%dT%H:%M:%S.%e%z %n[%P] %l: %v");
   }
   logger->set_formatter(std::move(formatter));
-  logger->flush_on(spdlog::level::trace);
   // A line that there is no memory for is lost; the library would write of it to standard error, past the sink.
   logger->set_error_handler([](const std::string &) {});
   spdlog::set_default_logger(std::move(logger));

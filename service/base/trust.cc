@@ -12,8 +12,8 @@ namespace {
 
 constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 
-std::optional<std::string> why(const std::string &path, const struct stat &status) {
-  if (status.st_uid != geteuid() && status.st_uid != 0) {
+std::optional<std::string> why(const std::string &path, const struct stat &status, uid_t owner_too = 0) {
+  if (status.st_uid != geteuid() && status.st_uid != 0 && status.st_uid != owner_too) {
     return fmt::format("{} belongs to user {}, who is neither root nor the service's user {}; run: chown {} {}", path,
                        status.st_uid, geteuid(), geteuid(), path);
   }
@@ -38,10 +38,12 @@ std::optional<std::string> why_others_may_write(const std::string &path) {
   return why(path, status);
 }
 
-std::optional<std::string> why_others_may_replace(const std::string &path) {
-  if (const auto found = why_others_may_write(path)) return found;
-  const std::string folder = folder_of(path);
+std::optional<std::string> why_others_may_replace(const std::string &path, uid_t owner_too) {
   struct stat status {};
+  if (stat(path.c_str(), &status) == 0) {
+    if (const auto found = why(path, status, owner_too)) return found;
+  }
+  const std::string folder = folder_of(path);
   if (stat(folder.c_str(), &status) < 0 || (status.st_mode & S_ISVTX) != 0) return std::nullopt;
   return why(folder, status);
 }

@@ -5,6 +5,8 @@
 #ifndef SERVICE_BASE_TRUST_H
 #define SERVICE_BASE_TRUST_H
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 
@@ -19,8 +21,8 @@ std::string folder_of(const std::string &path);
 std::optional<std::string> why_others_may_write(const std::string &path);
 
 // why_others_may_replace is that for `path` and for the folder that it stands in, whose writers could put another file
-// in its place. In a sticky folder they can't.
-std::optional<std::string> why_others_may_replace(const std::string &path);
+// in its place. In a sticky folder they can't. The file, not the folder, may belong to `owner_too` as well.
+std::optional<std::string> why_others_may_replace(const std::string &path, uid_t owner_too = 0);
 
 }  // namespace ksd
 

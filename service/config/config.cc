@@ -762,7 +762,6 @@ ParsedConfig load_config(const std::string &path) {
   if (auto why = read_safely(path, text)) return file_problem(std::move(*why));
   ParsedConfig parsed = parse_config(text);
   look_up_containers(parsed.config);
-  parsed.config.file = path;
   return parsed;
 }
 

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -63,13 +64,19 @@ std::optional<std::string> what_is_wrong_with(const Place &place) {
   return why_others_may_replace(place.path);
 }
 
+// The user as which the service manager runs the engine; root where there is none.
+uid_t engine_user() {
+  const passwd *user = getpwnam("_ksd-engine");
+  return user != nullptr ? user->pw_uid : 0;
+}
+
 // The files for TLS are read by the engine, as its own user; this one may not even be allowed to look for them.
 std::optional<std::string> what_is_wrong_with_file_of_engine(const std::string &path) {
   const std::optional<mode_t> kind = kind_of(path);
   if (!kind && errno == EACCES) return std::nullopt;
   if (!kind) return fmt::format("{}: {}; put it there, readable for the engine's user", path, std::strerror(errno));
   if (kind != S_IFREG) return fmt::format("{} isn't a file", path);
-  return why_others_may_replace(path);
+  return why_others_may_replace(path, engine_user());
 }
 
 }  // namespace

@@ -74,7 +74,8 @@ class Call : public Task {
     const Outcome outcome = judge(status_);
     note(outcome);
     last_ = outcome.kind;
-    why_ = status_.error_message();
+    const bool late = status_.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
+    why_ = late ? "a member was asked and gave no answer" : status_.error_message();
     const bool nothing_sent = outcome.kind == Failure::kNotSent;
     if (outcome.repeat && (nothing_sent || repeats_ == Repeats::kAny)) return attempt_later();
     out_of_time();

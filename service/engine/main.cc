@@ -4,9 +4,10 @@
 // ksd-engine: carries sealed records between a keystore service and the store of its fleet, in a process of its own, so
 // that the libraries for network and TLS stay away from keys. It serves the one service at the other end of the socket
 // that is its standard input, and ends with that connection. When the socket is one of datagrams instead, connections
-// arrive by it, and each gets a process.
+// arrive by it, and each gets a process; none of these processes is needed for the others to go on.
 #include <fmt/format.h>
 #include <grpc/support/log.h>
+#include <poll.h>
 #include <spdlog/spdlog.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -14,13 +15,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <mutex>
 #include <string_view>
 #include <thread>
 
 #include "base/log.h"
+#include "engine/certificate.h"
 #include "engine/engine.h"
 #include "link/frames.h"
 #include "link/pass.h"
@@ -90,6 +95,14 @@ void pass_on_complaint(gpr_log_func_args *complaint) {
   spdlog::warn("{}", ksd::link::one_line(complaint->message));
 }
 
+// Somebody has to be told while there is time left to make others.
+void warn_of_end(const std::string &certificates) {
+  const auto when = certificates.empty() ? std::nullopt : ksd::engine::end_of_certificates(certificates);
+  if (!when || *when - std::time(nullptr) > ksd::engine::kShortOfCertificates) return;
+  spdlog::warn("{}: a certificate in it is good for {} hours more; put another in its place", certificates,
+               std::max<std::time_t>(0, (*when - std::time(nullptr)) / 3600));
+}
+
 [[noreturn]] void serve() {
   gpr_set_log_function(pass_on_complaint);
   Requests requests;
@@ -99,6 +112,7 @@ void pass_on_complaint(gpr_log_func_args *complaint) {
     stop(fmt::format("the service doesn't begin as version {} does; both have to be of one version",
                      ksd::link::kVersion));
   }
+  for (const std::string &file : {start->ca, start->certificate}) warn_of_end(file);
   try {
     static ksd::engine::Engine engine(*start, tell);
     tell(ksd::link::Started{});
@@ -109,22 +123,77 @@ void pass_on_complaint(gpr_log_func_args *complaint) {
   }
 }
 
-// Each connection that the daemon passes gets a process of its own: what becomes of one is nothing to the next.
-[[noreturn]] void serve_all() {
-  constexpr int kMostAtOnce = 4;
+// ---- Engines for a daemon that can't start processes any more. Two processes see to that: one starts engines, and the
+// other one stands by. Each notices the end of the other, by a pair of sockets of which it has one: the one that stands
+// by takes the other's place, and who starts engines makes another one to stand by.
+
+// StandBy is the process that stands by, as the one that starts engines knows it.
+struct StandBy {
+  pid_t process = -1;
+  ksd::UniqueFd link;  // hung up at its end
+};
+
+bool is_hung_up(int socket) {
+  pollfd source{.fd = socket, .events = 0, .revents = 0};
+  return poll(&source, 1, 0) > 0;
+}
+
+void wait_for_end(const ksd::UniqueFd &link) {
+  pollfd source{.fd = link.get(), .events = 0, .revents = 0};
+  while (poll(&source, 1, -1) < 0 && errno == EINTR) continue;
+}
+
+// Each connection that the daemon passes gets a process of its own: what becomes of one is nothing to the next. Returns
+// when the process that stands by has ended, or a second after none could be made.
+void start_engines(StandBy stand_by) {
+  constexpr int kMostAtOnce = 4, kWithoutMs = 1000;
   int running = 0;
   while (true) {
+    pollfd sources[] = {{.fd = kSocket, .events = POLLIN, .revents = 0},
+                        {.fd = stand_by.link.get(), .events = 0, .revents = 0}};
+    const int ready = poll(sources, 2, stand_by.link ? -1 : kWithoutMs);
+    for (pid_t ended; (ended = waitpid(-1, nullptr, WNOHANG)) > 0;) running -= ended != stand_by.process ? 1 : 0;
+    if (ready < 0) continue;
+    if (ready == 0 || sources[1].revents != 0) return;
     const ksd::UniqueFd connection = ksd::link::accept_passed(kSocket);
     if (!connection) end(0);
-    while (running > 0 && waitpid(-1, nullptr, WNOHANG) > 0) --running;
-    if (running == kMostAtOnce) continue;
+    if (running >= kMostAtOnce) continue;
     const pid_t child = fork();
     if (child == 0) {
+      stand_by.link = ksd::UniqueFd();
       dup2(connection.get(), kSocket);
       serve();
     }
     if (child > 0) ++running;
   }
+}
+
+[[noreturn]] void serve_all() {
+  while (true) {
+    int ends[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) < 0) spdlog::warn("no process stands by: {}", std::strerror(errno));
+    ksd::UniqueFd ours(ends[0]), others(ends[1]);
+    const pid_t child = ours ? fork() : -1;
+    if (child == 0) {
+      ours = ksd::UniqueFd();
+      wait_for_end(others);
+      if (is_hung_up(kSocket)) end(0);
+      spdlog::warn("the process that starts engines has ended; this one takes its place");
+      continue;
+    }
+    others = ksd::UniqueFd();
+    if (child < 0) ours = ksd::UniqueFd();
+    start_engines({child, std::move(ours)});
+  }
+}
+
+// --expiry, for who looks after the machine: a line for each file.
+int tell_ends(int count, char **files) {
+  for (int i = 0; i < count; ++i) {
+    const auto when = ksd::engine::end_of_certificates(files[i]);
+    std::printf("%s\n", when ? std::to_string(*when).c_str() : "-");
+  }
+  return 0;
 }
 
 bool is_option(int which, int &out_value) {
@@ -140,6 +209,7 @@ int main(int argc, char **argv) {
     return 0;
   }
   int domain = 0, type = 0;
+  if (argc > 2 && std::string_view(argv[1]) == "--expiry") return tell_ends(argc - 2, argv + 2);
   if (argc != 1 || !is_option(SO_DOMAIN, domain) || domain != AF_UNIX || !is_option(SO_TYPE, type)) {
     std::fprintf(stderr,
                  "ksd-engine: is started by the keystore service, or by the service manager for it, with a Unix socket "

@@ -32,6 +32,9 @@ class Owners {
   uid_t number_of(const std::string &name);
   std::string name_of(uid_t owner) const;
 
+  // is_user tells whether the number is that of a user of this machine whom the configuration names.
+  bool is_user(uid_t owner) const { return names_.contains(owner); }
+
  private:
   static constexpr uid_t kFirstForeign = 0xf0000000;
 

@@ -39,8 +39,24 @@ CoreOptions core_options(const SharedOptions &options, const Mirror *mirror) {
   return core;
 }
 
+// Connection is how the way to the store is: whether there is an engine, and what keeps it from the store, if known.
+struct Connection {
+  bool has_engine = true;
+  std::string trouble = {};
+};
+
+std::string words_for(const Connection &connection) {
+  const std::string why = connection.trouble.empty() ? "" : fmt::format(" ({})", connection.trouble);
+  if (!connection.has_engine) {
+    return fmt::format(
+        "there is no engine to reach the store with{}: changes are refused; ksctl doctor tells what to do", why);
+  }
+  return fmt::format("the store doesn't answer{}: changes are refused; look after the network and the store's members",
+                     why);
+}
+
 // words_for says what a standing means, to who looks after the machine.
-std::string words_for(Standing standing, const std::string &why) {
+std::string words_for(Standing standing, const std::string &why, const Connection &connection) {
   switch (standing) {
     case Standing::kGood:
       return "";
@@ -49,7 +65,7 @@ std::string words_for(Standing standing, const std::string &why) {
     case Standing::kNoFleet:
       return "the store is empty; make the fleet on one machine, by create = true under [shared]";
     case Standing::kNoContact:
-      return "the store doesn't answer: changes are refused; look after the network and the store's members";
+      return words_for(connection);
     case Standing::kNoSpace:
       return "the store's quota is used up: changes are refused; make room in it";
     case Standing::kDenied:
@@ -81,7 +97,6 @@ std::string words_for(Standing standing, const std::string &why) {
 
 SharedVault::SharedVault(SharedOptions options, std::unique_ptr<Engine> engine)
     : options_(std::move(options)),
-      path_(options_.mirror.empty() ? "the fleet" : options_.mirror),
       owners_(options_.owners),
       engine_(std::move(engine)),
       mirror_(options_.mirror.empty() ? nullptr
@@ -107,8 +122,8 @@ SharedVault::~SharedVault() {
 void SharedVault::begin() {
   std::optional<Core::Kept> kept = mirror_ ? mirror_->load(core_.memory()) : std::nullopt;
   if (kept) {
-    spdlog::info("{}: {} entries as of change {} of the fleet, {} s old", path_, kept->whole.state.table.size(),
-                 kept->whole.header.header.version, kept->age / 1s);
+    spdlog::info("{}: {} entries as of change {} of the fleet, {} s old", options_.mirror,
+                 kept->whole.state.table.size(), kept->whole.header.header.version, kept->age / 1s);
   }
   core_.begin(clock_now(), std::move(kept));
   flush();
@@ -326,6 +341,7 @@ bool SharedVault::step() {
   bool has_loaded = false;
   for (Report &report : reports_) {
     has_loaded = has_loaded || std::holds_alternative<Loaded>(report);
+    note_trouble(report);
     core_.take(clock_now(), std::move(report));
     flush();
   }
@@ -352,12 +368,27 @@ void SharedVault::flush() {
   }
 }
 
+void SharedVault::note_trouble(const Report &report) {
+  if (const auto *gone = std::get_if<EngineGone>(&report)) {
+    has_engine_ = false;
+    trouble_ = gone->why;
+  } else if (const auto *failed = std::get_if<Failed>(&report)) {
+    // Without an engine nothing is sent, and why there is none is known already.
+    if (failed->kind == Failure::kNotSent && !has_engine_) return;
+    has_engine_ = true;
+    trouble_ = failed->why;
+  } else if (std::holds_alternative<HeaderIs>(report)) {
+    has_engine_ = true;
+    trouble_.clear();
+  }
+}
+
 void SharedVault::tell_status() {
   const Time now = clock_now();
   const Standing standing = core_.standing(now);
   const bool readable = core_.readable(now);
   if (readable != was_readable_ || standing != told_) {
-    const std::string words = words_for(standing, core_.why());
+    const std::string words = words_for(standing, core_.why(), {has_engine_, trouble_});
     if (was_readable_ && !readable) {
       begin_epoch();  // a key that a thread remembers is too old as well
       tell(event::kEntriesTooOld, "{}: what is in memory is too old to be read: {}", path_, words);
@@ -384,6 +415,7 @@ void SharedVault::tell_status() {
   status_.incarnation = core_.memory().header().incarnation;
   status_.fleet = core_.memory().fleet();
   status_.counts = core_.counts();
+  status_.has_engine = has_engine_;
 }
 
 void SharedVault::wait(Time until) {

@@ -43,6 +43,7 @@ struct SharedStatus {
   std::string words;                               // what that means, in one line; empty when all is well
   std::optional<std::chrono::milliseconds> age{};  // of memory; nothing before it is loaded
   bool readable = false;
+  bool has_engine = true;
   uint64_t version = 0;
   uint64_t incarnation = 0;
   std::optional<FleetId> fleet{};
@@ -62,6 +63,8 @@ class SharedVault final : public vault::Vault, private Readers {
   bool wait_until_loaded(std::chrono::milliseconds at_most) const;
   SharedStatus status() const;
   const std::string &machine() const { return options_.machine; }
+  const std::string &mirror() const { return options_.mirror; }
+  const Owners &owner_names() const { return owners_; }
   void accept_incarnation(uint64_t incarnation);
 
   // Reads throw vault::Unavailable when memory is too old, or not there yet.
@@ -105,12 +108,13 @@ class SharedVault final : public vault::Vault, private Readers {
   void begin();
   bool step();
   void flush();
+  void note_trouble(const Report &report);
   void tell_status();
   void wait(Time until);
   void wake() const;
 
   const SharedOptions options_;
-  const std::string path_;
+  const std::string path_ = "the fleet";  // how the log names what other vaults name by their file
   Owners owners_;
   std::unique_ptr<Engine> engine_;
   std::unique_ptr<Mirror> mirror_;
@@ -125,6 +129,8 @@ class SharedVault final : public vault::Vault, private Readers {
   vault::UseWatch use_watch_;
   Standing told_ = Standing::kLoading;
   bool was_readable_ = false;
+  bool has_engine_ = true;
+  std::string trouble_;  // what the engine last said, or what keeps it away; empty when it reached the store
 
   // When reads end, in nanoseconds of the clock.
   std::atomic<int64_t> readable_until_{INT64_MIN};

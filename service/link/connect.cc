@@ -42,6 +42,7 @@ Pair make_pair_of(int type) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
+  setsid();  // a terminal's interrupt is for the service, whose last changes still need an engine
   signal(SIGCHLD, SIG_DFL);
   if (dup2(control, STDIN_FILENO) == STDIN_FILENO) execl(program, program, nullptr);
   _exit(127);
@@ -72,7 +73,10 @@ Connect start_engines(const std::string &program) {
   if (child == 0) become(program.c_str(), control.others.get());
   return [control = std::make_shared<UniqueFd>(std::move(control.ours)), program] {
     Pair connection = make_pair_of(SOCK_STREAM);
-    if (!pass(control->get(), connection.others.get())) throw failed(program);
+    if (!pass(control->get(), connection.others.get())) {
+      if (errno == EAGAIN) throw failed(program);
+      throw std::runtime_error(program + ": no process is left that starts engines; restart the service");
+    }
     return std::move(connection.ours);
   };
 }

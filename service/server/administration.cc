@@ -88,6 +88,7 @@ const Administration::Row Administration::kRows[] = {
     {HOST_OP_CHANGE_MASTER_KEY, &Administration::change_master_key, true},
     {HOST_OP_MASTER_KEY_CHANGE, &Administration::master_key_change},
     {HOST_OP_FLEET, &Administration::fleet},
+    {HOST_OP_FLEET_OWNERS, &Administration::fleet_owners, true},
 };
 
 bool Administration::answer(const handlers::Request &request, Crowd &crowd, BackupSession &backup,
@@ -139,13 +140,14 @@ void Administration::status(const Asked &asked) {
   status.up_ms = up_ms();
   status.bytes = usage.bytes;
   status.byte_limit = usage.byte_limit;
-  status.vault_size = size_of_file(vault_.path());
-  status.log_size = size_of_file(vault_.path() + "-wal");
+  const std::string &file = fleet_ != nullptr ? fleet_->mirror() : vault_.path();
+  status.vault_size = size_of_file(file);
+  status.log_size = size_of_file(file + "-wal");
   status.receive_limit_ms = config->receive_limit_ms;
   status.problem_count = static_cast<uint32_t>(configuration.problem_count);
   status.config_loaded_at = static_cast<uint64_t>(configuration.loaded_at);
   status.reload_failed_at = static_cast<uint64_t>(configuration.failed_at);
-  put_path(status.vault, vault_.path());
+  put_path(status.vault, file);
   put_path(status.config, configuration.path);
   put_text(status.refusal, condition.refusal);
   if (configuration.problem_count != 0) {
@@ -161,6 +163,7 @@ void Administration::fleet(const Asked &asked) {
   told.result = KS_SUCCESS;
   if (status.standing == fleet::Standing::kGood) told.flags |= HOST_FLEET_IS_WELL;
   if (fleet::lasts(status.standing)) told.flags |= HOST_FLEET_LEFT_ALONE;
+  if (!status.has_engine) told.flags |= HOST_FLEET_NO_ENGINE;
   told.age_ms = status.age ? static_cast<uint64_t>(status.age->count()) : UINT64_MAX;
   told.version = status.version;
   told.incarnation = status.incarnation;
@@ -172,6 +175,21 @@ void Administration::fleet(const Asked &asked) {
   put_text(told.machine, fleet_->machine());
   put_text(told.standing, status.words);
   asked.reply.record(told);
+}
+
+void Administration::fleet_owners(const Asked &asked) {
+  const std::optional<uint32_t> from = number_in(asked.request);
+  if (!from) return asked.reply.result(KS_INVALID_ARGS);
+  if (fleet_ == nullptr) return asked.reply.result(KS_NOT_FOUND);
+  const fleet::Owners &names = fleet_->owner_names();
+  std::vector<HostFleetOwner> records;
+  for (const vault::Owner &owner : fleet_->owners(*from, HOST_PAGE_RECORDS + 1)) {
+    HostFleetOwner &record = records.emplace_back();
+    record.uid = owner.uid;
+    record.flags = names.is_user(owner.uid) ? 0 : HOST_OWNER_IS_NO_USER;
+    put_text(record.name, names.name_of(owner.uid));
+  }
+  page(asked.reply, std::move(records));
 }
 
 void Administration::counters(const Asked &asked) {

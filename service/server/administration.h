@@ -58,6 +58,7 @@ class Administration {
   void change_master_key(const Asked &asked);
   void master_key_change(const Asked &asked);
   void fleet(const Asked &asked);
+  void fleet_owners(const Asked &asked);
 
   vault::Owner fullest_owner(uint64_t vault::Owner::*what) const;
   uint64_t up_ms() const;

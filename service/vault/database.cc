@@ -301,7 +301,7 @@ Database::Room Database::room() {
 }
 
 WriteFailure Database::failure() const noexcept {
-  const int error = sqlite3_errcode(db_.get());
+  const int error = sqlite3_extended_errcode(db_.get());
   const bool no_memory = (error & 0xff) == SQLITE_NOMEM || error == SQLITE_IOERR_NOMEM;
   WriteFailure failure{is_full(error) ? KS_STORE_FULL : no_memory ? KS_NO_MEMORY : KS_FW_BAD_CELL, {}};
   try {
@@ -311,15 +311,30 @@ WriteFailure Database::failure() const noexcept {
   return failure;
 }
 
+// A quota that is used up is an error like others for SQLite. A sync that failed is never harmless: what it should have
+// brought to disk may be gone.
 bool Database::is_full(int error) const {
   if ((error & 0xff) == SQLITE_FULL) return true;
-  const int cause = sqlite3_system_errno(db_.get());
-  return (error & 0xff) == SQLITE_IOERR && (cause == ENOSPC || cause == EDQUOT);
+  if ((error & 0xff) != SQLITE_IOERR || error == SQLITE_IOERR_FSYNC) return false;
+  const int cause = cause_of_failure();
+  return cause == ENOSPC || cause == EDQUOT;
+}
+
+// SQLite doesn't tell it of a commit that failed, but the log's file does.
+int Database::cause_of_failure() const {
+  int cause = sqlite3_system_errno(db_.get());
+  sqlite3_file *log = nullptr;
+  if (cause == 0 && (sqlite3_errcode(db_.get()) & 0xff) == SQLITE_IOERR &&
+      sqlite3_file_control(db_.get(), nullptr, SQLITE_FCNTL_JOURNAL_POINTER, &log) == SQLITE_OK && log != nullptr &&
+      log->pMethods != nullptr) {
+    log->pMethods->xFileControl(log, SQLITE_FCNTL_LAST_ERRNO, &cause);
+  }
+  return cause;
 }
 
 std::string Database::error_text() const {
   const std::string text = sqlite3_errmsg(db_.get());
-  const int cause = sqlite3_system_errno(db_.get());
+  const int cause = cause_of_failure();
   return cause == 0 ? text : fmt::format("{} ({})", text, errno_text(cause));
 }
 

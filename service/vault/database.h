@@ -114,6 +114,7 @@ class Database {
   Statement prepare(const char *sql) const;
   int64_t number(sqlite3_stmt *statement);
   bool is_full(int error) const;
+  int cause_of_failure() const;
   std::string error_text() const;
   WriteFailure failure() const noexcept;
   std::optional<WriteFailure> checkpoint(int mode);

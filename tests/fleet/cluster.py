@@ -217,11 +217,11 @@ class Cluster:
     self.wait_for_leader()
 
 
-def make_certificates(folder, network, members=3, name="one"):
+def make_certificates(folder, network, members=3, name="one", days=30):
   """An authority, a certificate for all members and one for a client, by openssl, as Cluster(tls=) takes them."""
   os.makedirs(folder, exist_ok=True)
   names = ",".join(f"IP:{network.address(m)}" for m in range(1, members + 1))
-  new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2"]
+  new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", str(days)]
   run("openssl", "req", "-x509", *new_key, "-subj", f"/CN=authority {name}", "-keyout", f"{folder}/ca.key", "-out",
       f"{folder}/ca.crt")
   for who, usage in (("server", "serverAuth,clientAuth"), ("client", "clientAuth")):
@@ -230,5 +230,5 @@ def make_certificates(folder, network, members=3, name="one"):
     with open(f"{folder}/{who}.ext", "w") as extensions:
       extensions.write(f"extendedKeyUsage={usage}\n" + (f"subjectAltName={names}\n" if who == "server" else ""))
     run("openssl", "x509", "-req", "-in", f"{folder}/{who}.csr", "-CA", f"{folder}/ca.crt", "-CAkey",
-        f"{folder}/ca.key", "-CAcreateserial", "-days", "2", "-extfile", f"{folder}/{who}.ext", "-out",
+        f"{folder}/ca.key", "-CAcreateserial", "-days", str(days), "-extfile", f"{folder}/{who}.ext", "-out",
         f"{folder}/{who}.crt")

@@ -9,6 +9,7 @@ Run by ctest, with the build's folder in KS_BUILD. Arguments are those of unitte
 
 import json
 import os
+import signal
 import sys
 import threading
 import time
@@ -38,8 +39,9 @@ class Fleet(unittest.TestCase):
     tls = f"{own_world.FOLDER}/tls"
     cluster.make_certificates(tls, cls.network)
     cls.etcd = cluster.Cluster(cls.network, tls=tls)
-    cls.machines = [Machine(cls.network, cls.etcd, 1, "create = true"), Machine(cls.network, cls.etcd, 2),
-                    Machine(cls.network, cls.etcd, 3)]
+    named = '[shared.owners]\nradius = "root"'
+    cls.machines = [Machine(cls.network, cls.etcd, 1, "create = true\n" + named),
+                    Machine(cls.network, cls.etcd, 2, named), Machine(cls.network, cls.etcd, 3)]
     first, *others = cls.machines
     first.start()
     for other in others:
@@ -94,13 +96,84 @@ class Fleet(unittest.TestCase):
     self.assertEqual(self.one.names(), self.two.names())
     self.assertEqual(self.one.names(), self.three.names())
 
-  def test_goes_on_when_an_engine_dies(self):
-    self.assertEqual(self.one.put("before"), 0)
-    for engine in self.one.engines()[1:]:
-      os.kill(engine, 9)
-    self.two.put("meanwhile")
-    self.one.wait_for(["before", "meanwhile"])
-    self.assertEqual(self.one.put("after"), 0)
+  def test_goes_on_whichever_process_of_its_engine_dies(self):
+    names = []
+    for i, dying in enumerate(((2,), (0,), (1,), (0, 2), (1, 2))):
+      engines = cluster.wait_until(lambda: self.three_processes(self.one), 10, "an engine and who starts it")
+      for role in dying:
+        os.kill(engines[role], 9)
+      self.assertEqual(self.two.put(f"{i}"), 0)
+      names.append(f"{i}")
+      self.one.wait_for(names)
+      cluster.wait_until(lambda: self.one.put(f"own {i}") == 0, 10, "a change")  # the first may come before the engine
+      names.append(f"own {i}")
+
+  @staticmethod
+  def three_processes(of):
+    engines = of.engines()
+    return engines if len(engines) == 3 and len(os.listdir(f"/proc/{engines[2]}/task")) > 1 else None
+
+  def test_says_so_when_no_process_is_left_that_starts_engines(self):
+    engines = cluster.wait_until(lambda: self.three_processes(self.one), 10, "an engine and who starts it")
+    for stroke in (signal.SIGSTOP, signal.SIGKILL):
+      for engine in engines:
+        os.kill(engine, stroke)
+    cluster.wait_until(lambda: not self.one.status()["well"], 10, "word of it")
+    self.assertIn("no process is left that starts engines; restart the service", self.one.status()["standing"])
+    found = self.one.doctor()
+    self.assertEqual(found["fleet engine"][0], "fault")
+    self.assertEqual(found["fleet"][0], "not looked at")
+    self.one.kill()
+    self.one.start()
+    cluster.wait_until(lambda: self.one.put("after") == 0, 10, "a change")
+
+  def test_names_owners_as_the_fleet_does(self):
+    self.assertEqual(self.one.put("a"), 0)
+    self.assertEqual(self.three.put("bc", "two"), 0)
+    self.one.wait_for(["a", "bc"])
+    owners = {owner["owner"]: owner for owner in json.loads(self.one.ctl("owners", "--json").stdout)["owners"]}
+    self.assertEqual((owners["radius"]["uid"], owners["radius"]["user"], owners["radius"]["entries"]), (0, "root", 1))
+    self.assertEqual((owners["others"]["uid"], owners["others"]["user"], owners["others"]["bytes"]), (None, None, 3))
+    limits = {limit["key"]: limit for limit in json.loads(self.three.ctl("limits", "--json").stdout)["limits"]}
+    self.assertEqual((limits["bytes_per_user"]["owner"], limits["bytes_per_user"]["uid"]), ("radius", None))
+    self.assertEqual((limits["connections_per_user"]["owner"], limits["connections_per_user"]["uid"]), (None, 0))
+
+  def test_status_tells_of_the_fleet_and_of_no_vault(self):
+    status = json.loads(self.one.ctl("status", "--json").stdout)
+    self.assertIsNone(status["vault"])
+    self.assertEqual((status["fleet"]["machine"], status["fleet"]["well"]), ("m1", True))
+    self.assertEqual(status["fleet"]["mirror"], f"{self.one.folder}/mirror.db")
+    self.assertGreater(status["fleet"]["mirror_size"], 0)
+
+  def test_refuses_what_is_for_a_vault_and_says_what_to_do(self):
+    refused = self.one.ctl("vault", "rekey")
+    self.assertEqual(refused.returncode, 7)
+    self.assertIn("ksctl fleet rotate", refused.stderr)
+
+  def test_doctor_finds_a_machine_that_is_well(self):
+    found = self.one.doctor()
+    for check in ("fleet engine", "fleet", "fleet age", "fleet files", "fleet certificates", "vault", "disk"):
+      self.assertEqual(found[check][0], "good", check)
+    self.assertIn("ca.crt is good until", found["fleet certificates"][1])
+
+  def test_doctor_finds_keys_and_certificates_that_are_wrong(self):
+    tls = self.etcd.tls
+    os.chmod(f"{tls}/client.key", 0o644)
+    verdict, finding, repair = self.one.doctor()["fleet files"]
+    os.chmod(f"{tls}/client.key", 0o600)
+    self.assertEqual((verdict, "others may read" in finding, "chmod 0400" in repair), ("fault", True, True))
+
+    os.rename(f"{tls}/ca.crt", f"{tls}/ca.kept")
+    self.addCleanup(os.rename, f"{tls}/ca.kept", f"{tls}/ca.crt")
+    with open(f"{tls}/ca.crt", "w") as empty:
+      empty.write("no certificate")
+    self.assertIn("there is no certificate in it", self.one.doctor()["fleet certificates"][1])
+    short = f"{own_world.FOLDER}/short"
+    cluster.make_certificates(short, self.network, days=13)
+    os.rename(f"{short}/ca.crt", f"{tls}/ca.crt")
+    self.assertRegex(self.one.doctor()["fleet certificates"][1], "ca.crt expires on .*, in 1[23] days")
+    os.unlink(f"{tls}/ca.crt")
+    self.assertIn("isn't there", self.one.doctor()["fleet files"][1])
 
   def test_keeps_what_was_acknowledged_when_services_and_members_are_killed(self):
     for i in range(3):
@@ -127,6 +200,9 @@ class Fleet(unittest.TestCase):
     self.assertLess(time.monotonic() - begun, 6.5)
     self.assertEqual(self.two.names(), ["before"])
     self.assertIn("doesn't answer", self.two.status()["standing"])
+    found = self.two.doctor()
+    self.assertEqual((found["fleet engine"][0], found["fleet"][0]), ("good", "fault"))
+    self.assertEqual(found["fleet"][1], self.two.status()["standing"])
     warnings = json.loads(self.two.ctl("status", "--json").stdout)["warnings"]
     self.assertEqual(warnings, ["the fleet: " + self.two.status()["standing"]])
     # A restart is served by what the machine has kept of the fleet.
@@ -154,8 +230,10 @@ class Fleet(unittest.TestCase):
       import jsonschema
     except ImportError:
       return
-    with open("tools/ksctl/schemas/fleet-status.json") as schema:
-      jsonschema.validate(status, json.load(schema))
+    self.assertEqual(self.one.put("a"), 0)
+    for words in (("fleet", "status"), ("status",), ("owners",), ("limits",)):
+      with open(f"tools/ksctl/schemas/{'-'.join(words)}.json") as schema:
+        jsonschema.validate(json.loads(self.one.ctl(*words, "--json").stdout), json.load(schema))
 
 
 class Tampering(unittest.TestCase):
@@ -194,6 +272,9 @@ class Tampering(unittest.TestCase):
     print(f"found after {time.monotonic() - begun:.2f} s: {machines[0].status()['standing']}", file=sys.stderr)
     for each in machines:
       self.assertNotEqual(each.put("c"), 0)
+      verdict, finding, repair = each.doctor()["fleet"]
+      self.assertEqual((verdict, finding), ("fault", each.status()["standing"]))
+      self.assertIn("systemctl restart ksd", repair)
 
   def test_a_row_that_is_removed_is_found(self):
     self.etcd.ctl("del", self.rows()[0])

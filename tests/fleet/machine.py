@@ -14,6 +14,8 @@ import cluster
 import own_world
 from engine import BUILD
 
+ENGINE = os.path.abspath(f"{BUILD}/ksd-engine")
+
 
 class Machine:
   """Its files lie in a folder of its own. The test's user is its administrator and in VDC 7."""
@@ -62,7 +64,7 @@ users = ["root"]
       os.unlink(path)
     notified.bind(path)
     notified.settimeout(1)
-    environment = dict(os.environ, KSD_ENGINE=os.path.abspath(f"{BUILD}/ksd-engine"), NOTIFY_SOCKET=path)
+    environment = dict(os.environ, KSD_ENGINE=ENGINE, NOTIFY_SOCKET=path)
     with open(self.log, "a") as log:
       self.process = subprocess.Popen([*self.network.on(self.number), f"{BUILD}/{self.program}", "--allow-root", "--config",
                                        f"{self.folder}/ksd.toml"], stderr=log, env=environment)
@@ -90,13 +92,22 @@ users = ["root"]
     return self.process.wait(60)
 
   def engines(self):
-    """Processes of engines that serve this machine's daemon; the first of them starts the others."""
+    """Processes that serve this machine's daemon: one that starts engines, one that stands by, and the engine."""
     found = subprocess.run(["ip", "netns", "pids", f"m{self.number}"], capture_output=True, text=True).stdout.split()
-    return [int(pid) for pid in found if os.readlink(f"/proc/{pid}/exe").endswith("/ksd-engine")]
+    pids = [int(pid) for pid in found if os.readlink(f"/proc/{pid}/exe").endswith("/ksd-engine")]
+    parent = {pid: int(stat_of(pid)[1]) for pid in pids}
+    # Of those who stand by none has threads or children.
+    role = {pid: 2 if len(os.listdir(f"/proc/{pid}/task")) > 1 else 0 if pid in parent.values() else 1 for pid in pids}
+    return sorted(pids, key=role.get)
+
+  def doctor(self):
+    """What is found to be wrong or good, by the check's name; the last of each, and its repair."""
+    found = json.loads(self.ctl("doctor", "--config", f"{self.folder}/ksd.toml", "--json").stdout)["checks"]
+    return {row["check"]: (row["verdict"], row["finding"], row["repair"]) for row in found}
 
   def ctl(self, *words, given=None):
     return subprocess.run([f"{BUILD}/ksctl", "--socket", self.socket, *words], input=given,
-                          capture_output=True, text=True)
+                          capture_output=True, text=True, env=dict(os.environ, KSD_ENGINE=ENGINE))
 
   def put(self, name, secret="a secret"):
     return self.ctl("secret", "put", name, given=secret).returncode
@@ -113,6 +124,12 @@ users = ["root"]
 
   def wait_for(self, names, seconds=10):
     cluster.wait_until(lambda: set(self.names() or []) == set(names), seconds, f"{names} on machine {self.number}")
+
+
+def stat_of(pid):
+  """The fields of /proc/PID/stat behind the name."""
+  with open(f"/proc/{pid}/stat") as stat:
+    return stat.read().rpartition(")")[2].split()
 
 
 def join(machine, to):

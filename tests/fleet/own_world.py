@@ -26,9 +26,13 @@ def skip(reason):
   sys.exit(SKIPPED)
 
 
+def is_inside():
+  return os.environ.get("KS_OWN_WORLD") == str(os.getpid())
+
+
 def enter(*programs):
   """Returns inside; outside it ends with the exit status of the script inside."""
-  if os.environ.get("KS_OWN_WORLD") == str(os.getpid()):
+  if is_inside():
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
     for folder in ("/run/netns", FOLDER):
       os.mkdir(folder)

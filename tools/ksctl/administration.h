@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,28 @@ Records<Head, Record> records_of(const std::vector<uint8_t> &payload) {
   }
   return reply;
 }
+
+// is_of_fleet tells whether the service shares the entries of a fleet, and so has no vault of its own.
+bool is_of_fleet(ServiceLink &link);
+
+// FleetOwners has the names by which users own entries of a fleet, from their numbers. A service that keeps its entries
+// alone has none.
+class FleetOwners {
+ public:
+  explicit FleetOwners(ServiceLink &link);
+
+  bool is_known() const { return is_known_; }  // whether the service is one of a fleet
+
+  // name gives the fleet's name for a number, or null.
+  Value name(uint32_t uid) const;
+
+  // is_user tells whether the number is that of a user of this machine; else it stands for the name alone.
+  bool is_user(uint32_t uid) const;
+
+ private:
+  bool is_known_ = false;
+  std::map<uint32_t, HostFleetOwner> owners_;
+};
 
 // ask_for_all gives all records of a list, page by page.
 template <typename Record>

@@ -161,7 +161,8 @@ const char *word_of(Verdict verdict) {
 void doctor(Session &session, const Arguments &arguments) {
   const Patient patient = patient_of(session, arguments);
   std::vector<RunningCheck> running;
-  for (const auto checks : {service_checks(), vault_checks(), user_checks()}) {
+  const std::span<const Check> of_fleet = patient.is_shared ? fleet_checks() : std::span<const Check>();
+  for (const auto checks : {service_checks(), vault_checks(), of_fleet, user_checks()}) {
     for (const Check &check : checks) running.push_back(begin(check, patient));
   }
   const Clock::time_point deadline = Clock::now() + kLimit;

@@ -26,7 +26,7 @@ struct Patient {
   // Of the configuration and its options; without one nothing is known of the vault.
   std::optional<ksd::config::Config> config;
   std::string vault;            // empty: not known, or none is used
-  bool is_shared = false;       // the entries are those of a fleet
+  bool is_shared = false;       // the entries are those of a fleet, by the configuration that is there then
   std::string master_key_file;  // empty: systemd's, or not known
 };
 
@@ -62,6 +62,7 @@ struct Check {
 
 std::span<const Check> service_checks();  // doctor_service.cc: the socket and what serves there
 std::span<const Check> vault_checks();    // doctor_vault.cc: the configuration, the vault, its key, the disks
+std::span<const Check> fleet_checks();    // doctor_fleet.cc: for a patient whose entries are those of a fleet
 std::span<const Check> user_checks();     // doctor_user.cc: what the user's own programs need
 
 // ---- What checks share.

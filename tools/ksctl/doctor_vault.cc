@@ -71,7 +71,7 @@ void look_at_config(const Patient &patient, Findings &findings) {
 
 bool vault_is_known(const Patient &patient, Findings &findings) {
   if (patient.vault.empty() && patient.is_shared) {
-    findings.unknown("the entries are those of a fleet: ksctl fleet status tells how that goes");
+    findings.good("there is none: the entries are those of a fleet");
     return false;
   }
   if (patient.vault.empty()) findings.unknown("no configuration says where the vault is; --config or --vault does");
@@ -262,6 +262,9 @@ void look_at_disk(const std::string &folder, const char *what, std::set<unsigned
 void look_at_disks(const Patient &patient, Findings &findings) {
   std::set<unsigned long> seen;
   if (!patient.vault.empty()) look_at_disk(folder_of(patient.vault), "the vault", seen, findings);
+  if (patient.is_shared && !patient.config->shared->mirror.empty()) {
+    look_at_disk(folder_of(patient.config->shared->mirror), "the mirror", seen, findings);
+  }
   look_at_disk(folder_of(patient.socket), "the socket", seen, findings);
 }
 

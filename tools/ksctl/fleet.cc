@@ -99,7 +99,8 @@ void compare(const Arguments &arguments, const std::string &fingerprint, const c
 }
 
 void write_line(const std::string &path, const std::string &line) {
-  GrowingFile file(path);
+  constexpr mode_t kForAll = 0644;  // whoever carries it is another user
+  GrowingFile file(path, kForAll);
   file.write(std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
   file.keep();
 }

@@ -17,7 +17,7 @@
 
 namespace ksctl {
 
-GrowingFile::GrowingFile(const std::string &path) : path_(path), draft_(path + ".part") {
+GrowingFile::GrowingFile(const std::string &path, mode_t mode) : path_(path), draft_(path + ".part"), mode_(mode) {
   struct stat info {};
   if (lstat(path_.c_str(), &info) == 0) {
     errno = EEXIST;
@@ -48,7 +48,7 @@ void GrowingFile::write(std::span<const uint8_t> bytes) {
 }
 
 void GrowingFile::keep() {
-  if (fsync(file_.get()) != 0) fail();
+  if (fchmod(file_.get(), mode_) != 0 || fsync(file_.get()) != 0) fail();
   const std::string nameless = fmt::format("/proc/self/fd/{}", file_.get());
   const bool named = has_name_ ? renameat2(AT_FDCWD, draft_.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE) == 0
                                : linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, path_.c_str(), AT_SYMLINK_FOLLOW) == 0;

@@ -5,6 +5,8 @@
 #ifndef TOOLS_KSCTL_GROWING_FILE_H
 #define TOOLS_KSCTL_GROWING_FILE_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <span>
 #include <string>
@@ -17,7 +19,8 @@ namespace ksctl {
 // never takes the place of a file that is there: Failure kConflict. Other failures are kFailed, with the cause.
 class GrowingFile {
  public:
-  explicit GrowingFile(const std::string &path);
+  // mode is the file's once it is kept; until then it is for this user alone.
+  explicit GrowingFile(const std::string &path, mode_t mode = 0600);
   ~GrowingFile();
   GrowingFile(const GrowingFile &) = delete;
   GrowingFile &operator=(const GrowingFile &) = delete;
@@ -31,6 +34,7 @@ class GrowingFile {
   [[noreturn]] void fail() const;
 
   const std::string path_, draft_;
+  const mode_t mode_;
   ksd::UniqueFd file_;
   bool has_name_ = false;
 };

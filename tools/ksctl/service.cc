@@ -20,8 +20,25 @@ uint64_t channels_of(ServiceLink &link) {
   return 0;
 }
 
-void print_status_page(Session &session, const HostStatusReply &status, uint64_t channels,
-                       const std::vector<std::string> &warnings) {
+std::optional<HostFleetReply> fleet_of(ServiceLink &link, const HostStatusReply &status) {
+  if ((status.flags & HOST_STATUS_SHARED) == 0) return std::nullopt;
+  return link.ask_for<HostFleetReply>(HOST_OP_FLEET);
+}
+
+// The files of a vault, or of the mirror of a fleet.
+std::string files_in_words(const HostStatusReply &status) {
+  return fmt::format("{}, {}, log {}", text_in(status.vault), size_text(status.vault_size), size_text(status.log_size));
+}
+
+std::string fleet_in_words(const HostFleetReply &fleet) {
+  const bool well = (fleet.flags & HOST_FLEET_IS_WELL) != 0;
+  const std::string age =
+      fleet.age_ms == UINT64_MAX ? "nothing is loaded" : fmt::format("entries of {} ms ago", fleet.age_ms);
+  return fmt::format("machine {}, {}, {}", text_in(fleet.machine), well ? "all is well" : "see above", age);
+}
+
+void print_status_page(Session &session, const HostStatusReply &status, const std::optional<HostFleetReply> &fleet,
+                       uint64_t channels, const std::vector<std::string> &warnings) {
   std::string page;
   for (const std::string &warning : warnings) page += session.output.alarm("! " + printable(warning)) + "\n";
   const auto line = [&](const char *name, const std::string &text) {
@@ -35,23 +52,52 @@ void print_status_page(Session &session, const HostStatusReply &status, uint64_t
                                   status.users, status.users == 1 ? "user" : "users", channels));
   line("entries", share_text(status.entries, status.entry_limit));
   line("bytes", size_share_text(status.bytes, status.byte_limit));
-  line("vault",
-       fmt::format("{}, {}, log {}{}", text_in(status.vault), size_text(status.vault_size), size_text(status.log_size),
-                   (status.flags & HOST_STATUS_COMPACTION_HELPS) != 0 ? "; compaction would help" : ""));
+  if (fleet) {
+    line("fleet", fleet_in_words(*fleet));
+    line("mirror", status.vault[0] == '\0' ? "none" : files_in_words(status));
+  } else {
+    const bool compaction_helps = (status.flags & HOST_STATUS_COMPACTION_HELPS) != 0;
+    line("vault", files_in_words(status) + (compaction_helps ? "; compaction would help" : ""));
+  }
   line("sup state", std::to_string(status.supstate));
   line("receive limit", fmt::format("{} ms", status.receive_limit_ms));
   session.output.text(page, {});
+}
+
+Value text_or_null(const std::string &text) {
+  return text.empty() ? Value() : Value(text);
+}
+
+Value vault_value(const HostStatusReply &status) {
+  if ((status.flags & HOST_STATUS_SHARED) != 0) return {};
+  return Object{{"file", text_in(status.vault)},
+                {"size", status.vault_size},
+                {"log_size", status.log_size},
+                {"compaction_helps", (status.flags & HOST_STATUS_COMPACTION_HELPS) != 0},
+                {"reserve_kept", (status.flags & HOST_STATUS_RESERVE_GIVEN_UP) == 0}};
+}
+
+Value fleet_value(const HostFleetReply &fleet, const HostStatusReply &status) {
+  return Object{{"machine", text_in(fleet.machine)},
+                {"well", (fleet.flags & HOST_FLEET_IS_WELL) != 0},
+                {"left_alone", (fleet.flags & HOST_FLEET_LEFT_ALONE) != 0},
+                {"age_ms", fleet.age_ms == UINT64_MAX ? Value() : Value(fleet.age_ms)},
+                {"mirror", text_or_null(text_in(status.vault))},
+                {"mirror_size", status.vault_size},
+                {"mirror_log_size", status.log_size}};
 }
 
 void status(Session &session, const Arguments &) {
   ServiceLink link(session.socket);
   const auto status = link.ask_for<HostStatusReply>(HOST_OP_STATUS);
   const uint64_t channels = channels_of(link);
+  const std::optional<HostFleetReply> fleet = fleet_of(link, status);
   const std::vector<std::string> warnings = warnings_of(status);
-  if (session.output.format() == Format::kTerminal) return print_status_page(session, status, channels, warnings);
+  if (session.output.format() == Format::kTerminal) {
+    return print_status_page(session, status, fleet, channels, warnings);
+  }
 
   const auto has = [&](uint32_t flag) { return (status.flags & flag) != 0; };
-  const auto text_or_null = [](const std::string &text) { return text.empty() ? Value() : Value(text); };
   Object fields{
       {"warnings", List(warnings.begin(), warnings.end())},
       {"socket", session.socket},
@@ -65,11 +111,8 @@ void status(Session &session, const Arguments &) {
                              {"channels", channels}}},
       {"entries", Object{{"stored", status.entries}, {"limit", status.entry_limit}}},
       {"bytes", Object{{"stored", status.bytes}, {"limit", status.byte_limit}}},
-      {"vault", Object{{"file", text_in(status.vault)},
-                       {"size", status.vault_size},
-                       {"log_size", status.log_size},
-                       {"compaction_helps", has(HOST_STATUS_COMPACTION_HELPS)},
-                       {"reserve_kept", !has(HOST_STATUS_RESERVE_GIVEN_UP)}}},
+      {"vault", vault_value(status)},
+      {"fleet", fleet ? fleet_value(*fleet, status) : Value()},
       {"changes", Object{{"refused", has(HOST_STATUS_CHANGES_REFUSED)},
                          {"until_restart", has(HOST_STATUS_UNTIL_RESTART)},
                          {"why", text_or_null(text_in(status.refusal))}}},
@@ -94,35 +137,45 @@ Value vdc_value(uint32_t vdc_id) {
 
 void owners(Session &session, const Arguments &) {
   ServiceLink link(session.socket);
+  const FleetOwners of_fleet(link);
   List rows;
   for (const HostOwnerRecord &owner : ask_for_all<HostOwnerRecord>(link, HOST_OP_OWNERS)) {
-    rows.push_back(Object{{"uid", owner.uid},
-                          {"user", user_name(owner.uid)},
+    const bool is_user = of_fleet.is_user(owner.uid);
+    rows.push_back(Object{{"owner", of_fleet.name(owner.uid)},
+                          {"uid", is_user ? Value(owner.uid) : Value()},
+                          {"user", is_user ? user_name(owner.uid) : Value()},
                           {"vdc", vdc_value(owner.vdc_id)},
                           {"entries", owner.entries},
                           {"bytes", owner.bytes}});
   }
-  static constexpr Column kColumns[] = {
-      {"uid", "UID"}, {"user", "USER"}, {"vdc", "VDC"}, {"entries", "ENTRIES"}, {"bytes", "BYTES"}};
-  session.output.table("owners", kColumns, rows, "The vault is empty.");
+  static constexpr Column kColumns[] = {{"owner", "OWNER"}, {"uid", "UID"},         {"user", "USER"},
+                                        {"vdc", "VDC"},     {"entries", "ENTRIES"}, {"bytes", "BYTES"}};
+  session.output.table("owners", std::span(kColumns).subspan(of_fleet.is_known() ? 0 : 1), rows, "The vault is empty.");
 }
 
 void limits(Session &session, const Arguments &) {
   ServiceLink link(session.socket);
+  const FleetOwners of_fleet(link);
   List rows;
   for (const HostLimitRecord &limit : records_of<HostLimitsReply, HostLimitRecord>(link.ask(HOST_OP_LIMITS)).records) {
     const bool has_use = (limit.flags & HOST_LIMIT_HAS_USE) != 0;
+    const bool has_user = (limit.flags & HOST_LIMIT_HAS_USER) != 0;
+    // Who connects is a user of this machine, who owns entries one of the fleet's.
+    const std::string key = text_in(limit.key);
+    const bool is_of_owners = key == "entries_per_user" || key == "bytes_per_user";
     rows.push_back(Object{
-        {"key", text_in(limit.key)},
+        {"key", key},
         {"limit", limit.limit},
         {"used", has_use ? Value(limit.used) : Value()},
         {"percent", has_use && limit.limit != 0 ? Value(100 * limit.used / limit.limit) : Value()},
-        {"uid", (limit.flags & HOST_LIMIT_HAS_USER) != 0 ? Value(limit.uid) : Value()},
+        {"uid", has_user && !(is_of_owners && !of_fleet.is_user(limit.uid)) ? Value(limit.uid) : Value()},
+        {"owner", has_user && is_of_owners ? of_fleet.name(limit.uid) : Value()},
     });
   }
-  static constexpr Column kColumns[] = {
-      {"key", "LIMIT"}, {"used", "USED"}, {"limit", "OF"}, {"percent", "%"}, {"uid", "BY UID"}};
-  session.output.table("limits", kColumns, rows, "There are no limits.");
+  static constexpr Column kColumns[] = {{"key", "LIMIT"}, {"used", "USED"},  {"limit", "OF"},
+                                        {"percent", "%"}, {"uid", "BY UID"}, {"owner", "BY OWNER"}};
+  session.output.table("limits", std::span(kColumns).first(std::size(kColumns) - (of_fleet.is_known() ? 0 : 1)), rows,
+                       "There are no limits.");
 }
 
 void reload(Session &session, const Arguments &) {
@@ -155,8 +208,10 @@ void reload(Session &session, const Arguments &) {
 }
 
 void checkpoint(Session &session, const Arguments &) {
-  const auto reply = ServiceLink(session.socket).ask_for<HostCheckpointReply>(HOST_OP_CHECKPOINT);
-  session.output.done(fmt::format("The vault's log is written back: {} pages.", reply.pages),
+  ServiceLink link(session.socket);
+  const auto reply = link.ask_for<HostCheckpointReply>(HOST_OP_CHECKPOINT);
+  session.output.done(is_of_fleet(link) ? "There is no log to write back: the entries are those of a fleet."
+                                        : fmt::format("The vault's log is written back: {} pages.", reply.pages),
                       Object{{"pages", reply.pages}});
 }
 

@@ -16,6 +16,7 @@
 #include <ctime>
 #include <thread>
 
+#include "administration.h"
 #include "command.h"
 #include "growing_file.h"
 #include "progress.h"
@@ -179,6 +180,11 @@ void migrate(Session &session, const Arguments &arguments) {
 // begin_rekey asks the service for it. A key that is a credential is replaced by who provides it: the next one is
 // written to a file for that, before anything is sealed with it.
 void begin_rekey(ServiceLink &link, const Arguments &arguments) {
+  if (is_of_fleet(link)) {
+    throw Failure(Exit::kConflict,
+                  "vault rekey: the entries are those of a fleet, whose machines have one master key; "
+                  "ksctl fleet rotate changes that");
+  }
   if (!arguments.has("--new-key-file")) {
     switch (link.result_of(HOST_OP_CHANGE_MASTER_KEY)) {
       case KS_SUCCESS:

@@ -28,6 +28,7 @@
 #define HOST_OP_CHANGE_MASTER_KEY UINT32_C(18)
 #define HOST_OP_MASTER_KEY_CHANGE UINT32_C(19)
 #define HOST_OP_FLEET UINT32_C(20)
+#define HOST_OP_FLEET_OWNERS UINT32_C(29)
 
 /* For everybody whom the hello offers a channel. */
 #define HOST_OP_CHANNEL UINT32_C(64)
@@ -142,7 +143,7 @@ typedef struct {
   uint32_t problem_count;    /* that the last reload met with */
   uint64_t config_loaded_at; /* the configuration in force */
   uint64_t reload_failed_at; /* 0: the last reload was taken up */
-  char vault[256];
+  char vault[256]; /* of a fleet the mirror; empty: there is none */
   char config[256];  /* the configuration's file */
   char refusal[256]; /* why changes are refused; empty while they aren't */
   char problem[256]; /* the first one that the last reload met with; empty when it was taken up */
@@ -362,7 +363,21 @@ typedef struct {
 #define HOST_FLEET_IS_WELL UINT32_C(1)
 #define HOST_FLEET_LEFT_ALONE UINT32_C(2) /* nothing is read from the store or written to it until a restart */
 
+#define HOST_FLEET_NO_ENGINE UINT32_C(4)  /* there is no process that could talk to the store */
+
 KS_STATIC_ASSERT(sizeof(HostFleetReply) == 400);
+
+/* HOST_OP_FLEET_OWNERS is answered with a page of these, as HOST_OP_OWNERS of the same users: by which names of the
+ * fleet they own entries. KS_NOT_FOUND, 4 bytes: the service keeps its entries alone. */
+typedef struct {
+  uint32_t uid;   /* as HOST_OP_OWNERS and HOST_OP_LIMITS tell it */
+  uint32_t flags; /* HOST_OWNER_... */
+  char name[64];
+} HostFleetOwner;
+
+#define HOST_OWNER_IS_NO_USER UINT32_C(1) /* the number stands for the name alone: no user of this machine has it */
+
+KS_STATIC_ASSERT(sizeof(HostFleetOwner) == 72);
 
 /* HostReplyShape is what a reply to one of the keystore's messages has to hold, so that whoever reads it without
  * looking finds it there. Every reply begins with its result; what follows counts with KS_SUCCESS alone.

@@ -11,10 +11,12 @@ programs, headers and libraries of BUILD where an installation has them.
 """
 
 import os
+import pty
 import re
 import subprocess
 import sys
 import tempfile
+import termios
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -58,18 +60,32 @@ def installed(build, folder):
 
 
 class Shell:
-  """A shell inside a private service, given one step after the other."""
+  """A shell that is given one step after the other, and prints on a terminal if it is to."""
 
-  def __init__(self, build, environment, folder):
-    self.process = subprocess.Popen([build / "ks-session", "--vdc", "7", "--", "bash", "--norc"], cwd=folder,
-                                    env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+  def __init__(self, command, environment=None, folder=None, terminal=False):
+    ours, its_own = pty.openpty() if terminal else os.pipe()
+    if terminal:
+      modes = termios.tcgetattr(its_own)
+      modes[1] &= ~termios.OPOST  # lines end as they do elsewhere
+      termios.tcsetattr(its_own, termios.TCSANOW, modes)
+    self.output = open(ours)
+    self.process = subprocess.Popen(command, cwd=folder, env=environment, stdin=subprocess.PIPE, stdout=its_own,
+                                    text=True)
+    os.close(its_own)
+
+  def lines(self):
+    try:
+      for line in self.output:
+        yield line
+    except OSError:  # a terminal that nobody has any more
+      return
 
   def run(self, commands):
     """The status of the last command, and what all of them printed."""
     self.process.stdin.write(f"{{ {commands}\n}} </dev/null 2>&1; printf '\\n{END} %s\\n' $?\n")
     self.process.stdin.flush()
     printed = []
-    for line in self.process.stdout:
+    for line in self.lines():
       if line.startswith(END):
         return int(line.split()[-1]), "".join(printed)[:-1]
       printed.append(line)
@@ -86,7 +102,7 @@ def main():
     scratch = Path(scratch)
     work = scratch / "work"
     work.mkdir()
-    shell = Shell(build, installed(build, scratch), work)
+    shell = Shell([build / "ks-session", "--vdc", "7", "--", "bash", "--norc"], installed(build, scratch), work)
     printed, ran = "", 0
     for line, kind, name, text in steps(page):
       if kind == "sh":

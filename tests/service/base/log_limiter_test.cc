@@ -52,4 +52,13 @@ TEST(LogLimiter, LetsAThousandUsersHaveNoMoreLinesThanItRemembers) {
   EXPECT_EQ(limiter.pass(Kind::kMalformed, 2, now), std::nullopt);
 }
 
+TEST(LogLimiter, RemembersOthersInThePlaceOfThoseWhoHaveBeenSilentForAMinute) {
+  LogLimiter limiter;
+  const LogLimiter::Clock::time_point start{};
+  for (uid_t uid = 0; uid < 20'000; ++uid) limiter.pass(Kind::kRefused, uid, start);
+  EXPECT_EQ(limiter.pass(Kind::kRefused, 30'000, start + 59s), std::nullopt) << "there is no room";
+  EXPECT_TRUE(limiter.pass(Kind::kRefused, 30'001, start + 60s));
+  EXPECT_TRUE(limiter.pass(Kind::kRefused, 30'002, start + 60s)) << "each has a line of its own again";
+}
+
 }  // namespace

@@ -189,6 +189,8 @@ TEST(Config, RefusesValuesOfAnotherKind) {
               ElementsAre("f:2:10: service.socket takes a text in quotes",
                           "f:3:20: service.receive_limit_ms takes a whole number from 10 to 3600000",
                           "f:5:11: limits.entries takes a whole number from 0 to 65535"));
+  EXPECT_THAT(problems_of("[service]\nallow_nobody = \"yes\"\n"),
+              ElementsAre("f:2:16: service.allow_nobody takes true or false"));
   EXPECT_THAT(problems_of("service = 1\nvdc = 2\n"), ElementsAre("f:1:11: service is a section: write [service]",
                                                                  HasSubstr("f:2:7: vdc takes an array of tables")));
 }

@@ -170,11 +170,55 @@ TEST_F(Link, LeavesAnEngineThatSaysNonsense) {
 
 TEST_F(Link, LeavesAnEngineThatDoesNotAnswerInTime) {
   EngineLink link = make();
+  link.send(ksd::fleet::ReadHeader{1, milliseconds(0)});
+  engines.at(0).say(ksd::fleet::HeaderIs{1, std::nullopt, 1});
+  EXPECT_EQ(only_report_of<ksd::fleet::HeaderIs>(link).id, 1u);
   const Clock::time_point begun = Clock::now();
-  link.send(ksd::fleet::ReadHeader{1, milliseconds(100)});
+  link.send(ksd::fleet::ReadHeader{2, milliseconds(500)});
   EXPECT_EQ(only_report_of<EngineGone>(link).why, "the engine doesn't answer");
-  EXPECT_GE(Clock::now() - begun, milliseconds(2100));
+  EXPECT_GE(Clock::now() - begun, milliseconds(2500));
   EXPECT_TRUE(engines.at(0).is_gone());
+}
+
+// An engine that has just taken a connection again, after some have failed.
+TEST_F(Link, HurriesAgainOnceAnEngineHasStarted) {
+  refusal = "nobody listens";
+  EngineLink link = make();
+  EXPECT_EQ(only_report_of<EngineGone>(link).why, "nobody listens");
+  while (connects < 4) reports_of(link, 1, milliseconds(10));
+  refusal.clear();
+  while (link.file() < 0) reports_of(link, 1, milliseconds(10));
+  engines.at(0).say(ksd::link::Started{});
+  link.send(ksd::fleet::ReadHeader{1, milliseconds(1000)});
+  engines[0].say(ksd::fleet::HeaderIs{1, std::nullopt, 1});
+  EXPECT_EQ(only_report_of<ksd::fleet::HeaderIs>(link).id, 1u);
+  refusal = "nobody listens";
+  engines.clear();
+  EXPECT_EQ(only_report_of<EngineGone>(link).why, "the engine has ended");
+  EXPECT_LE(link.wait_at_most().value_or(milliseconds::max()), milliseconds(100));
+  EXPECT_EQ(only_report_of<EngineGone>(link).why, "nobody listens");
+}
+
+TEST_F(Link, TakesNothingOverFromOneEngineToTheNext) {
+  EngineLink link = make();
+  std::vector<uint8_t> half;
+  append(FromEngine(ksd::fleet::Committed{1, 1}), half);
+  half.resize(half.size() / 2);
+  engines.at(0).say_bytes(half);
+  // More than the socket takes.
+  link.send(ksd::fleet::Commit{1, 1, {{"h", std::vector<uint8_t>(1 << 20), 0}}, {}, milliseconds(0)});
+  EXPECT_NE(link.events() & POLLOUT, 0);
+  engines.clear();
+  only_report_of<EngineGone>(link);
+  while (link.file() < 0) reports_of(link, 1, milliseconds(10));
+  link.send(ksd::fleet::ReadHeader{2, milliseconds(1000)});
+  engines.at(0).hear_a<ksd::link::Start>();
+  EXPECT_EQ(engines[0].hear_a<ksd::fleet::ReadHeader>().id, 2u);
+  EXPECT_EQ(link.events() & POLLOUT, 0);
+  engines[0].say(ksd::fleet::HeaderIs{2, std::nullopt, 18});
+  EXPECT_EQ(only_report_of<ksd::fleet::HeaderIs>(link).id, 2u);
+  // What the first one would have had to answer by now.
+  EXPECT_THAT(reports_of(link, 1, milliseconds(2500)), IsEmpty());
 }
 
 TEST_F(Link, AnswersInPlaceOfAnEngineThatReadsNothing) {

@@ -151,9 +151,16 @@ TEST(Frames, AreRefusedWithAReasonThatTheLogIsNotToHave) {
   }
 }
 
+TEST(Frames, HaveReasonsOfWhatCanBePrintedAlone) {
+  EXPECT_EQ(ksd::link::one_line("a \x1f\x7f\x80\xff~"), "a ????~");
+  EXPECT_EQ(ksd::link::one_line(std::string(201, 'x')), std::string(200, 'x'));
+}
+
 TEST(Frames, AreNotWrittenLargerThanAnybodyReadsThem) {
   Octets out = octets("before");
   EXPECT_FALSE(append(FromEngine(ksd::fleet::HeaderIs{1, KeyValue{"h", Octets(ksd::link::kMostFrame), 1}, 1}), out));
+  EXPECT_FALSE(
+      append(FromEngine(ksd::fleet::HeaderIs{1, KeyValue{"h", Octets(ksd::link::kMostFrame - 38), 1}, 1}), out));
   EXPECT_EQ(out, octets("before"));
   Octets largest;
   ASSERT_TRUE(

@@ -142,6 +142,8 @@ TEST(KsdCommandLine, ShowsNothingOfItsProgramsInside) {
 TEST(KsdCommandLine, RefusesWrongUseWithStatus2) {
   EXPECT_EQ(run_ksd({"--chek"}).status, 2);
   EXPECT_EQ(run_ksd({"--log-level", "loud"}).status, 2);
+  EXPECT_EQ(run_ksd({"--passphrase-fd", "-1"}).status, 2);
+  EXPECT_EQ(run_ksd({"--passphrase-fd", "1048577"}).status, 2);
 }
 
 }  // namespace

@@ -7,8 +7,11 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
+#include <cstddef>
 #include <cstdlib>
+#include <string>
 
 #include "temporary_folder.h"
 
@@ -33,6 +36,23 @@ TEST(Notifier, GoesOnWhenTheManagerHasStoppedReading) {
   char byte = 0;
   while (recv(manager.get(), &byte, 1, MSG_DONTWAIT) == 1) EXPECT_EQ(byte, 'x');
   notifier.ready();
+  EXPECT_EQ(recv(manager.get(), &byte, 1, MSG_DONTWAIT), 1);
+  EXPECT_EQ(byte, 'R');
+}
+
+// As containers pass it on: a name that is in no folder.
+TEST(Notifier, TellsAManagerWithoutAFile) {
+  const std::string name = "ks-notify-test-" + std::to_string(getpid());
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  const ksd::UniqueFd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr *>(&address), size), 0);
+
+  setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
+  ksd::server::Notifier().ready();
+  char byte = 0;
   EXPECT_EQ(recv(manager.get(), &byte, 1, MSG_DONTWAIT), 1);
   EXPECT_EQ(byte, 'R');
 }

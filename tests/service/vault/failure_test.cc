@@ -113,6 +113,24 @@ TEST_F(FailingDisk, RefusesChangesWithStoreFullWhileTheDiskIsFull) {
   EXPECT_EQ(put(*vault, "b", "x"), KS_SUCCESS);
 }
 
+// For SQLite that is an error like others; the vault isn't damaged, and takes changes again once there is room.
+TEST_F(FailingDisk, RefusesChangesWithStoreFullWhileTheQuotaIsUsedUp) {
+  disk.fail_writes(EDQUOT);
+  expect_all_changes_to_give(KS_STORE_FULL);
+  EXPECT_EQ(vault->condition().refusal, "disk I/O error (Disk quota exceeded)");
+  disk.fail_writes(0);
+  expect_unchanged();
+  EXPECT_EQ(put(*vault, "b", "x"), KS_SUCCESS);
+}
+
+// It may have lost what was written before, whatever the reason.
+TEST_F(FailingDisk, AcknowledgesNothingAfterASyncThatFoundNoRoom) {
+  disk.fail_syncs(ENOSPC);
+  expect_all_changes_to_give(KS_FW_BAD_CELL);
+  disk.fail_syncs(0);
+  expect_all_changes_to_give(KS_FW_BAD_CELL);
+}
+
 TEST_F(FailingDisk, GivesGenerationsOfFailedChangesToNobodyElse) {
   disk.fail_writes(ENOSPC);
   put(*vault, "b", "x");

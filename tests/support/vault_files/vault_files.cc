@@ -143,7 +143,10 @@ int write_file_part(sqlite3_file *file, const void *from, int size, sqlite3_int6
   const bool spared = disk->write_error != 0 && disk->spared_writes > 0 && disk->spared_writes-- > 0;
   const int error = offset + size > disk->room ? ENOSPC : spared ? 0 : disk->write_error.load();
   if (error == ENOSPC) return SQLITE_FULL;
-  if (error != 0) return SQLITE_IOERR_WRITE;
+  if (error != 0) {
+    errno = error;
+    return SQLITE_IOERR_WRITE;
+  }
   return change([=] { return real(file)->pMethods->xWrite(real(file), from, size, offset); });
 }
 int truncate_file(sqlite3_file *file, sqlite3_int64 size) {
@@ -178,6 +181,11 @@ int check_lock(sqlite3_file *file, int *out) {
   return real(file)->pMethods->xCheckReservedLock(real(file), out);
 }
 int control_file(sqlite3_file *file, int op, void *argument) {
+  if (const int error = disk->sync_error != 0 ? disk->sync_error.load() : disk->write_error.load();
+      op == SQLITE_FCNTL_LAST_ERRNO && error != 0) {
+    *static_cast<int *>(argument) = error;
+    return SQLITE_OK;
+  }
   return real(file)->pMethods->xFileControl(real(file), op, argument);
 }
 int sector_size(sqlite3_file *file) {

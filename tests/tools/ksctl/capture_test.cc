@@ -362,4 +362,24 @@ TEST_F(KsctlCapture, IsUnderstoodInTshark) {
   EXPECT_THAT(all.output, Not(HasSubstr("message 6")));
 }
 
+TEST_F(KsctlCapture, ShowsAllOfAStatusInTshark) {
+  if (run_program({"/bin/sh", "-c", "command -v tshark"}).status != 0) {
+    GTEST_SKIP() << "there is no tshark on this machine; ./dev viewers installs it";
+  }
+  ASSERT_EQ(capture({KS_SERVICE_DIR "/ksctl", "status"}).status, 0);
+  std::vector<std::string> command{
+      "/usr/bin/env", "tshark", "-X", "lua_script:" KS_SOURCE_DIR "/contrib/wireshark/ks.lua",
+      "-r",           file(),   "-Y", "ks.vault && ks.shared == 0 && ks.changes_refused == 0",
+      "-T",           "fields"};
+  for (const char *field : {"ks.bytes", "ks.byte_limit", "ks.receive_limit_ms", "ks.problem_count",
+                            "ks.reload_failed_at", "ks.vault", "ks.configuration", "ks.refusal"}) {
+    command.insert(command.end(), {"-e", field});
+  }
+
+  const ProgramRun shown = run_program(command);
+
+  EXPECT_EQ(shown.output, "0\t268435456\t30000\t0\t0\t" + service_.vault() + "\t" + service_.folder() + "/ksd.toml\t\n")
+      << shown.errors;
+}
+
 }  // namespace

@@ -70,6 +70,18 @@ TEST_F(KsctlFleet, GivesTheMasterKeyToAMachineThatAsks) {
   EXPECT_FALSE(is_there("join.key"));
 }
 
+// The service's user makes them, and whoever carries them is another one.
+TEST_F(KsctlFleet, MakesRequestsAndAnswersThatAnybodyCanCarry) {
+  const mode_t mask = umask(077);
+  const std::string asked = request();
+  EXPECT_EQ(admit(asked).status, 0);
+  umask(mask);
+  for (const char *name : {"request", "answer"}) {
+    EXPECT_EQ(std::filesystem::status(path(name)).permissions(), std::filesystem::perms(0644)) << name;
+  }
+  EXPECT_EQ(std::filesystem::status(path("join.key")).permissions(), std::filesystem::perms(0600));
+}
+
 TEST_F(KsctlFleet, AnswersNoRequestThatWasExchangedOnItsWay) {
   const std::string asked = request();
   request("stranger's ");
