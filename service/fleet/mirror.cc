@@ -112,7 +112,7 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
     kept.age += kAgeInterval + std::chrono::seconds(std::max<int64_t>(0, std::time(nullptr) - wall));
   }
   header_ = opened.header;
-  hash_ = opened.hash;
+  hash_ = followed_ = opened.hash;
   lost_ = false;
   return kept;
 }
@@ -121,15 +121,16 @@ void Mirror::follow(const Memory &memory, const vault::RowChanges *changes) {
   {
     const std::lock_guard lock(mutex_);
     memory_ = &memory;
-    if (std::exchange(lost_, true) || changes == nullptr) {
+    const bool is_there = changes == nullptr && followed_ == memory.hash();  // at a start, most of the time
+    if (std::exchange(lost_, true) || (changes == nullptr && !is_there)) {
       due_.all = true;
       due_.rows.clear();
       for (vault::RowPtr &row : memory.state().table.rows()) due_.rows[row->id] = std::move(row);
-    } else {
+    } else if (changes != nullptr) {
       for (const auto &[id, change] : *changes) due_.rows[id] = change.after;
     }
     due_.header = memory.header();
-    due_.hash = memory.hash();
+    due_.hash = followed_ = memory.hash();
     lost_ = false;
     if (!worker_.joinable()) worker_ = std::thread([this] { work(); });
   }

@@ -77,7 +77,8 @@ class Mirror {
   std::mutex mutex_;
   std::condition_variable to_do_;
   Due due_;
-  bool lost_ = true;  // what was to be written wasn't: all has to be, next time
+  bool lost_ = true;       // what was to be written wasn't: all has to be, next time
+  HeaderHash followed_{};  // of the header whose rows are in the file, or due
   Time as_of_{};
   bool closing_ = false;
   std::thread worker_;

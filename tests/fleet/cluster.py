@@ -186,12 +186,15 @@ class Cluster:
       self.ctl("defrag", member=member)
 
   def free_space(self, revision=None):
-    """What an administrator does about a quota that is used up."""
-    self.compact(revision or self.revision())
-    self.defragment()
-    # What was under way may raise it once more.
-    wait_until(lambda: not self.ctl("alarm", "disarm").strip() or not self.ctl("alarm", "list").strip(), 10,
-               "a cluster without an alarm")
+    """What an administrator does about a quota that is used up; again, where it is used up meanwhile. `revision` gives
+    up to where the history isn't needed, all of it if it isn't given."""
+    def free():
+      self.compact((revision or self.revision)())
+      self.defragment()
+      self.ctl("alarm", "disarm")
+      return not self.ctl("alarm", "list").strip()
+
+    wait_until(free, 60, "a cluster without an alarm")
 
   def value_of(self, key):
     return base64.b64decode(json.loads(self.ctl("get", key, "-w", "json"))["kvs"][0]["value"])

@@ -174,7 +174,7 @@ changes_per_user = 512
       pass  # no space, which is what was wanted
     time.sleep(self.random.uniform(0.2, 2))
     self.etcd.ctl("del", "ballast/", "--prefix")
-    self.etcd.free_space(self.witnessed())
+    self.etcd.free_space(self.witnessed)
     self.journal.append(f"full 0 {begun} {time.monotonic_ns() + 10**9}")
 
   FAULTS = (kill_member, freeze_member, kill_leader, freeze_leader, kill_two_members, kill_leader_and_service,

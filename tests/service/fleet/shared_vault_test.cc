@@ -13,6 +13,7 @@
 
 #include "fleet/clock.h"
 #include "fleet_simulator/engine_model.h"
+#include "vault/database.h"
 #include "vault_files/vault_files.h"
 
 namespace ksd::fleet {
@@ -343,6 +344,25 @@ TEST_F(MirrorTest, ServesAStartWithoutTheStore) {
   EXPECT_EQ(secret_in(x, secret_name("wifi")), "correct horse");
   EXPECT_THAT(names_in(x), ElementsAre("wifi"));
   EXPECT_EQ(put(x, "more", "1"), KS_FW_COMM_ERROR);
+}
+
+TEST_F(MirrorTest, WritesNoRowAgainAtAStartThatFindsNothingNew) {
+  const std::string path = mirrored("x").mirror;
+  const auto sealed_rows = [&] {
+    std::map<uint64_t, std::vector<uint8_t>> rows;
+    vault::Database(path).for_each_entry(
+        [&](uint64_t id, Bytes sealed) { rows[id].assign(sealed.begin(), sealed.end()); });
+    return rows;
+  };
+  { ASSERT_EQ(put(*loaded(mirrored("x")), "wifi", "1"), KS_SUCCESS); }
+  const auto before = sealed_rows();
+  ASSERT_EQ(before.size(), 1u);
+  loaded(mirrored("x"));
+  EXPECT_EQ(sealed_rows(), before) << "a row that is sealed once more has other bytes";
+  // What others changed meanwhile is written.
+  { ASSERT_EQ(put(*loaded(options("y")), "other", "1"), KS_SUCCESS); }
+  loaded(mirrored("x"));
+  EXPECT_EQ(sealed_rows().size(), 2u);
 }
 
 TEST_F(MirrorTest, LetsNoRestartMakeWhatItHoldsYounger) {
