@@ -404,7 +404,8 @@ TEST(SharedConfig, NeedsMutualTlsUnlessTheStoreIsOnThisMachine) {
               ElementsAre("f:3:6: ca is for endpoints of https://"));
   EXPECT_THAT(problems_of("[shared]\nendpoints = [\"http://[::1]:1\", \"https://127.0.0.1:1\"]\nmachine = \"a\""),
               ElementsAre("f:2:32: endpoints are all of https:// or all of http://"));
-  for (const char *elsewhere : {"http://128.0.0.1:1", "http://[::2]:1", "http://127.0.0.1.example:1", "http://1:1"}) {
+  for (const char *elsewhere :
+       {"http://126.0.0.1:1", "http://128.0.0.1:1", "http://[::2]:1", "http://127.0.0.1.example:1", "http://1:1"}) {
     EXPECT_THAT(problems_of(std::string("[shared]\nmachine = \"a\"\nendpoints = [\"") + elsewhere + "\"]"),
                 ElementsAre(HasSubstr("isn't on this machine")))
         << elsewhere;
