@@ -67,6 +67,7 @@ struct AdministrationShape {
 const std::map<uint32_t, AdministrationShape> kAdministrationShapes{
     {2, {1144}},        {3, {88, 56}}, {4, {24, 776}}, {5, {16, 32}}, {6, {16, 24}}, {7, {8, 56}},
     {8, {24, 256, 16}}, {9, {16}},     {16, {48}},     {18, {4}},     {19, {24}},    {20, {400}},
+    {29, {16, 72}},
 };
 
 uint32_t word_at(Bytes reply, size_t offset) {

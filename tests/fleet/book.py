@@ -85,11 +85,11 @@ class Book:
     while True:
       status, printed = self.shells[machine].run(commands)
       if status != 0:
-        raise SystemExit(f"{self.page.name}:{step.line}: on {machine} the step ended with {status}, and printed\n{printed}")
+        raise SystemExit(f"{self.page.name}:{step.line}: on {machine} the step ended with {status} and\n{printed}")
       if step.expected is None or self.compare(step.expected, printed):
         return
       if not LOOKS.fullmatch(commands) or time.monotonic() > end:
-        raise SystemExit(f"{self.page.name}:{step.line}: the page says\n{step.expected}and {machine} printed\n{printed}")
+        raise SystemExit(f"{self.page.name}:{step.line}: {machine} should show\n{step.expected}and showed\n{printed}")
       time.sleep(0.1)
 
   def compare(self, expected, printed):

@@ -27,7 +27,7 @@ if __name__ == "__main__":
 import cluster  # noqa: E402
 import engine  # noqa: E402
 from engine import (BUILD, NO_SPACE, NOT_SENT, REPORTS, TOO_LARGE, UNKNOWN, Connection, Engine, Gone,  # noqa: E402
-                    Row)
+                    Row, memory_of)
 
 Committed, Refused, Failed, HeaderIs, Loaded = (
     REPORTS[name] for name in ("Committed", "Refused", "Failed", "HeaderIs", "Loaded"))

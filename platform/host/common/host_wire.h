@@ -143,10 +143,10 @@ typedef struct {
   uint32_t problem_count;    /* that the last reload met with */
   uint64_t config_loaded_at; /* the configuration in force */
   uint64_t reload_failed_at; /* 0: the last reload was taken up */
-  char vault[256]; /* of a fleet the mirror; empty: there is none */
-  char config[256];  /* the configuration's file */
-  char refusal[256]; /* why changes are refused; empty while they aren't */
-  char problem[256]; /* the first one that the last reload met with; empty when it was taken up */
+  char vault[256];           /* of a fleet the mirror; empty: there is none */
+  char config[256];          /* the configuration's file */
+  char refusal[256];         /* why changes are refused; empty while they aren't */
+  char problem[256];         /* the first one that the last reload met with; empty when it was taken up */
 } HostStatusReply;
 
 #define HOST_STATUS_MEMORY_UNLOCKED UINT32_C(1)   /* some keys lie in memory that could be swapped */
@@ -363,7 +363,7 @@ typedef struct {
 #define HOST_FLEET_IS_WELL UINT32_C(1)
 #define HOST_FLEET_LEFT_ALONE UINT32_C(2) /* nothing is read from the store or written to it until a restart */
 
-#define HOST_FLEET_NO_ENGINE UINT32_C(4)  /* there is no process that could talk to the store */
+#define HOST_FLEET_NO_ENGINE UINT32_C(4) /* there is no process that could talk to the store */
 
 KS_STATIC_ASSERT(sizeof(HostFleetReply) == 400);
 

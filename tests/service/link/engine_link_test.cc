@@ -199,6 +199,16 @@ TEST_F(Link, HurriesAgainOnceAnEngineHasStarted) {
   EXPECT_EQ(only_report_of<EngineGone>(link).why, "nobody listens");
 }
 
+TEST_F(Link, TellsOfTheEndOfEachEngineThatHadStarted) {
+  EngineLink link = make();
+  for (int i = 0; i < 2; ++i) {
+    while (link.file() < 0) reports_of(link, 1, milliseconds(10));
+    engines.at(0).say(ksd::link::Started{});
+    engines.clear();
+    EXPECT_EQ(only_report_of<EngineGone>(link).why, "the engine has ended");
+  }
+}
+
 TEST_F(Link, TakesNothingOverFromOneEngineToTheNext) {
   EngineLink link = make();
   std::vector<uint8_t> half;

@@ -118,6 +118,13 @@ TEST(Frames, AreRefusedOfAKindThatTheOtherSideDoesNotSay) {
   const Octets report = frame_of(FromEngine(ksd::fleet::WatchBroken{1, 5}));
   EXPECT_FALSE(ksd::link::read_from_engine(body(request)));
   EXPECT_FALSE(ksd::link::read_to_engine(body(report)));
+  // With fields that are right for the kind, but the bit of the other direction.
+  Octets turned = report;
+  turned[4] &= 0x7f;
+  EXPECT_FALSE(ksd::link::read_from_engine(body(turned)));
+  turned = request;
+  turned[4] |= 0x80;
+  EXPECT_FALSE(ksd::link::read_to_engine(body(turned)));
   for (const int kind : {0x8b, 0xff, 0x7f}) {
     Octets other = report;
     other[4] = static_cast<uint8_t>(kind);
