@@ -170,12 +170,11 @@ std::optional<Memory::Step> Memory::next(Revision revision, const std::vector<Ke
     if (change.after != nullptr && !takes_no_other(*change.after, state_.table, draft)) return std::nullopt;
   }
   step.changes = draft.changes();
-  step.prepared = state_.table.prepare(step.changes);
   return step;
 }
 
-void Memory::take(Step step) noexcept {
-  state_.table.apply(step.changes, std::move(step.prepared));
+void Memory::take(Step step) {
+  state_.table.apply(step.changes, state_.table.prepare(step.changes));  // which makes room where readers look
   state_.ledger = std::move(step.ledger);
   state_.header = step.header.header.table;
   header_ = std::move(step.header.header);

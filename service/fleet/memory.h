@@ -62,7 +62,6 @@ class Memory {
     vault::RowChanges changes;
     OpenedHeader header;
     vault::Ledger ledger;
-    vault::Table::Prepared prepared;
   };
 
   // next checks that a change of the store is the step that follows on memory: the next version, with the hash of the
@@ -70,7 +69,8 @@ class Memory {
   // Throws std::bad_alloc.
   std::optional<Step> next(Revision revision, const std::vector<KeyValue> &puts,
                            const std::vector<std::string> &deletes);
-  void take(Step step) noexcept;
+  // take goes there. Throws std::bad_alloc, and then memory is as it was.
+  void take(Step step);
 
   // Whole is another state in the place of memory's.
   struct Whole {

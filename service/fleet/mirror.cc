@@ -120,7 +120,6 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
 void Mirror::follow(const Memory &memory, const vault::RowChanges *changes) {
   {
     const std::lock_guard lock(mutex_);
-    memory_ = &memory;
     const bool is_there = changes == nullptr && followed_ == memory.hash();  // at a start, most of the time
     if (std::exchange(lost_, true) || (changes == nullptr && !is_there)) {
       due_.all = true;
@@ -132,7 +131,10 @@ void Mirror::follow(const Memory &memory, const vault::RowChanges *changes) {
     due_.header = memory.header();
     due_.hash = followed_ = memory.hash();
     lost_ = false;
-    if (!worker_.joinable()) worker_ = std::thread([this] { work(); });
+    if (!worker_.joinable()) {
+      memory_ = &memory;
+      worker_ = std::thread([this] { work(); });
+    }
   }
   to_do_.notify_one();
 }

@@ -235,6 +235,11 @@ vault::Limits SharedVault::current_limits() const {
   return limits_;
 }
 
+void SharedVault::on_retired(std::function<void(uint64_t generation)> retired) {
+  const std::lock_guard lock(retired_mutex_);
+  retired_ = std::move(retired);
+}
+
 void SharedVault::use_limits(const vault::Limits &limits) {
   {
     const std::lock_guard lock(status_mutex_);
@@ -287,8 +292,11 @@ void SharedVault::lock() {
 }
 
 void SharedVault::shown(const std::vector<uint64_t> &gone, const vault::RowChanges *changes) {
-  if (retired_) {
-    for (const uint64_t generation : gone) retired_(generation);
+  {
+    const std::lock_guard lock(retired_mutex_);
+    if (retired_) {
+      for (const uint64_t generation : gone) retired_(generation);
+    }
   }
   try {
     if (mirror_) mirror_->follow(core_.memory(), changes);

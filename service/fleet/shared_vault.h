@@ -77,7 +77,7 @@ class SharedVault final : public vault::Vault, private Readers {
   KsResult set_metadata(const EntryName &name, Bytes metadata) override;
   KsResult remove(const EntryName &name) override;
   KsResult rename(const EntryName &from, const EntryName &to) override;
-  void on_retired(std::function<void(uint64_t generation)> retired) override { retired_ = std::move(retired); }
+  void on_retired(std::function<void(uint64_t generation)> retired) override;
   KsResult compact() override { return KS_SUCCESS; }  // the engine sees to its own space
   Usage usage() const override;
 
@@ -122,6 +122,7 @@ class SharedVault final : public vault::Vault, private Readers {
   // Of the thread alone, but for what readers look at in the lock.
   mutable vault::ReadMostlyLock state_lock_;
   Core core_;
+  std::mutex retired_mutex_;  // the thread runs already when it is set
   std::function<void(uint64_t)> retired_;
   std::vector<Report> reports_;
   std::map<Ticket, Asked *> asked_;

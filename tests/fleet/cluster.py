@@ -188,8 +188,14 @@ class Cluster:
   def free_space(self, revision=None):
     """What an administrator does about a quota that is used up; again, where it is used up meanwhile. `revision` gives
     up to where the history isn't needed, all of it if it isn't given."""
+    compacted = 0
+
     def free():
-      self.compact((revision or self.revision)())
+      nonlocal compacted
+      upto = (revision or self.revision)()
+      if upto > compacted:
+        self.compact(upto)
+        compacted = upto
       self.defragment()
       self.ctl("alarm", "disarm")
       return not self.ctl("alarm", "list").strip()

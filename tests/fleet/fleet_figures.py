@@ -240,7 +240,9 @@ class Fleet:
       print(f"start with all entries, {which}: median {statistics.median(took):.2f} s, most {max(took):.2f} s")
     plain.stop()
     plain.start()
-    cluster.wait_until(lambda: two.status()["loads"] > 0 and two.status()["well"], 30, "memory that is up to date")
+    content = self.next_content()
+    self.programs[0].ask("store", "seen", content)
+    self.programs[1].ask("until", "seen", content)  # so the load is over
     sizes = {which: memory_of(each.process) for which, each in (("alone", plain), ("in a fleet", two))}
     print("memory of the service with all entries, " + ", ".join(f"{w}: {kb / 1024:.1f} MiB" for w, kb in sizes.items()))
     plain.stop()
