@@ -260,7 +260,8 @@ seeds("engine_reports", {
     "size_of_nothing": stream(struct.pack("<I", 0), frame(0x81, 1, 2)),
     "size_larger_than_any": stream(struct.pack("<I", 2 << 20), frame(0x81, 1, 2)),
     "start": stream(frame(0, 1, listed(sized(b"a:1"), sized(b"b:2")), sized(b"ks/"), sized(b""), sized(b""), sized(b""))),
-    "commit": stream(frame(1, 1, 2, listed(row(b"h")), listed(sized(b"e/1")), 5000)),
+    "commit": stream(frame(1, 1, b"\x01", 2, listed(row(b"h")), listed(sized(b"e/1")), 5000, b"\x00")),
+    "step_of_a_restore": stream(frame(1, 1, b"\x00", listed(row()), listed(), 5000, b"\x01", 3)),
     "limit_of_more_than_an_hour": stream(frame(2, 1, 3600001)),
 })
 

@@ -35,6 +35,7 @@ inline constexpr LogEvent kMemoryNotLocked{"b0fffb2c0d9b40038dc14d92b850915c", s
 inline constexpr LogEvent kRepliesNotTaken{"a912216022674511bc2171ece806db3b", spdlog::level::warn};
 inline constexpr LogEvent kSandboxIncomplete{"6942305404604f44a101c7a6116b920c", spdlog::level::info};
 inline constexpr LogEvent kFleetStopped{"96172f8a10776482ef8d2791338996a7", spdlog::level::err};
+inline constexpr LogEvent kFleetRestored{"4d65740fb0d64ae88c627db8136d30f3", spdlog::level::warn};
 inline constexpr LogEvent kFleetTroubled{"0c09bdd70aa68bdd5639c1660e13d9f5", spdlog::level::warn};
 inline constexpr LogEvent kEntriesTooOld{"edc29d02bc8a1b4172dca6eff1100dc6", spdlog::level::err};
 inline constexpr LogEvent kMirrorNotWritten{"74b0a1ac994a461103a4dd4f82a8d908", spdlog::level::err};

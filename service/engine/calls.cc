@@ -122,12 +122,10 @@ class CommitTask final : public Call<etcd::TxnRequest, etcd::TxnResponse> {
  public:
   CommitTask(Engine &engine, const fleet::Commit &request)
       : Call(engine, request.id, Purpose::kCalls, request.limit, &etcd::KV::Stub::PrepareAsyncTxn,
-             Repeats::kNothingSent) {
-    etcd::Compare &compare = *request_.add_compare();
-    compare.set_result(etcd::Compare::EQUAL);
-    compare.set_target(etcd::Compare::MOD);
-    compare.set_key(engine.full(fleet::kHeaderKey));
-    compare.set_mod_revision(static_cast<int64_t>(request.header_revision));
+             Repeats::kNothingSent),
+        header_revision_(request.header_revision) {
+    compare(fleet::kHeaderKey, request.header_revision);
+    compare(fleet::kRestoreKey, request.restore_revision);
     for (const fleet::KeyValue &row : request.puts) {
       etcd::PutRequest &put = *request_.add_success()->mutable_request_put();
       put.set_key(engine.full(row.key));
@@ -140,6 +138,15 @@ class CommitTask final : public Call<etcd::TxnRequest, etcd::TxnResponse> {
   }
 
  private:
+  void compare(const char *key, std::optional<fleet::Revision> revision) {
+    if (!revision) return;
+    etcd::Compare &compare = *request_.add_compare();
+    compare.set_result(etcd::Compare::EQUAL);
+    compare.set_target(etcd::Compare::MOD);
+    compare.set_key(engine_.full(key));
+    compare.set_mod_revision(static_cast<int64_t>(*revision));
+  }
+
   void succeeded() override {
     const fleet::Revision revision = revision_of(response_.header());
     if (response_.succeeded()) return answer(fleet::Committed{id_, revision});
@@ -150,9 +157,11 @@ class CommitTask final : public Call<etcd::TxnRequest, etcd::TxnResponse> {
   }
 
   void failed(Failure kind, const std::string &why) override {
-    if (kind != Failure::kNoSpace) return fail(kind, why);
-    engine_.begin(std::make_unique<NoSpaceTask>(engine_, id_, request_.compare(0).mod_revision(), why));
+    if (kind != Failure::kNoSpace || !header_revision_) return fail(kind, why);
+    engine_.begin(std::make_unique<NoSpaceTask>(engine_, id_, static_cast<int64_t>(*header_revision_), why));
   }
+
+  const std::optional<fleet::Revision> header_revision_;
 };
 
 class BeatTask final : public Call<etcd::PutRequest, etcd::PutResponse> {

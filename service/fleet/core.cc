@@ -55,7 +55,10 @@ size_t size_of(const vault::Group &group) {
 }  // namespace
 
 Core::Core(CoreOptions options, Owners &owners, Readers &readers)
-    : options_(std::move(options)), readers_(readers), memory_(options_.master_key, options_.fleet, owners) {}
+    : options_(std::move(options)),
+      owners_(owners),
+      readers_(readers),
+      memory_(options_.master_key, options_.fleet, owners) {}
 
 void Core::begin(Time now, std::optional<Kept> kept) {
   now_ = contact_ = next_read_at_ = next_beat_at_ = now;
@@ -78,25 +81,63 @@ void Core::change(Time now, Ticket ticket, vault::Decide decide) {
 
 void Core::take(Time now, Report report) {
   now_ = now;
-  if (lasts(lasting_)) return;
-  std::visit([this](auto &one) { take_report(one); }, report);
+  const bool is_of_restore = restore_ && restore_->take(now, report);
+  if (!lasts(lasting_) && !is_of_restore) std::visit([this](auto &one) { take_report(one); }, report);
   go_on();
 }
 
 void Core::tick(Time now) {
   now_ = now;
+  if (restore_) restore_->tick(now);
   go_on();
 }
 
 void Core::accept(Time now, uint64_t incarnation) {
   now_ = now;
-  options_.accepted_incarnation = std::max(options_.accepted_incarnation, incarnation);
-  if (lasting_ != Standing::kRestored || restored_to_ > options_.accepted_incarnation) return;
+  if (lasting_ == Standing::kRestored && restored_to_ != incarnation) return;
+  accepted_once_ = incarnation;
+  if (lasting_ != Standing::kRestored && lasting_ != Standing::kTampered) return;
   lasting_ = Standing::kGood;
   why_.clear();
   contact_ = next_read_at_ = now;
   load();
   go_on();
+}
+
+bool Core::accepts(const FleetHeader &restored) const {
+  if (restore_ && restore_->made(restored)) return true;
+  return restored.incarnation <= options_.accepted_incarnation || restored.incarnation == accepted_once_ ||
+         is(Mutant::kRestoreUnasked);
+}
+
+void Core::restore(Time now, Restore::Wanted wanted) {
+  now_ = now;
+  const WriterMark *mine = memory_.header().mark_of(options_.machine);
+  last_sequence_ = std::max(last_sequence_, mine == nullptr ? 0 : mine->sequence) + 1;
+  restore_.emplace(
+      std::move(wanted),
+      Restore::As{.writer = {.machine = options_.machine, .session = options_.session, .sequence = last_sequence_},
+                  .master_key = options_.master_key},
+      memory_, owners_, [this](Request request) { return send(std::move(request)); });
+  follows_restore_ = false;
+  restore_->begin(now);
+}
+
+void Core::give_up_restore() {
+  if (restore_) restore_->give_up();
+}
+
+// follow_restore takes up what this machine has restored itself.
+void Core::follow_restore() {
+  if (follows_restore_ || !restore_ || restore_->progress().incarnation == 0) return;
+  const Restore::Progress::State state = restore_->progress().state;
+  if (state != Restore::Progress::State::kSwitched && state != Restore::Progress::State::kDone) return;
+  follows_restore_ = true;
+  accepted_once_ = restore_->progress().incarnation;
+  lasting_ = Standing::kGood;
+  why_.clear();
+  contact_ = next_read_at_ = now_;
+  load();
 }
 
 std::optional<Time> Core::readable_until() const {
@@ -114,8 +155,9 @@ Standing Core::standing(Time now) const {
 
 Time Core::next_tick() const {
   // Reads that become too old are the caller's to notice.
-  if (lasts(lasting_)) return Time::max();
-  Time next = std::min(next_read_at_, next_beat_at_);
+  const Time of_restore = restore_ ? restore_->next_tick() : Time::max();
+  if (lasts(lasting_)) return of_restore;
+  Time next = std::min({next_read_at_, next_beat_at_, of_restore});
   const auto sooner = [&](Time when) { next = std::min(next, when); };
   for (const auto &[id, read] : reads_) sooner(read.sent + kReadLimit + kReportGrace);
   if (phase_ == Phase::kLoading) sooner(load_id_ != 0 ? load_sent_ + kLoadLimit : load_at_);
@@ -317,10 +359,9 @@ void Core::finish_load(const Loaded &report) {
     if (options_.make) make_fleet();
     return load_again_at(now_ + kNoFleetPause);
   }
-  const bool is_accepted =
-      verdict == Verdict::kSame || verdict == Verdict::kLater ||
-      (verdict == Verdict::kRestored && opened.header.incarnation <= options_.accepted_incarnation) ||
-      (verdict == Verdict::kRolledBack && is(Mutant::kRollBackAccepted));
+  const bool is_accepted = verdict == Verdict::kSame || verdict == Verdict::kLater ||
+                           (verdict == Verdict::kRestored && accepts(opened.header)) ||
+                           (verdict == Verdict::kRolledBack && is(Mutant::kRollBackAccepted));
   if (verdict == Verdict::kRestored) restored_to_ = opened.header.incarnation;
   if (!is_accepted) {
     return stop(standing_of(verdict),
@@ -334,6 +375,7 @@ void Core::finish_load(const Loaded &report) {
   load_id_ = 0;
   seen_ = report.revision;
   if (verdict == Verdict::kRestored) {
+    accepted_once_ = 0;
     has_committed_ = false;
     known_version_ = 0;
     ages_.clear();
@@ -354,11 +396,11 @@ void Core::take_report(const Changed &report) {
   bool has_rows = false;
   for (const KeyValue &put : report.puts) {
     if (put.key == kHeaderKey) header = &put;
-    has_rows = has_rows || put.key.starts_with(kRowFolder);
+    has_rows = has_rows || memory_.is_own_row(put.key);
     if (put.key.starts_with(kBeatFolder)) heed_heartbeat(put);
   }
   for (const std::string &key : report.deletes) {
-    has_rows = has_rows || key == kHeaderKey || key.starts_with(kRowFolder);
+    has_rows = has_rows || key == kHeaderKey || memory_.is_own_row(key);
   }
   if (header == nullptr && !has_rows) return;
   // What memory has from its own commit already.
@@ -406,7 +448,9 @@ void Core::note_header(const HeaderRead &read, const std::optional<KeyValue> &he
       return;
     case Verdict::kRolledBack: {
       // An answer may come late: what counts is what was known when it was asked for.
-      const bool was_there = opened.header.incarnation == read.incarnation && opened.header.version >= read.version;
+      const FleetHeader &found = opened.header;
+      const bool was_there = found.incarnation > read.incarnation ||
+                             (found.incarnation == read.incarnation && found.version >= read.version);
       if (was_there) {
         if (read.incarnation == memory_.header().incarnation) young_as_of(read.sent);
         return;
@@ -532,6 +576,7 @@ void Core::lose() {
 // ---- Changes ----
 
 void Core::go_on() {
+  follow_restore();
   if (lasts(lasting_)) return;
   if (now_ >= next_read_at_) {
     next_read_at_ = now_ + kReadInterval;
@@ -634,7 +679,7 @@ void Core::decide(Attempt &attempt) {
   }
   attempt.commit = std::move(*commit);
   attempt.commit.limit = kCommitLimit;
-  if (is(Mutant::kNoCompare)) attempt.commit.header_revision = UINT64_MAX;
+  if (is(Mutant::kNoCompare)) attempt.commit.header_revision.reset();
 }
 
 void Core::send_attempt() {
@@ -721,6 +766,7 @@ void Core::stop(Standing standing, std::string why) {
   if (is(Mutant::kTamperingForgotten) && standing == Standing::kTampered) return load_again_at(now_ + kReadInterval);
   lasting_ = standing;
   why_ = std::move(why);
+  accepted_once_ = 0;
   load_again_at(now_);
   reads_.clear();
   for (const Change &change : queue_) answer(change.ticket, KS_FW_BAD_CELL);

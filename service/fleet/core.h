@@ -20,6 +20,7 @@
 #include "fleet/engine.h"
 #include "fleet/memory.h"
 #include "fleet/owners.h"
+#include "fleet/restore.h"
 #include "vault/decide.h"
 #include "vault/limits.h"
 
@@ -102,8 +103,15 @@ class Core {
   void take(Time now, Report report);
   void tick(Time now);
 
-  // accept follows a fleet that was restored to `incarnation`.
+  // accept follows a fleet that was restored to just that incarnation, also by a machine that has left the store alone
+  // for what it was before.
   void accept(Time now, uint64_t incarnation);
+
+  // restore puts other entries in the place of all that there are, whatever this machine thinks of the store. One at a
+  // time; restoring is the last one.
+  void restore(Time now, Restore::Wanted wanted);
+  void give_up_restore();
+  const Restore *restoring() const { return restore_ ? &*restore_ : nullptr; }
   void use_limits(const vault::Limits &limits) { options_.limits = limits; }
 
   // What is to be done: requests for the engine, answers for clients, and a tick no later than next_tick.
@@ -124,8 +132,10 @@ class Core {
 
   Standing standing(Time now) const;
 
-  // why gives the particulars of a standing, for a log; may be empty. Of a restored fleet, its incarnation.
+  // why gives the particulars of a standing, for a log; may be empty. Of a restored fleet, its incarnation, which
+  // restored_to gives as well.
   const std::string &why() const { return why_; }
+  uint64_t restored_to() const { return lasting_ == Standing::kRestored ? restored_to_ : 0; }
 
   struct Counts {
     uint64_t commits = 0;  // made by this machine
@@ -209,6 +219,9 @@ class Core {
   void lose();
   void look_for_namesake();
 
+  bool accepts(const FleetHeader &restored) const;
+  void follow_restore();
+
   void go_on();
   void give_up_late_ones();
   void attempt_more();
@@ -242,6 +255,7 @@ class Core {
   static constexpr unsigned kLostBeforeMark = 3;
 
   CoreOptions options_;
+  Owners &owners_;
   Readers &readers_;
   Memory memory_;
   Time now_{};
@@ -290,6 +304,9 @@ class Core {
   Standing passing_ = Standing::kGood;  // of the last change
   bool no_fleet_ = false;
   uint64_t restored_to_ = 0;  // the incarnation that nobody has accepted
+  uint64_t accepted_once_ = 0;
+  std::optional<Restore> restore_;
+  bool follows_restore_ = true;  // or has yet to
   std::string why_;
   Counts counts_;
 };

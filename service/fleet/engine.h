@@ -19,9 +19,10 @@
 
 namespace ksd::fleet {
 
-// Keys are told without the prefix that all of a fleet's have: "h" is the header, "e/" and 16 hexadecimal digits a row,
-// "m/" and a name the heartbeat of a machine.
+// Keys are told without the prefix that all of a fleet's have: "h" is the header, "e/" and two numbers of 16
+// hexadecimal digits a row, "m/" and a name the heartbeat of a machine, "r" says who restores.
 inline constexpr char kHeaderKey[] = "h";
+inline constexpr char kRestoreKey[] = "r";
 inline constexpr char kRowFolder[] = "e/";
 inline constexpr char kBeatFolder[] = "m/";
 
@@ -46,14 +47,16 @@ struct KeyValue {
 // ---- What the engine is asked for. Each is answered once, by one of the reports named; a time limit counts from when
 // the engine is handed the request. ----
 
-// Commit changes the store in one transaction, if the header is still the one of `header_revision` (0: there is none).
-// Committed, Refused, or Failed. Whether a commit that Failed with kUnknown has happened, or will, isn't known.
+// Commit changes the store in one transaction, if the header is still the one of `header_revision`, and the key of a
+// restore that of `restore_revision` (0: there is none; nothing: whatever is there). Committed, Refused, or Failed.
+// Whether a commit that Failed with kUnknown has happened, or will, isn't known.
 struct Commit {
   RequestId id = 0;
-  Revision header_revision = 0;
+  std::optional<Revision> header_revision = 0;
   std::vector<KeyValue> puts;
   std::vector<std::string> deletes;
   std::chrono::milliseconds limit{};
+  std::optional<Revision> restore_revision = std::nullopt;
 };
 
 // ReadHeader reads the header as it is at an instant between request and answer (a linearizable read). HeaderIs, or
@@ -63,8 +66,8 @@ struct ReadHeader {
   std::chrono::milliseconds limit{};
 };
 
-// Load reads header and all rows as they are at one revision, by a linearizable read. LoadedRows as often as there are
-// pages, in the order of the keys, and then Loaded; or, at any point, Failed. No heartbeats.
+// Load reads header and all rows, in whatever folder, as they are at one revision, by a linearizable read. LoadedRows
+// as often as there are pages, in the order of the keys, and then Loaded; or, at any point, Failed. No heartbeats.
 struct Load {
   RequestId id = 0;
 };
@@ -100,7 +103,7 @@ struct Committed {
   Revision revision = 0;  // of the change
 };
 
-// Refused: the header isn't the one that was expected, and nothing has changed.
+// Refused: header or restore isn't the one that was expected, and nothing has changed.
 struct Refused {
   RequestId id = 0;
   std::optional<KeyValue> header;  // as it was then

@@ -18,8 +18,6 @@ using vault::RecordKind;
 
 constexpr std::array<uint8_t, 4> kMagic{'k', 's', 'f', '1'};
 constexpr size_t kFrontSize = kMagic.size() + sizeof(FleetId) + sizeof(vault::KeyId);
-// version, incarnation, hash before, last id, last version, entries, digest, author, number of writers
-constexpr size_t kHeaderSize = 8 + 8 + 32 + 8 + 8 + 8 + 32 + 1 + 1;
 constexpr size_t kBeatSize = 8 + 8 + 8 + 1 + 1;
 constexpr size_t kMostKeys = 2;
 constexpr size_t kRowDigits = 16;
@@ -87,6 +85,16 @@ bool is_owner_name(std::string_view name) {
   return !name.empty() && name.size() <= kLongestOwnerName;
 }
 
+std::optional<uint64_t> number_in(std::string_view digits) {
+  uint64_t number = 0;
+  for (const char c : digits) {
+    const bool is_digit = c >= '0' && c <= '9';
+    if (!is_digit && !(c >= 'a' && c <= 'f')) return std::nullopt;
+    number = number << 4 | static_cast<uint64_t>(is_digit ? c - '0' : c - 'a' + 10);
+  }
+  return number;
+}
+
 // The place that a heartbeat is bound to, for want of a row.
 uint64_t place_of(std::string_view machine) {
   std::array<uint8_t, crypto_generichash_BYTES_MIN> hash;
@@ -120,7 +128,7 @@ bool FleetHeader::follows(const FleetHeader &earlier) const {
 
 std::vector<uint8_t> encode_header(const FleetHeader &header) {
   Out out;
-  out.number(header.version).number(header.incarnation).bytes(header.before);
+  out.number(header.version).number(header.incarnation).number(header.folder).bytes(header.before);
   out.number(header.table.last_id).number(header.table.last_version).number(header.table.entry_count);
   out.bytes(header.table.digest).number(header.writer).number(static_cast<uint8_t>(header.writers.size()));
   for (const WriterMark &mark : header.writers) out.text(mark.machine).number(mark.session).number(mark.sequence);
@@ -132,6 +140,7 @@ std::optional<FleetHeader> decode_header(Bytes plain) {
   FleetHeader header;
   header.version = in.number<uint64_t>();
   header.incarnation = in.number<uint64_t>();
+  header.folder = in.number<uint64_t>();
   header.before = in.array<HeaderHash>();
   header.table.last_id = in.number<uint64_t>();
   header.table.last_version = in.number<uint64_t>();
@@ -176,20 +185,19 @@ HeaderHash hash_of(Bytes stored) {
   return hash;
 }
 
-std::string row_key(uint64_t id) {
-  return fmt::format("{}{:016x}", kRowFolder, id);
+std::string row_key(const RowPlace &place) {
+  return fmt::format("{}{:016x}/{:016x}", kRowFolder, place.folder, place.id);
 }
 
-std::optional<uint64_t> row_id(std::string_view key) {
+std::optional<RowPlace> row_place(std::string_view key) {
   constexpr std::string_view kFolder = kRowFolder;
-  if (key.size() != kFolder.size() + kRowDigits || !key.starts_with(kFolder)) return std::nullopt;
-  uint64_t id = 0;
-  for (const char c : key.substr(kFolder.size())) {
-    const bool is_digit = c >= '0' && c <= '9';
-    if (!is_digit && !(c >= 'a' && c <= 'f')) return std::nullopt;
-    id = id << 4 | static_cast<uint64_t>(is_digit ? c - '0' : c - 'a' + 10);
-  }
-  return id;
+  if (key.size() != kFolder.size() + 2 * kRowDigits + 1 || !key.starts_with(kFolder)) return std::nullopt;
+  key.remove_prefix(kFolder.size());
+  if (key[kRowDigits] != '/') return std::nullopt;
+  const std::optional<uint64_t> folder = number_in(key.substr(0, kRowDigits));
+  const std::optional<uint64_t> id = number_in(key.substr(kRowDigits + 1));
+  if (!folder || !id) return std::nullopt;
+  return RowPlace{*folder, *id};
 }
 
 std::shared_ptr<const SecretBytes> encode_row(const vault::EntryRow &row, std::string_view owner) {

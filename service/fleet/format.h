@@ -44,6 +44,7 @@ struct WriterMark {
 struct FleetHeader {
   uint64_t version = 0;             // one more with every change
   uint64_t incarnation = 1;         // one more with every restore
+  uint64_t folder = 0;              // that the rows stand in; another one with every restore
   HeaderHash before{};              // of the header before; zero in the first of an incarnation
   vault::Header table;              // the digest is the sum of content marks
   std::vector<WriterMark> writers;  // ascending by name
@@ -71,9 +72,18 @@ std::vector<uint8_t> seal_header(const FleetHeader &header, const vault::KeyId &
 std::optional<HeaderFront> header_front(Bytes stored);
 HeaderHash hash_of(Bytes stored);
 
-// row_key gives the key of a row; row_id the other way round, or nothing for what is no such key.
-std::string row_key(uint64_t id);
-std::optional<uint64_t> row_id(std::string_view key);
+// RowPlace is where a row stands. Rows of a restore are written into a folder of their own, which nobody reads before a
+// header names it.
+struct RowPlace {
+  uint64_t folder = 0;
+  uint64_t id = 0;
+
+  friend bool operator==(const RowPlace &, const RowPlace &) = default;
+};
+
+// row_key gives the key of a row; row_place the other way round, or nothing for what is no such key.
+std::string row_key(const RowPlace &place);
+std::optional<RowPlace> row_place(std::string_view key);
 
 // A row is the record of the vault, with the owner as a name in front: user numbers are each machine's own.
 std::shared_ptr<const SecretBytes> encode_row(const vault::EntryRow &row, std::string_view owner);

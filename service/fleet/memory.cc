@@ -12,10 +12,6 @@ namespace {
 
 using vault::RecordKind;
 
-bool is_row(const std::string &key) {
-  return key.starts_with(kRowFolder);
-}
-
 bool same_bytes(const SecretBytes &a, const SecretBytes &b) {
   return a.size() == b.size() && sodium_memcmp(a.bytes().data(), b.bytes().data(), a.size()) == 0;
 }
@@ -79,6 +75,11 @@ Verdict Memory::judge(const std::optional<KeyValue> &header, OpenedHeader &out) 
   return found.follows(header_) && (!is_next || found.before == hash_) ? Verdict::kLater : Verdict::kForked;
 }
 
+bool Memory::is_own_row(std::string_view key) const {
+  const std::string any = row_key(0);
+  return key.starts_with(std::string_view(any).substr(0, any.rfind('/') + 1));
+}
+
 vault::RowPtr Memory::find(uint64_t id) const {
   const size_t behind = state_.table.behind(id);
   const vault::EntryRow *row = behind == 0 ? nullptr : state_.table.at(behind - 1);
@@ -99,18 +100,16 @@ std::vector<uint8_t> Memory::sealed_row(const vault::EntryRow &row) const {
 
 // open_row gives what the engine has, or `before` where that is the same. A secret that is as it was stays the same
 // content, so that what was prepared from it still counts.
-std::optional<Memory::OpenedRow> Memory::open_row(const KeyValue &stored, const vault::RowPtr &before) {
-  const std::optional<uint64_t> id = row_id(stored.key);
-  if (!id) return std::nullopt;
-  const std::shared_ptr<const SecretBytes> plain = sealer_->open(RecordKind::kFleetRow, *id, stored.value);
+std::optional<Memory::OpenedRow> Memory::open_row(const KeyValue &stored, uint64_t id, const vault::RowPtr &before) {
+  const std::shared_ptr<const SecretBytes> plain = sealer_->open(RecordKind::kFleetRow, id, stored.value);
   if (plain == nullptr) return std::nullopt;
   OpenedRow opened;
-  opened.mark = sealer_->content_mark(*id, plain->bytes());
+  opened.mark = sealer_->content_mark(id, plain->bytes());
   if (before != nullptr && mark_of(*before) == opened.mark) {
     opened.row = before;
     return opened;
   }
-  std::optional<DecodedRow> decoded = decode_row(*id, plain->bytes());
+  std::optional<DecodedRow> decoded = decode_row(id, plain->bytes());
   if (!decoded) return std::nullopt;
   vault::EntryRow &row = decoded->row;
   row.owner = owners_.number_of(decoded->owner);
@@ -145,22 +144,22 @@ std::optional<Memory::Step> Memory::next(Revision revision, const std::vector<Ke
     if (was != nullptr) table.take_out(mark_of(*was));
   };
   for (const KeyValue &put : puts) {
-    if (!is_row(put.key)) continue;
-    const std::optional<uint64_t> id = row_id(put.key);
-    if (!id || !seen.insert(*id).second) return std::nullopt;
-    const vault::RowPtr was = find(*id);
-    const std::optional<OpenedRow> opened = open_row(put, was);
+    if (!is_own_row(put.key)) continue;
+    const std::optional<RowPlace> place = row_place(put.key);
+    if (!place || !seen.insert(place->id).second) return std::nullopt;
+    const vault::RowPtr was = find(place->id);
+    const std::optional<OpenedRow> opened = open_row(put, place->id, was);
     if (!opened || opened->row->version <= header_.table.last_version) return std::nullopt;
     if (opened->row->version > after.table.last_version) return std::nullopt;
-    const bool is_new_id = *id > header_.table.last_id && *id <= after.table.last_id;
+    const bool is_new_id = place->id > header_.table.last_id && place->id <= after.table.last_id;
     if (was == nullptr && !is_new_id) return std::nullopt;
     replace(was, opened->row);
     table.add(opened->mark);
   }
   for (const std::string &key : deletes) {
-    if (!is_row(key)) continue;
-    const std::optional<uint64_t> id = row_id(key);
-    const vault::RowPtr was = id && seen.insert(*id).second ? find(*id) : nullptr;
+    if (!is_own_row(key)) continue;
+    const std::optional<RowPlace> place = row_place(key);
+    const vault::RowPtr was = place && seen.insert(place->id).second ? find(place->id) : nullptr;
     if (was == nullptr) return std::nullopt;
     replace(was, nullptr);
   }
@@ -183,47 +182,60 @@ void Memory::take(Step step) {
 }
 
 void Memory::Loading::add(std::vector<KeyValue> rows) {
+  has_rows_ = has_rows_ || !rows.empty();
   if (!memory_.sealer_) {
     closed_.insert(closed_.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
     return;
   }
-  for (const KeyValue &row : rows) all_open_ = all_open_ && open(row);
+  for (const KeyValue &row : rows) {
+    const std::optional<RowPlace> place = row_place(row.key);
+    if (!place || (!folders_.contains(place->folder) && folders_.size() == kMostFolders)) continue;
+    Folder &folder = folders_[place->folder];
+    folder.all_open = folder.all_open && open(row, place->id, folder);
+    if (!folder.all_open) folder.rows.clear();
+  }
 }
 
-bool Memory::Loading::open(const KeyValue &stored) {
-  const std::optional<uint64_t> id = row_id(stored.key);
-  if (!id) return false;
-  const std::optional<OpenedRow> opened = memory_.open_row(stored, memory_.filled_ ? memory_.find(*id) : nullptr);
-  if (!opened || (keeps_ && !rows_.try_emplace(*id, vault::RowChange{nullptr, opened->row}).second)) return false;
-  ++count_;
-  sodium_add(digest_.data(), opened->mark.data(), digest_.size());
+bool Memory::Loading::open(const KeyValue &stored, uint64_t id, Folder &folder) {
+  const std::optional<OpenedRow> opened = memory_.open_row(stored, id, memory_.filled_ ? memory_.find(id) : nullptr);
+  if (!opened || (keeps_ && !folder.rows.try_emplace(id, vault::RowChange{nullptr, opened->row}).second)) return false;
+  ++folder.count;
+  sodium_add(folder.digest.data(), opened->mark.data(), folder.digest.size());
   return true;
 }
 
 bool Memory::Loading::is_of(const FleetHeader &header) const {
-  if (is(Mutant::kDigestUnchecked)) return all_open_;
-  return all_open_ && count_ == header.table.entry_count && digest_ == header.table.digest;
+  if (is(Mutant::kDigestUnchecked) || is(Mutant::kMixesFolders)) return true;
+  const auto found = folders_.find(header.folder);
+  if (found == folders_.end()) return header.table.entry_count == 0 && header.table.digest == vault::Digest{};
+  const Folder &folder = found->second;
+  return folder.all_open && folder.count == header.table.entry_count && folder.digest == header.table.digest;
 }
 
 std::optional<Memory::Whole> Memory::Loading::finish(const OpenedHeader &header) {
   if (!memory_.sealer_) memory_.belong_to(header.fleet);
   add(std::move(closed_));
   if (!is_of(header.header)) return std::nullopt;
+  Folder folder = std::move(folders_[header.header.folder]);
+  if (is(Mutant::kMixesFolders)) {
+    for (auto &[number, other] : folders_) folder.rows.merge(other.rows);
+  }
+  const vault::RowChanges &rows = folder.rows;
   const vault::Header &table = header.header.table;
   Whole whole{.state = {}, .header = header, .gone = {}};
   std::unordered_set<EntryName, vault::NameHash> names;
-  for (const auto &[id, change] : rows_) {
+  for (const auto &[id, change] : rows) {
     const vault::EntryRow &row = *change.after;
     if (id > table.last_id || row.version > table.last_version) return std::nullopt;
     if (!names.insert(row.name).second || (row.alias && !names.insert(*row.alias).second)) return std::nullopt;
     whole.state.ledger.replace(nullptr, &row);
   }
   whole.state.header = table;
-  whole.state.table.reserve(rows_.size());
-  whole.state.table.apply(rows_, whole.state.table.prepare(rows_));
+  whole.state.table.reserve(rows.size());
+  whole.state.table.apply(rows, whole.state.table.prepare(rows));
 
   std::unordered_set<uint64_t> kept;
-  for (const auto &[id, change] : rows_) kept.insert(change.after->generation);
+  for (const auto &[id, change] : rows) kept.insert(change.after->generation);
   for (size_t i = 0; i < memory_.state_.table.size(); ++i) {
     const uint64_t generation = memory_.state_.table.at(i)->generation;
     if (!kept.contains(generation)) whole.gone.push_back(generation);

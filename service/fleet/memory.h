@@ -5,9 +5,11 @@
 #ifndef SERVICE_FLEET_MEMORY_H
 #define SERVICE_FLEET_MEMORY_H
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -54,6 +56,11 @@ class Memory {
   const std::optional<FleetId> &fleet() const { return fleet_; }
   const vault::KeyId &key_id() const { return key_id_; }
 
+  // row_key gives the key of a row; is_own_row tells whether a key is one of memory's rows, and not of a restore that
+  // isn't its header's.
+  std::string row_key(uint64_t id) const { return fleet::row_key({.folder = header_.folder, .id = id}); }
+  bool is_own_row(std::string_view key) const;
+
   // judge opens a header, into `out` if it can be opened, and compares it with that of memory.
   Verdict judge(const std::optional<KeyValue> &header, OpenedHeader &out) const;
 
@@ -79,8 +86,9 @@ class Memory {
     std::vector<uint64_t> gone;  // contents of memory that aren't in it
   };
 
-  // Loading collects the rows of a load, page by page. What is as it was in memory isn't kept twice; with kCounted no
-  // row is kept, and is_of is all that can be asked.
+  // Loading collects the rows of a load, page by page, each folder for itself: which of them counts, the header tells,
+  // which comes last. What is as it was in memory isn't kept twice; with kCounted no row is kept, and is_of is all that
+  // can be asked.
   enum class Rows : uint8_t { kKept, kCounted };
   class Loading {
    public:
@@ -95,18 +103,25 @@ class Memory {
     // finish gives the whole, if the rows are those of the header, and so are ids and names.
     std::optional<Whole> finish(const OpenedHeader &header);
 
-    bool has_rows() const { return !rows_.empty() || !closed_.empty() || !all_open_; }
+    bool has_rows() const { return has_rows_; }
 
    private:
-    bool open(const KeyValue &stored);
+    struct Folder {
+      vault::RowChanges rows;
+      size_t count = 0;
+      vault::Digest digest{};
+      bool all_open = true;
+    };
+    // More than restores can leave behind.
+    static constexpr size_t kMostFolders = 64;
+
+    bool open(const KeyValue &stored, uint64_t id, Folder &folder);
 
     Memory &memory_;
     const bool keeps_;
     std::vector<KeyValue> closed_;
-    vault::RowChanges rows_;
-    size_t count_ = 0;
-    vault::Digest digest_{};
-    bool all_open_ = true;
+    std::map<uint64_t, Folder> folders_;
+    bool has_rows_ = false;
   };
   void take(Whole &whole) noexcept;
 
@@ -131,7 +146,7 @@ class Memory {
     vault::RowPtr row;
     vault::Digest mark{};
   };
-  std::optional<OpenedRow> open_row(const KeyValue &stored, const vault::RowPtr &before);
+  std::optional<OpenedRow> open_row(const KeyValue &stored, uint64_t id, const vault::RowPtr &before);
   KeyValue header_value(const FleetHeader &header) const;
 
   const std::shared_ptr<const SecretBytes> master_key_;

@@ -94,7 +94,9 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
 
   Memory::Loading loading(memory);
   database_->for_each_entry([&](uint64_t id, Bytes sealed) {
-    loading.add({{.key = row_key(id), .value = {sealed.begin(), sealed.end()}, .mod_revision = 0}});
+    loading.add({{.key = row_key({.folder = opened.header.folder, .id = id}),
+                  .value = {sealed.begin(), sealed.end()},
+                  .mod_revision = 0}});
   });
   std::optional<Memory::Whole> whole = loading.finish(opened);
   if (!whole) refuse();
@@ -223,6 +225,7 @@ void Mirror::write(const Due &due, Time as_of) {
   if (due.header) {
     header_ = header;
     hash_ = hash;
+    incarnation_written_ = header.incarnation;
   }
   if (database_->log_is_long()) database_->write_back();
 }

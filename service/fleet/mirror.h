@@ -6,6 +6,7 @@
 #ifndef SERVICE_FLEET_MIRROR_H
 #define SERVICE_FLEET_MIRROR_H
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -45,6 +46,9 @@ class Mirror {
   // call, null when all may have. It waits for nothing. Throws std::bad_alloc; then the next call does it all.
   void follow(const Memory &memory, const vault::RowChanges *changes);
 
+  // incarnation_written is that of the header in the file.
+  uint64_t incarnation_written() const { return incarnation_written_; }
+
   // young has the file know that memory was still the latest at that time.
   void young(Time as_of);
 
@@ -72,6 +76,8 @@ class Mirror {
   FleetHeader header_;
   HeaderHash hash_{};
   bool failing_ = false;
+
+  std::atomic<uint64_t> incarnation_written_{0};
 
   const Memory *memory_ = nullptr;
   std::mutex mutex_;

@@ -25,6 +25,9 @@ enum class Mutant {
   kRefusedWritten,        // a change that was given up is sent all the same
   kSelfish,               // nobody pauses for a machine that waits
   kNeverCounts,           // rows are looked at when they are loaded or change, and not again
+  kMixesFolders,          // rows of a restore that isn't the header's are taken for the table's
+  kRestoreUnasked,        // a restored fleet is followed by who wasn't told of it
+  kRestoreUnguarded,      // a restore goes on when another one has begun
 };
 
 #ifdef KSD_FLEET_MUTANTS

@@ -24,4 +24,11 @@ std::string Owners::name_of(uid_t owner) const {
   return found == foreign_.end() ? kUnnamedOwner : found->second;
 }
 
+std::map<uid_t, std::string> Owners::all() const {
+  std::map<uid_t, std::string> all = names_;
+  const std::lock_guard lock(mutex_);
+  all.insert(foreign_.begin(), foreign_.end());
+  return all;
+}
+
 }  // namespace ksd::fleet

@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "vault/record.h"
+
 namespace ksd::fleet {
 
 // Users that the configuration gives no name count as this one.
@@ -29,14 +31,18 @@ class Owners {
     return number_of(named == names_.end() ? kUnnamedOwner : named->second);
   }
 
+  bool is_named(uid_t user) const { return names_.contains(user); }
+
   uid_t number_of(const std::string &name);
   std::string name_of(uid_t owner) const;
 
   // is_user tells whether the number is that of a user of this machine whom the configuration names.
   bool is_user(uid_t owner) const { return names_.contains(owner); }
+  // all gives the names of those that have had one so far.
+  std::map<uid_t, std::string> all() const;
 
  private:
-  static constexpr uid_t kFirstForeign = 0xf0000000;
+  static constexpr uid_t kFirstForeign = vault::kFirstUnknownOwner;
 
   const std::map<uid_t, std::string> names_;  // of the configuration
   mutable std::mutex mutex_;

@@ -11,16 +11,20 @@
 
 #include <algorithm>
 #include <new>
+#include <set>
 #include <shared_mutex>
 #include <stdexcept>
 
 #include "base/log.h"
+#include "fleet/belonging.h"
 #include "fleet/clock.h"
 
 namespace ksd::fleet {
 namespace {
 
 using namespace std::chrono_literals;
+
+constexpr auto kAcceptLimit = 20s;
 
 CoreOptions core_options(const SharedOptions &options, const Mirror *mirror) {
   uint64_t session = 0;
@@ -34,7 +38,7 @@ CoreOptions core_options(const SharedOptions &options, const Mirror *mirror) {
                    .limits = options.limits,
                    .write_wait = options.write_wait,
                    .max_age = options.max_age};
-  if (options.create && core.fleet) core.make = core.fleet;
+  // Never again where there was one: the store was emptied, or is another one.
   if (options.create && !core.fleet) randombytes_buf(core.make.emplace().data(), sizeof(FleetId));
   return core;
 }
@@ -56,13 +60,17 @@ std::string words_for(const Connection &connection) {
 }
 
 // words_for says what a standing means, to who looks after the machine.
-std::string words_for(Standing standing, const std::string &why, const Connection &connection) {
+std::string words_for(Standing standing, const std::string &why, const Connection &connection, bool belongs) {
   switch (standing) {
     case Standing::kGood:
       return "";
     case Standing::kLoading:
       return "the entries of the fleet haven't been loaded yet";
     case Standing::kNoFleet:
+      if (belongs) {
+        return "the store is empty, but this machine belongs to a fleet: bring the store back, or restore a backup by "
+               "`ksctl fleet restore`";
+      }
       return "the store is empty; make the fleet on one machine, by create = true under [shared]";
     case Standing::kNoContact:
       return words_for(connection);
@@ -75,13 +83,13 @@ std::string words_for(Standing standing, const std::string &why, const Connectio
     case Standing::kTampered:
       return fmt::format(
           "the store isn't as the fleet's machines left it: {}. Nothing is changed any more, and reads end when they "
-          "are "
-          "too old; find out who changed the store, bring it back and restart the service",
+          "are too old; find out who changed the store, bring it back and restart the service, or restore a backup "
+          "by `ksctl fleet restore`",
           why);
     case Standing::kRestored:
       return fmt::format(
           "the fleet was restored from a backup: nothing is changed, and reads end when they are too old; if that was "
-          "meant, set accept_incarnation = {} under [shared] and restart the service",
+          "meant, `ksctl fleet accept {}` has this machine follow",
           why);
     case Standing::kNamesake:
       return fmt::format("{}: give each its own under [shared], and restart the service", why);
@@ -197,7 +205,10 @@ vault::Snapshot SharedVault::snapshot() {
   require_young();
   const std::shared_lock lock(state_lock_);
   const Memory &memory = core_.memory();
-  return {.vault_id = *memory.fleet(), .header = memory.state().header, .rows = memory.state().table.rows()};
+  return {.vault_id = *memory.fleet(),
+          .header = memory.state().header,
+          .rows = memory.state().table.rows(),
+          .owners = owners_.all()};
 }
 
 // ---- Changes ----
@@ -221,13 +232,54 @@ KsResult SharedVault::rename(const EntryName &from, const EntryName &to) {
 
 KsResult SharedVault::change(vault::Decide decide) {
   Asked asked{std::move(decide), {}};
-  std::future<KsResult> answer = asked.answer.get_future();
+  ask({&asked, 1});
+  return asked.answer.get_future().get();
+}
+
+void SharedVault::ask(std::span<Asked> asked) {
   {
     const std::lock_guard lock(inbox_mutex_);
-    inbox_.push_back(&asked);
+    for (Asked &one : asked) inbox_.push_back(&one);
   }
   wake();
-  return answer.get();
+}
+
+std::vector<vault::RowPtr> SharedVault::of_fleet(const std::vector<vault::RowPtr> &rows, size_t &unnamed) {
+  std::vector<vault::RowPtr> ours;
+  std::set<uid_t> without_name;
+  ours.reserve(rows.size());
+  for (const vault::RowPtr &row : rows) {
+    auto copy = std::make_shared<vault::EntryRow>(*row);
+    if (!owners_.is_named(row->owner)) without_name.insert(row->owner);
+    copy->owner = owners_.of_user(row->owner);
+    ours.push_back(std::move(copy));
+  }
+  unnamed = without_name.size();
+  return ours;
+}
+
+ImportPlan SharedVault::plan_import(const std::vector<vault::RowPtr> &rows, vault::Taken taken) const {
+  require_young();
+  vault::State state;
+  {
+    const std::shared_lock lock(state_lock_);
+    state = core_.memory().state();
+  }
+  return fleet::plan_import(state, current_limits(), rows, taken);
+}
+
+KsResult SharedVault::import(std::span<const vault::RowPtr> rows, vault::Taken taken, ImportCounts &counts) {
+  std::vector<vault::Import> became(rows.size());
+  std::vector<Asked> asked;
+  for (size_t i = 0; i < rows.size(); ++i) asked.push_back({vault::decide_import(rows[i], taken, became[i]), {}});
+  ask(asked);
+  KsResult first_failure = KS_SUCCESS;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const KsResult result = asked[i].answer.get_future().get();
+    if (result == KS_SUCCESS) counts.count(became[i]);
+    if (first_failure == KS_SUCCESS) first_failure = result;
+  }
+  return first_failure;
 }
 
 vault::Limits SharedVault::current_limits() const {
@@ -252,10 +304,64 @@ void SharedVault::use_limits(const vault::Limits &limits) {
   wake();
 }
 
-void SharedVault::accept_incarnation(uint64_t incarnation) {
+KsResult SharedVault::accept_incarnation(uint64_t incarnation) {
+  const auto is_waited_for = [](const SharedStatus &status) {
+    return status.standing == Standing::kRestored || status.standing == Standing::kTampered;
+  };
+  SharedStatus now = status();
+  if (!is_waited_for(now)) return KS_NOT_FOUND;
+  if (now.standing == Standing::kRestored && now.restored_to != incarnation) return KS_INVALID_ARGS;
+  const uint64_t loads = now.counts.loads;
   {
     const std::lock_guard lock(inbox_mutex_);
     accepted_incarnation_ = incarnation;
+  }
+  wake();
+  for (const Time end = clock_now() + kAcceptLimit; clock_now() < end; poll(nullptr, 0, 5)) {
+    now = status();
+    const bool is_written = !mirror_ || mirror_->incarnation_written() >= incarnation;
+    if (now.incarnation == incarnation && now.standing == Standing::kGood && is_written) return KS_SUCCESS;
+    if (now.counts.loads != loads && is_waited_for(now)) return KS_INVALID_ARGS;
+  }
+  return KS_TIMEOUT;
+}
+
+KsResult SharedVault::begin_restore(Restore::Wanted wanted) {
+  const Standing standing = status().standing;
+  if (standing == Standing::kNamesake || standing == Standing::kOtherKey || standing == Standing::kOtherFleet) {
+    return KS_INVALID_ARGS;
+  }
+  {
+    const std::lock_guard lock(status_mutex_);
+    restore_progress_ = {};
+    restore_progress_.folder = wanted.folder;
+    restore_progress_.all = wanted.rows.size();
+  }
+  {
+    const std::lock_guard lock(inbox_mutex_);
+    wanted_restore_ = std::move(wanted);
+    restore_given_up_ = false;
+  }
+  wake();
+  return KS_SUCCESS;
+}
+
+Restore::Progress SharedVault::wait_for_restore() {
+  constexpr auto kAWhile = 100ms;
+  std::unique_lock lock(status_mutex_);
+  const uint64_t done = restore_progress_.done;
+  const Restore::Progress::State state = restore_progress_.state;
+  const bool is_over = state == Restore::Progress::State::kDone || state == Restore::Progress::State::kStopped;
+  restore_goes_on_.wait_for(
+      lock, kAWhile, [&] { return is_over || restore_progress_.done != done || restore_progress_.state != state; });
+  return restore_progress_;
+}
+
+void SharedVault::give_up_restore() {
+  {
+    const std::lock_guard lock(inbox_mutex_);
+    restore_given_up_ = true;
+    wanted_restore_.reset();
   }
   wake();
 }
@@ -329,16 +435,22 @@ bool SharedVault::step() {
   std::vector<Asked *> asked;
   std::optional<vault::Limits> limits;
   uint64_t incarnation = 0;
+  std::optional<Restore::Wanted> restore;
+  bool given_up = false;
   bool closing = false;
   {
     const std::lock_guard lock(inbox_mutex_);
     asked.swap(inbox_);
     limits = std::exchange(new_limits_, std::nullopt);
     incarnation = std::exchange(accepted_incarnation_, 0);
+    restore.swap(wanted_restore_);
+    given_up = std::exchange(restore_given_up_, false);
     closing = closing_;
   }
   if (limits) core_.use_limits(*limits);
   if (incarnation != 0) core_.accept(clock_now(), incarnation);
+  if (given_up) core_.give_up_restore();
+  if (restore) core_.restore(clock_now(), std::move(*restore));
   for (Asked *one : asked) {
     asked_[++last_ticket_] = one;
     core_.change(clock_now(), last_ticket_, std::move(one->decide));
@@ -366,7 +478,9 @@ void SharedVault::flush() {
   readable_until_.store(until ? until->count() : INT64_MIN, std::memory_order_relaxed);
   if (mirror_ && until) mirror_->young(*until - options_.max_age);
   for (Request &request : core_.take_requests()) engine_->send(std::move(request));
+  remember_fleet();
   tell_status();
+  tell_restore();
   for (const Answer &answer : core_.take_answers()) {
     const auto found = asked_.find(answer.ticket);
     if (found == asked_.end()) continue;
@@ -396,7 +510,8 @@ void SharedVault::tell_status() {
   const Standing standing = core_.standing(now);
   const bool readable = core_.readable(now);
   if (readable != was_readable_ || standing != told_) {
-    const std::string words = words_for(standing, core_.why(), {has_engine_, trouble_});
+    const std::string words =
+        words_for(standing, core_.why(), {has_engine_, trouble_}, core_.memory().fleet().has_value());
     if (was_readable_ && !readable) {
       begin_epoch();  // a key that a thread remembers is too old as well
       tell(event::kEntriesTooOld, "{}: what is in memory is too old to be read: {}", path_, words);
@@ -424,6 +539,41 @@ void SharedVault::tell_status() {
   status_.fleet = core_.memory().fleet();
   status_.counts = core_.counts();
   status_.has_engine = has_engine_;
+  status_.restored_to = core_.restored_to();
+}
+
+void SharedVault::tell_restore() {
+  if (core_.restoring() == nullptr) return;
+  const Restore::Progress &progress = core_.restoring()->progress();
+  const std::lock_guard lock(status_mutex_);
+  const bool is_asked_for = progress.folder == restore_progress_.folder;  // and not one before it
+  const bool is_new = progress.state != restore_progress_.state || progress.done != restore_progress_.done;
+  if (!is_asked_for || !is_new) return;
+  if (progress.state != restore_progress_.state) {
+    if (progress.state == Restore::Progress::State::kSwitched) {
+      tell(event::kFleetRestored,
+           "{}: the fleet has the {} entries of a backup now, and incarnation {}; tell the other machines, by "
+           "`ksctl fleet accept {}` on each",
+           path_, progress.all, progress.incarnation, progress.incarnation);
+    } else if (progress.state == Restore::Progress::State::kStopped) {
+      spdlog::warn("{}: a restore was stopped: {}", path_, progress.why);
+    }
+  }
+  restore_progress_ = progress;
+  restore_goes_on_.notify_all();
+}
+
+// remember_fleet writes down which fleet this is, as soon as it has been seen to open, before anybody is told.
+void SharedVault::remember_fleet() {
+  if (fleet_is_remembered_ || !core_.memory().is_filled()) return;
+  fleet_is_remembered_ = true;
+  if (options_.belonging.empty() || options_.fleet == core_.memory().fleet()) return;
+  try {
+    write_belonging(options_.belonging, *core_.memory().fleet());
+  } catch (const std::runtime_error &error) {
+    tell(event::kMirrorNotWritten, "{}; until the next start, a store that is emptied could be taken for a new one",
+         error.what());
+  }
 }
 
 void SharedVault::wait(Time until) {

@@ -18,6 +18,7 @@
 
 #include "base/fd.h"
 #include "fleet/core.h"
+#include "fleet/import.h"
 #include "fleet/mirror.h"
 #include "vault/read_mostly_lock.h"
 #include "vault/use_watch.h"
@@ -36,6 +37,7 @@ struct SharedOptions {
   std::chrono::milliseconds max_age{900'000};
   std::map<uid_t, std::string> owners = {};  // by their numbers on this machine
   std::string mirror = {};                   // a file; empty: none
+  std::string belonging = {};                // another, which tells the fleet's id; empty: none
 };
 
 struct SharedStatus {
@@ -46,6 +48,7 @@ struct SharedStatus {
   bool has_engine = true;
   uint64_t version = 0;
   uint64_t incarnation = 0;
+  uint64_t restored_to = 0;  // the later incarnation that nobody has accepted here; 0: there is none
   std::optional<FleetId> fleet{};
   Core::Counts counts{};
 };
@@ -65,7 +68,34 @@ class SharedVault final : public vault::Vault, private Readers {
   const std::string &machine() const { return options_.machine; }
   const std::string &mirror() const { return options_.mirror; }
   const Owners &owner_names() const { return owners_; }
-  void accept_incarnation(uint64_t incarnation);
+
+  // accept_incarnation follows a fleet that was restored to just that incarnation, and gives what came of it:
+  // KS_SUCCESS when the machine is at it, and will be after a restart, too; KS_INVALID_ARGS when the store is at
+  // another one; KS_NOT_FOUND when the machine hasn't left the store alone for that; KS_TIMEOUT when nothing came of it
+  // in time.
+  KsResult accept_incarnation(uint64_t incarnation);
+
+  // begin_restore puts the entries of a backup in the place of all that the fleet has, on the thread. KS_INVALID_ARGS:
+  // another one is under way, or the machine is none of the fleet's. wait_for_restore gives how far it has come, when
+  // that has changed or after a while; give_up_restore ends it unless the fleet may be the backup's already.
+  KsResult begin_restore(Restore::Wanted wanted);
+  Restore::Progress wait_for_restore();
+  void give_up_restore();
+
+  // owner_of gives the number of an owner by the name in a backup, or of a user of this machine.
+  uid_t owner_of(const std::string &name) { return owners_.number_of(name); }
+  uid_t owner_of_user(uid_t user) { return owners_.of_user(user); }
+
+  // of_fleet gives rows of a vault of this machine the owners that they have in the fleet, and how many of those users
+  // have no name there.
+  std::vector<vault::RowPtr> of_fleet(const std::vector<vault::RowPtr> &rows, size_t &unnamed);
+
+  // plan_import tells what taking in such rows would come to. Throws vault::Unavailable.
+  ImportPlan plan_import(const std::vector<vault::RowPtr> &rows, vault::Taken taken) const;
+
+  // import takes rows in, in their order, and counts them; some 100 at a time. The code is that of the first that
+  // wasn't taken in, behind which there may be others that were: asked for again, they are there already.
+  KsResult import(std::span<const vault::RowPtr> rows, vault::Taken taken, ImportCounts &counts);
 
   // Reads throw vault::Unavailable when memory is too old, or not there yet.
   std::optional<vault::Entry> find(const EntryName &name) const override;
@@ -102,6 +132,7 @@ class SharedVault final : public vault::Vault, private Readers {
   void shown(const std::vector<uint64_t> &gone, const vault::RowChanges *changes) override;
 
   KsResult change(vault::Decide decide);
+  void ask(std::span<Asked> asked);
   void require_young() const;
   vault::Limits current_limits() const;
   void work() noexcept;
@@ -110,6 +141,8 @@ class SharedVault final : public vault::Vault, private Readers {
   void flush();
   void note_trouble(const Report &report);
   void tell_status();
+  void tell_restore();
+  void remember_fleet();
   void wait(Time until);
   void wake() const;
 
@@ -132,6 +165,7 @@ class SharedVault final : public vault::Vault, private Readers {
   bool was_readable_ = false;
   bool has_engine_ = true;
   std::string trouble_;  // what the engine last said, or what keeps it away; empty when it reached the store
+  bool fleet_is_remembered_ = false;
 
   // When reads end, in nanoseconds of the clock.
   std::atomic<int64_t> readable_until_{INT64_MIN};
@@ -141,11 +175,15 @@ class SharedVault final : public vault::Vault, private Readers {
   SharedStatus status_;  // without the age
   std::optional<Time> as_of_;
   vault::Limits limits_;
+  Restore::Progress restore_progress_;
+  mutable std::condition_variable restore_goes_on_;
 
   std::mutex inbox_mutex_;
   std::vector<Asked *> inbox_;
   std::optional<vault::Limits> new_limits_;
   uint64_t accepted_incarnation_ = 0;
+  std::optional<Restore::Wanted> wanted_restore_;
+  bool restore_given_up_ = false;
   bool closing_ = false;
   const UniqueFd wake_;
   std::thread worker_;

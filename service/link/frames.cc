@@ -34,7 +34,7 @@ void pass_fields(Pass &pass, Message &m) {
   } else if constexpr (Is<Message, fleet::KeyValue>) {
     pass(m.key, m.value, m.mod_revision);
   } else if constexpr (Is<Message, fleet::Commit>) {
-    pass(m.id, m.header_revision, m.puts, m.deletes, m.limit);
+    pass(m.id, m.header_revision, m.puts, m.deletes, m.limit, m.restore_revision);
   } else if constexpr (Is<Message, fleet::ReadHeader> || Is<Message, fleet::ReadBeats>) {
     pass(m.id, m.limit);
   } else if constexpr (Is<Message, fleet::Load>) {
@@ -159,6 +159,7 @@ class Reader {
   void take(std::optional<Value> &out) {
     const auto is_there = number<uint8_t>();
     require(is_there <= 1);
+    out.reset();
     if (good_ && is_there == 1) take(out.emplace());
   }
 

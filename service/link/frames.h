@@ -24,7 +24,7 @@
 namespace ksd::link {
 
 // Raised with every change here and in fleet/engine.h that the other side has to know of.
-inline constexpr uint64_t kVersion = 1;
+inline constexpr uint64_t kVersion = 2;
 
 inline constexpr size_t kMostFrame = size_t{2} << 20;  // with its size in front
 inline constexpr size_t kMostPage = size_t{1} << 20;   // of keys and values; a row that is larger comes alone

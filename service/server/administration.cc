@@ -9,30 +9,12 @@
 #include <algorithm>
 #include <new>
 
+#include "server/text_fields.h"
+
 namespace ksd::server {
 namespace {
 
 constexpr uint32_t kNobody = 0;
-
-constexpr std::string_view kCut = "...";
-
-// put_text copies a text that may be too long for its place: then its beginning.
-template <size_t size>
-void put_text(char (&place)[size], std::string_view text) {
-  const bool fits = text.size() < size;
-  char *end = std::copy_n(text.begin(), fits ? text.size() : size - 1 - kCut.size(), place);
-  if (!fits) end = std::copy(kCut.begin(), kCut.end(), end);
-  *end = '\0';
-}
-
-// put_path does so for a path, whose end says more than its beginning.
-template <size_t size>
-void put_path(char (&place)[size], std::string_view path) {
-  const bool fits = path.size() < size;
-  if (!fits) path.remove_prefix(path.size() - (size - 1 - kCut.size()));
-  char *out = fits ? place : std::copy(kCut.begin(), kCut.end(), place);
-  *std::copy(path.begin(), path.end(), out) = '\0';
-}
 
 uint64_t size_of_file(const std::string &path) {
   struct stat status {};
@@ -89,9 +71,13 @@ const Administration::Row Administration::kRows[] = {
     {HOST_OP_MASTER_KEY_CHANGE, &Administration::master_key_change},
     {HOST_OP_FLEET, &Administration::fleet},
     {HOST_OP_FLEET_OWNERS, &Administration::fleet_owners, true},
+    {HOST_OP_FLEET_IMPORT, &Administration::fleet_import, true},
+    {HOST_OP_FLEET_RESTORE, &Administration::fleet_restore, true},
+    {HOST_OP_FLEET_GO_ON, &Administration::fleet_go_on},
+    {HOST_OP_FLEET_ACCEPT, &Administration::fleet_accept, true},
 };
 
-bool Administration::answer(const handlers::Request &request, Crowd &crowd, BackupSession &backup,
+bool Administration::answer(const handlers::Request &request, Crowd &crowd, Sessions &sessions,
                             handlers::Reply &reply) {
   const auto row = std::ranges::find(kRows, request.opcode, &Row::opcode);
   if (row == std::end(kRows) || !request.caller.administrator) return false;
@@ -101,7 +87,7 @@ bool Administration::answer(const handlers::Request &request, Crowd &crowd, Back
     return true;
   }
   try {
-    (this->*row->handler)({request, crowd, backup, reply});
+    (this->*row->handler)({request, crowd, sessions, reply});
   } catch (const std::bad_alloc &) {
     reply.result(KS_NO_MEMORY);
   } catch (const std::exception &error) {

@@ -10,14 +10,24 @@
 #include "fleet/shared_vault.h"
 #include "handlers/dispatch.h"
 #include "handlers/service.h"
+#include "host_wire.h"
 #include "server/backup_session.h"
 #include "server/crowd.h"
 #include "server/current_config.h"
+#include "server/fleet_session.h"
 #include "server/reloader.h"
 #include "server/users.h"
 #include "vault/vault.h"
 
 namespace ksd::server {
+
+// Sessions is what a connection has begun with the administration, and goes on with.
+struct Sessions {
+  BackupSession backup;
+  FleetSession fleet;
+
+  bool are_open() const { return backup.is_open() || fleet.is_open(); }
+};
 
 // Administration answers on the threads of the connections. Whatever it reads of others it reads in pages, so that
 // nobody waits for it.
@@ -25,20 +35,20 @@ class Administration {
  public:
   // All of them outlive it. `vault` is the service's store; `fleet` is that, too, where it is one of a fleet, else
   // null.
-  Administration(handlers::Service &service, vault::Vault &vault, const fleet::SharedVault *fleet,
+  Administration(handlers::Service &service, vault::Vault &vault, fleet::SharedVault *fleet,
                  const CurrentConfig &current_config, Reloader &reloader)
       : service_(service), vault_(vault), fleet_(fleet), current_config_(current_config), reloader_(reloader) {}
 
   // answer leaves a reply to an administration message of an administrator, and gives false for all others: to those
-  // who aren't administrators there are no such messages. `backup` is what the connection reads.
-  bool answer(const handlers::Request &request, Crowd &crowd, BackupSession &backup, handlers::Reply &reply);
+  // who aren't administrators there are no such messages.
+  bool answer(const handlers::Request &request, Crowd &crowd, Sessions &sessions, handlers::Reply &reply);
 
  private:
   // Asked is a request, with whom it may ask about.
   struct Asked {
     const handlers::Request &request;
     Crowd &crowd;
-    BackupSession &backup;
+    Sessions &sessions;
     handlers::Reply &reply;
   };
   struct Row;
@@ -59,14 +69,22 @@ class Administration {
   void master_key_change(const Asked &asked);
   void fleet(const Asked &asked);
   void fleet_owners(const Asked &asked);
+  void fleet_import(const Asked &asked);
+  void fleet_go_on(const Asked &asked);
+  void go_on_with_import(const Asked &asked);
+  void fleet_restore(const Asked &asked);
+  void read_backup(FleetSession::Restore &restore, HostFleetRestoreReply &told);
+  void go_on_with_restore(const Asked &asked);
+  void fleet_accept(const Asked &asked);
 
   vault::Owner fullest_owner(uint64_t vault::Owner::*what) const;
   uint64_t up_ms() const;
 
   handlers::Service &service_;
   vault::Vault &vault_;
-  const fleet::SharedVault *const fleet_;
-  std::atomic<int> backups_{0};  // that are being read
+  fleet::SharedVault *const fleet_;
+  std::atomic<int> backups_{0};          // that are being read
+  std::atomic<bool> fleet_work_{false};  // whether a connection imports or restores
   const CurrentConfig &current_config_;
   Reloader &reloader_;
   const handlers::Dispatcher dispatcher_;  // for the messages' names
@@ -79,8 +97,8 @@ struct Desk {
   Administration *administration;
   Crowd &crowd;
 
-  bool answer(const handlers::Request &request, BackupSession &backup, handlers::Reply &reply) const {
-    return administration != nullptr && administration->answer(request, crowd, backup, reply);
+  bool answer(const handlers::Request &request, Sessions &sessions, handlers::Reply &reply) const {
+    return administration != nullptr && administration->answer(request, crowd, sessions, reply);
   }
 };
 

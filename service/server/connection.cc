@@ -138,8 +138,8 @@ std::optional<size_t> Connection::receive_by_socket() {
       return static_cast<size_t>(size);
     }
     if (size < 0 && errno == EINTR) continue;
-    if (size < 0 && errno == EAGAIN && backup_.is_open()) {
-      end_backup();
+    if (size < 0 && errno == EAGAIN && sessions_.are_open()) {
+      end_sessions();
       continue;
     }
     if (size < 0 && errno == EAGAIN) complain(LogLimiter::Kind::kSilent, "connected and said nothing");
@@ -154,7 +154,7 @@ std::optional<size_t> Connection::receive_by_channel() {
     if (came_by_channel_) return arrival.sent_size;
     if (arrival.came == Channel::Came::kEnd) return std::nullopt;
     if (arrival.came == Channel::Came::kNothing) {
-      end_backup();
+      end_sessions();
       continue;
     }
     if (arrival.came == Channel::Came::kOnSocket) {
@@ -170,14 +170,17 @@ std::optional<size_t> Connection::receive_by_channel() {
 
 // How long may be waited for a request while something is kept for the client.
 std::optional<std::chrono::milliseconds> Connection::wait_limit() const {
-  if (!backup_is_awaited_) return std::nullopt;
+  if (!sessions_are_awaited_) return std::nullopt;
   return std::chrono::milliseconds(config_->receive_limit_ms);
 }
 
-void Connection::end_backup() {
-  backup_.end();
-  wait_for_backup();
-  complain(LogLimiter::Kind::kBackups, "left its backup unread; it was ended");
+void Connection::end_sessions() {
+  const char *what = sessions_.backup.is_open() ? "left its backup unread; it was ended"
+                                                : "didn't go on with what it had begun for the fleet; it was ended";
+  sessions_.backup.end();
+  sessions_.fleet.end();
+  wait_for_sessions();
+  complain(LogLimiter::Kind::kBackups, what);
 }
 
 // An empty datagram and the end of the connection both read as 0 bytes.
@@ -225,18 +228,19 @@ void Connection::answer_request(const Frame &frame) {
   if (frame.header.opcode == HOST_OP_CHANNEL) return answer_channel(frame);
   if (!seat_) channel_.reset();  // the client goes on without it
   const handlers::Request request{frame.header.opcode, frame.message, frame.header.descriptor_size, caller_};
-  if (frame.header.opcode < kFirstOpcode && desk_.answer(request, backup_, reply_)) return wait_for_backup();
+  if (frame.header.opcode < kFirstOpcode && desk_.answer(request, sessions_, reply_)) return wait_for_sessions();
   if (!dispatcher_.answer(service_, request, reply_)) {
     return complain(LogLimiter::Kind::kUnknownOpcode, "sent an unknown opcode");
   }
   user_.messages.add(frame.header.opcode, reply_.code() == KS_SUCCESS);
 }
 
-// wait_for_backup bounds how long a backup is kept for a client that doesn't read on: as long as clients wait.
-void Connection::wait_for_backup() {
-  if (backup_.is_open() == backup_is_awaited_) return;
-  backup_is_awaited_ = backup_.is_open();
-  set_timeout(socket_, SO_RCVTIMEO, backup_is_awaited_ ? config_->receive_limit_ms : 0);
+// wait_for_sessions bounds how long what an administrator has begun is kept for a client that doesn't go on: as long as
+// clients wait.
+void Connection::wait_for_sessions() {
+  if (sessions_.are_open() == sessions_are_awaited_) return;
+  sessions_are_awaited_ = sessions_.are_open();
+  set_timeout(socket_, SO_RCVTIMEO, sessions_are_awaited_ ? config_->receive_limit_ms : 0);
 }
 
 void Connection::answer_hello(const Frame &frame) {

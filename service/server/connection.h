@@ -50,13 +50,13 @@ class Connection {
   std::optional<size_t> receive_by_socket();
   std::optional<size_t> receive_by_channel();
   std::optional<std::chrono::milliseconds> wait_limit() const;
-  void end_backup();
+  void end_sessions();
   bool peer_left() const;
   Share *share_for(const Frame &frame, const handlers::Row *row);
   bool is_timed(const handlers::Row *row) const;
   Next answer(const Frame &frame);
   void answer_request(const Frame &frame);
-  void wait_for_backup();
+  void wait_for_sessions();
   void answer_hello(const Frame &frame);
   void answer_channel(const Frame &frame);
   bool send(const HostWireHeader &request, Share::Pass &pass);
@@ -83,8 +83,8 @@ class Connection {
 
   uint8_t *const buffer_;  // of the request that is being answered
   handlers::Reply reply_;
-  BackupSession backup_;
-  bool backup_is_awaited_ = false;
+  Sessions sessions_;
+  bool sessions_are_awaited_ = false;
 
   // A channel that was made is the client's to use, which takes a seat; from the next request on, it is waited there.
   std::unique_ptr<Channel> channel_;

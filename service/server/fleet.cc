@@ -9,10 +9,21 @@
 #include <stdexcept>
 
 #include "base/log.h"
+#include "base/trust.h"
+#include "fleet/belonging.h"
 #include "link/engine_link.h"
 #include "vault/master_key.h"
 
 namespace ksd::server {
+namespace {
+
+// belonging_file stands beside the master key or, where that is a credential, beside the mirror.
+std::string belonging_file(const config::Shared &shared, const vault::MasterKey &master) {
+  const std::string &beside = master.is_credential ? shared.mirror : master.path;
+  return beside.empty() ? "" : beside + fleet::kBelongingSuffix;
+}
+
+}  // namespace
 
 link::Connect find_engine() {
   const char *named = std::getenv("KSD_ENGINE");
@@ -40,6 +51,19 @@ std::unique_ptr<fleet::SharedVault> open_shared_vault(const config::Shared &shar
   shared_options.max_age = std::chrono::seconds(shared.max_age_s);
   for (const auto &[name, user] : shared.owners) shared_options.owners.emplace(user, name);
   shared_options.mirror = shared.mirror;
+  shared_options.belonging = belonging_file(shared, master);
+  if (shared_options.belonging.empty() && shared.create) {
+    throw std::runtime_error(
+        "[shared] create = true: there is no place to remember the fleet that is made; name a mirror, or keep the "
+        "master "
+        "key in a file");
+  }
+  if (!shared_options.belonging.empty()) {
+    if (const auto why = why_others_may_replace(shared_options.belonging)) {
+      throw std::runtime_error(fmt::format("{}: {}", shared_options.belonging, *why));
+    }
+    shared_options.fleet = fleet::read_belonging(shared_options.belonging);
+  }
   auto link = std::make_unique<link::EngineLink>(std::move(engine), link::Start{.endpoints = shared.endpoints,
                                                                                 .prefix = shared.prefix,
                                                                                 .ca = shared.ca,

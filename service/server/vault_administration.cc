@@ -25,7 +25,7 @@ void Administration::begin_backup(const Asked &asked) {
   if (request.descriptor_size != sizeof(HostBackupRequest) || request.message.size() != sizeof(HostBackupRequest)) {
     return asked.reply.result(KS_INVALID_ARGS);
   }
-  if (!asked.backup.begin(backups_)) {
+  if (!asked.sessions.backup.begin(backups_)) {
     service_.log_limiter.warn(LogLimiter::Kind::kBackups, request.caller.uid,
                               "refused a backup to user {}: {} are being read already", request.caller.uid,
                               kBackupsAtOnce);
@@ -34,7 +34,7 @@ void Administration::begin_backup(const Asked &asked) {
   try {
     open_backup(asked);
   } catch (...) {
-    asked.backup.end();
+    asked.sessions.backup.end();
     throw;
   }
 }
@@ -53,17 +53,17 @@ void Administration::open_backup(const Asked &asked) {
                                                       *key, request.message.subspan(kKeySize));
   begun.parts = static_cast<uint32_t>(writer->parts());
   std::copy(writer->stream_header().begin(), writer->stream_header().end(), begun.stream_header);
-  asked.backup.use(std::move(writer));
+  asked.sessions.backup.use(std::move(writer));
   spdlog::info("user {} (pid {}) takes a backup of {} entries", request.caller.uid, request.caller.pid, begun.entries);
   asked.reply.record(begun);
 }
 
 void Administration::next_backup_part(const Asked &asked) {
-  if (!asked.backup.is_open()) return asked.reply.result(KS_NOT_FOUND);
+  if (!asked.sessions.backup.is_open()) return asked.reply.result(KS_NOT_FOUND);
   static_assert(vault::kSealedPartSize <= UINT16_MAX);
   std::array<uint8_t, vault::kSealedPartSize> part;
-  const size_t size = asked.backup.writer().next(part.data());
-  if (size == 0) asked.backup.end();
+  const size_t size = asked.sessions.backup.writer().next(part.data());
+  if (size == 0) asked.sessions.backup.end();
   asked.reply.data(Bytes(part).first(size));
 }
 

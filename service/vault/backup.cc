@@ -18,12 +18,14 @@ namespace ksd::vault {
 namespace {
 
 constexpr std::array<uint8_t, 8> kMagic{'k', 's', 'b', 'a', 'c', 'k', 'u', 'p'};
-constexpr uint32_t kVersion = 1;
+constexpr size_t kVersionOffset = kMagic.size();
 
 constexpr size_t kHeadSize = 8 + sizeof(VaultId) + 8 + 8 + 8;  // time, vault, last id, last version, count
 constexpr size_t kEntryHeadSize = 8 + 4;                       // id, length
 constexpr size_t kTrailerSize = 8 + 8 + 32;                    // no id, count, hash of all that stands before
 constexpr size_t kLongestEntry = size_t{1} << 20;
+constexpr size_t kOwnerHeadSize = 4 + 1;  // user, length of the name
+constexpr uint32_t kMostOwners = 1 << 20;
 
 static_assert(sizeof(crypto_secretstream_xchacha20poly1305_state) < 256);
 
@@ -35,12 +37,36 @@ std::shared_ptr<SecretBytes> allocate_stream() {
   return SecretBytes::allocate(sizeof(crypto_secretstream_xchacha20poly1305_state));
 }
 
+std::vector<uint8_t> encode_owners(const std::map<uid_t, std::string> &owners) {
+  std::vector<uint8_t> out(sizeof(uint32_t));
+  put_little_endian(out.data(), static_cast<uint32_t>(owners.size()));
+  for (const auto &[user, name] : owners) {
+    const size_t at = out.size();
+    out.resize(at + kOwnerHeadSize);
+    put_little_endian(&out[at], uint32_t{user});
+    out[at + sizeof(uint32_t)] = static_cast<uint8_t>(name.size());
+    out.insert(out.end(), name.begin(), name.end());
+  }
+  return out;
+}
+
+bool is_form(uint32_t version) {
+  return version == static_cast<uint32_t>(BackupForm::kOfVault) ||
+         version == static_cast<uint32_t>(BackupForm::kOfFleet);
+}
+
 }  // namespace
 
-BackupOpening encode_opening(const PassphraseParameters &parameters) {
+std::optional<PassphraseParameters> parameters_in(const BackupOpening &opening) {
+  if (!std::equal(kMagic.begin(), kMagic.end(), opening.begin())) return std::nullopt;
+  if (!is_form(get_little_endian<uint32_t>(&opening[kVersionOffset]))) return std::nullopt;
+  return decode_parameters(std::span(opening).last<kParametersSize>());
+}
+
+BackupOpening encode_opening(const PassphraseParameters &parameters, BackupForm form) {
   BackupOpening opening;
   std::copy(kMagic.begin(), kMagic.end(), opening.begin());
-  put_little_endian(opening.data() + kMagic.size(), kVersion);
+  put_little_endian(opening.data() + kVersionOffset, static_cast<uint32_t>(form));
   const EncodedParameters encoded = encode_parameters(parameters);
   std::copy(encoded.begin(), encoded.end(), opening.end() - encoded.size());
   return opening;
@@ -54,7 +80,11 @@ BackupWriter::BackupWriter(Snapshot snapshot, uint64_t time, const SecretBytes &
       part_(SecretBytes::allocate(kBackupPartSize)) {
   std::sort(snapshot_.rows.begin(), snapshot_.rows.end(),
             [](const RowPtr &a, const RowPtr &b) { return a->id < b->id; });
-  size_t size = kHeadSize + kTrailerSize;
+  const bool is_of_fleet =
+      opening.size() == kBackupOpeningSize &&
+      get_little_endian<uint32_t>(&opening[kVersionOffset]) == static_cast<uint32_t>(BackupForm::kOfFleet);
+  if (is_of_fleet) owners_ = encode_owners(snapshot_.owners);
+  size_t size = kHeadSize + owners_.size() + kTrailerSize;
   for (const RowPtr &row : snapshot_.rows) size += kEntryHeadSize + encoded_size(*row);
   parts_ = (size + kBackupPartSize - 1) / kBackupPartSize;
   crypto_secretstream_xchacha20poly1305_init_push(state_in(stream_), stream_header_.data(), key.bytes().data());
@@ -96,6 +126,10 @@ bool BackupWriter::begin_piece() {
       put_little_endian(&small_[32], header.last_version);
       put_little_endian(&small_[40], header.entry_count);
       rest_ = Bytes(small_).first(kHeadSize);
+      piece_ = !owners_.empty() ? Piece::kOwners : has_rows() ? Piece::kEntryHead : Piece::kTrailer;
+      break;
+    case Piece::kOwners:
+      rest_ = owners_;
       piece_ = has_rows() ? Piece::kEntryHead : Piece::kTrailer;
       break;
     case Piece::kEntryHead:
@@ -127,9 +161,39 @@ bool BackupWriter::begin_piece() {
 
 BackupReader::BackupReader(int file, std::string path, Bytes passphrase)
     : file_(file), path_(std::move(path)), stream_(allocate_stream()), part_(SecretBytes::allocate(kBackupPartSize)) {
+  begin(*key_of_passphrase(passphrase, read_opening()));
+}
+
+BackupReader::BackupReader(int file, std::string path, const SecretBytes &key)
+    : file_(file), path_(std::move(path)), stream_(allocate_stream()), part_(SecretBytes::allocate(kBackupPartSize)) {
+  read_opening();
+  begin(key);
+}
+
+PassphraseParameters BackupReader::read_opening() {
+  constexpr char kNoBackup[] = "isn't a backup of ksd, or its beginning is damaged; give another file";
+  if (read(opening_) != opening_.size() || !std::equal(kMagic.begin(), kMagic.end(), opening_.begin())) {
+    refuse(kNoBackup);
+  }
+  const auto version = get_little_endian<uint32_t>(&opening_[kVersionOffset]);
+  if (!is_form(version)) {
+    refuse(
+        fmt::format("is a backup of version {}, but this program knows versions 1 and 2 only; use the one that made "
+                    "it",
+                    version));
+  }
+  form_ = static_cast<BackupForm>(version);
+  const auto parameters = parameters_in(opening_);
+  if (!parameters) refuse(kNoBackup);
+  return *parameters;
+}
+
+void BackupReader::begin(const SecretBytes &key) {
   sealed_.resize(kSealedPartSize);
   crypto_generichash_init(&hash_, nullptr, 0, 32);
-  read_opening(passphrase);
+  BackupStreamHeader stream_header;
+  if (read(stream_header) != stream_header.size()) refuse_damaged();
+  crypto_secretstream_xchacha20poly1305_init_pull(state_in(stream_), stream_header.data(), key.bytes().data());
   std::array<uint8_t, kHeadSize> head;
   take(head);
   contents_.time = get_little_endian<uint64_t>(&head[0]);
@@ -137,23 +201,22 @@ BackupReader::BackupReader(int file, std::string path, Bytes passphrase)
   contents_.last_id = get_little_endian<uint64_t>(&head[24]);
   contents_.last_version = get_little_endian<uint64_t>(&head[32]);
   contents_.entry_count = get_little_endian<uint64_t>(&head[40]);
+  if (form_ == BackupForm::kOfFleet) read_owners();
 }
 
-void BackupReader::read_opening(Bytes passphrase) {
-  constexpr char kNoBackup[] = "isn't a backup of ksd, or its beginning is damaged; give another file";
-  BackupStreamHeader stream_header;
-  if (read(opening_) != opening_.size() || !std::equal(kMagic.begin(), kMagic.end(), opening_.begin())) {
-    refuse(kNoBackup);
+void BackupReader::read_owners() {
+  std::array<uint8_t, sizeof(uint32_t)> count_field;
+  take(count_field);
+  const auto count = get_little_endian<uint32_t>(count_field.data());
+  if (count > kMostOwners) refuse_damaged();
+  for (uint32_t i = 0; i < count; ++i) {
+    std::array<uint8_t, kOwnerHeadSize> head;
+    take(head);
+    std::string name(head[sizeof(uint32_t)], '\0');
+    take({reinterpret_cast<uint8_t *>(name.data()), name.size()});
+    if (name.empty()) refuse_damaged();
+    contents_.owners.emplace(get_little_endian<uint32_t>(&head[0]), std::move(name));
   }
-  const auto version = get_little_endian<uint32_t>(&opening_[kMagic.size()]);
-  if (version != kVersion) {
-    refuse(fmt::format("is a backup of version {}, but this program knows version {} only; use the one that made it",
-                       version, kVersion));
-  }
-  const auto parameters = decode_parameters(std::span(opening_).last<kParametersSize>());
-  if (!parameters || read(stream_header) != stream_header.size()) refuse(kNoBackup);
-  const std::shared_ptr<const SecretBytes> key = key_of_passphrase(passphrase, *parameters);
-  crypto_secretstream_xchacha20poly1305_init_pull(state_in(stream_), stream_header.data(), key->bytes().data());
 }
 
 RowPtr BackupReader::next() {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,7 +30,13 @@ inline constexpr size_t kBackupOpeningSize = 8 + 4 + kParametersSize;
 using BackupOpening = std::array<uint8_t, kBackupOpeningSize>;
 using BackupStreamHeader = std::array<uint8_t, crypto_secretstream_xchacha20poly1305_HEADERBYTES>;
 
-BackupOpening encode_opening(const PassphraseParameters &parameters);
+// BackupForm is the version in it. A fleet's tells of each owner by what name the fleet knows it.
+enum class BackupForm : uint32_t { kOfVault = 1, kOfFleet = 2 };
+
+BackupOpening encode_opening(const PassphraseParameters &parameters, BackupForm form = BackupForm::kOfVault);
+
+// parameters_in gives how the key of a backup is made. Nothing for what isn't the beginning of one.
+std::optional<PassphraseParameters> parameters_in(const BackupOpening &opening);
 
 // Behind it and the stream's header come the parts. All are of this size but the last.
 inline constexpr size_t kBackupPartSize = 32768;
@@ -39,7 +46,8 @@ inline constexpr size_t kSealedPartSize = kBackupPartSize + crypto_secretstream_
 struct Snapshot {
   VaultId vault_id{};
   Header header;
-  std::vector<RowPtr> rows;  // in any order
+  std::vector<RowPtr> rows;                  // in any order
+  std::map<uid_t, std::string> owners = {};  // of a fleet's: their names
 };
 
 // BackupWriter seals a snapshot part by part, and lets go of each entry as soon as it has been sealed.
@@ -59,7 +67,7 @@ class BackupWriter {
   size_t next(uint8_t *out);
 
  private:
-  enum class Piece { kHead, kEntryHead, kEntry, kTrailer, kNone };
+  enum class Piece { kHead, kOwners, kEntryHead, kEntry, kTrailer, kNone };
 
   bool begin_piece();
   size_t fill();
@@ -67,6 +75,7 @@ class BackupWriter {
   Snapshot snapshot_;
   uint64_t time_;
   std::vector<uint8_t> opening_;
+  std::vector<uint8_t> owners_;  // of a fleet's, as they are written
   size_t parts_ = 0;
   BackupStreamHeader stream_header_{};
   std::shared_ptr<SecretBytes> stream_, part_;
@@ -87,6 +96,7 @@ struct BackupContents {
   uint64_t last_id = 0;
   uint64_t last_version = 0;
   uint64_t entry_count = 0;
+  std::map<uid_t, std::string> owners = {};  // the names that a fleet knows them by
 };
 
 // BackupReader reads a backup entry by entry. Whatever isn't as it was written throws std::runtime_error, one line with
@@ -95,6 +105,8 @@ class BackupReader {
  public:
   // `file` is read from its beginning, and outlives this.
   BackupReader(int file, std::string path, Bytes passphrase);
+  // The same for who has the key that was made of the passphrase.
+  BackupReader(int file, std::string path, const SecretBytes &key);
 
   const BackupContents &contents() const { return contents_; }
 
@@ -107,7 +119,9 @@ class BackupReader {
   [[noreturn]] void refuse(const std::string &what) const;
   [[noreturn]] void refuse_damaged() const;
   size_t read(std::span<uint8_t> to);
-  void read_opening(Bytes passphrase);
+  PassphraseParameters read_opening();
+  void begin(const SecretBytes &key);
+  void read_owners();
   void open_part();
   void take(std::span<uint8_t> to, bool hashed = true);
   void check_end(uint64_t count);
@@ -115,6 +129,7 @@ class BackupReader {
   int file_;
   std::string path_;
   BackupOpening opening_{};
+  BackupForm form_ = BackupForm::kOfVault;
   std::shared_ptr<SecretBytes> stream_, part_;
   std::vector<uint8_t> sealed_;
   Bytes rest_;  // of the part that is open

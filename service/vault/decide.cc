@@ -21,6 +21,13 @@ KsResult put(Group &group, const EntryRow &asked) {
   return group.store(before, std::move(after));
 }
 
+bool is_same(const EntryRow &a, const EntryRow &b) {
+  const bool same_alias = a.alias && b.alias ? *a.alias == *b.alias : !a.alias && !b.alias;
+  const Bytes one = a.secret->bytes(), other = b.secret->bytes();
+  return a.name == b.name && same_alias && a.owner == b.owner && *a.metadata == *b.metadata &&
+         one.size() == other.size() && sodium_memcmp(one.data(), other.data(), one.size()) == 0;
+}
+
 // rename changes the name that the entry was called by, which may be its alias. Renamed to its other name, an
 // entry is left with that one alone.
 KsResult rename(Group &group, const EntryName &from, const EntryName &to) {
@@ -41,6 +48,33 @@ KsResult rename(Group &group, const EntryName &from, const EntryName &to) {
 }
 
 }  // namespace
+
+KsResult import_entry(Group &group, const EntryRow &row, Taken taken, Import &became) {
+  const RowPtr by_name = group.find(row.name), by_alias = row.alias ? group.find(*row.alias) : nullptr;
+  const RowPtr before = by_name != nullptr ? by_name : by_alias;
+  became = Import::kAdded;
+  if (before != nullptr && is_same(*before, row)) {
+    became = Import::kSame;
+    return KS_SUCCESS;
+  }
+  if (before != nullptr && taken == Taken::kSkip) {
+    became = Import::kSkipped;
+    return KS_SUCCESS;
+  }
+  const bool takes_two = by_name != nullptr && by_alias != nullptr && by_name != by_alias;
+  if (takes_two || (before != nullptr && taken == Taken::kRefuse)) {
+    became = Import::kRefused;
+    return KS_INVALID_ARGS;
+  }
+  if (before != nullptr) became = Import::kReplaced;
+  EntryRow after = row;
+  after.id = before == nullptr ? 0 : before->id;
+  return group.store(before, std::move(after));
+}
+
+Decide decide_import(RowPtr row, Taken taken, Import &became) {
+  return [row = std::move(row), taken, &became](Group &group) { return import_entry(group, *row, taken, became); };
+}
 
 Decide decide_put(const EntryName &name, const std::optional<EntryName> &alias, Bytes secret, Bytes metadata,
                   uid_t owner) {

@@ -23,6 +23,20 @@ Decide decide_metadata(const EntryName &name, Bytes metadata);
 Decide decide_remove(const EntryName &name);
 Decide decide_rename(const EntryName &from, const EntryName &to);
 
+// Taken says what becomes of an entry that is taken in from another table, when one is there that has a name of its,
+// and isn't the same.
+enum class Taken : uint8_t { kRefuse, kSkip, kReplace };
+
+// Import is what has become of it.
+enum class Import : uint8_t { kAdded, kSame, kReplaced, kSkipped, kRefused };
+
+// import_entry takes `row` into the group, names, alias, secret, metadata and owner, unless just that is there already.
+// KS_INVALID_ARGS: refused, also where it would take the places of two entries; KS_STORE_FULL: limits forbid it.
+KsResult import_entry(Group &group, const EntryRow &row, Taken taken, Import &became);
+
+// decide_import is that as a change; what `became` names outlives it.
+Decide decide_import(RowPtr row, Taken taken, Import &became);
+
 }  // namespace ksd::vault
 
 #endif

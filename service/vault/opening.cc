@@ -227,15 +227,19 @@ class PositionCheck {
   uint64_t last_id_ = 0;
 };
 
-// examine leaves the vault open, with all its rows looked at.
-Examined examine(Found &found, const VaultOptions &options) {
+// examine leaves the vault open, with all its rows looked at, which `visit` sees as well.
+Examined examine(
+    Found &found, const VaultOptions &options,
+    const std::function<void(const RowPtr &)> &visit = [](const RowPtr &) {}) {
   if (!found.is_there()) {
     throw std::runtime_error(fmt::format("{}: there is no vault; name the one that is meant", options.path));
   }
   PositionCheck positions(options.path);
   found.read(found.read_key(), [&] {
-    for_each_row(*found.database, *found.keys, found.header,
-                 [&](const RowPtr &row) { positions.look_at(row, found.header); });
+    for_each_row(*found.database, *found.keys, found.header, [&](const RowPtr &row) {
+      positions.look_at(row, found.header);
+      visit(row);
+    });
   });
   return {.entries = found.header.entry_count,
           .version = found.header.last_version,
@@ -259,6 +263,14 @@ Examined examine_vault(const VaultOptions &options) {
   const Examined examined = examine(found, options);
   found.leave();
   return examined;
+}
+
+std::vector<RowPtr> read_vault(const VaultOptions &options) {
+  Found found(options);
+  std::vector<RowPtr> rows;
+  examine(found, options, [&](const RowPtr &row) { rows.push_back(row); });
+  found.leave();
+  return rows;
 }
 
 int migrate_vault(const VaultOptions &options) {

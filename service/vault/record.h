@@ -32,6 +32,9 @@ struct EntryRow {
   uint64_t bytes() const { return secret->size() + metadata->size(); }
 };
 
+// The owners that a machine has no user for have numbers from here on, each machine its own.
+inline constexpr uid_t kFirstUnknownOwner = 0xf0000000;
+
 using RowPtr = std::shared_ptr<const EntryRow>;
 
 // metadata_of gives what a row keeps; all without metadata share one.

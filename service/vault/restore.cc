@@ -64,6 +64,15 @@ class Batch {
   size_t bytes_ = 0;
 };
 
+// Where a fleet knew an owner by a name that no user of the machine had, which made the backup, the number that the
+// entry has there is nobody's: it counts as the superuser's from now on.
+RowPtr owned_here(RowPtr row, const BackupContents &contents) {
+  if (contents.owners.empty() || row->owner < kFirstUnknownOwner) return row;
+  auto ours = std::make_shared<EntryRow>(*row);
+  ours->owner = 0;
+  return ours;
+}
+
 // fill writes the entries of a backup into an empty vault and closes it in order.
 void fill(const std::string &path, const SecretBytes &key, BackupReader &backup, const Progress &progress) {
   Database database(path);
@@ -71,7 +80,7 @@ void fill(const std::string &path, const SecretBytes &key, BackupReader &backup,
   Header header{.last_id = backup.contents().last_id, .last_version = backup.contents().last_version};
   Batch batch(database, sealer, header);
   while (RowPtr row = backup.next()) {
-    batch.add(std::move(row));
+    batch.add(owned_here(std::move(row), backup.contents()));
     progress(header.entry_count, backup.contents().entry_count);
   }
   batch.write();

@@ -36,6 +36,7 @@ enum class RecordKind : uint8_t {
   kFleetRow = 5,
   kHeartbeat = 6,
   kMirror = 7,
+  kFleetRestore = 10,
 };
 
 KeyId key_id_of(const SecretBytes &master_key);

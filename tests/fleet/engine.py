@@ -13,11 +13,11 @@ import time
 from collections import namedtuple
 
 BUILD = os.environ.get("KS_BUILD", "build/x86_64")
-VERSION = 1
+VERSION = 2
 
-# How a field is written: q a number of 8 bytes, b one of 1, s a text, v a value, S a list of texts, R one of rows, r a
-# row that may be missing.
-TO_ENGINE = {"Start": (0, "qSssss"), "Commit": (1, "qqRSq"), "ReadHeader": (2, "qq"), "Load": (3, "q"),
+# How a field is written: q a number of 8 bytes, o one that may be missing, b one of 1, s a text, v a value, S a list of
+# texts, R one of rows, r a row that may be missing.
+TO_ENGINE = {"Start": (0, "qSssss"), "Commit": (1, "qoRSqo"), "ReadHeader": (2, "qq"), "Load": (3, "q"),
              "Watch": (4, "qq"), "Beat": (5, "qsvq"), "ReadBeats": (6, "qq")}
 FROM_ENGINE = {
     0x80: ("Started", "q", "version"),
@@ -41,6 +41,8 @@ Row = namedtuple("Row", "key value revision", defaults=[0])
 def put(form, value):
   if form == "q":
     return struct.pack("<Q", value)
+  if form == "o":
+    return b"\0" if value is None else b"\1" + put("q", value)
   if form in "sv":
     data = value.encode() if isinstance(value, str) else value
     return struct.pack("<I", len(data)) + data
@@ -157,8 +159,8 @@ class Connection:
 
   # Requests with their answers.
 
-  def commit(self, expected, puts=(), deletes=(), limit=5000):
-    return self.answer_to(self.ask("Commit", expected, puts, deletes, limit), limit / 1000 + 5)
+  def commit(self, expected, puts=(), deletes=(), limit=5000, restore=None):
+    return self.answer_to(self.ask("Commit", expected, puts, deletes, limit, restore), limit / 1000 + 5)
 
   def header(self, limit=5000):
     return self.answer_to(self.ask("ReadHeader", limit), limit / 1000 + 5)

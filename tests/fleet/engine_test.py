@@ -84,6 +84,18 @@ class Requests(OverEtcd):
     self.assertEqual(pages, [[Row("e/2", b"three", second)]])
     self.assertEqual((loaded.header, loaded.revision), (Row("h", b"header", second), second))
 
+  def test_a_step_of_a_restore_holds_as_long_as_its_claim_is_the_last(self):
+    header = self.commit(0)
+    claim = self.engine.commit(None, [("r", b"claim")]).revision
+    step = self.engine.commit(None, [("e/1", b"one")], restore=claim)
+    self.assertIsInstance(step, Committed)
+    later = self.engine.commit(None, [("r", b"another")]).revision
+    refused = self.engine.commit(None, [("e/2", b"two")], restore=claim)
+    self.assertEqual(refused, Refused(refused.id, Row("h", b"header", header), later))
+    self.assertIsInstance(self.engine.commit(header, [("h", b"x")], restore=claim), Refused)
+    self.assertIsInstance(self.engine.commit(header + 1, [("h", b"x")], restore=later), Refused)
+    self.assertIsInstance(self.engine.commit(header, [("h", b"x")], restore=later), Committed)
+
   def test_a_change_is_refused_as_a_whole_when_the_header_is_another(self):
     first = self.commit(0, [("e/1", b"one")])
     for expected in (0, first - 1, first + 1):
@@ -234,7 +246,7 @@ class Failures(OverEtcd):
     self.assertIsInstance(asked.answer_to(watch), Changed)
     self.etcd.pause(3)
     begun = time.monotonic()
-    change = asked.ask("Commit", 1, [("h", b"lost?")], [], 10_000)
+    change = asked.ask("Commit", 1, [("h", b"lost?")], [], 10_000, None)
     reads = [asked.ask("ReadHeader", 5000) for _ in range(2)]
     for read in reads:
       self.assertIsInstance(asked.answer_to(read), HeaderIs)

@@ -7,6 +7,7 @@
 Run by ctest, with the build's folder in KS_BUILD. Arguments are those of unittest.
 """
 
+import glob
 import json
 import os
 import signal
@@ -28,6 +29,16 @@ import machine  # noqa: E402
 from machine import Machine  # noqa: E402
 
 NETWORK = cluster.Network(3) if __name__ == "__main__" else None
+
+
+def validate(document, command):
+  """Holds what a command has printed to its schema, where there is a module that can."""
+  try:
+    import jsonschema
+  except ImportError:
+    return
+  with open(f"tools/ksctl/schemas/{command}.json") as schema:
+    jsonschema.validate(document, json.load(schema))
 
 
 class Fleet(unittest.TestCase):
@@ -226,14 +237,126 @@ class Fleet(unittest.TestCase):
     status = self.one.status()
     self.assertEqual((status["shared"], status["machine"], status["well"], status["standing"]), (True, "m1", True, ""))
     self.assertEqual(status["fleet"], self.two.status()["fleet"])
-    try:
-      import jsonschema
-    except ImportError:
-      return
     self.assertEqual(self.one.put("a"), 0)
     for words in (("fleet", "status"), ("status",), ("owners",), ("limits",)):
-      with open(f"tools/ksctl/schemas/{'-'.join(words)}.json") as schema:
-        jsonschema.validate(json.loads(self.one.ctl(*words, "--json").stdout), json.load(schema))
+      validate(json.loads(self.one.ctl(*words, "--json").stdout), "-".join(words))
+
+  def test_takes_in_the_entries_of_a_machines_vault(self):
+    self.assertEqual(self.one.put("a"), 0)
+    self.assertEqual(self.one.put("b"), 0)
+    self.one.backup("own")
+    # A fleet's backup makes a vault of one machine as well.
+    vault, key = f"{self.one.folder}/vault.db", f"{self.one.folder}/own.key"
+    made = self.one.ctl("restore", f"{self.one.folder}/own", "--vault", vault, "--master-key-file", key, given="p\n")
+    self.assertEqual(made.returncode, 0, made.stderr)
+    for name in ("a", "b"):
+      self.assertEqual(self.one.ctl("secret", "rm", name).returncode, 0)
+    self.assertEqual(self.two.put("first"), 0)
+    self.one.wait_for(["first"])
+
+    def take_in(*options):
+      return self.one.ctl("fleet", "import", "--vault-key-file", key, "--json", *options)
+
+    planned = json.loads(take_in("--dry-run").stdout)
+    self.assertEqual((planned["added"], planned["refused"]), (2, 0))
+    self.assertEqual(self.one.names(), ["first"])
+    done = json.loads(take_in().stdout)
+    self.assertEqual((done["added"], done["same"]), (2, 0))
+    self.three.wait_for(["first", "a", "b"])
+    self.assertEqual(self.three.names(), ["first", "a", "b"])
+    self.assertEqual(json.loads(take_in().stdout)["same"], 2, "asked for again")
+
+    self.assertEqual(self.two.put("a", "another secret", "--replace"), 0)
+    cluster.wait_until(lambda: json.loads(take_in("--dry-run").stdout)["refused"] == 1, 10, "the change")
+    planned = json.loads(take_in("--dry-run").stdout)
+    self.assertEqual(planned["taken"], [{"vdc": 7, "kind": "secret", "name": "a"}])
+    refused = take_in()
+    self.assertEqual(refused.returncode, 7)
+    self.assertIn("secret a of VDC 7 is there already with other content", refused.stderr)
+    self.assertEqual(json.loads(take_in("--skip-existing").stdout)["skipped"], 1)
+    self.assertEqual(json.loads(take_in("--replace").stdout)["replaced"], 1)
+    self.assertEqual(json.loads(take_in().stdout)["same"], 2)
+    for document in (planned, done):
+      validate(document, "fleet-import")
+    wrong = self.one.ctl("fleet", "import", "--vault-key-file", f"{self.one.folder}/master.key")
+    self.assertIn("belongs to another master key", wrong.stderr)
+    for file in glob.glob(f"{vault}*"):
+      os.unlink(file)
+    missing = take_in()
+    self.assertEqual(missing.returncode, 1)
+    self.assertIn("there is no vault", missing.stderr)
+
+  def test_a_backup_takes_the_place_of_all_entries_on_all_machines(self):
+    self.assertEqual(self.one.put("a"), 0)
+    self.two.wait_for(["a"])
+    stop = threading.Event()
+
+    def change():
+      while not stop.is_set():
+        self.two.put("changing", str(time.monotonic()), "--replace")
+
+    changer = threading.Thread(target=change)
+    changer.start()
+    kept = self.one.backup("while others change")
+    stop.set()
+    changer.join()
+    checked = self.one.ctl("restore", f"{self.one.folder}/while others change", "--verify", "--json", given="p\n")
+    self.assertEqual(json.loads(checked.stdout)["entries"], kept["entries"])
+    names = ["a", "changing"][:kept["entries"]]
+    self.assertEqual(self.two.put("later"), 0)
+    self.assertEqual(self.two.ctl("secret", "rm", "a").returncode, 0)
+
+    incarnation = self.one.status()["incarnation"]
+    restored = self.one.restore("while others change")
+    self.assertEqual(restored["incarnation"], incarnation + 1)
+    self.assertEqual(self.one.names(), names)
+    for each in (self.two, self.three):
+      cluster.wait_until(lambda: each.status()["left_alone"], 10, "that it stops")
+      self.assertIn(f"ksctl fleet accept {incarnation + 1}", each.status()["standing"])
+      self.assertIn("later", each.names(), "what it had is read on")
+      self.assertNotEqual(each.put("more"), 0)
+      self.assertEqual(each.ctl("fleet", "accept", str(incarnation + 2)).returncode, 7)
+    accepted = self.two.ctl("fleet", "accept", str(incarnation + 1), "--json")
+    self.assertEqual(accepted.returncode, 0, accepted.stderr)
+    self.assertEqual(self.two.names(), names)
+    # A restart doesn't take the question back, nor the answer.
+    for each in (self.two, self.three):
+      each.kill()
+      each.start()
+    self.assertEqual(self.two.put("after"), 0)
+    self.assertTrue(cluster.wait_until(lambda: self.three.status()["left_alone"], 10, "that it stops"))
+    self.assertEqual(self.three.ctl("fleet", "accept", str(incarnation + 1)).returncode, 0)
+    self.three.wait_for([*names, "after"])
+    rows = [key for key in self.etcd.ctl("get", "ks/e/", "--prefix", "--keys-only").split() if key]
+    self.assertEqual(len(rows), len(names) + 1, "nothing is left of what was there before")
+    self.assertEqual(self.etcd.ctl("get", "ks/r"), "")
+    validate(restored, "fleet-restore")
+    validate(json.loads(accepted.stdout), "fleet-accept")
+
+  def test_a_restore_that_is_killed_leaves_the_fleet_as_it_was(self):
+    self.assertEqual(self.one.put("a"), 0)
+    self.one.backup("first")
+    self.assertEqual(self.one.put("b"), 0)
+    incarnation = self.one.status()["incarnation"]
+    self.network.isolate(1)
+    restoring = self.one.begin_restore("first")
+    cluster.wait_until(lambda: self.one.told().count("restores a backup") == 1, 10, "a restore that is under way")
+    self.one.kill()
+    self.assertNotEqual(restoring.wait(10), 0)
+    self.network.heal()
+    self.one.start()
+    self.two.wait_for(["a", "b"])
+    self.one.wait_for(["a", "b"])
+    # An interrupted command gives up what it has begun, as long as nothing has changed.
+    self.network.isolate(1)
+    restoring = self.one.begin_restore("first")
+    cluster.wait_until(lambda: self.one.told().count("restores a backup") == 2, 10, "a restore that is under way")
+    restoring.terminate()
+    self.assertNotEqual(restoring.wait(10), 0)
+    self.network.heal()
+    cluster.wait_until(lambda: self.one.put("c") == 0, 20, "a change")
+    self.two.wait_for(["a", "b", "c"])
+    self.assertEqual(self.two.status()["incarnation"], incarnation)
 
 
 class Tampering(unittest.TestCase):
@@ -295,6 +418,24 @@ class Tampering(unittest.TestCase):
     self.assert_found_by(self.one)
     self.two.start()
     self.assert_found_by(self.two)
+
+  def test_a_store_that_was_emptied_is_found_and_mended_by_a_restore(self):
+    self.one.backup("before")
+    self.etcd.ctl("del", "ks/", "--prefix")
+    self.assert_found_by(self.one, self.two)
+    # `create` stands in its configuration still, but it knows that there was a fleet.
+    self.one.stop()
+    os.unlink(f"{self.one.folder}/mirror.db")
+    self.one.start()
+    self.assertIn("belongs to a fleet", self.one.status()["standing"])
+    self.assertNotEqual(self.one.put("c"), 0)
+    restored = self.two.restore(f"{self.one.folder}/before")
+    self.assertEqual(restored["incarnation"], 2)
+    for each in (self.one, self.two):
+      each.wait_for(["a", "b"])
+      cluster.wait_until(lambda: each.status()["well"], 10, "a fleet that is well")
+    for each in (self.one, self.two):
+      self.assertEqual(each.put(f"after {each.number}"), 0)
 
 
 if __name__ == "__main__":

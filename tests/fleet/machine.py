@@ -109,8 +109,8 @@ users = ["root"]
     return subprocess.run([f"{BUILD}/ksctl", "--socket", self.socket, *words], input=given,
                           capture_output=True, text=True, env=dict(os.environ, KSD_ENGINE=ENGINE))
 
-  def put(self, name, secret="a secret"):
-    return self.ctl("secret", "put", name, given=secret).returncode
+  def put(self, name, secret="a secret", *options):
+    return self.ctl("secret", "put", name, *options, given=secret).returncode
 
   def names(self):
     """All names that are there, or None when that isn't known."""
@@ -118,6 +118,26 @@ users = ["root"]
     if listed.returncode != 0:
       return None
     return [entry["name"] for entry in json.loads(listed.stdout)["secrets"]]
+
+  def backup(self, name):
+    """To a file of that name in the machine's folder; gives what is told of it."""
+    done = self.ctl("backup", f"{self.folder}/{name}", "--passphrase-cost", "interactive", "--json", given="p\n")
+    assert done.returncode == 0, done.stderr
+    return json.loads(done.stdout)
+
+  def restore(self, name):
+    """The other way round, into the fleet."""
+    done = self.ctl("fleet", "restore", os.path.join(self.folder, name), "--yes", "--json", given="p\n")
+    assert done.returncode == 0, done.stderr
+    return json.loads(done.stdout)
+
+  def begin_restore(self, name):
+    process = subprocess.Popen([f"{BUILD}/ksctl", "--socket", f"{self.folder}/s", "fleet", "restore",
+                                f"{self.folder}/{name}", "--yes"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+    process.stdin.write(b"p\n")
+    process.stdin.close()
+    return process
 
   def status(self):
     return json.loads(self.ctl("fleet", "status", "--json").stdout)

@@ -115,18 +115,18 @@ class Witness {
       if (put.key.starts_with(fleet::kRowFolder)) version.puts.push_back(opened(put));
     }
     for (const std::string &key : changed.deletes) {
-      if (const auto id = fleet::row_id(key)) version.deletes.push_back(*id);
+      if (const auto place = fleet::row_place(key)) version.deletes.push_back(place->id);
     }
     fleet_run::append(out_, version);
   }
 
   RowNote opened(const fleet::KeyValue &stored) const {
-    const auto id = fleet::row_id(stored.key);
-    const auto plain = id ? sealer_->open(vault::RecordKind::kFleetRow, *id, stored.value) : nullptr;
-    const auto decoded = plain ? fleet::decode_row(*id, plain->bytes()) : std::nullopt;
+    const auto place = fleet::row_place(stored.key);
+    const auto plain = place ? sealer_->open(vault::RecordKind::kFleetRow, place->id, stored.value) : nullptr;
+    const auto decoded = plain ? fleet::decode_row(place->id, plain->bytes()) : std::nullopt;
     const auto key = decoded ? fleet_run::key_of(decoded->row.name.name) : std::nullopt;
     if (!key) throw std::runtime_error("there is a row that no client made");
-    return {.id = *id,
+    return {.id = place->id,
             .metadata = number_in(*decoded->row.metadata),
             .secret = number_in(decoded->row.secret->bytes()),
             .key = *key};

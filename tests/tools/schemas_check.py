@@ -24,6 +24,9 @@ except ImportError:
     print("skipped: python3-jsonschema isn't installed")
     sys.exit(77)
 
+# Commands that need a fleet. tests/fleet/fleet_test.py holds their documents to the schemas.
+OF_FLEETS = {"fleet-import", "fleet-restore", "fleet-accept"}
+
 HERE = Path(__file__).resolve().parent
 SCHEMAS = HERE.parent.parent / "tools" / "ksctl" / "schemas"
 RUNS = HERE / "schemas"
@@ -60,7 +63,8 @@ def open_objects(schema, place="the document"):
 
 def faults_of(command, build):
     schema_file, run = SCHEMAS / f"{command}.json", RUNS / f"{command}.sh"
-    missing = [str(path) for path in (schema_file, run) if not path.exists()]
+    needed = (schema_file,) if command in OF_FLEETS else (schema_file, run)
+    missing = [str(path) for path in needed if not path.exists()]
     if missing:
         return [f"there is no {path}" for path in missing]
     schema = json.loads(schema_file.read_text())
@@ -69,6 +73,8 @@ def faults_of(command, build):
         return ["the schema doesn't name its $schema"]
     validator_class.check_schema(schema)
     faults = open_objects(schema)
+    if command in OF_FLEETS:
+        return faults
     validator = validator_class(schema)
     with tempfile.TemporaryDirectory() as folder:
         environment = {**os.environ, "PATH": f"{build}:{os.environ['PATH']}"}

@@ -77,22 +77,23 @@ struct Command {
 };
 
 // The families, each in a file of its name.
-std::span<const Command> service_commands();       // status, owners, limits, reload, checkpoint
-std::span<const Command> vault_commands();         // backup, restore, vault
-std::span<const Command> fleet_commands();         // fleet status, request, admit, join
-std::span<const Command> stats_commands();         // stats
-std::span<const Command> top_commands();           // top
-std::span<const Command> config_commands();        // config check
-std::span<const Command> history_commands();       // history
-std::span<const Command> capture_commands();       // capture
-std::span<const Command> doctor_commands();        // doctor
-std::span<const Command> secret_commands();        // secret put, list, show, rename, rm
-std::span<const Command> pac_commands();           // pac list, show, rm, age-out
-std::span<const Command> pac_transfer_commands();  // pac import, export
-std::span<const Command> cache_commands();         // cache list, warm, purge
-std::span<const Command> context_commands();       // context list, clear
-std::span<const Command> explain_commands();       // explain
-std::span<const Command> completion_commands();    // completion
+std::span<const Command> service_commands();         // status, owners, limits, reload, checkpoint
+std::span<const Command> vault_commands();           // backup, restore, vault
+std::span<const Command> fleet_commands();           // fleet status, request, admit, join
+std::span<const Command> fleet_contents_commands();  // fleet import, restore, accept
+std::span<const Command> stats_commands();           // stats
+std::span<const Command> top_commands();             // top
+std::span<const Command> config_commands();          // config check
+std::span<const Command> history_commands();         // history
+std::span<const Command> capture_commands();         // capture
+std::span<const Command> doctor_commands();          // doctor
+std::span<const Command> secret_commands();          // secret put, list, show, rename, rm
+std::span<const Command> pac_commands();             // pac list, show, rm, age-out
+std::span<const Command> pac_transfer_commands();    // pac import, export
+std::span<const Command> cache_commands();           // cache list, warm, purge
+std::span<const Command> context_commands();         // context list, clear
+std::span<const Command> explain_commands();         // explain
+std::span<const Command> completion_commands();      // completion
 
 // Of all families, for what is made from the table.
 std::vector<const Command *> every_command();

@@ -3,13 +3,10 @@
 
 // context.cc: all that a user has in the keystore: what is in the VDC that the service maps the user to.
 #include <fmt/format.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <iostream>
 
 #include "cached.h"
 #include "command.h"
+#include "confirm.h"
 #include "keystore.h"
 #include "library.h"
 #include "progress.h"
@@ -55,23 +52,13 @@ void list(Session &session, const Arguments &) {
                        "");
 }
 
-void confirm(const std::string &question) {
-  if (isatty(STDIN_FILENO) == 0) {
-    throw Failure(Exit::kUsage, "context clear: there is no terminal to ask at; --yes goes without asking");
-  }
-  std::fprintf(stderr, "%s Type yes: ", question.c_str());
-  std::string answer;
-  std::getline(std::cin, answer);
-  if (answer != "yes") throw Failure(Exit::kFailed, "context clear: it wasn't confirmed; nothing was removed");
-}
-
 void clear(Session &session, const Arguments &arguments) {
   start_library(session);
   const Contents all = contents();
   const size_t total = all.secrets.size() + all.pacs.size() + all.cached.size();
   if (total != 0 && !arguments.has("--yes")) {
-    confirm(fmt::format("Remove {} secrets, {} PACs and {} cached entries of VDC {}, for good?", all.secrets.size(),
-                        all.pacs.size(), all.cached.size(), vdc_id));
+    confirm("context clear", fmt::format("Remove {} secrets, {} PACs and {} cached entries of VDC {}, for good?",
+                                         all.secrets.size(), all.pacs.size(), all.cached.size(), vdc_id));
   }
   {
     Progress progress("context clear", "entries", total);

@@ -170,6 +170,7 @@ void join(Session &session, const Arguments &arguments) {
   if (access(to.c_str(), F_OK) == 0) {
     throw Failure(Exit::kConflict, fmt::format("{}: is there already; move it away first, or name another file", to));
   }
+  unlink((to + ".fleet").c_str());  // which told the fleet of a key before this one
   vault::write_new_key(to, *master_key, std::nullopt);
   unlink(key_file.c_str());  // it has done what it was for
   session.output.done(fmt::format("{}: the master key of the fleet", to), Object{{"file", to}});

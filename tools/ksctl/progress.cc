@@ -38,11 +38,14 @@ Progress::~Progress() {
   for (size_t i = 0; i < std::size(kSignals); ++i) sigaction(kSignals[i], &before_[i], nullptr);
 }
 
+void Progress::heed_signal() const {
+  if (caught == 0) return;
+  throw Failure(Exit::kFailed, fmt::format("{}: interrupted after {} of {} {}; run it again for the rest", what_, done_,
+                                           total_, of_what_));
+}
+
 void Progress::step() {
-  if (caught != 0) {
-    throw Failure(Exit::kFailed, fmt::format("{}: interrupted after {} of {} {}; run it again for the rest", what_,
-                                             done_, total_, of_what_));
-  }
+  heed_signal();
   if (const auto now = steady_clock::now(); now >= next_) {
     next_ = now + kBetweenLines;
     show(fmt::format("{}: {} of {} {}", what_, done_, total_, of_what_));

@@ -25,6 +25,9 @@ class Progress {
   // it is to end.
   void step();
 
+  // heed_signal is that without a step, for work that waits.
+  void heed_signal() const;
+
  private:
   void show(const std::string &line);
 

@@ -67,7 +67,9 @@ void backup(Session &session, const Arguments &arguments) {
   const Secret passphrase = read_passphrase(arguments.descriptor("--passphrase-fd"), kOfBackup, true);
 
   const vault::PassphraseParameters parameters = vault::draw_parameters(cost_of(arguments));
-  const vault::BackupOpening opening = vault::encode_opening(parameters);
+  const bool is_of_fleet = link.result_of(HOST_OP_FLEET) == KS_SUCCESS;
+  const vault::BackupOpening opening =
+      vault::encode_opening(parameters, is_of_fleet ? vault::BackupForm::kOfFleet : vault::BackupForm::kOfVault);
   const Secret key = vault::key_of_passphrase(passphrase->bytes(), parameters);
   const auto request = ksd::SecretBytes::allocate(sizeof(HostBackupRequest));
   std::copy(key->bytes().begin(), key->bytes().end(), request->writable().begin());

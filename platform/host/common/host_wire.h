@@ -29,6 +29,10 @@
 #define HOST_OP_MASTER_KEY_CHANGE UINT32_C(19)
 #define HOST_OP_FLEET UINT32_C(20)
 #define HOST_OP_FLEET_OWNERS UINT32_C(29)
+#define HOST_OP_FLEET_IMPORT UINT32_C(25)
+#define HOST_OP_FLEET_RESTORE UINT32_C(26)
+#define HOST_OP_FLEET_GO_ON UINT32_C(27)
+#define HOST_OP_FLEET_ACCEPT UINT32_C(28)
 
 /* For everybody whom the hello offers a channel. */
 #define HOST_OP_CHANNEL UINT32_C(64)
@@ -378,6 +382,119 @@ typedef struct {
 #define HOST_OWNER_IS_NO_USER UINT32_C(1) /* the number stands for the name alone: no user of this machine has it */
 
 KS_STATIC_ASSERT(sizeof(HostFleetOwner) == 72);
+/* HostFleetImportRequest prepares to take the entries of a vault into the fleet: the service reads the vault, looks
+ * what that would come to, and changes nothing. Behind the request there may be the passphrase that the vault's master
+ * key is sealed under. HOST_OP_FLEET_GO_ON then does it.
+ *
+ * HostFleetImportReply answers it; `count` records of HostFleetName follow, the first of the names that are there
+ * already with other content. KS_FAILURE: the vault can't be read, as `refusal` says. For this message and the next
+ * two, KS_NOT_FOUND, 4 bytes, says that the service keeps its entries alone, and KS_TIMEOUT that another connection
+ * imports or restores. */
+typedef struct {
+  uint32_t taken; /* HOST_TAKEN_...: what becomes of entries whose names are there already with other content */
+  uint32_t reserved;
+  char vault[256];    /* empty: that of the service's configuration */
+  char key_file[256]; /* of the vault's master key */
+  char witness[256];  /* empty: beside the vault */
+} HostFleetImportRequest;
+
+#define HOST_TAKEN_REFUSE UINT32_C(0) /* then nothing is changed at all */
+#define HOST_TAKEN_SKIP UINT32_C(1)
+#define HOST_TAKEN_REPLACE UINT32_C(2)
+
+typedef struct {
+  uint32_t result; /* KS_SUCCESS: it has been read */
+  uint32_t count;
+  uint64_t entries;
+  uint64_t added; /* of these, what would become of them */
+  uint64_t same;
+  uint64_t replaced;
+  uint64_t skipped;
+  uint64_t refused;
+  uint64_t unnamed; /* owners that have no name in the fleet, and would count as one */
+  uint64_t limit;   /* that would be exceeded, and what it allows; no name when none would be */
+  char limit_name[32];
+  char vault[256]; /* that was read */
+  char refusal[512];
+} HostFleetImportReply;
+
+#define HOST_IMPORT_NAMES 100
+
+typedef struct {
+  uint16_t vdc_id;
+  uint8_t tag;
+  uint8_t size; /* of the name */
+  char name[32];
+} HostFleetName;
+
+KS_STATIC_ASSERT(sizeof(HostFleetImportRequest) == 776);
+KS_STATIC_ASSERT(sizeof(HostFleetImportReply) == 872);
+KS_STATIC_ASSERT(sizeof(HostFleetName) == 36);
+
+/* HostFleetRestoreRequest brings the file of a backup to the service, in steps on one connection: first its size and
+ * the key that was made of its passphrase, then the file in parts of HOST_RESTORE_PART bytes at most, each behind a
+ * request of its own. HostFleetRestoreReply answers each; with the last part the service has read the backup, whose
+ * entries HOST_OP_FLEET_GO_ON then puts in the place of all that the fleet has. KS_FAILURE: `refusal` says why. */
+typedef struct {
+  uint32_t step; /* HOST_RESTORE_... */
+  uint32_t reserved;
+  uint64_t size;
+  uint64_t incarnation; /* that the fleet is raised to at least; 0: one more than is known */
+  uint8_t key[32];
+} HostFleetRestoreRequest;
+
+#define HOST_RESTORE_BEGIN UINT32_C(1)
+#define HOST_RESTORE_CONTINUE UINT32_C(2)
+#define HOST_RESTORE_PART (UINT32_C(64) * 1024)
+
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t whole;  /* 1: all of it has come, and it is as it was written */
+  uint64_t received;
+  uint64_t entries; /* in the backup, and of what change and time it is */
+  uint64_t version;
+  uint64_t made_at;
+  uint64_t present_entries; /* that this machine knows of, and of what change */
+  uint64_t present_version;
+  uint64_t incarnation;
+  char refusal[512];
+} HostFleetRestoreReply;
+
+KS_STATIC_ASSERT(sizeof(HostFleetRestoreRequest) == 56);
+KS_STATIC_ASSERT(sizeof(HostFleetRestoreReply) == 576);
+
+/* HostFleetAcceptReply answers HOST_OP_FLEET_ACCEPT, whose descriptor is the number of an incarnation, 8 bytes: a
+ * machine that has left the store alone follows a fleet that was restored to just that one. KS_NOT_FOUND: it hasn't;
+ * KS_INVALID_ARGS: the store isn't at that one; KS_TIMEOUT: nothing came of it yet. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t reserved;
+  uint64_t incarnation; /* that the machine has now */
+  uint64_t restored_to; /* the later one that the store is at; 0: none */
+} HostFleetAcceptReply;
+
+KS_STATIC_ASSERT(sizeof(HostFleetAcceptReply) == 24);
+
+/* HOST_OP_FLEET_GO_ON, without a payload, goes on with what was prepared on this connection: with an import by 100
+ * entries, with a restore by waiting for it a little. It ends with the connection; a restore only as long as the fleet
+ * isn't the backup's yet. KS_NOT_FOUND, 4 bytes: nothing was prepared. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS, or what stopped it, which `refusal` tells in words */
+  uint32_t state;  /* HOST_FLEET_WORK_... */
+  uint64_t done;
+  uint64_t all;
+  uint64_t added; /* by an import */
+  uint64_t same;
+  uint64_t replaced;
+  uint64_t skipped;
+  uint64_t incarnation; /* that a restore has raised the fleet to */
+  char refusal[512];
+} HostFleetGoOnReply;
+
+#define HOST_FLEET_WORK_GOES_ON UINT32_C(0)
+#define HOST_FLEET_WORK_DONE UINT32_C(1)
+
+KS_STATIC_ASSERT(sizeof(HostFleetGoOnReply) == 576);
 
 /* HostReplyShape is what a reply to one of the keystore's messages has to hold, so that whoever reads it without
  * looking finds it there. Every reply begins with its result; what follows counts with KS_SUCCESS alone.

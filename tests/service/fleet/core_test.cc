@@ -7,6 +7,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <deque>
+#include <map>
+
 #include "fleet_simulator/engine_model.h"
 #include "vault_files/vault_files.h"
 
@@ -49,6 +53,15 @@ class Machine final : private Readers {
     }
     see_changes();
   }
+  // carry_out_next does so with the first request alone, as long as there is one.
+  bool carry_out_next() {
+    for (Request &request : core.take_requests()) waiting_.push_back(std::move(request));
+    if (waiting_.empty()) return false;
+    const Request request = std::move(waiting_.front());
+    waiting_.pop_front();
+    std::visit([this](const auto &one) { execute(one); }, request);
+    return true;
+  }
   void pass(Time time) {
     now += time;
     core.tick(now);
@@ -72,6 +85,24 @@ class Machine final : private Readers {
   void put(Ticket ticket, const std::string &name) {
     core.change(now, ticket, vault::decide_put(secret_name(name), std::nullopt, bytes_of("secret"), {}, 1));
   }
+  std::vector<std::string> names() const {
+    std::vector<std::string> names;
+    const vault::Table &table = core.memory().state().table;
+    for (size_t i = 0; i < table.size(); ++i) names.push_back(table.at(i)->name.name);
+    return names;
+  }
+  // backed_up gives what a backup of this machine's memory restores.
+  Restore::Wanted backed_up(uint64_t folder) const {
+    const vault::State &state = core.memory().state();
+    Restore::Wanted wanted{.rows = state.table.rows(),
+                           .last_id = state.header.last_id,
+                           .last_version = state.header.last_version,
+                           .fleet = kFleet,
+                           .folder = folder};
+    std::ranges::sort(wanted.rows, {}, [](const vault::RowPtr &row) { return row->id; });
+    return wanted;
+  }
+  Restore::Progress::State restored() const { return core.restoring()->progress().state; }
   bool has(const std::string &name) const { return core.memory().state().table.find(secret_name(name)) != nullptr; }
   Standing standing() const { return core.standing(now); }
 
@@ -84,7 +115,6 @@ class Machine final : private Readers {
 
   Time now{};
 
- private:
   void execute(const Commit &commit) {
     if (!store_.compare_and_change(commit)) {
       return core.take(now, Refused{commit.id, store_.header(), store_.revision()});
@@ -104,6 +134,7 @@ class Machine final : private Readers {
   void execute(const Beat &) {}
   void execute(const ReadBeats &) {}
 
+ private:
   void lock() override {}
   void unlock() override {}
   void shown(const std::vector<uint64_t> &, const vault::RowChanges *) override {}
@@ -111,6 +142,7 @@ class Machine final : private Readers {
   StoreModel &store_;
   Owners owners_{{{1, "one"}}};
   std::optional<Watch> watch_;
+  std::deque<Request> waiting_;
 
  public:
   Core core;
@@ -165,7 +197,7 @@ TEST(FleetCore, FindsARowThatDisappearsBehindTheWatchWithinFiveMinutes) {
   x.come_up();
   x.put(1, "a");
   x.carry_out();
-  store.forget(row_key(1));
+  store.forget(row_key({.folder = 0, .id = 1}));
   for (Time passed{}; passed < 299s; passed += 200ms) {
     x.pass(200ms);
     x.carry_out();
@@ -369,6 +401,240 @@ TEST(FleetCore, TriesAGroupOneByOneThatIsTooLargeForTheStore) {
   x.carry_out();
   EXPECT_THAT(x.core.take_answers(),
               ElementsAre(Answers(1, KS_SUCCESS), Answers(2, KS_STORE_FULL), Answers(3, KS_SUCCESS)));
+}
+
+// ---- Restore ----
+
+using State = Restore::Progress::State;
+
+class FleetRestore : public testing::Test {
+ protected:
+  // A fleet of some entries, of which x has a backup, and which has changed since.
+  FleetRestore() {
+    x.come_up();
+    for (Ticket ticket = 0; ticket < 250; ++ticket) x.put(ticket, "n" + std::to_string(ticket));
+    x.carry_out();
+    backup = x.backed_up(7);
+    x.put(300, "later");
+    x.core.change(x.now, 301, vault::decide_remove(secret_name("n0")));
+    x.carry_out();
+    y.come_up();
+    x.core.take_answers();
+  }
+
+  // rows_in counts rows by their folders.
+  std::map<uint64_t, size_t> rows_in_folders() const {
+    std::map<uint64_t, size_t> count;
+    for (const auto &[key, value] : store.live()) {
+      if (const std::optional<RowPlace> place = row_place(key)) ++count[place->folder];
+    }
+    return count;
+  }
+
+  StoreModel store;
+  Machine x{store, Machine::options("x")}, y{store, Machine::options("y", 2)};
+  Restore::Wanted backup;
+};
+
+TEST_F(FleetRestore, PutsABackupInThePlaceOfAllThatThereIs) {
+  const uint64_t version = x.core.memory().header().version;
+  x.core.restore(x.now, backup);
+  x.carry_out();
+  EXPECT_EQ(x.restored(), State::kDone);
+  EXPECT_EQ(x.standing(), Standing::kGood);
+  EXPECT_EQ(x.names().size(), 250u);
+  EXPECT_EQ(x.names().front(), "n0") << "in its place";
+  EXPECT_EQ(x.core.memory().header().incarnation, 2u);
+  EXPECT_EQ(x.core.memory().header().version, version + 1);
+  EXPECT_EQ(rows_in_folders(), (std::map<uint64_t, size_t>{{7, 250}}));
+  EXPECT_EQ(store.revision_of(kRestoreKey), 0u);
+  x.put(1, "after");
+  x.carry_out();
+  EXPECT_THAT(x.core.take_answers(), ElementsAre(Answers(1, KS_SUCCESS)));
+
+  y.see_changes();
+  y.carry_out();
+  EXPECT_EQ(y.standing(), Standing::kRestored);
+  EXPECT_TRUE(y.has("later")) << "what it had is read on";
+  y.core.accept(y.now, y.core.restored_to());
+  y.carry_out();
+  EXPECT_EQ(y.names(), x.names());
+}
+
+TEST_F(FleetRestore, IsWholeOrNothingWhereverItIsCutShort) {
+  std::vector<std::string> before = x.names(), after;
+  for (const vault::RowPtr &row : backup.rows) after.push_back(row->name.name);
+  const StoreModel present = store;
+  bool was_switched = false, was_done = false;
+  for (int steps = 1; !was_done; ++steps) {
+    SCOPED_TRACE(steps);
+    ASSERT_LT(steps, 100);
+    store.set_back(present);
+    Machine restorer(store, Machine::options("x", 3));
+    restorer.come_up();
+    restorer.core.restore(restorer.now, backup);
+    for (int i = 0; i < steps && restorer.carry_out_next(); ++i) {
+    }
+    was_done = restorer.restored() == State::kDone;
+
+    Machine z(store, Machine::options("z", 4));  // which knows nothing
+    z.come_up();
+    ASSERT_EQ(z.standing(), Standing::kGood);
+    const bool is_switched = z.core.memory().header().incarnation == 2;
+    EXPECT_EQ(z.names(), is_switched ? after : before);
+    EXPECT_GE(is_switched, was_switched) << "and stays so";
+    was_switched = is_switched;
+
+    // Begun again, it comes to its end, and nothing is left of the first one.
+    Restore::Wanted again = backup;
+    again.folder = 8;
+    z.core.restore(z.now, again);
+    z.carry_out();
+    EXPECT_EQ(z.restored(), State::kDone);
+    EXPECT_EQ(z.names(), after);
+    EXPECT_EQ(rows_in_folders(), (std::map<uint64_t, size_t>{{8, 250}}));
+  }
+  EXPECT_TRUE(was_switched);
+}
+
+TEST_F(FleetRestore, GivesWayToOneThatBeginsLater) {
+  x.core.restore(x.now, backup);
+  for (int i = 0; i < 4; ++i) ASSERT_TRUE(x.carry_out_next());
+  Restore::Wanted others = y.backed_up(9);
+  y.core.restore(y.now, others);
+  y.carry_out();
+  ASSERT_EQ(y.restored(), State::kDone);
+  while (x.carry_out_next()) {
+  }
+  EXPECT_EQ(x.restored(), State::kStopped);
+  EXPECT_THAT(x.core.restoring()->progress().why, HasSubstr("another restore has begun"));
+  EXPECT_EQ(rows_in_folders(), (std::map<uint64_t, size_t>{{9, 250}}));
+}
+
+TEST_F(FleetRestore, TakesAChangeThatComesInBetweenForPartOfWhatItReplaces) {
+  x.core.restore(x.now, backup);
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(x.carry_out_next());
+  y.put(1, "in between");
+  y.carry_out();
+  ASSERT_THAT(y.core.take_answers(), ElementsAre(Answers(1, KS_SUCCESS)));
+  const uint64_t version = y.core.memory().header().version;
+  while (x.carry_out_next()) {
+  }
+  EXPECT_EQ(x.restored(), State::kDone);
+  EXPECT_FALSE(x.has("in between"));
+  EXPECT_EQ(x.core.memory().header().version, version + 1);
+}
+
+TEST_F(FleetRestore, EndsWhenItIsGivenUpBeforeItsLastStep) {
+  x.core.restore(x.now, backup);
+  for (int i = 0; i < 4; ++i) ASSERT_TRUE(x.carry_out_next());
+  x.core.give_up_restore();
+  while (x.carry_out_next()) {
+  }
+  EXPECT_EQ(x.restored(), State::kStopped);
+  EXPECT_TRUE(x.has("later"));
+  EXPECT_EQ(x.standing(), Standing::kGood);
+}
+
+TEST_F(FleetRestore, MendsAStoreThatWasSetBackOrEmptied) {
+  const auto restores = [&](const char *what) {
+    SCOPED_TRACE(what);
+    x.pass(250ms);
+    x.carry_out();
+    ASSERT_EQ(x.standing(), Standing::kTampered);
+    const uint64_t incarnation = x.core.memory().header().incarnation;
+    ++backup.folder;
+    x.core.restore(x.now, backup);
+    x.carry_out();
+    EXPECT_EQ(x.standing(), Standing::kGood);
+    EXPECT_EQ(x.core.memory().header().incarnation, incarnation + 1);
+    EXPECT_EQ(x.names().size(), 250u);
+    // The other has left the store alone as well, and is told by its operator.
+    y.pass(250ms);
+    y.carry_out();
+    EXPECT_TRUE(lasts(y.standing()));
+    y.core.accept(y.now, incarnation + 1);
+    y.carry_out();
+    EXPECT_EQ(y.standing(), Standing::kGood);
+    EXPECT_EQ(y.names(), x.names());
+  };
+  StoreModel before = store;
+  x.put(1, "last");
+  x.carry_out();
+  y.see_changes();
+  store.set_back(before);
+  restores("set back");
+  store.set_back(StoreModel());
+  restores("emptied");
+}
+
+TEST_F(FleetRestore, MakesAFleetOfABackupOverAnEmptyStore) {
+  StoreModel empty;
+  CoreOptions options = Machine::options("n");
+  options.make.reset();
+  Machine n(empty, options);
+  n.come_up();
+  ASSERT_EQ(n.standing(), Standing::kNoFleet);
+  n.core.restore(n.now, backup);
+  n.come_up();
+  EXPECT_EQ(n.restored(), State::kDone);
+  EXPECT_EQ(n.standing(), Standing::kGood);
+  EXPECT_EQ(n.names().size(), 250u);
+  EXPECT_EQ(n.core.memory().fleet(), kFleet) << "so that machines that were there before know it again";
+}
+
+TEST_F(FleetRestore, LeavesAnotherFleetAlone) {
+  CoreOptions options = Machine::options("x");
+  options.fleet = FleetId{9};
+  Machine other(store, options);
+  other.come_up();
+  other.core.restore(other.now, backup);
+  other.carry_out();
+  EXPECT_EQ(other.restored(), State::kStopped);
+  EXPECT_THAT(other.core.restoring()->progress().why, HasSubstr("another fleet"));
+  options.fleet.reset();
+  options.master_key = master_key(8);
+  Machine third(store, options);
+  third.come_up();
+  third.core.restore(third.now, backup);
+  third.carry_out();
+  EXPECT_THAT(third.core.restoring()->progress().why, HasSubstr("another master key"));
+  EXPECT_EQ(rows_in_folders(), (std::map<uint64_t, size_t>{{0, 250}}));
+}
+
+TEST_F(FleetRestore, StopsWhenTheStoreHasNoRoom) {
+  x.core.restore(x.now, backup);
+  ASSERT_TRUE(x.carry_out_next());
+  ASSERT_TRUE(x.carry_out_next());
+  const std::optional<Commit> drafts = x.last_commit();
+  ASSERT_TRUE(drafts);
+  x.core.take(x.now, Failed{drafts->id, Failure::kNoSpace, ""});
+  EXPECT_EQ(x.restored(), State::kStopped);
+  EXPECT_EQ(x.core.restoring()->progress().result, KS_STORE_FULL);
+}
+
+TEST_F(FleetRestore, FindsOutWhetherItsLastStepCameToBe) {
+  x.core.restore(x.now, backup);
+  std::optional<Commit> last;
+  while (!last) {
+    for (Request &request : x.core.take_requests()) {
+      auto *commit = std::get_if<Commit>(&request);
+      if (commit != nullptr && commit->header_revision && commit->restore_revision) {
+        last = *commit;
+      } else {
+        std::visit([this](auto &one) { x.execute(one); }, request);
+      }
+    }
+  }
+  ASSERT_TRUE(store.compare_and_change(*last)) << "it was made, but nobody is told";
+  x.core.take(x.now, Failed{last->id, Failure::kUnknown, ""});
+  for (int i = 0; i < 5; ++i) {
+    x.pass(100ms);
+    x.carry_out();
+  }
+  EXPECT_EQ(x.restored(), State::kDone);
+  EXPECT_EQ(x.core.memory().header().incarnation, 2u);
+  EXPECT_EQ(x.standing(), Standing::kGood);
 }
 
 }  // namespace

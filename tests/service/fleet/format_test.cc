@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "docs/page.h"
+#include "vault/backup.h"
 #include "vault_files/vault_files.h"
 
 namespace ksd::fleet {
@@ -97,6 +98,28 @@ TEST(FleetFormat, HasTheHeartbeatOfThePage) {
   EXPECT_EQ(open_heartbeat(seal_heartbeat(beat, "beta", sealer()), "beta", sealer()), beat);
 }
 
+// A backup of a fleet is a vault's, with the owners in it.
+TEST(FleetFormat, HasTheOwnersOfThePageInABackup) {
+  constexpr size_t kHead = 48;
+  const auto key = SecretBytes::copy_of(Octets(32, 9));
+  const vault::BackupOpening opening = vault::encode_opening({}, vault::BackupForm::kOfFleet);
+  vault::Snapshot snapshot;
+  snapshot.owners = {{1000, "radius"}, {0xf0000000, "others"}};
+  vault::BackupWriter writer(std::move(snapshot), 0, *key, opening);
+  Octets part(vault::kSealedPartSize);
+  part.resize(writer.next(part.data()));
+  crypto_secretstream_xchacha20poly1305_state stream;
+  crypto_secretstream_xchacha20poly1305_init_pull(&stream, writer.stream_header().data(), key->bytes().data());
+  Octets plain(part.size() - crypto_secretstream_xchacha20poly1305_ABYTES);
+  uint8_t tag = 0;
+  ASSERT_EQ(crypto_secretstream_xchacha20poly1305_pull(&stream, plain.data(), nullptr, &tag, part.data(), part.size(),
+                                                       opening.data(), opening.size()),
+            0);
+  const Octets owners = vault_page.filled("backup-owners");
+  ASSERT_GT(plain.size(), kHead + owners.size());
+  EXPECT_EQ(Octets(plain.begin() + kHead, plain.begin() + kHead + static_cast<ptrdiff_t>(owners.size())), owners);
+}
+
 TEST(FleetFormat, RefusesAHeaderOfAnotherShape) {
   const Octets plain = page.filled("fleet-header");
   for (size_t size = 0; size < plain.size(); ++size) {
@@ -106,10 +129,10 @@ TEST(FleetFormat, RefusesAHeaderOfAnotherShape) {
   other.push_back(0);
   EXPECT_EQ(decode_header(other), std::nullopt);
   other = plain;
-  other[104] = 1;  // there is no such writer
+  other[112] = 1;  // there is no such writer
   EXPECT_EQ(decode_header(other), std::nullopt);
   other = plain;
-  other[107] = 'A';  // no name of a machine
+  other[115] = 'A';  // no name of a machine
   EXPECT_EQ(decode_header(other), std::nullopt);
 }
 
@@ -124,10 +147,14 @@ TEST(FleetFormat, RefusesARowOfAnotherShape) {
 }
 
 TEST(FleetFormat, KnowsTheKeysOfRows) {
-  EXPECT_EQ(row_key(0xab), "e/00000000000000ab");
-  EXPECT_EQ(row_id("e/00000000000000ab"), 0xabu);
-  for (const char *key : {"", "e/", "e/ab", "e/00000000000000AB", "e/000000000000000ab", "e/0000000000000 ab", "h"}) {
-    EXPECT_EQ(row_id(key), std::nullopt) << key;
+  const std::string key = "e/0123456789abcdef/00000000000000ab";
+  const RowPlace place{.folder = 0x0123456789abcdef, .id = 0xab};
+  EXPECT_EQ(row_key(place), key);
+  EXPECT_EQ(row_place(key), place);
+  for (const char *other : {"", "e/", "e/00000000000000ab", "e/0123456789abcdef/00000000000000AB",
+                            "e/0123456789abcdef/000000000000000ab", "e/0123456789abcdef/0000000000000 ab",
+                            "e/0123456789abcdef000000000000000000ab", "e/0123456789abcdeF/00000000000000ab", "h"}) {
+    EXPECT_EQ(row_place(other), std::nullopt) << other;
   }
 }
 

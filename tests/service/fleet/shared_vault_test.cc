@@ -9,8 +9,10 @@
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <thread>
 
+#include "fleet/belonging.h"
 #include "fleet/clock.h"
 #include "fleet_simulator/engine_model.h"
 #include "vault/database.h"
@@ -310,13 +312,104 @@ TEST_F(SharedVaultTest, StopsChangingAStoreThatWasTamperedWith) {
   ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
   {
     const std::lock_guard lock(store.mutex);
-    store.model.change({}, {row_key(1)});
+    store.model.change({}, {row_key({.folder = 0, .id = 1})});
   }
   cut("x", false);  // has it look at the store
   EXPECT_TRUE(eventually([&] { return x->status().standing == Standing::kTampered; }));
   EXPECT_TRUE(x->condition().until_restart);
   EXPECT_EQ(put(*x, "other", "1"), KS_FW_BAD_CELL);
   EXPECT_EQ(secret_in(*x, secret_name("wifi")), "1") << "what was checked is read on";
+}
+
+// ---- Entries of a vault ----
+
+class Import : public SharedVaultTest {
+ protected:
+  // from_vault gives the entries of a vault of three, of two owners, of which one has an alias.
+  std::vector<vault::RowPtr> from_vault(SharedVault &into) const {
+    {
+      const auto own = folder.open();
+      vault::put(*own, "wifi", "correct horse", "channel 11", 1000);
+      own->put(secret_name("eap"), secret_name("eap-tls"), bytes_of("battery"), bytes_of(""), 1001);
+      vault::put(*own, "vpn", "staple", "", 1007);
+    }
+    size_t unnamed = 0;
+    const auto rows = into.of_fleet(vault::read_vault(folder.options()), unnamed);
+    EXPECT_EQ(unnamed, 1u);
+    return rows;
+  }
+
+  vault::Folder folder;
+};
+
+TEST_F(Import, TakesAllOfAnEntryAndKeepsTheOrder) {
+  const auto x = loaded(options("x"));
+  ASSERT_EQ(put(*x, "first", "1"), KS_SUCCESS);
+  const auto rows = from_vault(*x);
+  const ImportPlan plan = x->plan_import(rows, vault::Taken::kRefuse);
+  EXPECT_EQ(plan.counts.added, 3u);
+  EXPECT_TRUE(plan.taken.empty());
+  EXPECT_EQ(x->count(), 1u) << "nothing was changed";
+  ImportCounts counts;
+  EXPECT_EQ(x->import(rows, vault::Taken::kRefuse, counts), KS_SUCCESS);
+  EXPECT_EQ(counts.added, 3u);
+  EXPECT_THAT(names_in(*x), ElementsAre("first", "wifi", "eap", "vpn"));
+  EXPECT_EQ(secret_in(*x, secret_name("wifi")), "correct horse");
+  EXPECT_EQ(metadata_in(*x, secret_name("wifi")), "channel 11");
+  EXPECT_EQ(secret_in(*x, secret_name("eap-tls")), "battery");
+  const std::vector<vault::Owner> owners = x->owners(1001, 10);
+  ASSERT_FALSE(owners.empty());
+  EXPECT_EQ(owners[0].uid, 1001u);
+  EXPECT_EQ(owners[0].entries, 1u);
+  EXPECT_EQ(vault::read_vault(folder.options()).size(), 3u) << "the vault is as it was";
+}
+
+TEST_F(Import, FindsThereWhatAnEarlierOneHasTakenIn) {
+  const auto x = loaded(options("x"));
+  const auto rows = from_vault(*x);
+  ImportCounts counts;
+  ASSERT_EQ(x->import(std::span(rows).first(2), vault::Taken::kRefuse, counts), KS_SUCCESS);
+  const uint64_t version = x->status().version;
+  const ImportPlan plan = x->plan_import(rows, vault::Taken::kRefuse);
+  EXPECT_EQ(plan.counts.same, 2u);
+  EXPECT_EQ(plan.counts.added, 1u);
+  ImportCounts again;
+  EXPECT_EQ(x->import(rows, vault::Taken::kRefuse, again), KS_SUCCESS);
+  EXPECT_EQ(again.same, 2u);
+  EXPECT_EQ(x->status().version, version + 1);
+  EXPECT_THAT(names_in(*x), ElementsAre("wifi", "eap", "vpn"));
+}
+
+TEST_F(Import, RefusesLeavesOutOrReplacesWhatHasAnotherContent) {
+  const auto x = loaded(options("x"));
+  const auto rows = from_vault(*x);
+  ASSERT_EQ(put(*x, "eap-tls", "other", "", 1000), KS_SUCCESS);  // the alias of one of them
+  const ImportPlan plan = x->plan_import(rows, vault::Taken::kRefuse);
+  ASSERT_EQ(plan.taken.size(), 1u);
+  EXPECT_EQ(plan.taken[0], secret_name("eap"));
+  EXPECT_EQ(x->plan_import(rows, vault::Taken::kSkip).counts.skipped, 1u);
+  EXPECT_EQ(x->plan_import(rows, vault::Taken::kReplace).counts.replaced, 1u);
+
+  ImportCounts counts;
+  EXPECT_EQ(x->import(rows, vault::Taken::kSkip, counts), KS_SUCCESS);
+  EXPECT_EQ(secret_in(*x, secret_name("eap-tls")), "other");
+  EXPECT_EQ(x->import(rows, vault::Taken::kReplace, counts), KS_SUCCESS);
+  EXPECT_EQ(secret_in(*x, secret_name("eap-tls")), "battery");
+  EXPECT_THAT(names_in(*x), ElementsAre("eap", "wifi", "vpn")) << "in the place of what it replaces";
+
+  ASSERT_EQ(x->remove(secret_name("eap")), KS_SUCCESS);
+  ASSERT_EQ(put(*x, "eap", "one"), KS_SUCCESS);
+  ASSERT_EQ(put(*x, "eap-tls", "two"), KS_SUCCESS);
+  EXPECT_EQ(x->plan_import(rows, vault::Taken::kReplace).taken.size(), 1u) << "it would take the places of two";
+}
+
+TEST_F(Import, TellsTheLimitInItsWay) {
+  SharedOptions narrow = options("x");
+  narrow.limits.entries = 2;
+  const auto x = loaded(narrow);
+  const ImportPlan plan = x->plan_import(from_vault(*x), vault::Taken::kRefuse);
+  ASSERT_TRUE(plan.limit);
+  EXPECT_STREQ(plan.limit->limit_name, "entries");
 }
 
 class MirrorTest : public SharedVaultTest {
@@ -411,6 +504,104 @@ TEST_F(MirrorTest, RefusesTheMirrorOfAnotherKeyOrFleetAndADamagedOne) {
 TEST_F(MirrorTest, RefusesAFileThatOthersMayWrite) {
   ASSERT_EQ(chmod(folder.path().c_str(), 0777), 0);
   EXPECT_THAT(vault::refusal_of([&] { open(mirrored("x")); }), HasSubstr("mirror.db"));
+}
+
+// ---- Restore ----
+
+class RestoredFleet : public MirrorTest {
+ protected:
+  static Restore::Wanted backup_of(SharedVault &machine, uint64_t folder) {
+    vault::Snapshot snapshot = machine.snapshot();
+    std::ranges::sort(snapshot.rows, {}, [](const vault::RowPtr &row) { return row->id; });
+    return {.rows = std::move(snapshot.rows),
+            .last_id = snapshot.header.last_id,
+            .last_version = snapshot.header.last_version,
+            .fleet = snapshot.vault_id,
+            .folder = folder};
+  }
+  static Restore::Progress::State restored(SharedVault &machine) {
+    using State = Restore::Progress::State;
+    State state = State::kGoesOn;
+    eventually([&] {
+      state = machine.wait_for_restore().state;
+      return state == State::kDone || state == State::kStopped;
+    });
+    return state;
+  }
+};
+
+TEST_F(RestoredFleet, IsFollowedByAMachineThatIsToldAlsoWhenItStartsAgain) {
+  const auto x = loaded(options("x"));
+  auto y = loaded(mirrored("y"));
+  ASSERT_EQ(put(*x, "wifi", "old"), KS_SUCCESS);
+  const Restore::Wanted backup = backup_of(*x, 5);
+  ASSERT_EQ(put(*x, "wifi", "new"), KS_SUCCESS);
+  ASSERT_TRUE(eventually([&] { return secret_in(*y, secret_name("wifi")) == "new"; }));
+  ASSERT_EQ(y->accept_incarnation(2), KS_NOT_FOUND) << "there is nothing to accept";
+  ASSERT_EQ(x->begin_restore(backup), KS_SUCCESS);
+  ASSERT_EQ(restored(*x), Restore::Progress::State::kDone);
+  EXPECT_TRUE(eventually([&] { return secret_in(*x, secret_name("wifi")) == "old"; }));
+  ASSERT_TRUE(eventually([&] { return y->status().restored_to == 2; }));
+  EXPECT_THAT(y->status().words, HasSubstr("ksctl fleet accept 2"));
+  EXPECT_EQ(secret_in(*y, secret_name("wifi")), "new");
+
+  EXPECT_EQ(y->accept_incarnation(3), KS_INVALID_ARGS);
+  EXPECT_EQ(y->accept_incarnation(2), KS_SUCCESS);
+  EXPECT_EQ(secret_in(*y, secret_name("wifi")), "old");
+  y.reset();
+  y = loaded(mirrored("y"));
+  EXPECT_EQ(put(*y, "after", "1"), KS_SUCCESS);
+  EXPECT_EQ(y->status().incarnation, 2u);
+}
+
+TEST_F(RestoredFleet, StopsAgainWhereTheStoreWasntRestoredAtAll) {
+  const auto x = loaded(options("x"));
+  ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
+  {
+    const std::lock_guard lock(store.mutex);
+    store.model.change({}, {row_key({.folder = 0, .id = 1})});
+  }
+  cut("x", false);
+  ASSERT_TRUE(eventually([&] { return x->status().standing == Standing::kTampered; }));
+  EXPECT_EQ(x->accept_incarnation(2), KS_INVALID_ARGS);
+  EXPECT_EQ(x->status().standing, Standing::kTampered);
+}
+
+TEST_F(RestoredFleet, HasTheOwnersThatABackupNames) {
+  const auto x = loaded(options("x"));
+  ASSERT_EQ(put(*x, "wifi", "1", "", 1001), KS_SUCCESS);
+  EXPECT_EQ(x->snapshot().owners.at(1001), "eap");
+}
+
+// ---- Which fleet it is ----
+
+TEST_F(MirrorTest, NeverMakesAFleetAgainOverAStoreThatWasEmptied) {
+  SharedOptions without_mirror = options("x");
+  without_mirror.belonging = folder.path() + "/master.key.fleet";
+  const auto started = [&] {
+    SharedOptions again = without_mirror;
+    again.fleet = read_belonging(again.belonging);
+    return open(again);
+  };
+  EXPECT_EQ(read_belonging(without_mirror.belonging), std::nullopt);
+  {
+    const auto x = started();
+    ASSERT_TRUE(x->wait_until_loaded(kSoon));
+    EXPECT_EQ(read_belonging(without_mirror.belonging), x->status().fleet);
+  }
+  store.model.set_back(StoreModel());
+  const auto x = started();
+  EXPECT_TRUE(eventually([&] { return x->status().standing == Standing::kNoFleet; }));
+  EXPECT_THAT(x->status().words, HasSubstr("belongs to a fleet"));
+  EXPECT_EQ(store.model.header(), std::nullopt);
+}
+
+TEST_F(MirrorTest, RefusesADamagedNoteOfItsFleet) {
+  const std::string path = folder.path() + "/master.key.fleet";
+  vault::write_file(path, "nothing\n");
+  EXPECT_THAT(vault::refusal_of([&] { read_belonging(path); }), HasSubstr("doesn't say which fleet"));
+  write_belonging(path, FleetId{1, 2});
+  EXPECT_EQ(read_belonging(path), (FleetId{1, 2}));
 }
 
 }  // namespace

@@ -59,9 +59,9 @@ TEST(Simulator, FindsNothingInAnySchedule) {
   EXPECT_EQ(all.violation, "");
   fmt::print(
       "{} schedules: {} changes acknowledged, {} refused, {} unknown; {} looks at a memory, {} loads, {} deletes that "
-      "a "
-      "watch lost, {} times tampered with\n",
-      schedules(), all.changes, all.refused, all.unknown, all.reads, all.loads, all.lost_deletes, all.tampered);
+      "a watch lost, {} times tampered with, {} of {} restores done\n",
+      schedules(), all.changes, all.refused, all.unknown, all.reads, all.loads, all.lost_deletes, all.tampered,
+      all.restored, all.restores);
 }
 
 // Otherwise nothing that is found could be looked into.
@@ -103,7 +103,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Fault{Mutant::kDigestUnchecked, "DigestUnchecked"},
                     Fault{Mutant::kRollBackAccepted, "RollBackAccepted"},
                     Fault{Mutant::kTamperingForgotten, "TamperingForgotten"}, Fault{Mutant::kLateAnswer, "LateAnswer"},
-                    Fault{Mutant::kRefusedWritten, "RefusedWritten"}, Fault{Mutant::kNeverCounts, "NeverCounts"}),
+                    Fault{Mutant::kRefusedWritten, "RefusedWritten"}, Fault{Mutant::kNeverCounts, "NeverCounts"},
+                    Fault{Mutant::kMixesFolders, "MixesFolders"}, Fault{Mutant::kRestoreUnasked, "RestoreUnasked"},
+                    Fault{Mutant::kRestoreUnguarded, "RestoreUnguarded"}),
     [](const auto &fault) { return std::string(fault.param.name); });
 
 TEST(Simulator, LetsAFarMachineHaveItsTurn) {

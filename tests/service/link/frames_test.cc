@@ -49,12 +49,12 @@ void arrive(Incoming &incoming, Bytes bytes) {
 TEST(Frames, HaveTheirSizeTheirKindAndTheirFields) {
   const ksd::fleet::Commit commit{7, 0x0102, {{"h", {0xaa, 0xbb}, 0}}, {"e/1"}, std::chrono::milliseconds(5000)};
   EXPECT_THAT(frame_of(ToEngine(commit)),
-              ElementsAre(59, 0, 0, 0, 1,                                       // of Commit
-                          7, 0, 0, 0, 0, 0, 0, 0, 2, 1, 0, 0, 0, 0, 0, 0,       // id, header's revision
+              ElementsAre(61, 0, 0, 0, 1,                                       // of Commit
+                          7, 0, 0, 0, 0, 0, 0, 0, 1, 2, 1, 0, 0, 0, 0, 0, 0,    // id, header's revision
                           1, 0, 0, 0, 1, 0, 0, 0, 'h', 2, 0, 0, 0, 0xaa, 0xbb,  // puts
                           0, 0, 0, 0, 0, 0, 0, 0,                               // revision, without meaning
                           1, 0, 0, 0, 3, 0, 0, 0, 'e', '/', '1',                // deletes
-                          0x88, 0x13, 0, 0, 0, 0, 0, 0));                       // limit
+                          0x88, 0x13, 0, 0, 0, 0, 0, 0, 0));                    // limit, no restore's revision
   EXPECT_THAT(frame_of(FromEngine(ksd::fleet::Failed{9, ksd::fleet::Failure::kNoSpace, "no"})),
               ElementsAre(16, 0, 0, 0, 0x83, 9, 0, 0, 0, 0, 0, 0, 0, 3, 2, 0, 0, 0, 'n', 'o'));
   EXPECT_THAT(frame_of(FromEngine(ksd::fleet::HeaderIs{9, std::nullopt, 5})),
@@ -88,13 +88,14 @@ TEST(Frames, AreReadAsTheyWereWritten) {
       ksd::link::Start{
           .version = 1, .endpoints = {"a:1", "b:2"}, .prefix = "p/", .ca = "c", .certificate = "d", .key = "k"},
       ksd::fleet::Commit{1, 2, {row}, {"e/1"}, std::chrono::milliseconds(9)},
+      ksd::fleet::Commit{1, std::nullopt, {row}, {}, std::chrono::milliseconds(9), 3},
       ksd::fleet::ReadHeader{1, std::chrono::milliseconds(9)},
       ksd::fleet::Load{1},
       ksd::fleet::Watch{1, 2},
       ksd::fleet::Beat{1, "m", octets("v"), std::chrono::milliseconds(9)},
       ksd::fleet::ReadBeats{1, std::chrono::milliseconds(9)},
   };
-  static_assert(std::size(requests) == std::variant_size_v<ToEngine>);
+  static_assert(std::size(requests) == std::variant_size_v<ToEngine> + 1);
   for (const ToEngine &request : requests) {
     const Octets frame = frame_of(request);
     const auto read = ksd::link::read_to_engine(body(frame));

@@ -171,8 +171,8 @@ TEST_F(Backup, IsRefusedByWordsThatTellWhatTheFileIs) {
   const std::string whole = backup_of(*folder.open());
   EXPECT_THAT(verify_refusal("no backup at all"), HasSubstr("isn't a backup of ksd"));
   std::string newer = whole;
-  newer[8] = 2;
-  EXPECT_THAT(verify_refusal(newer), HasSubstr("is a backup of version 2, but this program knows version 1 only"));
+  newer[8] = 3;
+  EXPECT_THAT(verify_refusal(newer), HasSubstr("is a backup of version 3, but this program knows versions 1 and 2"));
   std::string costly = whole;
   costly[15] = 127;
   EXPECT_THAT(verify_refusal(costly), HasSubstr("isn't a backup of ksd")) << "and nobody computes for a year";

@@ -115,10 +115,22 @@ void Checker::happened(const Commit &commit, const FleetHeader &header, const st
   for (const PlainRow &row : before.table->rows) {
     const bool stays =
         std::any_of(table->rows.begin(), table->rows.end(), [&](const auto &one) { return one.id == row.id; });
-    const bool deleted = std::count(commit.deletes.begin(), commit.deletes.end(), row_key(row.id)) != 0;
+    const bool deleted =
+        std::count(commit.deletes.begin(), commit.deletes.end(), row_key({.folder = header.folder, .id = row.id})) != 0;
     if (stays == deleted) fail(fmt::format("row {} was removed, but not deleted, or the other way round", row.id));
   }
   versions_.push_back({std::move(table), hash_of(commit.puts.front().value), events_.now()});
+}
+
+void Checker::restored(const FleetHeader &header, const HeaderHash &hash, const PlainTable &backup,
+                       const std::vector<PlainRow> &rows) {
+  if (header.version != version() + 1) fail("a restore doesn't come after the last change");
+  if (header.incarnation <= incarnation_) fail("a restore raises no incarnation");
+  if (header.table.last_id != backup.last_id) fail("a restore gives ids out again");
+  if (rows != backup.rows) fail("a restored fleet hasn't all the rows of the backup, or has others");
+  incarnation_ = header.incarnation;
+  folder_ = header.folder;
+  versions_.push_back({std::make_shared<PlainTable>(backup), hash, events_.now()});
 }
 
 bool Checker::could_have_given(const Operation &operation, KsResult result) const {

@@ -71,11 +71,17 @@ class Checker {
 
   uint64_t version() const { return versions_.size() - 1; }
   const PlainTable &table() const { return *versions_.back().table; }
+  const PlainTable &table_at(uint64_t version) const { return *versions_[version].table; }
+  uint64_t folder() const { return folder_; }
 
   // happened is told of each commit that the store has made, with the changes in it; `header` is opened by the
   // checker's own key.
   void happened(const Commit &commit, const FleetHeader &header, const std::vector<PlainRow> &rows,
                 const std::vector<Ticket> &tickets);
+  // restored is told when a backup took the place of all that there was. Its rows stand in the store by then.
+  void restored(const FleetHeader &header, const HeaderHash &hash, const PlainTable &backup,
+                const std::vector<PlainRow> &rows);
+
   // answered is told of each answer; `group` are the changes that it was decided with last, if they wrote nothing.
   void answered(Ticket ticket, KsResult result, const Core &core, const std::vector<Ticket> &group);
 
@@ -101,6 +107,7 @@ class Checker {
   const Time answered_within_;
   Events &events_;
   std::vector<Version> versions_;  // by version; 0: before the first header
+  uint64_t incarnation_ = 1, folder_ = 0;
   std::string violation_;
 };
 

@@ -101,12 +101,16 @@ class StoreModel {
   // forget loses a row, and no watch hears of it.
   void forget(const std::string &key) { live_.erase(key); }
 
-  // compare_and_change is a commit; false: the header is another one. A revision of UINT64_MAX compares nothing, which
-  // only a faulty core asks for.
+  // revision_of is when a key was put; 0 when it isn't there.
+  Revision revision_of(const char *key) const {
+    const auto found = live_.find(key);
+    return found == live_.end() ? 0 : found->second.mod_revision;
+  }
+
+  // compare_and_change is a commit; false: what it compares is another one.
   bool compare_and_change(const Commit &commit) {
-    const std::optional<KeyValue> present = header();
-    const Revision revision = present ? present->mod_revision : 0;
-    if (commit.header_revision != UINT64_MAX && commit.header_revision != revision) return false;
+    if (commit.header_revision && *commit.header_revision != revision_of(kHeaderKey)) return false;
+    if (commit.restore_revision && *commit.restore_revision != revision_of(kRestoreKey)) return false;
     change(commit.puts, commit.deletes);
     return true;
   }
@@ -169,7 +173,7 @@ class LinkModel {
   }
 
   // die_at_next_commit has the engine die with a commit under way, and the link go down with it.
-  void die_at_next_commit() { dies_at_commit_ = true; }
+  void die_at_next_commit(bool dies = true) { dies_at_commit_ = dies; }
 
   void send(const Request &request) {
     std::visit([this](const auto &one) { carry(one); }, request);
@@ -237,8 +241,7 @@ class LinkModel {
         [this, commit, is_over]() -> std::vector<Report> {
           if (*is_over) return {};
           if (full) {
-            const std::optional<KeyValue> header = store_.header();
-            *is_over = (header ? header->mod_revision : 0) == commit.header_revision;
+            *is_over = commit.header_revision == store_.revision_of(kHeaderKey);
             return {Failed{commit.id, *is_over ? Failure::kNoSpace : Failure::kUnknown, "no space"}};
           }
           if (!store_.compare_and_change(commit)) return {Refused{commit.id, store_.header(), store_.revision()}};

@@ -64,7 +64,9 @@ class Machine final : public Readers {
   std::map<std::vector<uint8_t>, std::vector<Ticket>> commits;  // by their headers
   std::vector<KeyValue> written;                                // rows that it has sent, whatever became of them
   uint64_t life = 0;
-  uint64_t version_read = 0;  // in this life
+  uint64_t version_read = 0;    // in this life
+  uint64_t incarnation = 0;     // that it has known of in this life; 0: of none
+  std::set<uint64_t> accepted;  // those that it was told of in this life, or has made
   uint64_t loads = 0;
 
   void start(CoreOptions options, std::optional<Core::Kept> kept) {
@@ -75,6 +77,8 @@ class Machine final : public Readers {
     options.write_wait = std::chrono::duration_cast<std::chrono::milliseconds>(write_wait);
     ++life;
     version_read = 0;
+    accepted.clear();
+    incarnation = kept ? kept->whole.header.header.incarnation : 0;
     core = std::make_unique<Core>(std::move(options), owners_, *this);
     link.use([this](Report report) {
       if (core) call([&] { core->take(events_.now(), std::move(report)); });
@@ -108,6 +112,11 @@ class Machine final : public Readers {
     });
   }
 
+  bool is_of_clients(const Commit &commit) const {
+    if (commit.puts.empty() || commit.puts.front().key != kHeaderKey) return false;
+    return core->restoring() == nullptr || !core->restoring()->has_sent(commit.puts.front().value);
+  }
+
   // call does one step of the core, and all that comes of it.
   template <typename Step>
   void call(Step step) {
@@ -117,7 +126,7 @@ class Machine final : public Readers {
     confirmed = last_decided_;
     if (!decided.empty()) last_decided_ = decided;
     for (const Request &request : core->take_requests()) {
-      if (const auto *commit = std::get_if<Commit>(&request)) {
+      if (const auto *commit = std::get_if<Commit>(&request); commit != nullptr && is_of_clients(*commit)) {
         commits.try_emplace(commit->puts.front().value, decided);
         last_decided_.clear();
         written.insert(written.end(), commit->puts.begin() + 1, commit->puts.end());
@@ -227,7 +236,16 @@ class Simulation {
     for (uint64_t i = 0; i < mishaps; ++i) {
       events_.at(random_.between(100ms, kBusyUntil), [this] { mishap(); });
     }
-    will_tamper_ = random_.one_in(3);
+    const bool will_restore = random_.one_in(3);
+    if (will_restore) {
+      for (uint64_t i = random_.below(3); i < 3; ++i) {
+        events_.at(random_.between(300ms, kBusyUntil), [this] { back_up(); });
+      }
+      for (Time at = kBusyUntil; at < kEnd; at += 200ms) {
+        events_.at(at, [this] { accept_all(); });
+      }
+    }
+    will_tamper_ = !will_restore && random_.one_in(3);
     if (will_tamper_) events_.at(random_.between(500ms, kBusyUntil), [this] { tamper(); });
     is_calm_ = is_calm;
     for (Time at = 150ms; at < kEnd; at += random_.between(50ms, 600ms)) {
@@ -240,6 +258,93 @@ class Simulation {
     CoreOptions options{.session = random_.next(), .fleet = kFleet, .make = kFleet, .limits = kLimits};
     note(fmt::format("{} starts{}", index, kept ? " with a mirror" : ""));
     machines_[index]->start(std::move(options), std::move(kept));
+  }
+
+  // Backup is what a machine had once.
+  struct Backup {
+    std::vector<vault::RowPtr> rows;
+    vault::Header header;
+    PlainTable table;
+  };
+
+  // back_up takes one, which some machine restores later.
+  void back_up() {
+    const Machine &machine = *machines_[random_.below(kMachines)];
+    const size_t restorer = random_.below(kMachines);
+    const Time wait = random_.between(1ms, 600ms);
+    if (!machine.core || !machine.core->readable(events_.now())) return;
+    const Memory &memory = machine.core->memory();
+    Backup backup{.rows = memory.state().table.rows(),
+                  .header = memory.state().header,
+                  .table = checker_.table_at(memory.header().version)};
+    std::ranges::sort(backup.rows, {}, [](const vault::RowPtr &row) { return row->id; });
+    events_.after(wait, [this, restorer, backup] { restore(restorer, backup); });
+    // Now and then two operators do it at once.
+    const Time meanwhile = wait + random_.between(1ms, 25ms);
+    const size_t other = (restorer + 1) % kMachines;
+    if (random_.one_in(2)) events_.after(meanwhile, [this, other, backup] { restore(other, backup); });
+  }
+
+  void restore(size_t index, const Backup &backup) {
+    Machine &machine = *machines_[index];
+    const uint64_t folder = random_.next();
+    if (!machine.core || events_.now() >= kBusyUntil) return;
+    note(fmt::format("{} restores {} rows", index, backup.rows.size()));
+    ++outcome_.restores;
+    backups_.emplace(folder, std::pair(index, backup.table));
+    machine.call([&] {
+      machine.core->restore(events_.now(), {.rows = backup.rows,
+                                            .last_id = backup.header.last_id,
+                                            .last_version = backup.header.last_version,
+                                            .fleet = kFleet,
+                                            .folder = folder,
+                                            .incarnation = 0});
+    });
+  }
+
+  // accept_all is an operator who tells each machine that has stopped at a restore that it was meant.
+  void accept_all() {
+    for (size_t i = 0; i < kMachines; ++i) accept(i);
+  }
+  void accept(size_t index) {
+    Machine &machine = *machines_[index];
+    if (!machine.core || machine.core->restored_to() == 0) return;
+    const uint64_t incarnation = machine.core->restored_to();
+    machine.accepted.insert(incarnation);
+    note(fmt::format("{} is told of incarnation {}", index, incarnation));
+    machine.call([&] { machine.core->accept(events_.now(), incarnation); });
+  }
+
+  // switched follows a header that has another folder than the one before.
+  void switched(const FleetHeader &header, const KeyValue &stored) {
+    const auto backup = backups_.find(header.folder);
+    if (backup == backups_.end()) return checker_.fail("a fleet was restored from no backup");
+    const auto &[restorer, table] = backup->second;
+    note(fmt::format("restored by {}, version {}", restorer, header.version));
+    ++outcome_.restored;
+    std::vector<PlainRow> rows;
+    for (const auto &[key, value] : store_.live()) {
+      const std::optional<RowPlace> place = row_place(key);
+      const std::optional<PlainRow> row = place && place->folder == header.folder ? opened(value) : std::nullopt;
+      if (row) rows.push_back(*row);
+    }
+    checker_.restored(header, hash_of(stored.value), table, rows);
+    restored_at_ = events_.now();
+    machines_[restorer]->accepted.insert(header.incarnation);
+    for (size_t i = 0; i < kMachines; ++i) {
+      if (random_.one_in(2)) events_.after(random_.between(1ms, 1s), [this, i] { accept(i); });
+    }
+  }
+
+  // look_at_incarnation finds a machine that follows a restore without having been told. One that knew nothing takes
+  // what is there.
+  void look_at_incarnation(size_t index) {
+    Machine &machine = *machines_[index];
+    if (!machine.core->memory().is_filled()) return;
+    const uint64_t now = machine.core->memory().header().incarnation;
+    const bool is_later = machine.incarnation != 0 && now > machine.incarnation;
+    if (is_later && !machine.accepted.contains(now)) checker_.fail(fmt::format("{} follows a restore unasked", index));
+    machine.incarnation = now;
   }
 
   // Each client asks for one change after the other.
@@ -277,6 +382,7 @@ class Simulation {
     note(fmt::format("{} answers {}: {}", index, ticket, result));
     checker_.answered(ticket, result, *machines_[index]->core, machines_[index]->confirmed);
     checker_.read(*machines_[index]->core, kMaxAge, machines_[index]->version_read);
+    look_at_incarnation(index);
     const bool is_acknowledged = result == KS_SUCCESS;
     outcome_.changes += is_acknowledged;
     outcome_.unknown += result == KS_TIMEOUT;
@@ -287,7 +393,16 @@ class Simulation {
   // executed follows each change of the store.
   void executed(const Commit &commit) {
     for (auto &machine : machines_) machine->link.store_changed();
-    if (commit.puts.empty()) return;  // a heartbeat
+    if (commit.puts.empty() || commit.puts.front().key != kHeaderKey) {  // a heartbeat, or a step of a restore
+      const auto is_of_fleet = [this](const std::string &key) {
+        const std::optional<RowPlace> place = row_place(key);
+        return place && place->folder == checker_.folder();
+      };
+      const bool changes_rows = std::ranges::any_of(commit.deletes, is_of_fleet) ||
+                                std::ranges::any_of(commit.puts, is_of_fleet, &KeyValue::key);
+      if (changes_rows) checker_.fail("a restore changes rows of the fleet");
+      return;
+    }
     if (will_tamper_ && !tampered_) {
       snapshots_.push_back(store_);
       if (snapshots_.size() > 6) snapshots_.erase(snapshots_.begin());
@@ -298,6 +413,7 @@ class Simulation {
     if (!header) return checker_.fail("a header doesn't open");
     // What was under way when the store was set back may be made once more. No machine takes it for good.
     if (tampered_ && header->version <= checker_.version()) return;
+    if (header->folder != checker_.folder()) return switched(*header, commit.puts.front());
     std::vector<PlainRow> rows;
     for (size_t i = 1; i < commit.puts.size(); ++i) {
       const std::optional<PlainRow> row = opened(commit.puts[i]);
@@ -317,12 +433,12 @@ class Simulation {
   }
 
   static std::optional<PlainRow> opened(const KeyValue &stored) {
-    const std::optional<uint64_t> id = row_id(stored.key);
-    const auto plain = id ? sealer().open(vault::RecordKind::kFleetRow, *id, stored.value) : nullptr;
-    const std::optional<DecodedRow> decoded = plain ? decode_row(*id, plain->bytes()) : std::nullopt;
+    const std::optional<RowPlace> place = row_place(stored.key);
+    const auto plain = place ? sealer().open(vault::RecordKind::kFleetRow, place->id, stored.value) : nullptr;
+    const std::optional<DecodedRow> decoded = plain ? decode_row(place->id, plain->bytes()) : std::nullopt;
     if (!decoded) return std::nullopt;
     const vault::EntryRow &row = decoded->row;
-    return PlainRow{.id = *id,
+    return PlainRow{.id = place->id,
                     .name = row.name.name,
                     .alias = row.alias ? row.alias->name : "",
                     .value = {row.secret->bytes().begin(), row.secret->bytes().end()},
@@ -331,11 +447,14 @@ class Simulation {
   }
 
   void read_all() {
-    for (const auto &machine : machines_) {
+    for (size_t i = 0; i < kMachines; ++i) {
+      const auto &machine = machines_[i];
       if (!machine->core) continue;
+      look_at_incarnation(i);
       ++outcome_.reads;
       checker_.read(*machine->core, kMaxAge, machine->version_read);
-      if (!tampered_ && lasts(machine->core->standing(events_.now()))) {
+      const Standing standing = machine->core->standing(events_.now());
+      if (!tampered_ && lasts(standing) && standing != Standing::kRestored) {
         checker_.fail(fmt::format("a machine found tampering where there was none: {}", machine->core->why()));
       }
     }
@@ -407,6 +526,7 @@ class Simulation {
     for (size_t i = 0; i < kMachines; ++i) {
       machines_[i]->link.weather = {.slow_one_in = 0, .lost_one_in = 0, .doubled_one_in = 0};
       machines_[i]->link.full = false;
+      machines_[i]->link.die_at_next_commit(false);
       come_up(i);
     }
   }
@@ -418,7 +538,8 @@ class Simulation {
     for (const auto &[key, value] : store_.live()) {
       if (!key.starts_with(kRowFolder)) continue;
       const std::optional<PlainRow> row = opened(value);
-      if (row_id(key) != (row ? std::optional(row->id) : std::nullopt)) return false;
+      const std::optional<RowPlace> place = row_place(key);
+      if (!row || !place || place->id != row->id) return false;
       if (std::count(table.rows.begin(), table.rows.end(), *row) == 0) return false;
       ++rows;
     }
@@ -510,6 +631,7 @@ class Simulation {
 
   void look_at_the_end() {
     checker_.ended();
+    const bool is_just_restored = restored_at_ && events_.now() - *restored_at_ < 1s;  // by one that was held up long
     for (size_t i = 0; i < kMachines; ++i) {
       const Core *core = machines_[i]->core.get();
       if (core == nullptr) continue;
@@ -517,6 +639,7 @@ class Simulation {
         look_for_finding(i);
         continue;
       }
+      if (is_just_restored) continue;
       if (core->standing(events_.now()) == Standing::kLoading || !core->readable(events_.now())) {
         checker_.fail(fmt::format("{} doesn't come back", i));
       } else if (core->memory().header().version != checker_.version()) {
@@ -540,7 +663,9 @@ class Simulation {
   Checker checker_;
   std::vector<std::unique_ptr<Machine>> machines_;
   std::vector<StoreModel> snapshots_;
+  std::map<uint64_t, std::pair<size_t, PlainTable>> backups_;  // that are restored, by folder; and by whom
   bool is_calm_ = false, will_tamper_ = false, tampered_ = false, healed_ = false;
+  std::optional<Time> restored_at_;
   uint64_t trace_ = 0xcbf29ce484222325;
   Outcome outcome_;
 };
@@ -555,6 +680,8 @@ void Outcome::add(const Outcome &other) {
   loads += other.loads;
   lost_deletes += other.lost_deletes;
   tampered += other.tampered;
+  restored += other.restored;
+  restores += other.restores;
   if (violation.empty()) violation = other.violation;
 }
 

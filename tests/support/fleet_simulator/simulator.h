@@ -32,6 +32,8 @@ struct Outcome {
   uint64_t loads = 0;
   uint64_t lost_deletes = 0;  // that the engine's watch left out
   uint64_t tampered = 0;      // schedules with tampering, which was found
+  uint64_t restored = 0;      // how often a backup took the place of all that there was
+  uint64_t restores = 0;      // of so many that began
 
   void add(const Outcome &other);
 };

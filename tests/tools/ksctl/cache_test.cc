@@ -109,7 +109,7 @@ TEST_F(KsctlContext, IsClearedOnceTheUserSaysSo) {
   no.wait_for_text("Remove 1 secrets, 2 PACs and 2 cached entries of VDC 7, for good? Type yes: ");
   no.type("y\n");
   EXPECT_EQ(no.wait(), 1);
-  EXPECT_THAT(no.shown(), HasSubstr("it wasn't confirmed; nothing was removed"));
+  EXPECT_THAT(no.shown(), HasSubstr("it wasn't confirmed; nothing was changed"));
   EXPECT_EQ(list(), "7\t1\t2\t1\t2\t66\n");
 
   Terminal yes(service.socket(), {"context", "clear"});
