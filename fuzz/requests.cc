@@ -65,9 +65,9 @@ struct AdministrationShape {
   size_t count_at = 4;
 };
 const std::map<uint32_t, AdministrationShape> kAdministrationShapes{
-    {2, {1144}},        {3, {88, 56}}, {4, {24, 776}}, {5, {16, 32}}, {6, {16, 24}}, {7, {8, 56}},
-    {8, {24, 256, 16}}, {9, {16}},     {16, {48}},     {18, {4}},     {19, {24}},    {20, {400}},
-    {29, {16, 72}},
+    {2, {1144}},        {3, {88, 56}}, {4, {24, 776}}, {5, {16, 32}}, {6, {16, 24}},  {7, {8, 56}},
+    {8, {24, 256, 16}}, {9, {16}},     {16, {48}},     {18, {4}},     {19, {24}},     {20, {400}},
+    {25, {872, 36}},    {26, {576}},   {27, {576}},    {28, {24}},    {29, {16, 72}},
 };
 
 uint32_t word_at(Bytes reply, size_t offset) {
@@ -159,7 +159,7 @@ class World {
 
   Octets answer(uint32_t opcode, Bytes message, size_t descriptor_size, const ksd::Caller &caller) {
     const ksd::handlers::Request request{opcode, message, descriptor_size, caller};
-    if (!administration_->answer(request, crowd_, backup_, reply_)) dispatcher_.answer(*service_, request, reply_);
+    if (!administration_->answer(request, crowd_, sessions_, reply_)) dispatcher_.answer(*service_, request, reply_);
     return fuzz::own(reply_.payload());
   }
 
@@ -184,7 +184,7 @@ class World {
   }
 
   void reopen() {
-    backup_.end();
+    sessions_.backup.end();
     service_.reset();
     open();
     epoch_at_begin_ = kNever;
@@ -227,7 +227,7 @@ class World {
                                   },
                                   [](const ksd::config::Config &) { return false; }, notifier_};
   std::unique_ptr<ksd::server::Administration> administration_;
-  ksd::server::BackupSession backup_;
+  ksd::server::Sessions sessions_;
   ksd::handlers::Dispatcher dispatcher_;
   ksd::handlers::Reply reply_;
 };

@@ -205,11 +205,12 @@ bool Memory::Loading::open(const KeyValue &stored, uint64_t id, Folder &folder) 
 }
 
 bool Memory::Loading::is_of(const FleetHeader &header) const {
-  if (is(Mutant::kDigestUnchecked) || is(Mutant::kMixesFolders)) return true;
+  if (is(Mutant::kMixesFolders)) return true;
   const auto found = folders_.find(header.folder);
-  if (found == folders_.end()) return header.table.entry_count == 0 && header.table.digest == vault::Digest{};
-  const Folder &folder = found->second;
-  return folder.all_open && folder.count == header.table.entry_count && folder.digest == header.table.digest;
+  const Folder none{};
+  const Folder &folder = found == folders_.end() ? none : found->second;
+  const bool is_its_rows = folder.count == header.table.entry_count && folder.digest == header.table.digest;
+  return folder.all_open && (is_its_rows || is(Mutant::kDigestUnchecked));
 }
 
 std::optional<Memory::Whole> Memory::Loading::finish(const OpenedHeader &header) {
