@@ -32,11 +32,15 @@ class SyncedPages {
   SyncedPages &operator=(const SyncedPages &) = delete;
 
   void write(size_t number) const {
+    put(number);
+    sync();
+  }
+  void put(size_t number) const {
     static constexpr char kContent[kPage] = {};
     const auto offset = static_cast<off_t>(kPage * (number % kPages));
     require(pwrite(file_, kContent, kPage, offset) == static_cast<ssize_t>(kPage));
-    require(fdatasync(file_) == 0);
   }
+  void sync() const { require(fdatasync(file_) == 0); }
 
  private:
   static constexpr size_t kPage = 4096, kPages = 256;
