@@ -43,6 +43,7 @@ TEST(KsctlStatus, TellsAnAdministratorHowTheServiceIs) {
   EXPECT_THAT(run.output, HasSubstr("connections.open\t1\n"));
   EXPECT_THAT(run.output, HasSubstr("connections.channels\t0\n"));
   EXPECT_THAT(run.output, HasSubstr("entries.stored\t0\n"));
+  EXPECT_THAT(run.output, HasSubstr("vault.file\t" + service.vault() + "\n"));
 }
 
 TEST(KsctlStatus, TellsHowManyConnectionsHaveAChannel) {
