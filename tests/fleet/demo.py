@@ -4,6 +4,7 @@
 
 """demo.py: three machines that share their entries, on one. Run by `./dev demo-fleet`; every step has to succeed."""
 
+import json
 import os
 import sys
 import time
@@ -66,6 +67,13 @@ def main():
   key = etcd.ctl("get", "ks/e/", "--prefix", "--keys-only").split()[0]
   print(f"  {key}: {etcd.value_of(key)[:24].hex(' ')} ...")
 
+  title("The master key is changed on all of them, while they go on")
+  rotated = one.ctl("fleet", "rotate", "--fingerprint", one.status()["fingerprint"])
+  assert rotated.returncode == 0, rotated.stderr
+  cluster.wait_until(lambda: not json.loads(two.ctl("fleet", "rotate", "--status", "--json").stdout)["changing"], 30,
+                     "the end of the change")
+  print("\n".join("  " + line for line in two.ctl("fleet", "list").stdout.splitlines()))
+
   title("The store's leader is killed: changes go on")
   etcd.kill(etcd.leader())
   print("  a change again after " + timed(lambda: cluster.wait_until(lambda: one.put("after") == 0, 20, "a change")))
@@ -79,11 +87,24 @@ def main():
   network.heal()
   print("  it has caught up after " + timed(lambda: three.wait_for(one.names(), 20)))
 
+  title("All entries are backed up, sealed under a passphrase")
+  print(f"  {one.backup('fleet.backup')['entries']} entries")
+
   title("Somebody removes a row from the store: every machine notices, and leaves the store alone")
   etcd.ctl("del", key)
   for each in machines:
     cluster.wait_until(lambda: each.status()["left_alone"], 10, "that it is noticed")
   print(f"  {one.status()['standing']}")
+  show(*machines)
+
+  title("The backup is restored on one machine; the others follow it once they are told that this was meant")
+  restored = one.restore("fleet.backup")
+  for other in (two, three):
+    cluster.wait_until(lambda: "fleet accept" in other.status()["standing"], 10, "that the restore is noticed")
+    print(f"  machine {other.number}: {other.status()['standing']}")
+    accepted = other.ctl("fleet", "accept", str(restored["incarnation"]))
+    assert accepted.returncode == 0, accepted.stderr
+    other.wait_for(one.names())
   show(*machines)
 
 
