@@ -193,8 +193,9 @@ class BeatsTask final : public Read {
  public:
   BeatsTask(Engine &engine, const fleet::ReadBeats &request)
       : Call(engine, request.id, Purpose::kCalls, request.limit, &etcd::KV::Stub::PrepareAsyncRange, Repeats::kAny) {
-    request_.set_key(engine.full(fleet::kBeatFolder));
-    request_.set_range_end(end_of_folder(request_.key()));
+    // No other folder stands between the two.
+    request_.set_key(engine.full(fleet::kBoxFolder));
+    request_.set_range_end(end_of_folder(engine.full(fleet::kBeatFolder)));
   }
 
  private:

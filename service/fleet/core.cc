@@ -58,24 +58,30 @@ Core::Core(CoreOptions options, Owners &owners, Readers &readers)
     : options_(std::move(options)),
       owners_(owners),
       readers_(readers),
-      memory_(options_.master_key, options_.fleet, owners) {}
+      public_key_(public_key_of(options_.machine_key.get())),
+      memory_(options_.master_key, options_.next_key, options_.fleet, owners) {}
 
 void Core::begin(Time now, std::optional<Kept> kept) {
   now_ = contact_ = next_read_at_ = next_beat_at_ = now;
   marked_at_ = now - kWaitMarkInterval;
+  listening_since_ = key_goes_on_since_ = now;
   if (kept) {
     kept->whole.header.revision = 0;  // what the store counts now, only a load can tell
     show(std::move(kept->whole));
     young_as_of_ = now - kept->age;
   }
-  load();
+  if (!lasts(lasting_)) load();
   go_on();
 }
 
 void Core::change(Time now, Ticket ticket, vault::Decide decide) {
   now_ = now;
-  if (lasts(lasting_)) return answer(ticket, KS_FW_BAD_CELL);
-  queue_.push_back({ticket, std::move(decide), now + options_.write_wait});
+  take_up({.ticket = ticket, .decide = std::move(decide), .deadline = now + options_.write_wait});
+}
+
+void Core::take_up(Change change) {
+  if (lasts(lasting_)) return answer(change, KS_FW_BAD_CELL);
+  queue_.push_back(std::move(change));
   go_on();
 }
 
@@ -112,13 +118,8 @@ bool Core::accepts(const FleetHeader &restored) const {
 
 void Core::restore(Time now, Restore::Wanted wanted) {
   now_ = now;
-  const WriterMark *mine = memory_.header().mark_of(options_.machine);
-  last_sequence_ = std::max(last_sequence_, mine == nullptr ? 0 : mine->sequence) + 1;
-  restore_.emplace(
-      std::move(wanted),
-      Restore::As{.writer = {.machine = options_.machine, .session = options_.session, .sequence = last_sequence_},
-                  .master_key = options_.master_key},
-      memory_, owners_, [this](Request request) { return send(std::move(request)); });
+  restore_.emplace(std::move(wanted), Restore::As{.writer = next_mark(), .master_key = memory_.master_key()}, memory_,
+                   owners_, [this](Request request) { return send(std::move(request)); });
   follows_restore_ = false;
   restore_->begin(now);
 }
@@ -141,7 +142,7 @@ void Core::follow_restore() {
 }
 
 std::optional<Time> Core::readable_until() const {
-  if (!memory_.is_filled() || !young_as_of_) return std::nullopt;
+  if (!memory_.is_filled() || !young_as_of_ || lasting_ == Standing::kOut) return std::nullopt;
   return *young_as_of_ + options_.max_age;
 }
 
@@ -150,6 +151,7 @@ Standing Core::standing(Time now) const {
   if (now - contact_ >= kContactLost) return Standing::kNoContact;
   if (no_fleet_) return Standing::kNoFleet;
   if (!memory_.is_filled()) return Standing::kLoading;
+  if (passing_ == Standing::kGood && !key_trouble_.empty()) return Standing::kKeyNotKept;
   return passing_;
 }
 
@@ -175,10 +177,12 @@ Time Core::next_tick() const {
     if (!attempt_->under_way && !attempt_->refused && attempt_->again_at > now_) sooner(attempt_->again_at);
   }
   if (!queue_.empty() && !attempt_) {
-    for (const auto &[machine, mark] : marks_) {
-      if (mark.pause_until > now_) sooner(mark.pause_until);
+    for (const auto &[machine, heard] : heard_) {
+      if (heard.pause_until > now_) sooner(heard.pause_until);
     }
   }
+  if (beats_id_ != 0) sooner(beats_sent_ + kReadLimit + kReportGrace);
+  if (const std::optional<Time> errand = next_own_errand(); errand && phase_ == Phase::kFollowing) sooner(*errand);
   return next;
 }
 
@@ -194,20 +198,6 @@ RequestId Core::send(Request request) {
 void Core::send_header_read() {
   const RequestId id = send(ReadHeader{.id = 0, .limit = kReadLimit});
   reads_[id] = {.sent = now_, .incarnation = memory_.header().incarnation, .version = memory_.header().version};
-}
-
-void Core::send_beat(bool waits) {
-  next_beat_at_ = now_ + (memory_.sealer() == nullptr ? kReadInterval : kBeatInterval);
-  if (memory_.sealer() == nullptr) return;
-  const Heartbeat beat{.session = options_.session,
-                       .number = ++beats_,
-                       .version = memory_.header().version,
-                       .waits = waits,
-                       .keys = {memory_.key_id()}};
-  send(Beat{.id = 0,
-            .machine = options_.machine,
-            .value = seal_heartbeat(beat, options_.machine, *memory_.sealer()),
-            .limit = kReadLimit});
 }
 
 // load begins anew with what is in the store at one revision.
@@ -258,8 +248,7 @@ void Core::watch() {
 }
 
 void Core::make_fleet() {
-  Commit commit = memory_.first_commit(
-      *options_.make, {.machine = options_.machine, .session = options_.session, .sequence = ++last_sequence_});
+  Commit commit = memory_.first_commit(*options_.make, next_mark());
   commit.limit = kCommitLimit;
   make_id_ = send(std::move(commit));
 }
@@ -271,13 +260,13 @@ void Core::take_report(const Committed &report) {
   if (!attempt_ || !attempt_->writes) return;
   const auto sent = attempt_->sent.find(report.id);
   if (sent == attempt_->sent.end()) return;
-  contact_ = std::max(contact_, sent->second);
+  be_in_contact(sent->second);
   passing_ = Standing::kGood;
   attempt_->under_way = false;
   attempt_->in_doubt = true;  // until memory shows it
   if (is(Mutant::kAnswerBeforeApplying)) {
     for (Decided &one : attempt_->changes) {
-      if (!std::exchange(one.answered, true)) answer(one.change.ticket, one.result);
+      if (!std::exchange(one.answered, true)) answer(one.change, one.result);
     }
     return;
   }
@@ -310,6 +299,8 @@ void Core::take_report(const Failed &report) {
   if (report.id == load_id_ && load_id_ != 0) return load_again_at(now_ + kReadInterval);
   if (report.id == make_id_ && make_id_ != 0) return load_again_at(now_ + kReadInterval);
   if (report.id == count_id_ && count_id_ != 0) return count_again_soon();
+  if (report.id == beats_id_) return;  // asked again when its time is over
+  if (report.id == beat_id_) next_beat_at_ = std::min(next_beat_at_, now_ + kErrandPause);
   const bool was_read = reads_.erase(report.id) != 0;
   if (!attempt_ || !attempt_->sent.contains(report.id)) return;
   attempt_->under_way = false;
@@ -329,7 +320,7 @@ void Core::take_report(const HeaderIs &report) {
   OpenedHeader opened;
   if (memory_.judge(report.header, opened) == Verdict::kSame) {
     for (const Decided &one : attempt_->changes) {
-      if (!one.answered) answer(one.change.ticket, one.result);
+      if (!one.answered) answer(one.change, one.result, one.words);
     }
     attempt_.reset();
   } else {
@@ -346,7 +337,7 @@ void Core::take_report(LoadedRows &report) {
 void Core::take_report(const Loaded &report) {
   if (report.id == count_id_ && count_id_ != 0) return finish_count(report);
   if (report.id != load_id_ || load_id_ == 0) return;
-  contact_ = std::max(contact_, load_sent_);
+  be_in_contact(load_sent_);
   finish_load(report);
 }
 
@@ -359,16 +350,26 @@ void Core::finish_load(const Loaded &report) {
     if (options_.make) make_fleet();
     return load_again_at(now_ + kNoFleetPause);
   }
-  const bool is_accepted = verdict == Verdict::kSame || verdict == Verdict::kLater ||
-                           (verdict == Verdict::kRestored && accepts(opened.header)) ||
-                           (verdict == Verdict::kRolledBack && is(Mutant::kRollBackAccepted));
+  const bool is_accepted =
+      verdict == Verdict::kSame || verdict == Verdict::kLater ||
+      (verdict == Verdict::kRestored && accepts(opened.header)) ||
+      (verdict == Verdict::kRolledBack && opened.key == memory_.key_id() && is(Mutant::kRollBackAccepted));
   if (verdict == Verdict::kRestored) restored_to_ = opened.header.incarnation;
   if (!is_accepted) {
     return stop(standing_of(verdict),
                 verdict == Verdict::kRestored ? std::to_string(restored_to_) : what_is_wrong(verdict));
   }
+  if (is_out(opened.header)) return stop_as_out(opened.header);
   std::optional<Memory::Whole> whole = loading_->finish(opened);
-  if (!whole) return stop(Standing::kTampered, "the rows aren't those of the header");
+  ask_for_beats();
+  const std::optional<FleetKeyChange> &change = opened.header.key_change;
+  if (!whole && change && change->moved != 0 && !memory_.holds(change->key_id)) {
+    look_for_key(opened.header);
+    return load_again_at(now_ + kReadInterval);
+  }
+  if (!whole || !loading_->is_sealed_as(opened)) {
+    return stop(Standing::kTampered, "the rows aren't those of the header");
+  }
   const Time as_of = load_sent_;
   phase_ = Phase::kFollowing;
   loading_.reset();
@@ -376,7 +377,7 @@ void Core::finish_load(const Loaded &report) {
   seen_ = report.revision;
   if (verdict == Verdict::kRestored) {
     accepted_once_ = 0;
-    has_committed_ = false;
+    has_committed_ = is_registered_ = false;
     known_version_ = 0;
     ages_.clear();
     // What became of it in the life before, nobody can tell any more.
@@ -397,9 +398,11 @@ void Core::take_report(const Changed &report) {
   for (const KeyValue &put : report.puts) {
     if (put.key == kHeaderKey) header = &put;
     has_rows = has_rows || memory_.is_own_row(put.key);
-    if (put.key.starts_with(kBeatFolder)) heed_heartbeat(put);
+    heed_machine(put, report.revision, true);
+    if (lasts(lasting_)) return;
   }
   for (const std::string &key : report.deletes) {
+    forget_machine(key, report.revision);
     has_rows = has_rows || key == kHeaderKey || memory_.is_own_row(key);
   }
   if (header == nullptr && !has_rows) return;
@@ -433,7 +436,7 @@ void Core::take_report(const EngineGone &) {
 
 // note_header takes a header that was there at an instant after `read.sent`.
 void Core::note_header(const HeaderRead &read, const std::optional<KeyValue> &header) {
-  contact_ = std::max(contact_, is(Mutant::kDishonestAge) ? now_ : read.sent);
+  be_in_contact(is(Mutant::kDishonestAge) ? now_ : read.sent);
   if (!memory_.is_filled()) return;
   OpenedHeader opened;
   const Verdict verdict = memory_.judge(header, opened);
@@ -475,21 +478,18 @@ void Core::be_behind(uint64_t version, Time as_of) {
   ages_.push_back({version, as_of});
 }
 
-void Core::young_as_of(Time when) {
-  young_as_of_ = std::max(young_as_of_.value_or(when), when);
+// be_in_contact knows that the store answered what was sent then. Who wasn't heard while it didn't may be alive.
+void Core::be_in_contact(Time sent) {
+  if (!in_contact()) listening_since_ = now_;
+  contact_ = std::max(contact_, sent);
 }
 
-// heed_heartbeat looks whether another machine waits to be let in.
-void Core::heed_heartbeat(const KeyValue &beat) {
-  const std::string machine = beat.key.substr(std::char_traits<char>::length(kBeatFolder));
-  if (machine == options_.machine || memory_.sealer() == nullptr) return;
-  const std::optional<Heartbeat> opened = open_heartbeat(beat.value, machine, *memory_.sealer());
-  if (!opened) return;
-  Mark &mark = marks_[machine];
-  if (opened->session == mark.session && opened->number <= mark.number) return;  // shown once more
-  mark.session = opened->session;
-  mark.number = opened->number;
-  if (opened->waits) mark.pause_until = now_ + kPause;
+void Core::answer(const Change &change, KsResult result, std::string words) {
+  if (change.ticket != kNobody) answers_.push_back({change.ticket, result, std::move(words)});
+}
+
+void Core::young_as_of(Time when) {
+  young_as_of_ = std::max(young_as_of_.value_or(when), when);
 }
 
 // ---- Memory goes on ----
@@ -502,6 +502,7 @@ void Core::show(Memory::Step step) {
       gone.push_back(change.before->generation);
   }
   const vault::RowChanges changes = step.changes;
+  note_news(step.header);
   {
     const std::lock_guard lock(readers_);
     memory_.take(std::move(step));
@@ -511,6 +512,7 @@ void Core::show(Memory::Step step) {
 }
 
 void Core::show(Memory::Whole whole) {
+  note_news(whole.header);
   {
     const std::lock_guard lock(readers_);
     memory_.take(whole);
@@ -526,9 +528,12 @@ void Core::reach_header() {
     if (reached.version <= header.version) young_as_of(reached.as_of);
   }
   std::erase_if(ages_, [&](const Reached &reached) { return reached.version <= header.version; });
-  if (const auto mark = marks_.find(header.author().machine); mark != marks_.end()) mark->second.pause_until = Time{};
+  if (const auto heard = heard_.find(header.author().machine); heard != heard_.end()) {
+    heard->second.pause_until = Time{};
+  }
   look_for_namesake();
   if (!lasts(lasting_)) settle();
+  if (!lasts(lasting_) && !is(Mutant::kOutIgnored)) look_whether_out();
 }
 
 // look_for_namesake finds another machine that calls itself like this one. What an earlier life of this one still had
@@ -540,7 +545,7 @@ void Core::look_for_namesake() {
   if (is_ours && mine->sequence <= last_sequence_) {
     has_committed_ = true;
   } else if (is_ours || has_committed_) {
-    stop(Standing::kNamesake, "another machine of the fleet has the name " + options_.machine);
+    stop_for_namesake();
   }
 }
 
@@ -550,7 +555,8 @@ void Core::settle() {
   if (!attempt_) return;
   const FleetHeader &header = memory_.header();
   if (header.incarnation == attempt_->incarnation && header.version == attempt_->version) return;
-  const WriterMark *mine = header.mark_of(options_.machine);
+  errand_at_ = now_;  // whose turn it was next
+  const WriterMark *mine = header.any_mark_of(options_.machine);
   const bool happened = attempt_->writes && mine != nullptr && mine->session == options_.session &&
                         mine->sequence == attempt_->sequence && !is(Mutant::kRetryAfterUnknown);
   if (!happened) {
@@ -560,7 +566,7 @@ void Core::settle() {
   ++counts_.commits;
   lost_in_a_row_ = 0;
   for (const Decided &one : attempt_->changes) {
-    if (!one.answered) answer(one.change.ticket, one.result);
+    if (!one.answered) answer(one.change, one.result, one.words);
   }
   attempt_.reset();
 }
@@ -584,6 +590,7 @@ void Core::go_on() {
   }
   std::erase_if(reads_, [this](const auto &one) { return now_ - one.second.sent >= kReadLimit + kReportGrace; });
   if (now_ >= next_beat_at_) send_beat(false);
+  if (beats_id_ != 0 && now_ - beats_sent_ >= kReadLimit + kReportGrace) ask_for_beats();
   if (phase_ == Phase::kLoading) {
     if (load_id_ == 0 ? now_ >= load_at_ : now_ - load_sent_ >= kLoadLimit) load();
   } else if (known_version_ > memory_.header().version && now_ - behind_since_ >= kBehindLimit) {
@@ -592,6 +599,7 @@ void Core::go_on() {
   } else if (watch_id_ == 0 && now_ >= watch_at_) {
     watch();
   }
+  if (phase_ == Phase::kFollowing) look_for_key(memory_.header());
   if (phase_ == Phase::kFollowing && now_ >= count_at_ && !is(Mutant::kNeverCounts)) count();
   give_up_late_ones();
   attempt_more();
@@ -602,7 +610,7 @@ void Core::give_up_late_ones() {
   const bool in_contact_now = in_contact();
   const auto is_over = [&](const Change &change) { return !in_contact_now || now_ >= change.deadline; };
   for (const Change &change : queue_) {
-    if (is_over(change)) answer(change.ticket, KS_FW_COMM_ERROR);  // nothing of it was sent, or it came to nothing
+    if (is_over(change)) answer(change, KS_FW_COMM_ERROR);  // nothing of it was sent, or it came to nothing
   }
   if (!is(Mutant::kRefusedWritten)) std::erase_if(queue_, is_over);
   if (!attempt_) return;
@@ -618,7 +626,7 @@ void Core::give_up_late_ones() {
     const bool is_late = may_have_happened ? now_ >= one.change.deadline : is_over(one.change);
     if (one.answered || !is_late) continue;
     one.answered = some_given_up = true;
-    answer(one.change.ticket, may_have_happened ? unknown : KS_FW_COMM_ERROR);
+    answer(one.change, may_have_happened ? unknown : KS_FW_COMM_ERROR);
   }
   // What was given up must not be sent any more, with the others.
   if (some_given_up && !may_have_happened) return decide_again();
@@ -641,7 +649,14 @@ void Core::attempt_more() {
     return;
   }
   // At a header that is known to be past, nothing can be won.
-  if (queue_.empty() || known_version_ > memory_.header().version || pauses()) return;
+  if (known_version_ > memory_.header().version || pauses()) return;
+  if (queue_.empty() || !was_errand_) {  // else clients have their turn
+    std::optional<Errand> errand = own_errand();
+    if (errand)
+      queue_.push_front(
+          {.ticket = kNobody, .decide = {}, .deadline = now_ + options_.write_wait, .errand = std::move(errand)});
+  }
+  if (queue_.empty()) return;
   Attempt &attempt = attempt_.emplace();
   attempt.incarnation = memory_.header().incarnation;
   attempt.version = memory_.header().version;
@@ -653,13 +668,15 @@ void Core::attempt_more() {
   if (attempt_) send_attempt();
 }
 
-// decide takes as many changes as go into one transaction.
+// decide takes as many changes as go into one transaction, or one errand.
 void Core::decide(Attempt &attempt) {
+  was_errand_ = queue_.front().errand.has_value();
+  if (was_errand_) return decide_errand(attempt);
   uint64_t last_version = memory_.state().header.last_version;
   vault::Group group(memory_.state(), options_.limits, last_version);
   const size_t most = one_by_one_ ? 1 : kLargestGroup;
-  while (!queue_.empty() && attempt.changes.size() < most && group.changes().size() < kMostRowsPerCommit &&
-         size_of(group) + kLargestRow <= kMostBytesPerCommit) {
+  while (!queue_.empty() && !queue_.front().errand && attempt.changes.size() < most &&
+         group.changes().size() < kMostRowsPerCommit && size_of(group) + kLargestRow <= kMostBytesPerCommit) {
     attempt.changes.push_back({std::move(queue_.front())});
     queue_.pop_front();
     attempt.changes.back().result = attempt.changes.back().change.decide(group);
@@ -667,19 +684,17 @@ void Core::decide(Attempt &attempt) {
   one_by_one_ = one_by_one_ && !queue_.empty();
   attempt.writes = !group.changes().empty();
   if (!attempt.writes) return;
-  const WriterMark *mine = memory_.header().mark_of(options_.machine);
-  // Never that of an attempt before, which may happen yet.
-  last_sequence_ = std::max(last_sequence_, mine == nullptr ? 0 : mine->sequence) + 1;
+  std::optional<FleetHeader> next = memory_.successor(next_mark());
+  if (!next) return refuse_too_many();
   attempt.sequence = last_sequence_;
-  std::optional<Commit> commit =
-      memory_.commit_of(group, {.machine = options_.machine, .session = options_.session, .sequence = last_sequence_});
-  if (!commit) {
-    passing_ = Standing::kTooManyMachines;
-    return refuse_attempt(KS_STORE_FULL);
-  }
-  attempt.commit = std::move(*commit);
+  attempt.commit = memory_.commit_of_group(std::move(*next), group);
   attempt.commit.limit = kCommitLimit;
   if (is(Mutant::kNoCompare)) attempt.commit.header_revision.reset();
+}
+
+void Core::refuse_too_many() {
+  passing_ = Standing::kTooManyMachines;
+  refuse_attempt(KS_STORE_FULL);
 }
 
 void Core::send_attempt() {
@@ -687,7 +702,7 @@ void Core::send_attempt() {
   attempt_->sent_last = now_;
   if (!attempt_->writes) {
     if (is(Mutant::kRefuseUnconfirmed)) {
-      for (const Decided &one : attempt_->changes) answer(one.change.ticket, one.result);
+      for (const Decided &one : attempt_->changes) answer(one.change, one.result);
       attempt_.reset();
       return;
     }
@@ -743,7 +758,7 @@ void Core::doubt_attempt(const HeaderRead &read, const HeaderIs &report) {
 // refuse_attempt answers all of it with `result`, but what needed no writing.
 void Core::refuse_attempt(KsResult result) {
   for (const Decided &one : attempt_->changes) {
-    if (!one.answered) answer(one.change.ticket, result);
+    if (!one.answered) answer(one.change, result);
   }
   attempt_.reset();
 }
@@ -751,7 +766,7 @@ void Core::refuse_attempt(KsResult result) {
 // decide_again has the changes of an attempt that came to nothing be the first of the next one.
 void Core::decide_again() {
   for (auto one = attempt_->changes.rbegin(); one != attempt_->changes.rend(); ++one) {
-    if (!one->answered) queue_.push_front(std::move(one->change));
+    if (!one->answered && one->change.ticket != kNobody) queue_.push_front(std::move(one->change));
   }
   attempt_.reset();
 }
@@ -759,7 +774,7 @@ void Core::decide_again() {
 // pauses tells whether another machine is let in first. One that waits itself doesn't pause.
 bool Core::pauses() const {
   if (lost_in_a_row_ >= kLostBeforeMark || is(Mutant::kSelfish)) return false;
-  return std::any_of(marks_.begin(), marks_.end(), [this](const auto &mark) { return mark.second.pause_until > now_; });
+  return std::any_of(heard_.begin(), heard_.end(), [this](const auto &one) { return one.second.pause_until > now_; });
 }
 
 void Core::stop(Standing standing, std::string why) {
@@ -769,7 +784,7 @@ void Core::stop(Standing standing, std::string why) {
   accepted_once_ = 0;
   load_again_at(now_);
   reads_.clear();
-  for (const Change &change : queue_) answer(change.ticket, KS_FW_BAD_CELL);
+  for (const Change &change : queue_) answer(change, KS_FW_BAD_CELL);
   queue_.clear();
   if (!attempt_) return;
   const bool may_have_happened = attempt_->writes && !attempt_->sent.empty();

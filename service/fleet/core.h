@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "fleet/engine.h"
+#include "fleet/key_keeper.h"
 #include "fleet/memory.h"
 #include "fleet/owners.h"
 #include "fleet/restore.h"
@@ -32,7 +33,10 @@ using Time = std::chrono::nanoseconds;
 struct CoreOptions {
   std::string machine = {};
   uint64_t session = 0;  // drawn at each start
-  std::shared_ptr<const SecretBytes> master_key = nullptr;
+  KeyPtr master_key = nullptr;
+  KeyPtr next_key = nullptr;                    // what the machine holds beside it, if anything
+  KeyPtr machine_key = nullptr;                 // its own; without one, nobody can give it the next master key
+  KeyKeeper *keeper = nullptr;                  // null: there is no place for another key
   std::optional<FleetId> fleet = std::nullopt;  // nothing: that of the first header
   std::optional<FleetId> make = std::nullopt;   // makes the fleet where there is none at all, under this id
   uint64_t accepted_incarnation = 0;            // a restored fleet is followed up to this one
@@ -51,13 +55,15 @@ enum class Standing : uint8_t {
   kNoContact,        // the store hasn't answered for two seconds
   kNoSpace,          // the store's quota is used up
   kDenied,           // the store takes no changes of this machine
-  kTooManyMachines,  // the header has no room for another writer
+  kTooManyMachines,  // the header has no room for another machine
+  kKeyNotKept,       // the next master key can't be put where the next start finds it
   // With these, the machine leaves the store alone from now on.
   kTampered,    // what the store gives isn't what the machines made
   kRestored,    // the fleet was restored, and nobody has said here that this was meant
   kNamesake,    // another machine has this one's name
   kOtherKey,    // the fleet has another master key
   kOtherFleet,  // the store holds another fleet
+  kOut,         // this machine isn't one of the fleet any more
 };
 
 constexpr bool lasts(Standing standing) {
@@ -84,6 +90,27 @@ using Ticket = uint64_t;
 struct Answer {
   Ticket ticket = 0;
   KsResult result = KS_FAILURE;
+  std::string words = {};  // of what an administrator asked for: what was done, or stands in the way
+};
+
+// MachineSeen is what is known of a machine of the fleet.
+struct MachineSeen {
+  std::string name;
+  bool is_member = false;  // else it has a heartbeat alone
+  bool is_this = false;
+  PublicKey public_key{};
+  std::optional<Heartbeat> beat{};     // the last one that was heard
+  std::chrono::milliseconds silent{};  // since then
+  bool silent_at_least = false;        // it wasn't heard for as long as this one listens
+};
+
+// KeyChangeSeen is how far a change of the master key has come.
+struct KeyChangeSeen {
+  vault::KeyId key{};                      // the present one
+  std::optional<FleetKeyChange> change{};  // nothing: none is under way
+  size_t moved = 0, entries = 0;           // rows
+  std::vector<std::string> missing{};      // machines that haven't said that they hold the next key
+  std::optional<Fingerprint> machines{};   // of the fleet; nothing before it is loaded
 };
 
 class Core {
@@ -103,6 +130,16 @@ class Core {
   void take(Time now, Report report);
   void tick(Time now);
 
+  // What administrators ask for. leave takes a machine out of the fleet; one that was heard of lately only if
+  // `even_if_alive`. change_key begins a change of the master key, or gives its next one to machines that haven't got
+  // it, if `compared` stands for the fleet's machines as they are.
+  void leave(Time now, Ticket ticket, std::string machine, bool even_if_alive);
+  void change_key(Time now, Ticket ticket, const Fingerprint &compared);
+
+  // machines gives all that are known, ascending by name.
+  std::vector<MachineSeen> machines(Time now) const;
+  KeyChangeSeen key_change() const;
+
   // accept follows a fleet that was restored to just that incarnation, also by a machine that has left the store alone
   // for what it was before.
   void accept(Time now, uint64_t incarnation);
@@ -117,6 +154,7 @@ class Core {
   // What is to be done: requests for the engine, answers for clients, and a tick no later than next_tick.
   std::vector<Request> take_requests() { return std::exchange(requests_, {}); }
   std::vector<Answer> take_answers() { return std::exchange(answers_, {}); }
+  std::vector<std::string> take_news() { return std::exchange(news_, {}); }  // of the fleet, for the log
   Time next_tick() const;
 
   // For readers, in their lock.
@@ -134,7 +172,7 @@ class Core {
 
   // why gives the particulars of a standing, for a log; may be empty. Of a restored fleet, its incarnation, which
   // restored_to gives as well.
-  const std::string &why() const { return why_; }
+  const std::string &why() const { return lasts(lasting_) ? why_ : key_trouble_; }
   uint64_t restored_to() const { return lasting_ == Standing::kRestored ? restored_to_ : 0; }
 
   struct Counts {
@@ -146,19 +184,29 @@ class Core {
   const Counts &counts() const { return counts_; }
 
  private:
+  // Errand is a change of the header that isn't one of the table: of the fleet's machines, or its master key.
+  struct Errand {
+    enum class Kind : uint8_t { kRegister, kLeave, kChangeKey, kMoveRows } kind = Kind::kRegister;
+    std::string machine = {};  // that leaves
+    bool even_if_alive = false;
+    Fingerprint compared{};
+  };
   struct Change {
-    Ticket ticket = 0;
+    Ticket ticket = 0;  // kNobody: an errand of the machine's own
     vault::Decide decide;
     Time deadline{};
+    std::optional<Errand> errand = std::nullopt;
   };
   struct Decided {
     Change change{};
     KsResult result = KS_FAILURE;
     bool answered = false;
+    std::string words = {};
   };
+  static constexpr Ticket kNobody = UINT64_MAX;
 
-  // Attempt is a group of changes that were decided at one header, and wait for the store's word: a commit when there
-  // is something to write, else that the header is still the same.
+  // Attempt is a group of changes, or one errand, decided at one header, that waits for the store's word: a commit when
+  // there is something to write, else that the header is still the same.
   struct Attempt {
     std::vector<Decided> changes;
     Commit commit;
@@ -194,7 +242,7 @@ class Core {
   void take_report(const Loaded &report);
   void take_report(const Changed &report);
   void take_report(const WatchBroken &report);
-  void take_report(const BeatsAre &) {}
+  void take_report(const BeatsAre &report);
   void take_report(const EngineGone &report);
 
   RequestId send(Request request);
@@ -210,7 +258,18 @@ class Core {
   void watch();
   void note_header(const HeaderRead &read, const std::optional<KeyValue> &header);
   void be_behind(uint64_t version, Time as_of);
-  void heed_heartbeat(const KeyValue &beat);
+
+  void ask_for_beats();
+  void heed_machine(const KeyValue &put, Revision revision, bool is_news);
+  void forget_machine(const std::string &key, Revision revision);
+  void heed_heartbeat(const std::string &machine, const KeyValue &beat, Revision revision, bool is_news);
+  Time silent_since(const std::string &machine) const;
+  Heartbeat beat_now() const;
+  void look_for_key(const FleetHeader &header);
+  std::string keep_next_key(KeyPtr key);
+  bool all_hold(const vault::KeyId &key) const;
+  std::vector<std::string> who_lacks(const vault::KeyId &key) const;
+  void note_news(const OpenedHeader &later);
 
   void show(Memory::Step step);
   void show(Memory::Whole whole);
@@ -218,14 +277,27 @@ class Core {
   void settle();
   void lose();
   void look_for_namesake();
+  bool lacks_its_mark() const;
+  void stop_for_namesake();
+  bool is_out(const FleetHeader &header) const;
+  void stop_as_out(const FleetHeader &header);
+  void look_whether_out();
 
   bool accepts(const FleetHeader &restored) const;
   void follow_restore();
-
+  void take_up(Change change);
+  void be_in_contact(Time sent);
   void go_on();
   void give_up_late_ones();
   void attempt_more();
   void decide(Attempt &attempt);
+  void decide_errand(Attempt &attempt);
+  void refuse_too_many();
+  KsResult decide_leave(const Errand &errand, FleetHeader next, Commit &commit, std::string &words) const;
+  KsResult decide_key_change(const Errand &errand, FleetHeader next, Commit &commit, std::string &words);
+  std::optional<Errand> own_errand() const;
+  std::optional<Time> next_own_errand() const;
+  WriterMark next_mark();
   void send_attempt();
   void fail_attempt(Failure kind);
   void doubt_attempt(const HeaderRead &read, const HeaderIs &report);
@@ -234,7 +306,7 @@ class Core {
   void drop_attempt_if_answered();
   bool pauses() const;
   bool in_contact() const { return now_ - contact_ < kContactLost; }
-  void answer(Ticket ticket, KsResult result) { answers_.push_back({ticket, result}); }
+  void answer(const Change &change, KsResult result, std::string words = {});
   void stop(Standing standing, std::string why);
   void young_as_of(Time when);
 
@@ -253,15 +325,22 @@ class Core {
   static constexpr std::chrono::milliseconds kWaitMarkInterval{100};
   static constexpr std::chrono::milliseconds kPause{200};  // for a machine that waits, at most
   static constexpr unsigned kLostBeforeMark = 3;
+  static constexpr std::chrono::milliseconds kHeardLately{60'000};
+  static constexpr std::chrono::milliseconds kKeyRetryPause{5000};
+  static constexpr std::chrono::milliseconds kErrandPause{1000};
+  static constexpr std::chrono::milliseconds kTakeOver{3000};    // from who began a change of the key
+  static constexpr std::chrono::milliseconds kNameWait{30'000};  // for another machine of this name to be heard
 
   CoreOptions options_;
   Owners &owners_;
   Readers &readers_;
+  const PublicKey public_key_;
   Memory memory_;
   Time now_{};
 
   std::vector<Request> requests_;
   std::vector<Answer> answers_;
+  std::vector<std::string> news_;
   RequestId last_id_ = 0;
 
   // What memory was last checked against.
@@ -291,14 +370,31 @@ class Core {
   bool has_committed_ = false;  // in this session, and this incarnation
   bool one_by_one_ = false;     // a group was too large
 
-  struct Mark {
-    uint64_t session = 0, number = 0;
+  // Heard is what a machine has said of itself, or another one in its name.
+  struct Heard {
+    Heartbeat beat;
+    Revision revision = 0;
+    std::optional<Time> at;  // nothing: it was there before this machine listened
     Time pause_until{};
   };
-  std::map<std::string, Mark> marks_;  // of other machines
+  std::map<std::string, Heard> heard_;
+  Time listening_since_{};
+  RequestId beats_id_ = 0;  // 0: nothing is asked for
+  Time beats_sent_{};
+  std::optional<std::vector<uint8_t>> box_;  // for this machine, as it is stored
+  Revision box_revision_ = 0;
+
+  bool is_registered_ = false;  // memory had this machine as one of the fleet
+  bool was_errand_ = false;     // the attempt before
+  Time errand_at_{};            // no own errand before
+  Time key_goes_on_since_{};    // with nobody making a step
+  Time key_at_{};               // when the next key is looked for again
+  KeyPtr drawn_;                // a next key of this machine's own, while nobody may have it
+  std::string key_trouble_;
   unsigned lost_in_a_row_ = 0;
   Time marked_at_{};
   uint64_t beats_ = 0;
+  RequestId beat_id_ = 0;  // the last one
 
   Standing lasting_ = Standing::kGood;
   Standing passing_ = Standing::kGood;  // of the last change

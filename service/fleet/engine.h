@@ -20,11 +20,13 @@
 namespace ksd::fleet {
 
 // Keys are told without the prefix that all of a fleet's have: "h" is the header, "e/" and two numbers of 16
-// hexadecimal digits a row, "m/" and a name the heartbeat of a machine, "r" says who restores.
+// hexadecimal digits a row, "m/" and a name the heartbeat of a machine, "k/" and a name the next master key, for that
+// machine alone, "r" says who restores.
 inline constexpr char kHeaderKey[] = "h";
 inline constexpr char kRestoreKey[] = "r";
 inline constexpr char kRowFolder[] = "e/";
 inline constexpr char kBeatFolder[] = "m/";
+inline constexpr char kBoxFolder[] = "k/";
 
 // The most that one commit holds. The engine's own limits lie above.
 inline constexpr size_t kMostRowsPerCommit = 100;
@@ -67,14 +69,15 @@ struct ReadHeader {
 };
 
 // Load reads header and all rows, in whatever folder, as they are at one revision, by a linearizable read. LoadedRows
-// as often as there are pages, in the order of the keys, and then Loaded; or, at any point, Failed. No heartbeats.
+// as often as there are pages, in the order of the keys, and then Loaded; or, at any point, Failed. No heartbeats and
+// boxes.
 struct Load {
   RequestId id = 0;
 };
 
-// Watch asks for all changes below the prefix (header, rows and heartbeats) from `from` on, that included. There is one
-// watch: a later one takes the place of the one before, of which nothing is reported any more. Changed, again and
-// again, and at the end WatchBroken. Never Failed.
+// Watch asks for all changes below the prefix (header, rows, heartbeats and boxes) from `from` on, that included. There
+// is one watch: a later one takes the place of the one before, of which nothing is reported any more. Changed, again
+// and again, and at the end WatchBroken. Never Failed.
 struct Watch {
   RequestId id = 0;
   Revision from = 0;
@@ -88,7 +91,7 @@ struct Beat {
   std::chrono::milliseconds limit{};
 };
 
-// ReadBeats reads all heartbeats, by a linearizable read. BeatsAre, or Failed.
+// ReadBeats reads what there is of each machine, heartbeats and boxes, by a linearizable read. BeatsAre, or Failed.
 struct ReadBeats {
   RequestId id = 0;
   std::chrono::milliseconds limit{};

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 
 #include "base/little_endian.h"
 #include "fleet/engine.h"
@@ -20,6 +21,7 @@ constexpr std::array<uint8_t, 4> kMagic{'k', 's', 'f', '1'};
 constexpr size_t kFrontSize = kMagic.size() + sizeof(FleetId) + sizeof(vault::KeyId);
 constexpr size_t kBeatSize = 8 + 8 + 8 + 1 + 1;
 constexpr size_t kMostKeys = 2;
+constexpr std::string_view kFingerprintTitle = "ks-fleet-machines-1 ";
 constexpr size_t kRowDigits = 16;
 
 // Out writes fields one behind the other.
@@ -95,12 +97,36 @@ std::optional<uint64_t> number_in(std::string_view digits) {
   return number;
 }
 
-// The place that a heartbeat is bound to, for want of a row.
+// The place that heartbeat and box of a machine are bound to, for want of a row.
 uint64_t place_of(std::string_view machine) {
   std::array<uint8_t, crypto_generichash_BYTES_MIN> hash;
   crypto_generichash(hash.data(), hash.size(), reinterpret_cast<const uint8_t *>(machine.data()), machine.size(),
                      nullptr, 0);
   return get_little_endian<uint64_t>(hash.data());
+}
+
+// put_marks writes how many there are, and each of them.
+void put_marks(Out &out, const std::vector<WriterMark> &marks) {
+  out.number(static_cast<uint8_t>(marks.size()));
+  for (const WriterMark &mark : marks) {
+    out.text(mark.machine).number(mark.session).number(mark.sequence).bytes(mark.public_key);
+  }
+}
+
+// take_marks gives false for names that aren't machines', and for too many.
+bool take_marks(In &in, size_t most, std::vector<WriterMark> &marks) {
+  const size_t count = in.number<uint8_t>();
+  if (count > most) return false;
+  marks.reserve(count);
+  for (size_t i = 0; i < count && in.ok(); ++i) {
+    WriterMark &mark = marks.emplace_back();
+    mark.machine = in.text();
+    mark.session = in.number<uint64_t>();
+    mark.sequence = in.number<uint64_t>();
+    mark.public_key = in.array<PublicKey>();
+    if (!is_machine_name(mark.machine)) return false;
+  }
+  return in.ok();
 }
 
 }  // namespace
@@ -119,19 +145,51 @@ const WriterMark *FleetHeader::mark_of(std::string_view machine) const {
   return found == writers.end() || found->machine != machine ? nullptr : &*found;
 }
 
+const WriterMark *FleetHeader::departed_mark_of(std::string_view machine) const {
+  const auto found = std::ranges::find(departed, machine, &WriterMark::machine);
+  return found == departed.end() ? nullptr : &*found;
+}
+
+const WriterMark *FleetHeader::any_mark_of(std::string_view machine) const {
+  const WriterMark *mark = mark_of(machine);
+  return mark != nullptr ? mark : departed_mark_of(machine);
+}
+
 bool FleetHeader::follows(const FleetHeader &earlier) const {
-  return std::all_of(earlier.writers.begin(), earlier.writers.end(), [&](const WriterMark &then) {
-    const WriterMark *now = mark_of(then.machine);
-    return now != nullptr && now->sequence >= then.sequence;
-  });
+  // Who left before so many others isn't remembered.
+  const bool forgets = departed.size() == kMostDeparted;
+  const auto is_behind = [&](const WriterMark &then) {
+    const WriterMark *now = any_mark_of(then.machine);
+    return now == nullptr ? !forgets : now->sequence < then.sequence;
+  };
+  return std::ranges::none_of(earlier.writers, is_behind) && std::ranges::none_of(earlier.departed, is_behind);
+}
+
+Fingerprint fingerprint_of(const std::vector<WriterMark> &writers) {
+  Out out;
+  out.bytes(kFingerprintTitle);
+  for (const WriterMark &mark : writers) out.text(mark.machine).bytes(mark.public_key);
+  const std::vector<uint8_t> text = out.take();
+  Fingerprint fingerprint;
+  crypto_generichash(fingerprint.data(), fingerprint.size(), text.data(), text.size(), nullptr, 0);
+  return fingerprint;
+}
+
+Fingerprint fingerprint_of(const WriterMark &writer) {
+  return fingerprint_of(std::vector{writer});
 }
 
 std::vector<uint8_t> encode_header(const FleetHeader &header) {
   Out out;
   out.number(header.version).number(header.incarnation).number(header.folder).bytes(header.before);
   out.number(header.table.last_id).number(header.table.last_version).number(header.table.entry_count);
-  out.bytes(header.table.digest).number(header.writer).number(static_cast<uint8_t>(header.writers.size()));
-  for (const WriterMark &mark : header.writers) out.text(mark.machine).number(mark.session).number(mark.sequence);
+  out.bytes(header.table.digest).number(header.writer);
+  put_marks(out, header.writers);
+  put_marks(out, header.departed);
+  out.number(static_cast<uint8_t>(header.key_change ? 1 : 0));
+  if (const auto &change = header.key_change) {
+    out.bytes(change->key_id).number(change->moved).text(change->begun_by);
+  }
   return out.take();
 }
 
@@ -147,16 +205,20 @@ std::optional<FleetHeader> decode_header(Bytes plain) {
   header.table.entry_count = in.number<uint64_t>();
   header.table.digest = in.array<vault::Digest>();
   header.writer = in.number<uint8_t>();
-  const size_t writers = in.number<uint8_t>();
-  if (writers > kMostMachines || header.writer >= writers) return std::nullopt;
-  header.writers.reserve(writers);
-  for (size_t i = 0; i < writers && in.ok(); ++i) {
-    WriterMark &mark = header.writers.emplace_back();
-    mark.machine = in.text();
-    mark.session = in.number<uint64_t>();
-    mark.sequence = in.number<uint64_t>();
-    if (!is_machine_name(mark.machine)) return std::nullopt;
-    if (i > 0 && header.writers[i - 1].machine >= mark.machine) return std::nullopt;
+  if (!take_marks(in, kMostMachines, header.writers) || !take_marks(in, kMostDeparted, header.departed)) {
+    return std::nullopt;
+  }
+  if (header.writer >= header.writers.size() + header.departed.size()) return std::nullopt;
+  const auto is_in_order = [](const WriterMark &a, const WriterMark &b) { return a.machine < b.machine; };
+  if (std::ranges::adjacent_find(header.writers, std::not_fn(is_in_order)) != header.writers.end()) return std::nullopt;
+  const auto changes = in.number<uint8_t>();
+  if (changes > 1) return std::nullopt;
+  if (changes == 1) {
+    FleetKeyChange &change = header.key_change.emplace();
+    change.key_id = in.array<vault::KeyId>();
+    change.moved = in.number<uint64_t>();
+    change.begun_by = in.text();
+    if (!is_machine_name(change.begun_by)) return std::nullopt;
   }
   if (!in.at_end()) return std::nullopt;
   return header;
@@ -223,6 +285,10 @@ std::optional<DecodedRow> decode_row(uint64_t id, Bytes plain) {
   return decoded;
 }
 
+bool holds(const Heartbeat &beat, const vault::KeyId &key) {
+  return std::ranges::find(beat.keys, key) != beat.keys.end();
+}
+
 std::vector<uint8_t> seal_heartbeat(const Heartbeat &beat, std::string_view machine, const vault::Sealer &sealer) {
   Out out;
   out.number(beat.session).number(beat.number).number(beat.version).number(uint8_t{beat.waits});
@@ -246,6 +312,50 @@ std::optional<Heartbeat> open_heartbeat(Bytes sealed, std::string_view machine, 
   for (size_t i = 0; i < keys; ++i) beat.keys.push_back(in.array<vault::KeyId>());
   if (!in.at_end()) return std::nullopt;
   return beat;
+}
+
+PublicKey public_key_of(const SecretBytes *machine_key) {
+  PublicKey key{};
+  if (machine_key != nullptr && crypto_scalarmult_base(key.data(), machine_key->bytes().data()) != 0) key = {};
+  return key;
+}
+
+std::optional<BoxedKey> box_key(const SecretBytes &master_key, const std::string &sender,
+                                const SecretBytes &machine_key, const PublicKey &receiver) {
+  BoxedKey boxed{.key_id = vault::key_id_of(master_key), .sender = sender};
+  randombytes_buf(boxed.nonce.data(), boxed.nonce.size());
+  const bool is_boxed = master_key.size() == vault::kMasterKeySize &&
+                        crypto_box_easy(boxed.box.data(), master_key.bytes().data(), master_key.size(),
+                                        boxed.nonce.data(), receiver.data(), machine_key.bytes().data()) == 0;
+  if (!is_boxed) return std::nullopt;
+  return boxed;
+}
+
+std::shared_ptr<const SecretBytes> unbox_key(const BoxedKey &boxed, const SecretBytes &machine_key,
+                                             const PublicKey &sender) {
+  const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(vault::kMasterKeySize);
+  const bool opens = crypto_box_open_easy(key->writable().data(), boxed.box.data(), boxed.box.size(),
+                                          boxed.nonce.data(), sender.data(), machine_key.bytes().data()) == 0;
+  return opens && vault::key_id_of(*key) == boxed.key_id ? key : nullptr;
+}
+
+std::vector<uint8_t> seal_box(const BoxedKey &box, std::string_view machine, const vault::Sealer &sealer) {
+  Out out;
+  out.bytes(box.key_id).text(box.sender).bytes(box.nonce).bytes(box.box);
+  return sealer.seal(RecordKind::kBoxedKey, place_of(machine), out.take());
+}
+
+std::optional<BoxedKey> open_box(Bytes sealed, std::string_view machine, const vault::Sealer &sealer) {
+  const std::shared_ptr<const SecretBytes> plain = sealer.open(RecordKind::kBoxedKey, place_of(machine), sealed);
+  if (plain == nullptr) return std::nullopt;
+  In in(plain->bytes());
+  BoxedKey box;
+  box.key_id = in.array<vault::KeyId>();
+  box.sender = in.text();
+  box.nonce = in.array<decltype(box.nonce)>();
+  box.box = in.array<decltype(box.box)>();
+  if (!in.at_end() || !is_machine_name(box.sender)) return std::nullopt;
+  return box;
 }
 
 }  // namespace ksd::fleet

@@ -26,51 +26,113 @@ bool takes_no_other(const vault::EntryRow &row, const vault::Table &table, const
   return is_free(row.name) && (!row.alias || is_free(*row.alias));
 }
 
-// made_by_one tells whether `later` has one change more than `earlier`, of its author.
+// made_by_one tells whether `later` has one change more than `earlier`, of its author, who may have taken a machine
+// out.
 bool made_by_one(const FleetHeader &earlier, const FleetHeader &later) {
-  for (const WriterMark &mark : later.writers) {
-    const WriterMark *then = earlier.mark_of(mark.machine);
-    const bool is_author = &mark == &later.author();
-    if (is_author ? then != nullptr && then->sequence >= mark.sequence : then == nullptr || *then != mark) return false;
+  const WriterMark &author = later.author();
+  if (const WriterMark *then = earlier.any_mark_of(author.machine); then != nullptr) {
+    if (then->sequence >= author.sequence) return false;
   }
-  return later.follows(earlier);
+  const auto stays = [&](const WriterMark &mark, const WriterMark *then) {
+    return &mark == &author || (then != nullptr && *then == mark);
+  };
+  return later.follows(earlier) &&
+         std::ranges::all_of(later.writers,
+                             [&](const WriterMark &mark) { return stays(mark, earlier.mark_of(mark.machine)); }) &&
+         std::ranges::all_of(later.departed,
+                             [&](const WriterMark &mark) { return stays(mark, earlier.any_mark_of(mark.machine)); });
+}
+
+// goes_on tells whether a change of the key goes from one header to the next as it has to.
+bool goes_on(const OpenedHeader &later, const FleetHeader &earlier, bool is_under_next) {
+  const std::optional<FleetKeyChange> &then = earlier.key_change, &now = later.header.key_change;
+  if (is_under_next) return then && !now && later.key == then->key_id;
+  if (!now) return !then;
+  if (!then) return now->moved == 0;
+  return now->key_id == then->key_id && now->moved >= then->moved && now->begun_by == then->begun_by;
 }
 
 }  // namespace
 
-Memory::Memory(std::shared_ptr<const SecretBytes> master_key, std::optional<FleetId> fleet, Owners &owners)
+Memory::Memory(KeyPtr master_key, KeyPtr next_key, std::optional<FleetId> fleet, Owners &owners)
     : master_key_(std::move(master_key)), key_id_(vault::key_id_of(*master_key_)), owners_(owners) {
+  if (next_key != nullptr) hold(std::move(next_key));
   if (fleet) belong_to(*fleet);
 }
 
 void Memory::belong_to(const FleetId &fleet) {
   fleet_ = fleet;
-  sealer_.emplace(*master_key_, fleet);
+  make_keys();
+}
+
+void Memory::hold(KeyPtr next_key) {
+  next_id_ = vault::key_id_of(*next_key);
+  next_key_ = std::move(next_key);
+  if (fleet_) make_keys();
+}
+
+void Memory::make_keys() {
+  const vault::Sealer present(*master_key_, *fleet_);
+  keys_ = next_key_ == nullptr ? vault::Keys(present) : vault::Keys(present, next_key_, moved_in(header_));
+}
+
+// moved_in gives up to which row all are sealed under the next key that this machine holds.
+uint64_t Memory::moved_in(const FleetHeader &header) const {
+  return header.key_change && header.key_change->key_id == next_id_ ? header.key_change->moved : 0;
+}
+
+// use_keys_of follows a change of the master key to where the header is.
+void Memory::use_keys_of(const OpenedHeader &header) noexcept {
+  if (!is_under_next(header)) {
+    if (keys_->changing()) keys_->move_to(moved_in(header.header));
+    return;
+  }
+  std::move_backward(formers_.begin(), formers_.end() - 1, formers_.end());
+  formers_.front() = Former{key_id_, keys_->present()};
+  keys_ = vault::Keys(vault::Sealer(keys_->next()));
+  master_key_ = std::exchange(next_key_, nullptr);
+  key_id_ = next_id_;
+}
+
+const vault::Sealer *Memory::former(const vault::KeyId &key) const {
+  const auto found =
+      std::ranges::find_if(formers_, [&](const std::optional<Former> &one) { return one && one->id == key; });
+  return found == formers_.end() ? nullptr : &(*found)->sealer;
+}
+
+std::shared_ptr<const SecretBytes> Memory::open_header(const HeaderFront &front) const {
+  const auto open = [&](const vault::Sealer &sealer) { return sealer.open(RecordKind::kFleetHeader, 0, front.sealed); };
+  if (const vault::Sealer *sealer = former(front.key)) return open(*sealer);
+  if (keys_) return open(front.key == key_id_ ? keys_->present() : keys_->next());
+  return open(vault::Sealer(front.key == key_id_ ? *master_key_ : *next_key_, front.fleet));
 }
 
 Verdict Memory::judge(const std::optional<KeyValue> &header, OpenedHeader &out) const {
   if (!header) return Verdict::kMissing;
   const HeaderHash hash = hash_of(header->value);
   if (filled_ && hash == hash_) {  // which saves opening what was opened before
-    out = {.header = header_, .hash = hash, .fleet = *fleet_, .revision = header->mod_revision};
+    out = {.header = header_, .hash = hash, .fleet = *fleet_, .revision = header->mod_revision, .key = key_id_};
     return Verdict::kSame;
   }
   const std::optional<HeaderFront> front = header_front(header->value);
   if (!front) return Verdict::kUnreadable;
-  if (front->key != key_id_) return Verdict::kOtherKey;
+  const bool is_former = former(front->key) != nullptr;
+  if (!holds(front->key) && !is_former) return Verdict::kOtherKey;
   if (fleet_ && front->fleet != *fleet_) return Verdict::kOtherFleet;
-  const std::shared_ptr<const SecretBytes> plain =
-      sealer_ ? sealer_->open(RecordKind::kFleetHeader, 0, front->sealed)
-              : vault::Sealer(*master_key_, front->fleet).open(RecordKind::kFleetHeader, 0, front->sealed);
+  const std::shared_ptr<const SecretBytes> plain = open_header(*front);
   std::optional<FleetHeader> opened = plain ? decode_header(plain->bytes()) : std::nullopt;
   if (!opened) return Verdict::kUnreadable;
-  out = {.header = std::move(*opened), .hash = hash, .fleet = front->fleet, .revision = header->mod_revision};
+  out = {.header = std::move(*opened),
+         .hash = hash,
+         .fleet = front->fleet,
+         .revision = header->mod_revision,
+         .key = front->key};
   if (!filled_) return Verdict::kLater;
 
   const FleetHeader &found = out.header;
-  if (found.incarnation > header_.incarnation) return Verdict::kRestored;
+  if (found.incarnation > header_.incarnation && !is_former) return Verdict::kRestored;
   if (found.incarnation < header_.incarnation || found.version < header_.version) return Verdict::kRolledBack;
-  if (found.version == header_.version) return Verdict::kForked;
+  if (found.version == header_.version || is_former) return Verdict::kForked;
   const bool is_next = found.version == header_.version + 1;
   return found.follows(header_) && (!is_next || found.before == hash_) ? Verdict::kLater : Verdict::kForked;
 }
@@ -90,21 +152,24 @@ std::shared_ptr<const SecretBytes> Memory::plain_of(const vault::EntryRow &row) 
   return encode_row(row, owners_.name_of(row.owner));
 }
 
-vault::Digest Memory::mark_of(const vault::EntryRow &row) const {
-  return sealer_->content_mark(row.id, plain_of(row)->bytes());
+vault::Digest Memory::mark_of(const vault::EntryRow &row, const vault::Sealer &sealer) const {
+  return sealer.content_mark(row.id, plain_of(row)->bytes());
 }
 
-std::vector<uint8_t> Memory::sealed_row(const vault::EntryRow &row) const {
-  return sealer_->seal(RecordKind::kFleetRow, row.id, plain_of(row)->bytes());
+KeyValue Memory::stored_row(const vault::EntryRow &row, const vault::Sealer &sealer) const {
+  return {.key = row_key(row.id),
+          .value = sealer.seal(RecordKind::kFleetRow, row.id, plain_of(row)->bytes()),
+          .mod_revision = 0};
 }
 
 // open_row gives what the engine has, or `before` where that is the same. A secret that is as it was stays the same
 // content, so that what was prepared from it still counts.
-std::optional<Memory::OpenedRow> Memory::open_row(const KeyValue &stored, uint64_t id, const vault::RowPtr &before) {
-  const std::shared_ptr<const SecretBytes> plain = sealer_->open(RecordKind::kFleetRow, id, stored.value);
+std::optional<Memory::OpenedRow> Memory::open_row(const KeyValue &stored, uint64_t id, const vault::RowPtr &before,
+                                                  const vault::Sealer &sealer) {
+  const std::shared_ptr<const SecretBytes> plain = sealer.open(RecordKind::kFleetRow, id, stored.value);
   if (plain == nullptr) return std::nullopt;
   OpenedRow opened;
-  opened.mark = sealer_->content_mark(id, plain->bytes());
+  opened.mark = keys_->present().content_mark(id, plain->bytes());
   if (before != nullptr && mark_of(*before) == opened.mark) {
     opened.row = before;
     return opened;
@@ -133,6 +198,12 @@ std::optional<Memory::Step> Memory::next(Revision revision, const std::vector<Ke
   step.header.revision = revision;
   const FleetHeader &after = step.header.header;
   if (after.version != header_.version + 1 || !made_by_one(header_, after)) return std::nullopt;
+  const bool key_changes = is_under_next(step.header);
+  if (!goes_on(step.header, header_, key_changes)) return std::nullopt;
+  // Rows that are sealed under the next key from now on: behind the first, up to the second.
+  const uint64_t moved = header_.key_change ? header_.key_change->moved : 0;
+  const uint64_t moves_to = key_changes ? UINT64_MAX : after.key_change ? after.key_change->moved : 0;
+  if (moves_to != 0 && !key_changes && !holds(after.key_change->key_id)) return std::nullopt;
 
   vault::Draft draft(state_.table);
   vault::Header table = header_.table;
@@ -148,8 +219,11 @@ std::optional<Memory::Step> Memory::next(Revision revision, const std::vector<Ke
     const std::optional<RowPlace> place = row_place(put.key);
     if (!place || !seen.insert(place->id).second) return std::nullopt;
     const vault::RowPtr was = find(place->id);
-    const std::optional<OpenedRow> opened = open_row(put, place->id, was);
-    if (!opened || opened->row->version <= header_.table.last_version) return std::nullopt;
+    const std::optional<OpenedRow> opened =
+        open_row(put, place->id, was, place->id <= moves_to ? keys_->next() : keys_->present());
+    if (!opened) return std::nullopt;
+    if (opened->row == was && place->id > moved && place->id <= moves_to) continue;  // sealed anew, and as it was
+    if (opened->row->version <= header_.table.last_version) return std::nullopt;
     if (opened->row->version > after.table.last_version) return std::nullopt;
     const bool is_new_id = place->id > header_.table.last_id && place->id <= after.table.last_id;
     if (was == nullptr && !is_new_id) return std::nullopt;
@@ -163,19 +237,38 @@ std::optional<Memory::Step> Memory::next(Revision revision, const std::vector<Ke
     if (was == nullptr) return std::nullopt;
     replace(was, nullptr);
   }
+  if (!has_all_rows_between(moved, moves_to, seen)) return std::nullopt;
+  if (key_changes) table.digest = digest_under_next();
   const bool is_its_rows = table.digest == after.table.digest && draft.size() == after.table.entry_count;
   if (!is_its_rows && !is(Mutant::kDigestUnchecked)) return std::nullopt;
   for (const auto &[id, change] : draft.changes()) {
     if (change.after != nullptr && !takes_no_other(*change.after, state_.table, draft)) return std::nullopt;
   }
+  // The key is changed by itself: a step that does so has no other changes, whose marks would be of the key before.
+  if (key_changes && !draft.changes().empty()) return std::nullopt;
   step.changes = draft.changes();
   return step;
+}
+
+// has_all_rows_between tells whether `ids` has all rows of the table that stand behind one id and up to another.
+bool Memory::has_all_rows_between(uint64_t from, uint64_t to, const std::unordered_set<uint64_t> &ids) const {
+  for (size_t i = state_.table.behind(from); i < state_.table.size() && state_.table.at(i)->id <= to; ++i) {
+    if (!ids.contains(state_.table.at(i)->id)) return false;
+  }
+  return true;
+}
+
+vault::Digest Memory::digest_under_next() const {
+  vault::Header sum;
+  for (size_t i = 0; i < state_.table.size(); ++i) sum.add(mark_of(*state_.table.at(i), keys_->next()));
+  return sum.digest;
 }
 
 void Memory::take(Step step) {
   state_.table.apply(step.changes, state_.table.prepare(step.changes));  // which makes room where readers look
   state_.ledger = std::move(step.ledger);
   state_.header = step.header.header.table;
+  use_keys_of(step.header);
   header_ = std::move(step.header.header);
   hash_ = step.header.hash;
   revision_ = step.header.revision;
@@ -183,7 +276,7 @@ void Memory::take(Step step) {
 
 void Memory::Loading::add(std::vector<KeyValue> rows) {
   has_rows_ = has_rows_ || !rows.empty();
-  if (!memory_.sealer_) {
+  if (!memory_.keys_) {
     closed_.insert(closed_.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
     return;
   }
@@ -197,7 +290,14 @@ void Memory::Loading::add(std::vector<KeyValue> rows) {
 }
 
 bool Memory::Loading::open(const KeyValue &stored, uint64_t id, Folder &folder) {
-  const std::optional<OpenedRow> opened = memory_.open_row(stored, id, memory_.filled_ ? memory_.find(id) : nullptr);
+  const vault::RowPtr before = memory_.filled_ ? memory_.find(id) : nullptr;
+  const vault::Keys &keys = *memory_.keys_;
+  std::optional<OpenedRow> opened = memory_.open_row(stored, id, before, keys.present());
+  if (opened) folder.first_to_move = std::min(folder.first_to_move, id);
+  if (!opened && keys.changing()) {
+    opened = memory_.open_row(stored, id, before, keys.next());
+    folder.last_moved = std::max(folder.last_moved, id);
+  }
   if (!opened || (keeps_ && !folder.rows.try_emplace(id, vault::RowChange{nullptr, opened->row}).second)) return false;
   ++folder.count;
   sodium_add(folder.digest.data(), opened->mark.data(), folder.digest.size());
@@ -213,9 +313,25 @@ bool Memory::Loading::is_of(const FleetHeader &header) const {
   return folder.all_open && (is_its_rows || is(Mutant::kDigestUnchecked));
 }
 
+bool Memory::Loading::is_sealed_as(const OpenedHeader &header) const {
+  const auto found = folders_.find(header.header.folder);
+  if (found == folders_.end()) return true;
+  const Folder &folder = found->second;
+  if (memory_.is_under_next(header)) return folder.first_to_move == UINT64_MAX;
+  const uint64_t moved = header.header.key_change ? header.header.key_change->moved : 0;
+  return folder.last_moved <= moved && folder.first_to_move > moved;
+}
+
 std::optional<Memory::Whole> Memory::Loading::finish(const OpenedHeader &header) {
-  if (!memory_.sealer_) memory_.belong_to(header.fleet);
+  if (!memory_.keys_) memory_.belong_to(header.fleet);
   add(std::move(closed_));
+  if (memory_.is_under_next(header)) {
+    vault::Header sum;
+    for (const auto &[id, change] : folders_[header.header.folder].rows) {
+      sum.add(memory_.mark_of(*change.after, memory_.keys_->next()));
+    }
+    folders_[header.header.folder].digest = sum.digest;
+  }
   if (!is_of(header.header)) return std::nullopt;
   Folder folder = std::move(folders_[header.header.folder]);
   if (is(Mutant::kMixesFolders)) {
@@ -246,41 +362,73 @@ std::optional<Memory::Whole> Memory::Loading::finish(const OpenedHeader &header)
 
 void Memory::take(Whole &whole) noexcept {
   std::swap(state_, whole.state);  // what was there is let go by the caller, when readers no longer wait
+  use_keys_of(whole.header);
   header_ = whole.header.header;
   hash_ = whole.header.hash;
   revision_ = whole.header.revision;
   filled_ = true;
 }
 
-KeyValue Memory::header_value(const FleetHeader &header) const {
-  return {.key = kHeaderKey, .value = seal_header(header, key_id_, *sealer_), .mod_revision = 0};
-}
-
-std::optional<Commit> Memory::commit_of(const vault::Group &group, const WriterMark &writer) const {
+std::optional<FleetHeader> Memory::successor(const WriterMark &writer) const {
   FleetHeader next = header_;
   next.version = header_.version + 1;
   next.before = hash_;
-  next.table = group.finished_header([this](const vault::EntryRow &row) { return mark_of(row); });
-  auto mine = std::find_if(next.writers.begin(), next.writers.end(),
-                           [&](const WriterMark &mark) { return mark.machine >= writer.machine; });
+  auto mine = std::ranges::lower_bound(next.writers, writer.machine, {}, &WriterMark::machine);
   if (mine == next.writers.end() || mine->machine != writer.machine) {
     if (next.writers.size() == kMostMachines) return std::nullopt;
     mine = next.writers.insert(mine, writer);
+    std::erase_if(next.departed, [&](const WriterMark &mark) { return mark.machine == writer.machine; });
   } else {
-    *mine = writer;
+    mine->session = writer.session;
+    mine->sequence = writer.sequence;
   }
   next.writer = static_cast<uint8_t>(mine - next.writers.begin());
+  return next;
+}
 
+Commit Memory::commit_of(const FleetHeader &next) const {
+  const bool key_changes = header_.key_change && !next.key_change;
   Commit commit;
   commit.header_revision = revision_;
-  commit.puts.push_back(header_value(next));
+  commit.puts.push_back(
+      {.key = kHeaderKey,
+       .value = key_changes ? seal_header(next, next_id_, keys_->next()) : seal_header(next, key_id_, keys_->present()),
+       .mod_revision = 0});
+  return commit;
+}
+
+Commit Memory::commit_of_group(FleetHeader next, const vault::Group &group) const {
+  next.table = group.finished_header([this](const vault::EntryRow &row) { return mark_of(row); });
+  Commit commit = commit_of(next);
   for (const auto &[id, change] : group.changes()) {
     if (change.after) {
-      commit.puts.push_back({.key = row_key(id), .value = sealed_row(*change.after), .mod_revision = 0});
+      commit.puts.push_back(stored_row(*change.after, keys_->of_row(id)));
     } else {
       commit.deletes.push_back(row_key(id));
     }
   }
+  return commit;
+}
+
+Commit Memory::commit_of_move(FleetHeader next, size_t most) const {
+  std::vector<KeyValue> rows;
+  size_t bytes = 0;
+  size_t at = state_.table.behind(next.key_change->moved);
+  for (; at < state_.table.size() && rows.size() < most && bytes < kMostBytesPerCommit / 2; ++at) {
+    const vault::EntryRow &row = *state_.table.at(at);
+    rows.push_back(stored_row(row, keys_->next()));
+    next.key_change->moved = row.id;
+    bytes += row.bytes();
+  }
+  const bool is_last = at == state_.table.size();
+  if (is_last) {
+    next.key_change.reset();
+    next.table.digest = digest_under_next();
+  }
+  Commit commit = commit_of(next);
+  commit.puts.insert(commit.puts.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
+  if (!is_last) return commit;
+  for (const WriterMark &mark : next.writers) commit.deletes.push_back(kBoxFolder + mark.machine);
   return commit;
 }
 

@@ -51,21 +51,29 @@ uint64_t milliseconds(Time time) {
 
 }  // namespace
 
-Mirror::Mirror(std::string path, std::shared_ptr<const SecretBytes> master_key, const std::optional<FleetId> &fleet)
-    : path_(std::move(path)), master_key_(std::move(master_key)), key_id_(vault::key_id_of(*master_key_)) {
+Mirror::Mirror(std::string path, KeyPtr master_key, const KeyPtr &next_key, const std::optional<FleetId> &fleet)
+    : path_(std::move(path)), master_key_(std::move(master_key)) {
   if (const auto why = why_others_may_replace(path_)) throw std::runtime_error(fmt::format("{}: {}", path_, *why));
+  key_followed_ = master_key_;
   if (!vault::file_exists(path_)) return;
   database_ = std::make_unique<vault::Database>(path_);
   const vault::VaultIdentity identity = database_->identity();
-  const char *other = identity.key_id != key_id_             ? "master key"
-                      : fleet && identity.vault_id != *fleet ? "fleet"
-                                                             : nullptr;
+  const bool is_under_next = next_key != nullptr && identity.key_id == vault::key_id_of(*next_key);
+  if (is_under_next) key_followed_ = master_key_ = next_key;
+  const char *other = identity.key_id != vault::key_id_of(*master_key_) ? "master key"
+                      : fleet && identity.vault_id != *fleet            ? "fleet"
+                                                                        : nullptr;
   if (other != nullptr) {
     throw std::runtime_error(
         fmt::format("{}: is the mirror of another {}; move it away to load all from the fleet", path_, other));
   }
   fleet_ = identity.vault_id;
   sealer_.emplace(*master_key_, *fleet_);
+}
+
+KeyPtr Mirror::master_key() const {
+  const std::lock_guard lock(mutex_);
+  return master_key_;
 }
 
 Mirror::~Mirror() {
@@ -89,7 +97,8 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
   const uint8_t *state = plain->bytes().data();
   std::optional<FleetHeader> header = decode_header(plain->bytes().subspan(kHeader));
   if (!header) refuse();
-  OpenedHeader opened{.header = std::move(*header), .hash = {}, .fleet = *fleet_, .revision = 0};
+  OpenedHeader opened{
+      .header = std::move(*header), .hash = {}, .fleet = *fleet_, .revision = 0, .key = identity.key_id};
   std::copy_n(state + kHash, opened.hash.size(), opened.hash.begin());
 
   Memory::Loading loading(memory);
@@ -122,8 +131,9 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
 void Mirror::follow(const Memory &memory, const vault::RowChanges *changes) {
   {
     const std::lock_guard lock(mutex_);
+    const bool is_other_key = memory.master_key() != key_followed_;
     const bool is_there = changes == nullptr && followed_ == memory.hash();  // at a start, most of the time
-    if (std::exchange(lost_, true) || (changes == nullptr && !is_there)) {
+    if (std::exchange(lost_, true) || (changes == nullptr && !is_there) || is_other_key) {
       due_.all = true;
       due_.rows.clear();
       for (vault::RowPtr &row : memory.state().table.rows()) due_.rows[row->id] = std::move(row);
@@ -132,6 +142,7 @@ void Mirror::follow(const Memory &memory, const vault::RowChanges *changes) {
     }
     due_.header = memory.header();
     due_.hash = followed_ = memory.hash();
+    due_.key = key_followed_ = memory.master_key();
     lost_ = false;
     if (!worker_.joinable()) {
       memory_ = &memory;
@@ -179,7 +190,8 @@ void Mirror::work() noexcept {
   }
 }
 
-std::vector<uint8_t> Mirror::state_record(const FleetHeader &header, const HeaderHash &hash, Time as_of) const {
+std::vector<uint8_t> Mirror::state_record(const FleetHeader &header, const HeaderHash &hash, Time as_of,
+                                          const vault::Sealer &sealer) const {
   std::vector<uint8_t> state(kHeader);
   std::copy(hash.begin(), hash.end(), state.begin() + kHash);
   put_little_endian(state.data() + kAge, milliseconds(clock_now() - as_of));
@@ -189,7 +201,7 @@ std::vector<uint8_t> Mirror::state_record(const FleetHeader &header, const Heade
   put_little_endian(state.data() + kWall, static_cast<uint64_t>(std::time(nullptr)));
   const std::vector<uint8_t> encoded = encode_header(header);
   state.insert(state.end(), encoded.begin(), encoded.end());
-  return sealer_->seal(RecordKind::kMirror, 0, state);
+  return sealer.seal(RecordKind::kMirror, 0, state);
 }
 
 void Mirror::write(const Due &due, Time as_of) {
@@ -197,11 +209,14 @@ void Mirror::write(const Due &due, Time as_of) {
   // Where only time has passed, the rows are those of the header that was written last.
   const FleetHeader &header = due.header ? *due.header : header_;
   const HeaderHash &hash = due.header ? due.hash : hash_;
+  // Another key comes with all rows, and takes the place of the one before together with them.
+  const KeyPtr key = due.key != nullptr ? due.key : master_key_;
+  const vault::KeyId key_id = vault::key_id_of(*key);
+  if (!database_) fleet_ = *memory_->fleet();
+  const vault::Sealer sealer = key == master_key_ && sealer_ ? *sealer_ : vault::Sealer(*key, *fleet_);
+  const std::vector<uint8_t> state = state_record(header, hash, as_of, sealer);
   if (!database_) {
-    fleet_ = *memory_->fleet();
-    sealer_.emplace(*master_key_, *fleet_);
-    vault::Database::create(
-        path_, {.key_id = key_id_, .vault_id = *fleet_, .sealed_header = state_record(header, hash, as_of)});
+    vault::Database::create(path_, {.key_id = key_id, .vault_id = *fleet_, .sealed_header = state});
     database_ = std::make_unique<vault::Database>(path_);
   }
   std::set<uint64_t> gone;
@@ -215,17 +230,24 @@ void Mirror::write(const Due &due, Time as_of) {
       if (!database_->remove_entry(id)) return false;
     }
     for (const auto &[id, row] : due.rows) {
-      if (row == nullptr ? !database_->remove_entry(id) : !database_->put_entry(id, memory_->sealed_row(*row))) {
-        return false;
-      }
+      const auto put = [&] {
+        return database_->put_entry(id, sealer.seal(RecordKind::kFleetRow, id, memory_->plain_of(*row)->bytes()));
+      };
+      if (row == nullptr ? !database_->remove_entry(id) : !put()) return false;
     }
-    return database_->put_header(state_record(header, hash, as_of));
+    if (key != master_key_ && !database_->end_key_change(key_id)) return false;
+    return database_->put_header(state);
   });
   if (failed) throw std::runtime_error(fmt::format("{}: the mirror can't be written: {}", path_, failed->text));
   if (due.header) {
     header_ = header;
     hash_ = hash;
     incarnation_written_ = header.incarnation;
+  }
+  sealer_ = sealer;
+  {
+    const std::lock_guard lock(mutex_);
+    master_key_ = key;
   }
   if (database_->log_is_long()) database_->write_back();
 }

@@ -24,9 +24,9 @@ namespace ksd::fleet {
 // time behind memory: each transaction brings it from one state of the fleet to a later one.
 class Mirror {
  public:
-  // Opens the file if there is one. Throws std::runtime_error, one line with what to do, when it is another fleet's,
-  // another key's or damaged.
-  Mirror(std::string path, std::shared_ptr<const SecretBytes> master_key, const std::optional<FleetId> &fleet);
+  // Opens the file if there is one, under one of the keys; `next_key` may be null. Throws std::runtime_error, one line
+  // with what to do, when it is another fleet's, another key's or damaged.
+  Mirror(std::string path, KeyPtr master_key, const KeyPtr &next_key, const std::optional<FleetId> &fleet);
 
   // What isn't written yet is written first.
   ~Mirror();
@@ -34,6 +34,9 @@ class Mirror {
   Mirror &operator=(const Mirror &) = delete;
 
   const std::string &path() const { return path_; }
+
+  // master_key is the one that the file is sealed under, or will be.
+  KeyPtr master_key() const;
 
   // fleet is whose mirror it is; nothing while there is no file.
   const std::optional<FleetId> &fleet() const { return fleet_; }
@@ -59,15 +62,15 @@ class Mirror {
     std::map<uint64_t, vault::RowPtr> rows;  // null: it goes
     std::optional<FleetHeader> header;       // with them; nothing when only time has passed
     HeaderHash hash{};
+    KeyPtr key;  // under which all of it is
   };
 
   void work() noexcept;
   void write(const Due &due, Time as_of);
-  std::vector<uint8_t> state_record(const FleetHeader &header, const HeaderHash &hash, Time as_of) const;
+  std::vector<uint8_t> state_record(const FleetHeader &header, const HeaderHash &hash, Time as_of,
+                                    const vault::Sealer &sealer) const;
 
   const std::string path_;
-  const std::shared_ptr<const SecretBytes> master_key_;
-  const vault::KeyId key_id_;
   std::optional<FleetId> fleet_;
   std::unique_ptr<vault::Database> database_;
 
@@ -80,7 +83,9 @@ class Mirror {
   std::atomic<uint64_t> incarnation_written_{0};
 
   const Memory *memory_ = nullptr;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
+  KeyPtr master_key_;    // of the file
+  KeyPtr key_followed_;  // of memory, when it was followed last
   std::condition_variable to_do_;
   Due due_;
   bool lost_ = true;       // what was to be written wasn't: all has to be, next time

@@ -28,6 +28,9 @@ enum class Mutant {
   kMixesFolders,          // rows of a restore that isn't the header's are taken for the table's
   kRestoreUnasked,        // a restored fleet is followed by who wasn't told of it
   kRestoreUnguarded,      // a restore goes on when another one has begun
+  kMovesTooEarly,         // rows are sealed under the next key before all machines hold it
+  kKeyNotKept,            // a machine says that it holds the next key, which is nowhere but in memory
+  kOutIgnored,            // a machine that was taken out goes on
 };
 
 #ifdef KSD_FLEET_MUTANTS

@@ -133,6 +133,7 @@ void Restore::go_on() {
           header.folder = wanted_.folder;
           header.table = table_;
           header.writers = {as_.writer};
+          header.departed = departed_;
           header_ = seal_header(header, key_id_, *sealer_);
         }
         Commit switches = change();
@@ -296,6 +297,13 @@ void Restore::look_at(const std::optional<KeyValue> &header) {
   progress_.incarnation = std::max(progress_.incarnation, wanted_.incarnation);
   if (memory_.is_filled()) come_after(memory_.header());
   if (present) come_after(*present);
+  // Who has left stays out, whatever is restored.
+  departed_ = (present ? *present : memory_.header()).departed;
+  const auto mine = std::ranges::find(departed_, as_.writer.machine, &WriterMark::machine);
+  if (mine != departed_.end() && mine->public_key == as_.writer.public_key) {
+    return stop(KS_INVALID_ARGS, "this machine isn't one of the fleet any more; restore on one that is");
+  }
+  if (mine != departed_.end()) departed_.erase(mine);
   if (step_ != Step::kLook) return;
   keep(present ? std::optional(present->folder) : std::nullopt);
   if (!present) strays_.clear();  // while it can't be told which rows are the fleet's

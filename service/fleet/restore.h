@@ -104,6 +104,7 @@ class Restore {
   const Memory &memory_;
   Owners &owners_;
   const std::function<RequestId(Request)> send_;
+  std::vector<WriterMark> departed_;     // who has left the fleet
   std::optional<vault::Sealer> sealer_;  // once the fleet is known
 
   Step step_ = Step::kClaim;

@@ -27,11 +27,16 @@ using namespace std::chrono_literals;
 constexpr auto kAcceptLimit = 20s;
 
 CoreOptions core_options(const SharedOptions &options, const Mirror *mirror) {
+  // A mirror is sealed under the next key before that takes the place of the other.
+  const bool is_past = mirror != nullptr && mirror->master_key() == options.next_key;
   uint64_t session = 0;
   randombytes_buf(&session, sizeof session);
   CoreOptions core{.machine = options.machine,
                    .session = session,
-                   .master_key = options.master_key,
+                   .master_key = is_past ? options.next_key : options.master_key,
+                   .next_key = is_past ? nullptr : options.next_key,
+                   .machine_key = options.machine_key,
+                   .keeper = options.keeper.get(),
                    .fleet = mirror != nullptr && mirror->fleet() ? mirror->fleet() : options.fleet,
                    .make = std::nullopt,
                    .accepted_incarnation = options.accepted_incarnation,
@@ -95,6 +100,13 @@ std::string words_for(Standing standing, const std::string &why, const Connectio
       return fmt::format("{}: give each its own under [shared], and restart the service", why);
     case Standing::kOtherKey:
       return "the fleet has another master key; join it, or name the right one";
+    case Standing::kKeyNotKept:
+      return fmt::format("the fleet's next master key waits for this machine, which can't take it: {}", why);
+    case Standing::kOut:
+      return fmt::format(
+          "this machine isn't one of the fleet any more: {}. Nothing of the fleet is served; take [shared] out of the "
+          "configuration, and remove mirror and master key",
+          why);
     case Standing::kOtherFleet:
       return "the store holds another fleet than the one that this machine belongs to; look after prefix and endpoints";
   }
@@ -107,9 +119,11 @@ SharedVault::SharedVault(SharedOptions options, std::unique_ptr<Engine> engine)
     : options_(std::move(options)),
       owners_(options_.owners),
       engine_(std::move(engine)),
-      mirror_(options_.mirror.empty() ? nullptr
-                                      : std::make_unique<Mirror>(options_.mirror, options_.master_key, options_.fleet)),
+      mirror_(options_.mirror.empty()
+                  ? nullptr
+                  : std::make_unique<Mirror>(options_.mirror, options_.master_key, options_.next_key, options_.fleet)),
       core_(core_options(options_, mirror_.get()), owners_, *this),
+      key_in_place_(options_.master_key),
       limits_(options_.limits),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!wake_) throw std::runtime_error("there are no descriptors left for a store that is shared; raise the limit");
@@ -230,10 +244,24 @@ KsResult SharedVault::rename(const EntryName &from, const EntryName &to) {
   return change(vault::decide_rename(from, to));
 }
 
-KsResult SharedVault::change(vault::Decide decide) {
-  Asked asked{std::move(decide), {}};
+Told SharedVault::ask(std::function<bool(Ticket ticket)> begin) {
+  Asked asked{std::move(begin), {}};
   ask({&asked, 1});
   return asked.answer.get_future().get();
+}
+
+SharedVault::Asked SharedVault::asked_of(vault::Decide decide) {
+  return {[this, decide = std::move(decide)](Ticket ticket) {
+            core_.change(clock_now(), ticket, decide);
+            return true;
+          },
+          {}};
+}
+
+KsResult SharedVault::change(vault::Decide decide) {
+  Asked asked = asked_of(std::move(decide));
+  ask({&asked, 1});
+  return asked.answer.get_future().get().result;
 }
 
 void SharedVault::ask(std::span<Asked> asked) {
@@ -271,15 +299,67 @@ ImportPlan SharedVault::plan_import(const std::vector<vault::RowPtr> &rows, vaul
 KsResult SharedVault::import(std::span<const vault::RowPtr> rows, vault::Taken taken, ImportCounts &counts) {
   std::vector<vault::Import> became(rows.size());
   std::vector<Asked> asked;
-  for (size_t i = 0; i < rows.size(); ++i) asked.push_back({vault::decide_import(rows[i], taken, became[i]), {}});
+  for (size_t i = 0; i < rows.size(); ++i) asked.push_back(asked_of(vault::decide_import(rows[i], taken, became[i])));
   ask(asked);
   KsResult first_failure = KS_SUCCESS;
   for (size_t i = 0; i < rows.size(); ++i) {
-    const KsResult result = asked[i].answer.get_future().get();
+    const KsResult result = asked[i].answer.get_future().get().result;
     if (result == KS_SUCCESS) counts.count(became[i]);
     if (first_failure == KS_SUCCESS) first_failure = result;
   }
   return first_failure;
+}
+
+// ---- Machines and keys ----
+
+Told SharedVault::leave(const std::string &machine, bool even_if_alive) {
+  return ask([&](Ticket ticket) {
+    core_.leave(clock_now(), ticket, machine, even_if_alive);
+    return true;
+  });
+}
+
+Told SharedVault::begin_key_change(const Fingerprint &compared) {
+  return ask([&](Ticket ticket) {
+    core_.change_key(clock_now(), ticket, compared);
+    return true;
+  });
+}
+
+std::vector<MachineSeen> SharedVault::machines() {
+  std::vector<MachineSeen> machines;
+  ask([&](Ticket) {
+    machines = core_.machines(clock_now());
+    return false;
+  });
+  return machines;
+}
+
+KeyChangeSeen SharedVault::fleet_key_change() {
+  KeyChangeSeen seen;
+  ask([&](Ticket) {
+    seen = core_.key_change();
+    return false;
+  });
+  return seen;
+}
+
+// put_key_in_place has the fleet's master key be the one of the next start, once nothing on this machine needs the one
+// before.
+void SharedVault::put_key_in_place() {
+  constexpr auto kPause = 10s;
+  const KeyPtr &key = core_.memory().master_key();
+  if (key == key_in_place_ || options_.keeper == nullptr) return;
+  if (mirror_ && mirror_->master_key() != key) return;
+  if (key_tried_ != Time{} && clock_now() - key_tried_ < kPause) return;
+  const std::string why = options_.keeper->use(*key);
+  if (why.empty()) {
+    key_in_place_ = key;
+    spdlog::info("{}: this machine has the fleet's master key of now", path_);
+  } else if (key_tried_ == Time{}) {
+    tell(event::kKeyNotChanged, "{}; until then, the next master key has to stay beside the one before", why);
+  }
+  key_tried_ = why.empty() ? Time{} : clock_now();
 }
 
 vault::Limits SharedVault::current_limits() const {
@@ -453,8 +533,12 @@ bool SharedVault::step() {
   if (restore) core_.restore(clock_now(), std::move(*restore));
   for (Asked *one : asked) {
     asked_[++last_ticket_] = one;
-    core_.change(clock_now(), last_ticket_, std::move(one->decide));
-    flush();
+    if (one->begin(last_ticket_)) {
+      flush();
+    } else {
+      asked_.erase(last_ticket_);
+      one->answer.set_value({KS_SUCCESS});
+    }
   }
   reports_.clear();
   engine_->receive(reports_);
@@ -467,6 +551,7 @@ bool SharedVault::step() {
   }
   core_.tick(clock_now());
   flush();
+  put_key_in_place();
   // A load takes as much again as what it leaves, in small pieces that the C library would keep.
   if (has_loaded) malloc_trim(0);
   return !closing || !asked_.empty();
@@ -481,12 +566,13 @@ void SharedVault::flush() {
   remember_fleet();
   tell_status();
   tell_restore();
+  for (const std::string &news : core_.take_news()) spdlog::info("{}: {}", path_, news);
   for (const Answer &answer : core_.take_answers()) {
     const auto found = asked_.find(answer.ticket);
     if (found == asked_.end()) continue;
     Asked *asked = found->second;
     asked_.erase(found);
-    asked->answer.set_value(answer.result);
+    asked->answer.set_value({answer.result, answer.words});
   }
 }
 
@@ -514,7 +600,8 @@ void SharedVault::tell_status() {
         words_for(standing, core_.why(), {has_engine_, trouble_}, core_.memory().fleet().has_value());
     if (was_readable_ && !readable) {
       begin_epoch();  // a key that a thread remembers is too old as well
-      tell(event::kEntriesTooOld, "{}: what is in memory is too old to be read: {}", path_, words);
+      if (standing != Standing::kOut)
+        tell(event::kEntriesTooOld, "{}: what is in memory is too old to be read: {}", path_, words);
     } else if (!was_readable_ && readable) {
       spdlog::info("{}: {} entries as of change {}", path_, core_.memory().state().table.size(),
                    core_.memory().header().version);

@@ -28,7 +28,10 @@ namespace ksd::fleet {
 
 struct SharedOptions {
   std::string machine;
-  std::shared_ptr<const SecretBytes> master_key;
+  KeyPtr master_key;
+  KeyPtr next_key = nullptr;                    // held beside it since a change of the key began
+  KeyPtr machine_key = nullptr;                 // null: the machine has none of its own
+  std::shared_ptr<KeyKeeper> keeper = nullptr;  // null: there is no place for another master key
   std::optional<FleetId> fleet = std::nullopt;  // nothing: that of the mirror, or of the first header
   bool create = false;                          // make the fleet where the store is empty
   uint64_t accepted_incarnation = 0;
@@ -51,6 +54,12 @@ struct SharedStatus {
   uint64_t restored_to = 0;  // the later incarnation that nobody has accepted here; 0: there is none
   std::optional<FleetId> fleet{};
   Core::Counts counts{};
+};
+
+// Told is the answer to what an administrator asked for.
+struct Told {
+  KsResult result = KS_FAILURE;
+  std::string words = {};  // what stands in the way, if there is more to say than the result
 };
 
 class SharedVault final : public vault::Vault, private Readers {
@@ -97,6 +106,12 @@ class SharedVault final : public vault::Vault, private Readers {
   // wasn't taken in, behind which there may be others that were: asked for again, they are there already.
   KsResult import(std::span<const vault::RowPtr> rows, vault::Taken taken, ImportCounts &counts);
 
+  // As of Core. They wait for the answer, for write_wait at most.
+  Told leave(const std::string &machine, bool even_if_alive);
+  Told begin_key_change(const Fingerprint &compared);
+  std::vector<MachineSeen> machines();
+  KeyChangeSeen fleet_key_change();
+
   // Reads throw vault::Unavailable when memory is too old, or not there yet.
   std::optional<vault::Entry> find(const EntryName &name) const override;
   bool exists(const EntryName &name) const override;
@@ -121,18 +136,22 @@ class SharedVault final : public vault::Vault, private Readers {
   vault::KeyChangeProgress key_change() const override { return {}; }
 
  private:
-  // Asked is a change on the stack of who waits for its answer.
+  // Asked is a change, or a question, on the stack of who waits for its answer. `begin` runs on the thread, and gives
+  // false when it is the answer.
   struct Asked {
-    vault::Decide decide;
-    std::promise<KsResult> answer;
+    std::function<bool(Ticket ticket)> begin;
+    std::promise<Told> answer;
   };
 
   void lock() override;
   void unlock() override { state_lock_.unlock(); }
   void shown(const std::vector<uint64_t> &gone, const vault::RowChanges *changes) override;
 
+  Told ask(std::function<bool(Ticket ticket)> begin);
+  Asked asked_of(vault::Decide decide);
   KsResult change(vault::Decide decide);
   void ask(std::span<Asked> asked);
+  void put_key_in_place();
   void require_young() const;
   vault::Limits current_limits() const;
   void work() noexcept;
@@ -161,6 +180,8 @@ class SharedVault final : public vault::Vault, private Readers {
   std::map<Ticket, Asked *> asked_;
   Ticket last_ticket_ = 0;
   vault::UseWatch use_watch_;
+  KeyPtr key_in_place_;  // of the next start
+  Time key_tried_{};
   Standing told_ = Standing::kLoading;
   bool was_readable_ = false;
   bool has_engine_ = true;

@@ -68,6 +68,10 @@ class Administration {
   void change_master_key(const Asked &asked);
   void master_key_change(const Asked &asked);
   void fleet(const Asked &asked);
+  void fleet_machines(const Asked &asked);
+  void leave_fleet(const Asked &asked);
+  void change_fleet_key(const Asked &asked);
+  void fleet_keys(const Asked &asked);
   void fleet_owners(const Asked &asked);
   void fleet_import(const Asked &asked);
   void fleet_go_on(const Asked &asked);

@@ -23,6 +23,67 @@ std::string belonging_file(const config::Shared &shared, const vault::MasterKey 
   return beside.empty() ? "" : beside + fleet::kBelongingSuffix;
 }
 
+// FileKeys has a fleet's master keys in files: the next one beside the present one.
+class FileKeys final : public fleet::KeyKeeper {
+ public:
+  explicit FileKeys(vault::MasterKey present) : present_(std::move(present)) {}
+
+  std::string keep_next(const SecretBytes &next, const SecretBytes &present) override {
+    if (!is_in_place(present)) {
+      return fmt::format("{}: isn't the fleet's present key yet, which takes a moment, unless the log says more",
+                         present_.path);
+    }
+    if (present_.is_credential) {
+      const std::string at_hand = path_of_next_key(present_);
+      return fmt::format(
+          "the master key is a credential, which the service can't write. Have the next one be the credential {} "
+          "(docs/fleet.md tells how), and restart the service",
+          at_hand.substr(at_hand.rfind('/') + 1));
+    }
+    return try_to([&] { vault::prepare_key_file(present_, next); });
+  }
+
+  std::string use(const SecretBytes &key) override {
+    if (is_in_place(key)) return "";
+    if (present_.is_credential) {
+      return fmt::format("{}: have the credential be the fleet's next master key, as the other machines have it",
+                         present_.path);
+    }
+    return try_to([&] {
+      vault::replace_key_file(present_, key);
+      present_.key = SecretBytes::copy_of(key.bytes());
+    });
+  }
+
+ private:
+  template <typename Task>
+  static std::string try_to(Task task) {
+    try {
+      task();
+      return "";
+    } catch (const std::runtime_error &error) {
+      return error.what();
+    }
+  }
+
+  bool is_in_place(const SecretBytes &key) const { return vault::key_id_of(key) == vault::key_id_of(*present_.key); }
+
+  vault::MasterKey present_;
+};
+
+// own_key reads the key of this machine alone, and makes it where there is none. Null, with a line in the log, when
+// that can't be done: all goes on without it, but for a change of the fleet's master key.
+std::shared_ptr<const SecretBytes> own_key(const vault::MasterKey &master, const std::string &vault) {
+  const std::string path = (master.is_credential ? vault : master.path) + ".machine";
+  try {
+    return vault::read_master_key({.file = path, .passphrase = nullptr}, true).key;
+  } catch (const std::runtime_error &error) {
+    tell(event::kFleetTroubled, "this machine has no key of its own, so it can't be given another master key: {}",
+         error.what());
+    return nullptr;
+  }
+}
+
 }  // namespace
 
 link::Connect find_engine() {
@@ -44,6 +105,9 @@ std::unique_ptr<fleet::SharedVault> open_shared_vault(const config::Shared &shar
   fleet::SharedOptions shared_options;
   shared_options.machine = shared.machine;
   shared_options.master_key = master.key;
+  shared_options.next_key = vault::read_next_key(master);
+  shared_options.machine_key = own_key(master, options.path);
+  shared_options.keeper = std::make_shared<FileKeys>(master);
   shared_options.create = shared.create;
   shared_options.accepted_incarnation = shared.accept_incarnation;
   shared_options.limits = options.limits;

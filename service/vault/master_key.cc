@@ -76,10 +76,6 @@ bool write_key_file(const std::string &path, const SecretBytes &key, const std::
          fsync(fd.get()) == 0;
 }
 
-std::string next_file_of(const std::string &path) {
-  return path + ".next";
-}
-
 std::string path_in_credentials() {
   const char *folder = std::getenv("CREDENTIALS_DIRECTORY");
   if (folder == nullptr || *folder == '\0') {
@@ -117,6 +113,25 @@ MasterKey read_master_key(const KeySource &source, bool may_create) {
   return master;
 }
 
+std::string path_of_next_key(const MasterKey &present) {
+  return present.path + ".next";
+}
+
+// A seal of the present key opens the next one, too: it was sealed without anybody giving the passphrase again.
+std::shared_ptr<const SecretBytes> read_next_key(const MasterKey &present) {
+  const std::string path = path_of_next_key(present);
+  if (!file_exists(path)) return nullptr;
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (present.is_credential ? 0 : O_NOFOLLOW)));
+  if (!fd) refuse("{}: the next master key can't be opened: {}", path, errno_text(errno));
+  if (!present.is_credential) check_owner_and_mode(fd.get(), path);
+  const std::shared_ptr<const SecretBytes> content = read_content(fd.get(), path);
+  if (!present.seal) return key_in(content, path, nullptr).key;
+  const std::string_view text(reinterpret_cast<const char *>(content->bytes().data()), content->size());
+  std::shared_ptr<const SecretBytes> key = open_key(text, *present.seal);
+  if (key == nullptr) refuse("{}: the next master key doesn't open; move it away to be given it again", path);
+  return key;
+}
+
 std::shared_ptr<const SecretBytes> draw_master_key() {
   const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kMasterKeySize);
   randombytes_buf(key->writable().data(), key->size());
@@ -138,7 +153,7 @@ void write_new_key(const std::string &path, const SecretBytes &key, const std::o
 }
 
 void prepare_key_file(const MasterKey &present, const SecretBytes &next) {
-  const std::string draft = next_file_of(present.path);
+  const std::string draft = path_of_next_key(present);
   unlink(draft.c_str());  // of a change that was cut short
   if (write_key_file(draft, next, present.seal) && sync_folder(folder_of(present.path))) return;
   const int error = errno;
@@ -148,12 +163,12 @@ void prepare_key_file(const MasterKey &present, const SecretBytes &next) {
 }
 
 void drop_prepared_key(const MasterKey &present) {
-  if (!present.is_credential) unlink(next_file_of(present.path).c_str());
+  if (!present.is_credential) unlink(path_of_next_key(present).c_str());
 }
 
 void replace_key_file(const MasterKey &present, const SecretBytes &next) {
   prepare_key_file(present, next);
-  const std::string draft = next_file_of(present.path);
+  const std::string draft = path_of_next_key(present);
   if (rename(draft.c_str(), present.path.c_str()) != 0 || !sync_folder(folder_of(present.path))) {
     refuse("{}: the next master key can't be put there: {}; look after its folder", present.path, errno_text(errno));
   }

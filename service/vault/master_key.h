@@ -35,6 +35,11 @@ struct MasterKey {
 // throws std::runtime_error, one line with the file's name and what to do.
 MasterKey read_master_key(const KeySource &source, bool may_create);
 
+// path_of_next_key is where the next key is, while the key is changed: beside the present one. read_next_key reads it;
+// null when there is none. It throws like read_master_key.
+std::string path_of_next_key(const MasterKey &present);
+std::shared_ptr<const SecretBytes> read_next_key(const MasterKey &present);
+
 // draw_master_key gives a key that stands nowhere yet.
 std::shared_ptr<const SecretBytes> draw_master_key();
 

@@ -36,6 +36,7 @@ enum class RecordKind : uint8_t {
   kFleetRow = 5,
   kHeartbeat = 6,
   kMirror = 7,
+  kBoxedKey = 8,
   kFleetRestore = 10,
 };
 

@@ -24,6 +24,32 @@ constexpr size_t kSize = kBoxAt + crypto_secretbox_MACBYTES + kMasterKeySize;
 
 using Sealed = std::array<uint8_t, kSize>;
 
+// sealed_in gives what a text stands for.
+std::optional<Sealed> sealed_in(std::string_view text) {
+  const size_t end = text.rfind(kLastLine.substr(0, kLastLine.size() - 1));
+  if (!is_sealed_key(text) || end == text.npos) return std::nullopt;
+  const std::string_view digits = text.substr(kFirstLine.size() - 1, end - kFirstLine.size() + 1);
+  Sealed sealed;
+  size_t size = 0;
+  const int wrong = sodium_base642bin(sealed.data(), sealed.size(), digits.data(), digits.size(), "\r\n \t", &size,
+                                      nullptr, sodium_base64_VARIANT_ORIGINAL);
+  if (wrong != 0 || size != sealed.size() || !std::equal(kMagic.begin(), kMagic.end(), sealed.begin())) {
+    return std::nullopt;
+  }
+  return sealed;
+}
+
+std::span<const uint8_t, kParametersSize> parameters_of(const Sealed &sealed) {
+  return std::span(sealed).subspan<kMagic.size(), kParametersSize>();
+}
+
+std::shared_ptr<const SecretBytes> open(const Sealed &sealed, const SecretBytes &seal_key) {
+  const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kMasterKeySize);
+  const bool opens = crypto_secretbox_open_easy(key->writable().data(), &sealed[kBoxAt], kSize - kBoxAt,
+                                                &sealed[kNonceAt], seal_key.bytes().data()) == 0;
+  return opens ? key : nullptr;
+}
+
 }  // namespace
 
 KeySeal make_key_seal(Bytes passphrase, const PassphraseCost &cost) {
@@ -53,26 +79,18 @@ bool is_sealed_key(std::string_view text) {
 }
 
 std::optional<OpenedKey> open_key(std::string_view text, Bytes passphrase) {
-  const size_t end = text.rfind(kLastLine.substr(0, kLastLine.size() - 1));
-  if (!is_sealed_key(text) || end == text.npos) return std::nullopt;
-  const std::string_view digits = text.substr(kFirstLine.size() - 1, end - kFirstLine.size() + 1);
-  Sealed sealed;
-  size_t size = 0;
-  const int wrong = sodium_base642bin(sealed.data(), sealed.size(), digits.data(), digits.size(), "\r\n \t", &size,
-                                      nullptr, sodium_base64_VARIANT_ORIGINAL);
-  if (wrong != 0 || size != sealed.size() || !std::equal(kMagic.begin(), kMagic.end(), sealed.begin())) {
-    return std::nullopt;
-  }
-  const auto parameters =
-      decode_parameters(std::span<const uint8_t, kParametersSize>(&sealed[kMagic.size()], kParametersSize));
+  const std::optional<Sealed> sealed = sealed_in(text);
+  const auto parameters = sealed ? decode_parameters(parameters_of(*sealed)) : std::nullopt;
   if (!parameters) return std::nullopt;
   KeySeal seal{*parameters, key_of_passphrase(passphrase, *parameters)};
-  const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kMasterKeySize);
-  if (crypto_secretbox_open_easy(key->writable().data(), &sealed[kBoxAt], kSize - kBoxAt, &sealed[kNonceAt],
-                                 seal.key->bytes().data()) != 0) {
-    return std::nullopt;
-  }
-  return OpenedKey{key, std::move(seal)};
+  std::shared_ptr<const SecretBytes> key = open(*sealed, *seal.key);
+  if (key == nullptr) return std::nullopt;
+  return OpenedKey{std::move(key), std::move(seal)};
+}
+
+std::shared_ptr<const SecretBytes> open_key(std::string_view text, const KeySeal &seal) {
+  const std::optional<Sealed> sealed = sealed_in(text);
+  return sealed ? open(*sealed, *seal.key) : nullptr;
 }
 
 }  // namespace ksd::vault

@@ -40,6 +40,9 @@ struct OpenedKey {
 // open_key gives nothing when the passphrase is another one or the text is damaged.
 std::optional<OpenedKey> open_key(std::string_view text, Bytes passphrase);
 
+// The same for a key that was sealed with `seal`; null when it wasn't.
+std::shared_ptr<const SecretBytes> open_key(std::string_view text, const KeySeal &seal);
+
 }  // namespace ksd::vault
 
 #endif

@@ -10,6 +10,7 @@ Run by ctest, with the build's folder in KS_BUILD. Arguments are those of unitte
 import glob
 import json
 import os
+import pathlib
 import signal
 import sys
 import threading
@@ -357,6 +358,144 @@ class Fleet(unittest.TestCase):
     cluster.wait_until(lambda: self.one.put("c") == 0, 20, "a change")
     self.two.wait_for(["a", "b", "c"])
     self.assertEqual(self.two.status()["incarnation"], incarnation)
+
+
+class Members(unittest.TestCase):
+  """Machines that leave, and another master key; each test has a fleet of its own."""
+
+  def setUp(self):
+    self.network = NETWORK
+    self.addCleanup(self.network.heal)
+    folder = f"{own_world.FOLDER}/{self.id().rsplit('.', 1)[1]}"
+    tls = f"{folder}/tls"
+    os.makedirs(folder)
+    cluster.make_certificates(tls, self.network)
+    self.etcd = cluster.Cluster(self.network, folder=folder, tls=tls)
+    self.addCleanup(self.etcd.stop)
+    self.machines = [Machine(self.network, self.etcd, i, "create = true" if i == 1 else "", folder) for i in (1, 2, 3)]
+    self.one, self.two, self.three = self.machines
+    self.one.start()
+    for each in self.machines:
+      self.addCleanup(lambda each=each: each.process and each.kill())
+      if each is not self.one:
+        machine.join(each, to=self.one)
+        each.start()
+    self.assertEqual(self.one.put("a"), 0)
+    self.three.wait_for(["a"])
+    for each in self.machines:
+      cluster.wait_until(lambda each=each: set(self.listed(each)) == {"m1", "m2", "m3"}, 10, "all machines")
+
+  def json(self, each, *words):
+    done = each.ctl(*words, "--json")
+    self.assertEqual(done.returncode, 0, done.stderr)
+    document = json.loads(done.stdout)
+    try:
+      import jsonschema
+    except ImportError:
+      return document
+    with open(f"tools/ksctl/schemas/{words[0]}-{words[1]}.json") as schema:
+      jsonschema.validate(document, json.load(schema))
+    return document
+
+  def listed(self, each):
+    return {row["machine"]: row for row in self.json(each, "fleet", "list")["machines"]}
+
+  def rotate(self, each):
+    prints = {self.json(one, "fleet", "status")["fingerprint"] for one in self.machines if one.process.poll() is None}
+    self.assertEqual(len(prints), 1, "all machines show one fingerprint")
+    return each.ctl("fleet", "rotate", "--fingerprint", prints.pop(), "--json")
+
+  def keys(self):
+    return [pathlib.Path(each.folder, "master.key").read_bytes() for each in self.machines]
+
+  def assert_all_have(self, names):
+    for each in self.machines:
+      each.wait_for(names)
+
+  def test_lists_its_machines(self):
+    listed = self.listed(self.two)
+    self.assertEqual([name for name, row in listed.items() if row["this"]], ["m2"])
+    self.assertTrue(all(row["member"] for row in listed.values()))
+    self.assertEqual(len({row["keys"] for row in listed.values()}), 1)
+    self.assertEqual(len({row["fingerprint"] for row in listed.values()}), 3)
+    self.assertIn("this machine", self.two.ctl("fleet", "list").stdout)
+
+  def test_a_machine_leaves_and_comes_back_as_another(self):
+    alive = self.one.ctl("fleet", "leave", "--machine", "m3")
+    self.assertEqual(alive.returncode, 7, alive.stderr)
+    self.json(self.three, "fleet", "leave")
+    self.assertIsNone(self.three.names(), "it serves nothing of the fleet any more")
+    self.assertNotEqual(self.three.put("late"), 0)
+    self.assertIn("it has left", self.three.status()["standing"])
+    cluster.wait_until(lambda: set(self.listed(self.one)) == {"m1", "m2"}, 10, "two machines")
+    self.three.kill()
+    self.three.start()
+    cluster.wait_until(lambda: self.three.status()["left_alone"], 10, "that it is out, after a start")
+    self.assertIsNone(self.three.names())
+
+    self.three.kill()
+    for name in ("master.key.machine", "mirror.db", "master.key"):
+      os.unlink(f"{self.three.folder}/{name}")
+    for name in ("request", "answer"):
+      os.unlink(f"{self.three.folder}/{name}")
+    machine.join(self.three, to=self.one)
+    self.three.start()
+    self.three.wait_for(["a"])
+    self.assertEqual(self.three.put("b"), 0)
+    self.assert_all_have(["a", "b"])
+
+  def test_a_machine_that_is_gone_is_taken_out_and_stops_when_it_is_back(self):
+    self.network.isolate(3)
+    self.assertEqual(self.one.ctl("fleet", "leave", "--machine", "m3", "--even-if-alive").returncode, 0)
+    self.network.heal()
+    cluster.wait_until(lambda: "taken out" in self.three.status()["standing"], 30, "that it was taken out")
+    self.assertIsNone(self.three.names())
+    self.assertEqual(self.one.put("b"), 0)
+    self.assertEqual(self.two.put("c"), 0)
+
+  def test_changes_the_master_key_while_machines_are_killed(self):
+    names = {"a", *(f"n{i}" for i in range(120))}  # of more than one change
+    for name in names - {"a"}:
+      self.assertEqual(self.one.put(name), 0)
+    self.assert_all_have(names)
+    before = self.keys()
+    self.assertEqual(self.one.ctl("fleet", "rotate", "--fingerprint", "-".join(["0000"] * 8)).returncode, 4)
+    self.assertEqual(self.one.ctl("vault", "rekey").returncode, 7, "a fleet's key isn't one machine's business")
+
+    self.three.kill()
+    self.assertEqual(self.rotate(self.one).returncode, 1, "it waits for m3")
+    progress = self.json(self.two, "fleet", "rotate", "--status")
+    self.assertEqual((progress["changing"], progress["waits_for"], progress["begun_by"]), (True, ["m3"], "m1"))
+    self.assertEqual(self.two.put("meanwhile"), 0)
+    self.assertEqual(self.keys(), before)
+
+    self.one.kill()  # who began it is gone as soon as it could go on
+    self.three.start()
+    cluster.wait_until(lambda: not self.json(self.two, "fleet", "rotate", "--status")["changing"], 60, "its end")
+    self.one.start()
+    cluster.wait_until(lambda: len(set(self.keys())) == 1 and self.keys()[0] != before[0], 30, "one key everywhere")
+    for each in self.machines:
+      self.assertFalse(os.path.exists(f"{each.folder}/master.key.next"))
+      self.assertEqual(os.stat(f"{each.folder}/master.key").st_mode & 0o777, 0o600)
+    self.assertEqual(self.etcd.ctl("get", "ks/k/", "--prefix", "--keys-only").strip(), "")
+    self.assert_all_have(names | {"meanwhile"})
+    for each in self.machines:
+      each.kill()
+      each.start()
+    self.assert_all_have(names | {"meanwhile"})
+    self.assertEqual(self.rotate(self.three).returncode, 0)
+    self.assert_all_have(names | {"meanwhile"})
+
+  def test_says_what_to_do_where_the_next_key_cant_be_kept(self):
+    os.mkdir(f"{self.two.folder}/master.key.next")  # which can't be replaced by a file
+    self.assertEqual(self.rotate(self.one).returncode, 1)
+    self.assertIn("can't take it", self.two.status()["standing"])
+    self.assertIn("master.key.next", self.two.status()["standing"])
+    self.assertEqual(self.two.put("b"), 0, "all else goes on")
+    os.rmdir(f"{self.two.folder}/master.key.next")
+    cluster.wait_until(lambda: not self.json(self.one, "fleet", "rotate", "--status")["changing"], 30, "its end")
+    cluster.wait_until(lambda: self.two.status()["well"], 10, "a machine that is well")
+    self.assert_all_have(["a", "b"])
 
 
 class Tampering(unittest.TestCase):

@@ -6,7 +6,7 @@
 
 tools/ksctl/schemas/COMMAND.json is the schema of a command ("secret put" is secret-put), and schemas/COMMAND.sh beside
 this file runs the command over a service of its own, whose administrator the caller is: each line that it prints has to
-be a document by the schema. A command without either of the two fails the test, and so does a schema that lets anything
+be a document by the schema. Commands that need a fleet have no run here. A command without either of the two fails the test, and so does a schema that lets anything
 pass.
 """
 
@@ -25,7 +25,7 @@ except ImportError:
     sys.exit(77)
 
 # Commands that need a fleet. tests/fleet/fleet_test.py holds their documents to the schemas.
-OF_FLEETS = {"fleet-import", "fleet-restore", "fleet-accept"}
+OF_FLEETS = {"fleet-import", "fleet-restore", "fleet-accept", "fleet-list", "fleet-leave", "fleet-rotate"}
 
 HERE = Path(__file__).resolve().parent
 SCHEMAS = HERE.parent.parent / "tools" / "ksctl" / "schemas"

@@ -81,6 +81,7 @@ std::span<const Command> service_commands();         // status, owners, limits, 
 std::span<const Command> vault_commands();           // backup, restore, vault
 std::span<const Command> fleet_commands();           // fleet status, request, admit, join
 std::span<const Command> fleet_contents_commands();  // fleet import, restore, accept
+std::span<const Command> fleet_machine_commands();   // fleet list, leave, rotate
 std::span<const Command> stats_commands();           // stats
 std::span<const Command> top_commands();             // top
 std::span<const Command> config_commands();          // config check

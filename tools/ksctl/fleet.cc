@@ -13,6 +13,8 @@
 
 #include "administration.h"
 #include "command.h"
+#include "fingerprint.h"
+#include "fleet_keys.h"
 #include "growing_file.h"
 #include "private_file.h"
 #include "quietly.h"
@@ -77,11 +79,7 @@ std::string fingerprint_of(std::string_view title, const Content &content, const
   if (with != nullptr) crypto_generichash_update(&state, with->data(), with->size());
   crypto_generichash_update(&state, reinterpret_cast<const uint8_t *>(&content), sizeof content);
   crypto_generichash_final(&state, hash.data(), hash.size());
-  std::string words;
-  for (size_t i = 0; i < hash.size(); i += 2) {
-    words += fmt::format("{}{:02x}{:02x}", i == 0 ? "" : "-", hash[i], hash[i + 1]);
-  }
-  return words;
+  return to_words(hash);
 }
 
 // An answer's fingerprint is one of its request, too: it can't be that to another machine.
@@ -184,13 +182,17 @@ std::string identity_in(const HostFleetReply &told) {
 
 void status(Session &session, const Arguments &) {
   std::vector<uint8_t> reply;
-  const KsResult result = ServiceLink(session.socket).result_of(HOST_OP_FLEET, {}, &reply);
+  ServiceLink link(session.socket);
+  const KsResult result = link.result_of(HOST_OP_FLEET, {}, &reply);
   HostFleetReply told{};
   const bool is_shared = result == KS_SUCCESS && reply.size() >= sizeof told;
   if (!is_shared && result != KS_NOT_FOUND) throw Failure(Exit::kFailed, "fleet status: the service couldn't tell");
   if (is_shared) std::copy_n(reply.begin(), sizeof told, reinterpret_cast<uint8_t *>(&told));
+  const HostFleetKeysReply keys = is_shared ? fleet_keys(link, "fleet status") : HostFleetKeysReply{};
   const auto known = [&](Value value) { return is_shared ? value : Value(); };
   const bool is_loaded = told.age_ms != UINT64_MAX;
+  const bool knows_machines = (keys.flags & HOST_FLEET_KEYS_LOADED) != 0;
+  const bool changes_key = (keys.flags & HOST_FLEET_KEYS_CHANGE) != 0;
   session.output.fields(Object{{"shared", is_shared},
                                {"machine", known(text_in(told.machine))},
                                {"well", known((told.flags & HOST_FLEET_IS_WELL) != 0)},
@@ -198,6 +200,8 @@ void status(Session &session, const Arguments &) {
                                {"standing", known(text_in(told.standing))},
                                {"age_ms", known(is_loaded ? Value(told.age_ms) : Value())},
                                {"fleet", known(is_loaded ? Value(identity_in(told)) : Value())},
+                               {"fingerprint", knows_machines ? Value(to_words(keys.machines)) : Value()},
+                               {"changes_key", known(changes_key)},
                                {"version", known(told.version)},
                                {"incarnation", known(told.incarnation)},
                                {"commits", known(told.commits)},

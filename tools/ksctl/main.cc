@@ -26,9 +26,10 @@ namespace ksctl {
 namespace {
 
 constexpr std::array kFamilies{
-    service_commands, vault_commands,   fleet_commands,  fleet_contents_commands, stats_commands,      top_commands,
-    config_commands,  secret_commands,  pac_commands,    pac_transfer_commands,   cache_commands,      context_commands,
-    history_commands, capture_commands, doctor_commands, explain_commands,        completion_commands,
+    service_commands,      vault_commands,   fleet_commands,      fleet_contents_commands, fleet_machine_commands,
+    stats_commands,        top_commands,     config_commands,     secret_commands,         pac_commands,
+    pac_transfer_commands, cache_commands,   context_commands,    history_commands,        capture_commands,
+    doctor_commands,       explain_commands, completion_commands,
 };
 
 constexpr Parameter kCommon[] = {

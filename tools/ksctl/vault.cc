@@ -184,8 +184,8 @@ void migrate(Session &session, const Arguments &arguments) {
 void begin_rekey(ServiceLink &link, const Arguments &arguments) {
   if (is_of_fleet(link)) {
     throw Failure(Exit::kConflict,
-                  "vault rekey: the entries are those of a fleet, whose machines have one master key; "
-                  "ksctl fleet rotate changes that");
+                  "vault rekey: the entries are those of a fleet, whose machines have one master key; change it "
+                  "with `ksctl fleet rotate`");
   }
   if (!arguments.has("--new-key-file")) {
     switch (link.result_of(HOST_OP_CHANGE_MASTER_KEY)) {

@@ -28,6 +28,10 @@
 #define HOST_OP_CHANGE_MASTER_KEY UINT32_C(18)
 #define HOST_OP_MASTER_KEY_CHANGE UINT32_C(19)
 #define HOST_OP_FLEET UINT32_C(20)
+#define HOST_OP_FLEET_MACHINES UINT32_C(21)
+#define HOST_OP_FLEET_LEAVE UINT32_C(22)
+#define HOST_OP_FLEET_CHANGE_KEY UINT32_C(23)
+#define HOST_OP_FLEET_KEYS UINT32_C(24)
 #define HOST_OP_FLEET_OWNERS UINT32_C(29)
 #define HOST_OP_FLEET_IMPORT UINT32_C(25)
 #define HOST_OP_FLEET_RESTORE UINT32_C(26)
@@ -371,6 +375,71 @@ typedef struct {
 
 KS_STATIC_ASSERT(sizeof(HostFleetReply) == 400);
 
+/* HostMachinesReply answers HOST_OP_FLEET_MACHINES, whose request has no payload: `count` records of HostMachineRecord
+ * follow, ascending by name. For this message and the next three, KS_NOT_FOUND, 4 bytes, says that the service keeps
+ * its entries alone. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t count;
+} HostMachinesReply;
+
+typedef struct {
+  char name[64];
+  uint32_t flags; /* HOST_MACHINE_... */
+  uint32_t key_count;
+  uint64_t silent_ms;      /* since its last heartbeat; of the service's own machine 0 */
+  uint64_t version;        /* of the last change that it has reached */
+  uint8_t keys[2][16];     /* the ids of the master keys that it holds */
+  uint8_t fingerprint[16]; /* of its name and its own key */
+} HostMachineRecord;
+
+#define HOST_MACHINE_IS_THIS UINT32_C(1)
+#define HOST_MACHINE_IS_MEMBER UINT32_C(2)       /* else there is a heartbeat alone */
+#define HOST_MACHINE_HAS_BEAT UINT32_C(4)        /* version and keys are known */
+#define HOST_MACHINE_SILENT_AT_LEAST UINT32_C(8) /* it wasn't heard for as long as the service listens */
+#define HOST_MACHINE_HAS_KEY UINT32_C(16)        /* of its own */
+
+#define HOST_MACHINES 256 /* in a reply at most */
+
+KS_STATIC_ASSERT(sizeof(HostMachinesReply) == 8);
+KS_STATIC_ASSERT(sizeof(HostMachineRecord) == 136);
+
+/* HostLeaveRequest takes a machine out of the fleet. HostToldReply answers it. */
+typedef struct {
+  char machine[64]; /* empty: the service's own */
+  uint32_t flags;   /* HOST_LEAVE_... */
+  uint32_t reserved;
+} HostLeaveRequest;
+
+#define HOST_LEAVE_EVEN_IF_ALIVE UINT32_C(1) /* also one that was heard lately */
+
+typedef struct {
+  uint32_t result;  /* KS_SUCCESS; KS_NOT_FOUND: no such machine; KS_INVALID_ARGS: something stands in the way;
+                       KS_BAD_KEY: another fingerprint; others as of a change */
+  char words[252]; /* what stands in the way; may be empty */
+} HostToldReply;
+
+KS_STATIC_ASSERT(sizeof(HostLeaveRequest) == 72);
+KS_STATIC_ASSERT(sizeof(HostToldReply) == 256);
+
+/* HOST_OP_FLEET_CHANGE_KEY begins a change of the fleet's master key, or gives the next key to machines that haven't got
+ * it. Its payload is the fingerprint of the fleet's machines, 16 bytes; HostToldReply answers it. HostFleetKeysReply
+ * answers HOST_OP_FLEET_KEYS, whose request has no payload. */
+typedef struct {
+  uint32_t result; /* KS_SUCCESS */
+  uint32_t flags;  /* HOST_FLEET_KEYS_... */
+  uint64_t moved;  /* entries that are sealed under the next key */
+  uint64_t entries;
+  uint8_t key[16];      /* the id of the master key */
+  uint8_t next_key[16]; /* and of the next one, while it is changed */
+  uint8_t machines[16]; /* the fingerprint of the fleet's machines and their own keys */
+  char begun_by[64];    /* the machine that the change was asked of */
+} HostFleetKeysReply;
+
+#define HOST_FLEET_KEYS_LOADED UINT32_C(1) /* the machines are known */
+#define HOST_FLEET_KEYS_CHANGE UINT32_C(2) /* the key is being changed */
+
+KS_STATIC_ASSERT(sizeof(HostFleetKeysReply) == 136);
 /* HOST_OP_FLEET_OWNERS is answered with a page of these, as HOST_OP_OWNERS of the same users: by which names of the
  * fleet they own entries. KS_NOT_FOUND, 4 bytes: the service keeps its entries alone. */
 typedef struct {

@@ -36,7 +36,8 @@ std::shared_ptr<const SecretBytes> master_key(uint8_t fill = 7) {
 // Machine is a core whose requests are carried out when the test says so.
 class Machine final : private Readers {
  public:
-  Machine(StoreModel &store, CoreOptions options) : store_(store), core(std::move(options), owners_, *this) {
+  Machine(StoreModel &store, CoreOptions options, Time start = {})
+      : now(start), store_(store), core(std::move(options), owners_, *this) {
     core.begin(now);
   }
 
@@ -114,6 +115,7 @@ class Machine final : private Readers {
   }
 
   Time now{};
+  bool is_silent = false;  // its heartbeats get nowhere
 
   void execute(const Commit &commit) {
     if (!store_.compare_and_change(commit)) {
@@ -131,8 +133,17 @@ class Machine final : private Readers {
     core.take(now, Loaded{load.id, store_.header(), store_.revision()});
   }
   void execute(const Watch &watch) { watch_ = watch; }
-  void execute(const Beat &) {}
-  void execute(const ReadBeats &) {}
+  void execute(const Beat &beat) {
+    if (is_silent) return;
+    store_.change({{.key = kBeatFolder + beat.machine, .value = beat.value, .mod_revision = 0}}, {});
+  }
+  void execute(const ReadBeats &read) {
+    BeatsAre beats{read.id, {}, store_.revision()};
+    for (const auto &[key, value] : store_.live()) {
+      if (key.starts_with(kBeatFolder) || key.starts_with(kBoxFolder)) beats.beats.push_back(value);
+    }
+    core.take(now, std::move(beats));
+  }
 
  private:
   void lock() override {}
@@ -146,6 +157,80 @@ class Machine final : private Readers {
 
  public:
   Core core;
+};
+
+// Keeper keeps a next key if it has room.
+struct Keeper final : KeyKeeper {
+  std::string keep_next(const SecretBytes &key, const SecretBytes &) override {
+    if (is_full) return "there is no room";
+    next = SecretBytes::copy_of(key.bytes());
+    return "";
+  }
+  std::string use(const SecretBytes &) override { return ""; }
+
+  bool is_full = false;
+  KeyPtr next;
+};
+
+// Fleet is some machines with keys of their own, which come one after the other.
+class Fleet : public testing::Test {
+ protected:
+  Machine &start(const std::string &name, uint8_t own_key, KeyPtr master = master_key(), KeyPtr next = nullptr) {
+    CoreOptions options = Machine::options(name, ++sessions_);
+    options.master_key = std::move(master);
+    options.next_key = std::move(next);
+    options.machine_key = SecretBytes::copy_of(std::vector<uint8_t>(32, own_key));
+    options.keeper = &keeper[name];
+    auto &machine = machines[name];
+    machine = std::make_unique<Machine>(store, std::move(options), now_);
+    machine->come_up();
+    go_on();
+    return *machine;
+  }
+
+  // go_on carries out all that there is to do, some steps of time long.
+  void go_on(int steps = 4, Time step = 10ms) {
+    for (int i = 0; i < steps; ++i) {
+      for (auto &[name, machine] : machines) {
+        machine->carry_out();
+        for (Answer &answer : machine->core.take_answers()) answers[answer.ticket] = std::move(answer);
+        machine->pass(step);
+        now_ = std::max(now_, machine->now);
+      }
+    }
+    for (auto &[name, machine] : machines) machine->carry_out();
+  }
+
+  const Answer &answer(Ticket ticket) { return answers[ticket]; }
+  const Answer &leave(Machine &at, const std::string &name = "", bool even_if_alive = false) {
+    at.core.leave(at.now, ++last_, name, even_if_alive);
+    go_on();
+    return answer(last_);
+  }
+  const Answer &change_key(Machine &at) {
+    at.core.change_key(at.now, ++last_, *at.core.key_change().machines);
+    go_on();
+    return answer(last_);
+  }
+  void put_many(Machine &at, int count) {
+    for (int i = 0; i < count; ++i) at.put(++last_, "n" + std::to_string(i));
+    go_on();
+  }
+  std::vector<std::string> members(Machine &at) {
+    std::vector<std::string> names;
+    for (const WriterMark &mark : at.core.memory().header().writers) names.push_back(mark.machine);
+    return names;
+  }
+
+  StoreModel store;
+  std::map<std::string, Keeper> keeper;
+  std::map<std::string, std::unique_ptr<Machine>> machines;
+  std::map<Ticket, Answer> answers;
+
+ private:
+  Time now_{};
+  uint64_t sessions_ = 0;
+  Ticket last_ = 0;
 };
 
 // restored gives the store as a restore of what is in it would leave it.
@@ -313,6 +398,7 @@ TEST(FleetCore, DoesntTakeALateChangeForTheOneThatCameAfterIt) {
   CoreOptions options = Machine::options("x");
   options.write_wait = 300ms;
   Machine x(store, options);
+  x.is_silent = true;  // so that revisions are those of changes
   x.come_up();
   x.put(1, "early");
   std::optional<Commit> early = x.last_commit();
@@ -419,6 +505,7 @@ class FleetRestore : public testing::Test {
     x.core.change(x.now, 301, vault::decide_remove(secret_name("n0")));
     x.carry_out();
     y.come_up();
+    x.see_changes();  // that y is there
     x.core.take_answers();
   }
 
@@ -635,6 +722,330 @@ TEST_F(FleetRestore, FindsOutWhetherItsLastStepCameToBe) {
   EXPECT_EQ(x.restored(), State::kDone);
   EXPECT_EQ(x.core.memory().header().incarnation, 2u);
   EXPECT_EQ(x.standing(), Standing::kGood);
+}
+
+// ---- Machines ----
+
+TEST_F(Fleet, KnowsAMachineFromItsStartOn) {
+  Machine &x = start("x", 1), &y = start("y", 2);
+  go_on();
+  EXPECT_THAT(members(x), ElementsAre("x", "y"));
+  const std::vector<MachineSeen> seen = x.core.machines(x.now);
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_TRUE(seen[0].is_this);
+  EXPECT_TRUE(seen[1].is_member);
+  ASSERT_TRUE(seen[1].beat);
+  EXPECT_FALSE(seen[1].silent_at_least);
+  EXPECT_LT(seen[1].silent, 1s);
+  EXPECT_EQ(seen[1].public_key, y.core.machines(y.now)[1].public_key);
+  EXPECT_EQ(x.core.key_change().machines, y.core.key_change().machines);
+}
+
+TEST_F(Fleet, DoesntKnowHowLongAgoWasWhatItHasNotHeard) {
+  start("x", 1);
+  start("y", 2);
+  machines.erase("y");
+  Machine &x = start("x", 1);
+  x.pass(5s);
+  const std::vector<MachineSeen> seen = x.core.machines(x.now);
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_TRUE(seen[1].silent_at_least);
+  EXPECT_GE(seen[1].silent, 5s);
+}
+
+TEST_F(Fleet, LetsAMachineLeave) {
+  Machine &x = start("x", 1), &y = start("y", 2);
+  put_many(y, 1);
+  EXPECT_EQ(leave(y).result, KS_SUCCESS);
+  EXPECT_EQ(y.standing(), Standing::kOut);
+  EXPECT_EQ(y.core.why(), "it has left");
+  EXPECT_FALSE(y.core.readable(y.now)) << "nothing of the fleet is served";
+  EXPECT_THAT(members(x), ElementsAre("x"));
+  EXPECT_FALSE(store.live().contains("m/y"));
+  EXPECT_EQ(x.core.machines(x.now).size(), 1u);
+  y.put(1000, "late");
+  EXPECT_THAT(y.core.take_answers(), ElementsAre(Answers(1000, KS_FW_BAD_CELL)));
+  put_many(x, 2);
+  EXPECT_EQ(x.standing(), Standing::kGood);
+}
+
+TEST_F(Fleet, KeepsItsLastMachine) {
+  Machine &x = start("x", 1);
+  EXPECT_EQ(leave(x).result, KS_INVALID_ARGS);
+  EXPECT_THAT(answer(1).words, HasSubstr("only machine"));
+  EXPECT_EQ(leave(x, "y").result, KS_NOT_FOUND);
+}
+
+TEST_F(Fleet, TakesOutAMachineThatHasBeenSilentOnly) {
+  Machine &x = start("x", 1), &y = start("y", 2);
+  go_on();
+  EXPECT_EQ(leave(x, "y").result, KS_INVALID_ARGS);
+  EXPECT_THAT(answer(1).words, HasSubstr("y was heard 0 s ago"));
+  y.is_silent = true;
+  go_on(130, 500ms);
+  EXPECT_EQ(leave(x, "y").result, KS_SUCCESS);
+  EXPECT_EQ(y.standing(), Standing::kOut) << "it was there all the time";
+  EXPECT_THAT(y.core.why(), HasSubstr("taken out"));
+}
+
+TEST_F(Fleet, DoesntTakeItsOwnDeafnessForSilence) {
+  start("x", 1);
+  start("y", 2);
+  machines.erase("y");
+  Machine &x = start("x", 1);
+  go_on();
+  EXPECT_EQ(leave(x, "y").result, KS_INVALID_ARGS);
+  EXPECT_THAT(answer(1).words, HasSubstr("has listened for 0 s only"));
+  EXPECT_EQ(leave(x, "y", true).result, KS_SUCCESS);
+}
+
+TEST_F(Fleet, StaysOutUntilItIsAnotherMachine) {
+  Machine &x = start("x", 1);
+  start("y", 2);
+  machines.erase("y");
+  ASSERT_EQ(leave(x, "y", true).result, KS_SUCCESS);
+  EXPECT_EQ(start("y", 2).standing(), Standing::kOut) << "it starts without knowing";
+  EXPECT_THAT(members(x), ElementsAre("x"));
+  EXPECT_EQ(start("y", 3).standing(), Standing::kGood) << "with another key of its own it has joined anew";
+  go_on();
+  EXPECT_THAT(members(x), ElementsAre("x", "y"));
+  put_many(*machines["y"], 3);
+  EXPECT_EQ(x.standing(), Standing::kGood);
+}
+
+TEST_F(Fleet, LetsNoMachineRestoreThatHasLeft) {
+  Machine &x = start("x", 1), &y = start("y", 2);
+  put_many(x, 2);
+  const Restore::Wanted backup = y.backed_up(7);
+  ASSERT_EQ(leave(y).result, KS_SUCCESS);
+  y.core.restore(y.now, backup);
+  go_on();
+  EXPECT_EQ(y.restored(), Restore::Progress::State::kStopped);
+  EXPECT_THAT(y.core.restoring()->progress().why, HasSubstr("isn't one of the fleet"));
+  EXPECT_EQ(x.core.memory().header().incarnation, 1u);
+
+  x.core.restore(x.now, x.backed_up(8));
+  go_on();
+  EXPECT_EQ(x.restored(), Restore::Progress::State::kDone);
+  EXPECT_EQ(start("y", 2).standing(), Standing::kOut) << "a restore doesn't bring it back";
+}
+
+TEST_F(Fleet, HasAPlaceForAnotherMachineOnceOneHasLeft) {
+  for (size_t i = 0; i < kMostMachines; ++i) {
+    start(std::string(1, static_cast<char>('a' + i / 26)) + static_cast<char>('a' + i % 26),
+          static_cast<uint8_t>(i + 1));
+    if (i > 0) machines.erase(std::next(machines.begin()));  // they need not listen
+  }
+  Machine &first = *machines.begin()->second;
+  Machine &late = start("z", 99);
+  EXPECT_EQ(late.standing(), Standing::kTooManyMachines);
+  ASSERT_EQ(leave(first, "ab", true).result, KS_SUCCESS);
+  go_on(20, 100ms);
+  EXPECT_EQ(late.standing(), Standing::kGood);
+  EXPECT_NE(late.core.memory().header().mark_of("z"), nullptr);
+}
+
+TEST_F(Fleet, GivesANameWithAnotherKeyToAMachineThatNobodyElseSpeaksFor) {
+  start("x", 1);
+  Machine &again = start("x", 2);
+  EXPECT_EQ(members(again).size(), 1u);
+  go_on(31, 1s);
+  EXPECT_EQ(again.core.machines(again.now)[0].public_key,
+            public_key_of(SecretBytes::copy_of(std::vector<uint8_t>(32, 2)).get()));
+
+  CoreOptions namesake = Machine::options("x", 77);
+  namesake.machine_key = SecretBytes::copy_of(std::vector<uint8_t>(32, 3));
+  Machine other(store, namesake, again.now);
+  other.come_up();
+  for (int i = 0; i < 30; ++i) {
+    go_on(1, 1s);
+    other.pass(1s);
+    other.carry_out();
+  }
+  EXPECT_EQ(other.standing(), Standing::kNamesake) << "the one that was there speaks";
+  EXPECT_EQ(again.standing(), Standing::kGood);
+}
+
+// ---- Another master key ----
+
+TEST_F(Fleet, ChangesItsMasterKeyAndSealsAllAnew) {
+  Machine &x = start("x", 1), &y = start("y", 2), &z = start("z", 3);
+  put_many(x, 250);
+  const vault::KeyId before = x.core.memory().key_id();
+  EXPECT_EQ(change_key(y).result, KS_SUCCESS);
+  go_on(20);
+  for (Machine *machine : {&x, &y, &z}) {
+    EXPECT_NE(machine->core.memory().key_id(), before);
+    EXPECT_EQ(machine->core.memory().key_id(), y.core.memory().key_id());
+    EXPECT_FALSE(machine->core.key_change().change);
+    EXPECT_EQ(machine->standing(), Standing::kGood);
+    EXPECT_EQ(machine->core.memory().state().table.size(), 250u);
+  }
+  for (const auto &[name, one] : keeper) EXPECT_EQ(vault::key_id_of(*one.next), y.core.memory().key_id()) << name;
+  const vault::Sealer sealer(*y.core.memory().master_key(), kFleet);
+  for (const auto &[key, stored] : store.live()) {
+    EXPECT_FALSE(key.starts_with(kBoxFolder)) << key;
+    if (const auto place = row_place(key)) {
+      EXPECT_NE(sealer.open(vault::RecordKind::kFleetRow, place->id, stored.value), nullptr) << key;
+    }
+  }
+  put_many(z, 3);
+  EXPECT_EQ(x.core.memory().header().version, z.core.memory().header().version);
+  Machine &late = start("w", 4, y.core.memory().master_key());
+  EXPECT_EQ(late.core.memory().state().table.size(), 250u) << "all of it loads with the one key";
+  EXPECT_EQ(start("v", 5).standing(), Standing::kOtherKey);
+}
+
+TEST_F(Fleet, GivesNoKeyToMachinesThatNobodyCompared) {
+  Machine &x = start("x", 1);
+  const Fingerprint alone = *x.core.key_change().machines;
+  start("y", 2);
+  go_on();
+  x.core.change_key(x.now, 1, alone);
+  go_on();
+  EXPECT_EQ(answer(1).result, KS_BAD_KEY);
+  EXPECT_FALSE(x.core.key_change().change);
+  EXPECT_EQ(keeper["x"].next, nullptr) << "nothing was drawn";
+}
+
+TEST_F(Fleet, WaitsForAMachineThatIsAwayOrIsTakenOut) {
+  Machine &x = start("x", 1);
+  start("y", 2);
+  put_many(x, 5);
+  machines.erase("y");
+  EXPECT_EQ(change_key(x).result, KS_SUCCESS);
+  go_on(20, 500ms);
+  EXPECT_THAT(x.core.key_change().missing, ElementsAre("y"));
+  EXPECT_EQ(x.core.key_change().moved, 0u);
+  put_many(x, 6);
+  EXPECT_EQ(x.standing(), Standing::kGood) << "all else goes on";
+  Machine &again = start("y", 2);
+  go_on(20);
+  EXPECT_FALSE(again.core.key_change().change);
+  EXPECT_EQ(again.core.memory().key_id(), x.core.memory().key_id());
+
+  machines.erase("y");
+  ASSERT_EQ(change_key(x).result, KS_SUCCESS);
+  go_on(20);
+  ASSERT_TRUE(x.core.key_change().change);
+  ASSERT_EQ(leave(x, "y", true).result, KS_SUCCESS);
+  go_on(20);
+  EXPECT_FALSE(x.core.key_change().change);
+}
+
+TEST_F(Fleet, TellsWhereTheNextKeyCantBeKept) {
+  Machine &x = start("x", 1), &y = start("y", 2);
+  keeper["y"].is_full = true;
+  ASSERT_EQ(change_key(x).result, KS_SUCCESS);
+  go_on(20);
+  EXPECT_EQ(y.standing(), Standing::kKeyNotKept);
+  EXPECT_EQ(y.core.why(), "there is no room");
+  EXPECT_THAT(x.core.key_change().missing, ElementsAre("y"));
+  keeper["y"].is_full = false;
+  go_on(20, 500ms);
+  EXPECT_EQ(y.standing(), Standing::kGood);
+  EXPECT_FALSE(x.core.key_change().change);
+
+  keeper["x"].is_full = true;
+  EXPECT_EQ(change_key(x).result, KS_FW_BAD_CELL);
+  EXPECT_EQ(answer(2).words, "there is no room");
+  EXPECT_FALSE(x.core.key_change().change) << "nothing has begun";
+}
+
+TEST_F(Fleet, GoesOnWithAChangeOfTheKeyWhoseMachineWasKilled) {
+  Machine &x = start("x", 1);
+  start("y", 2);
+  put_many(x, 250);
+  machines["y"]->is_silent = true;  // so that it begins, and nothing more
+  ASSERT_EQ(change_key(x).result, KS_SUCCESS);
+  go_on();
+  ASSERT_EQ(x.core.key_change().moved, 0u);
+  machines.erase("x");
+  Machine &y = *machines["y"];
+  ASSERT_TRUE(keeper["y"].next);
+  y.is_silent = false;
+  go_on(5, 1s);
+  EXPECT_TRUE(y.core.key_change().change) << "x holds it, but has never said so";
+  Machine &again = start("x", 1, master_key(), keeper["x"].next);
+  go_on(60, 100ms);
+  EXPECT_FALSE(y.core.key_change().change);
+  EXPECT_EQ(again.core.memory().key_id(), y.core.memory().key_id());
+}
+
+TEST_F(Fleet, OpensWhatIsSealedUnderEitherKeyAfterAKillInTheMiddle) {
+  Machine &x = start("x", 1);
+  start("y", 2);
+  put_many(x, 250);
+  machines["y"]->is_silent = true;
+  ASSERT_EQ(change_key(x).result, KS_SUCCESS);
+  machines["y"]->is_silent = false;
+  machines["y"]->pass(11s);
+  machines["y"]->carry_out();  // it says that it holds both
+  x.see_changes();
+  const std::optional<Commit> first = x.last_commit();
+  ASSERT_TRUE(first && store.compare_and_change(*first));
+  x.core.take(x.now, Committed{first->id, store.revision()});
+  ASSERT_NE(x.core.key_change().moved, 0u);
+  ASSERT_LT(x.core.key_change().moved, 250u);
+  for (const char *name : {"x", "y"}) machines.erase(name);
+  Machine &y = start("y", 2);  // its next key was lost
+  go_on(10, 100ms);
+  EXPECT_EQ(y.standing(), Standing::kGood) << "its box has it still";
+  EXPECT_EQ(y.core.memory().state().table.size(), 250u);
+  Machine &again = start("x", 1, master_key(), keeper["x"].next);
+  EXPECT_EQ(again.core.memory().state().table.size(), 250u);
+  go_on(60, 100ms);
+  EXPECT_FALSE(y.core.key_change().change);
+  EXPECT_EQ(again.core.memory().key_id(), y.core.memory().key_id());
+}
+
+TEST_F(Fleet, MakesOneChangeOfTheKeyOfTwoThatAreAskedForAtOnce) {
+  Machine &x = start("x", 1), &y = start("y", 2);
+  go_on();
+  const Fingerprint compared = *x.core.key_change().machines;
+  x.core.change_key(x.now, 101, compared);
+  y.core.change_key(y.now, 102, compared);
+  go_on(30);
+  EXPECT_FALSE(x.core.key_change().change);
+  EXPECT_EQ(x.core.memory().key_id(), y.core.memory().key_id());
+  EXPECT_NE(x.core.memory().key_id(), vault::key_id_of(*master_key()));
+  EXPECT_TRUE(answers.contains(101) && answers.contains(102));
+}
+
+// Who knows the present key can put anything into the store under it.
+TEST_F(Fleet, TakesNoKeyFromWhoDoesntHoldTheSendersOwn) {
+  Machine &x = start("x", 1), &y = start("y", 2);
+  y.is_silent = true;
+  ASSERT_EQ(change_key(x).result, KS_SUCCESS);
+  machines.erase("y");
+  const vault::Sealer sealer(*master_key(), kFleet);
+  const KeyPtr planted = master_key(9), thief = SecretBytes::copy_of(std::vector<uint8_t>(32, 66));
+  std::optional<BoxedKey> box =
+      box_key(*planted, "x", *thief, public_key_of(SecretBytes::copy_of(std::vector<uint8_t>(32, 2)).get()));
+  box->key_id = x.core.key_change().change->key_id;
+  store.change({{.key = "k/y", .value = seal_box(*box, "y", sealer), .mod_revision = 0}}, {});
+  keeper["y"].next.reset();
+  Machine &again = start("y", 2);
+  go_on(20);
+  EXPECT_EQ(again.standing(), Standing::kKeyNotKept);
+  EXPECT_THAT(again.core.why(), HasSubstr("can't be opened"));
+  EXPECT_EQ(keeper["y"].next, nullptr);
+  ASSERT_EQ(change_key(x).result, KS_SUCCESS) << "asked once more, it sends the key again";
+  go_on(60, 100ms);
+  EXPECT_FALSE(x.core.key_change().change);
+  EXPECT_EQ(again.core.memory().key_id(), x.core.memory().key_id());
+}
+
+TEST_F(Fleet, TakesAHeaderUnderTheKeyOfBeforeForAStoreThatWasSetBack) {
+  Machine &x = start("x", 1);
+  put_many(x, 2);
+  const StoreModel before = store;
+  ASSERT_EQ(change_key(x).result, KS_SUCCESS);
+  go_on(10);
+  ASSERT_NE(x.core.memory().key_id(), vault::key_id_of(*master_key()));
+  store.set_back(before);
+  go_on(10, 100ms);
+  EXPECT_EQ(x.standing(), Standing::kTampered);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "docs/page.h"
 #include "vault/backup.h"
 #include "vault_files/vault_files.h"
@@ -32,6 +34,13 @@ vault::Sealer sealer() {
   return {*master_key(), kFleet};
 }
 
+// machine_key is a machine's own key: bytes from `first` on.
+std::shared_ptr<const SecretBytes> machine_key(uint8_t first) {
+  Octets key(32);
+  std::iota(key.begin(), key.end(), first);
+  return SecretBytes::copy_of(key);
+}
+
 Octets octets(const std::shared_ptr<const SecretBytes> &plain) {
   return plain == nullptr ? Octets() : Octets(plain->bytes().begin(), plain->bytes().end());
 }
@@ -46,7 +55,10 @@ FleetHeader example_header() {
   header.table = {.last_id = 1, .last_version = 1, .entry_count = 1};
   for (size_t i = 0; i < header.before.size(); ++i) header.before[i] = static_cast<uint8_t>(0x80 + i);
   header.table.add(sealer().content_mark(1, encode_row(example(), "radius")->bytes()));
-  header.writers = {{.machine = "alpha", .session = 0x5152535455565758, .sequence = 2}};
+  header.writers = {{.machine = "alpha",
+                     .session = 0x5152535455565758,
+                     .sequence = 2,
+                     .public_key = public_key_of(machine_key(0x60).get())}};
   return header;
 }
 
@@ -120,10 +132,59 @@ TEST(FleetFormat, HasTheOwnersOfThePageInABackup) {
   EXPECT_EQ(Octets(plain.begin() + kHead, plain.begin() + kHead + static_cast<ptrdiff_t>(owners.size())), owners);
 }
 
+template <size_t size>
+Octets octets(const std::array<uint8_t, size> &bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+TEST(FleetFormat, HasThePublicKeyAndTheFingerprintOfThePage) {
+  EXPECT_EQ(octets(public_key_of(machine_key(0x60).get())), page.bytes("public-key"));
+  EXPECT_EQ(public_key_of(nullptr), PublicKey{});
+  EXPECT_EQ(octets(fingerprint_of(example_header().writers)), page.bytes("machines-fingerprint"));
+}
+
+TEST(FleetFormat, HasTheBoxedKeyOfThePage) {
+  const Octets plain = page.filled("boxed-key"), sealed = page.filled("sealed-boxed-key");
+  const std::optional<BoxedKey> box = open_box(sealed, "beta", sealer());
+  ASSERT_TRUE(box);
+  EXPECT_EQ(octets(box->key_id), Octets(plain.begin(), plain.begin() + 16));
+  EXPECT_EQ(box->sender, "alpha");
+  EXPECT_EQ(open_box(sealed, "gamma", sealer()), std::nullopt) << "it is beta's";
+  const PublicKey alpha = public_key_of(machine_key(0x60).get()), beta = public_key_of(machine_key(0x20).get());
+  EXPECT_EQ(octets(unbox_key(*box, *machine_key(0x20), alpha)), octets(machine_key(0x90)));
+  EXPECT_EQ(unbox_key(*box, *machine_key(0x20), beta), nullptr) << "alpha alone can have made it";
+  EXPECT_EQ(unbox_key(*box, *machine_key(0x21), alpha), nullptr) << "beta alone can open it";
+
+  const std::optional<BoxedKey> again = box_key(*machine_key(0x90), "alpha", *machine_key(0x60), beta);
+  ASSERT_TRUE(again);
+  const std::optional<BoxedKey> opened = open_box(seal_box(*again, "beta", sealer()), "beta", sealer());
+  ASSERT_TRUE(opened);
+  EXPECT_EQ(octets(unbox_key(*opened, *machine_key(0x20), alpha)), octets(machine_key(0x90)));
+  BoxedKey other = *again;
+  other.key_id[0] ^= 1;
+  EXPECT_EQ(unbox_key(other, *machine_key(0x20), alpha), nullptr) << "it says that it is another key";
+}
+
+TEST(FleetFormat, HasTheHeaderOfAChangeOfTheKey) {
+  FleetHeader header = example_header();
+  header.departed = {{.machine = "beta", .session = 1, .sequence = 7, .public_key = {5}}};
+  header.key_change = {.key_id = vault::key_id_of(*machine_key(0x90)), .moved = 1, .begun_by = "alpha"};
+  const Octets plain = encode_header(header);
+  const Octets change = page.filled("key-change");
+  ASSERT_GT(plain.size(), change.size());
+  EXPECT_EQ(Octets(plain.end() - static_cast<ptrdiff_t>(change.size()), plain.end()), page.bytes("key-change"));
+  const std::optional<FleetHeader> decoded = decode_header(plain);
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->writers, header.writers);
+  EXPECT_EQ(decoded->departed, header.departed);
+  EXPECT_EQ(decoded->key_change, header.key_change);
+  for (size_t size = 0; size < plain.size(); ++size) EXPECT_FALSE(decode_header(Bytes(plain).first(size))) << size;
+}
+
 TEST(FleetFormat, RefusesAHeaderOfAnotherShape) {
   const Octets plain = page.filled("fleet-header");
   for (size_t size = 0; size < plain.size(); ++size) {
-    EXPECT_EQ(decode_header(Bytes(plain).first(size)), std::nullopt) << size;
+    EXPECT_FALSE(decode_header(Bytes(plain).first(size))) << size;
   }
   Octets other = plain;
   other.push_back(0);
@@ -163,6 +224,15 @@ TEST(FleetFormat, TellsWhichHeaderMayFollowOnWhich) {
   later.writers.push_back({.machine = "beta", .session = 1, .sequence = 1});
   EXPECT_TRUE(later.follows(earlier));
   EXPECT_FALSE(earlier.follows(later)) << "beta's change is missing";
+  later.departed.push_back(later.writers.back());
+  later.writers.pop_back();
+  FleetHeader both = earlier;
+  both.writers.push_back(later.departed.back());
+  EXPECT_TRUE(later.follows(both)) << "beta has left";
+  later.departed.back().sequence = 0;
+  EXPECT_FALSE(later.follows(both)) << "and had made a change before";
+  later.departed.clear();
+  EXPECT_FALSE(later.follows(both)) << "beta is gone without having left";
   later.writers[0].sequence = 1;
   later.version = 9;
   EXPECT_FALSE(later.follows(earlier)) << "a change of alpha's is missing, however many others there are";

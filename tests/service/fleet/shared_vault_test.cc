@@ -128,7 +128,14 @@ class PromptEngine final : public Engine {
     report(Committed{beat.id, store_.model.revision()});
     changed();
   }
-  void execute(const ReadBeats &) {}
+  void execute(const ReadBeats &read) {
+    if (fails(read.id)) return;
+    BeatsAre beats{read.id, {}, store_.model.revision()};
+    for (const auto &[key, value] : store_.model.live()) {
+      if (key.starts_with(kBeatFolder) || key.starts_with(kBoxFolder)) beats.beats.push_back(value);
+    }
+    report(std::move(beats));
+  }
   void changed() {
     for (PromptEngine *engine : store_.engines) engine->report_watched();
   }
@@ -602,6 +609,88 @@ TEST_F(MirrorTest, RefusesADamagedNoteOfItsFleet) {
   EXPECT_THAT(vault::refusal_of([&] { read_belonging(path); }), HasSubstr("doesn't say which fleet"));
   write_belonging(path, FleetId{1, 2});
   EXPECT_EQ(read_belonging(path), (FleetId{1, 2}));
+}
+
+bool same_key(const SecretBytes &a, const SecretBytes &b) {
+  return vault::key_id_of(a) == vault::key_id_of(b);
+}
+
+// Keeper has keys in memory, over the starts of a machine.
+struct Keeper final : KeyKeeper {
+  std::string keep_next(const SecretBytes &key, const SecretBytes &) override {
+    const std::lock_guard lock(mutex);
+    next = SecretBytes::copy_of(key.bytes());
+    return "";
+  }
+  std::string use(const SecretBytes &key) override {
+    const std::lock_guard lock(mutex);
+    if (refuses) return "not now";
+    present = SecretBytes::copy_of(key.bytes());
+    next.reset();
+    return "";
+  }
+  KeyPtr key() {
+    const std::lock_guard lock(mutex);
+    return present;
+  }
+
+  std::mutex mutex;
+  KeyPtr present = master_key(), next;
+  bool refuses = false;
+};
+
+class KeyChangeTest : public MirrorTest {
+ protected:
+  SharedOptions keyed(const std::string &machine, uint8_t own_key) {
+    SharedOptions with = mirrored(machine);
+    with.mirror = folder.path() + "/" + machine + ".db";
+    with.machine_key = SecretBytes::copy_of(std::vector<uint8_t>(32, own_key));
+    auto &its = keeper[machine];
+    if (its == nullptr) its = std::make_shared<Keeper>();
+    with.keeper = its;
+    with.master_key = its->present;
+    with.next_key = its->next;
+    return with;
+  }
+
+  std::map<std::string, std::shared_ptr<Keeper>> keeper;
+};
+
+TEST_F(KeyChangeTest, PutsTheNextKeyInPlaceOnceTheMirrorHasIt) {
+  {
+    const auto x = loaded(keyed("x", 1)), y = loaded(keyed("y", 2));
+    ASSERT_EQ(put(*x, "wifi", "correct horse"), KS_SUCCESS);
+    ASSERT_TRUE(eventually([&] { return x->machines().size() == 2 && y->machines().size() == 2; }));
+    EXPECT_EQ(x->begin_key_change(Fingerprint{}).result, KS_BAD_KEY);
+    ASSERT_EQ(x->begin_key_change(*y->fleet_key_change().machines).result, KS_SUCCESS);
+    for (const char *name : {"x", "y"}) {
+      EXPECT_TRUE(eventually([&] { return !same_key(*keeper[name]->key(), *master_key()); })) << name;
+    }
+    EXPECT_TRUE(same_key(*keeper["x"]->present, *keeper["y"]->present));
+    EXPECT_EQ(put(*y, "other", "1"), KS_SUCCESS);
+  }
+  auto engine = std::make_unique<PromptEngine>(store);
+  engine->cut(true);
+  SharedVault x(keyed("x", 1), std::move(engine));
+  ASSERT_TRUE(x.wait_until_loaded(0ms)) << "its mirror is sealed under the next key";
+  EXPECT_EQ(secret_in(x, secret_name("wifi")), "correct horse");
+}
+
+TEST_F(KeyChangeTest, StartsWithAMirrorUnderTheNextKeyThatIsNotInPlaceYet) {
+  SharedOptions with = keyed("x", 1);
+  keeper["x"]->refuses = true;
+  {
+    const auto x = loaded(with);
+    ASSERT_EQ(put(*x, "wifi", "correct horse"), KS_SUCCESS);
+    ASSERT_EQ(x->begin_key_change(*x->fleet_key_change().machines).result, KS_SUCCESS);
+    ASSERT_TRUE(eventually([&] { return !x->fleet_key_change().change; }));
+  }
+  ASSERT_NE(keeper["x"]->next, nullptr);
+  keeper["x"]->refuses = false;
+  const KeyPtr next = keeper["x"]->next;
+  const auto again = loaded(keyed("x", 1));
+  EXPECT_EQ(secret_in(*again, secret_name("wifi")), "correct horse");
+  EXPECT_TRUE(eventually([&] { return same_key(*keeper["x"]->key(), *next); }));
 }
 
 }  // namespace

@@ -59,9 +59,9 @@ TEST(Simulator, FindsNothingInAnySchedule) {
   EXPECT_EQ(all.violation, "");
   fmt::print(
       "{} schedules: {} changes acknowledged, {} refused, {} unknown; {} looks at a memory, {} loads, {} deletes that "
-      "a watch lost, {} times tampered with, {} of {} restores done\n",
+      "a watch lost, {} times tampered with, {} of {} restores done, {} times another master key\n",
       schedules(), all.changes, all.refused, all.unknown, all.reads, all.loads, all.lost_deletes, all.tampered,
-      all.restored, all.restores);
+      all.restored, all.restores, all.key_changes);
 }
 
 // Otherwise nothing that is found could be looked into.
@@ -94,18 +94,18 @@ TEST_P(SimulatorFinds, TheFault) {
 
 INSTANTIATE_TEST_SUITE_P(
     , SimulatorFinds,
-    testing::Values(Fault{Mutant::kNoCompare, "NoCompare"}, Fault{Mutant::kSuccessWhenUnknown, "SuccessWhenUnknown"},
-                    Fault{Mutant::kDishonestAge, "DishonestAge"}, Fault{Mutant::kAgeOfUnreached, "AgeOfUnreached"},
-                    Fault{Mutant::kApplyBeforeTheAnswer, "ApplyBeforeTheAnswer"},
-                    Fault{Mutant::kAnswerBeforeApplying, "AnswerBeforeApplying"},
-                    Fault{Mutant::kRefuseUnconfirmed, "RefuseUnconfirmed"},
-                    Fault{Mutant::kRetryAfterUnknown, "RetryAfterUnknown"},
-                    Fault{Mutant::kDigestUnchecked, "DigestUnchecked"},
-                    Fault{Mutant::kRollBackAccepted, "RollBackAccepted"},
-                    Fault{Mutant::kTamperingForgotten, "TamperingForgotten"}, Fault{Mutant::kLateAnswer, "LateAnswer"},
-                    Fault{Mutant::kRefusedWritten, "RefusedWritten"}, Fault{Mutant::kNeverCounts, "NeverCounts"},
-                    Fault{Mutant::kMixesFolders, "MixesFolders"}, Fault{Mutant::kRestoreUnasked, "RestoreUnasked"},
-                    Fault{Mutant::kRestoreUnguarded, "RestoreUnguarded"}),
+    testing::Values(
+        Fault{Mutant::kNoCompare, "NoCompare"}, Fault{Mutant::kSuccessWhenUnknown, "SuccessWhenUnknown"},
+        Fault{Mutant::kDishonestAge, "DishonestAge"}, Fault{Mutant::kAgeOfUnreached, "AgeOfUnreached"},
+        Fault{Mutant::kApplyBeforeTheAnswer, "ApplyBeforeTheAnswer"},
+        Fault{Mutant::kAnswerBeforeApplying, "AnswerBeforeApplying"},
+        Fault{Mutant::kRefuseUnconfirmed, "RefuseUnconfirmed"}, Fault{Mutant::kRetryAfterUnknown, "RetryAfterUnknown"},
+        Fault{Mutant::kDigestUnchecked, "DigestUnchecked"}, Fault{Mutant::kRollBackAccepted, "RollBackAccepted"},
+        Fault{Mutant::kTamperingForgotten, "TamperingForgotten"}, Fault{Mutant::kLateAnswer, "LateAnswer"},
+        Fault{Mutant::kRefusedWritten, "RefusedWritten"}, Fault{Mutant::kNeverCounts, "NeverCounts"},
+        Fault{Mutant::kMixesFolders, "MixesFolders"}, Fault{Mutant::kRestoreUnasked, "RestoreUnasked"},
+        Fault{Mutant::kRestoreUnguarded, "RestoreUnguarded"}, Fault{Mutant::kMovesTooEarly, "MovesTooEarly"},
+        Fault{Mutant::kKeyNotKept, "KeyNotKept"}, Fault{Mutant::kOutIgnored, "OutIgnored"}),
     [](const auto &fault) { return std::string(fault.param.name); });
 
 TEST(Simulator, LetsAFarMachineHaveItsTurn) {

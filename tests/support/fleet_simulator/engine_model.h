@@ -297,7 +297,18 @@ class LinkModel {
         false);
   }
 
-  void carry(const ReadBeats &) {}
+  void carry(const ReadBeats &read) {
+    round_trip(
+        read.id, read.limit,
+        [this, id = read.id]() -> std::vector<Report> {
+          BeatsAre beats{id, {}, store_.revision()};
+          for (const auto &[key, value] : store_.live()) {
+            if (key.starts_with(kBeatFolder) || key.starts_with(kBoxFolder)) beats.beats.push_back(value);
+          }
+          return {std::move(beats)};
+        },
+        false);
+  }
 
   void deliver_soon() {
     if (!watch_ || watch_->planned || !up_ || watch_->next > store_.revision()) return;

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <map>
 #include <memory>
+#include <set>
 
 #include "fleet_simulator/checker.h"
 #include "fleet_simulator/engine_model.h"
@@ -25,9 +27,11 @@ constexpr Time kMaxAge = 1s;
 constexpr std::chrono::milliseconds kCountInterval = 600ms;
 constexpr Time kBusyUntil = 2s;  // then all heals, and the fleet has to come together
 constexpr Time kEnd = 4500ms;
+constexpr Time kEndOfKeyChange = 12s;  // of a schedule with one: others take over what somebody began
 constexpr std::array<Time, 2> kWriteWaits{300ms, 1s};
 constexpr int kClients = 2;  // of each machine
 constexpr std::array<const char *, 6> kNames{"a", "b", "c", "d", "e", "f"};
+constexpr Ticket kAdministration = 1'000'000;  // tickets from here on aren't clients'
 constexpr vault::Limits kLimits{.entries = 5, .entries_per_user = 3};
 
 std::shared_ptr<const SecretBytes> master_key() {
@@ -35,10 +39,53 @@ std::shared_ptr<const SecretBytes> master_key() {
   return key;
 }
 
-const vault::Sealer &sealer() {
-  static const vault::Sealer sealer(*master_key(), kFleet);
-  return sealer;
+std::shared_ptr<const SecretBytes> machine_key(uint64_t number) {
+  return SecretBytes::copy_of(std::vector<uint8_t>(32, static_cast<uint8_t>(number)));
 }
+
+// AllKeys knows every master key that there ever was.
+class AllKeys {
+ public:
+  AllKeys() { add(*master_key()); }
+  void add(const SecretBytes &key) { sealers_.try_emplace(vault::key_id_of(key), key, kFleet); }
+
+  std::shared_ptr<const SecretBytes> open(vault::RecordKind kind, uint64_t row, Bytes sealed) const {
+    for (const auto &[id, sealer] : sealers_) {
+      if (auto plain = sealer.open(kind, row, sealed)) return plain;
+    }
+    return nullptr;
+  }
+
+ private:
+  std::map<vault::KeyId, vault::Sealer> sealers_;
+};
+
+// KeyModel is where a machine's master keys are over its lives.
+class KeyModel final : public KeyKeeper {
+ public:
+  explicit KeyModel(AllKeys &all) : all_(all) {}
+
+  KeyPtr present = master_key(), next;
+  bool is_full = false;
+
+  bool holds(const vault::KeyId &key) const {
+    return vault::key_id_of(*present) == key || (next != nullptr && vault::key_id_of(*next) == key);
+  }
+  std::string keep_next(const SecretBytes &key, const SecretBytes &fleets) override {
+    if (is_full || vault::key_id_of(fleets) != vault::key_id_of(*present)) return "there is no room";
+    next = SecretBytes::copy_of(key.bytes());
+    all_.add(key);
+    return "";
+  }
+  std::string use(const SecretBytes &key) override {
+    present = SecretBytes::copy_of(key.bytes());
+    next.reset();
+    return "";
+  }
+
+ private:
+  AllKeys &all_;
+};
 
 EntryName entry_of(const std::string &name) {
   return {.tag = KS_NAME_TAG_SECRET, .vdc_id = 7, .name = name};
@@ -52,10 +99,16 @@ Bytes bytes_of(const std::string &text) {
 class Machine final : public Readers {
  public:
   Machine(std::string name, Events &events, StoreModel &store, Random &random,
-          std::function<void(const Commit &)> executed)
-      : link(events, store, random, std::move(executed)), name_(std::move(name)), events_(events) {}
+          std::function<void(const Commit &)> executed, AllKeys &all_keys)
+      : link(events, store, random, std::move(executed)),
+        keys(all_keys),
+        name_(std::move(name)),
+        events_(events),
+        random_(random) {}
 
   LinkModel link;
+  KeyModel keys;
+  KeyPtr own_key;
   std::unique_ptr<Core> core;  // null: the machine is down
   std::function<void(Ticket, KsResult)> answered;
   Time write_wait = 1s;
@@ -69,9 +122,16 @@ class Machine final : public Readers {
   std::set<uint64_t> accepted;  // those that it was told of in this life, or has made
   uint64_t loads = 0;
 
+  const std::string &name() const { return name_; }
+
   void start(CoreOptions options, std::optional<Core::Kept> kept) {
     options.machine = name_;
-    options.master_key = master_key();
+    // A mirror that is sealed under the next key is from behind the change.
+    const bool is_past = kept && keys.next != nullptr && kept->whole.header.key == vault::key_id_of(*keys.next);
+    options.master_key = is_past ? keys.next : keys.present;
+    options.next_key = is_past ? nullptr : keys.next;
+    options.machine_key = own_key;
+    options.keeper = &keys;
     options.max_age = std::chrono::duration_cast<std::chrono::milliseconds>(kMaxAge);
     options.count_interval = kCountInterval;
     options.write_wait = std::chrono::duration_cast<std::chrono::milliseconds>(write_wait);
@@ -92,7 +152,8 @@ class Machine final : public Readers {
       const Memory &memory = core->memory();
       kept.emplace();
       kept->whole.state = memory.state();
-      kept->whole.header = {.header = memory.header(), .hash = memory.hash(), .fleet = kFleet, .revision = 0};
+      kept->whole.header = {
+          .header = memory.header(), .hash = memory.hash(), .fleet = kFleet, .revision = 0, .key = memory.key_id()};
       const Time age = events_.now() - (*core->readable_until() - kMaxAge);
       kept->age = std::chrono::duration_cast<std::chrono::milliseconds>(age) + 1ms;
     }
@@ -134,6 +195,7 @@ class Machine final : public Readers {
       link.send(request);
     }
     for (const Answer &answer : answers) answered(answer.ticket, answer.result);
+    if (!keys_in_place() && random_.one_in(3)) keys.use(*core->memory().master_key());
     plan_tick();
   }
 
@@ -158,9 +220,11 @@ class Machine final : public Readers {
     return vault::decide_rename(name, entry_of(operation.other));
   }
 
+  bool keys_in_place() const { return core->memory().key_id() == vault::key_id_of(*keys.present); }
+
   void plan_tick() {
     const Time next = std::max(core->next_tick(), events_.now() + 1ms);
-    if (next >= kEnd * 2 || (tick_at_ > events_.now() && tick_at_ <= next && tick_life_ == life)) return;
+    if (next >= kEndOfKeyChange * 2 || (tick_at_ > events_.now() && tick_at_ <= next && tick_life_ == life)) return;
     tick_at_ = next;
     tick_life_ = life;
     events_.at(next, [this, next, now_living = life] {
@@ -176,6 +240,7 @@ class Machine final : public Readers {
 
   const std::string name_;
   Events &events_;
+  Random &random_;
   Owners owners_{{{1, "one"}, {2, "two"}}};
   std::vector<Ticket> last_decided_;
   uint64_t tick_life_ = 0;
@@ -191,8 +256,10 @@ class Simulation {
         checker_(kLimits, write_wait_, events_) {
     mutant_in_force = schedule.mutant;
     for (size_t i = 0; i < kMachines; ++i) {
-      machines_.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events_, store_,
-                                                    random_, [this](const Commit &commit) { executed(commit); }));
+      machines_.push_back(std::make_unique<Machine>(
+          std::string(1, static_cast<char>('x' + i)), events_, store_, random_,
+          [this](const Commit &commit) { executed(commit); }, all_keys_));
+      machines_[i]->own_key = machine_key(i + 1);
       machines_[i]->write_wait = write_wait_;
       machines_[i]->answered = [this, i](Ticket ticket, KsResult result) { answered(i, ticket, result); };
     }
@@ -201,7 +268,7 @@ class Simulation {
 
   Outcome run() {
     plan();
-    while (checker_.violation().empty() && events_.step(kEnd)) {
+    while (checker_.violation().empty() && events_.step(end_)) {
     }
     if (checker_.violation().empty()) look_at_the_end();
     outcome_.violation = checker_.violation();
@@ -248,10 +315,95 @@ class Simulation {
     will_tamper_ = !will_restore && random_.one_in(3);
     if (will_tamper_) events_.at(random_.between(500ms, kBusyUntil), [this] { tamper(); });
     is_calm_ = is_calm;
-    for (Time at = 150ms; at < kEnd; at += random_.between(50ms, 600ms)) {
+    if (random_.one_in(4)) plan_administration();
+    for (Time at = 150ms; at < end_; at += random_.between(50ms, 600ms)) {
       events_.at(at, [this] { read_all(); });
     }
     events_.at(kBusyUntil, [this] { heal(); });
+  }
+
+  // plan_administration has administrators change the master key, maybe several at once, and machines leave.
+  void plan_administration() {
+    end_ = kEndOfKeyChange;
+    const uint64_t changes = random_.below(3);
+    const Time first = random_.between(100ms, kBusyUntil);
+    for (uint64_t i = 0; i < changes; ++i) {
+      events_.at(random_.one_in(2) ? first : random_.between(100ms, kBusyUntil),
+                 [this, index = random_.below(kMachines)] { change_key(index); });
+    }
+    // Machines that have come in the meantime need to be given the key, too.
+    for (const Time again : {3s, 5s, 7s}) {
+      events_.at(again, [this] {
+        for (size_t i = 0; i < kMachines; ++i) {
+          if (machines_[i]->core && machines_[i]->core->key_change().change) change_key(i);
+        }
+      });
+    }
+    if (random_.one_in(3)) {
+      events_.at(random_.between(200ms, kBusyUntil),
+                 [this] { leave(random_.below(kMachines), random_.below(kMachines)); });
+    }
+    if (random_.one_in(4)) {
+      KeyModel &keys = machines_[random_.below(kMachines)]->keys;
+      keys.is_full = true;
+      events_.at(kBusyUntil, [&keys] { keys.is_full = false; });
+    }
+  }
+
+  void change_key(size_t index) {
+    Machine &machine = *machines_[index];
+    if (!machine.core) return;
+    const std::optional<Fingerprint> compared = machine.core->key_change().machines;
+    if (!compared) return;
+    note(fmt::format("{} is to change the master key", index));
+    machine.call([&] { machine.core->change_key(events_.now(), kAdministration + ++last_asked_, *compared); });
+  }
+
+  void leave(size_t index, size_t leaver) {
+    Machine &machine = *machines_[index];
+    if (!machine.core) return;
+    note(fmt::format("{} is to take out {}", index, leaver));
+    machine.call(
+        [&] { machine.core->leave(events_.now(), kAdministration + ++last_asked_, machines_[leaver]->name(), true); });
+    if (random_.one_in(2)) return;
+    // Another machine comes in its place, or it comes back as it was.
+    const bool is_another = random_.one_in(2);
+    events_.after(random_.between(100ms, 1s), [this, leaver, is_another] {
+      Machine &again = *machines_[leaver];
+      if (!is_departed(leaver) || tampered_) return;
+      again.kill(false);
+      if (is_another) {
+        again.own_key = machine_key(leaver + 10);
+        again.keys.use(*key_of_fleet());
+      }
+      start(leaver, {});
+      for (int client = 0; client < kClients; ++client) next_change(leaver, random_.between(1ms, 300ms));
+    });
+  }
+
+  WriterMark mark_of(size_t index) const {
+    return {.machine = machines_[index]->name(), .public_key = public_key_of(machines_[index]->own_key.get())};
+  }
+
+  // is_departed tells whether a machine has left, as it is now.
+  bool is_departed(size_t index) const {
+    const WriterMark mine = mark_of(index);
+    return std::ranges::any_of(header_.departed, [&](const WriterMark &mark) {
+      return mark.machine == mine.machine && mark.public_key == mine.public_key;
+    });
+  }
+
+  // is_excused tells whether a machine need not follow: it has left, or wasn't there yet when the key was changed.
+  bool is_excused(size_t index) const {
+    return is_departed(index) || (header_.mark_of(machines_[index]->name()) == nullptr && key_of_header_ != first_key_);
+  }
+
+  KeyPtr key_of_fleet() const {
+    for (const auto &machine : machines_) {
+      if (vault::key_id_of(*machine->keys.present) == key_of_header_) return machine->keys.present;
+      if (machine->keys.holds(key_of_header_)) return machine->keys.next;
+    }
+    return master_key();
   }
 
   void start(size_t index, std::optional<Core::Kept> kept) {
@@ -380,6 +532,7 @@ class Simulation {
 
   void answered(size_t index, Ticket ticket, KsResult result) {
     note(fmt::format("{} answers {}: {}", index, ticket, result));
+    if (ticket >= kAdministration) return;
     checker_.answered(ticket, result, *machines_[index]->core, machines_[index]->confirmed);
     checker_.read(*machines_[index]->core, kMaxAge, machines_[index]->version_read);
     look_at_incarnation(index);
@@ -408,14 +561,16 @@ class Simulation {
       if (snapshots_.size() > 6) snapshots_.erase(snapshots_.begin());
     }
     const std::optional<HeaderFront> front = header_front(commit.puts.front().value);
-    const auto plain = front ? sealer().open(vault::RecordKind::kFleetHeader, 0, front->sealed) : nullptr;
+    const auto plain = front ? all_keys_.open(vault::RecordKind::kFleetHeader, 0, front->sealed) : nullptr;
     const std::optional<FleetHeader> header = plain ? decode_header(plain->bytes()) : std::nullopt;
     if (!header) return checker_.fail("a header doesn't open");
     // What was under way when the store was set back may be made once more. No machine takes it for good.
     if (tampered_ && header->version <= checker_.version()) return;
+    look_at_machines(*header, front->key);
     if (header->folder != checker_.folder()) return switched(*header, commit.puts.front());
     std::vector<PlainRow> rows;
     for (size_t i = 1; i < commit.puts.size(); ++i) {
+      if (!commit.puts[i].key.starts_with(kRowFolder)) continue;
       const std::optional<PlainRow> row = opened(commit.puts[i]);
       if (!row) return checker_.fail("a row doesn't open");
       rows.push_back(*row);
@@ -432,9 +587,28 @@ class Simulation {
     checker_.fail("there is a commit of nobody's");
   }
 
-  static std::optional<PlainRow> opened(const KeyValue &stored) {
+  // look_at_machines compares a header with the one before it, as to machines and keys.
+  void look_at_machines(const FleetHeader &header, const vault::KeyId &key) {
+    for (const WriterMark &mark : header.writers) {
+      const WriterMark *departed = header_.departed_mark_of(mark.machine);
+      if (departed != nullptr && departed->public_key == mark.public_key) {
+        checker_.fail(fmt::format("{} is back, who has left", mark.machine));
+      }
+    }
+    const bool needs_next = key != key_of_header_ || (header.key_change && header.key_change->moved != 0);
+    const vault::KeyId &needed = header.key_change ? header.key_change->key_id : key;
+    for (size_t i = 0; i < kMachines && needs_next; ++i) {
+      if (header.mark_of(machines_[i]->name()) == nullptr || machines_[i]->keys.holds(needed)) continue;
+      checker_.fail(fmt::format("rows are sealed under a key that {} doesn't hold", i));
+    }
+    outcome_.key_changes += key != key_of_header_;
+    header_ = header;
+    key_of_header_ = key;
+  }
+
+  std::optional<PlainRow> opened(const KeyValue &stored) const {
     const std::optional<RowPlace> place = row_place(stored.key);
-    const auto plain = place ? sealer().open(vault::RecordKind::kFleetRow, place->id, stored.value) : nullptr;
+    const auto plain = place ? all_keys_.open(vault::RecordKind::kFleetRow, place->id, stored.value) : nullptr;
     const std::optional<DecodedRow> decoded = plain ? decode_row(place->id, plain->bytes()) : std::nullopt;
     if (!decoded) return std::nullopt;
     const vault::EntryRow &row = decoded->row;
@@ -454,7 +628,7 @@ class Simulation {
       ++outcome_.reads;
       checker_.read(*machine->core, kMaxAge, machine->version_read);
       const Standing standing = machine->core->standing(events_.now());
-      if (!tampered_ && lasts(standing) && standing != Standing::kRestored) {
+      if (!tampered_ && !is_excused(i) && lasts(standing) && standing != Standing::kRestored) {
         checker_.fail(fmt::format("a machine found tampering where there was none: {}", machine->core->why()));
       }
     }
@@ -567,7 +741,8 @@ class Simulation {
         std::vector<KeyValue> others;
         for (const auto &machine : machines_) {
           for (const KeyValue &value : machine->written) {
-            if (live.contains(value.key) && opened(live.at(value.key)) != opened(value)) others.push_back(value);
+            if (row_place(value.key) && live.contains(value.key) && opened(live.at(value.key)) != opened(value))
+              others.push_back(value);
           }
         }
         if (others.empty()) return;
@@ -625,7 +800,7 @@ class Simulation {
   void look_for_finding(size_t index) {
     // Its watch may have left out just the delete that was the tampering. The next load would find it.
     if (machines_[index]->link.lost_deletes != 0) return;
-    if (healed_ || machines_[index]->core->standing(events_.now()) == Standing::kTampered) return;
+    if (healed_ || is_excused(index) || lasts(machines_[index]->core->standing(events_.now()))) return;
     checker_.fail(fmt::format("{} noticed no tampering", index));
   }
 
@@ -640,6 +815,11 @@ class Simulation {
         continue;
       }
       if (is_just_restored) continue;
+      if (is_departed(i) && !core->readable(events_.now())) continue;
+      if (is_excused(i) && lasts(core->standing(events_.now()))) continue;
+      if (core->key_change().change) {
+        checker_.fail(fmt::format("the change of the key isn't over: {} waits", i));
+      }
       if (core->standing(events_.now()) == Standing::kLoading || !core->readable(events_.now())) {
         checker_.fail(fmt::format("{} doesn't come back", i));
       } else if (core->memory().header().version != checker_.version()) {
@@ -661,11 +841,17 @@ class Simulation {
   const Time write_wait_;
   StoreModel store_;
   Checker checker_;
+  AllKeys all_keys_;
   std::vector<std::unique_ptr<Machine>> machines_;
   std::vector<StoreModel> snapshots_;
   std::map<uint64_t, std::pair<size_t, PlainTable>> backups_;  // that are restored, by folder; and by whom
   bool is_calm_ = false, will_tamper_ = false, tampered_ = false, healed_ = false;
   std::optional<Time> restored_at_;
+  Time end_ = kEnd;
+  Ticket last_asked_ = 0;
+  FleetHeader header_;  // the last one
+  const vault::KeyId first_key_ = vault::key_id_of(*master_key());
+  vault::KeyId key_of_header_ = first_key_;
   uint64_t trace_ = 0xcbf29ce484222325;
   Outcome outcome_;
 };
@@ -682,6 +868,7 @@ void Outcome::add(const Outcome &other) {
   tampered += other.tampered;
   restored += other.restored;
   restores += other.restores;
+  key_changes += other.key_changes;
   if (violation.empty()) violation = other.violation;
 }
 
@@ -697,6 +884,7 @@ Shares contend(uint64_t seed, Mutant mutant) {
   Random random(seed);
   Events events;
   StoreModel store;
+  AllKeys all_keys;
   std::vector<std::unique_ptr<Machine>> machines;
   std::array<uint64_t, kMachines> made{};
   std::map<Ticket, Time> asked;  // by the machine and the client, which has one change at a time
@@ -709,10 +897,12 @@ Shares contend(uint64_t seed, Mutant mutant) {
     machines[ticket % kMachines]->change(ticket, operation);
   };
   for (size_t i = 0; i < kMachines; ++i) {
-    machines.push_back(std::make_unique<Machine>(std::string(1, static_cast<char>('x' + i)), events, store, random,
-                                                 [&](const Commit &) {
-                                                   for (auto &one : machines) one->link.store_changed();
-                                                 }));
+    machines.push_back(std::make_unique<Machine>(
+        std::string(1, static_cast<char>('x' + i)), events, store, random,
+        [&](const Commit &) {
+          for (auto &one : machines) one->link.store_changed();
+        },
+        all_keys));
     Machine &machine = *machines.back();
     machine.link.weather = i == 0 ? kFar : kNear;
     machine.answered = [&, i](Ticket ticket, KsResult result) {

@@ -34,6 +34,7 @@ struct Outcome {
   uint64_t tampered = 0;      // schedules with tampering, which was found
   uint64_t restored = 0;      // how often a backup took the place of all that there was
   uint64_t restores = 0;      // of so many that began
+  uint64_t key_changes = 0;   // that came to their end
 
   void add(const Outcome &other);
 };

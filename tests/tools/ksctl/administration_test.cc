@@ -22,7 +22,7 @@ using ks_test::with_administrator;
 using testing::ElementsAre;
 
 const Datagram kRpcError{26, 0, 0, 0};
-const std::set<uint32_t> kMessages{2, 3, 4, 5, 6, 7, 8, 9, 16, 17, 18, 19, 20, 25, 26, 27, 28, 29};
+const std::set<uint32_t> kMessages{2, 3, 4, 5, 6, 7, 8, 9, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29};
 constexpr uint32_t kFirstOfTheCatalogue = 66561;
 constexpr uint32_t kChannel = 64;  // which everybody may ask for
 
