@@ -51,9 +51,9 @@ void Administration::fleet_machines(const Asked &asked) {
 }
 
 void Administration::leave_fleet(const Asked &asked) {
-  if (fleet_ == nullptr) return asked.reply.result(KS_NOT_FOUND);
   const std::optional<HostLeaveRequest> request = asked.request.descriptor<HostLeaveRequest>();
   if (!request || asked.request.message.size() != sizeof *request) return asked.reply.result(KS_INVALID_ARGS);
+  if (fleet_ == nullptr) return asked.reply.result(KS_NOT_FOUND);
   const std::string machine = text_of(request->machine);
   spdlog::info("user {} asks that {} leave the fleet", asked.request.caller.uid,
                machine.empty() ? "this machine" : machine);
@@ -61,9 +61,9 @@ void Administration::leave_fleet(const Asked &asked) {
 }
 
 void Administration::change_fleet_key(const Asked &asked) {
-  if (fleet_ == nullptr) return asked.reply.result(KS_NOT_FOUND);
   fleet::Fingerprint compared;
   if (asked.request.message.size() != compared.size()) return asked.reply.result(KS_INVALID_ARGS);
+  if (fleet_ == nullptr) return asked.reply.result(KS_NOT_FOUND);
   std::ranges::copy(asked.request.message, compared.begin());
   spdlog::info("user {} asks for another master key of the fleet", asked.request.caller.uid);
   asked.reply.record(to_reply(fleet_->begin_key_change(compared)));
