@@ -118,10 +118,15 @@ bool Core::accepts(const FleetHeader &restored) const {
 
 void Core::restore(Time now, Restore::Wanted wanted) {
   now_ = now;
-  restore_.emplace(std::move(wanted), Restore::As{.writer = next_mark(), .master_key = memory_.master_key()}, memory_,
-                   owners_, [this](Request request) { return send(std::move(request)); });
+  restore_.emplace(now, std::move(wanted), Restore::As{.writer = next_mark(), .master_key = memory_.master_key()},
+                   memory_, owners_, [this](Request request) { return send(std::move(request)); });
   follows_restore_ = false;
-  restore_->begin(now);
+  try {
+    restore_->tick(now);
+  } catch (const std::bad_alloc &) {
+    restore_.reset();
+    throw;
+  }
 }
 
 void Core::give_up_restore() {
@@ -423,15 +428,20 @@ void Core::take_report(const WatchBroken &report) {
 }
 
 void Core::take_report(const EngineGone &) {
+  forget_requests();
+  if (!attempt_ || !attempt_->under_way) return;
+  attempt_->under_way = false;
+  fail_attempt(attempt_->writes ? Failure::kUnknown : Failure::kNotSent);
+}
+
+// forget_requests takes no report on what was asked for so far, but on changes.
+void Core::forget_requests() noexcept {
   reads_.clear();
   if (load_id_ != 0) load_again_at(now_ + kRetryPause);
   if (count_id_ != 0) count_again_soon();
   if (make_id_ != 0) make_id_ = 0;
   watch_id_ = 0;
   watch_at_ = now_ + kRetryPause;
-  if (!attempt_ || !attempt_->under_way) return;
-  attempt_->under_way = false;
-  fail_attempt(attempt_->writes ? Failure::kUnknown : Failure::kNotSent);
 }
 
 // note_header takes a header that was there at an instant after `read.sent`.
@@ -660,11 +670,7 @@ void Core::attempt_more() {
   Attempt &attempt = attempt_.emplace();
   attempt.incarnation = memory_.header().incarnation;
   attempt.version = memory_.header().version;
-  try {
-    decide(attempt);
-  } catch (const std::bad_alloc &) {
-    return refuse_attempt(KS_NO_MEMORY);
-  }
+  decide(attempt);
   if (attempt_) send_attempt();
 }
 
@@ -769,6 +775,20 @@ void Core::decide_again() {
     if (!one->answered && one->change.ticket != kNobody) queue_.push_front(std::move(one->change));
   }
   attempt_.reset();
+}
+
+bool Core::may_have_happened(Ticket ticket) const noexcept {
+  return attempt_ && attempt_->writes && !attempt_->sent.empty() &&
+         std::ranges::any_of(attempt_->changes, [&](const Decided &one) { return one.change.ticket == ticket; });
+}
+
+// What of them was sent may still happen: the next attempt is decided at the header of before, and comes to nothing
+// then.
+void Core::break_off() noexcept {
+  requests_.clear();
+  queue_.clear();
+  attempt_.reset();
+  forget_requests();
 }
 
 // pauses tells whether another machine is let in first. One that waits itself doesn't pause.

@@ -145,11 +145,17 @@ class Core {
   void accept(Time now, uint64_t incarnation);
 
   // restore puts other entries in the place of all that there are, whatever this machine thinks of the store. One at a
-  // time; restoring is the last one.
+  // time; restoring is the last one. Throws std::bad_alloc, and then there is none.
   void restore(Time now, Restore::Wanted wanted);
   void give_up_restore();
   const Restore *restoring() const { return restore_ ? &*restore_ : nullptr; }
   void use_limits(const vault::Limits &limits) { options_.limits = limits; }
+
+  // When one of these was cut short, for lack of memory, nobody knows what was lost in it. break_off forgets all that
+  // is under way, the changes that wait included, unanswered; may_have_happened tells beforehand whether the store may
+  // have been asked for one.
+  bool may_have_happened(Ticket ticket) const noexcept;
+  void break_off() noexcept;
 
   // What is to be done: requests for the engine, answers for clients, and a tick no later than next_tick.
   std::vector<Request> take_requests() { return std::exchange(requests_, {}); }
@@ -247,6 +253,7 @@ class Core {
 
   RequestId send(Request request);
   void send_header_read();
+  void forget_requests() noexcept;
   void send_beat(bool waits);
   void load();
   void load_again_at(Time when);

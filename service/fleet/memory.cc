@@ -363,7 +363,7 @@ std::optional<Memory::Whole> Memory::Loading::finish(const OpenedHeader &header)
 void Memory::take(Whole &whole) noexcept {
   std::swap(state_, whole.state);  // what was there is let go by the caller, when readers no longer wait
   use_keys_of(whole.header);
-  header_ = whole.header.header;
+  header_ = std::move(whole.header.header);
   hash_ = whole.header.hash;
   revision_ = whole.header.revision;
   filled_ = true;

@@ -25,25 +25,24 @@ std::optional<FleetHeader> opened(const std::optional<KeyValue> &header, const v
 
 }  // namespace
 
-Restore::Restore(Wanted wanted, As as, const Memory &memory, Owners &owners, std::function<RequestId(Request)> send)
+Restore::Restore(Time now, Wanted wanted, As as, const Memory &memory, Owners &owners,
+                 std::function<RequestId(Request)> send)
     : wanted_(std::move(wanted)),
       as_(std::move(as)),
       key_id_(vault::key_id_of(*as_.master_key)),
       memory_(memory),
       owners_(owners),
-      send_(std::move(send)) {
-  if (memory_.fleet()) wanted_.fleet = *memory_.fleet();
+      send_(std::move(send)),
+      sealer_(*as_.master_key, memory.fleet().value_or(wanted_.fleet)),
+      now_(now),
+      again_at_(now),
+      succeeded_at_(now) {
+  wanted_.fleet = sealer_.vault_id();
   progress_.folder = wanted_.folder;
   progress_.all = wanted_.rows.size();
   table_.last_id = wanted_.last_id;
   table_.last_version = wanted_.last_version;
   table_.entry_count = wanted_.rows.size();
-}
-
-void Restore::begin(Time now) {
-  now_ = succeeded_at_ = now;
-  sealer_.emplace(*as_.master_key, wanted_.fleet);
-  go_on();
 }
 
 void Restore::tick(Time now) {
@@ -87,7 +86,7 @@ Commit Restore::change() const {
 std::vector<uint8_t> Restore::claim() const {
   std::vector<uint8_t> plain(wanted_.fleet.begin(), wanted_.fleet.end());
   plain.insert(plain.end(), as_.writer.machine.begin(), as_.writer.machine.end());
-  return sealer_->seal(RecordKind::kFleetRestore, wanted_.folder, plain);
+  return sealer_.seal(RecordKind::kFleetRestore, wanted_.folder, plain);
 }
 
 // go_on asks for the next step, or once more for the one that came to nothing.
@@ -134,7 +133,7 @@ void Restore::go_on() {
           header.table = table_;
           header.writers = {as_.writer};
           header.departed = departed_;
-          header_ = seal_header(header, key_id_, *sealer_);
+          header_ = seal_header(header, key_id_, sealer_);
         }
         Commit switches = change();
         switches.header_revision = header_revision_;
@@ -160,12 +159,13 @@ void Restore::take_next_rows() {
     const vault::EntryRow &row = *wanted_.rows[next_row_];
     const std::shared_ptr<const SecretBytes> plain = encode_row(row, owners_.name_of(row.owner));
     KeyValue stored{.key = row_key({.folder = wanted_.folder, .id = row.id}),
-                    .value = sealer_->seal(RecordKind::kFleetRow, row.id, plain->bytes()),
+                    .value = sealer_.seal(RecordKind::kFleetRow, row.id, plain->bytes()),
                     .mod_revision = 0};
     bytes += stored.key.size() + stored.value.size();
     if (!rows_.empty() && bytes > kMostBytesPerCommit) break;
-    table_.add(sealer_->content_mark(row.id, plain->bytes()));
+    const vault::Digest mark = sealer_.content_mark(row.id, plain->bytes());
     rows_.push_back(std::move(stored));
+    table_.add(mark);  // behind all that there may be no memory for: what breaks off is done again
     ++next_row_;
   }
 }
@@ -205,7 +205,7 @@ bool Restore::take(Time now, const Report &report) {
 
 void Restore::take_change(bool happened, const std::optional<KeyValue> &header) {
   if (!happened && step_ == Step::kSwitch) {
-    const std::optional<FleetHeader> found = opened(header, *sealer_);
+    const std::optional<FleetHeader> found = opened(header, sealer_);
     if (found && made(*found)) {
       claim_ = header->mod_revision;
       return switched();
@@ -284,10 +284,10 @@ void Restore::look_at(const std::optional<KeyValue> &header) {
     const vault::Sealer found(*as_.master_key, front->fleet);
     if (opened(header, found)) {
       wanted_.fleet = front->fleet;
-      sealer_.emplace(found);
+      sealer_ = found;
     }
   }
-  const std::optional<FleetHeader> present = opened(header, *sealer_);
+  const std::optional<FleetHeader> present = opened(header, sealer_);
   header_revision_ = header ? header->mod_revision : 0;
   version_ = progress_.incarnation = 1;
   const auto come_after = [this](const FleetHeader &one) {

@@ -57,10 +57,9 @@ class Restore {
     std::string why = {};
   };
 
-  // `memory` is what the machine knows of its fleet; `send` hands a request over and gives it an id.
-  Restore(Wanted wanted, As as, const Memory &memory, Owners &owners, std::function<RequestId(Request)> send);
-
-  void begin(Time now);
+  // `memory` is what the machine knows of its fleet; `send` hands a request over and gives it an id. It begins with the
+  // next tick.
+  Restore(Time now, Wanted wanted, As as, const Memory &memory, Owners &owners, std::function<RequestId(Request)> send);
 
   // take gives whether the report was about a request of the restore.
   bool take(Time now, const Report &report);
@@ -104,12 +103,12 @@ class Restore {
   const Memory &memory_;
   Owners &owners_;
   const std::function<RequestId(Request)> send_;
-  std::vector<WriterMark> departed_;     // who has left the fleet
-  std::optional<vault::Sealer> sealer_;  // once the fleet is known
+  std::vector<WriterMark> departed_;  // who has left the fleet
+  vault::Sealer sealer_;
 
   Step step_ = Step::kClaim;
   Progress progress_;
-  Time now_{}, again_at_{}, sent_at_{}, succeeded_at_{};
+  Time now_, again_at_, sent_at_{}, succeeded_at_;
   RequestId under_way_ = 0;  // 0: nothing
 
   Revision claim_ = 0;               // at which "r" was put

@@ -245,17 +245,18 @@ KsResult SharedVault::rename(const EntryName &from, const EntryName &to) {
 }
 
 Told SharedVault::ask(std::function<bool(Ticket ticket)> begin) {
-  Asked asked{std::move(begin), {}};
+  Asked asked{.begin = std::move(begin), .answer = {}};
   ask({&asked, 1});
   return asked.answer.get_future().get();
 }
 
 SharedVault::Asked SharedVault::asked_of(vault::Decide decide) {
-  return {[this, decide = std::move(decide)](Ticket ticket) {
-            core_.change(clock_now(), ticket, decide);
-            return true;
-          },
-          {}};
+  return {.begin =
+              [this, decide = std::move(decide)](Ticket ticket) {
+                core_.change(clock_now(), ticket, decide);
+                return true;
+              },
+          .answer = {}};
 }
 
 KsResult SharedVault::change(vault::Decide decide) {
@@ -267,6 +268,7 @@ KsResult SharedVault::change(vault::Decide decide) {
 void SharedVault::ask(std::span<Asked> asked) {
   {
     const std::lock_guard lock(inbox_mutex_);
+    inbox_.reserve(inbox_.size() + asked.size());  // all of them or none
     for (Asked &one : asked) inbox_.push_back(&one);
   }
   wake();
@@ -326,21 +328,24 @@ Told SharedVault::begin_key_change(const Fingerprint &compared) {
   });
 }
 
-std::vector<MachineSeen> SharedVault::machines() {
-  std::vector<MachineSeen> machines;
-  ask([&](Ticket) {
-    machines = core_.machines(clock_now());
+// look has the thread look at what it alone may. Throws std::bad_alloc.
+void SharedVault::look(std::function<void()> look) {
+  const Told told = ask([look = std::move(look)](Ticket) {
+    look();
     return false;
   });
+  if (told.result != KS_SUCCESS) throw std::bad_alloc();
+}
+
+std::vector<MachineSeen> SharedVault::machines() {
+  std::vector<MachineSeen> machines;
+  look([&] { machines = core_.machines(clock_now()); });
   return machines;
 }
 
 KeyChangeSeen SharedVault::fleet_key_change() {
   KeyChangeSeen seen;
-  ask([&](Ticket) {
-    seen = core_.key_change();
-    return false;
-  });
+  look([&] { seen = core_.key_change(); });
   return seen;
 }
 
@@ -501,9 +506,11 @@ void SharedVault::work() noexcept {
   for (;;) {
     try {
       if (!step()) return;
-    } catch (const std::bad_alloc &) {  // what was lost of it, the next load brings
+    } catch (const std::bad_alloc &) {
+      break_off(KS_NO_MEMORY);
       spdlog::warn("{}: there is no memory to follow the fleet; it is tried again", path_);
     } catch (const std::exception &error) {
+      break_off(KS_FAILURE);
       spdlog::warn("{}: {}; it is tried again", path_, error.what());
     }
     wait(core_.next_tick());
@@ -512,7 +519,6 @@ void SharedVault::work() noexcept {
 
 // step does all that there is to do; false when it was the last.
 bool SharedVault::step() {
-  std::vector<Asked *> asked;
   std::optional<vault::Limits> limits;
   uint64_t incarnation = 0;
   std::optional<Restore::Wanted> restore;
@@ -520,19 +526,24 @@ bool SharedVault::step() {
   bool closing = false;
   {
     const std::lock_guard lock(inbox_mutex_);
-    asked.swap(inbox_);
+    beginning_.swap(inbox_);
     limits = std::exchange(new_limits_, std::nullopt);
     incarnation = std::exchange(accepted_incarnation_, 0);
     restore.swap(wanted_restore_);
-    given_up = std::exchange(restore_given_up_, false);
+    given_up = restore_given_up_;
     closing = closing_;
   }
   if (limits) core_.use_limits(*limits);
+  if (given_up) {
+    core_.give_up_restore();
+    const std::lock_guard lock(inbox_mutex_);
+    restore_given_up_ = false;
+  }
+  if (restore) begin_restore_now(std::move(*restore));
   if (incarnation != 0) core_.accept(clock_now(), incarnation);
-  if (given_up) core_.give_up_restore();
-  if (restore) core_.restore(clock_now(), std::move(*restore));
-  for (Asked *one : asked) {
-    asked_[++last_ticket_] = one;
+  for (Asked *&beginning : beginning_) {
+    asked_[++last_ticket_] = beginning;
+    Asked *const one = std::exchange(beginning, nullptr);
     if (one->begin(last_ticket_)) {
       flush();
     } else {
@@ -540,6 +551,7 @@ bool SharedVault::step() {
       one->answer.set_value({KS_SUCCESS});
     }
   }
+  beginning_.clear();
   reports_.clear();
   engine_->receive(reports_);
   bool has_loaded = false;
@@ -557,6 +569,19 @@ bool SharedVault::step() {
   return !closing || !asked_.empty();
 }
 
+void SharedVault::begin_restore_now(Restore::Wanted wanted) {
+  try {
+    core_.restore(clock_now(), std::move(wanted));
+  } catch (const std::bad_alloc &) {  // who waits for it is told
+    const std::lock_guard lock(status_mutex_);
+    restore_progress_.state = Restore::Progress::State::kStopped;
+    restore_progress_.result = KS_NO_MEMORY;
+    restore_progress_.why = "out of memory";
+    restore_goes_on_.notify_all();
+    throw;
+  }
+}
+
 // flush carries out what the core wants done. Readers may see what is new before anybody is told of it.
 void SharedVault::flush() {
   const std::optional<Time> until = core_.readable_until();
@@ -567,13 +592,33 @@ void SharedVault::flush() {
   tell_status();
   tell_restore();
   for (const std::string &news : core_.take_news()) spdlog::info("{}: {}", path_, news);
-  for (const Answer &answer : core_.take_answers()) {
+  hand_out_answers();
+}
+
+void SharedVault::hand_out_answers() noexcept {
+  for (Answer &answer : core_.take_answers()) {
     const auto found = asked_.find(answer.ticket);
     if (found == asked_.end()) continue;
     Asked *asked = found->second;
     asked_.erase(found);
-    asked->answer.set_value({answer.result, answer.words});
+    asked->answer.set_value({answer.result, std::move(answer.words)});
   }
+}
+
+// break_off has nothing be half done when a step was cut short: who was lost in it would wait for ever, and rows that
+// were lost in it would be missed in the store.
+void SharedVault::break_off(KsResult why) noexcept {
+  hand_out_answers();
+  for (const auto &[ticket, asked] : asked_) {
+    asked->given_up = core_.may_have_happened(ticket) ? KS_TIMEOUT : why;
+  }
+  core_.break_off();  // changes are decided on the stacks of those who wait
+  for (const auto &[ticket, asked] : asked_) asked->answer.set_value({asked->given_up});
+  asked_.clear();
+  for (Asked *one : beginning_) {
+    if (one != nullptr) one->answer.set_value({why});
+  }
+  beginning_.clear();
 }
 
 void SharedVault::note_trouble(const Report &report) {

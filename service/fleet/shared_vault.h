@@ -141,6 +141,7 @@ class SharedVault final : public vault::Vault, private Readers {
   struct Asked {
     std::function<bool(Ticket ticket)> begin;
     std::promise<Told> answer;
+    KsResult given_up = KS_FAILURE;
   };
 
   void lock() override;
@@ -151,13 +152,17 @@ class SharedVault final : public vault::Vault, private Readers {
   Asked asked_of(vault::Decide decide);
   KsResult change(vault::Decide decide);
   void ask(std::span<Asked> asked);
+  void look(std::function<void()> look);
   void put_key_in_place();
   void require_young() const;
   vault::Limits current_limits() const;
   void work() noexcept;
   void begin();
   bool step();
+  void begin_restore_now(Restore::Wanted wanted);
   void flush();
+  void hand_out_answers() noexcept;
+  void break_off(KsResult why) noexcept;
   void note_trouble(const Report &report);
   void tell_status();
   void tell_restore();
@@ -177,6 +182,7 @@ class SharedVault final : public vault::Vault, private Readers {
   std::mutex retired_mutex_;  // the thread runs already when it is set
   std::function<void(uint64_t)> retired_;
   std::vector<Report> reports_;
+  std::vector<Asked *> beginning_;  // in the inbox until this step; null: begun
   std::map<Ticket, Asked *> asked_;
   Ticket last_ticket_ = 0;
   vault::UseWatch use_watch_;

@@ -9,47 +9,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <new>
 
+#include "failing_memory/failing_memory.h"
 #include "server/server.h"
-
-namespace {
-
-// The allocations until one fails, counted over all threads; below 0 none does.
-std::atomic<int> until_failure{-1};
-std::atomic<bool> has_failed{false};
-
-void *allocate(size_t size) {
-  if (until_failure.load(std::memory_order_relaxed) >= 0 && until_failure.fetch_sub(1) == 0) {
-    has_failed = true;
-    throw std::bad_alloc();
-  }
-  void *memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-
-}  // namespace
-
-void *operator new(size_t size) {
-  return allocate(size);
-}
-void *operator new[](size_t size) {
-  return allocate(size);
-}
-void operator delete(void *memory) noexcept {
-  std::free(memory);
-}
-void operator delete[](void *memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void *memory, size_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void *memory, size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -119,18 +82,18 @@ bool try_with_failure(handlers::Service &service, const server::CurrentConfig &c
   UniqueFd theirs(ends[0]);
   const UniqueFd ours(ends[1]);
   send_all(ours.get());
-  has_failed = false;
+  bool has_failed = false;
   std::vector<int> answers;
   {
     server::Server server(service, current);
-    until_failure = nth;
+    failing_memory::arm(nth, 1);
     server.admit(std::move(theirs));
     while (const auto wait = server.start_next()) {
       if (wait->count() != 0) break;
     }
     shutdown(ours.get(), SHUT_WR);
     server.finish();  // returns: every place has come back
-    until_failure = -1;
+    has_failed = failing_memory::disarm();
     answers = answers_of(ours.get());
   }
   if (answers.front() != -1) {

@@ -4,42 +4,18 @@
 // Allocations of whoever writes that fail: whoever waits is answered, and the service goes on.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <future>
 #include <new>
-#include <thread>
 
+#include "failing_memory/failing_memory.h"
 #include "vault_files/vault_files.h"
-
-namespace {
-
-// While armed, allocations that aren't marked as a test's fail from the `first`th on, `count` of them.
-std::atomic<bool> armed{false};
-std::atomic<long> until_failure{0}, failures_left{0};
-thread_local bool is_of_test = false;
-
-bool is_to_fail() {
-  if (!armed || is_of_test) return false;
-  return --until_failure < 0 && failures_left-- > 0;
-}
-
-}  // namespace
-
-void *operator new(size_t size) {
-  void *memory = is_to_fail() ? nullptr : std::malloc(size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void operator delete(void *memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void *memory, size_t) noexcept {
-  std::free(memory);
-}
 
 namespace ksd::vault {
 namespace {
+
+using failing_memory::arm;
+using failing_memory::disarm;
+using failing_memory::is_of_test;
 
 class NoMemory : public testing::Test {
  protected:
@@ -48,19 +24,7 @@ class NoMemory : public testing::Test {
     disk.skip_syncs();
     vault = folder.open();
   }
-  ~NoMemory() override { armed = false; }
-
-  void arm(long first, long count) {
-    until_failure = first;
-    failures_left = count;
-    armed = true;
-  }
-
-  // disarm tells whether an allocation failed.
-  bool disarm() {
-    armed = false;
-    return until_failure < 0;
-  }
+  ~NoMemory() override { disarm(); }
 
   // A change, all of whose memory is the vault's, as on a thread of the service.
   template <typename Change>
