@@ -87,9 +87,9 @@ std::string words_for(Standing standing, const std::string &why, const Connectio
       return "as many machines as the fleet can have made changes before this one; take one out";
     case Standing::kTampered:
       return fmt::format(
-          "the store isn't as the fleet's machines left it: {}. Nothing is changed any more, and reads end when they "
-          "are too old; find out who changed the store, bring it back and restart the service, or restore a backup "
-          "by `ksctl fleet restore`",
+          "the store isn't as the fleet left it: {}. No changes are taken, and no reads once they are too old; find "
+          "out "
+          "who changed it, bring it back and restart the service, or use `ksctl fleet restore`",
           why);
     case Standing::kRestored:
       return fmt::format(
@@ -645,8 +645,9 @@ void SharedVault::tell_status() {
         words_for(standing, core_.why(), {has_engine_, trouble_}, core_.memory().fleet().has_value());
     if (was_readable_ && !readable) {
       begin_epoch();  // a key that a thread remembers is too old as well
-      if (standing != Standing::kOut)
+      if (standing != Standing::kOut) {
         tell(event::kEntriesTooOld, "{}: what is in memory is too old to be read: {}", path_, words);
+      }
     } else if (!was_readable_ && readable) {
       spdlog::info("{}: {} entries as of change {}", path_, core_.memory().state().table.size(),
                    core_.memory().header().version);
