@@ -508,8 +508,9 @@ void Core::show(Memory::Step step) {
   std::vector<uint64_t> gone;
   for (const auto &[id, change] : step.changes) {
     if (!change.before) continue;
-    if (!change.after || change.after->generation != change.before->generation)
+    if (!change.after || change.after->generation != change.before->generation) {
       gone.push_back(change.before->generation);
+    }
   }
   const vault::RowChanges changes = step.changes;
   note_news(step.header);
@@ -662,9 +663,10 @@ void Core::attempt_more() {
   if (known_version_ > memory_.header().version || pauses()) return;
   if (queue_.empty() || !was_errand_) {  // else clients have their turn
     std::optional<Errand> errand = own_errand();
-    if (errand)
+    if (errand) {
       queue_.push_front(
           {.ticket = kNobody, .decide = {}, .deadline = now_ + options_.write_wait, .errand = std::move(errand)});
+    }
   }
   if (queue_.empty()) return;
   Attempt &attempt = attempt_.emplace();

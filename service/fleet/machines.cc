@@ -22,6 +22,13 @@ std::string seconds(Time time) {
   return fmt::format("{} s", time / std::chrono::seconds(1));
 }
 
+// machine_of_beat gives the machine whose heartbeat stands under a key, or nothing.
+std::optional<std::string> machine_of_beat(std::string_view key) {
+  constexpr std::string_view kFolder = kBeatFolder;
+  if (!key.starts_with(kFolder)) return std::nullopt;
+  return std::string(key.substr(kFolder.size()));
+}
+
 }  // namespace
 
 // ---- What administrators ask for ----
@@ -95,9 +102,7 @@ void Core::take_report(const BeatsAre &report) {
 
 // heed_machine takes what is stored of a machine. It is news when it was stored while this one listens.
 void Core::heed_machine(const KeyValue &put, Revision revision, bool is_news) {
-  if (put.key.starts_with(kBeatFolder)) {
-    heed_heartbeat(put.key.substr(std::char_traits<char>::length(kBeatFolder)), put, revision, is_news);
-  }
+  if (const auto machine = machine_of_beat(put.key)) heed_heartbeat(*machine, put, revision, is_news);
   if (put.key != kBoxFolder + options_.machine || revision <= box_revision_) return;
   box_ = put.value;
   box_revision_ = revision;
@@ -105,7 +110,7 @@ void Core::heed_machine(const KeyValue &put, Revision revision, bool is_news) {
 }
 
 void Core::forget_machine(const std::string &key, Revision revision) {
-  if (key.starts_with(kBeatFolder)) heard_.erase(key.substr(std::char_traits<char>::length(kBeatFolder)));
+  if (const auto machine = machine_of_beat(key)) heard_.erase(*machine);
   if (key != kBoxFolder + options_.machine) return;
   box_.reset();
   box_revision_ = revision;

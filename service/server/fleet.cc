@@ -119,8 +119,7 @@ std::unique_ptr<fleet::SharedVault> open_shared_vault(const config::Shared &shar
   if (shared_options.belonging.empty() && shared.create) {
     throw std::runtime_error(
         "[shared] create = true: there is no place to remember the fleet that is made; name a mirror, or keep the "
-        "master "
-        "key in a file");
+        "master key in a file");
   }
   if (!shared_options.belonging.empty()) {
     if (const auto why = why_others_may_replace(shared_options.belonging)) {

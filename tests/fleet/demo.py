@@ -50,10 +50,7 @@ def main():
     print(f"  machine {each.number}: {network.address(each.number)}")
 
   title("The first makes the fleet; the others get its master key, sealed for each of them alone")
-  one.start()
-  for other in (two, three):
-    machine.join(other, to=one)
-    other.start()
+  machine.start_fleet(machines)
   print(f"  all of them serve fleet {three.status()['fleet']}")
 
   title("What is stored on one is found on all, in one order")

@@ -60,11 +60,7 @@ changes_per_user = 512
     self.machines = [
         machine.Machine(network, self.etcd, n, f"max_age_s = {MAX_AGE}\n" + ("create = true" if n == 1 else ""),
                         self.folder, sections, program) for n in (1, 2, 3)]
-    first, *others = self.machines
-    self.start(first)
-    for other in others:
-      machine.join(other, to=first)
-      self.start(other)
+    machine.start_fleet(self.machines, self.start)
     self.frozen = []  # processes
     self.routine = time.monotonic()
     self.witness = self.start_witness(seed)

@@ -76,11 +76,7 @@ class Fleet:
     self.etcd = cluster.Cluster(self.network, folder=folder, tls=tls)
     self.machines = [machine.Machine(self.network, self.etcd, n, "create = true" if n == 1 else "", sections=LIMITS)
                      for n in (1, 2, 3)]
-    first, *others = self.machines
-    first.start()
-    for other in others:
-      machine.join(other, to=first)
-      other.start()
+    machine.start_fleet(self.machines)
     self.programs = [Programs(each) for each in self.machines]
     self.content = 0
 

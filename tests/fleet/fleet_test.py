@@ -54,11 +54,7 @@ class Fleet(unittest.TestCase):
     named = '[shared.owners]\nradius = "root"'
     cls.machines = [Machine(cls.network, cls.etcd, 1, "create = true\n" + named),
                     Machine(cls.network, cls.etcd, 2, named), Machine(cls.network, cls.etcd, 3)]
-    first, *others = cls.machines
-    first.start()
-    for other in others:
-      machine.join(other, to=first)
-      other.start()
+    machine.start_fleet(cls.machines)
 
   @classmethod
   def tearDownClass(cls):
@@ -360,10 +356,10 @@ class Fleet(unittest.TestCase):
     self.assertEqual(self.two.status()["incarnation"], incarnation)
 
 
-class Members(unittest.TestCase):
-  """Machines that leave, and another master key; each test has a fleet of its own."""
+class OwnFleet(unittest.TestCase):
+  """Each test has a fleet of its own, over etcd of its own, which it spoils."""
 
-  def setUp(self):
+  def make_fleet(self, numbers, names):
     self.network = NETWORK
     self.addCleanup(self.network.heal)
     folder = f"{own_world.FOLDER}/{self.id().rsplit('.', 1)[1]}"
@@ -372,16 +368,22 @@ class Members(unittest.TestCase):
     cluster.make_certificates(tls, self.network)
     self.etcd = cluster.Cluster(self.network, folder=folder, tls=tls)
     self.addCleanup(self.etcd.stop)
-    self.machines = [Machine(self.network, self.etcd, i, "create = true" if i == 1 else "", folder) for i in (1, 2, 3)]
-    self.one, self.two, self.three = self.machines
-    self.one.start()
+    self.machines = [Machine(self.network, self.etcd, i, "create = true" if i == 1 else "", folder) for i in numbers]
     for each in self.machines:
       self.addCleanup(lambda each=each: each.process and each.kill())
-      if each is not self.one:
-        machine.join(each, to=self.one)
-        each.start()
-    self.assertEqual(self.one.put("a"), 0)
-    self.three.wait_for(["a"])
+    machine.start_fleet(self.machines)
+    for name in names:
+      self.assertEqual(self.machines[0].put(name), 0)
+    for each in self.machines:
+      each.wait_for(names)
+
+
+class Members(OwnFleet):
+  """Machines that leave, and another master key."""
+
+  def setUp(self):
+    self.make_fleet((1, 2, 3), ["a"])
+    self.one, self.two, self.three = self.machines
     for each in self.machines:
       cluster.wait_until(lambda each=each: set(self.listed(each)) == {"m1", "m2", "m3"}, 10, "all machines")
 
@@ -389,12 +391,7 @@ class Members(unittest.TestCase):
     done = each.ctl(*words, "--json")
     self.assertEqual(done.returncode, 0, done.stderr)
     document = json.loads(done.stdout)
-    try:
-      import jsonschema
-    except ImportError:
-      return document
-    with open(f"tools/ksctl/schemas/{words[0]}-{words[1]}.json") as schema:
-      jsonschema.validate(document, json.load(schema))
+    validate(document, f"{words[0]}-{words[1]}")
     return document
 
   def listed(self, each):
@@ -498,30 +495,12 @@ class Members(unittest.TestCase):
     self.assert_all_have(["a", "b"])
 
 
-class Tampering(unittest.TestCase):
-  """Each test has a fleet of its own, over etcd of its own, which it spoils."""
+class Tampering(OwnFleet):
+  """What somebody changes in the store behind the machines' backs."""
 
   def setUp(self):
-    self.network = NETWORK
-    folder = f"{own_world.FOLDER}/{self.id().rsplit('.', 1)[1]}"
-    tls = f"{folder}/tls"
-    os.makedirs(folder)
-    cluster.make_certificates(tls, self.network)
-    self.etcd = cluster.Cluster(self.network, folder=folder, tls=tls)
-    self.addCleanup(self.etcd.stop)
-    self.one = self.machine(1, "create = true", folder)
-    self.one.start()
-    self.two = self.machine(2, "", folder)
-    machine.join(self.two, to=self.one)
-    self.two.start()
-    for name in ("a", "b"):
-      self.assertEqual(self.one.put(name), 0)
-    self.two.wait_for(["a", "b"])
-
-  def machine(self, number, further, folder):
-    made = Machine(self.network, self.etcd, number, further, folder)
-    self.addCleanup(lambda: made.process and made.kill())
-    return made
+    self.make_fleet((1, 2), ["a", "b"])
+    self.one, self.two = self.machines
 
   def rows(self):
     keys = self.etcd.ctl("get", "ks/e/", "--prefix", "--keys-only").split()
@@ -536,6 +515,7 @@ class Tampering(unittest.TestCase):
       self.assertNotEqual(each.put("c"), 0)
       verdict, finding, repair = each.doctor()["fleet"]
       self.assertEqual((verdict, finding), ("fault", each.status()["standing"]))
+      self.assertIn("`ksctl fleet restore`", finding, "it is told to its end")
       self.assertIn("systemctl restart ksd", repair)
 
   def test_a_row_that_is_removed_is_found(self):

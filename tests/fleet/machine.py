@@ -161,3 +161,12 @@ def join(machine, to):
   done = machine.ctl("fleet", "join", answer, "--fingerprint", answered["fingerprint"], "--join-key-file", key,
                      "--master-key-file", f"{machine.folder}/master.key")
   assert done.returncode == 0, done.stderr
+
+
+def start_fleet(machines, start=Machine.start):
+  """The first makes it, and the others join that."""
+  first, *others = machines
+  start(first)
+  for other in others:
+    join(other, to=first)
+    start(other)

@@ -22,6 +22,7 @@
 
 #include "client.h"
 #include "host_channel.h"
+#include "send_with_files.h"
 
 namespace {
 
@@ -53,20 +54,7 @@ Octets channel_reply(uint32_t size = sizeof(HostChannel)) {
 }
 
 bool reply_with_files(int socket, const Request &request, const Octets &payload, const std::vector<int> &files) {
-  const Octets datagram = FakeService::reply_datagram(request, payload);
-  iovec piece = {.iov_base = const_cast<uint8_t *>(datagram.data()), .iov_len = datagram.size()};
-  alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))] = {};
-  msghdr message = {};
-  message.msg_iov = &piece;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = CMSG_SPACE(files.size() * sizeof(int));
-  cmsghdr *head = CMSG_FIRSTHDR(&message);
-  head->cmsg_level = SOL_SOCKET;
-  head->cmsg_type = SCM_RIGHTS;
-  head->cmsg_len = CMSG_LEN(files.size() * sizeof(int));
-  memcpy(CMSG_DATA(head), files.data(), files.size() * sizeof(int));
-  return sendmsg(socket, &message, MSG_NOSIGNAL) >= 0;
+  return send_with_files(socket, FakeService::reply_datagram(request, payload), files);
 }
 
 Step passes(std::function<int()> open_file) {

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "client.h"
+#include "send_with_files.h"
 
 namespace {
 
@@ -212,20 +213,7 @@ TEST_F(Mts, ClosesDescriptorsThatComeAlong) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   service.handler = [&](int socket, const FakeService::Request &request) {
-    Octets datagram = FakeService::reply_datagram(request, {1, 0, 0, 0});
-    iovec piece = {.iov_base = datagram.data(), .iov_len = datagram.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr *along = CMSG_FIRSTHDR(&message);
-    along->cmsg_level = SOL_SOCKET;
-    along->cmsg_type = SCM_RIGHTS;
-    along->cmsg_len = CMSG_LEN(sizeof(int));
-    memcpy(CMSG_DATA(along), &ends[1], sizeof(int));
-    return sendmsg(socket, &message, MSG_NOSIGNAL) > 0;
+    return send_with_files(socket, FakeService::reply_datagram(request, {1, 0, 0, 0}), {ends[1]});
   };
   const uint32_t queue = bound();
   const size_t before = open_descriptors();

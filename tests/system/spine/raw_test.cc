@@ -12,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "send_with_files.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
 
@@ -194,20 +195,7 @@ TEST_F(Raw, TakesTheLargestDatagramAndAnswersALargerOne) {
 TEST_F(Raw, DropsDescriptorsThatAreSentAlong) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  Datagram datagram = request_datagram(66593, 3, {});
-  iovec part{datagram.data(), datagram.size()};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))]{};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr *header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(int));
-  std::copy_n(reinterpret_cast<const char *>(&ends[1]), sizeof(int), reinterpret_cast<char *>(CMSG_DATA(header)));
-  ASSERT_EQ(sendmsg(client.socket(), &message, 0), static_cast<ssize_t>(datagram.size()));
+  ASSERT_TRUE(send_with_files(client.socket(), request_datagram(66593, 3, {}), {ends[1]}));
   close(ends[1]);
   EXPECT_EQ(client.receive()->result(), 1u);
   char byte;
