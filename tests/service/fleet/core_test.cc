@@ -243,6 +243,24 @@ void restore(StoreModel &store) {
   store.change({{.key = kHeaderKey, .value = seal_header(header, front->key, sealer), .mod_revision = 0}}, {});
 }
 
+TEST(FleetCore, SleepsUntilThereIsSomethingToDo) {
+  StoreModel store;
+  Machine x(store, Machine::options("x"));
+  x.come_up();
+  for (const bool store_answers : {true, false}) {
+    SCOPED_TRACE(store_answers);
+    if (!store_answers) x.put(1, "a");
+    const Time end = x.now + 8s;
+    for (int ticks = 0; x.now < end; ++ticks) {
+      if (store_answers) x.carry_out();
+      x.core.take_requests();
+      ASSERT_GT(x.core.next_tick(), x.now);
+      ASSERT_LT(ticks, 100);
+      x.pass(x.core.next_tick() - x.now);
+    }
+  }
+}
+
 TEST(FleetCore, MakesAFleetWhereThereIsNone) {
   StoreModel store;
   Machine x(store, Machine::options("x"));

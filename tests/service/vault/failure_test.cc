@@ -2,17 +2,17 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // Writes and syncs that fail: never acknowledged, nothing changed, and the service goes on.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <future>
-#include <sstream>
 #include <thread>
 
+#include "log_lines.h"
 #include "vault_files/vault_files.h"
 
 namespace ksd::vault {
@@ -166,22 +166,58 @@ TEST_F(FailingDisk, FailsAlsoToCompactAndGoesOn) {
 }
 
 TEST_F(FailingDisk, SaysSoOncePerStreakWithoutNames) {
-  std::ostringstream log;
-  const auto before = spdlog::default_logger();
-  spdlog::set_default_logger(
-      std::make_shared<spdlog::logger>("t", std::make_shared<spdlog::sinks::ostream_sink_mt>(log)));
-  spdlog::set_level(spdlog::level::info);
+  const LogLines log;
   disk.fail_writes(EIO);
   for (int i = 0; i < 3; ++i) put(*vault, "name-of-b", "secret-of-b");
   disk.fail_writes(0);
   put(*vault, "name-of-b", "secret-of-b");
-  spdlog::set_default_logger(before);
-  spdlog::set_level(spdlog::level::off);
 
-  const std::string said = log.str();
+  const std::string said = log.text();
   EXPECT_THAT(said, HasSubstr(folder.vault() + ": changes are refused: disk I/O error"));
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
   EXPECT_THAT(said, Not(HasSubstr("of-b")));
+}
+
+// A write to the witness finds the disk full while the file is this one.
+class FullWitness {
+ public:
+  explicit FullWitness(const std::string &path) {
+    for (const auto &file : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;  // that of the folder itself
+      if (std::filesystem::read_symlink(file.path(), gone) == path) file_ = std::stoi(file.path().filename());
+    }
+    kept_ = dup(file_);
+    const int full = open("/dev/full", O_RDWR);
+    dup2(full, file_);
+    close(full);
+  }
+  ~FullWitness() {
+    dup2(kept_, file_);
+    close(kept_);
+  }
+
+ private:
+  int file_ = -1, kept_ = -1;
+};
+
+TEST_F(FailingDisk, SaysOncePerStreakThatTheWitnessCantBeWrittenAndGoesOn) {
+  const LogLines log;
+  const std::string line = folder.witness() +
+                           ": can't be written: No space left on device; a vault that lacks later changes wouldn't be "
+                           "noticed. Look after its disk\n";
+  std::string said;
+  for (int streak = 0; streak < 2; ++streak) {
+    {
+      const FullWitness full(folder.witness());
+      for (int i = 0; i < 3; ++i) EXPECT_EQ(put(*vault, "b", std::to_string(i)), KS_SUCCESS);
+    }
+    said += line;
+    EXPECT_EQ(log.text(), said);
+    EXPECT_EQ(put(*vault, "b", "x"), KS_SUCCESS);
+  }
+  vault.reset();
+  vault = folder.open();
+  EXPECT_EQ(secret_in(*vault, secret_name("b")), "x");
 }
 
 // With room for the small ones only, the large one of a group fails alone.

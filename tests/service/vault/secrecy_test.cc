@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sodium.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,8 +14,8 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 
+#include "log_lines.h"
 #include "vault_files/vault_files.h"
 
 namespace ksd::vault {
@@ -33,11 +31,7 @@ std::string planted(const std::string &which) {
 }
 
 TEST(PlantedSecrets, AreInNoFileOfTheVaultAndInNoLogLine) {
-  std::ostringstream log;
-  const auto before = spdlog::default_logger();
-  spdlog::set_default_logger(
-      std::make_shared<spdlog::logger>("t", std::make_shared<spdlog::sinks::ostream_sink_mt>(log)));
-  spdlog::set_level(spdlog::level::trace);
+  const LogLines log(spdlog::level::trace);
   Disk disk;
   const Folder folder;
   const auto expect_hidden = [&](const char *when) {
@@ -66,10 +60,8 @@ TEST(PlantedSecrets, AreInNoFileOfTheVaultAndInNoLogLine) {
   }
   expect_hidden("after the end");
   folder.open();
-  spdlog::set_default_logger(before);
-  spdlog::set_level(spdlog::level::off);
-  EXPECT_THAT(log.str(), HasSubstr(folder.vault()));
-  EXPECT_THAT(log.str(), Not(HasSubstr("planted-")));
+  EXPECT_THAT(log.text(), HasSubstr(folder.vault()));
+  EXPECT_THAT(log.text(), Not(HasSubstr("planted-")));
 }
 
 // count_in_memory counts `text` in the writable mappings of this process, apart for guarded ones, which are left out of

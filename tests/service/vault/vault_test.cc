@@ -5,14 +5,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <sstream>
 #include <thread>
 
+#include "log_lines.h"
 #include "vault_files/vault_files.h"
 
 namespace ksd::vault {
@@ -352,12 +350,7 @@ TEST_F(VaultLimits, BoundEntriesAndBytesOfAUserAndOfAll) {
 }
 
 TEST_F(VaultLimits, AreNamedInTheLogOfARefusalOnceAMinute) {
-  std::ostringstream log;
-  const auto before = spdlog::default_logger();
-  spdlog::set_default_logger(
-      std::make_shared<spdlog::logger>("t", std::make_shared<spdlog::sinks::ostream_sink_mt>(log)));
-  spdlog::set_level(spdlog::level::info);
-  spdlog::set_pattern("%v");
+  const LogLines log;
   vault->use_limits({.entries = 5, .entries_per_user = 2, .bytes = 100, .bytes_per_user = 60});
   const auto fill = [this](uid_t user, size_t size) {
     return put(*vault, std::to_string(user) + "-" + std::to_string(size), std::string(size, 'x'), "", user);
@@ -372,10 +365,7 @@ TEST_F(VaultLimits, AreNamedInTheLogOfARefusalOnceAMinute) {
   EXPECT_EQ(fill(4000, 8), KS_STORE_FULL);
   EXPECT_EQ(fill(4000, 0), KS_SUCCESS);
   EXPECT_EQ(fill(5000, 0), KS_STORE_FULL);
-  spdlog::set_default_logger(before);
-  spdlog::set_level(spdlog::level::off);
-
-  const std::string said = log.str();
+  const std::string said = log.text();
   const auto refused = [this](const char *what) {
     return folder.vault() + ": a store of user " + what + " under [limits]); clear some or raise it\n";
   };
