@@ -15,6 +15,7 @@
 
 #include "base/trust.h"
 #include "vault/files.h"
+#include "vault/joined_log.h"
 
 namespace ksd::vault {
 namespace {
@@ -94,7 +95,7 @@ void Database::create(const std::string &path, const VaultIdentity &identity) {
 
 Database::Database(const std::string &path, int flags, int in_use_wait_ms) : path_(path) {
   sqlite3 *db = nullptr;
-  const int error = sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+  const int error = sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_NOMUTEX, joined_log());
   db_.reset(db);
   require(error);
   if (sqlite3_db_readonly(db, "main") != 0) refuse(SQLITE_READONLY);  // what SQLite makes do with

@@ -32,10 +32,7 @@ class FailingDisk : public testing::Test {
   void expect_unchanged() {
     EXPECT_EQ(content(*vault), "a=secret a/meta a");
     const Folder crashed;
-    for (const char *file : {"vault.db", "vault.db-wal", "vault.db-witness", "master.key"}) {
-      const std::string from = folder.path() + "/" + file;
-      if (std::filesystem::exists(from)) std::filesystem::copy_file(from, crashed.path() + "/" + file);
-    }
+    crash(folder, crashed);
     EXPECT_EQ(content(*crashed.open()), "a=secret a/meta a");
   }
 

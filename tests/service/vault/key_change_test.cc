@@ -64,6 +64,8 @@ class MasterKeyChange : public testing::Test {
   }
 
   const std::string large = std::string(60000, 'm');
+  // Writes in which about half of them are sealed anew.
+  static constexpr int kHalfOfIt = 10;
   Disk disk;
   Folder folder;
 };
@@ -130,10 +132,11 @@ TEST_F(MasterKeyChange, ChangesAnEmptyVaultAndOneOfTheFirstSchema) {
 TEST_F(MasterKeyChange, StopsWhenTheDiskIsFullAndGoesOnWhenAsked) {
   const auto vault = folder.open();
   ASSERT_EQ(put(*vault, "first", "x"), KS_SUCCESS);  // the log is there
-  disk.fail_later_writes(40, ENOSPC);
+  disk.fail_later_writes(kHalfOfIt, ENOSPC);
   ASSERT_EQ(vault->change_key(nullptr), KS_SUCCESS);
   EXPECT_EQ(wait_until_it_rests(*vault), State::kStopped);
   EXPECT_GT(vault->key_change().entries, vault->key_change().moved);
+  EXPECT_GT(vault->key_change().moved, 0u);
   disk.fail_writes(0);
   EXPECT_EQ(put(*vault, "second", "x"), KS_SUCCESS) << "changes go on";
   EXPECT_EQ(vault->remove(secret_name("first")), KS_SUCCESS);
@@ -147,7 +150,7 @@ TEST_F(MasterKeyChange, GoesOnByItselfAfterARestart) {
   {
     const auto vault = folder.open();
     ASSERT_EQ(put(*vault, name_of(0), "secret", large), KS_SUCCESS);
-    disk.fail_later_writes(40, ENOSPC);
+    disk.fail_later_writes(kHalfOfIt, ENOSPC);
     ASSERT_EQ(vault->change_key(nullptr), KS_SUCCESS);
     EXPECT_EQ(wait_until_it_rests(*vault), State::kStopped);
     disk.fail_writes(0);
@@ -206,7 +209,7 @@ TEST_F(MasterKeyChange, OpensWithTheNextKeyOnlyWhenAllHasMoved) {
   {
     const auto vault = open_with_credential();
     ASSERT_EQ(put(*vault, name_of(0), "secret", large), KS_SUCCESS);
-    disk.fail_later_writes(40, ENOSPC);
+    disk.fail_later_writes(kHalfOfIt, ENOSPC);
     ASSERT_EQ(vault->change_key(SecretBytes::copy_of(bytes_of(next))), KS_SUCCESS);
     EXPECT_EQ(wait_until_it_rests(*vault), State::kStopped);
     disk.fail_writes(0);

@@ -170,8 +170,8 @@ TEST_F(LostLog, RefusesADamagedLogAlsoWhenItsWitnessIsBehind) {
 TEST_F(LostLog, OpensWithLeftoversOfChangesThatFailed) {
   kill_a_service([this](Vault &vault) {
     for (int i = 0; i < 4; ++i) {
-      disk.fail_later_writes(12 + i, ENOSPC);
-      if (put(vault, "large", "x", std::string(100000, 'x')) != KS_STORE_FULL) _exit(1);
+      disk.fail_later_writes(1 + i, ENOSPC);
+      if (put(vault, "large", "x", std::string(400000, 'x')) != KS_STORE_FULL) _exit(1);
       disk.fail_writes(0);
       if (put(vault, "small", std::to_string(i)) != KS_SUCCESS) _exit(2);
     }

@@ -32,6 +32,9 @@ class Folder : public ks_test::TemporaryFolder {
   std::unique_ptr<Vault> open() const { return open_vault(options()); }
 };
 
+// crash copies a vault to where there is none, as it would be left by a crash at this instant.
+void crash(const Folder &folder, const Folder &copy);
+
 std::vector<uint8_t> bytes_of(std::string_view text);
 EntryName secret_name(std::string name, uint16_t vdc_id = 7);
 
