@@ -36,10 +36,10 @@ using Octets = std::vector<uint8_t>;
 enum Flag : uint8_t { kCaller = 3, kWholeDatagram = 4, kSentLarger = 8, kAdministration = 16 };
 
 const ksd::Caller kCallers[] = {
-    {.uid = 1000, .gid = 1000, .pid = 1, .counted_as = 1000, .vdc_id = 7, .administrator = false},
-    {.uid = 1001, .gid = 1001, .pid = 2, .counted_as = 1001, .vdc_id = 8, .administrator = false},
-    {.uid = 1002, .gid = 1002, .pid = 3, .counted_as = 1002, .vdc_id = std::nullopt, .administrator = false},
-    {.uid = 0, .gid = 0, .pid = 4, .counted_as = 0, .vdc_id = std::nullopt, .administrator = true},
+    {.uid = 1000, .pid = 1, .counted_as = 1000, .vdc_id = 7, .administrator = false},
+    {.uid = 1001, .pid = 2, .counted_as = 1001, .vdc_id = 8, .administrator = false},
+    {.uid = 1002, .pid = 3, .counted_as = 1002, .vdc_id = std::nullopt, .administrator = false},
+    {.uid = 0, .pid = 4, .counted_as = 0, .vdc_id = std::nullopt, .administrator = true},
 };
 
 // ---- What a reply may look like.

@@ -15,7 +15,6 @@ namespace ksd {
 // Caller is who opened the connection, by the kernel's word (SO_PEERCRED), with what the configuration maps it to.
 struct Caller {
   uid_t uid = 0;
-  gid_t gid = 0;
   pid_t pid = 0;
   uid_t counted_as = 0;            // whose quotas are used: those of `uid`, or of the user whose containers it is for
   std::optional<uint16_t> vdc_id;  // none: an unmapped user, who may not use any name

@@ -704,7 +704,6 @@ Caller Config::identify(uid_t uid, gid_t gid, pid_t pid, std::span<const gid_t> 
   };
   Caller caller;
   caller.uid = uid;
-  caller.gid = gid;
   caller.pid = pid;
   caller.counted_as = uid;
   caller.administrator = administrator_users.contains(uid) ||

@@ -83,10 +83,10 @@ class Messages : public testing::Test {
   vault::Folder folder;
   Service service{folder.open(), {}};  // these messages compute nothing
   Dispatcher dispatcher;
-  const Caller own{.uid = 1000, .gid = 1000, .pid = 1, .vdc_id = 7};
-  const Caller other{.uid = 2000, .gid = 2000, .pid = 2, .vdc_id = 8};
-  const Caller unmapped{.uid = 3000, .gid = 3000, .pid = 3, .vdc_id = std::nullopt};
-  const Caller administrator{.uid = 0, .gid = 0, .pid = 4, .vdc_id = std::nullopt, .administrator = true};
+  const Caller own{.uid = 1000, .pid = 1, .vdc_id = 7};
+  const Caller other{.uid = 2000, .pid = 2, .vdc_id = 8};
+  const Caller unmapped{.uid = 3000, .pid = 3, .vdc_id = std::nullopt};
+  const Caller administrator{.uid = 0, .pid = 4, .vdc_id = std::nullopt, .administrator = true};
 };
 
 using StoreSecret = Messages;
