@@ -19,7 +19,6 @@ using vault::RecordKind;
 
 constexpr std::array<uint8_t, 4> kMagic{'k', 's', 'f', '1'};
 constexpr size_t kFrontSize = kMagic.size() + sizeof(FleetId) + sizeof(vault::KeyId);
-constexpr size_t kBeatSize = 8 + 8 + 8 + 1 + 1;
 constexpr size_t kMostKeys = 2;
 constexpr std::string_view kFingerprintTitle = "ks-fleet-machines-1 ";
 constexpr size_t kRowDigits = 16;
@@ -299,7 +298,7 @@ std::vector<uint8_t> seal_heartbeat(const Heartbeat &beat, std::string_view mach
 
 std::optional<Heartbeat> open_heartbeat(Bytes sealed, std::string_view machine, const vault::Sealer &sealer) {
   const std::shared_ptr<const SecretBytes> plain = sealer.open(RecordKind::kHeartbeat, place_of(machine), sealed);
-  if (plain == nullptr || plain->size() < kBeatSize) return std::nullopt;
+  if (plain == nullptr) return std::nullopt;
   In in(plain->bytes());
   Heartbeat beat;
   beat.session = in.number<uint64_t>();

@@ -48,8 +48,7 @@ Restore::Restore(Time now, Wanted wanted, As as, const Memory &memory, Owners &o
 void Restore::tick(Time now) {
   now_ = now;
   if (step_ == Step::kOver) return;
-  const bool is_look = step_ == Step::kLook || step_ == Step::kLookAgain;
-  if (under_way_ != 0 && now_ - sent_at_ >= (is_look ? kLookLimit : kChangeLimit) + kGrace) {
+  if (under_way_ != 0 && now_ >= given_up_at()) {
     under_way_ = 0;
     take_failure(Failure::kUnknown);
   }
@@ -59,7 +58,13 @@ void Restore::tick(Time now) {
 Restore::Time Restore::next_tick() const {
   if (step_ == Step::kOver) return Time::max();
   if (under_way_ == 0) return again_at_;
-  return sent_at_ + (step_ == Step::kLook || step_ == Step::kLookAgain ? kLookLimit : kChangeLimit) + kGrace;
+  return given_up_at();
+}
+
+// given_up_at is when what is under way counts as lost.
+Restore::Time Restore::given_up_at() const {
+  const bool is_look = step_ == Step::kLook || step_ == Step::kLookAgain;
+  return sent_at_ + (is_look ? kLookLimit : kChangeLimit) + kGrace;
 }
 
 void Restore::give_up() {

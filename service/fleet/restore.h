@@ -81,6 +81,7 @@ class Restore {
   enum class Step : uint8_t { kClaim, kLook, kClear, kDraft, kSwitch, kLookAgain, kTidy, kRelease, kOver };
 
   void go_on();
+  Time given_up_at() const;
   void send(Request request);
   Commit change() const;
   void take_change(bool happened, const std::optional<KeyValue> &header);

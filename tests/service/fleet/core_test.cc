@@ -768,6 +768,21 @@ TEST_F(FleetRestore, StopsWhenTheStoreHasNoRoom) {
   EXPECT_EQ(x.core.restoring()->progress().result, KS_STORE_FULL);
 }
 
+TEST_F(FleetRestore, WaitsForALookAsLongAsALargeStoreMayTake) {
+  const auto looks = [this] {
+    return std::ranges::count_if(x.core.take_requests(),
+                                 [](const Request &request) { return std::holds_alternative<Load>(request); });
+  };
+  x.core.restore(x.now, backup);
+  ASSERT_TRUE(x.carry_out_next());
+  EXPECT_EQ(looks(), 1);
+  for (Time passed{}; passed < 10s; passed += 500ms) x.pass(500ms);
+  EXPECT_EQ(looks(), 0);
+  x.pass(500ms);
+  x.pass(100ms);
+  EXPECT_EQ(looks(), 1) << "it is asked for once more";
+}
+
 TEST_F(FleetRestore, FindsOutWhetherItsLastStepCameToBe) {
   x.core.restore(x.now, backup);
   std::optional<Commit> last;

@@ -94,10 +94,21 @@ int notification_socket(const std::string &path) {
 
 }  // namespace
 
+namespace {
+
+std::string config_of(const std::string &administrators, unsigned vdc) {
+  return "[service]\ncache_uri = \"lmdb://@dir@/cache\"\n[administrators]\n" + administrators +
+         "[[vdc]]\nid = " + std::to_string(vdc) + "\nusers = [" + std::to_string(getuid()) + "]\n";
+}
+
+}  // namespace
+
 std::string config_of_own_user(unsigned vdc) {
-  const std::string uid = std::to_string(getuid());
-  return "[service]\ncache_uri = \"lmdb://@dir@/cache\"\n[administrators]\n[[vdc]]\nid = " + std::to_string(vdc) +
-         "\nusers = [" + uid + "]\n";
+  return config_of("", vdc);
+}
+
+std::string config_of_administrator(unsigned vdc) {
+  return config_of("users = [" + std::to_string(getuid()) + "]\n", vdc);
 }
 
 ServiceProcess::ServiceProcess(const ServiceSetup &setup) : setup_(setup), folder_(setup.parent) {

@@ -27,6 +27,9 @@ namespace ks_test {
 // folder.
 std::string config_of_own_user(unsigned vdc);
 
+// config_of_administrator is the same, for tests whose user is an administrator as well.
+std::string config_of_administrator(unsigned vdc);
+
 // ServiceSetup says how a service is to be. "@dir@" in the configuration and the arguments becomes the folder.
 struct ServiceSetup {
   std::string config = config_of_own_user(7);

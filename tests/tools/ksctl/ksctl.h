@@ -22,10 +22,8 @@ inline constexpr char kKsctl[] = KS_SERVICE_DIR "/ksctl";
 
 // with_administrator is a service whose VDC 7 and administrator is the test's own user.
 inline ServiceSetup with_administrator() {
-  const std::string uid = std::to_string(getuid());
   ServiceSetup setup;
-  setup.config = "[service]\ncache_uri = \"lmdb://@dir@/cache\"\n[administrators]\nusers = [" + uid +
-                 "]\n[[vdc]]\nid = 7\nusers = [" + uid + "]\n";
+  setup.config = ks_test::config_of_administrator(7);
   return setup;
 }
 
