@@ -162,6 +162,18 @@ TEST_F(MasterKeyChange, GoesOnByItselfAfterARestart) {
   holds_all(*vault);
 }
 
+TEST_F(MasterKeyChange, IsNotThereAfterACrashWhenItWasRefused) {
+  const auto vault = folder.open();
+  ASSERT_EQ(put(*vault, "first", "x"), KS_SUCCESS);  // the log is there
+  disk.fail_syncs(EIO);
+  EXPECT_EQ(vault->change_key(nullptr), KS_FW_BAD_CELL);
+  const Folder crashed;
+  crash(folder, crashed);
+  disk.fail_syncs(0);
+  EXPECT_FALSE(examine_vault(crashed.options()).key_changes);
+  EXPECT_EQ(crashed.open()->key_change().state, State::kNone);
+}
+
 TEST_F(MasterKeyChange, DoesNotBeginWhereTheNextKeyCantBePut) {
   std::filesystem::create_directories(folder.key() + ".next/x");
   const std::string key = read_file(folder.key());

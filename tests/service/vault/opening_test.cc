@@ -78,7 +78,7 @@ TEST_F(OpenVault, RefusesAFileThatIsEmptyOrNoVault) {
   write_file(folder.vault(), "");
   refuses_as_damaged("the file is empty");
   write_file(folder.vault(), "this is no database at all, but a text of a certain length");
-  refuses_as_damaged("");
+  refuses_as_damaged("file is not a database");
   std::filesystem::remove(folder.vault());
   sql("CREATE TABLE others (x)");
   refuses_as_damaged("it isn't a vault of ksd");

@@ -16,7 +16,11 @@ std::string backup_of(Vault &vault, uint64_t time) {
   std::string backup(opening.begin(), opening.end());
   backup.append(writer.stream_header().begin(), writer.stream_header().end());
   std::vector<uint8_t> part(kSealedPartSize);
-  while (const size_t size = writer.next(part.data())) backup.append(part.begin(), part.begin() + ptrdiff_t(size));
+  size_t parts = 0;
+  for (; const size_t size = writer.next(part.data()); ++parts) {
+    backup.append(part.begin(), part.begin() + ptrdiff_t(size));
+  }
+  if (parts != writer.parts()) throw std::logic_error("it has another number of parts than was told");
   return backup;
 }
 
