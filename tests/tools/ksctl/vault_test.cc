@@ -79,6 +79,8 @@ TEST_F(KsctlVault, BacksUpARunningServiceAndRestoresIt) {
   struct stat info {};
   ASSERT_EQ(stat(file("b").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0600u);
+  EXPECT_THAT(service.log(), HasSubstr("user " + std::to_string(getuid()) + " (pid "));
+  EXPECT_THAT(service.log(), HasSubstr(") takes a backup of 1 entries"));
   store(service, 'b');
 
   EXPECT_EQ(run("restore " + file("b") + places() + " --passphrase-fd 9").status, 1) << "a service has it open";
