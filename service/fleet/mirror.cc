@@ -110,14 +110,16 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
   std::optional<Memory::Whole> whole = loading.finish(opened);
   if (!whole) refuse();
 
-  // In the same run of the kernel its clock tells how long ago that was. Otherwise the time of day does, as far as it
-  // can be believed: it never makes the copy younger than it was when it was written, and up to an interval later.
+  // In the same run of the kernel its clock tells how long ago that was. Otherwise, and where the whole machine was put
+  // back to an earlier state, the time of day does, as far as it can be believed: it never makes the copy younger than
+  // it was when it was written, and up to an interval later.
   Core::Kept kept{.whole = std::move(*whole),
                   .age = std::chrono::milliseconds(get_little_endian<uint64_t>(state + kAge))};
   const BootId boot = boot_id();
-  const bool same_run = boot != BootId{} && std::equal(boot.begin(), boot.end(), state + kBoot);
+  const uint64_t now = milliseconds(clock_now()), then = get_little_endian<uint64_t>(state + kClock);
+  const bool same_run = boot != BootId{} && std::equal(boot.begin(), boot.end(), state + kBoot) && then <= now;
   if (same_run) {
-    kept.age += std::chrono::milliseconds(milliseconds(clock_now()) - get_little_endian<uint64_t>(state + kClock));
+    kept.age += std::chrono::milliseconds(now - then);
   } else {
     const auto wall = static_cast<int64_t>(get_little_endian<uint64_t>(state + kWall));
     kept.age += kAgeInterval + std::chrono::seconds(std::max<int64_t>(0, std::time(nullptr) - wall));

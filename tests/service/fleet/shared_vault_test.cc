@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <thread>
 
 #include "fleet/belonging.h"
@@ -369,6 +370,31 @@ TEST_F(MirrorTest, LetsNoRestartMakeWhatItHoldsYounger) {
   engine->cut(true);
   SharedVault x(short_lived, std::move(engine));
   EXPECT_EQ(code_of_read(x, "wifi"), KS_FW_COMM_ERROR);
+}
+
+// A machine may be put back to an earlier state, with the kernel that runs on it, and without its disk.
+TEST_F(MirrorTest, IsNoYoungerWhereTheKernelsClockWasPutBack) {
+  {
+    const auto x = loaded(mirrored("x"));
+    ASSERT_EQ(put(*x, "wifi", "1"), KS_SUCCESS);
+  }
+  {
+    constexpr size_t kClock = 56;
+    vault::Database database(folder.path() + "/mirror.db");
+    const vault::VaultIdentity identity = database.identity();
+    const vault::Sealer sealer(*master_key(), identity.vault_id);
+    const auto plain = sealer.open(vault::RecordKind::kMirror, 0, identity.sealed_header);
+    std::vector<uint8_t> state(plain->bytes().begin(), plain->bytes().end());
+    const auto later = static_cast<uint64_t>((clock_now() + 1h) / 1ms);
+    std::memcpy(state.data() + kClock, &later, sizeof later);
+    ASSERT_FALSE(
+        database.transaction([&] { return database.put_header(sealer.seal(vault::RecordKind::kMirror, 0, state)); }));
+  }
+  auto engine = std::make_unique<PromptEngine>(store);
+  engine->cut(true);
+  const SharedVault x(mirrored("x"), std::move(engine));
+  EXPECT_EQ(code_of_read(x, "wifi"), KS_SUCCESS);
+  EXPECT_GE(*x.status().age, 10s);
 }
 
 TEST_F(MirrorTest, HasAStartNoticeThatTheStoreWasSetBack) {
