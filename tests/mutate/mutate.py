@@ -43,7 +43,7 @@ COVERED_BY = {
     "service/server/": ("service_server", "system_", "docs_", "hostile_", "tools_ksctl", "fleet"),
     "service/fleet/": ("service_fleet", "service_link", "fleet"),
     "service/link/": ("service_link", "fleet"),
-    "service/engine/": ("fleet_engine", "service_link"),
+    "service/engine/": ("fleet_engine", "service_link", "fleet"),
 }
 # Tests that are scripts, and what they run.
 SCRIPTS = {
@@ -513,7 +513,7 @@ class Session:
     self.arguments = arguments
     self.files = files_of(self.root)
     self.sites, self.free = [], []
-    self.commands, self.steps = {}, []
+    self.commands, self.programs, self.steps = {}, {}, []
     self.guard = threading.Lock()
 
   def sources(self):
@@ -553,7 +553,9 @@ class Session:
       if not site.make(targets, jobs=self.arguments.jobs):
         raise Failure(f"the tree doesn't build as it is; all of it is in {site.log}")
       self.commands[site] = site.find_commands(programs)
-    for program in programs:
+      # Each site has its own: a script is told by its environment where the programs are.
+      self.programs[site] = {program.name: program for program in programs}
+    for program in self.programs[self.sites[0]].values():
       self.steps += self.steps_of(program)
     if not self.steps:
       raise Failure("no test that covers that passes as the tree is")
@@ -624,7 +626,7 @@ class Session:
     site.write(mutant, source)
     built = set()
     for step in steps:
-      program = step.program
+      program = self.programs[site][step.program.name]
       targets = alone or program.targets
       if not built.issuperset(targets) and not site.make(targets, seconds=900):
         return Verdict("invalid")

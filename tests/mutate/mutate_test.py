@@ -102,6 +102,13 @@ class Runs(unittest.TestCase):
     run = self.mutate("10", "src", "--again")
     self.assertIn("src: 0 of 1 killed", run.stdout)
 
+  def test_run_scripts_with_the_programs_that_have_the_fault(self):
+    run = self.mutate("50", "service", KS_TEST_SEED="7")
+    self.assertEqual(run.returncode, 0, run.stderr)
+    survivors = [line for line in run.stdout.splitlines() if line.startswith("  - ")]
+    self.assertEqual(survivors, ["  - untold = untold + 3;"] * 12)
+    self.assertIn("service: 14 of 26 killed", run.stdout)
+
   def test_refuse_a_tree_whose_tests_fail_without_a_fault(self):
     source = self.root / "src/limit.cc"
     source.write_text(source.read_text().replace("<", ">"))
