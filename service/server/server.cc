@@ -125,14 +125,15 @@ Users::Place Server::take_place(const Caller &caller, int socket) {
   const Clock::time_point now = Clock::now();
   const std::lock_guard lock(mutex_);
   sockets_.insert(socket);
-  Users::Place place;
   try {
-    place = users_.take(caller, limits, now);
+    // Made here, and not given another value: GCC 12 leaves out what it began with, and an exception would show that.
+    const Users::Place place = users_.take(caller, limits, now);
+    if (place.user == nullptr) sockets_.erase(socket);
+    return place;
   } catch (const std::bad_alloc &) {
-    place.why = "there is no memory";
+    sockets_.erase(socket);
+    return {.why = "there is no memory"};
   }
-  if (place.user == nullptr) sockets_.erase(socket);
-  return place;
 }
 
 void Server::give_place_back(const Session &session) {
