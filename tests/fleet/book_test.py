@@ -54,6 +54,7 @@ systemd-sysusers --inline 'u etcd - "etcd"' 2>{FOLDER}/$me-log
 systemd-tmpfiles --create {FOLDER}/units/tmpfiles.conf
 install -d -m 0700 -o etcd /var/lib/etcd
 export UNITS={FOLDER}/units PROGRAMS={FOLDER}/build PATH={FOLDER}/stand-ins:{FOLDER}/build:$PATH
+export LD_LIBRARY_PATH={FOLDER}/build  # the build itself may lie below /tmp
 systemctl start ksd-engine.socket
 ln -s /proc/$$/root {FOLDER}/machines/$me
 exec bash --norc -eu

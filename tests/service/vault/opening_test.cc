@@ -69,6 +69,14 @@ TEST_F(OpenVault, RefusesAnotherMasterKey) {
   refuses(folder.vault(), "belongs to another master key than the one in " + folder.key(), "give the service the key");
 }
 
+TEST_F(OpenVault, MakesAKeyWhereAStartThatWasCutShortBeganOne) {
+  const Folder fresh;
+  write_file(fresh.key() + ".new", "hal");
+  EXPECT_EQ(put(*fresh.open(), "a", "x"), KS_SUCCESS);
+  EXPECT_EQ(read_file(fresh.key()).size(), 32u);
+  EXPECT_FALSE(std::filesystem::exists(fresh.key() + ".new"));
+}
+
 TEST_F(OpenVault, RefusesANewerSchema) {
   sql("PRAGMA user_version = 3");
   refuses(folder.vault(), "schema version 3", "start the newer ksd");
