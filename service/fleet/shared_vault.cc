@@ -88,8 +88,7 @@ std::string words_for(Standing standing, const std::string &why, const Connectio
     case Standing::kTampered:
       return fmt::format(
           "the store isn't as the fleet left it: {}. No changes are taken, and no reads once they are too old; find "
-          "out "
-          "who changed it, bring it back and restart the service, or use `ksctl fleet restore`",
+          "out who changed it, bring it back and restart the service, or use `ksctl fleet restore`",
           why);
     case Standing::kRestored:
       return fmt::format(
