@@ -65,6 +65,16 @@ void check_owner_and_mode(int fd, const std::string &path) {
   }
 }
 
+// systemd hands credentials over with an owner and mode of its own, in a folder that only the service can read.
+UniqueFd open_key_file(const std::string &path, bool is_credential) {
+  return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (is_credential ? 0 : O_NOFOLLOW)));
+}
+
+std::shared_ptr<const SecretBytes> read_key_file(const UniqueFd &fd, const std::string &path, bool is_credential) {
+  if (!is_credential) check_owner_and_mode(fd.get(), path);
+  return read_content(fd.get(), path);
+}
+
 // write_key_file makes a file with a key, on disk when it is true.
 bool write_key_file(const std::string &path, const SecretBytes &key, const std::optional<KeySeal> &seal) {
   const std::string text = seal ? seal_key(key, *seal) : std::string();
@@ -89,7 +99,6 @@ std::string path_in_credentials() {
 }  // namespace
 
 MasterKey read_master_key(const KeySource &source, bool may_create) {
-  // systemd hands credentials over with an owner and mode of its own, in a folder that only the service can read.
   const bool from_credentials = source.file.empty();
   const std::string path = from_credentials ? path_in_credentials() : source.file;
   const SecretBytes *passphrase = source.passphrase.get();
@@ -99,7 +108,7 @@ MasterKey read_master_key(const KeySource &source, bool may_create) {
     write_new_key(path, *draw_master_key(), seal);
   }
 
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (from_credentials ? 0 : O_NOFOLLOW)));
+  const UniqueFd fd = open_key_file(path, from_credentials);
   if (!fd && errno == ENOENT && from_credentials) {
     refuse("{}: the credential isn't there; pass it with LoadCredential=master-key:FILE in the service's unit", path);
   }
@@ -107,8 +116,7 @@ MasterKey read_master_key(const KeySource &source, bool may_create) {
     refuse("{}: the master key isn't there, but the vault that it opens is; put the key back", path);
   }
   if (!fd) refuse("{}: the master key can't be opened: {}", path, errno_text(errno));
-  if (!from_credentials) check_owner_and_mode(fd.get(), path);
-  MasterKey master = key_in(read_content(fd.get(), path), path, passphrase);
+  MasterKey master = key_in(read_key_file(fd, path, from_credentials), path, passphrase);
   master.is_credential = from_credentials;
   return master;
 }
@@ -121,10 +129,9 @@ std::string path_of_next_key(const MasterKey &present) {
 std::shared_ptr<const SecretBytes> read_next_key(const MasterKey &present) {
   const std::string path = path_of_next_key(present);
   if (!file_exists(path)) return nullptr;
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (present.is_credential ? 0 : O_NOFOLLOW)));
+  const UniqueFd fd = open_key_file(path, present.is_credential);
   if (!fd) refuse("{}: the next master key can't be opened: {}", path, errno_text(errno));
-  if (!present.is_credential) check_owner_and_mode(fd.get(), path);
-  const std::shared_ptr<const SecretBytes> content = read_content(fd.get(), path);
+  const std::shared_ptr<const SecretBytes> content = read_key_file(fd, path, present.is_credential);
   if (!present.seal) return key_in(content, path, nullptr).key;
   const std::string_view text(reinterpret_cast<const char *>(content->bytes().data()), content->size());
   std::shared_ptr<const SecretBytes> key = open_key(text, *present.seal);
