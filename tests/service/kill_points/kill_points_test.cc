@@ -243,9 +243,9 @@ TEST_F(KillPoints, OfAChangeOfTheMasterKeyLeaveAVaultThatOpensAndGoesOn) {
     put(*vault, "later", "stored meanwhile");
     while (vault->key_change().state == KeyChangeProgress::State::kMoving) static_cast<void>(vault->snapshot());
   };
-  bool went_on = false;
+  bool was_under_way = false;
   const int points = at_each_point(prepare, change, [&](const Folder &folder) {
-    went_on |= examine_vault(folder.options()).key_changes;
+    was_under_way |= examine_vault(folder.options()).key_changes;
     {
       const auto vault = folder.open();
       EXPECT_GE(vault->count(), 8u);
@@ -266,7 +266,7 @@ TEST_F(KillPoints, OfAChangeOfTheMasterKeyLeaveAVaultThatOpensAndGoesOn) {
     VaultOptions options = folder.options();
     EXPECT_FALSE(examine_vault(options).key_changes);
   });
-  EXPECT_TRUE(went_on);
+  EXPECT_TRUE(was_under_way);
   EXPECT_GT(points, 60);
 }
 
