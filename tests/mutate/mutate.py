@@ -28,7 +28,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 # By the beginning of a path, the longest that fits: the tests that can notice a fault there, by the beginnings of their
-# names, and in the order in which they are asked.
+# names (scripts by their whole names), and in the order in which they are asked.
 COVERED_BY = {
     "src/": ("unit_", "contract", "system_", "docs_", "hostile_"),
     "platform/host/": ("host_", "system_spine", "system_session", "system_device"),
@@ -43,7 +43,7 @@ COVERED_BY = {
     "service/server/": ("service_server", "system_", "docs_", "hostile_", "tools_ksctl", "fleet"),
     "service/fleet/": ("service_fleet", "service_link", "fleet"),
     "service/link/": ("service_link", "fleet"),
-    "service/engine/": ("fleet_engine", "service_link", "fleet"),
+    "service/engine/": ("fleet_engine", "fleet_engine_choices", "service_link", "fleet"),
 }
 # Tests that are scripts, and what they run.
 SCRIPTS = {
@@ -64,6 +64,13 @@ LOT = 60
 def tests_of(path):
   fitting = [start for start in COVERED_BY if path.startswith(start)]
   return COVERED_BY[max(fitting, key=len)] if fitting else ()
+
+
+def group_of(name, groups):
+  """Which of the groups a test is of, or None."""
+  fitting = (number for number, start in enumerate(groups)
+             if (name == start if start in SCRIPTS else name.startswith(start)))
+  return next(fitting, None)
 
 
 # ---------------------------------------------------------------------------------------------------------------------
@@ -428,14 +435,14 @@ class Site:
     if status != 0:
       raise Failure(f"cmake failed; all it said is in {self.log}")
 
-  def programs(self, prefixes):
+  def programs(self, groups):
     listed = subprocess.run(["ctest", "--test-dir", str(self.build), "--show-only=json-v1"], capture_output=True,
                             check=True, env=self.environment)
     found = []
     for test in json.loads(listed.stdout)["tests"]:
       # A program that is built here. Most others are scripts that look at sources or at the shape of a library.
       command = test.get("command", [])
-      if test["name"].startswith(prefixes) and \
+      if group_of(test["name"], groups) is not None and \
           (not command or command[0].startswith(f"{self.build}/") or test["name"] in SCRIPTS):
         properties = {entry["name"]: entry["value"] for entry in test.get("properties", [])}
         environment = dict(entry.split("=", 1) for entry in properties.get("ENVIRONMENT", ()))
@@ -540,12 +547,12 @@ class Session:
     isolate = isolation(self.root)
     self.sites = [Site(self.root, self.base / str(number), isolate) for number in range(self.arguments.jobs)]
     self.free = list(self.sites)
-    prefixes = tuple(sorted({prefix for path in paths for prefix in tests_of(path)}))
+    groups = sorted({group for path in paths for group in tests_of(path)})
     for site in self.sites:
       site.place.mkdir(exist_ok=True)
       site.synchronize(self.files)
       site.configure()
-      programs = site.programs(prefixes)
+      programs = site.programs(groups)
       if not programs:
         raise Failure("no test covers that")
       targets = sorted({target for program in programs for target in program.targets})
@@ -603,9 +610,8 @@ class Session:
     groups = tests_of(path)
     def place(step):
       name = step.program.name
-      group = next(number for number, start in enumerate(groups) if name.startswith(start))
-      return (name.split("_", 1)[-1] not in words, group, step.seconds)
-    return sorted((step for step in self.steps if step.program.name.startswith(groups)), key=place)
+      return (name.split("_", 1)[-1] not in words, group_of(name, groups), step.seconds)
+    return sorted((step for step in self.steps if group_of(step.program.name, groups) is not None), key=place)
 
   def judge(self, mutant, source):
     with self.guard:

@@ -67,6 +67,13 @@ class Faults(unittest.TestCase):
     self.assertEqual(faults("constexpr long kDeadlineMs = 250;\nnames.reserve(3)\n"), set())
 
 
+class Groups(unittest.TestCase):
+  def test_have_all_tests_of_a_beginning_and_scripts_by_their_whole_names(self):
+    self.assertEqual(mutate.group_of("system_pac", ("service_", "system_")), 1)
+    self.assertEqual(mutate.group_of("fleet", ("service_server", "fleet")), 1)
+    self.assertIsNone(mutate.group_of("fleet_engine", ("service_server", "fleet")))
+
+
 class Runs(unittest.TestCase):
   def setUp(self):
     folder = tempfile.TemporaryDirectory()
