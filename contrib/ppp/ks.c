@@ -142,22 +142,22 @@ static void generate_challenge(unsigned char *challenge) {
 /* verified tells whether a response is right; then `success` is the proof that we know the password, too. */
 static bool verified(char *name, const unsigned char *challenge, const unsigned char *response, char *success) {
   char secret[KS_NAME_MAX + 1];
-  char *const user = account(name);
+  char *const login = account(name);
   const uint8_t *const peer_challenge = response + 1 + kPeerChallengeAt;
   const uint8_t *const nt_response = response + 1 + kNtResponseAt;
   uint8_t expected[KS_NT_RESPONSE_SIZE];
   uint8_t difference = 0;
   size_t i;
   if (challenge[0] != KS_CHALLENGE_SIZE || response[0] != MS_CHAP2_RESPONSE_LEN) return 0;
-  if (!started() || !put_name(prefix, user, secret)) return 0;
+  if (!started() || !put_name(prefix, login, secret)) return 0;
   ++challenge;
-  if (!computed(ks_GenerateNTResponse(secret, challenge, peer_challenge, user, expected), secret)) return 0;
+  if (!computed(ks_GenerateNTResponse(secret, challenge, peer_challenge, login, expected), secret)) return 0;
   /* in a time that doesn't tell where they differ */
   for (i = 0; i < sizeof expected; ++i) difference = (uint8_t)(difference | (expected[i] ^ nt_response[i]));
   if (difference != 0) return 0;
-  return computed(
-             ks_GenerateAuthenticatorResponse(secret, nt_response, peer_challenge, challenge, user, (uint8_t *)success),
-             secret) &&
+  return computed(ks_GenerateAuthenticatorResponse(secret, nt_response, peer_challenge, challenge, login,
+                                                   (uint8_t *)success),
+                  secret) &&
          give_keys(secret, nt_response, 0);
 }
 
@@ -179,9 +179,9 @@ static int verify_response(int id, char *name, unsigned char *secret, int secret
 }
 
 /* verify stands before the look into chap-secrets, which has nothing to tell here. */
-static int verify(char *name, char *our_name, int id, struct chap_digest_type *type, unsigned char *challenge,
+static int verify(char *name, char *own_name, int id, struct chap_digest_type *type, unsigned char *challenge,
                   unsigned char *response, char *message, int message_space) {
-  (void)our_name;
+  (void)own_name;
   if (type->code == CHAP_MICROSOFT_V2) {
     return verify_response(id, name, NULL, 0, challenge, response, message, message_space);
   }
@@ -200,8 +200,8 @@ static int allowed(u_int32_t address) {
 /* --- the side that answers */
 
 /* answered answers a new challenge, and keeps what the peer has to prove then. */
-static bool answered(int id, char *our_name, const unsigned char *challenge) {
-  char *const user = account(our_name);
+static bool answered(int id, char *own_name, const unsigned char *challenge) {
+  char *const login = account(own_name);
   uint8_t *const nt_response = last.response + kNtResponseAt;
   uint8_t *const peer_challenge = last.response + kPeerChallengeAt;
   last.id = id;
@@ -212,21 +212,21 @@ static bool answered(int id, char *our_name, const unsigned char *challenge) {
     return 0;
   }
   if (!started()) return 0;
-  if (!(*own_password != '\0' ? put_name("", own_password, last.secret) : put_name(prefix, user, last.secret)))
+  if (!(*own_password != '\0' ? put_name("", own_password, last.secret) : put_name(prefix, login, last.secret)))
     return 0;
   return computed(ks_generate_random_number(peer_challenge, KS_CHALLENGE_SIZE, 0), last.secret) &&
-         computed(ks_GenerateNTResponse(last.secret, challenge, peer_challenge, user, nt_response), last.secret) &&
-         computed(ks_GenerateAuthenticatorResponse(last.secret, nt_response, peer_challenge, challenge, user,
+         computed(ks_GenerateNTResponse(last.secret, challenge, peer_challenge, login, nt_response), last.secret) &&
+         computed(ks_GenerateAuthenticatorResponse(last.secret, nt_response, peer_challenge, challenge, login,
                                                    (uint8_t *)last.expected),
                   last.secret);
 }
 
-static void make_response(unsigned char *response, int id, char *our_name, unsigned char *challenge, char *secret,
+static void make_response(unsigned char *response, int id, char *own_name, unsigned char *challenge, char *secret,
                           int secret_len, unsigned char *priv) {
   (void)secret, (void)secret_len, (void)priv;
   const bool again = last.answered && last.id == id && challenge[0] == sizeof last.challenge &&
                      memcmp(last.challenge, challenge + 1, sizeof last.challenge) == 0;
-  if (!again) last.answered = challenge[0] == sizeof last.challenge && answered(id, our_name, challenge + 1);
+  if (!again) last.answered = challenge[0] == sizeof last.challenge && answered(id, own_name, challenge + 1);
   /* pppd has no other way to hear of a failure than an empty response, which the peer refuses. */
   *response = last.answered ? sizeof last.response : 0;
   memcpy(response + 1, last.response, *response);
@@ -249,8 +249,8 @@ static void handle_failure(unsigned char *message, int len) {
 }
 
 /* A password that we don't have: the response is made without it. */
-static int no_password(char *user, char *password) {
-  (void)user;
+static int no_password(char *login, char *password) {
+  (void)login;
   if (password != NULL) password[0] = '\0';
   return 1;
 }

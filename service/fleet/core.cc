@@ -669,7 +669,7 @@ void Core::attempt_more() {
     }
   }
   if (queue_.empty()) return;
-  Attempt &attempt = attempt_.emplace();
+  Attempt &attempt = attempt_.emplace(Attempt{});
   attempt.incarnation = memory_.header().incarnation;
   attempt.version = memory_.header().version;
   decide(attempt);

@@ -232,10 +232,11 @@ void Mirror::write(const Due &due, Time as_of) {
       if (!database_->remove_entry(id)) return false;
     }
     for (const auto &[id, row] : due.rows) {
-      const auto put = [&] {
-        return database_->put_entry(id, sealer.seal(RecordKind::kFleetRow, id, memory_->plain_of(*row)->bytes()));
-      };
-      if (row == nullptr ? !database_->remove_entry(id) : !put()) return false;
+      const bool is_done =
+          row == nullptr
+              ? database_->remove_entry(id)
+              : database_->put_entry(id, sealer.seal(RecordKind::kFleetRow, id, memory_->plain_of(*row)->bytes()));
+      if (!is_done) return false;
     }
     if (key != master_key_ && !database_->end_key_change(key_id)) return false;
     return database_->put_header(state);

@@ -89,7 +89,7 @@ void Administration::fleet_import(const Asked &asked) {
   std::vector<HostFleetName> names;
   try {
     size_t unnamed = 0;
-    FleetSession::Import &import = asked.sessions.fleet.import.emplace();
+    FleetSession::Import &import = asked.sessions.fleet.import.emplace(FleetSession::Import{});
     import.taken = *taken;
     import.rows = fleet_->of_fleet(vault::read_vault(options), unnamed);
     const fleet::ImportPlan plan = fleet_->plan_import(import.rows, *taken);
@@ -166,7 +166,7 @@ void Administration::fleet_restore(const Asked &asked) {
   told.incarnation = status.incarnation;
   if (wanted.step == HOST_RESTORE_BEGIN) {
     if (!session.begin(fleet_work_)) return asked.reply.result(KS_TIMEOUT);
-    FleetSession::Restore &restore = session.restore.emplace();
+    FleetSession::Restore &restore = session.restore.emplace(FleetSession::Restore{});
     session.restored_by = fleet_;
     restore.size = wanted.size;
     restore.key = SecretBytes::copy_of({wanted.key, sizeof wanted.key});

@@ -138,26 +138,31 @@ struct ReleaseFilter {
   void operator()(void *filter) const { seccomp_release(filter); }
 };
 
+// only_if is a condition on a call's argument. The library's own macro is C that Clang doesn't take for C++.
+scmp_arg_cmp only_if(unsigned argument, scmp_compare compare, scmp_datum_t value, scmp_datum_t masked = 0) {
+  return {argument, compare, value, masked};
+}
+
 int add_calls(void *filter) {
   for (const int call : kCalls) {
     if (const int error = seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call, 0, nullptr); error != 0) return error;
   }
   // Threads, but no processes. Where the kernel is asked by a structure the filter can't look into it, and the C
   // library asks in the older way once it is told that the newer isn't there.
-  constexpr int kFlags = 0;
-  constexpr int kProtection = 2;
+  constexpr unsigned kFlags = 0;
+  constexpr unsigned kProtection = 2;
   const struct {
     uint32_t action;
     int call;
     scmp_arg_cmp condition;
   } kRules[] = {
-      {SCMP_ACT_ALLOW, SCMP_SYS(clone), SCMP_CMP(kFlags, SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)},
-      {SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), SCMP_CMP(0, SCMP_CMP_NE, 0)},
-      {SCMP_ACT_ALLOW, SCMP_SYS(socket), SCMP_CMP(0, SCMP_CMP_EQ, AF_UNIX)},
+      {SCMP_ACT_ALLOW, SCMP_SYS(clone), only_if(kFlags, SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)},
+      {SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), only_if(0, SCMP_CMP_NE, 0)},
+      {SCMP_ACT_ALLOW, SCMP_SYS(socket), only_if(0, SCMP_CMP_EQ, AF_UNIX)},
       // A module that looks users up is mapped to be read and executed, never to be written and executed.
-      {SCMP_ACT_ALLOW, SCMP_SYS(mmap), SCMP_CMP(kProtection, SCMP_CMP_MASKED_EQ, PROT_WRITE, 0)},
-      {SCMP_ACT_ALLOW, SCMP_SYS(mmap), SCMP_CMP(kProtection, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)},
-      {SCMP_ACT_ALLOW, SCMP_SYS(mprotect), SCMP_CMP(kProtection, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)},
+      {SCMP_ACT_ALLOW, SCMP_SYS(mmap), only_if(kProtection, SCMP_CMP_MASKED_EQ, PROT_WRITE, 0)},
+      {SCMP_ACT_ALLOW, SCMP_SYS(mmap), only_if(kProtection, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)},
+      {SCMP_ACT_ALLOW, SCMP_SYS(mprotect), only_if(kProtection, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)},
   };
   for (const auto &rule : kRules) {
     const int error = seccomp_rule_add_array(filter, rule.action, rule.call, 1, &rule.condition);

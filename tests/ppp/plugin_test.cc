@@ -15,7 +15,11 @@
 
 extern "C" {
 #define MPPE
-#define class class_ /* pppd's headers are C, and have a field of this name */
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wkeyword-macro"
+#endif
+#define class class_ /* pppd's headers are C, have a field of this name */
+#define bool bool_   /* and make this one a type themselves */
 #include <pppd/pppd.h>
 // behind the header that they need
 #include <pppd/chap-new.h>
@@ -24,6 +28,7 @@ extern "C" {
 #include <pppd/ipcp.h>
 #include <pppd/lcp.h>
 #undef class
+#undef bool
 }
 
 namespace {

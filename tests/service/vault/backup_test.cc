@@ -305,11 +305,11 @@ TEST_F(RestoredVault, LeavesEverythingAsItWasWhenTheBackupIsRefused) {
   std::string damaged = backup;
   damaged[40000] = static_cast<char>(damaged[40000] ^ 1);
   const auto before = state_of(folder);
-  for (const auto &[content, passphrase] :
+  for (const auto &given :
        {std::pair(backup, "wrong"), {damaged, "passphrase"}, {backup.substr(0, 50000), "passphrase"}}) {
-    EXPECT_THAT(refusal_of([&] { restore(content, folder, passphrase); }), StartsWith("b: "));
+    EXPECT_THAT(refusal_of([&] { restore(given.first, folder, given.second); }), StartsWith("b: "));
     EXPECT_EQ(state_of(folder), before);
-    EXPECT_THAT(refusal_of([&] { restore(content, target, passphrase); }), StartsWith("b: "));
+    EXPECT_THAT(refusal_of([&] { restore(given.first, target, given.second); }), StartsWith("b: "));
     EXPECT_FALSE(std::filesystem::exists(target.vault()));
     EXPECT_FALSE(std::filesystem::exists(target.key()));
   }

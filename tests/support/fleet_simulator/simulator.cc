@@ -150,7 +150,7 @@ class Machine final : public Readers {
     std::optional<Core::Kept> kept;
     if (keeps && core && core->memory().is_filled() && core->readable_until()) {
       const Memory &memory = core->memory();
-      kept.emplace();
+      kept.emplace(Core::Kept{});
       kept->whole.state = memory.state();
       kept->whole.header = {
           .header = memory.header(), .hash = memory.hash(), .fleet = kFleet, .revision = 0, .key = memory.key_id()};
