@@ -7,10 +7,16 @@
 
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 namespace ksd {
 
 using Bytes = std::span<const uint8_t>;
+
+// bytes_of is a text's characters.
+inline Bytes bytes_of(std::string_view text) {
+  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
 
 }  // namespace ksd
 

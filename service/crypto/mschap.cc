@@ -30,10 +30,6 @@ struct Md4 {
 using Md4Digest = std::array<uint8_t, Md4::kDigestSize>;
 using Sha1Digest = std::array<uint8_t, Sha1::kDigestSize>;
 
-Bytes text(std::string_view characters) {
-  return {reinterpret_cast<const uint8_t *>(characters.data()), characters.size()};
-}
-
 // The challenge proper is the first 8 bytes of a digest of both ends' challenges.
 constexpr size_t kChallengeHashSize = 8;
 
@@ -85,10 +81,10 @@ void authenticator_response(const NtHash &password, Bytes nt_response, const Cha
   Cleansed<Md4Digest> hash_hash;
   hash_of_hash(password, hash_hash);
   Sha1Digest digest;
-  digest_of<Sha1>({hash_hash.value, nt_response, text("Magic server to client signing constant")}, digest.data());
+  digest_of<Sha1>({hash_hash.value, nt_response, bytes_of("Magic server to client signing constant")}, digest.data());
   const Sha1Digest challenge = challenge_hash(challenges);
   digest_of<Sha1>(
-      {digest, Bytes(challenge).first(kChallengeHashSize), text("Pad to make it do more than one iteration")},
+      {digest, Bytes(challenge).first(kChallengeHashSize), bytes_of("Pad to make it do more than one iteration")},
       digest.data());
   static constexpr char kDigits[] = "0123456789ABCDEF";
   *out++ = 'S';
@@ -124,7 +120,7 @@ void master_key(const NtHash &password, Bytes nt_response, uint8_t *out) {
   Cleansed<Md4Digest> hash_hash;
   hash_of_hash(password, hash_hash);
   Cleansed<Sha1Digest> digest;
-  digest_of<Sha1>({hash_hash.value, nt_response, text("This is the MPPE Master Key")}, digest.value.data());
+  digest_of<Sha1>({hash_hash.value, nt_response, bytes_of("This is the MPPE Master Key")}, digest.value.data());
   std::memcpy(out, digest.value.data(), kMasterKeySize);
 }
 

@@ -31,10 +31,6 @@ Written unhex(std::string_view digits) {
   return bytes;
 }
 
-Bytes text(std::string_view characters) {
-  return {reinterpret_cast<const uint8_t *>(characters.data()), characters.size()};
-}
-
 Written operator+(Written a, const Written &b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
@@ -97,7 +93,7 @@ Written des() {
 Written triple_des() {
   const Local<TripleDesKey> key(unhex("0123456789abcdef23456789abcdef01456789abcdef0123"));
   Written cipher(24), plain(24), equal(kDesBlockSize);
-  key->encrypt(text("The qufck brown fox jump"), cipher.data());
+  key->encrypt(bytes_of("The qufck brown fox jump"), cipher.data());
   key->decrypt(cipher, plain.data());
   Local<TripleDesKey>(unhex("01010101010101010101010101010101"))->encrypt(unhex("8000000000000000"), equal.data());
   return cipher + plain + equal;
@@ -107,8 +103,9 @@ Written triple_des() {
 template <typename Key>
 Written hmac() {
   Written first(Key::kDigestSize), second(Key::kDigestSize);
-  Local<Key>(text("Jefe"))->mac({text("what do ya want "), text("for nothing?")}, first.data());
-  Local<Key>(Written(80, 0xaa))->mac({text("Test Using Larger Than Block-Size Key - Hash Key First")}, second.data());
+  Local<Key>(bytes_of("Jefe"))->mac({bytes_of("what do ya want "), bytes_of("for nothing?")}, first.data());
+  Local<Key>(Written(80, 0xaa))
+      ->mac({bytes_of("Test Using Larger Than Block-Size Key - Hash Key First")}, second.data());
   return first + second;
 }
 
@@ -116,8 +113,8 @@ Written hmac() {
 template <typename Digest>
 Written digest(std::string_view longer) {
   Written first(Digest::kDigestSize), second(Digest::kDigestSize);
-  digest_of<Digest>({text("a"), text(""), text("bc")}, first.data());
-  digest_of<Digest>({text(longer)}, second.data());
+  digest_of<Digest>({bytes_of("a"), bytes_of(""), bytes_of("bc")}, first.data());
+  digest_of<Digest>({bytes_of(longer)}, second.data());
   return first + second;
 }
 
@@ -131,14 +128,14 @@ Written sha1() {
 
 // RFC 2759, section 9.2, and RFC 3079 have one user.
 const Local<NtHash> &client_password() {
-  static const Local<NtHash> hash(text("clientPass"));
+  static const Local<NtHash> hash(bytes_of("clientPass"));
   return hash;
 }
 
 const Challenges &challenges() {
   static const Written authenticator = unhex("5b5d7c7d7b3f2f3e3c2c602132262628");
   static const Written peer = unhex("21402324255e262a28295f2b3a337c7e");
-  static const Challenges both{.authenticator = authenticator, .peer = peer, .user_name = text("User")};
+  static const Challenges both{.authenticator = authenticator, .peer = peer, .user_name = bytes_of("User")};
   return both;
 }
 
@@ -166,7 +163,7 @@ Written master_key() {
 // password and its size.
 Written new_password() {
   Written block(kPasswordBlockSize);
-  if (!new_password_block(*client_password(), text("MyPw"), block.data())) return {};
+  if (!new_password_block(*client_password(), bytes_of("MyPw"), block.data())) return {};
   arcfour_ctx cipher;
   arcfour_set_key(&cipher, kNtHashSize, unhex("44ebba8d5312b8d611474411f56989ae").data());
   arcfour_crypt(&cipher, block.size(), block.data(), block.data());
@@ -176,7 +173,7 @@ Written new_password() {
 // Nor is one published for this; it has to open with the two DES keys of RFC 2759, section 9.3.
 Written old_hash() {
   Written block(kNtHashSize);
-  old_hash_block(*Local<NtHash>(text("MyPw")), *client_password(), block.data());
+  old_hash_block(*Local<NtHash>(bytes_of("MyPw")), *client_password(), block.data());
   Written plain(kNtHashSize);
   Local<DesKey>(unhex("fd0b5b5e7f6e34d9"))->decrypt(Bytes(block).first(8), plain.data());
   Local<DesKey>(unhex("0e6e796737ea08fe"))->decrypt(Bytes(block).last(8), plain.data() + 8);
@@ -187,7 +184,7 @@ Written old_hash() {
 Written t_prf() {
   Written secret(48);
   t_prf(*Local<HmacSha1Key>(unhex("0b97390f37517809811efd9c6e65942b632ce953893808ba360b037cd185e414")),
-        text("PAC to master secret label hash"),
+        bytes_of("PAC to master secret label hash"),
         unhex("3ffb11c46cbfa57a5440dae822d311d3f76de41dd933e5937097eba9b366f42a"
               "000000026a66432a8d14432cec582d2fc79c3364ba04ad3a5254d6a579ad1e00"),
         secret);

@@ -80,7 +80,7 @@ class Writer {
   void put(uint64_t value) { number(value); }
   void put(std::chrono::milliseconds time) { number(static_cast<uint64_t>(std::max<int64_t>(time.count(), 0))); }
   void put(fleet::Failure kind) { number(static_cast<uint8_t>(kind)); }
-  void put(const std::string &text) { put_bytes({reinterpret_cast<const uint8_t *>(text.data()), text.size()}); }
+  void put(const std::string &text) { put_bytes(bytes_of(text)); }
   void put(const std::vector<uint8_t> &value) { put_bytes(value); }
   void put_bytes(Bytes bytes) {
     number(static_cast<uint32_t>(bytes.size()));

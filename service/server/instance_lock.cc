@@ -4,24 +4,19 @@
 #include "server/instance_lock.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
+
+#include "base/refuse.h"
 
 namespace ksd::server {
 namespace {
 
 constexpr char kSuffix[] = ".lock";
-
-template <typename... Args>
-[[noreturn]] void refuse(fmt::format_string<Args...> format, Args &&...args) {
-  throw std::runtime_error(fmt::format(format, std::forward<Args>(args)...));
-}
 
 }  // namespace
 

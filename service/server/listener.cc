@@ -13,6 +13,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 
 namespace ksd::server {
@@ -22,17 +23,13 @@ namespace {
 // without end stands in the way of others for a few milliseconds at most. Those who find it full wait for room.
 constexpr int kQueue = 256;
 
-[[noreturn]] void fail(const std::string &path, const char *what) {
-  throw std::runtime_error(fmt::format("{}: {}: {}", path, what, std::strerror(errno)));
-}
-
 void remove_left_behind(const std::string &path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) < 0) return;
   if (!S_ISSOCK(status.st_mode)) {
-    throw std::runtime_error(fmt::format("{}: isn't a socket; remove it or name another place", path));
+    refuse("{}: isn't a socket; remove it or name another place", path);
   }
-  if (unlink(path.c_str()) < 0) fail(path, "can't remove the socket of an earlier service");
+  if (unlink(path.c_str()) < 0) refuse_by_errno(path, "can't remove the socket of an earlier service");
 }
 
 }  // namespace
@@ -66,15 +63,15 @@ UniqueFd listen_at(const std::string &path, const config::Config &config) {
   remove_left_behind(path);
 
   UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!socket) fail(path, "can't make a socket");
+  if (!socket) refuse_by_errno(path, "can't make a socket");
   const mode_t old_mask = umask(0777 & ~config.socket_mode);  // so that no moment has a wider mode
   const int bound = bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
   umask(old_mask);
-  if (bound < 0) fail(path, "can't bind the socket");
+  if (bound < 0) refuse_by_errno(path, "can't bind the socket");
   if (config.socket_group && chown(path.c_str(), static_cast<uid_t>(-1), *config.socket_group) < 0) {
-    fail(path, "can't give the socket to its group");
+    refuse_by_errno(path, "can't give the socket to its group");
   }
-  if (listen(socket.get(), kQueue) < 0) fail(path, "can't listen on the socket");
+  if (listen(socket.get(), kQueue) < 0) refuse_by_errno(path, "can't listen on the socket");
   return socket;
 }
 

@@ -4,37 +4,33 @@
 #include "server/state_page.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
+
+#include "base/refuse.h"
 
 namespace ksd::server {
 namespace {
 
-[[noreturn]] void fail(const std::string &path, const char *what) {
-  throw std::runtime_error(fmt::format("{}: {}: {}", path, what, std::strerror(errno)));
-}
-
 // The file may be there from an earlier service, mapped by clients: it is reused, never replaced or cut.
 UniqueFd open_page(const std::string &path) {
   UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (!file) fail(path, "can't open the state page");
+  if (!file) refuse_by_errno(path, "can't open the state page");
   struct stat status {};
-  if (fstat(file.get(), &status) < 0) fail(path, "can't look at the state page");
+  if (fstat(file.get(), &status) < 0) refuse_by_errno(path, "can't look at the state page");
   if (!S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
-    throw std::runtime_error(fmt::format("{}: isn't a file of this user; remove it", path));
+    refuse("{}: isn't a file of this user; remove it", path);
   }
-  if (fchmod(file.get(), 0644) < 0) fail(path, "can't let clients read the state page");
+  if (fchmod(file.get(), 0644) < 0) refuse_by_errno(path, "can't let clients read the state page");
   // Allocated now, also of a file that is large enough and has nothing in it: storing into a mapped file whose file
   // system is full would end the service.
   if (const int error = posix_fallocate(file.get(), 0, sizeof(HostStatePage)); error != 0) {
     errno = error;
-    fail(path, "there is no room for the state page");
+    refuse_by_errno(path, "there is no room for the state page");
   }
   return file;
 }
@@ -55,7 +51,7 @@ void store_gate(uint32_t (&words)[8], const std::bitset<256> &gate) {
 
 StatePage::StatePage(const std::string &socket_path) : file_(open_page(socket_path + HOST_STATE_SUFFIX)) {
   void *memory = mmap(nullptr, sizeof(HostStatePage), PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
-  if (memory == MAP_FAILED) fail(socket_path + HOST_STATE_SUFFIX, "can't map the state page");
+  if (memory == MAP_FAILED) refuse_by_errno(socket_path + HOST_STATE_SUFFIX, "can't map the state page");
   page_ = static_cast<HostStatePage *>(memory);
 }
 

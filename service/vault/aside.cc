@@ -18,7 +18,7 @@
 namespace ksd::vault {
 namespace {
 
-[[noreturn]] void refuse(const std::string &file) {
+[[noreturn]] void refuse_copy(const std::string &file) {
   const int error = errno;
   throw std::runtime_error(fmt::format("{}: can't be copied before a loss is accepted: {}; make room beside the vault",
                                        file, errno_text(error)));
@@ -38,7 +38,7 @@ std::string make_folder(const std::string &path) {
   for (int number = 1;; ++number) {
     std::string folder = fmt::format("{}-before-loss-{}", path, number);
     if (mkdir(folder.c_str(), 0700) == 0) return folder;
-    if (errno != EEXIST) refuse(path);
+    if (errno != EEXIST) refuse_copy(path);
   }
 }
 
@@ -50,9 +50,9 @@ std::string put_aside(const std::string &path, const std::vector<std::string> &f
     const UniqueFd from(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!from && errno == ENOENT) continue;
     const UniqueFd to = make_file(folder + "/" + file.substr(file.rfind('/') + 1));  // npos + 1 is 0
-    if (!from || !to || !copy(from.get(), to.get())) refuse(file);
+    if (!from || !to || !copy(from.get(), to.get())) refuse_copy(file);
   }
-  if (!sync_folder(folder) || !sync_folder(folder_of(path))) refuse(path);
+  if (!sync_folder(folder) || !sync_folder(folder_of(path))) refuse_copy(path);
   return folder;
 }
 

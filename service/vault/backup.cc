@@ -17,8 +17,8 @@
 namespace ksd::vault {
 namespace {
 
-constexpr std::array<uint8_t, 8> kMagic{'k', 's', 'b', 'a', 'c', 'k', 'u', 'p'};
-constexpr size_t kVersionOffset = kMagic.size();
+constexpr std::array<uint8_t, 8> kBackupMagic{'k', 's', 'b', 'a', 'c', 'k', 'u', 'p'};
+constexpr size_t kVersionOffset = kBackupMagic.size();
 
 constexpr size_t kHeadSize = 8 + sizeof(VaultId) + 8 + 8 + 8;  // time, vault, last id, last version, count
 constexpr size_t kEntryHeadSize = 8 + 4;                       // id, length
@@ -58,14 +58,14 @@ bool is_form(uint32_t version) {
 }  // namespace
 
 std::optional<PassphraseParameters> parameters_in(const BackupOpening &opening) {
-  if (!std::equal(kMagic.begin(), kMagic.end(), opening.begin())) return std::nullopt;
+  if (!std::equal(kBackupMagic.begin(), kBackupMagic.end(), opening.begin())) return std::nullopt;
   if (!is_form(get_little_endian<uint32_t>(&opening[kVersionOffset]))) return std::nullopt;
   return decode_parameters(std::span(opening).last<kParametersSize>());
 }
 
 BackupOpening encode_opening(const PassphraseParameters &parameters, BackupForm form) {
   BackupOpening opening;
-  std::copy(kMagic.begin(), kMagic.end(), opening.begin());
+  std::copy(kBackupMagic.begin(), kBackupMagic.end(), opening.begin());
   put_little_endian(opening.data() + kVersionOffset, static_cast<uint32_t>(form));
   const EncodedParameters encoded = encode_parameters(parameters);
   std::copy(encoded.begin(), encoded.end(), opening.end() - encoded.size());
@@ -172,7 +172,7 @@ BackupReader::BackupReader(int file, std::string path, const SecretBytes &key)
 
 PassphraseParameters BackupReader::read_opening() {
   constexpr char kNoBackup[] = "isn't a backup of ksd, or its beginning is damaged; give another file";
-  if (read(opening_) != opening_.size() || !std::equal(kMagic.begin(), kMagic.end(), opening_.begin())) {
+  if (read(opening_) != opening_.size() || !std::equal(kBackupMagic.begin(), kBackupMagic.end(), opening_.begin())) {
     refuse(kNoBackup);
   }
   const auto version = get_little_endian<uint32_t>(&opening_[kVersionOffset]);

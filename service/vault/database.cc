@@ -11,8 +11,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
-#include <stdexcept>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "vault/files.h"
 #include "vault/joined_log.h"
@@ -36,11 +36,6 @@ constexpr char kSchema[] =
 constexpr char kSchemaOfKeyChange[] =
     "CREATE TABLE key_change (only_row INTEGER PRIMARY KEY CHECK (only_row = 1), key_id BLOB NOT NULL,"
     "  sealed_key BLOB NOT NULL, moved INTEGER NOT NULL);";
-
-template <typename... Args>
-[[noreturn]] void fail(fmt::format_string<Args...> format, Args &&...args) {
-  throw std::runtime_error(fmt::format(format, std::forward<Args>(args)...));
-}
 
 int bind_bytes(sqlite3_stmt *statement, int place, std::span<const uint8_t> bytes) {
   return sqlite3_bind_blob64(statement, place, bytes.data(), bytes.size(), SQLITE_STATIC);
@@ -70,7 +65,7 @@ bool copy_exactly(std::span<const uint8_t> bytes, Id &out) {
 }  // namespace
 
 void refuse_damaged(const std::string &path, const std::string &what) {
-  fail(
+  ksd::refuse(
       "{}: the vault is damaged ({}); put a backup of vault, log and witness in its place, or move all three away to "
       "start with an empty one",
       path, what);
@@ -81,15 +76,16 @@ void Database::create(const std::string &path, const VaultIdentity &identity) {
   unlink(draft.c_str());
   unlink((draft + "-journal").c_str());
   if (!make_file(draft)) {
-    fail("{}: the vault can't be made: {}; give user {} a writable folder with room", path, errno_text(errno),
-         geteuid());
+    ksd::refuse("{}: the vault can't be made: {}; give user {} a writable folder with room", path, errno_text(errno),
+                geteuid());
   }
   Database(draft, SQLITE_OPEN_READWRITE, 0).make_schema(identity);
   const bool placed = link(draft.c_str(), path.c_str()) == 0 || errno == EEXIST;
   const int error = errno;
   unlink(draft.c_str());
   if (!placed || !sync_folder(folder_of(path))) {
-    fail("{}: the vault can't be made: {}; give it a folder on a local disk", path, errno_text(placed ? errno : error));
+    ksd::refuse("{}: the vault can't be made: {}; give it a folder on a local disk", path,
+                errno_text(placed ? errno : error));
   }
 }
 
@@ -153,7 +149,7 @@ void Database::check_schema() {
   }
   const int64_t version = number(prepare("PRAGMA user_version").get());
   if (version > kSchemaVersion) {
-    fail(
+    ksd::refuse(
         "{}: the vault has schema version {}, but this ksd knows them up to {} only; start the newer ksd that wrote it",
         path_, version, kSchemaVersion);
   }
@@ -340,13 +336,13 @@ std::string Database::error_text() const {
 }
 
 void Database::refuse(int error) const {
-  if (db_ == nullptr) fail("{}: the vault can't be opened: out of memory", path_);
-  if (is_full(error)) fail("{}: the disk of the vault is full; make room on it and start again", path_);
+  if (db_ == nullptr) ksd::refuse("{}: the vault can't be opened: out of memory", path_);
+  if (is_full(error)) ksd::refuse("{}: the disk of the vault is full; make room on it and start again", path_);
   const int cause = sqlite3_system_errno(db_.get());
   switch (error & 0xff) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
-      fail("{}: the vault is in use by another process; end that one first", path_);
+      ksd::refuse("{}: the vault is in use by another process; end that one first", path_);
     case SQLITE_NOTADB:
     case SQLITE_CORRUPT:
     case SQLITE_FORMAT:
@@ -356,11 +352,12 @@ void Database::refuse(int error) const {
       [[fallthrough]];
     case SQLITE_READONLY:
     case SQLITE_PERM:
-      fail("{}: the vault is read-only for user {}; make the file, its folder and its disk writable", path_, geteuid());
+      ksd::refuse("{}: the vault is read-only for user {}; make the file, its folder and its disk writable", path_,
+                  geteuid());
     default:
       break;
   }
-  fail("{}: the vault can't be used: {}; look at its disk and start again", path_, error_text());
+  ksd::refuse("{}: the vault can't be used: {}; look at its disk and start again", path_, error_text());
 }
 
 int Database::run(const char *sql) {

@@ -19,8 +19,8 @@
 namespace ksd::vault {
 namespace {
 
-constexpr size_t kHeaderSize = 32, kFrameHeaderSize = 24;
-constexpr uint32_t kMagic = 0x377f0682;  // the lowest bit says that checksums are over big-endian words
+constexpr size_t kLogHeaderSize = 32, kFrameHeaderSize = 24;
+constexpr uint32_t kLogMagic = 0x377f0682;  // the lowest bit says that checksums are over big-endian words
 
 uint32_t big_endian(const uint8_t *at) {
   return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];
@@ -59,8 +59,8 @@ class Reader {
   explicit Reader(int file) : file_(file) {}
 
   bool read_header() {
-    std::array<uint8_t, kHeaderSize> header;
-    if (!read(header, 0) || (big_endian(&header[0]) & ~1U) != kMagic) return false;
+    std::array<uint8_t, kLogHeaderSize> header;
+    if (!read(header, 0) || (big_endian(&header[0]) & ~1U) != kLogMagic) return false;
     big_endian_words_ = (big_endian(&header[0]) & 1) != 0;
     page_size_ = big_endian(&header[8]);
     std::copy_n(&header[16], salt_.size(), salt_.begin());
@@ -72,7 +72,7 @@ class Reader {
   }
 
   int64_t offset(int64_t number) const {
-    return static_cast<int64_t>(kHeaderSize) + number * static_cast<int64_t>(bytes_.size());
+    return static_cast<int64_t>(kLogHeaderSize) + number * static_cast<int64_t>(bytes_.size());
   }
 
   // next reads a frame, false at the end, and tells in `follows` whether it goes on from the one before.
@@ -126,7 +126,7 @@ LogFile examine_log(const std::string &path) {
   struct stat info {};
   if (!file || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return log;
   log.is_there = true;
-  log.holds_frames = info.st_size > static_cast<off_t>(kHeaderSize + kFrameHeaderSize);
+  log.holds_frames = info.st_size > static_cast<off_t>(kLogHeaderSize + kFrameHeaderSize);
   if (!log.holds_frames) return log;
   Reader reader(file.get());
   log.damage = reader.read_header() ? find_damage(reader) : "its beginning is damaged";

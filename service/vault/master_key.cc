@@ -4,25 +4,19 @@
 #include "vault/master_key.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <stdexcept>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "vault/files.h"
 #include "vault/seal.h"
 
 namespace ksd::vault {
 namespace {
-
-template <typename... Args>
-[[noreturn]] void refuse(fmt::format_string<Args...> format, Args &&...args) {
-  throw std::runtime_error(fmt::format(format, std::forward<Args>(args)...));
-}
 
 // read_content takes what the file holds straight into guarded memory.
 std::shared_ptr<const SecretBytes> read_content(int fd, const std::string &path) {

@@ -32,14 +32,14 @@ std::string base_name(const std::string &path) {
   return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
 }
 
-[[noreturn]] void refuse(const std::string &what) {
+[[noreturn]] void refuse_place(const std::string &what) {
   const int error = errno;
   throw std::runtime_error(
       fmt::format("{}: can't be put in its place: {}; look after its disk and folder", what, errno_text(error)));
 }
 
 void require(bool done, const std::string &what) {
-  if (!done) refuse(what);
+  if (!done) refuse_place(what);
 }
 
 void remove_draft(const std::string &path) {

@@ -17,8 +17,8 @@ constexpr std::string_view kFirstLine = "-----BEGIN KS MASTER KEY-----\n";
 constexpr std::string_view kLastLine = "-----END KS MASTER KEY-----\n";
 constexpr size_t kLineLength = 64;
 
-constexpr std::array<uint8_t, 4> kMagic{'k', 's', 'k', '1'};
-constexpr size_t kNonceAt = kMagic.size() + kParametersSize;
+constexpr std::array<uint8_t, 4> kKeyMagic{'k', 's', 'k', '1'};
+constexpr size_t kNonceAt = kKeyMagic.size() + kParametersSize;
 constexpr size_t kBoxAt = kNonceAt + crypto_secretbox_NONCEBYTES;
 constexpr size_t kSize = kBoxAt + crypto_secretbox_MACBYTES + kMasterKeySize;
 
@@ -33,17 +33,17 @@ std::optional<Sealed> sealed_in(std::string_view text) {
   size_t size = 0;
   const int wrong = sodium_base642bin(sealed.data(), sealed.size(), digits.data(), digits.size(), "\r\n \t", &size,
                                       nullptr, sodium_base64_VARIANT_ORIGINAL);
-  if (wrong != 0 || size != sealed.size() || !std::equal(kMagic.begin(), kMagic.end(), sealed.begin())) {
+  if (wrong != 0 || size != sealed.size() || !std::equal(kKeyMagic.begin(), kKeyMagic.end(), sealed.begin())) {
     return std::nullopt;
   }
   return sealed;
 }
 
 std::span<const uint8_t, kParametersSize> parameters_of(const Sealed &sealed) {
-  return std::span(sealed).subspan<kMagic.size(), kParametersSize>();
+  return std::span(sealed).subspan<kKeyMagic.size(), kParametersSize>();
 }
 
-std::shared_ptr<const SecretBytes> open(const Sealed &sealed, const SecretBytes &seal_key) {
+std::shared_ptr<const SecretBytes> open_with(const Sealed &sealed, const SecretBytes &seal_key) {
   const std::shared_ptr<SecretBytes> key = SecretBytes::allocate(kMasterKeySize);
   const bool opens = crypto_secretbox_open_easy(key->writable().data(), &sealed[kBoxAt], kSize - kBoxAt,
                                                 &sealed[kNonceAt], seal_key.bytes().data()) == 0;
@@ -59,9 +59,9 @@ KeySeal make_key_seal(Bytes passphrase, const PassphraseCost &cost) {
 
 std::string seal_key(const SecretBytes &master_key, const KeySeal &seal) {
   Sealed sealed;
-  std::copy(kMagic.begin(), kMagic.end(), sealed.begin());
+  std::copy(kKeyMagic.begin(), kKeyMagic.end(), sealed.begin());
   const EncodedParameters parameters = encode_parameters(seal.parameters);
-  std::copy(parameters.begin(), parameters.end(), sealed.begin() + kMagic.size());
+  std::copy(parameters.begin(), parameters.end(), sealed.begin() + kKeyMagic.size());
   randombytes_buf(&sealed[kNonceAt], crypto_secretbox_NONCEBYTES);
   crypto_secretbox_easy(&sealed[kBoxAt], master_key.bytes().data(), master_key.size(), &sealed[kNonceAt],
                         seal.key->bytes().data());
@@ -83,14 +83,14 @@ std::optional<OpenedKey> open_key(std::string_view text, Bytes passphrase) {
   const auto parameters = sealed ? decode_parameters(parameters_of(*sealed)) : std::nullopt;
   if (!parameters) return std::nullopt;
   KeySeal seal{*parameters, key_of_passphrase(passphrase, *parameters)};
-  std::shared_ptr<const SecretBytes> key = open(*sealed, *seal.key);
+  std::shared_ptr<const SecretBytes> key = open_with(*sealed, *seal.key);
   if (key == nullptr) return std::nullopt;
   return OpenedKey{std::move(key), std::move(seal)};
 }
 
 std::shared_ptr<const SecretBytes> open_key(std::string_view text, const KeySeal &seal) {
   const std::optional<Sealed> sealed = sealed_in(text);
-  return sealed ? open(*sealed, *seal.key) : nullptr;
+  return sealed ? open_with(*sealed, *seal.key) : nullptr;
 }
 
 }  // namespace ksd::vault

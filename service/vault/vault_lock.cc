@@ -4,15 +4,14 @@
 #include "vault/vault_lock.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
-#include <stdexcept>
 #include <thread>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "vault/files.h"
 
@@ -21,11 +20,6 @@ namespace {
 
 constexpr char kSuffix[] = "-lock";
 constexpr std::chrono::milliseconds kPause(10);
-
-template <typename... Args>
-[[noreturn]] void refuse(fmt::format_string<Args...> format, Args &&...args) {
-  throw std::runtime_error(fmt::format(format, std::forward<Args>(args)...));
-}
 
 [[noreturn]] void refuse_open(const std::string &vault_path, const std::string &path, int error) {
   switch (error) {
