@@ -209,7 +209,7 @@ void get_master_key(Service &service, const Request &request, Reply &reply) {
   crypto::master_key(*password, *response, reply.data_area(crypto::kMasterKeySize));
 }
 
-constexpr std::array kRows{
+constexpr std::array kCryptoRows{
     Row{KS_OP_GENERATE_NT_RESPONSE, "NT response", generate_nt_response},
     Row{KS_OP_GENERATE_AUTH_RESPONSE, "authenticator response", generate_authenticator_response},
     Row{KS_OP_NEW_PASSWORD_ENCRYPTED, "new password encrypted", encrypt_new_password},
@@ -232,7 +232,7 @@ constexpr std::array kRows{
 }  // namespace
 
 std::span<const Row> crypto_rows() {
-  return kRows;
+  return kCryptoRows;
 }
 
 }  // namespace ksd::handlers

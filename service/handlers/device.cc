@@ -73,7 +73,7 @@ void compact_firmware_memory(Service &service, const Request &, Reply &reply) {
   reply.result(service.store().compact());
 }
 
-constexpr std::array kRows{
+constexpr std::array kDeviceRows{
     Row{KS_OP_GENERATE_RANDOM, "random", random_numbers},
     Row{KS_OP_FW_VERSION_STATUS, "firmware version and status", firmware_version_and_status},
     Row{KS_OP_COMPACT_FW_MEMORY, "compaction", compact_firmware_memory, Work::kChange},
@@ -82,7 +82,7 @@ constexpr std::array kRows{
 }  // namespace
 
 std::span<const Row> device_rows() {
-  return kRows;
+  return kDeviceRows;
 }
 
 }  // namespace ksd::handlers

@@ -69,7 +69,7 @@ void pac_key_t_prf(Service &service, const Request &request, Reply &reply) {
   crypto::t_prf(*key, *label, *random, {reply.data_area(wanted), wanted});
 }
 
-constexpr std::array kRows{
+constexpr std::array kPacRows{
     Row{KS_OP_STORE_PAC, "store PAC", store_pac, Work::kChange},
     Row{KS_OP_PAC_EXISTS, "PAC exists", pac_exists},
     Row{KS_OP_PAC_KEY_T_PRF, "PAC key T-PRF", pac_key_t_prf},
@@ -78,7 +78,7 @@ constexpr std::array kRows{
 }  // namespace
 
 std::span<const Row> pac_rows() {
-  return kRows;
+  return kPacRows;
 }
 
 }  // namespace ksd::handlers

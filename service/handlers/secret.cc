@@ -114,7 +114,7 @@ void rename(Service &service, const Request &request, Reply &reply) {
   reply.result(service.store().rename(*old_name, *new_name));
 }
 
-constexpr std::array kRows{
+constexpr std::array kSecretRows{
     Row{KS_OP_STORE_SECRET, "store secret", store_secret, Work::kChange},
     Row{KS_OP_ADD_METADATA, "add metadata", add_metadata, Work::kChange},
     Row{KS_OP_CLEAR, "clear", clear, Work::kChange},
@@ -127,7 +127,7 @@ constexpr std::array kRows{
 }  // namespace
 
 std::span<const Row> secret_rows() {
-  return kRows;
+  return kSecretRows;
 }
 
 }  // namespace ksd::handlers

@@ -35,9 +35,9 @@ Object row_of(const Pac &pac) {
                                         {"state", state_of(pac)}};
 }
 
-constexpr Column kColumns[] = {{"a_id", "A-ID"},     {"a_id_text", "TEXT"},    {"type", "TYPE"},
-                               {"issuer", "ISSUER"}, {"identity", "IDENTITY"}, {"expires", "EXPIRES"},
-                               {"state", "STATE"}};
+constexpr Column kPacColumns[] = {{"a_id", "A-ID"},     {"a_id_text", "TEXT"},    {"type", "TYPE"},
+                                  {"issuer", "ISSUER"}, {"identity", "IDENTITY"}, {"expires", "EXPIRES"},
+                                  {"state", "STATE"}};
 
 void list(Session &session, const Arguments &) {
   start_library(session);
@@ -45,7 +45,7 @@ void list(Session &session, const Arguments &) {
   for (const Bytes &a_id : a_ids()) {
     if (const std::optional<Pac> pac = find_pac(a_id)) rows.emplace_back(row_of(*pac));
   }
-  session.output.table("pacs", kColumns, rows, "No PACs.");
+  session.output.table("pacs", kPacColumns, rows, "No PACs.");
 }
 
 const char *cached_in_words(Pac::Cached cached) {
@@ -106,7 +106,7 @@ void age_out(Session &session, const Arguments &arguments) {
     expired.emplace_back(row_of(*pac));
     if (!dry_run) removed += remove_pac(a_id) ? 1 : 0;
   }
-  if (dry_run) return session.output.table("expired", kColumns, expired, "No PAC has expired.");
+  if (dry_run) return session.output.table("expired", kPacColumns, expired, "No PAC has expired.");
   session.output.done(fmt::format("Removed {} of {} PACs.", removed, all.size()),
                       Object{{"removed", removed}, {"kept", all.size() - removed}});
 }

@@ -13,7 +13,7 @@ constexpr uint8_t kSecretTag = 0x30;
 constexpr uint8_t kPacTag = 0x31;
 constexpr size_t kMostAsked = 1024;  // requests of one connection that wait for their replies
 
-std::optional<HostWireHeader> header_of(Bytes datagram) {
+std::optional<HostWireHeader> header_of(ksd::Bytes datagram) {
   HostWireHeader header;
   if (datagram.size() < sizeof header) return std::nullopt;
   std::memcpy(&header, datagram.data(), sizeof header);
@@ -24,7 +24,7 @@ std::optional<HostWireHeader> header_of(Bytes datagram) {
 // Page is a datagram of which nothing is to be seen but what is shown.
 class Page {
  public:
-  explicit Page(Bytes datagram) : whole_(datagram), shown_(datagram.size(), kStruckOut) {}
+  explicit Page(ksd::Bytes datagram) : whole_(datagram), shown_(datagram.size(), kStruckOut) {}
 
   void show(size_t at, size_t size) {
     if (at > whole_.size() || size > whole_.size() - at) return;
@@ -53,7 +53,7 @@ class Page {
   Datagram take() { return std::move(shown_); }
 
  private:
-  Bytes whole_;
+  ksd::Bytes whole_;
   Datagram shown_;
 };
 
@@ -100,7 +100,7 @@ bool show_sections(Page &page, const Message &message) {
 
 }  // namespace
 
-Datagram Striker::request(Bytes datagram) {
+Datagram Striker::request(ksd::Bytes datagram) {
   Page page(datagram);
   const std::optional<HostWireHeader> header = header_of(datagram);
   if (!header) return page.take();
@@ -123,7 +123,7 @@ Datagram Striker::request(Bytes datagram) {
   return page.take();
 }
 
-Datagram Striker::reply(Bytes datagram) {
+Datagram Striker::reply(ksd::Bytes datagram) {
   Page page(datagram);
   const std::optional<HostWireHeader> header = header_of(datagram);
   if (!header) return page.take();

@@ -8,16 +8,15 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <span>
 #include <vector>
 
+#include "base/bytes.h"
 #include "host_wire.h"
 #include "messages.h"
 
 namespace ksctl {
 
 using Datagram = std::vector<uint8_t>;
-using Bytes = std::span<const uint8_t>;
 
 // What a byte that was struck out is replaced with.
 inline constexpr uint8_t kStruckOut = '*';
@@ -25,8 +24,8 @@ inline constexpr uint8_t kStruckOut = '*';
 // Striker goes along with one connection: what a reply holds, its request tells.
 class Striker {
  public:
-  Datagram request(Bytes datagram);
-  Datagram reply(Bytes datagram);
+  Datagram request(ksd::Bytes datagram);
+  Datagram reply(ksd::Bytes datagram);
 
  private:
   struct Asked {

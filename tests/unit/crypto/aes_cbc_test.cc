@@ -15,7 +15,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-struct Operation {
+struct AesCbcOperation {
   const char *name;
   KsResult (*run)(const char *, uint8_t *, const uint8_t *, uint16_t, uint8_t *);
   KsResult (*req)(const char *, const uint8_t *, const uint8_t *, uint16_t, KsSection *, KsAesCbcDescriptor *);
@@ -25,11 +25,11 @@ struct Operation {
 
 constexpr uint32_t kEncrypt = 66579;
 
-void PrintTo(const Operation &operation, std::ostream *out) {
+void PrintTo(const AesCbcOperation &operation, std::ostream *out) {
   *out << operation.name;
 }
 
-class AesCbc : public scripted::Test, public testing::WithParamInterface<Operation> {
+class AesCbc : public scripted::Test, public testing::WithParamInterface<AesCbcOperation> {
  protected:
   KsResult run(const std::string &name, size_t len = 16) {
     return GetParam().run(name.c_str(), iv.data(), input.data(), static_cast<uint16_t>(len), output.data());
@@ -41,10 +41,10 @@ class AesCbc : public scripted::Test, public testing::WithParamInterface<Operati
 };
 
 INSTANTIATE_TEST_SUITE_P(Operations, AesCbc,
-                         testing::Values(Operation{"AesCbcEncrypt", ks_aes_cbc_encrypt, ks_aes_cbc_encrypt_req,
-                                                   ks_aes_cbc_encrypt_resp, 66579},
-                                         Operation{"AesCbcDecrypt", ks_aes_cbc_decrypt, ks_aes_cbc_decrypt_req,
-                                                   ks_aes_cbc_decrypt_resp, 66580}),
+                         testing::Values(AesCbcOperation{"AesCbcEncrypt", ks_aes_cbc_encrypt, ks_aes_cbc_encrypt_req,
+                                                         ks_aes_cbc_encrypt_resp, 66579},
+                                         AesCbcOperation{"AesCbcDecrypt", ks_aes_cbc_decrypt, ks_aes_cbc_decrypt_req,
+                                                         ks_aes_cbc_decrypt_resp, 66580}),
                          [](const auto &param) { return param.param.name; });
 
 // DIFFERS(aes-argument-order)

@@ -14,7 +14,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-struct Operation {
+struct AesEcbOperation {
   const char *name;
   KsResult (*run)(const char *, const uint8_t *, uint8_t *, uint16_t);
   KsResult (*req)(const char *, const uint8_t *, uint16_t, KsSection *, KsAesDescriptor *);
@@ -22,11 +22,11 @@ struct Operation {
   uint32_t op;
 };
 
-void PrintTo(const Operation &operation, std::ostream *out) {
+void PrintTo(const AesEcbOperation &operation, std::ostream *out) {
   *out << operation.name;
 }
 
-class AesEcb : public scripted::Test, public testing::WithParamInterface<Operation> {
+class AesEcb : public scripted::Test, public testing::WithParamInterface<AesEcbOperation> {
  protected:
   KsResult run(const std::string &name, size_t len = 16) {
     return GetParam().run(name.c_str(), input.data(), output.data(), static_cast<uint16_t>(len));
@@ -38,8 +38,8 @@ class AesEcb : public scripted::Test, public testing::WithParamInterface<Operati
 
 INSTANTIATE_TEST_SUITE_P(
     Operations, AesEcb,
-    testing::Values(Operation{"AesEncrypt", ks_aes_encrypt, ks_aes_encrypt_req, ks_aes_encrypt_resp, 66577},
-                    Operation{"AesDecrypt", ks_aes_decrypt, ks_aes_decrypt_req, ks_aes_decrypt_resp, 66578}),
+    testing::Values(AesEcbOperation{"AesEncrypt", ks_aes_encrypt, ks_aes_encrypt_req, ks_aes_encrypt_resp, 66577},
+                    AesEcbOperation{"AesDecrypt", ks_aes_decrypt, ks_aes_decrypt_req, ks_aes_decrypt_resp, 66578}),
     [](const auto &param) { return param.param.name; });
 
 // DIFFERS(aes-wide-offset) DIFFERS(aes-argument-order)

@@ -18,17 +18,17 @@ using testing::IsEmpty;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-struct Operation {
+struct DesOperation {
   const char *name;
   KsResult (*run)(const char *, const uint8_t *, uint16_t, uint8_t *, uint16_t);
   uint32_t op;
 };
 
-void PrintTo(const Operation &operation, std::ostream *out) {
+void PrintTo(const DesOperation &operation, std::ostream *out) {
   *out << operation.name;
 }
 
-class Des : public scripted::Test, public testing::WithParamInterface<Operation> {
+class Des : public scripted::Test, public testing::WithParamInterface<DesOperation> {
  protected:
   Des() : output(1040, 0xee) { CaptureStderr(); }
   ~Des() override { dumped(); }
@@ -49,10 +49,10 @@ class Des : public scripted::Test, public testing::WithParamInterface<Operation>
 };
 
 INSTANTIATE_TEST_SUITE_P(Operations, Des,
-                         testing::Values(Operation{"DesEcbEncrypt", ks_des_ecb_encrypt, 66585},
-                                         Operation{"DesEcbDecrypt", ks_des_ecb_decrypt, 66586},
-                                         Operation{"TripleDesEcbEncrypt", ks_3des_ecb_encrypt, 66587},
-                                         Operation{"TripleDesEcbDecrypt", ks_3des_ecb_decrypt, 66588}),
+                         testing::Values(DesOperation{"DesEcbEncrypt", ks_des_ecb_encrypt, 66585},
+                                         DesOperation{"DesEcbDecrypt", ks_des_ecb_decrypt, 66586},
+                                         DesOperation{"TripleDesEcbEncrypt", ks_3des_ecb_encrypt, 66587},
+                                         DesOperation{"TripleDesEcbDecrypt", ks_3des_ecb_decrypt, 66588}),
                          [](const auto &param) { return param.param.name; });
 
 TEST_P(Des, SendsNameAndDataAndCopiesTheReply) {

@@ -14,20 +14,20 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-struct Operation {
+struct HashOperation {
   const char *name;
   KsResult (*run)(const char *, const uint8_t *, uint16_t, const uint8_t *, uint16_t, uint8_t *);
   uint32_t op;
   size_t digest_len;
 };
 
-void PrintTo(const Operation &operation, std::ostream *out) {
+void PrintTo(const HashOperation &operation, std::ostream *out) {
   *out << operation.name;
 }
 
 constexpr size_t kNameSize = 6;  // of "k1" on the wire
 
-class Hash : public scripted::Test, public testing::WithParamInterface<Operation> {
+class Hash : public scripted::Test, public testing::WithParamInterface<HashOperation> {
  protected:
   KsResult run(const char *name, size_t first_len, size_t second_len) {
     return GetParam().run(name, first.data(), static_cast<uint16_t>(first_len), second.data(),
@@ -42,8 +42,8 @@ class Hash : public scripted::Test, public testing::WithParamInterface<Operation
 };
 
 INSTANTIATE_TEST_SUITE_P(Operations, Hash,
-                         testing::Values(Operation{"Md5Hash", ks_md5_hash, 66583, 16},
-                                         Operation{"Sha1Hash", ks_sha1_hash, 66584, 20}),
+                         testing::Values(HashOperation{"Md5Hash", ks_md5_hash, 66583, 16},
+                                         HashOperation{"Sha1Hash", ks_sha1_hash, 66584, 20}),
                          [](const auto &param) { return param.param.name; });
 
 TEST_P(Hash, SendsNameAndBothPiecesAndCopiesTheDigest) {

@@ -21,7 +21,7 @@ KsResult for_pac(const char *name, const uint8_t *data, uint16_t len, uint8_t *o
                               output);
 }
 
-struct Operation {
+struct HmacOperation {
   const char *name;
   KsResult (*run)(const char *, const uint8_t *, uint16_t, uint8_t *);
   uint32_t op;
@@ -29,11 +29,11 @@ struct Operation {
   Bytes wire_name;  // of "k1"
 };
 
-void PrintTo(const Operation &operation, std::ostream *out) {
+void PrintTo(const HmacOperation &operation, std::ostream *out) {
   *out << operation.name;
 }
 
-class Hmac : public scripted::Test, public testing::WithParamInterface<Operation> {
+class Hmac : public scripted::Test, public testing::WithParamInterface<HmacOperation> {
  protected:
   KsResult run(const char *name = "k1", size_t len = 3) {
     return GetParam().run(name, data.data(), static_cast<uint16_t>(len), output.data());
@@ -46,9 +46,10 @@ class Hmac : public scripted::Test, public testing::WithParamInterface<Operation
 
 // DIFFERS(hmac-pac-tag)
 INSTANTIATE_TEST_SUITE_P(Operations, Hmac,
-                         testing::Values(Operation{"HmacMd5", ks_hmac_md5, 66581, 16, bytes("30 00 00 07 6b 31")},
-                                         Operation{"HmacSha1", ks_hmac_sha1, 66582, 20, bytes("30 00 00 07 6b 31")},
-                                         Operation{"HmacSha1ForPac", for_pac, 66582, 20, bytes("31 00 00 07 6b 31")}),
+                         testing::Values(HmacOperation{"HmacMd5", ks_hmac_md5, 66581, 16, bytes("30 00 00 07 6b 31")},
+                                         HmacOperation{"HmacSha1", ks_hmac_sha1, 66582, 20, bytes("30 00 00 07 6b 31")},
+                                         HmacOperation{"HmacSha1ForPac", for_pac, 66582, 20,
+                                                       bytes("31 00 00 07 6b 31")}),
                          [](const auto &param) { return param.param.name; });
 
 TEST_P(Hmac, SendsNameAndDataAndCopiesTheHmac) {

@@ -52,7 +52,7 @@ const Flow kUsualRelease = {"free meta", "free list[1]", "drop sent", "drop rece
 const Flow kReleaseOfUnknown = {"free list[1]", "drop sent", "drop received", "free meta"};
 const Flow kReleaseOfInfos = {"free meta"};
 
-std::vector<OpaqueDamage> damages() {
+std::vector<OpaqueDamage> opaque_damages() {
   const std::string own_word_for_unknown = "tlv->type is EAP_FAST_PAC_OPAQUE.";
   return {
       {{"two opaques", kOpaque + kOpaque, pac::kMultipleOpaques},
@@ -363,7 +363,7 @@ TEST_F(ReturnPacOpaque, ReleasesByTheKindOfDamageInTheKeystoresMetadata) {
   break_cache();
   int undropped = 0;
   std::vector<size_t> leaked;
-  for (const OpaqueDamage &damage : damages()) {
+  for (const OpaqueDamage &damage : opaque_damages()) {
     SCOPED_TRACE(damage.name);
     forget_reports();
     mts.reply_with(reply(damage.metadata));
@@ -388,7 +388,7 @@ TEST_F(ReturnPacOpaque, ReleasesByTheKindOfDamageInTheKeystoresMetadata) {
 
 TEST_F(ReturnPacOpaque, ReturnsThePacFromTheKeystoreWhenItsEntryIsDamaged) {
   open_cache();
-  for (const OpaqueDamage &damage : damages()) {
+  for (const OpaqueDamage &damage : opaque_damages()) {
     SCOPED_TRACE(damage.name);
     cache(damage.metadata);
     const auto before = sdb.entries;
@@ -402,7 +402,7 @@ TEST_F(ReturnPacOpaque, ReturnsThePacFromTheKeystoreWhenItsEntryIsDamaged) {
 
 // DIFFERS(opaque-walk-trace)
 TEST_F(CacheGetPacOpaque, ReportsEachTlvAndThenTheDamageTwice) {
-  for (const OpaqueDamage &damage : damages()) {
+  for (const OpaqueDamage &damage : opaque_damages()) {
     SCOPED_TRACE(damage.name);
     forget_reports();
     cache(damage.metadata);
