@@ -18,7 +18,7 @@ struct Overloaded : Visitors... {
   using Visitors::operator()...;
 };
 template <typename... Visitors>  // which Clang 14 doesn't deduce by itself
-Overloaded(Visitors...) -> Overloaded<Visitors...>;
+Overloaded(Visitors...)->Overloaded<Visitors...>;
 
 Json to_json(const Value &value) {
   return std::visit(Overloaded{[](std::monostate) -> Json { return nullptr; },
