@@ -3,11 +3,6 @@
 
 option(KS_LOTS "Compile tests, service and tools in lots: in half the time, but a whole lot again after a change" OFF)
 
-if(KS_LOTS AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # GCC spends a tenth of its time looking for memory to use again, which a machine that builds this has enough of.
-  add_compile_options("SHELL:--param ggc-min-heapsize=524288")
-endif()
-
 # ks_in_lots(TARGET [SOURCE...]): with KS_LOTS, eight files of the target are compiled as one, but for those that are
 # named, which have names of their own that others of the target have, too.
 function(ks_in_lots target)

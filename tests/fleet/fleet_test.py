@@ -103,6 +103,10 @@ class Fleet(unittest.TestCase):
       each.wait_for(wanted)
     self.assertEqual(self.one.names(), self.two.names())
     self.assertEqual(self.one.names(), self.three.names())
+    # Each change waited for a commit of its machine's; some of those found that another machine had come before.
+    counts = [each.status() for each in self.machines]
+    self.assertGreaterEqual(min(count["commits"] for count in counts), 10)
+    self.assertGreater(sum(count["lost"] for count in counts), 0)
 
   def test_goes_on_whichever_process_of_its_engine_dies(self):
     names = []

@@ -512,6 +512,7 @@ TEST_F(MirrorTest, NeverMakesAFleetAgainOverAStoreThatWasEmptied) {
   {
     const auto x = started();
     ASSERT_TRUE(x->wait_until_loaded(kSoon));
+    ASSERT_TRUE(eventually([&] { return x->status().fleet.has_value(); }));  // told a moment after the load
     EXPECT_EQ(read_belonging(without_mirror.belonging), x->status().fleet);
   }
   store.model.set_back(StoreModel());
