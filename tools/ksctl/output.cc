@@ -3,6 +3,8 @@
 
 #include "output.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -108,7 +110,9 @@ std::string padded(const std::string &text, size_t to, bool right) {
 void flatten(const std::string &prefix, const Value &value, std::vector<std::pair<std::string, std::string>> &lines) {
   const Object *object = std::get_if<Object>(&value.variant());
   if (object == nullptr) return lines.emplace_back(prefix, cell(value)), void();
-  for (const auto &[key, element] : *object) flatten(prefix.empty() ? key : prefix + "." + key, element, lines);
+  for (const auto &[key, element] : *object) {
+    flatten(prefix.empty() ? key : fmt::format("{}.{}", prefix, key), element, lines);
+  }
 }
 
 void print(const std::string &line) {
@@ -202,7 +206,8 @@ void Output::fields(const Object &object) {
   size_t widest = 0;
   for (const auto &[key, text] : lines) widest = std::max(widest, width(key));
   for (const auto &[key, text] : lines) {
-    print(format_ == Format::kPlain ? key + "\t" + text : strong(padded(key, widest, false)) + "  " + text);
+    print(format_ == Format::kPlain ? fmt::format("{}\t{}", key, text)
+                                    : fmt::format("{}  {}", strong(padded(key, widest, false)), text));
   }
 }
 

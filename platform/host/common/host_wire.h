@@ -414,17 +414,17 @@ typedef struct {
 #define HOST_LEAVE_EVEN_IF_ALIVE UINT32_C(1) /* also one that was heard lately */
 
 typedef struct {
-  uint32_t result;  /* KS_SUCCESS; KS_NOT_FOUND: no such machine; KS_INVALID_ARGS: something stands in the way;
-                       KS_BAD_KEY: another fingerprint; others as of a change */
+  uint32_t result; /* KS_SUCCESS; KS_NOT_FOUND: no such machine; KS_INVALID_ARGS: something stands in the way;
+                      KS_BAD_KEY: another fingerprint; others as of a change */
   char words[252]; /* what stands in the way; may be empty */
 } HostToldReply;
 
 KS_STATIC_ASSERT(sizeof(HostLeaveRequest) == 72);
 KS_STATIC_ASSERT(sizeof(HostToldReply) == 256);
 
-/* HOST_OP_FLEET_CHANGE_KEY begins a change of the fleet's master key, or gives the next key to machines that haven't got
- * it. Its payload is the fingerprint of the fleet's machines, 16 bytes; HostToldReply answers it. HostFleetKeysReply
- * answers HOST_OP_FLEET_KEYS, whose request has no payload. */
+/* HOST_OP_FLEET_CHANGE_KEY begins a change of the fleet's master key, or gives the next key to machines that haven't
+ * got it. Its payload is the fingerprint of the fleet's machines, 16 bytes; HostToldReply answers it.
+ * HostFleetKeysReply answers HOST_OP_FLEET_KEYS, whose request has no payload. */
 typedef struct {
   uint32_t result; /* KS_SUCCESS */
   uint32_t flags;  /* HOST_FLEET_KEYS_... */
