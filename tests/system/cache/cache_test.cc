@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 
 #include "ks_api.h"
@@ -174,22 +173,25 @@ TEST_F(Cache, ShowsEightProcessesAtOnceNoTornEntry) {
 
 // Alters every copy of `bytes` in the database's files, as a fault of the disk would. Returns how many there were.
 int alter_in_files(const std::string &folder, const Bytes &bytes, const Bytes &altered) {
-  constexpr size_t kUsed = 2 << 20;  // eight processes at once, in the test before, may leave it that large
   int found = 0;
   for (const auto &entry : std::filesystem::directory_iterator(folder)) {
     if (entry.path().extension() != ".mdb") continue;
-    std::fstream file(entry.path(), std::ios::binary | std::ios::in | std::ios::out);
-    std::string content(kUsed, '\0');  // the file itself is as large as the database may grow
-    file.read(content.data(), kUsed);
-    file.clear();
-    const auto same = [](char left, uint8_t right) { return static_cast<uint8_t>(left) == right; };
-    for (auto at = content.begin();; ++at) {
-      at = std::search(at, content.end(), bytes.begin(), bytes.end(), same);
-      if (at == content.end()) break;
-      file.seekp(at - content.begin());
-      file.write(reinterpret_cast<const char *>(altered.data()), static_cast<std::streamsize>(altered.size()));
-      ++found;
+    const int fd = open(entry.path().c_str(), O_RDWR | O_CLOEXEC);
+    // The file is as large as the database may grow, and a hole for the most part.
+    off_t end = 0;
+    for (off_t begin = 0; (begin = lseek(fd, end, SEEK_DATA)) >= 0;) {
+      end = lseek(fd, begin, SEEK_HOLE);
+      Bytes content(static_cast<size_t>(end - begin));
+      if (pread(fd, content.data(), content.size(), begin) != end - begin) abort();
+      for (auto at = content.begin();; ++at) {
+        at = std::search(at, content.end(), bytes.begin(), bytes.end());
+        if (at == content.end()) break;
+        const off_t place = begin + (at - content.begin());
+        if (pwrite(fd, altered.data(), altered.size(), place) != static_cast<ssize_t>(altered.size())) abort();
+        ++found;
+      }
     }
+    close(fd);
   }
   return found;
 }
