@@ -5,14 +5,13 @@
 
 #include <sodium.h>
 
-#include <stdexcept>
-
 #include "base/log.h"
+#include "base/refuse.h"
 
 namespace ksd::crypto {
 
 AlgorithmSet start() {
-  if (sodium_init() < 0) throw std::runtime_error("libsodium can't be started: is there a system random generator?");
+  if (sodium_init() < 0) refuse("libsodium can't be started: is there a system random generator?");
   const AlgorithmSet passed = self_test();
   for (size_t i = 0; i < passed.size(); ++i) {
     if (passed[i]) continue;

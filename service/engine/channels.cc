@@ -4,7 +4,6 @@
 #include "engine/channels.h"
 
 #include <arpa/inet.h>
-#include <fmt/format.h>
 #include <grpcpp/create_channel.h>
 #include <grpcpp/support/channel_arguments.h>
 #include <spdlog/spdlog.h>
@@ -13,8 +12,9 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 #include <utility>
+
+#include "base/refuse.h"
 
 namespace ksd::engine {
 namespace {
@@ -24,8 +24,7 @@ std::string read_file(const std::string &path) {
   std::ifstream file(path, std::ios::binary);
   std::ostringstream text;
   if (!file || !(text << file.rdbuf())) {
-    throw std::runtime_error(
-        fmt::format("{}: {}; the engine's user has to be able to read it", path, std::strerror(errno ? errno : EIO)));
+    refuse("{}: {}; the engine's user has to be able to read it", path, std::strerror(errno ? errno : EIO));
   }
   return text.str();
 }
@@ -64,7 +63,7 @@ grpc::ChannelArguments arguments() {
 
 Channels::Channels(const link::Start &start) : start_(start) {
   for (const std::string &endpoint : start.endpoints) members_.push_back({target_of(endpoint), {}});
-  if (members_.empty()) throw std::runtime_error("there are no endpoints");
+  if (members_.empty()) refuse("there are no endpoints");
   if (has_tls()) files_ = read_files();
   credentials_ = has_tls() ? grpc::SslCredentials({files_.ca, files_.key, files_.certificate})
                            : grpc::InsecureChannelCredentials();

@@ -4,14 +4,13 @@
 #include "fleet/belonging.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <stdexcept>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "vault/files.h"
 
@@ -35,10 +34,10 @@ std::optional<FleetId> read_belonging(const std::string &path) {
       sodium_hex2bin(fleet.data(), fleet.size(), text.data(), kTextSize - 1, nullptr, &bytes, nullptr) == 0 &&
       bytes == fleet.size();
   if (!good) {
-    throw std::runtime_error(
-        fmt::format("{}: doesn't say which fleet this machine belongs to; put the file back, or remove it to take the "
-                    "one that the store holds",
-                    path));
+    refuse(
+        "{}: doesn't say which fleet this machine belongs to; put the file back, or remove it to take the "
+        "one that the store holds",
+        path);
   }
   return fleet;
 }
@@ -55,10 +54,10 @@ void write_belonging(const std::string &path, const FleetId &fleet) {
   if (done) return;
   const int error = errno;
   unlink(draft.c_str());
-  throw std::runtime_error(
-      fmt::format("{}: which fleet this machine belongs to can't be written there: {}; make room, "
-                  "and the folder writable for user {}",
-                  path, vault::errno_text(error), geteuid()));
+  refuse(
+      "{}: which fleet this machine belongs to can't be written there: {}; make room, "
+      "and the folder writable for user {}",
+      path, vault::errno_text(error), geteuid());
 }
 
 }  // namespace ksd::fleet

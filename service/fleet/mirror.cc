@@ -4,18 +4,17 @@
 #include "fleet/mirror.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <ctime>
 #include <set>
-#include <stdexcept>
 
 #include "base/fd.h"
 #include "base/little_endian.h"
 #include "base/log.h"
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "fleet/clock.h"
 #include "vault/files.h"
@@ -53,7 +52,7 @@ uint64_t milliseconds(Time time) {
 
 Mirror::Mirror(std::string path, KeyPtr master_key, const KeyPtr &next_key, const std::optional<FleetId> &fleet)
     : path_(std::move(path)), master_key_(std::move(master_key)) {
-  if (const auto why = why_others_may_replace(path_)) throw std::runtime_error(fmt::format("{}: {}", path_, *why));
+  if (const auto why = why_others_may_replace(path_)) refuse("{}: {}", path_, *why);
   key_followed_ = master_key_;
   if (!vault::file_exists(path_)) return;
   database_ = std::make_unique<vault::Database>(path_);
@@ -64,8 +63,7 @@ Mirror::Mirror(std::string path, KeyPtr master_key, const KeyPtr &next_key, cons
                       : fleet && identity.vault_id != *fleet            ? "fleet"
                                                                         : nullptr;
   if (other != nullptr) {
-    throw std::runtime_error(
-        fmt::format("{}: is the mirror of another {}; move it away to load all from the fleet", path_, other));
+    refuse("{}: is the mirror of another {}; move it away to load all from the fleet", path_, other);
   }
   fleet_ = identity.vault_id;
   sealer_.emplace(*master_key_, *fleet_);
@@ -88,15 +86,15 @@ Mirror::~Mirror() {
 
 std::optional<Core::Kept> Mirror::load(Memory &memory) {
   if (!database_) return std::nullopt;
-  const auto refuse = [this] {
-    throw std::runtime_error(fmt::format("{}: the mirror is damaged; move it away to load all from the fleet", path_));
+  const auto refuse_damaged = [this] {
+    refuse("{}: the mirror is damaged; move it away to load all from the fleet", path_);
   };
   const vault::VaultIdentity identity = database_->identity();
   const std::shared_ptr<const SecretBytes> plain = sealer_->open(RecordKind::kMirror, 0, identity.sealed_header);
-  if (plain == nullptr || plain->size() < kHeader) refuse();
+  if (plain == nullptr || plain->size() < kHeader) refuse_damaged();
   const uint8_t *state = plain->bytes().data();
   std::optional<FleetHeader> header = decode_header(plain->bytes().subspan(kHeader));
-  if (!header) refuse();
+  if (!header) refuse_damaged();
   OpenedHeader opened{
       .header = std::move(*header), .hash = {}, .fleet = *fleet_, .revision = 0, .key = identity.key_id};
   std::copy_n(state + kHash, opened.hash.size(), opened.hash.begin());
@@ -108,7 +106,7 @@ std::optional<Core::Kept> Mirror::load(Memory &memory) {
                   .mod_revision = 0}});
   });
   std::optional<Memory::Whole> whole = loading.finish(opened);
-  if (!whole) refuse();
+  if (!whole) refuse_damaged();
 
   // In the same run of the kernel its clock tells how long ago that was. Otherwise, and where the whole machine was put
   // back to an earlier state, the time of day does, as far as it can be believed: it never makes the copy younger than
@@ -241,7 +239,7 @@ void Mirror::write(const Due &due, Time as_of) {
     if (key != master_key_ && !database_->end_key_change(key_id)) return false;
     return database_->put_header(state);
   });
-  if (failed) throw std::runtime_error(fmt::format("{}: the mirror can't be written: {}", path_, failed->text));
+  if (failed) refuse("{}: the mirror can't be written: {}", path_, failed->text);
   if (due.header) {
     header_ = header;
     hash_ = hash;

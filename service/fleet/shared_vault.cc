@@ -16,6 +16,7 @@
 #include <stdexcept>
 
 #include "base/log.h"
+#include "base/refuse.h"
 #include "fleet/belonging.h"
 #include "fleet/clock.h"
 
@@ -125,7 +126,7 @@ SharedVault::SharedVault(SharedOptions options, std::unique_ptr<Engine> engine)
       key_in_place_(options_.master_key),
       limits_(options_.limits),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (!wake_) throw std::runtime_error("there are no descriptors left for a store that is shared; raise the limit");
+  if (!wake_) refuse("there are no descriptors left for a store that is shared; raise the limit");
   begin();
   worker_ = std::thread([this] { work(); });
 }

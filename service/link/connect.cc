@@ -4,7 +4,6 @@
 #include "link/connect.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,15 +12,15 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
 
+#include "base/refuse.h"
 #include "link/pass.h"
 
 namespace ksd::link {
 namespace {
 
-std::runtime_error failed(const std::string &what) {
-  return std::runtime_error(fmt::format("{}: {}", what, std::strerror(errno)));
+[[noreturn]] void refuse_for_errno(const std::string &what) {
+  refuse("{}: {}", what, std::strerror(errno));
 }
 
 struct Pair {
@@ -31,7 +30,7 @@ struct Pair {
 // Only our end is one that doesn't block.
 Pair make_pair_of(int type) {
   int ends[2];
-  if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends) < 0) throw failed("socketpair");
+  if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends) < 0) refuse_for_errno("socketpair");
   Pair pair{UniqueFd(ends[0]), UniqueFd(ends[1])};
   fcntl(pair.ours.get(), F_SETFL, O_NONBLOCK);
   return pair;
@@ -51,31 +50,31 @@ Pair make_pair_of(int type) {
 }  // namespace
 
 Connect connect_at(std::string path) {
-  if (path.size() >= sizeof(sockaddr_un{}.sun_path)) throw std::runtime_error(path + ": too long for a socket");
+  if (path.size() >= sizeof(sockaddr_un{}.sun_path)) refuse("{}: too long for a socket", path);
   return [path = std::move(path)] {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
     UniqueFd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!connection || connect(connection.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) < 0) {
-      throw failed(path);
+      refuse_for_errno(path);
     }
     return connection;
   };
 }
 
 Connect start_engines(const std::string &program) {
-  if (access(program.c_str(), X_OK) < 0) throw failed(program);
+  if (access(program.c_str(), X_OK) < 0) refuse_for_errno(program);
   Pair control = make_pair_of(SOCK_SEQPACKET);
   signal(SIGCHLD, SIG_IGN);  // nobody waits for it
   const pid_t child = fork();
-  if (child < 0) throw failed("fork");
+  if (child < 0) refuse_for_errno("fork");
   if (child == 0) become(program.c_str(), control.others.get());
   return [control = std::make_shared<UniqueFd>(std::move(control.ours)), program] {
     Pair connection = make_pair_of(SOCK_STREAM);
     if (!pass(control->get(), connection.others.get())) {
-      if (errno == EAGAIN) throw failed(program);
-      throw std::runtime_error(program + ": no process is left that starts engines; restart the service");
+      if (errno == EAGAIN) refuse_for_errno(program);
+      refuse("{}: no process is left that starts engines; restart the service", program);
     }
     return std::move(connection.ours);
   };

@@ -20,9 +20,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
 
 #include "base/read_secret.h"
+#include "base/refuse.h"
 #include "base/timespec.h"
 #include "base/trust.h"
 #include "config/layers.h"
@@ -100,12 +100,10 @@ std::shared_ptr<const SecretBytes> read_passphrase(int fd) {
   if (fd < 0) return nullptr;
   const ReadSecret line = read_secret(fd, kMost, SecretEnd::kEndOfLine);
   if (line.error != 0) {
-    throw std::runtime_error(
-        fmt::format("--passphrase-fd: descriptor {}: {}; open it for reading", fd, std::strerror(line.error)));
+    refuse("--passphrase-fd: descriptor {}: {}; open it for reading", fd, std::strerror(line.error));
   }
   if (line.secret == nullptr || line.secret->size() == 0) {
-    throw std::runtime_error(
-        fmt::format("--passphrase-fd: descriptor {} gives no passphrase of 1 to {} bytes", fd, kMost));
+    refuse("--passphrase-fd: descriptor {} gives no passphrase of 1 to {} bytes", fd, kMost);
   }
   return line.secret;
 }
@@ -201,7 +199,7 @@ class Daemon {
       make_socket_folder(socket_path_);
     }
     if (const auto why = why_others_may_write(folder_of(socket_path_))) {
-      throw std::runtime_error(fmt::format("the folder of the socket isn't safe: {}", *why));
+      refuse("the folder of the socket isn't safe: {}", *why);
     }
     // Before there is any thread, so that all of them are confined.
     vault::make_folders(vault_options(config));

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "base/log.h"
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "fleet/belonging.h"
 #include "link/engine_link.h"
@@ -91,8 +92,7 @@ link::Connect find_engine() {
   const std::string path = named != nullptr ? named : KSD_ENGINE_PROGRAM;
   struct stat status {};
   if (stat(path.c_str(), &status) < 0) {
-    throw std::runtime_error(
-        fmt::format("[shared] needs the engine, which isn't at {}; install the package ksd-shared", path));
+    refuse("[shared] needs the engine, which isn't at {}; install the package ksd-shared", path);
   }
   return S_ISSOCK(status.st_mode) ? link::connect_at(path) : link::start_engines(path);
 }
@@ -117,13 +117,13 @@ std::unique_ptr<fleet::SharedVault> open_shared_vault(const config::Shared &shar
   shared_options.mirror = shared.mirror;
   shared_options.belonging = belonging_file(shared, master);
   if (shared_options.belonging.empty() && shared.create) {
-    throw std::runtime_error(
+    refuse(
         "[shared] create = true: there is no place to remember the fleet that is made; name a mirror, or keep the "
         "master key in a file");
   }
   if (!shared_options.belonging.empty()) {
     if (const auto why = why_others_may_replace(shared_options.belonging)) {
-      throw std::runtime_error(fmt::format("{}: {}", shared_options.belonging, *why));
+      refuse("{}: {}", shared_options.belonging, *why);
     }
     shared_options.fleet = fleet::read_belonging(shared_options.belonging);
   }

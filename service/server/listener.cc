@@ -3,7 +3,6 @@
 
 #include "server/listener.h"
 
-#include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,7 +10,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 
 #include "base/refuse.h"
 #include "base/trust.h"
@@ -38,7 +36,7 @@ std::string socket_path_of(int socket) {
   sockaddr_un address{};
   socklen_t size = sizeof address;
   if (getsockname(socket, reinterpret_cast<sockaddr *>(&address), &size) < 0 || address.sun_path[0] != '/') {
-    throw std::runtime_error("the socket that was passed has no absolute path");
+    refuse("the socket that was passed has no absolute path");
   }
   return address.sun_path;
 }
@@ -46,18 +44,17 @@ std::string socket_path_of(int socket) {
 void make_socket_folder(const std::string &socket_path) {
   const std::string folder = folder_of(socket_path);
   if (mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST) return;
-  throw std::runtime_error(fmt::format(
+  refuse(
       "{}: can't make the folder of the socket: {}; make it for user {}, or name another socket with --socket "
       "(ks-session gives any user a service of their own)",
-      folder, std::strerror(errno), geteuid()));
+      folder, std::strerror(errno), geteuid());
 }
 
 UniqueFd listen_at(const std::string &path, const config::Config &config) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
-    throw std::runtime_error(
-        fmt::format("{}: too long for a socket; {} bytes are possible", path, sizeof address.sun_path - 1));
+    refuse("{}: too long for a socket; {} bytes are possible", path, sizeof address.sun_path - 1);
   }
   path.copy(address.sun_path, sizeof address.sun_path);
   remove_left_behind(path);

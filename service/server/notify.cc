@@ -16,7 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <stdexcept>
+
+#include "base/refuse.h"
 
 namespace ksd::server {
 namespace {
@@ -97,14 +98,14 @@ std::optional<UniqueFd> passed_socket() {
   const std::string count = take_variable("LISTEN_FDS");
   take_variable("LISTEN_FDNAMES");
   if (count.empty() || pid != std::to_string(getpid())) return std::nullopt;
-  if (count != "1") throw std::runtime_error(fmt::format("{} sockets were passed; pass one", count));
+  if (count != "1") refuse("{} sockets were passed; pass one", count);
   UniqueFd socket(kFirstPassed);
   fcntl(socket.get(), F_SETFD, FD_CLOEXEC);
   const bool usable = socket_option(socket.get(), SO_DOMAIN) == AF_UNIX &&
                       socket_option(socket.get(), SO_TYPE) == SOCK_SEQPACKET &&
                       socket_option(socket.get(), SO_ACCEPTCONN) == 1;
   if (!usable) {
-    throw std::runtime_error(
+    refuse(
         "the socket that was passed isn't a listening Unix socket of sequential packets; use ListenSequentialPacket=");
   }
   return socket;

@@ -18,10 +18,10 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
 
 #include "base/fd.h"
 #include "base/log.h"
+#include "base/refuse.h"
 
 namespace ksd::server {
 namespace {
@@ -187,7 +187,7 @@ WhyNot confine_calls() {
 
 void confine(config::Sandbox sandbox, const FileNeeds &needs) {
   if (!kIsConfined && sandbox == config::Sandbox::kRequired) {
-    throw std::runtime_error("this build, for tests, has no sandbox");
+    refuse("this build, for tests, has no sandbox");
   }
   if (!kIsConfined || sandbox == config::Sandbox::kOff) return;
   // A kernel that has no guard of execution is served by the filter alone.
@@ -196,7 +196,7 @@ void confine(config::Sandbox sandbox, const FileNeeds &needs) {
   for (const WhyNot &why : {may_narrow ? WhyNot() : failed("no_new_privs"), confine_files(needs), confine_calls()}) {
     if (why.empty()) continue;
     if (sandbox == config::Sandbox::kRequired) {
-      throw std::runtime_error(fmt::format("the sandbox is required, but {}", why));
+      refuse("the sandbox is required, but {}", why);
     }
     tell(event::kSandboxIncomplete, "a part of the sandbox isn't there: {}", why);
   }

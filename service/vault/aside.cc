@@ -10,8 +10,8 @@
 
 #include <array>
 #include <cerrno>
-#include <stdexcept>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "vault/files.h"
 
@@ -20,8 +20,7 @@ namespace {
 
 [[noreturn]] void refuse_copy(const std::string &file) {
   const int error = errno;
-  throw std::runtime_error(fmt::format("{}: can't be copied before a loss is accepted: {}; make room beside the vault",
-                                       file, errno_text(error)));
+  refuse("{}: can't be copied before a loss is accepted: {}; make room beside the vault", file, errno_text(error));
 }
 
 bool copy(int from, int to) {

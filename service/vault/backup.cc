@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 
 #include "base/little_endian.h"
+#include "base/refuse.h"
 #include "vault/files.h"
 
 namespace ksd::vault {
@@ -300,7 +300,7 @@ size_t BackupReader::read(std::span<uint8_t> to) {
 }
 
 void BackupReader::refuse(const std::string &what) const {
-  throw std::runtime_error(fmt::format("{}: {}", path_, what));
+  ksd::refuse("{}: {}", path_, what);
 }
 
 void BackupReader::refuse_damaged() const {

@@ -4,12 +4,11 @@
 #include "vault/files.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <stdexcept>
 #include <system_error>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 
 namespace ksd::vault {
@@ -35,7 +34,7 @@ bool sync_folder(const std::string &folder) {
 }
 
 void refuse_what_others_may_write(const std::string &path) {
-  if (const auto why = why_others_may_replace(path)) throw std::runtime_error(fmt::format("{}: {}", path, *why));
+  if (const auto why = why_others_may_replace(path)) refuse("{}: {}", path, *why);
 }
 
 std::string errno_text(int error) {

@@ -6,7 +6,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <stdexcept>
+
+#include "base/refuse.h"
 
 namespace ksd::vault {
 namespace {
@@ -41,15 +42,15 @@ Keys keys_of(const std::string &path, const VaultIdentity &identity, const Maste
   }
   if (change && at_hand == change->key_id) {
     if (change->moved == kAllMoved) return {sealer, master.key, kAllMoved};
-    throw std::runtime_error(
-        fmt::format("{}: the vault is on its way to the master key in {}, and not all of it has moved; start once more "
-                    "with the key that it had",
-                    path, master.path));
+    refuse(
+        "{}: the vault is on its way to the master key in {}, and not all of it has moved; start once more "
+        "with the key that it had",
+        path, master.path);
   }
-  throw std::runtime_error(
-      fmt::format("{}: the vault belongs to another master key than the one in {}; give the service the key that the "
-                  "vault was made with",
-                  path, master.path));
+  refuse(
+      "{}: the vault belongs to another master key than the one in {}; give the service the key that the "
+      "vault was made with",
+      path, master.path);
 }
 
 Header open_header(const std::string &path, const VaultIdentity &identity, const Keys &keys) {

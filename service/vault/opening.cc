@@ -6,10 +6,10 @@
 
 #include <algorithm>
 #include <optional>
-#include <stdexcept>
 #include <unordered_set>
 
 #include "base/log.h"
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "base/vault_endings.h"
 #include "vault/aside.h"
@@ -37,9 +37,8 @@ void begin(Writer &writer, const Header &header) {
   const std::optional<WriteFailure> failed = writer.begin(header);
   if (!failed) return;
   if (failed->code != KS_STORE_FULL) {
-    throw std::runtime_error(
-        fmt::format("{}: the vault can't be written: {}; make the file, its folder and its disk writable",
-                    writer.path(), failed->text));
+    refuse("{}: the vault can't be written: {}; make the file, its folder and its disk writable", writer.path(),
+           failed->text);
   }
   tell(event::kDiskFull, "{}: the disk of the vault is full: changes are refused, reads go on; make room on it",
        writer.path());
@@ -51,8 +50,7 @@ void refuse_taken_witness(const VaultOptions &options, const std::string &witnes
   for (const std::string_view ending : kVaultEndings) taken.push_back(options.path + std::string(ending));
   for (const std::string &path : taken) {
     if (path != witness && !is_same_file(path, witness)) continue;
-    throw std::runtime_error(
-        fmt::format("{}: can't be the vault's witness: it is the file {}; name another one", witness, path));
+    refuse("{}: can't be the vault's witness: it is the file {}; name another one", witness, path);
   }
 }
 
@@ -71,10 +69,10 @@ void keep_from_others(const std::string &path) {
 void refuse_without_vault(const std::string &path, const std::string &log, const std::string &witness) {
   for (const auto &[what, left] : {std::pair("log", log), std::pair("witness", witness)}) {
     if (!file_exists(left)) continue;
-    throw std::runtime_error(
-        fmt::format("{}: the vault is gone, but its {} {} is there; put the vault back, or move the {} away as well to "
-                    "start with an empty one",
-                    path, what, left, what));
+    refuse(
+        "{}: the vault is gone, but its {} {} is there; put the vault back, or move the {} away as well to "
+        "start with an empty one",
+        path, what, left, what);
   }
 }
 
@@ -115,10 +113,10 @@ class Losses {
   void found(const std::string &file, const std::string &what) {
     const std::string line = fmt::format("{}: {}; what was acknowledged may be missing", file, what);
     if (!options_.accept_loss) {
-      throw std::runtime_error(
-          fmt::format("{}. Put vault, log and witness back together, or start once with --accept-loss, which copies "
-                      "them and goes on with what is whole",
-                      line));
+      refuse(
+          "{}. Put vault, log and witness back together, or start once with --accept-loss, which copies "
+          "them and goes on with what is whole",
+          line);
     }
     tell(event::kLossAccepted, "{}. This loss is accepted", line);
     if (accepted_) return;
@@ -232,7 +230,7 @@ Examined examine(
     Found &found, const VaultOptions &options,
     const std::function<void(const RowPtr &)> &visit = [](const RowPtr &) {}) {
   if (!found.is_there()) {
-    throw std::runtime_error(fmt::format("{}: there is no vault; name the one that is meant", options.path));
+    refuse("{}: there is no vault; name the one that is meant", options.path);
   }
   PositionCheck positions(options.path);
   found.read(found.read_key(), [&] {
@@ -277,7 +275,7 @@ int migrate_vault(const VaultOptions &options) {
   Found found(options);
   const int version = examine(found, options).schema_version;
   const auto failed = found.database->transaction([&] { return found.database->migrate(); });
-  if (failed) throw std::runtime_error(fmt::format("{}: {}; the vault is as it was", options.path, failed->text));
+  if (failed) refuse("{}: {}; the vault is as it was", options.path, failed->text);
   found.leave();
   return version;
 }

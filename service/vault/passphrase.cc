@@ -3,12 +3,10 @@
 
 #include "vault/passphrase.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <stdexcept>
 
 #include "base/little_endian.h"
+#include "base/refuse.h"
 
 namespace ksd::vault {
 namespace {
@@ -52,8 +50,8 @@ std::shared_ptr<const SecretBytes> key_of_passphrase(Bytes passphrase, const Pas
                                             parameters.salt.data(), parameters.cost.passes,
                                             size_t{parameters.cost.kibibytes} * 1024, crypto_pwhash_ALG_ARGON2ID13);
   if (failed != 0) {
-    throw std::runtime_error(fmt::format("there is no memory to make a key of the passphrase, which takes {} MiB",
-                                         (parameters.cost.kibibytes + 1023) / 1024));
+    refuse("there is no memory to make a key of the passphrase, which takes {} MiB",
+           (parameters.cost.kibibytes + 1023) / 1024);
   }
   return key;
 }

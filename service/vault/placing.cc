@@ -11,8 +11,8 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <stdexcept>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "vault/files.h"
 
@@ -34,8 +34,7 @@ std::string base_name(const std::string &path) {
 
 [[noreturn]] void refuse_place(const std::string &what) {
   const int error = errno;
-  throw std::runtime_error(
-      fmt::format("{}: can't be put in its place: {}; look after its disk and folder", what, errno_text(error)));
+  refuse("{}: can't be put in its place: {}; look after its disk and folder", what, errno_text(error));
 }
 
 void require(bool done, const std::string &what) {
@@ -105,8 +104,7 @@ NewVault::NewVault(const std::string &path)
     : path_(path), folder_(draft_of(path)), vault_(folder_ + "/" + base_name(path)) {
   remove_draft(path_);  // of a restore that was cut short
   if (mkdir(folder_.c_str(), 0700) != 0) {
-    throw std::runtime_error(
-        fmt::format("{}: can't be made: {}; the new vault is made there first", folder_, errno_text(errno)));
+    refuse("{}: can't be made: {}; the new vault is made there first", folder_, errno_text(errno));
   }
 }
 
@@ -123,8 +121,7 @@ std::string NewVault::place() {
 
 std::string finish_placing(const std::string &path) {
   if (!file_exists(ready_of(path))) return {};
-  if (const auto why = why_others_may_write(ready_of(path)))
-    throw std::runtime_error(fmt::format("{}: {}", path, *why));
+  if (const auto why = why_others_may_write(ready_of(path))) refuse("{}: {}", path, *why);
   return Placing(path).finish();
 }
 

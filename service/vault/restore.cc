@@ -3,13 +3,12 @@
 
 #include "vault/restore.h"
 
-#include <fmt/format.h>
 #include <sodium.h>
 
 #include <optional>
-#include <stdexcept>
 #include <vector>
 
+#include "base/refuse.h"
 #include "base/trust.h"
 #include "vault/database.h"
 #include "vault/files.h"
@@ -25,7 +24,7 @@ constexpr size_t kRowsAtOnce = 1024;  // in one transaction
 constexpr size_t kBytesAtOnce = 1 << 20;
 
 void require(const std::string &path, const std::optional<WriteFailure> &failed) {
-  if (failed) throw std::runtime_error(fmt::format("{}: can't be written: {}; make room for it", path, failed->text));
+  if (failed) refuse("{}: can't be written: {}; make room for it", path, failed->text);
 }
 
 // Batch is some rows on their way into the new vault, so that not each of them waits for the disk.
@@ -104,8 +103,7 @@ Keys check(const std::string &path, const MasterKey &master, const BackupContent
 
 void make_witness(const std::string &path, const Keys &keys, uint64_t version) {
   if (const int error = Witness(path, keys).set_up(version)) {
-    throw std::runtime_error(
-        fmt::format("{}: the witness can't be written: {}; look after its folder", path, errno_text(error)));
+    refuse("{}: the witness can't be written: {}; look after its folder", path, errno_text(error));
   }
 }
 

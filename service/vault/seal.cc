@@ -5,15 +5,15 @@
 
 #include <algorithm>
 #include <new>
-#include <stdexcept>
 #include <string_view>
 
 #include "base/little_endian.h"
+#include "base/refuse.h"
 
 namespace ksd::vault {
 
 void start_sodium() {
-  if (sodium_init() < 0) throw std::runtime_error("libsodium doesn't start; the system generator may be missing");
+  if (sodium_init() < 0) refuse("libsodium doesn't start; the system generator may be missing");
 }
 namespace {
 
