@@ -669,6 +669,7 @@ void Core::attempt_more() {
     }
   }
   if (queue_.empty()) return;
+  // {}: Clang 14 has no emplace() for a nested class with default member initializers.
   Attempt &attempt = attempt_.emplace(Attempt{});
   attempt.incarnation = memory_.header().incarnation;
   attempt.version = memory_.header().version;

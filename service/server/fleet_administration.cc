@@ -10,6 +10,7 @@
 #include <cstring>
 #include <unordered_set>
 
+#include "base/refuse.h"
 #include "host_wire.h"
 #include "server/administration.h"
 #include "server/text_fields.h"
@@ -89,6 +90,7 @@ void Administration::fleet_import(const Asked &asked) {
   std::vector<HostFleetName> names;
   try {
     size_t unnamed = 0;
+    // {}: Clang 14 has no emplace() for a nested class with default member initializers.
     FleetSession::Import &import = asked.sessions.fleet.import.emplace(FleetSession::Import{});
     import.taken = *taken;
     import.rows = fleet_->of_fleet(vault::read_vault(options), unnamed);
@@ -166,6 +168,7 @@ void Administration::fleet_restore(const Asked &asked) {
   told.incarnation = status.incarnation;
   if (wanted.step == HOST_RESTORE_BEGIN) {
     if (!session.begin(fleet_work_)) return asked.reply.result(KS_TIMEOUT);
+    // {}: Clang 14 has no emplace() for a nested class with default member initializers.
     FleetSession::Restore &restore = session.restore.emplace(FleetSession::Restore{});
     session.restored_by = fleet_;
     restore.size = wanted.size;
@@ -216,11 +219,11 @@ void Administration::read_backup(FleetSession::Restore &restore, HostFleetRestor
     const auto named = contents.owners.find(row->owner);
     ours->owner = named == contents.owners.end() ? fleet_->owner_of_user(row->owner) : fleet_->owner_of(named->second);
     const bool is_free = names.insert(row->name).second && (!row->alias || names.insert(*row->alias).second);
-    if (!is_free) throw std::runtime_error("the backup has two entries of one name; give another one");
+    if (!is_free) refuse("the backup has two entries of one name; give another one");
     restore.wanted.rows.push_back(std::move(ours));
   }
   if (restore.wanted.rows.size() > UINT16_MAX) {
-    throw std::runtime_error(fmt::format("the backup has more entries than the {} that a fleet can have", UINT16_MAX));
+    refuse("the backup has more entries than the {} that a fleet can have", UINT16_MAX);
   }
   restore.wanted.last_id = contents.last_id;
   restore.wanted.last_version = contents.last_version;

@@ -12,6 +12,7 @@
 #include <array>
 
 #include "administration.h"
+#include "base/bytes.h"
 #include "command.h"
 #include "fingerprint.h"
 #include "fleet_keys.h"
@@ -99,7 +100,7 @@ void compare(const Arguments &arguments, const std::string &fingerprint, const c
 void write_line(const std::string &path, const std::string &line) {
   constexpr mode_t kForAll = 0644;  // whoever carries it is another user
   GrowingFile file(path, kForAll);
-  file.write(std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
+  file.write(ksd::bytes_of(line));
   file.keep();
 }
 

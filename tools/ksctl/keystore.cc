@@ -243,8 +243,4 @@ std::string text(std::span<const uint8_t> bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
-std::span<const uint8_t> bytes_of(const std::string &text) {
-  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
-}
-
 }  // namespace ksctl

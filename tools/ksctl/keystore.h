@@ -86,7 +86,6 @@ bool unhex(std::string_view digits, std::span<uint8_t> out);
 std::string utc(uint32_t seconds);
 
 std::string text(std::span<const uint8_t> bytes);
-std::span<const uint8_t> bytes_of(const std::string &text);
 
 }  // namespace ksctl
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/bytes.h"
 #include "failure.h"
 #include "keystore.h"
 
@@ -188,8 +189,8 @@ uint16_t type_of(const KeylessPac &pac) {
 std::string text_of(const KeylessPac &pac) {
   std::string text = fmt::format("START\nPAC-Type={}\nPAC-Opaque={}\nPAC-Info={}\nA-ID={}\n", type_of(pac),
                                  hex(pac.parts.opaque), hex(pac.parts.info), hex(pac.a_id));
-  if (pac.info.identity) text += fmt::format("I-ID={}\n", hex(bytes_of(*pac.info.identity)));
-  if (pac.info.issuer) text += fmt::format("A-ID-Info={}\n", hex(bytes_of(*pac.info.issuer)));
+  if (pac.info.identity) text += fmt::format("I-ID={}\n", hex(ksd::bytes_of(*pac.info.identity)));
+  if (pac.info.issuer) text += fmt::format("A-ID-Info={}\n", hex(ksd::bytes_of(*pac.info.issuer)));
   return text + "END\n";
 }
 

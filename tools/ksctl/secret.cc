@@ -4,6 +4,7 @@
 // secret.cc: the caller's secrets. No message returns one, so none is ever printed.
 #include <fmt/format.h>
 
+#include "base/bytes.h"
 #include "command.h"
 #include "keystore.h"
 #include "library.h"
@@ -29,7 +30,7 @@ Failure no_such_secret(const std::string &name) {
 }
 
 Object named(const std::string &name) {
-  return {{"name", name}, {"name_hex", hex(bytes_of(name))}};
+  return {{"name", name}, {"name_hex", hex(ksd::bytes_of(name))}};
 }
 
 // What is given as metadata, if any is.
@@ -120,7 +121,7 @@ void rename(Session &session, const Arguments &arguments) {
   }
   require(result, from);
   session.output.done(fmt::format("Renamed {} to {}.", from, to),
-                      named(to) + Object{{"old_name", from}, {"old_name_hex", hex(bytes_of(from))}});
+                      named(to) + Object{{"old_name", from}, {"old_name_hex", hex(ksd::bytes_of(from))}});
 }
 
 void remove(Session &session, const Arguments &arguments) {

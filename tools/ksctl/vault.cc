@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "administration.h"
+#include "base/bytes.h"
 #include "command.h"
 #include "growing_file.h"
 #include "progress.h"
@@ -248,7 +249,7 @@ void export_key(Session &session, const Arguments &arguments) {
   const Secret passphrase =
       read_passphrase(arguments.descriptor("--passphrase-fd"), "Passphrase for the exported key", true);
   const std::string text = vault::seal_key(*master.key, vault::make_key_seal(passphrase->bytes(), cost_of(arguments)));
-  file.write(std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
+  file.write(ksd::bytes_of(text));
   file.keep();
   session.output.done(fmt::format("{}: the master key, sealed under the passphrase", path), Object{{"file", path}});
 }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <set>
 
+#include "base/bytes.h"
 #include "fleet_simulator/checker.h"
 #include "fleet_simulator/engine_model.h"
 
@@ -91,10 +92,6 @@ EntryName entry_of(const std::string &name) {
   return {.tag = KS_NAME_TAG_SECRET, .vdc_id = 7, .name = name};
 }
 
-Bytes bytes_of(const std::string &text) {
-  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
-}
-
 // Machine is one machine through its lives.
 class Machine final : public Readers {
  public:
@@ -150,6 +147,7 @@ class Machine final : public Readers {
     std::optional<Core::Kept> kept;
     if (keeps && core && core->memory().is_filled() && core->readable_until()) {
       const Memory &memory = core->memory();
+      // {}: Clang 14 has no emplace() for a nested class with default member initializers.
       kept.emplace(Core::Kept{});
       kept->whole.state = memory.state();
       kept->whole.header = {
