@@ -3,19 +3,19 @@
 
 #include "server/channels.h"
 
-#include <fmt/format.h>
 #include <sys/epoll.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <new>
-#include <stdexcept>
+
+#include "base/refuse.h"
 
 namespace ksd::server {
 
 Channels::Channels() : watched_(epoll_create1(EPOLL_CLOEXEC)) {
-  if (!watched_) throw std::runtime_error(fmt::format("can't watch connections: {}", std::strerror(errno)));
+  if (!watched_) refuse("can't watch connections: {}", std::strerror(errno));
 }
 
 void Channels::enter(int socket, Channel &channel, uint32_t limit, std::optional<Seat> &out_seat) noexcept {
@@ -55,7 +55,8 @@ bool Channels::end_those_left() noexcept {
   std::array<epoll_event, 64> events{};
   const int count = epoll_wait(watched_.get(), events.data(), events.size(), 0);
   for (int i = 0; i < count; ++i) {
-    const auto entry = entries_.find(events[static_cast<size_t>(i)].data.u64);
+    const uint64_t id = events[static_cast<size_t>(i)].data.u64;  // a copy: the kernel's structure is packed
+    const auto entry = entries_.find(id);
     if (entry == entries_.end() || entry->second.ending) continue;
     entry->second.ending = true;
     ++ending_;
