@@ -426,9 +426,11 @@ class Site:
 
   def configure(self):
     plain = "-O0 -DNDEBUG"
+    # Clang takes half of GCC's time, and its linker a fraction of the usual one's.
+    linker = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld"] if shutil.which("ld.lld") else []
     with open(self.log, "wb") as log:
-      status = run(["cmake", "-S", str(self.tree), "-B", str(self.build), "-G", "Ninja",
-                    "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DCMAKE_C_FLAGS_RELWITHDEBINFO={plain}",
+      status = run(["cmake", "--fresh", "-S", str(self.tree), "-B", str(self.build), "-G", "Ninja", *linker,
+                    "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++", "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DCMAKE_C_FLAGS_RELWITHDEBINFO={plain}",
                     f"-DCMAKE_CXX_FLAGS_RELWITHDEBINFO={plain}", "-DCMAKE_C_FLAGS=-w", "-DCMAKE_CXX_FLAGS=-w",
                     "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"], 600, stdout=log,
                    stderr=log, env=self.environment)
