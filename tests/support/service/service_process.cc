@@ -78,6 +78,7 @@ struct Child {
     if (errors >= 0) dup2(errors, STDERR_FILENO);
     if (passed == 3) fcntl(passed, F_SETFD, 0);
     if (passed >= 0) dup2(passed, 3);
+    heed_signals();
     execvpe(argv[0], argv.data(), envp.data());
     _exit(127);
   }
@@ -273,6 +274,10 @@ int wait_for(pid_t pid) {
     if (errno != EINTR) fail("waitpid");
   }
   return status_of(status);
+}
+
+void heed_signals() noexcept {
+  for (const int ignored : {SIGINT, SIGQUIT, SIGHUP}) ::signal(ignored, SIG_DFL);
 }
 
 pid_t start_as(uid_t uid, gid_t gid, const std::function<int()> &body) {

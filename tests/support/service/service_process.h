@@ -115,6 +115,10 @@ ProgramRun run_ksd(const std::vector<std::string> &arguments);
 // wait_for waits for the end of a child and returns its exit status, or the signal that ended it, below 0.
 int wait_for(pid_t pid);
 
+// heed_signals is for a child on its way to be a program: what a shell runs in the background, or by nohup, ignores
+// interruptions, and so would all that a test starts there.
+void heed_signals() noexcept;
+
 // start_as runs `body` in a child of that user and group with no further groups; its result is the child's exit status.
 // For tests of several users, which need root. The caller has one thread: in the child of more, a sanitizer's allocator
 // may wait for ever for a lock that a thread held which isn't there any more.

@@ -20,6 +20,7 @@
 #include "base/fd.h"
 #include "fail.h"
 #include "ksctl.h"
+#include "service/service_process.h"
 
 namespace ks_test {
 
@@ -41,6 +42,7 @@ class Terminal {
     pid_ = fork();
     if (pid_ < 0) fail("fork");
     if (pid_ != 0) return;
+    ks_test::heed_signals();
     if (login_tty(screen) == 0) execv(kKsctl, words.data());
     _exit(127);
   }
