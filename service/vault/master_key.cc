@@ -109,7 +109,9 @@ MasterKey read_master_key(const KeySource &source, bool may_create) {
   if (!fd && errno == ENOENT) {
     refuse("{}: the master key isn't there, but the vault that it opens is; put the key back", path);
   }
-  if (!fd) refuse("{}: the master key can't be opened: {}", path, errno_text(errno));
+  if (!fd) {
+    refuse("{}: the master key can't be opened: {}; make it readable for user {}", path, errno_text(errno), geteuid());
+  }
   MasterKey master = key_in(read_key_file(fd, path, from_credentials), path, passphrase);
   master.is_credential = from_credentials;
   return master;

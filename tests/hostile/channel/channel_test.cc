@@ -388,6 +388,7 @@ TEST(HostileChannel, IsTakenBackWhenTheClientGoesOnWithoutIt) {
 }
 
 TEST(HostileChannel, LeavesNoDescriptorWithTheService) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, as the service lets nobody else look into it";
   ServiceProcess service(setup_with(""));
   const auto open_files = [&] {
     const std::filesystem::directory_iterator files("/proc/" + std::to_string(service.pid()) + "/fd");

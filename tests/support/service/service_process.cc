@@ -284,7 +284,10 @@ pid_t start_as(uid_t uid, gid_t gid, const std::function<int()> &body) {
   const pid_t pid = fork();
   if (pid < 0) fail("fork");
   if (pid == 0) {
-    if (setgroups(0, nullptr) < 0 || setresgid(gid, gid, gid) < 0 || setresuid(uid, uid, uid) < 0) _exit(126);
+    const bool is_another = geteuid() == 0 || uid != geteuid() || gid != getegid();
+    if (is_another && (setgroups(0, nullptr) < 0 || setresgid(gid, gid, gid) < 0 || setresuid(uid, uid, uid) < 0)) {
+      _exit(126);
+    }
     try {
       _exit(body());
     } catch (const std::exception &error) {

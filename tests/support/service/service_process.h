@@ -120,8 +120,8 @@ int wait_for(pid_t pid);
 void heed_signals() noexcept;
 
 // start_as runs `body` in a child of that user and group with no further groups; its result is the child's exit status.
-// For tests of several users, which need root. The caller has one thread: in the child of more, a sanitizer's allocator
-// may wait for ever for a lock that a thread held which isn't there any more.
+// For tests of several users, which need root; the test's own user needs nothing. The caller has one thread: in the
+// child of more, a sanitizer's allocator may wait for ever for a lock that a thread held which isn't there any more.
 pid_t start_as(uid_t uid, gid_t gid, const std::function<int()> &body);
 
 // run_as is start_as and wait_for.

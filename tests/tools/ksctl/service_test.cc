@@ -278,8 +278,11 @@ TEST(KsctlTop, LeavesTheTerminalAsItWasWhenTheServiceGoes) {
 TEST(KsctlConfigCheck, FindsWhatTheDaemonsOwnCheckFinds) {
   const ks_test::TemporaryFolder folder;
   const std::string file = folder.path() + "/ksd.toml";
+  // Where nothing but what each says is wrong, whoever the test's user is.
+  const std::string in_folder =
+      "[service]\nsocket = \"" + folder.path() + "/s\"\nmaster_key_file = \"" + folder.path() + "/key\"\n";
   for (const std::string &config :
-       {std::string("[service]\nport = 1\n"), "[service]\nvault = \"" + folder.path() + "\"\n",
+       {std::string("[service]\nport = 1\n"), in_folder + "vault = \"" + folder.path() + "\"\n",
         "[service]\nvault = \"" + folder.path() + "/none/vault.db\"\nmaster_key_file = \"" + file + "\"\n",
         std::string("[limits]\nentries = 4\nentries_per_user = 5\n")}) {
     std::ofstream(file) << config;
