@@ -279,11 +279,11 @@ TEST(KsctlConfigCheck, FindsWhatTheDaemonsOwnCheckFinds) {
   const ks_test::TemporaryFolder folder;
   const std::string file = folder.path() + "/ksd.toml";
   // Where nothing but what each says is wrong, whoever the test's user is.
-  const std::string in_folder =
-      "[service]\nsocket = \"" + folder.path() + "/s\"\nmaster_key_file = \"" + folder.path() + "/key\"\n";
+  const std::string own_socket = "[service]\nsocket = \"" + folder.path() + "/s\"\n";
+  const std::string own_key = "master_key_file = \"" + folder.path() + "/key\"\n";
   for (const std::string &config :
-       {std::string("[service]\nport = 1\n"), in_folder + "vault = \"" + folder.path() + "\"\n",
-        "[service]\nvault = \"" + folder.path() + "/none/vault.db\"\nmaster_key_file = \"" + file + "\"\n",
+       {std::string("[service]\nport = 1\n"), own_socket + own_key + "vault = \"" + folder.path() + "\"\n",
+        own_socket + "vault = \"" + folder.path() + "/none/vault.db\"\nmaster_key_file = \"" + file + "\"\n",
         std::string("[limits]\nentries = 4\nentries_per_user = 5\n")}) {
     std::ofstream(file) << config;
     const ProgramRun daemon = ks_test::run_ksd({"--check", "--config", file});
