@@ -287,12 +287,13 @@ TEST(MemoryGuard, EndsATouchOfMemoryThatIsGoneAndNotTheProcess) {
   ASSERT_NE(memory, MAP_FAILED);
   ASSERT_EQ(ftruncate(file.get(), 0), 0);
   std::vector<uint8_t> buffer(kRoom);
+  const std::vector<uint8_t> largest(sizeof HostChannel::reply_area);
 
   Channel channel(static_cast<HostChannel *>(memory));
 
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(channel.wait(buffer, std::nullopt).came, Came::kNonsense);
-    EXPECT_FALSE(channel.reply(buffer));
+    EXPECT_FALSE(channel.reply(largest));
     EXPECT_FALSE(channel.reply_on_socket());
     channel.end();
   }
