@@ -129,6 +129,8 @@ class Cluster:
 
   def pause(self, member):
     self.processes[member].send_signal(signal.SIGSTOP)
+    # Until one thread of it has met the signal, the others go on answering.
+    os.waitid(os.P_PID, self.processes[member].pid, os.WSTOPPED)
 
   def resume(self, member):
     self.processes[member].send_signal(signal.SIGCONT)

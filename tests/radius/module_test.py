@@ -374,6 +374,7 @@ class Module(unittest.TestCase):
           keystore.put("vpn-User", PASSWORD.encode())
           self.assert_accepted(ask(server, "silent", request())[0])
           keystore.process.send_signal(signal.SIGSTOP)
+          os.waitid(os.P_PID, keystore.process.pid, os.WSTOPPED)  # until then it may go on answering
           self.assertIsNone(ask(server, "silent", request(), wait=2)[0].code)
           self.assertTrue(server.wait_for("can't tell whether the password is right: .*(?i:time)"), server.log())
           keystore.process.send_signal(signal.SIGCONT)
