@@ -22,6 +22,9 @@ template <typename... Args>
 }
 
 // refuse_by_errno tells what the kernel said.
+[[noreturn]] inline void refuse_by_errno(const std::string &what) {
+  refuse("{}: {}", what, std::strerror(errno));
+}
 [[noreturn]] inline void refuse_by_errno(const std::string &path, const char *what) {
   const int error = errno;
   refuse("{}: {}: {}", path, what, std::strerror(error));

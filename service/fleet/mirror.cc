@@ -15,7 +15,6 @@
 #include "base/little_endian.h"
 #include "base/log.h"
 #include "base/refuse.h"
-#include "base/trust.h"
 #include "fleet/clock.h"
 #include "vault/files.h"
 
@@ -52,7 +51,7 @@ uint64_t milliseconds(Time time) {
 
 Mirror::Mirror(std::string path, KeyPtr master_key, const KeyPtr &next_key, const std::optional<FleetId> &fleet)
     : path_(std::move(path)), master_key_(std::move(master_key)) {
-  if (const auto why = why_others_may_replace(path_)) refuse("{}: {}", path_, *why);
+  vault::refuse_what_others_may_write(path_);
   key_followed_ = master_key_;
   if (!vault::file_exists(path_)) return;
   database_ = std::make_unique<vault::Database>(path_);

@@ -19,10 +19,6 @@
 namespace ksd::link {
 namespace {
 
-[[noreturn]] void refuse_for_errno(const std::string &what) {
-  refuse("{}: {}", what, std::strerror(errno));
-}
-
 struct Pair {
   UniqueFd ours, others;
 };
@@ -30,7 +26,7 @@ struct Pair {
 // Only our end is one that doesn't block.
 Pair make_pair_of(int type) {
   int ends[2];
-  if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends) < 0) refuse_for_errno("socketpair");
+  if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends) < 0) refuse_by_errno("socketpair");
   Pair pair{UniqueFd(ends[0]), UniqueFd(ends[1])};
   fcntl(pair.ours.get(), F_SETFL, O_NONBLOCK);
   return pair;
@@ -57,23 +53,23 @@ Connect connect_at(std::string path) {
     std::memcpy(address.sun_path, path.data(), path.size());
     UniqueFd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!connection || connect(connection.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) < 0) {
-      refuse_for_errno(path);
+      refuse_by_errno(path);
     }
     return connection;
   };
 }
 
 Connect start_engines(const std::string &program) {
-  if (access(program.c_str(), X_OK) < 0) refuse_for_errno(program);
+  if (access(program.c_str(), X_OK) < 0) refuse_by_errno(program);
   Pair control = make_pair_of(SOCK_SEQPACKET);
   signal(SIGCHLD, SIG_IGN);  // nobody waits for it
   const pid_t child = fork();
-  if (child < 0) refuse_for_errno("fork");
+  if (child < 0) refuse_by_errno("fork");
   if (child == 0) become(program.c_str(), control.others.get());
   return [control = std::make_shared<UniqueFd>(std::move(control.ours)), program] {
     Pair connection = make_pair_of(SOCK_STREAM);
     if (!pass(control->get(), connection.others.get())) {
-      if (errno == EAGAIN) refuse_for_errno(program);
+      if (errno == EAGAIN) refuse_by_errno(program);
       refuse("{}: no process is left that starts engines; restart the service", program);
     }
     return std::move(connection.ours);

@@ -10,9 +10,9 @@
 
 #include "base/log.h"
 #include "base/refuse.h"
-#include "base/trust.h"
 #include "fleet/belonging.h"
 #include "link/engine_link.h"
+#include "vault/files.h"
 #include "vault/master_key.h"
 
 namespace ksd::server {
@@ -122,9 +122,7 @@ std::unique_ptr<fleet::SharedVault> open_shared_vault(const config::Shared &shar
         "master key in a file");
   }
   if (!shared_options.belonging.empty()) {
-    if (const auto why = why_others_may_replace(shared_options.belonging)) {
-      refuse("{}: {}", shared_options.belonging, *why);
-    }
+    vault::refuse_what_others_may_write(shared_options.belonging);
     shared_options.fleet = fleet::read_belonging(shared_options.belonging);
   }
   auto link = std::make_unique<link::EngineLink>(std::move(engine), link::Start{.endpoints = shared.endpoints,
