@@ -10,9 +10,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
+#include "service/service_process.h"
 #include "vault/master_key.h"
 #include "vault_files/vault_files.h"
 
@@ -299,6 +301,23 @@ TEST_F(MasterKeyFile, IsRefusedWithAnotherMode) {
   }
   chmod(folder.key().c_str(), 0400);
   EXPECT_EQ(refusal(), "(nothing)");
+}
+
+TEST_F(MasterKeyFile, IsRefusedWithWhatToDoToAUserWhoMayNotReadIt) {
+  constexpr unsigned kNobody = 65534;
+  const bool is_root = geteuid() == 0;
+  const unsigned user = is_root ? kNobody : geteuid();
+  chmod(folder.key().c_str(), 0200);
+  const std::string wanted = folder.key() + ": the master key can't be opened: Permission denied; make it readable " +
+                             "for user " + std::to_string(user);
+  EXPECT_EQ(ks_test::run_as(user, is_root ? kNobody : getegid(),
+                            [&] {
+                              const std::string said = refusal_of(
+                                  [&] { read_master_key({.file = folder.key(), .passphrase = nullptr}, false); });
+                              if (said != wanted) std::fprintf(stderr, "%s\n", said.c_str());
+                              return said == wanted ? 0 : 1;
+                            }),
+            0);
 }
 
 TEST_F(MasterKeyFile, IsRefusedWhenItBelongsToSomebodyElse) {
