@@ -430,7 +430,8 @@ class Site:
     linker = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld"] if shutil.which("ld.lld") else []
     with open(self.log, "wb") as log:
       status = run(["cmake", "--fresh", "-S", str(self.tree), "-B", str(self.build), "-G", "Ninja", *linker,
-                    "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++", "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DCMAKE_C_FLAGS_RELWITHDEBINFO={plain}",
+                    "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++",
+                    "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DCMAKE_C_FLAGS_RELWITHDEBINFO={plain}",
                     f"-DCMAKE_CXX_FLAGS_RELWITHDEBINFO={plain}", "-DCMAKE_C_FLAGS=-w", "-DCMAKE_CXX_FLAGS=-w",
                     "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"], 600, stdout=log,
                    stderr=log, env=self.environment)
