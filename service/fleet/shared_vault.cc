@@ -204,15 +204,8 @@ vault::Store::Usage SharedVault::usage() const {
 }
 
 std::vector<vault::Owner> SharedVault::owners(uid_t from, size_t most) const {
-  std::vector<vault::Owner> owners;
-  owners.reserve(most);
   const std::shared_lock lock(state_lock_);
-  const auto &users = core_.memory().state().ledger.users();
-  for (auto user = users.lower_bound(from); user != users.end() && owners.size() < most; ++user) {
-    const auto &[uid, use] = *user;
-    owners.push_back({.uid = uid, .vdc_id = use.vdc_id, .entries = use.entries, .bytes = use.bytes});
-  }
-  return owners;
+  return core_.memory().state().ledger.owners(from, most);
 }
 
 vault::Snapshot SharedVault::snapshot() {

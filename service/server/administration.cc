@@ -26,15 +26,22 @@ std::optional<uint32_t> number_in(const handlers::Request &request) {
   return request.message.size() == sizeof(uint32_t) ? request.descriptor<uint32_t>() : std::nullopt;
 }
 
-template <typename Record>
-void page(handlers::Reply &reply, std::vector<Record> records) {
-  HostPageReply head{.result = KS_SUCCESS, .count = 0, .more = 0, .record_size = sizeof(Record)};
-  if (records.size() > HOST_PAGE_RECORDS) {  // one more was asked for, to see whether there is one
-    head.more = 1;
-    records.resize(HOST_PAGE_RECORDS);
+// page answers with what is listed from the request's number on.
+template <typename List, typename RecordOf>
+void page(const handlers::Request &request, handlers::Reply &reply, List list, RecordOf record_of) {
+  const std::optional<uint32_t> from = number_in(request);
+  if (!from) return reply.result(KS_INVALID_ARGS);
+  const auto found = list(*from, HOST_PAGE_RECORDS + 1);  // one more, to see whether there is one
+  std::vector<decltype(record_of(found.front()))> records;
+  for (const auto &one : found) {
+    if (records.size() == HOST_PAGE_RECORDS) break;
+    records.push_back(record_of(one));
   }
-  head.count = static_cast<uint32_t>(records.size());
-  reply.records(head, records);
+  reply.records(HostPageReply{.result = KS_SUCCESS,
+                              .count = static_cast<uint32_t>(records.size()),
+                              .more = found.size() > records.size(),
+                              .record_size = sizeof(records[0])},
+                records);
 }
 
 // for_each_page has `visit` see all that is listed, a page at a time.
@@ -168,18 +175,17 @@ void Administration::fleet(const Asked &asked) {
 }
 
 void Administration::fleet_owners(const Asked &asked) {
-  const std::optional<uint32_t> from = number_in(asked.request);
-  if (!from) return asked.reply.result(KS_INVALID_ARGS);
-  if (fleet_ == nullptr) return asked.reply.result(KS_NOT_FOUND);
+  if (fleet_ == nullptr) return asked.reply.result(number_in(asked.request) ? KS_NOT_FOUND : KS_INVALID_ARGS);
   const fleet::Owners &names = fleet_->owner_names();
-  std::vector<HostFleetOwner> records;
-  for (const vault::Owner &owner : fleet_->owners(*from, HOST_PAGE_RECORDS + 1)) {
-    HostFleetOwner &record = records.emplace_back();
-    record.uid = owner.uid;
-    record.flags = names.is_user(owner.uid) ? 0 : HOST_OWNER_IS_NO_USER;
-    put_text(record.name, names.name_of(owner.uid));
-  }
-  page(asked.reply, std::move(records));
+  page(
+      asked.request, asked.reply, [this](uid_t from, size_t most) { return fleet_->owners(from, most); },
+      [&names](const vault::Owner &owner) {
+        HostFleetOwner record{};
+        record.uid = owner.uid;
+        record.flags = names.is_user(owner.uid) ? 0 : HOST_OWNER_IS_NO_USER;
+        put_text(record.name, names.name_of(owner.uid));
+        return record;
+      });
 }
 
 void Administration::counters(const Asked &asked) {
@@ -238,28 +244,25 @@ void Administration::latencies(const Asked &asked) {
 }
 
 void Administration::users(const Asked &asked) {
-  const std::optional<uint32_t> from = number_in(asked.request);
-  if (!from) return asked.reply.result(KS_INVALID_ARGS);
-  std::vector<HostUserRecord> records;
-  for (const Visitor &visitor : asked.crowd.visitors(*from, HOST_PAGE_RECORDS + 1)) {
-    records.push_back({.uid = visitor.uid,
-                       .vdc_id = visitor.vdc_id.value_or(HOST_NO_VDC),
-                       .connections = visitor.connections,
-                       .flags = visitor.administrator ? HOST_USER_IS_ADMINISTRATOR : 0,
-                       .done = visitor.done,
-                       .failed = visitor.failed});
-  }
-  page(asked.reply, std::move(records));
+  page(
+      asked.request, asked.reply, [&asked](uid_t from, size_t most) { return asked.crowd.visitors(from, most); },
+      [](const Visitor &visitor) {
+        return HostUserRecord{.uid = visitor.uid,
+                              .vdc_id = visitor.vdc_id.value_or(HOST_NO_VDC),
+                              .connections = visitor.connections,
+                              .flags = visitor.administrator ? HOST_USER_IS_ADMINISTRATOR : 0,
+                              .done = visitor.done,
+                              .failed = visitor.failed};
+      });
 }
 
 void Administration::owners(const Asked &asked) {
-  const std::optional<uint32_t> from = number_in(asked.request);
-  if (!from) return asked.reply.result(KS_INVALID_ARGS);
-  std::vector<HostOwnerRecord> records;
-  for (const vault::Owner &owner : vault_.owners(*from, HOST_PAGE_RECORDS + 1)) {
-    records.push_back({.uid = owner.uid, .vdc_id = owner.vdc_id, .entries = owner.entries, .bytes = owner.bytes});
-  }
-  page(asked.reply, std::move(records));
+  page(
+      asked.request, asked.reply, [this](uid_t from, size_t most) { return vault_.owners(from, most); },
+      [](const vault::Owner &owner) {
+        return HostOwnerRecord{
+            .uid = owner.uid, .vdc_id = owner.vdc_id, .entries = owner.entries, .bytes = owner.bytes};
+      });
 }
 
 void Administration::limits(const Asked &asked) {

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "base/refuse.h"
 
@@ -40,7 +41,7 @@ void store(uint32_t &word, uint32_t value) {
 }
 
 void store_gate(uint32_t (&words)[8], const std::bitset<256> &gate) {
-  for (size_t word = 0; word < 8; ++word) {
+  for (size_t word = 0; word < std::size(words); ++word) {
     uint32_t bits = 0;
     for (size_t bit = 0; bit < 32; ++bit) bits |= uint32_t{gate[word * 32 + bit]} << bit;
     store(words[word], bits);

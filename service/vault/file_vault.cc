@@ -84,15 +84,8 @@ Snapshot FileVault::snapshot() {
 }
 
 std::vector<Owner> FileVault::owners(uid_t from, size_t most) const {
-  std::vector<Owner> owners;
-  owners.reserve(most);
   const std::shared_lock lock(state_lock_);
-  const std::map<uid_t, UserUse> &users = state_.ledger.users();
-  for (auto user = users.lower_bound(from); user != users.end() && owners.size() < most; ++user) {
-    const auto &[uid, use] = *user;
-    owners.push_back({.uid = uid, .vdc_id = use.vdc_id, .entries = use.entries, .bytes = use.bytes});
-  }
-  return owners;
+  return state_.ledger.owners(from, most);
 }
 
 void FileVault::prepare(const Group &group) {

@@ -56,4 +56,13 @@ void Ledger::replace(const EntryRow *before, const EntryRow *after) {
   }
 }
 
+std::vector<Owner> Ledger::owners(uid_t from, size_t most) const {
+  std::vector<Owner> owners;
+  for (auto user = users_.lower_bound(from); user != users_.end() && owners.size() < most; ++user) {
+    const auto &[uid, use] = *user;
+    owners.push_back({.uid = uid, .vdc_id = use.vdc_id, .entries = use.entries, .bytes = use.bytes});
+  }
+  return owners;
+}
+
 }  // namespace ksd::vault

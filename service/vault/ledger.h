@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <vector>
 
 #include "vault/limits.h"
 #include "vault/record.h"
@@ -22,6 +23,14 @@ struct Use {
 
 struct UserUse : Use {
   uint16_t vdc_id = 0;  // of the entry that was stored last
+};
+
+// Owner is a user whose entries the vault holds, with the VDC of the one that was stored last.
+struct Owner {
+  uid_t uid = 0;
+  uint16_t vdc_id = 0;
+  uint64_t entries = 0;
+  uint64_t bytes = 0;
 };
 
 // reaches tells whether `percent` of the entries or of the bytes of `limit` are used.
@@ -45,6 +54,8 @@ class Ledger {
 
   const Use &all() const { return all_; }
   const std::map<uid_t, UserUse> &users() const { return users_; }
+  // owners gives `most` of them at most, the user numbered `from` and those behind.
+  std::vector<Owner> owners(uid_t from, size_t most) const;
 
  private:
   Use of(uid_t user) const {

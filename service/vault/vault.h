@@ -10,6 +10,7 @@
 
 #include "base/secret_bytes.h"
 #include "vault/backup.h"
+#include "vault/ledger.h"
 #include "vault/limits.h"
 #include "vault/passphrase.h"
 #include "vault/store.h"
@@ -21,14 +22,6 @@ struct Condition {
   std::string refusal;         // why it takes none since the last one failed; empty while it does
   bool until_restart = false;  // and won't for as long as the service runs
   bool reserve_kept = true;
-};
-
-// Owner is a user whose entries the vault holds, with the VDC of the one that was stored last.
-struct Owner {
-  uid_t uid = 0;
-  uint16_t vdc_id = 0;
-  uint64_t entries = 0;
-  uint64_t bytes = 0;
 };
 
 // KeyChangeProgress tells how far a change of the master key has come.
