@@ -33,7 +33,7 @@ const char *state_of(const CachedEntry &entry, const std::vector<Bytes> &in_keys
   return pac->cached == Pac::Cached::kSame ? "good" : "stale";
 }
 
-void list(Session &session, const Arguments &) {
+void cache_list(Session &session, const Arguments &) {
   static constexpr Column kColumns[] = {{"a_id", "A-ID"},   {"a_id_text", "TEXT"},
                                         {"vdc", "VDC"},     {"metadata_bytes", "METADATA"},
                                         {"t_prf", "T-PRF"}, {"state", "STATE"}};
@@ -84,7 +84,7 @@ constexpr Parameter kPurge[] = {{"--all", Kind::kFlag, "Also the entries of othe
 
 std::span<const Command> cache_commands() {
   static constexpr Command kCommands[] = {
-      {"cache list", "List the cached copies of PACs, and which the keystore has otherwise by now", {}, list},
+      {"cache list", "List the cached copies of PACs, and which the keystore has otherwise by now", {}, cache_list},
       {"cache warm", "Copy each PAC into the cache, so that its readers need no message", {}, warm},
       {"cache purge", "Remove the cached copies of this VDC", kPurge, purge},
   };

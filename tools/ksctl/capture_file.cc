@@ -24,10 +24,10 @@ constexpr uint16_t kLinkType = 147;         // for private use, the first
 constexpr uint32_t kNanoseconds = 0x10009;  // option 9, one byte
 constexpr uint32_t kEndOfOptions = 0;
 
-// Block is put together here: type, length, body in words, and the length again.
-class Block {
+// PcapngBlock is put together here: type, length, body in words, and the length again.
+class PcapngBlock {
  public:
-  explicit Block(uint32_t type) { word(type), word(0); }
+  explicit PcapngBlock(uint32_t type) { word(type), word(0); }
 
   void word(uint32_t value) { bytes({reinterpret_cast<const uint8_t *>(&value), sizeof value}); }
   void bytes(std::span<const uint8_t> more) { bytes_.insert(bytes_.end(), more.begin(), more.end()); }
@@ -51,12 +51,12 @@ CaptureFile::CaptureFile(const std::string &path)
   if (!file_ && errno == EEXIST) {
     throw Failure(Exit::kConflict, fmt::format("{}: is there already; remove it or name another file", path));
   }
-  Block section(kSectionHeader);
+  PcapngBlock section(kSectionHeader);
   section.word(kByteOrder);
   section.word(1);  // version 1.0
   section.word(UINT32_MAX);
   section.word(UINT32_MAX);  // of a length that isn't known
-  Block interface(kInterface);
+  PcapngBlock interface(kInterface);
   interface.word(kLinkType);
   interface.word(0);  // nothing is cut
   interface.word(kNanoseconds);
@@ -78,7 +78,7 @@ void CaptureFile::record(CapturedHead head, std::span<const uint8_t> datagram) {
   const uint64_t time = static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
   head.size = static_cast<uint32_t>(datagram.size());
   const auto size = static_cast<uint32_t>(sizeof head + datagram.size());
-  Block packet(kPacket);
+  PcapngBlock packet(kPacket);
   packet.word(0);  // the only interface
   packet.word(static_cast<uint32_t>(time >> 32));
   packet.word(static_cast<uint32_t>(time));

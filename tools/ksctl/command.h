@@ -38,6 +38,9 @@ struct Parameter {
   const char *choices = "";  // of kChoice, parted by commas
 };
 
+// Of several commands.
+inline constexpr Parameter kMasterKeyFile{"--master-key-file", Kind::kFile, "The file of the master key", true};
+
 // Arguments are what the user gave, by the names of the parameters. What is of the wrong kind doesn't get here.
 class Arguments {
  public:

@@ -214,7 +214,7 @@ std::string for_bash() {
 }
 
 // A list for zsh's _describe: names, and behind a colon what they are for.
-std::string described(const auto &list, auto &&name_of) {
+std::string with_help(const auto &list, auto &&name_of) {
   std::string text = "(";
   for (const auto &element : list) text += " " + quoted(std::string(name_of(element)) + ":" + element.help);
   return text + " )";
@@ -234,7 +234,7 @@ std::string for_zsh() {
       "    case $at in\n";
   for (const auto &[before, place] : all) {
     text += "      " + quoted(before) +
-            ") list=" + described(place.options, [](const Parameter &option) { return option.name; }) + " ;;\n";
+            ") list=" + with_help(place.options, [](const Parameter &option) { return option.name; }) + " ;;\n";
   }
   text +=
       "    esac\n"
@@ -245,7 +245,7 @@ std::string for_zsh() {
       argument_cases(all, value_in_zsh) + "  esac\n  case $at in\n";
   for (const auto &[before, place] : all) {
     if (place.words.empty()) continue;
-    text += "    " + quoted(before) + ") list=" + described(place.words, [](const Word &word) { return word.word; }) +
+    text += "    " + quoted(before) + ") list=" + with_help(place.words, [](const Word &word) { return word.word; }) +
             "; _describe command list ;;\n";
   }
   return text + "  esac\n}\n\n_ksctl \"$@\"\n";

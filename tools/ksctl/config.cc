@@ -11,7 +11,7 @@
 namespace ksctl {
 namespace {
 
-void check(Session &session, const Arguments &arguments) {
+void config_check(Session &session, const Arguments &arguments) {
   const std::string file = arguments.text_or("FILE", "/etc/ks/ksd.toml.d");
   const ksd::config::ParsedConfig parsed =
       arguments.has("FILE") ? ksd::config::load_config(file)
@@ -48,7 +48,7 @@ std::span<const Command> config_commands() {
       {"FILE", Kind::kFile, "The configuration, as the service reads it if not given"},
   };
   static constexpr Command kCommands[] = {
-      {"config check", "Say what is wrong with a configuration, as `ksd --check` does", kParameters, check,
+      {"config check", "Say what is wrong with a configuration, as `ksd --check` does", kParameters, config_check,
        "It is looked at as the user who runs this; run it as the service's user to see what the service would meet."},
   };
   return kCommands;

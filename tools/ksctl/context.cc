@@ -27,7 +27,7 @@ Contents contents() {
   return all;
 }
 
-void list(Session &session, const Arguments &) {
+void context_list(Session &session, const Arguments &) {
   static constexpr Column kColumns[] = {{"vdc", "VDC"},         {"secrets", "SECRETS"}, {"pacs", "PACS"},
                                         {"expired", "EXPIRED"}, {"cached", "CACHED"},   {"metadata_bytes", "METADATA"}};
   start_library(session);
@@ -88,7 +88,7 @@ constexpr Parameter kClear[] = {{"--yes", Kind::kFlag, "Don't ask"}};
 
 std::span<const Command> context_commands() {
   static constexpr Command kCommands[] = {
-      {"context list", "Tell what this user's VDC holds", {}, list},
+      {"context list", "Tell what this user's VDC holds", {}, context_list},
       {"context clear", "Remove all of it: secrets, PACs and their cached copies", kClear, clear},
   };
   return kCommands;

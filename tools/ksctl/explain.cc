@@ -15,7 +15,7 @@
 namespace ksctl {
 namespace {
 
-std::string number_of(const Code &code) {
+std::string number_text(const Code &code) {
   return code.number > UINT16_MAX ? fmt::format("0x{:08x}", code.number) : std::to_string(code.number);
 }
 
@@ -46,7 +46,7 @@ bool is_name_of(const std::string &given, const Code &code) {
 }
 
 Object described(const Code &code) {
-  return {{"code", number_of(code)},
+  return {{"code", number_text(code)},
           {"name", code.name},
           {"text", text_of(code)},
           {"causes", code.causes},
@@ -57,7 +57,7 @@ Object described(const Code &code) {
 std::string row(const Code &code) {
   const bool is_constant = std::string_view(code.name).starts_with("KS_");
   const char *const quote = is_constant ? "`" : "";
-  return fmt::format("| {} | {}{}{} | {} | {} | {} |\n", number_of(code), quote, code.name, quote, text_of(code),
+  return fmt::format("| {} | {}{}{} | {} | {} | {} |\n", number_text(code), quote, code.name, quote, text_of(code),
                      code.causes, code.remedy);
 }
 

@@ -181,7 +181,7 @@ std::string identity_in(const HostFleetReply &told) {
   return words;
 }
 
-void status(Session &session, const Arguments &) {
+void fleet_status(Session &session, const Arguments &) {
   std::vector<uint8_t> reply;
   ServiceLink link(session.socket);
   const KsResult result = link.result_of(HOST_OP_FLEET, {}, &reply);
@@ -213,13 +213,12 @@ void status(Session &session, const Arguments &) {
 
 constexpr Parameter kJoinKeyFile{"--join-key-file", Kind::kFile,
                                  "Where this machine keeps the key to the answer until then", true};
-constexpr Parameter kKeyFile{"--master-key-file", Kind::kFile, "The file of the master key", true};
 
 constexpr Parameter kRequest[] = {{"REQUEST", Kind::kFile, "Where the request is to be written", true}, kJoinKeyFile};
 constexpr Parameter kAdmit[] = {{"REQUEST", Kind::kFile, "The other machine's request", true},
                                 {"ANSWER", Kind::kFile, "Where the answer is to be written", true},
                                 {"--fingerprint", Kind::kText, "The request's, as the other machine showed it", true},
-                                kKeyFile,
+                                kMasterKeyFile,
                                 {"--key-passphrase-fd", Kind::kDescriptor,
                                  "Read the passphrase that the master key is sealed under from this descriptor"}};
 constexpr Parameter kJoin[] = {{"ANSWER", Kind::kFile, "The answer", true},
@@ -234,7 +233,7 @@ constexpr char kComparing[] =
 
 std::span<const Command> fleet_commands() {
   static constexpr Command kCommands[] = {
-      {"fleet status", "Tell how the service and its fleet get on", {}, status, "For administrators."},
+      {"fleet status", "Tell how the service and its fleet get on", {}, fleet_status, "For administrators."},
       {"fleet request", "Ask to share the entries of other machines", kRequest, quietly<request>, kComparing},
       {"fleet admit", "Give a machine that asks the master key, sealed for it alone", kAdmit, quietly<admit>,
        kComparing},

@@ -75,7 +75,7 @@ HostFleetGoOnReply go_on(ServiceLink &link, const char *command, const char *of_
 
 // ---- Import ----
 
-constexpr char kImport[] = "fleet import";
+constexpr char kFleetImport[] = "fleet import";
 
 uint32_t taken_of(const Arguments &arguments) {
   if (arguments.has("--skip-existing") && arguments.has("--replace")) {
@@ -102,8 +102,9 @@ Records<HostFleetImportReply, HostFleetName> prepare_import(ServiceLink &link, c
   std::vector<uint8_t> reply;
   const KsResult result = link.result_of(HOST_OP_FLEET_IMPORT, request->bytes(), &reply);
   if (reply.size() < sizeof(HostFleetImportReply)) {
-    refuse_unprepared(kImport, result);
-    throw Failure(Exit::kFailed, fmt::format("{}: the service refused it ({}); its log says more", kImport, result));
+    refuse_unprepared(kFleetImport, result);
+    throw Failure(Exit::kFailed,
+                  fmt::format("{}: the service refused it ({}); its log says more", kFleetImport, result));
   }
   auto read = records_of<HostFleetImportReply, HostFleetName>(reply);
   if (result != KS_SUCCESS) throw Failure(Exit::kFailed, text_in(read.head.refusal));
@@ -155,7 +156,7 @@ Object described(const Records<HostFleetImportReply, HostFleetName> &read, bool 
                 {"taken", std::move(taken)}};
 }
 
-void import(Session &session, const Arguments &arguments) {
+void fleet_import(Session &session, const Arguments &arguments) {
   ServiceLink link(session.socket);
   auto read = prepare_import(link, arguments);
   if (arguments.has("--dry-run")) return session.output.fields(described(read, true));
@@ -166,7 +167,7 @@ void import(Session &session, const Arguments &arguments) {
                     "one, \"others\"",
                     read.head.unnamed));
   }
-  const HostFleetGoOnReply done = go_on(link, kImport, "entries", read.head.entries);
+  const HostFleetGoOnReply done = go_on(link, kFleetImport, "entries", read.head.entries);
   read.head.added = done.added;
   read.head.same = done.same;
   read.head.replaced = done.replaced;
@@ -179,7 +180,7 @@ void import(Session &session, const Arguments &arguments) {
 
 // ---- Restore ----
 
-constexpr char kRestore[] = "fleet restore";
+constexpr char kFleetRestore[] = "fleet restore";
 
 ksd::UniqueFd open_backup(const std::string &path) {
   ksd::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -234,8 +235,9 @@ class Upload {
     const KsResult result = link_.result_of(HOST_OP_FLEET_RESTORE, message->bytes(), &reply);
     HostFleetRestoreReply told{};
     if (reply.size() < sizeof told) {
-      refuse_unprepared(kRestore, result);
-      throw Failure(Exit::kFailed, fmt::format("{}: the service refused it ({}); its log says more", kRestore, result));
+      refuse_unprepared(kFleetRestore, result);
+      throw Failure(Exit::kFailed,
+                    fmt::format("{}: the service refused it ({}); its log says more", kFleetRestore, result));
     }
     std::memcpy(&told, reply.data(), sizeof told);
     if (result != KS_SUCCESS) throw Failure(Exit::kFailed, fmt::format("{}: {}", path_, text_in(told.refusal)));
@@ -247,18 +249,18 @@ class Upload {
   const ksd::UniqueFd file_;
 };
 
-void restore(Session &session, const Arguments &arguments) {
+void fleet_restore(Session &session, const Arguments &arguments) {
   const std::string &path = arguments.text("FILE");
   ServiceLink link(session.socket);
   const HostFleetRestoreReply read = Upload(link, path).send(arguments);
   if (!arguments.has("--yes")) {
-    confirm(kRestore,
+    confirm(kFleetRestore,
             fmt::format("Put the {} entries of {} in the place of the {} that the fleet has, on all machines, "
                         "for good? The fleet's incarnation is raised, and each other machine stops until it "
                         "is told of it.",
                         read.entries, time_text(read.made_at), read.present_entries));
   }
-  const HostFleetGoOnReply done = go_on(link, kRestore, "entries", read.entries);
+  const HostFleetGoOnReply done = go_on(link, kFleetRestore, "entries", read.entries);
   session.output.done(
       fmt::format("{}: the fleet has its {} entries now, and incarnation {}; run `ksctl fleet accept {}` "
                   "on each other machine",
@@ -332,11 +334,11 @@ constexpr Parameter kOfImport[] = {
 
 std::span<const Command> fleet_contents_commands() {
   static constexpr Command kCommands[] = {
-      {"fleet import", "Take the entries of this machine's vault into its fleet", kOfImport, import,
+      {"fleet import", "Take the entries of this machine's vault into its fleet", kOfImport, fleet_import,
        "For administrators. No service may have the vault open, which stays as it is. Cut short, it is asked for "
        "again: what is there already is left as it is."},
       {"fleet restore", "Put the entries of a backup in the place of all that the fleet has", kOfRestore,
-       quietly<restore>,
+       quietly<fleet_restore>,
        "For administrators. The fleet has all of the backup or is as it was, also where this is cut short."},
       {"fleet accept", "Have this machine follow a fleet that was restored", kOfAccept, accept,
        "For administrators. Only when you know that the restore was meant: a store that was set back by others looks "

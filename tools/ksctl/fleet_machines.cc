@@ -49,7 +49,7 @@ std::string silence_in_words(const HostMachineRecord &machine) {
   return is(machine, HOST_MACHINE_SILENT_AT_LEAST) ? fmt::format("not for {}", time) : fmt::format("{} ago", time);
 }
 
-void list(Session &session, const Arguments &) {
+void fleet_list(Session &session, const Arguments &) {
   constexpr Column kColumns[] = {
       {"machine", "MACHINE"}, {"heard", "HEARD"}, {"version", "VERSION"}, {"keys", "KEYS"}, {"member", "MEMBER"}};
   ServiceLink link(session.socket);
@@ -74,8 +74,8 @@ void list(Session &session, const Arguments &) {
   session.output.table("machines", kColumns, rows, "no machines yet: nothing has been loaded");
 }
 
-// require gives up when the service didn't do what it was told to.
-void require(const std::vector<uint8_t> &reply, const char *command) {
+// require_done gives up when the service didn't do what it was told to.
+void require_done(const std::vector<uint8_t> &reply, const char *command) {
   HostToldReply told{};
   if (reply.size() < sizeof told.result) refuse_cut_reply();
   std::memcpy(&told, reply.data(), std::min(reply.size(), sizeof told));
@@ -116,7 +116,7 @@ void leave(Session &session, const Arguments &arguments) {
   if (arguments.has("--even-if-alive")) request.flags |= HOST_LEAVE_EVEN_IF_ALIVE;
   ServiceLink link(session.socket);
   const auto *bytes = reinterpret_cast<const uint8_t *>(&request);
-  require(ask_fleet(link, HOST_OP_FLEET_LEAVE, "fleet leave", {bytes, sizeof request}), "fleet leave");
+  require_done(ask_fleet(link, HOST_OP_FLEET_LEAVE, "fleet leave", {bytes, sizeof request}), "fleet leave");
   constexpr char kKnows[] =
       "It still knows the master key: withdraw its certificate of the store, and give the fleet "
       "another key with `ksctl fleet rotate`";
@@ -199,7 +199,7 @@ void rotate(Session &session, const Arguments &arguments) {
     throw Failure(Exit::kUsage,
                   "fleet rotate: --fingerprint isn't one of a fleet's machines; `ksctl fleet status` shows it");
   }
-  require(ask_fleet(link, HOST_OP_FLEET_CHANGE_KEY, "fleet rotate", *compared), "fleet rotate");
+  require_done(ask_fleet(link, HOST_OP_FLEET_CHANGE_KEY, "fleet rotate", *compared), "fleet rotate");
   const HostFleetKeysReply keys = follow(link);
   if (goes_on(keys)) {
     const std::vector<std::string> names = waiting_for(link, keys);
@@ -223,7 +223,7 @@ constexpr Parameter kRotate[] = {
     {"--status", Kind::kFlag, "Tell how far a change has come, and change nothing"}};
 
 constexpr char kOfAdministrators[] = "For administrators.";
-constexpr char kComparing[] =
+constexpr char kComparingOnScreens[] =
     "For administrators. Compare the fingerprint on the machines' own screens: by it nobody but they gets the next "
     "key.";
 
@@ -239,9 +239,10 @@ HostFleetKeysReply fleet_keys(ServiceLink &link, const char *command) {
 
 std::span<const Command> fleet_machine_commands() {
   static constexpr Command kCommands[] = {
-      {"fleet list", "List the machines of the fleet", {}, list, kOfAdministrators},
+      {"fleet list", "List the machines of the fleet", {}, fleet_list, kOfAdministrators},
       {"fleet leave", "Leave the fleet, or take a machine out of it", kLeave, leave, kOfAdministrators},
-      {"fleet rotate", "Change the fleet's master key, and seal all entries anew", kRotate, rotate, kComparing},
+      {"fleet rotate", "Change the fleet's master key, and seal all entries anew", kRotate, rotate,
+       kComparingOnScreens},
   };
   return kCommands;
 }

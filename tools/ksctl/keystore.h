@@ -21,6 +21,8 @@
 
 namespace ksctl {
 
+inline constexpr size_t kMostOfMetadata = UINT16_MAX;  // as a request tells their length in 16 bits
+
 // Block owns what the library hands out.
 template <typename Content>
 struct Block {

@@ -39,7 +39,7 @@ constexpr Column kPacColumns[] = {{"a_id", "A-ID"},     {"a_id_text", "TEXT"},  
                                   {"issuer", "ISSUER"}, {"identity", "IDENTITY"}, {"expires", "EXPIRES"},
                                   {"state", "STATE"}};
 
-void list(Session &session, const Arguments &) {
+void pac_list(Session &session, const Arguments &) {
   start_library(session);
   List rows;
   for (const Bytes &a_id : a_ids()) {
@@ -60,7 +60,7 @@ const char *cached_in_words(Pac::Cached cached) {
   return "";
 }
 
-void show(Session &session, const Arguments &arguments) {
+void pac_show(Session &session, const Arguments &arguments) {
   const Bytes a_id = a_id_of(arguments.text("A-ID"));
   start_library(session);
   const std::optional<Pac> pac = find_pac(a_id);
@@ -77,7 +77,7 @@ void show(Session &session, const Arguments &arguments) {
   }
 }
 
-void remove(Session &session, const Arguments &arguments) {
+void pac_rm(Session &session, const Arguments &arguments) {
   const Bytes a_id = a_id_of(arguments.text("A-ID"));
   start_library(session);
   const bool was_there = remove_pac(a_id);
@@ -112,19 +112,19 @@ void age_out(Session &session, const Arguments &arguments) {
 }
 
 constexpr char kAIdHelp[] = "The authority's identity in hexadecimal, or a text behind text:";
-constexpr Parameter kShow[] = {{"A-ID", Kind::kText, kAIdHelp, true},
-                               {"--require-valid", Kind::kFlag, "Exit with status 6 when it has expired"}};
-constexpr Parameter kRemove[] = {{"A-ID", Kind::kText, kAIdHelp, true},
-                                 {"--force", Kind::kFlag, "It is no failure when there is none"}};
+constexpr Parameter kPacShow[] = {{"A-ID", Kind::kText, kAIdHelp, true},
+                                  {"--require-valid", Kind::kFlag, "Exit with status 6 when it has expired"}};
+constexpr Parameter kPacRm[] = {{"A-ID", Kind::kText, kAIdHelp, true},
+                                {"--force", Kind::kFlag, "It is no failure when there is none"}};
 constexpr Parameter kAgeOut[] = {{"--dry-run", Kind::kFlag, "Show the PACs that would be removed"}};
 
 }  // namespace
 
 std::span<const Command> pac_commands() {
   static constexpr Command kCommands[] = {
-      {"pac list", "List PACs: who issued them to whom, and until when they are good", {}, list},
-      {"pac show", "Show what is kept beside a PAC's key", kShow, show},
-      {"pac rm", "Remove a PAC, and its copy in the cache", kRemove, remove},
+      {"pac list", "List PACs: who issued them to whom, and until when they are good", {}, pac_list},
+      {"pac show", "Show what is kept beside a PAC's key", kPacShow, pac_show},
+      {"pac rm", "Remove a PAC, and its copy in the cache", kPacRm, pac_rm},
       {"pac age-out", "Remove the PACs that have expired, and no others", kAgeOut, age_out},
   };
   return kCommands;

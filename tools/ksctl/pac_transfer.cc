@@ -20,7 +20,6 @@ namespace ksctl {
 namespace {
 
 constexpr size_t kMostOfFile = 1 << 20;
-constexpr size_t kMostOfMetadata = UINT16_MAX;
 
 void note(const std::string &line) {
   std::fprintf(stderr, "ksctl: %s\n", printable(line).c_str());
@@ -98,10 +97,10 @@ class Import {
   Exit exit_ = Exit::kDone;
 };
 
-constexpr Column kColumns[] = {{"a_id", "A-ID"}, {"a_id_text", "TEXT"}, {"outcome", "OUTCOME"}, {"reason", "REASON"}};
+constexpr Column kOutcomes[] = {{"a_id", "A-ID"}, {"a_id_text", "TEXT"}, {"outcome", "OUTCOME"}, {"reason", "REASON"}};
 
 // The file is read to its end before anything is stored.
-void import(Session &session, const Arguments &arguments) {
+void pac_import(Session &session, const Arguments &arguments) {
   const std::string &path = arguments.text("FILE");
   const Secret content = read_private_file(path, kMostOfFile);
   const std::vector<FilePac> pacs = parse_pac_file(content->bytes(), path);
@@ -116,14 +115,14 @@ void import(Session &session, const Arguments &arguments) {
       import.take(pac);
     }
   }
-  session.output.table("pacs", kColumns, import.rows(), "The file holds no PACs.");
+  session.output.table("pacs", kOutcomes, import.rows(), "The file holds no PACs.");
   if (import.skipped() != 0) {
     throw Failure(import.exit(), fmt::format("{}: {} of {} PACs were skipped; the list says why", path,
                                              import.skipped(), pacs.size()));
   }
 }
 
-void export_(Session &session, const Arguments &arguments) {
+void pac_export(Session &session, const Arguments &arguments) {
   const std::string &path = arguments.text("FILE");
   const PacForm form = arguments.text_or("--form", "text") == "binary" ? PacForm::kBinary : PacForm::kText;
   start_library(session);
@@ -150,12 +149,12 @@ void export_(Session &session, const Arguments &arguments) {
   }
 }
 
-constexpr Parameter kImport[] = {
+constexpr Parameter kPacImport[] = {
     {"FILE", Kind::kFile, "A supplicant's PAC file, in text or binary", true},
     {"--replace", Kind::kFlag, "Replace PACs that the keystore has"},
     {"--with-expired", Kind::kFlag, "Take PACs that have expired, too"},
 };
-constexpr Parameter kExport[] = {
+constexpr Parameter kPacExport[] = {
     {"FILE", Kind::kFile, "Where to, with mode 0600", true},
     {"--form", Kind::kChoice, "The form of the file, text unless given", false, "text,binary"},
     {"--replace", Kind::kFlag, "Replace the file if it is there"},
@@ -165,9 +164,9 @@ constexpr Parameter kExport[] = {
 
 std::span<const Command> pac_transfer_commands() {
   static constexpr Command kCommands[] = {
-      {"pac import", "Store the PACs of a supplicant's file", kImport, import,
+      {"pac import", "Store the PACs of a supplicant's file", kPacImport, pac_import,
        "What is skipped is listed with the reason. A file that is damaged anywhere changes nothing."},
-      {"pac export", "Write what is known of all PACs, but their keys, to a file", kExport, export_,
+      {"pac export", "Write what is known of all PACs, but their keys, to a file", kPacExport, pac_export,
        "The keystore gives no key out. The file has a head of its own, so that no supplicant takes it."},
   };
   return kCommands;

@@ -15,7 +15,7 @@ namespace ksctl {
 namespace {
 
 constexpr char kTakeOver[] = "\033[?1049h\033[?25l";  // the other screen, no cursor
-constexpr char kRestore[] = "\033[?25h\033[?1049l";
+constexpr char kRestoreScreen[] = "\033[?25h\033[?1049l";
 constexpr char kHome[] = "\033[H";
 constexpr char kClearLine[] = "\033[K";
 constexpr char kClearBelow[] = "\033[J";
@@ -129,7 +129,7 @@ void Screen::take_over() {
 }
 
 void Screen::restore() {
-  std::fputs(kRestore, stdout);
+  std::fputs(kRestoreScreen, stdout);
   std::fflush(stdout);
   if (has_keyboard_) tcsetattr(STDIN_FILENO, TCSADRAIN, &settings_);
 }

@@ -14,7 +14,6 @@ namespace ksctl {
 namespace {
 
 constexpr size_t kMostOfSecret = 256;
-constexpr size_t kMostOfMetadata = UINT16_MAX;
 
 const std::string &name_in(const Arguments &arguments, const char *parameter) {
   const std::string &name = arguments.text(parameter);
@@ -84,7 +83,7 @@ void put(Session &session, const Arguments &arguments) {
   session.output.done(fmt::format("Stored {}.", name), named(name) + Object{{"replaced", present.has_value()}});
 }
 
-void list(Session &session, const Arguments &) {
+void secret_list(Session &session, const Arguments &) {
   static constexpr Column kColumns[] = {{"name", "NAME"}, {"kind", "KIND"}, {"metadata_bytes", "METADATA"}};
   start_library(session);
   List rows;
@@ -96,7 +95,7 @@ void list(Session &session, const Arguments &) {
   session.output.table("secrets", kColumns, rows, "No secrets.");
 }
 
-void show(Session &session, const Arguments &arguments) {
+void secret_show(Session &session, const Arguments &arguments) {
   const std::string &name = name_in(arguments, "NAME");
   start_library(session);
   const std::optional<Bytes> metadata = secret_metadata(name);
@@ -107,7 +106,7 @@ void show(Session &session, const Arguments &arguments) {
                                              {"metadata_hex", hex(*metadata)}});
 }
 
-void rename(Session &session, const Arguments &arguments) {
+void secret_rename(Session &session, const Arguments &arguments) {
   const std::string &from = name_in(arguments, "OLD");
   const std::string &to = name_in(arguments, "NEW");
   start_library(session);
@@ -124,7 +123,7 @@ void rename(Session &session, const Arguments &arguments) {
                       named(to) + Object{{"old_name", from}, {"old_name_hex", hex(ksd::bytes_of(from))}});
 }
 
-void remove(Session &session, const Arguments &arguments) {
+void secret_rm(Session &session, const Arguments &arguments) {
   const std::string &name = name_in(arguments, "NAME");
   start_library(session);
   const KsResult result = ks_clear_secret(name.c_str());
@@ -143,11 +142,11 @@ constexpr Parameter kPut[] = {
     {"--metadata-fd", Kind::kDescriptor, "Take that from this descriptor"},
     {"--replace", Kind::kFlag, "Replace the secret of that name; its metadata stay unless others are given"},
 };
-constexpr Parameter kShow[] = {{"NAME", Kind::kText, "The secret's name or alias", true}};
-constexpr Parameter kRename[] = {{"OLD", Kind::kText, "The present name", true},
-                                 {"NEW", Kind::kText, "Another, which no secret has yet", true}};
-constexpr Parameter kRemove[] = {{"NAME", Kind::kText, "The secret's name or alias", true},
-                                 {"--force", Kind::kFlag, "It is no failure when there is none"}};
+constexpr Parameter kSecretShow[] = {{"NAME", Kind::kText, "The secret's name or alias", true}};
+constexpr Parameter kSecretRename[] = {{"OLD", Kind::kText, "The present name", true},
+                                       {"NEW", Kind::kText, "Another, which no secret has yet", true}};
+constexpr Parameter kSecretRm[] = {{"NAME", Kind::kText, "The secret's name or alias", true},
+                                   {"--force", Kind::kFlag, "It is no failure when there is none"}};
 
 }  // namespace
 
@@ -156,10 +155,10 @@ std::span<const Command> secret_commands() {
       {"secret put", "Store a secret: 1 to 256 bytes, typed, or from a pipe or descriptor as they are", kPut, put,
        "A newline at the end of what a pipe gives is part of the secret: use printf, not echo. Whether there is a "
        "secret of that name is looked at first: one that somebody stores meanwhile is replaced."},
-      {"secret list", "List secrets, which nobody can read back", {}, list},
-      {"secret show", "Show what is kept beside a secret", kShow, show},
-      {"secret rename", "Give a secret another name", kRename, rename},
-      {"secret rm", "Remove a secret", kRemove, remove},
+      {"secret list", "List secrets, which nobody can read back", {}, secret_list},
+      {"secret show", "Show what is kept beside a secret", kSecretShow, secret_show},
+      {"secret rename", "Give a secret another name", kSecretRename, secret_rename},
+      {"secret rm", "Remove a secret", kSecretRm, secret_rm},
   };
   return kCommands;
 }

@@ -87,7 +87,7 @@ Value fleet_value(const HostFleetReply &fleet, const HostStatusReply &status) {
                 {"mirror_log_size", status.log_size}};
 }
 
-void status(Session &session, const Arguments &) {
+void service_status(Session &session, const Arguments &) {
   ServiceLink link(session.socket);
   const auto status = link.ask_for<HostStatusReply>(HOST_OP_STATUS);
   const uint64_t channels = channels_of(link);
@@ -219,7 +219,10 @@ void checkpoint(Session &session, const Arguments &) {
 
 std::span<const Command> service_commands() {
   static constexpr Command kCommands[] = {
-      {"status", "Tell how the service is: what is wrong first, then who is connected and what it keeps", {}, status},
+      {"status",
+       "Tell how the service is: what is wrong first, then who is connected and what it keeps",
+       {},
+       service_status},
       {"owners", "List whose entries the vault holds: user, VDC, entries, bytes", {}, owners},
       {"limits", "List the limits in force and how much of each is used", {}, limits},
       {"reload", "Have the service read its configuration again, and tell what is wrong with it", {}, reload},

@@ -21,10 +21,10 @@ std::optional<HostWireHeader> header_of(ksd::Bytes datagram) {
   return header;
 }
 
-// Page is a datagram of which nothing is to be seen but what is shown.
-class Page {
+// StruckOut is a datagram of which nothing is to be seen but what is shown.
+class StruckOut {
  public:
-  explicit Page(ksd::Bytes datagram) : whole_(datagram), shown_(datagram.size(), kStruckOut) {}
+  explicit StruckOut(ksd::Bytes datagram) : whole_(datagram), shown_(datagram.size(), kStruckOut) {}
 
   void show(size_t at, size_t size) {
     if (at > whole_.size() || size > whole_.size() - at) return;
@@ -57,19 +57,19 @@ class Page {
   Datagram shown_;
 };
 
-struct Place {
+struct Span {
   size_t at;
   size_t size;
 };
 
-Place place_of(const Page &page, const Section &section) {
+Span place_of(const StruckOut &page, const Section &section) {
   constexpr size_t kDescriptor = sizeof(HostWireHeader);
   const auto size = static_cast<size_t>(page.number(kDescriptor + section.length.at, section.length.width));
   const auto offset = static_cast<size_t>(page.number(kDescriptor + section.offset.at, section.offset.width));
   return {kDescriptor + offset, size};
 }
 
-bool is_shown(const Page &page, Shown shown, const Place &place, bool of_secret) {
+bool is_shown(const StruckOut &page, Shown shown, const Span &place, bool of_secret) {
   switch (shown) {
     case Shown::kAlways:
       return true;
@@ -83,16 +83,16 @@ bool is_shown(const Page &page, Shown shown, const Place &place, bool of_secret)
 }
 
 // show_sections shows what may be shown, and then strikes out again what must not be: a request may have them overlap.
-bool show_sections(Page &page, const Message &message) {
+bool show_sections(StruckOut &page, const Message &message) {
   const size_t behind = sizeof(HostWireHeader) + message.descriptor_size;
   const bool of_secret = !message.sections.empty() && place_of(page, message.sections[0]).at < page.size() &&
                          page.number(place_of(page, message.sections[0]).at, 1) == kSecretTag;
   for (const Section &section : message.sections) {
-    const Place place = place_of(page, section);
+    const Span place = place_of(page, section);
     if (place.at >= behind && is_shown(page, section.shown, place, of_secret)) page.show(place.at, place.size);
   }
   for (const Section &section : message.sections) {
-    const Place place = place_of(page, section);
+    const Span place = place_of(page, section);
     if (!is_shown(page, section.shown, place, of_secret)) page.strike(std::max(place.at, behind), place.size);
   }
   return of_secret;
@@ -101,7 +101,7 @@ bool show_sections(Page &page, const Message &message) {
 }  // namespace
 
 Datagram Striker::request(ksd::Bytes datagram) {
-  Page page(datagram);
+  StruckOut page(datagram);
   const std::optional<HostWireHeader> header = header_of(datagram);
   if (!header) return page.take();
   page.show(0, sizeof *header);
@@ -124,7 +124,7 @@ Datagram Striker::request(ksd::Bytes datagram) {
 }
 
 Datagram Striker::reply(ksd::Bytes datagram) {
-  Page page(datagram);
+  StruckOut page(datagram);
   const std::optional<HostWireHeader> header = header_of(datagram);
   if (!header) return page.take();
   page.show(0, sizeof *header);
@@ -137,7 +137,7 @@ Datagram Striker::reply(ksd::Bytes datagram) {
   constexpr size_t kLength = kResult + sizeof(KsResult);
   page.show(kResult, sizeof(KsResult));
   if (page.number(kResult, sizeof(KsResult)) != KS_SUCCESS) return page.take();
-  Place data{kLength, page.size() - std::min(page.size(), kLength)};
+  Span data{kLength, page.size() - std::min(page.size(), kLength)};
   if (message->has_length) {
     page.show(kLength, sizeof(uint16_t));
     data = {kLength + sizeof(uint16_t), static_cast<size_t>(page.number(kLength, sizeof(uint16_t)))};

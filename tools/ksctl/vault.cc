@@ -115,7 +115,7 @@ Object described(const std::string &file, const vault::BackupContents &contents,
                 {"kept", std::move(kept)}};
 }
 
-void restore(Session &session, const Arguments &arguments) {
+void vault_restore(Session &session, const Arguments &arguments) {
   const std::string &name = arguments.text("FILE");
   const bool only_verify = arguments.has("--verify");
   if (!only_verify && !(arguments.has("--vault") && arguments.has("--master-key-file"))) {
@@ -160,7 +160,7 @@ vault::VaultOptions options_of(const Arguments &arguments) {
   return options;
 }
 
-void check(Session &session, const Arguments &arguments) {
+void vault_check(Session &session, const Arguments &arguments) {
   const vault::Examined found = vault::examine_vault(options_of(arguments));
   session.output.fields(Object{{"vault", arguments.text("--vault")},
                                {"whole", true},
@@ -278,11 +278,10 @@ void import_key(Session &session, const Arguments &arguments) {
 }
 
 constexpr Parameter kVaultFile{"--vault", Kind::kFile, "The vault's file", true};
-constexpr Parameter kKeyFile{"--master-key-file", Kind::kFile, "The file of the master key", true};
 
 constexpr Parameter kBackup[] = {
     {"FILE", Kind::kFile, "Where the backup is to be written", true}, kPassphraseFd, kPassphraseCost};
-constexpr Parameter kRestore[] = {
+constexpr Parameter kVaultRestore[] = {
     {"FILE", Kind::kFile, "The backup", true},
     {"--vault", Kind::kFile, "Where the vault is to stand; one that is there is kept under another name"},
     {"--master-key-file", Kind::kFile, "The file of its master key, made when it isn't there"},
@@ -290,32 +289,32 @@ constexpr Parameter kRestore[] = {
     kWitness,
     kPassphraseFd,
     kKeyPassphraseFd};
-constexpr Parameter kVault[] = {kVaultFile, kKeyFile, kWitness, kKeyPassphraseFd};
+constexpr Parameter kVault[] = {kVaultFile, kMasterKeyFile, kWitness, kKeyPassphraseFd};
 constexpr Parameter kRekey[] = {
     {"--new-key-file", Kind::kFile, "Where the next key is written, for a service whose key is a credential"}};
-constexpr Parameter kExport[] = {{"FILE", Kind::kFile, "Where the sealed key is to be written", true},
-                                 kKeyFile,
-                                 kPassphraseFd,
-                                 kPassphraseCost,
-                                 kKeyPassphraseFd};
-constexpr Parameter kImport[] = {{"FILE", Kind::kFile, "The sealed key", true},
-                                 {"--master-key-file", Kind::kFile, "Where the master key is to be written", true},
-                                 kPassphraseFd};
+constexpr Parameter kExportKey[] = {{"FILE", Kind::kFile, "Where the sealed key is to be written", true},
+                                    kMasterKeyFile,
+                                    kPassphraseFd,
+                                    kPassphraseCost,
+                                    kKeyPassphraseFd};
+constexpr Parameter kImportKey[] = {{"FILE", Kind::kFile, "The sealed key", true},
+                                    {"--master-key-file", Kind::kFile, "Where the master key is to be written", true},
+                                    kPassphraseFd};
 
 constexpr char kWithoutService[] = "No service may have the vault open meanwhile.";
-constexpr char kOfAdministrators[] = "For administrators. The service goes on meanwhile.";
+constexpr char kBesideService[] = "For administrators. The service goes on meanwhile.";
 
 }  // namespace
 
 std::span<const Command> vault_commands() {
   static constexpr Command kCommands[] = {
-      {"backup", "Write all entries to a file, sealed under a passphrase", kBackup, quietly<backup>, kOfAdministrators},
-      {"restore", "Make a vault of a backup, or verify one", kRestore, quietly<restore>, kWithoutService},
-      {"vault rekey", "Change the master key, and seal all entries anew", kRekey, quietly<rekey>, kOfAdministrators},
-      {"vault check", "Look at every record of a vault", kVault, quietly<check>, kWithoutService},
+      {"backup", "Write all entries to a file, sealed under a passphrase", kBackup, quietly<backup>, kBesideService},
+      {"restore", "Make a vault of a backup, or verify one", kVaultRestore, quietly<vault_restore>, kWithoutService},
+      {"vault rekey", "Change the master key, and seal all entries anew", kRekey, quietly<rekey>, kBesideService},
+      {"vault check", "Look at every record of a vault", kVault, quietly<vault_check>, kWithoutService},
       {"vault migrate", "Bring a vault's schema up to date", kVault, quietly<migrate>, kWithoutService},
-      {"vault export-key", "Seal the master key under a passphrase, to move it", kExport, quietly<export_key>},
-      {"vault import-key", "Make a master key's file of an exported one", kImport, quietly<import_key>},
+      {"vault export-key", "Seal the master key under a passphrase, to move it", kExportKey, quietly<export_key>},
+      {"vault import-key", "Make a master key's file of an exported one", kImportKey, quietly<import_key>},
   };
   return kCommands;
 }
