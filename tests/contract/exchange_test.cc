@@ -12,11 +12,6 @@ namespace {
 using scripted::Bytes;
 using testing::Each;
 
-Flow operator+(Flow left, const Flow &right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
-
 class EveryOperation : public scripted::Test, public testing::WithParamInterface<Operation> {
  protected:
   const Operation &operation = GetParam();

@@ -12,6 +12,11 @@ namespace contract {
 
 using Flow = std::vector<std::string>;
 
+inline Flow operator+(Flow left, const Flow &right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
 // NoMemory is what comes of one call whose n-th allocation fails.
 struct NoMemory {
   KsResult result;

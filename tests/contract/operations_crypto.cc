@@ -3,11 +3,11 @@
 
 #include "operations.h"
 
+namespace contract {
+
 using scripted::Bytes;
 using scripted::bytes;
 using scripted::operator+;
-
-namespace contract {
 
 namespace {
 

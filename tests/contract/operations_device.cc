@@ -3,10 +3,10 @@
 
 #include "operations.h"
 
+namespace contract {
+
 using scripted::Bytes;
 using scripted::bytes;
-
-namespace contract {
 
 static const Flow kReplied = {"send", "recv", "drop sent", "drop received"};
 static const Flow kNotSent = {"send"};

@@ -3,11 +3,11 @@
 
 #include "operations.h"
 
+namespace contract {
+
 using scripted::Bytes;
 using scripted::bytes;
 using scripted::operator+;
-
-namespace contract {
 namespace {
 
 const uint8_t kAid[] = {0xa1, 0x00, 0xa3};

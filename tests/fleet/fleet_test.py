@@ -277,6 +277,14 @@ class Fleet(unittest.TestCase):
     self.assertEqual(json.loads(take_in("--skip-existing").stdout)["skipped"], 1)
     self.assertEqual(json.loads(take_in("--replace").stdout)["replaced"], 1)
     self.assertEqual(json.loads(take_in().stdout)["same"], 2)
+    self.assertEqual(self.one.told().count(" takes 2 entries of a vault into the fleet\n"), 5, "a line for each")
+    for name in ("a", "b"):
+      self.assertEqual(self.one.ctl("secret", "rm", name).returncode, 0)
+    self.network.isolate(1)
+    stopped = take_in()
+    self.network.heal()
+    self.assertEqual(stopped.returncode, 1)
+    self.assertRegex(stopped.stderr, "stopped after 0 of 2 entries: the store (doesn't answer|hasn't said in time)")
     for document in (planned, done):
       validate(document, "fleet-import")
     wrong = self.one.ctl("fleet", "import", "--vault-key-file", f"{self.one.folder}/master.key")
@@ -310,6 +318,8 @@ class Fleet(unittest.TestCase):
     incarnation = self.one.status()["incarnation"]
     restored = self.one.restore("while others change")
     self.assertEqual(restored["incarnation"], incarnation + 1)
+    for key in ("entries", "version"):
+      self.assertEqual(restored[key], kept[key])
     self.assertEqual(self.one.names(), names)
     for each in (self.two, self.three):
       cluster.wait_until(lambda: each.status()["left_alone"], 10, "that it stops")

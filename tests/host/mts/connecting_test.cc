@@ -85,6 +85,19 @@ TEST_F(Connecting, TriesAgainAfterASignal) {
   EXPECT_EQ(tries, 3);
 }
 
+#ifndef __SANITIZE_THREAD__
+TEST_F(Connecting, GreetsAgainAfterASignal) {
+  service.start();
+  int tries = 0;
+  const WithSocketHooks hooks({.send = [&]() -> long {
+    errno = EINTR;
+    return ++tries < 3 ? -1 : SocketHooks::kPassOn;
+  }});
+  EXPECT_NE(bind_as(1), MTS_FAILED);
+  EXPECT_EQ(tries, 3);
+}
+#endif
+
 TEST_F(Connecting, TimesOutWhereTheQueueOfConnectionsDoesNotMove) {
   const WithSocketHooks hooks({.connect = [] {
     errno = EAGAIN;

@@ -43,10 +43,10 @@ constexpr int kSendLimit64 = 67;
 
 namespace {
 
-using Get = int(int, int, int, void *, socklen_t *);
-using Set = int(int, int, int, const void *, socklen_t);
+using GetOption = int(int, int, int, void *, socklen_t *);
+using SetOption = int(int, int, int, const void *, socklen_t);
 
-int get(Get *real, int socket, int level, int option, void *value, socklen_t *size) {
+int get(GetOption *real, int socket, int level, int option, void *value, socklen_t *size) {
   const bool asked = level == SOL_SOCKET && option == SO_SNDBUF && active.send_buffer;
   const int answer = asked ? active.send_buffer() : SocketHooks::kPassOn;
   if (answer == SocketHooks::kPassOn) return real(socket, level, option, value, size);
@@ -54,7 +54,7 @@ int get(Get *real, int socket, int level, int option, void *value, socklen_t *si
   return 0;
 }
 
-int set(Set *real, int socket, int level, int option, const void *value, socklen_t size) {
+int set(SetOption *real, int socket, int level, int option, const void *value, socklen_t size) {
   if (level == SOL_SOCKET && (option == SO_SNDBUF || option == SO_SNDBUFFORCE) && active.set_send_buffer) {
     int wanted = 0;
     memcpy(&wanted, value, sizeof wanted);
@@ -91,12 +91,12 @@ long syscall(long number, ...) noexcept {
 }
 
 int getsockopt(int socket, int level, int option, void *value, socklen_t *size) noexcept {
-  static auto *const real = next_of<Get>("getsockopt");
+  static auto *const real = next_of<GetOption>("getsockopt");
   return get(real, socket, level, option, value, size);
 }
 
 int setsockopt(int socket, int level, int option, const void *value, socklen_t size) noexcept {
-  static auto *const real = next_of<Set>("setsockopt");
+  static auto *const real = next_of<SetOption>("setsockopt");
   return set(real, socket, level, option, value, size);
 }
 
@@ -106,12 +106,12 @@ int setsockopt_64(int socket, int level, int option, const void *value, socklen_
     __asm__("__setsockopt64");
 
 int getsockopt_64(int socket, int level, int option, void *value, socklen_t *size) noexcept {
-  static auto *const real = next_of<Get>("__getsockopt64");
+  static auto *const real = next_of<GetOption>("__getsockopt64");
   return get(real, socket, level, option, value, size);
 }
 
 int setsockopt_64(int socket, int level, int option, const void *value, socklen_t size) noexcept {
-  static auto *const real = next_of<Set>("__setsockopt64");
+  static auto *const real = next_of<SetOption>("__setsockopt64");
   return set(real, socket, level, option, value, size);
 }
 #endif

@@ -22,9 +22,6 @@ using ks_test::fail_call;
 using ks_test::LibraryCalls;
 using testing::HasSubstr;
 
-constexpr const char *kLibrary = "libsdb.so";
-constexpr uint32_t kNoMemoryCode = 0x411a0007;
-
 // Failure makes one call fail for as long as what it gives lives.
 using Failure = std::function<std::shared_ptr<void>()>;
 

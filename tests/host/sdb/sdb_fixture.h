@@ -33,9 +33,12 @@ constexpr uint32_t kValueDamagedCode = 0x411a0003;
 constexpr uint32_t kFullCode = 0x411a0004;
 constexpr uint32_t kBusyCode = 0x411a0005;
 constexpr uint32_t kBadArgumentCode = 0x411a0006;
+constexpr uint32_t kNoMemoryCode = 0x411a0007;
 constexpr uint32_t kSystemCode = 0x411a0009;
 constexpr uint32_t kNoIterationCode = 0x411a000a;
 constexpr uint32_t kNoMoreKeysCode = 0x40480004;
+
+constexpr const char *kLibrary = "libsdb.so";  // whose calls are stood in for
 
 inline KsSdbDatum datum(std::string_view bytes) {
   return {bytes.data(), static_cast<uint32_t>(bytes.size())};

@@ -48,11 +48,11 @@ static bool fails(const void *caller) {
   return true;
 }
 
-extern "C" void *malloc(size_t size) {
+extern "C" void *malloc(size_t size) noexcept {
   return fails(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
 }
 
-extern "C" void *calloc(size_t count, size_t size) {
+extern "C" void *calloc(size_t count, size_t size) noexcept {
   return fails(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
 }
 

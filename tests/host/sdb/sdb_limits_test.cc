@@ -160,7 +160,6 @@ TEST_F(SdbLimits, OfMemoryAreToldAndHarmNothing) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the heap is the sanitizer's";
 #endif
-  constexpr uint32_t kNoMemoryCode = 0x411a0007;
   const std::string large(10'000, 'l');
   const KsSdbDatum *key = nullptr;
   const KsSdbDatum *value = nullptr;

@@ -20,7 +20,6 @@ using testing::HasSubstr;
 
 namespace {
 
-constexpr const char *kLibrary = "libsdb.so";
 const std::string kOtherRun = "01234567-89ab-cdef-0123-456789abcdef";
 
 class SdbRun : public Sdb {

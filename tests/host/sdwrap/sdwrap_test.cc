@@ -17,6 +17,7 @@
 #include <string>
 #include <thread>
 
+#include "checks.h"
 #include "fake_service/fake_service.h"
 #include "library_calls.h"
 #include "start_time.h"
@@ -134,13 +135,6 @@ class Sdwrap : public testing::Test {
  private:
   TemporaryFolder folder_;
 };
-
-bool recorded(uint32_t subtype) {
-  return sdwrap_hist_event_subtype_check(kEvent, subtype) == 0;
-}
-bool debugged(uint32_t flag) {
-  return sdwrap_chk_int(flag, 0, 0, 1) != 0;
-}
 
 TEST_F(Sdwrap, RecordsSubtype100AloneWithoutAStatePage) {
   EXPECT_TRUE(passes_in_child([] {

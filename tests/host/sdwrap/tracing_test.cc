@@ -11,23 +11,19 @@
 
 #include <cerrno>
 #include <fstream>
-#include <sstream>
 #include <string>
 
+#include "checks.h"
+#include "content_of.h"
 #include "fake_service/fake_service.h"
 #include "sdwrap.h"
 
+using ks_test::content_of;
+
 namespace {
 
-bool recorded(uint32_t subtype) {
-  return sdwrap_hist_event_subtype_check(0x730000, subtype) == 0;
-}
-bool debugged(uint32_t flag) {
-  return sdwrap_chk_int(flag, 0, 0, 1) != 0;
-}
-
 // As the library's reporting step does it.
-void report(const std::string &text, uint32_t subtype = 103) {
+void report_as_library(const std::string &text, uint32_t subtype = 103) {
   if (recorded(subtype)) {
     KsHistRecord record = {};
     record.subtype = subtype;
@@ -35,12 +31,6 @@ void report(const std::string &text, uint32_t subtype = 103) {
     sdwrap_hist_event(0x730000, static_cast<uint32_t>(strlen(record.text) + 5), &record);
   }
   if (debugged(subtype)) buginf(1, sdwrap_dbg_modname, 0, "%s", text.c_str());
-}
-
-std::string content(const std::string &path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
 }
 
 class Tracing : public testing::Test {
@@ -72,7 +62,7 @@ class Tracing : public testing::Test {
       body();
       return true;
     }));
-    return without_pids(content(errors));
+    return without_pids(content_of(errors));
   }
   static std::string without_pids(std::string text) {
     for (size_t at = text.find('['); at != std::string::npos; at = text.find('[', at + 1)) {
@@ -135,9 +125,9 @@ TEST_F(Tracing, StaysOpenWhenTheServiceComesLater) {
 TEST_F(Tracing, PrintsReportsAndDebugLines) {
   ask("record+normal,debug+alert");
   EXPECT_EQ(said_by([] {
-              report("mts_bind failed \n");
-              report("No URI exists. \n", 100);
-              report("first\nsecond\n");
+              report_as_library("mts_bind failed \n");
+              report_as_library("No URI exists. \n", 100);
+              report_as_library("first\nsecond\n");
               EXPECT_EQ(errno, 77);
             }),
             "ks[] report 103: mts_bind failed \nks[]: No URI exists. \nks[] report 103: first\n");
@@ -146,13 +136,13 @@ TEST_F(Tracing, PrintsReportsAndDebugLines) {
 TEST_F(Tracing, PrintsTheLongestReportWholeAndNoOther) {
   ask("record+103");
   EXPECT_EQ(said_by([] {
-              report(std::string(511, 'r'));
+              report_as_library(std::string(511, 'r'));
               const uint8_t short_ones[4] = {103, 0, 0, 0};
               sdwrap_hist_event(0x730000, 4, short_ones);
               sdwrap_hist_event(0x730000, 0, short_ones);
               const std::string vast(2000, 'v');
               sdwrap_hist_event(0x730000, 2000, vast.data());
-              report("recorded by default", 100);
+              report_as_library("recorded by default", 100);
             }),
             "ks[] report 103: " + std::string(511, 'r') + "\n");
 }
@@ -161,8 +151,8 @@ TEST_F(Tracing, SaysNothingWhereNothingIsAskedFor) {
   for (const char *gates : {"", static_cast<const char *>(nullptr)}) {
     if (gates != nullptr) ask(gates);
     EXPECT_EQ(said_by([] {
-                report("a");
-                report("b", 100);
+                report_as_library("a");
+                report_as_library("b", 100);
               }),
               "");
     unsetenv("KS_TRACE");
@@ -184,14 +174,14 @@ TEST_F(Tracing, SaysOnceWhatItDoesNotKnowAndOpensNothing) {
                                      {"\033[2Jx\x7f", "?[2Jx?"}}) {
     ask(value);
     EXPECT_EQ(said_by([] {
-                for (int i = 0; i < 3; i++) report("unseen");
+                for (int i = 0; i < 3; i++) report_as_library("unseen");
                 if (debugged(103) || recorded(103)) fputs("open", stderr);
               }),
               std::string("ks[]: KS_TRACE: \"") + wrong + kKnown)
         << value;
   }
   ask(std::string(5000, 'x'));
-  EXPECT_EQ(said_by([] { report("unseen"); }), "ks[]: KS_TRACE: \"" + std::string(40, 'x') + kKnown);
+  EXPECT_EQ(said_by([] { report_as_library("unseen"); }), "ks[]: KS_TRACE: \"" + std::string(40, 'x') + kKnown);
 }
 
 TEST_F(Tracing, WritesToTheFile) {
@@ -199,34 +189,34 @@ TEST_F(Tracing, WritesToTheFile) {
   ask_for_file();
   umask(0);
   EXPECT_EQ(said_by([this] {
-              report("first\n");
+              report_as_library("first\n");
               struct stat status;
               EXPECT_EQ(stat(file().c_str(), &status), 0);
               EXPECT_EQ(status.st_mode & 07777, 0600U);
               if (fork() == 0) {
-                report("child\n");
+                report_as_library("child\n");
                 _exit(0);
               }
               wait(nullptr);
-              report("last\n");
+              report_as_library("last\n");
             }),
             "");
-  EXPECT_EQ(said_by([] { report("another process\n"); }), "") << "behind what is there";
-  EXPECT_EQ(without_pids(content(file())), "ks[]: first\nks[]: child\nks[]: last\nks[]: another process\n");
+  EXPECT_EQ(said_by([] { report_as_library("another process\n"); }), "") << "behind what is there";
+  EXPECT_EQ(without_pids(content_of(file())), "ks[]: first\nks[]: child\nks[]: last\nks[]: another process\n");
 }
 
 TEST_F(Tracing, WritesDebugLinesThatTheServiceOpensToTheFileToo) {
   write_page(0, 1U << 7);
   ask_for_file();
-  EXPECT_EQ(said_by([] { report("text\n"); }), "");
-  EXPECT_EQ(without_pids(content(file())), "ks[]: text\n");
+  EXPECT_EQ(said_by([] { report_as_library("text\n"); }), "");
+  EXPECT_EQ(without_pids(content_of(file())), "ks[]: text\n");
 }
 
 TEST_F(Tracing, LetsNoDescriptorThroughExec) {
   ask("debug+all");
   ask_for_file();
   EXPECT_TRUE(passes_in_child([this] {
-    report("x");
+    report_as_library("x");
     struct stat wanted;
     if (stat(file().c_str(), &wanted) != 0) return false;
     for (int number = 0; number < 256; number++) {
@@ -242,10 +232,10 @@ TEST_F(Tracing, KeepsTheFileOpenFromLineToLine) {
   ask("debug+all");
   ask_for_file();
   EXPECT_TRUE(passes_in_child([] {
-    report("one\n");
+    report_as_library("one\n");
     const int next = dup(STDERR_FILENO);
     close(next);
-    for (int i = 0; i < 20; i++) report("more\n");
+    for (int i = 0; i < 20; i++) report_as_library("more\n");
     return dup(STDERR_FILENO) == next;
   }));
 }
@@ -254,13 +244,13 @@ TEST_F(Tracing, OpensTheFileAgainWhenItsNumberBecameAnothers) {
   ask("debug+all");
   ask_for_file();
   EXPECT_TRUE(passes_in_child([this] {
-    report("one\n");
+    report_as_library("one\n");
     const std::string other = folder() + "/other";
     for (int number = 3; number < 256; number++) close(number);
     for (int number = 3; number < 256; number++) open(other.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    report("two\n");
-    report("three\n");
-    return content(other).empty() && without_pids(content(file())) == "ks[]: one\nks[]: two\nks[]: three\n";
+    report_as_library("two\n");
+    report_as_library("three\n");
+    return content_of(other).empty() && without_pids(content_of(file())) == "ks[]: one\nks[]: two\nks[]: three\n";
   }));
 }
 
@@ -272,8 +262,8 @@ TEST_F(Tracing, TakesOnlyARegularFileOfItsUser) {
   };
   const auto said = [this] {
     return said_by([] {
-      report("text\n");
-      report("again\n");
+      report_as_library("text\n");
+      report_as_library("again\n");
       EXPECT_EQ(errno, 77);
     });
   };
@@ -286,7 +276,7 @@ TEST_F(Tracing, TakesOnlyARegularFileOfItsUser) {
   ASSERT_EQ(link(precious.c_str(), file().c_str()), 0);
   EXPECT_EQ(said(), refusal("has other names too"));
   ASSERT_EQ(unlink(file().c_str()), 0);
-  EXPECT_EQ(content(precious), "precious");
+  EXPECT_EQ(content_of(precious), "precious");
 
   ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
   EXPECT_EQ(said(), refusal("No such device or address")) << "nobody reads it";
@@ -311,10 +301,10 @@ TEST_F(Tracing, IsNoReasonToDieWhereTheFileMayNotGrow) {
     const rlimit little = {.rlim_cur = 10, .rlim_max = 10};
     setrlimit(RLIMIT_FSIZE, &little);
     errno = 77;
-    for (int i = 0; i < 3; i++) report("more than there is room for\n");
+    for (int i = 0; i < 3; i++) report_as_library("more than there is room for\n");
     sigset_t pending;
     sigpending(&pending);
-    return errno == 77 && content(file()).size() == 10 && sigismember(&pending, SIGXFSZ) == 0;
+    return errno == 77 && content_of(file()).size() == 10 && sigismember(&pending, SIGXFSZ) == 0;
   }));
 }
 
@@ -330,7 +320,7 @@ TEST_F(Tracing, IsOutOfTheQuestionForAProgramWithCapabilities) {
 // Run by the test below as another user, with root's rights.
 TEST(TracingInside, DISABLED_WithTheRightsOfAnotherUser) {
   EXPECT_NE(getuid(), geteuid());
-  report("by the caller's wish\n");
+  report_as_library("by the caller's wish\n");
   EXPECT_FALSE(debugged(103));
 }
 

@@ -18,6 +18,7 @@
 #include "leave.h"
 #include "service/raw_channel.h"
 #include "service/service_process.h"
+#include "setup.h"
 
 namespace {
 
@@ -27,7 +28,6 @@ using ks_test::RawClient;
 using ks_test::RawReply;
 using ks_test::request_datagram;
 using ks_test::ServiceProcess;
-using ks_test::ServiceSetup;
 
 constexpr uint32_t kRandom = 66561;
 constexpr uint32_t kStore = 66562;
@@ -48,15 +48,6 @@ Datagram store_request(uint16_t size) {
                           {static_cast<uint8_t>(name.size()), 12, 0, offset, low, high, offset, 0, 0, 0,
                            static_cast<uint8_t>(end_of), static_cast<uint8_t>(end_of >> 8)},
                           sections);
-}
-
-ServiceSetup setup_with(const std::string &limits) {
-  const std::string uid = std::to_string(getuid());
-  ServiceSetup setup;
-  setup.config =
-      "[limits]\n" + limits + "[administrators]\nusers = [" + uid + "]\n[[vdc]]\nid = 7\nusers = [" + uid + "]\n";
-  setup.parent = "/dev/shm";
-  return setup;
 }
 
 // All cases of a suite meet the same service, which is well at the end.
@@ -339,6 +330,16 @@ TEST(HostileChannel, TakesLargeRequestsAndGivesLargeRepliesBesideTheChannel) {
   channel.post({}, HOST_CHANNEL_ON_SOCKET);
   ASSERT_EQ(client.receive()->result(), KS_SUCCESS);
   EXPECT_EQ(channel.exchange(request_datagram(KS_OP_RETURN_METADATA, 5, {5, 2}, name)).data().size(), 30'000u);
+}
+
+TEST(HostileChannel, AnswersAByteOnTheSocketAsAnyOther) {
+  ServiceProcess service(setup_with(""));
+  RawClient client(service.socket());
+  RawChannel channel(client);
+  ASSERT_TRUE(client.send({0x6b}));
+  channel.post({}, HOST_CHANNEL_ON_SOCKET);
+  EXPECT_EQ(client.receive()->result(), KS_INVALID_ARGS);
+  EXPECT_EQ(channel.exchange(random_request()).data().size(), 4u);
 }
 
 // ---- Limits.

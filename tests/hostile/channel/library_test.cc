@@ -8,14 +8,15 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
 #include <vector>
 
+#include "content_of.h"
 #include "ks_api.h"
 #include "leave.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
+#include "setup.h"
 
 namespace {
 
@@ -23,22 +24,12 @@ using ks_test::ProgramRun;
 using ks_test::RawClient;
 using ks_test::run_program;
 using ks_test::ServiceProcess;
-using ks_test::ServiceSetup;
 
 constexpr int kEnough = 40;  // exchanges, for a connection to have a channel
 
 bool exchange() {
   uint8_t random[16];
   return ks_generate_random_number(random, sizeof random, 0) == KS_SUCCESS;
-}
-
-ServiceSetup setup_with(const std::string &limits) {
-  const std::string uid = std::to_string(getuid());
-  ServiceSetup setup;
-  setup.config = "[service]\ncache_uri = \"lmdb://@dir@/cache\"\n[limits]\n" + limits + "[administrators]\nusers = [" +
-                 uid + "]\n[[vdc]]\nid = 7\nusers = [" + uid + "]\n";
-  setup.parent = "/dev/shm";
-  return setup;
 }
 
 class Library : public testing::Test {
@@ -182,9 +173,7 @@ TEST_F(Library, ExchangesAreCapturedThoughThereIsAChannel) {
                                       std::filesystem::read_symlink("/proc/self/exe").string(),
                                       "--gtest_also_run_disabled_tests", "--gtest_filter=AProgram.*"});
   EXPECT_EQ(run.status, 0) << run.output << run.errors;
-  std::ostringstream content;
-  content << std::ifstream(file, std::ios::binary).rdbuf();
-  const std::string bytes = content.str(), request("kws1\1\0\10\0\1\4\1\0", 12);
+  const std::string bytes = ks_test::content_of(file), request("kws1\1\0\10\0\1\4\1\0", 12);
   int found = 0;
   for (size_t at = bytes.find(request); at != std::string::npos; at = bytes.find(request, at + 1)) ++found;
   EXPECT_EQ(found, kEnough);

@@ -10,25 +10,19 @@
 #include <unistd.h>
 
 #include <array>
-#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "base/fd.h"
 #include "base/log.h"
+#include "content_of.h"
 #include "temporary_folder.h"
 
 namespace {
 
+using ks_test::content_of;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-std::string text_of(const std::string &path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 std::multiset<std::string> found(const std::string &text, const std::string &pattern) {
   const std::regex expression(pattern);
@@ -51,7 +45,7 @@ class Events : public testing::Test {
   ~Events() override { dup2(own_errors_.get(), STDERR_FILENO); }
 
   std::string path() const { return folder_.path() + "/journal"; }
-  std::string errors() const { return text_of(folder_.path() + "/errors"); }
+  std::string errors() const { return content_of(folder_.path() + "/errors"); }
   std::string datagram() const {
     std::array<char, 4096> text{};
     const ssize_t size = recv(socket_.get(), text.data(), text.size(), 0);
@@ -72,6 +66,14 @@ TEST_F(Events, GoToTheJournalWithTheirId) {
             "PRIORITY=3\nSYSLOG_IDENTIFIER=ksd\nMESSAGE_ID=4abaff6592be40ecad396480b407b083\n"
             "MESSAGE\n\x0c\0\0\0\0\0\0\0/vault: full\n"s);
   EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(Events, TellTheLengthOfALongText) {
+  ksd::start_logging(ksd::LogFormat::kJournal, "info", path().c_str());
+  const std::string text(0x1234 / 2, 'x');
+  ksd::tell(ksd::event::kDiskFull, "{}", text);
+  using namespace std::string_literals;
+  EXPECT_THAT(datagram(), HasSubstr("MESSAGE\n\x1a\x09\0\0\0\0\0\0"s + text + "\n"));
 }
 
 TEST_F(Events, NameTheClientThatTheyAreAbout) {
@@ -103,9 +105,9 @@ TEST_F(Events, KeepToTheLevelOfTheLog) {
 }
 
 TEST(EventCatalog, ExplainsEachEventOnce) {
-  const auto told = found(text_of(KS_SOURCE_DIR "/service/base/event.h"), "\"([0-9a-f]{32})\"");
+  const auto told = found(content_of(KS_SOURCE_DIR "/service/base/event.h"), "\"([0-9a-f]{32})\"");
   const auto explained =
-      found(text_of(KS_SOURCE_DIR "/service/systemd/ksd.catalog"), "(?:^|\n)-- ([0-9a-f]{32})\nSubject: [^\n]+\n");
+      found(content_of(KS_SOURCE_DIR "/service/systemd/ksd.catalog"), "(?:^|\n)-- ([0-9a-f]{32})\nSubject: [^\n]+\n");
   EXPECT_EQ(told, explained);
   EXPECT_EQ(told.size(), std::set(told.begin(), told.end()).size());
   EXPECT_GE(told.size(), 20u);

@@ -61,4 +61,16 @@ TEST(LogLimiter, RemembersOthersInThePlaceOfThoseWhoHaveBeenSilentForAMinute) {
   EXPECT_TRUE(limiter.pass(Kind::kRefused, 30'002, start + 60s)) << "each has a line of its own again";
 }
 
+// To look at all of them for every line of somebody new would be work that whoever has many user ids can ask for.
+TEST(LogLimiter, LooksForRoomOnceASecond) {
+  LogLimiter limiter(2);
+  const LogLimiter::Clock::time_point start{};
+  EXPECT_TRUE(limiter.pass(Kind::kRefused, 1, start));
+  EXPECT_TRUE(limiter.pass(Kind::kRefused, 2, start + 500ms));
+  EXPECT_TRUE(limiter.pass(Kind::kRefused, 3, start + 59s)) << "the line of all others";
+  EXPECT_TRUE(limiter.pass(Kind::kRefused, 4, start + 60s)) << "in the place of the first";
+  EXPECT_FALSE(limiter.pass(Kind::kRefused, 5, start + 60s + 500ms)) << "the second's place isn't looked for yet";
+  EXPECT_TRUE(limiter.pass(Kind::kRefused, 6, start + 61s));
+}
+
 }  // namespace

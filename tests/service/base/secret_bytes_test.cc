@@ -47,6 +47,20 @@ TEST(SecretBytes, RefusesWhatIsLargerThanAnySlot) {
   EXPECT_EQ(guarded_memory_use().mapped_bytes, before.mapped_bytes);
 }
 
+TEST(SecretBytes, TakesRoomInAChunkThatWasFull) {
+  constexpr size_t kSize = 2048;  // of no other test
+  const auto mapped = [] { return guarded_memory_use().mapped_bytes; };
+  std::vector<std::shared_ptr<const SecretBytes>> held{SecretBytes::allocate(kSize)};
+  for (const size_t one_chunk = mapped(); mapped() == one_chunk;) held.push_back(SecretBytes::allocate(kSize));
+  const size_t slots = held.size() - 1, two_chunks = mapped();
+
+  held.erase(held.begin());
+  for (size_t i = 0; i < slots; ++i) held.push_back(SecretBytes::allocate(kSize));
+  EXPECT_EQ(mapped(), two_chunks);
+  held.push_back(SecretBytes::allocate(kSize));
+  EXPECT_GT(mapped(), two_chunks);
+}
+
 TEST(SecretBytes, HoldsWhatItWasGivenAtEverySize) {
   std::vector<std::shared_ptr<const SecretBytes>> held;
   for (const size_t size : {0u, 1u, 15u, 16u, 17u, 255u, 256u, 257u, 4096u, 65535u, 65536u, 65537u, 190000u}) {

@@ -243,8 +243,12 @@ TEST(Config, NamesTheOnlyVdc) {
 }
 
 TEST(Config, RefusesAModeThatWasMeantToBeOctal) {
-  EXPECT_THAT(problems_of("[service]\nsocket_mode = 660\n"),
-              ElementsAre("f:2:15: socket_mode takes permission bits in octal, as 0o660"));
+  for (const char *mode : {"660", "0o1000", "-1", "true"}) {
+    EXPECT_THAT(problems_of(std::string("[service]\nsocket_mode = ") + mode + "\n"),
+                ElementsAre("f:2:15: socket_mode takes permission bits in octal, as 0o660"));
+  }
+  EXPECT_EQ(good("[service]\nsocket_mode = 0o777\n").socket_mode, 0777u);
+  EXPECT_EQ(good("[service]\nsocket_mode = 0\n").socket_mode, 0u);
 }
 
 TEST(Config, RefusesRelativeAndTooLongPaths) {
@@ -421,6 +425,17 @@ TEST(SharedConfig, NamesWhatIsNoEndpoint) {
     EXPECT_THAT(problems_of(std::string("[shared]\nmachine = \"a\"\nendpoints = [") + other + "]"),
                 ElementsAre("f:3:14: an endpoint is \"https://host:port\""))
         << other;
+  }
+}
+
+TEST(SharedConfig, TakesNamesOfLettersDigitsAndAFewMarks) {
+  const std::string begin = "[shared]\nendpoints = [\"http://127.0.0.1:1\"]\n";
+  const std::string small = "abcdefghijklmnopqrstuvwxyz0123456789._-";
+  EXPECT_EQ(good(begin + "machine = \"" + small + "\"").shared->machine, small);
+  const std::string prefix = "ABCDEFGHIJKLMNOPQRSTUVWXYZ/az09._-";
+  EXPECT_EQ(good(begin + "machine = \"a\"\nprefix = \"" + prefix + "\"").shared->prefix, prefix + "/");
+  for (const char *other : {"`", "{", "/", ":", "@", "[", "A"}) {
+    EXPECT_THAT(problems_of(begin + "machine = \"" + other + "\""), ElementsAre(HasSubstr("machine takes a name")));
   }
 }
 

@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
 #include <map>
 
+#include "fixture.h"
 #include "fleet_simulator/engine_model.h"
 #include "vault_files/vault_files.h"
 
@@ -27,10 +29,6 @@ constexpr FleetId kFleet{1, 2, 3};
 
 MATCHER_P2(Answers, ticket, result, "") {
   return arg.ticket == static_cast<Ticket>(ticket) && arg.result == static_cast<KsResult>(result);
-}
-
-std::shared_ptr<const SecretBytes> master_key(uint8_t fill = 7) {
-  return SecretBytes::copy_of(std::vector<uint8_t>(vault::kMasterKeySize, fill));
 }
 
 // Machine is a core whose requests are carried out when the test says so.
@@ -103,7 +101,7 @@ class Machine final : private Readers {
     std::ranges::sort(wanted.rows, {}, [](const vault::RowPtr &row) { return row->id; });
     return wanted;
   }
-  Restore::Progress::State restored() const { return core.restoring()->progress().state; }
+  RestoreState restored() const { return core.restoring()->progress().state; }
   bool has(const std::string &name) const { return core.memory().state().table.find(secret_name(name)) != nullptr; }
   Standing standing() const { return core.standing(now); }
 
@@ -161,8 +159,8 @@ class Machine final : private Readers {
   Core core;
 };
 
-// Keeper keeps a next key if it has room.
-struct Keeper final : KeyKeeper {
+// SmallKeeper keeps a next key if it has room.
+struct SmallKeeper final : KeyKeeper {
   std::string keep_next(const SecretBytes &key, const SecretBytes &) override {
     if (is_full) return "there is no room";
     next = SecretBytes::copy_of(key.bytes());
@@ -225,7 +223,7 @@ class Fleet : public testing::Test {
   }
 
   StoreModel store;
-  std::map<std::string, Keeper> keeper;
+  std::map<std::string, SmallKeeper> keeper;
   std::map<std::string, std::unique_ptr<Machine>> machines;
   std::map<Ticket, Answer> answers;
 
@@ -235,14 +233,21 @@ class Fleet : public testing::Test {
   Ticket last_ = 0;
 };
 
-// restored gives the store as a restore of what is in it would leave it.
-void restore(StoreModel &store) {
+// change_header does what somebody could who has the fleet's key.
+void change_header(StoreModel &store, const std::function<void(FleetHeader &header)> &change) {
   const vault::Sealer sealer(*master_key(), kFleet);
   const std::optional<HeaderFront> front = header_front(store.header()->value);
   FleetHeader header = *decode_header(sealer.open(vault::RecordKind::kFleetHeader, 0, front->sealed)->bytes());
-  ++header.incarnation;
-  header.version = 1;
+  change(header);
   store.change({{.key = kHeaderKey, .value = seal_header(header, front->key, sealer), .mod_revision = 0}}, {});
+}
+
+// restored gives the store as a restore of what is in it would leave it.
+void restore(StoreModel &store) {
+  change_header(store, [](FleetHeader &header) {
+    ++header.incarnation;
+    header.version = 1;
+  });
 }
 
 TEST(FleetCore, SleepsUntilThereIsSomethingToDo) {
@@ -263,12 +268,99 @@ TEST(FleetCore, SleepsUntilThereIsSomethingToDo) {
   }
 }
 
+TEST(FleetCore, SleepsAgainOnceItHasCaughtUp) {
+  StoreModel store;
+  Machine x(store, Machine::options("x")), y(store, Machine::options("y", 2));
+  x.come_up();
+  y.come_up();
+  x.see_changes();
+  x.is_deaf = true;
+  y.put(1, "a");
+  y.carry_out();
+  for (Time passed{}; passed < 900ms; passed += 100ms) {
+    x.pass(100ms);
+    x.carry_out();  // also a question for the header, by which it knows that it is behind
+  }
+  x.is_deaf = false;
+  x.see_changes();
+  ASSERT_TRUE(x.has("a"));
+  x.pass(2s);
+  x.carry_out();
+  EXPECT_GT(x.core.next_tick(), x.now);
+}
+
 TEST(FleetCore, MakesAFleetWhereThereIsNone) {
   StoreModel store;
   Machine x(store, Machine::options("x"));
   x.come_up();
   EXPECT_EQ(x.standing(), Standing::kGood);
   EXPECT_EQ(x.core.memory().header().version, 1u);
+}
+
+TEST(FleetCore, CountsItsCommitsAndThoseThatAnotherMachineCameBefore) {
+  StoreModel store;
+  Machine x(store, Machine::options("x")), y(store, Machine::options("y"));
+  x.come_up();
+  y.come_up();
+  EXPECT_EQ(x.core.counts().commits, 0u) << "it is in the fleet that it made";
+  EXPECT_EQ(y.core.counts().commits, 1u) << "it has entered itself";
+  const uint64_t loads = x.core.counts().loads;
+  x.see_changes();
+  x.put(1, "a");
+  x.carry_out();
+  EXPECT_EQ(x.core.counts().commits, 1u);
+  EXPECT_EQ(x.core.counts().lost, 0u);
+
+  x.put(2, "b");
+  const std::optional<Commit> late = x.last_commit();
+  ASSERT_TRUE(late);
+  y.see_changes();
+  y.put(1, "c");
+  y.carry_out();
+  x.execute(*late);
+  x.see_changes();
+  x.pass(100ms);
+  x.carry_out();
+  EXPECT_EQ(x.core.counts().lost, 1u);
+  EXPECT_EQ(x.core.counts().commits, 2u);
+  EXPECT_EQ(x.core.counts().unknown, 0u);
+  EXPECT_EQ(x.core.counts().loads, loads);
+  EXPECT_EQ(y.core.counts().commits, 2u);
+}
+
+TEST(FleetCore, AsksOthersToPauseOnceItWasTooLateThreeTimesInARow) {
+  StoreModel store;
+  Machine x(store, Machine::options("x")), y(store, Machine::options("y", 2));
+  x.come_up();
+  y.come_up();
+  x.see_changes();
+  x.pass(200ms);
+  x.carry_out();
+  std::optional<Commit> commit;
+  // asks takes what is to be sent, keeps the commit in it, and tells whether a heartbeat is there.
+  const auto asks = [&] {
+    bool found = false;
+    for (Request &request : x.core.take_requests()) {
+      found = found || std::holds_alternative<Beat>(request);
+      if (auto *const sent = std::get_if<Commit>(&request)) commit = std::move(*sent);
+    }
+    return found;
+  };
+  x.put(1, "a");
+  asks();
+  for (int lost = 1; lost <= 3; ++lost) {
+    SCOPED_TRACE(lost);
+    for (int i = 0; i < 20 && !commit; ++i) {
+      x.pass(10ms);
+      asks();
+    }
+    ASSERT_TRUE(commit);
+    y.put(static_cast<Ticket>(lost), "y" + std::to_string(lost));
+    y.carry_out();
+    x.execute(*std::exchange(commit, std::nullopt));
+    x.see_changes();
+    EXPECT_EQ(asks(), lost == 3);
+  }
 }
 
 TEST(FleetCore, SendsAChangeAgainThatHasntHappenedWhenALaterQuestionIsAnswered) {
@@ -314,6 +406,31 @@ TEST(FleetCore, FindsARowThatDisappearsBehindTheWatchWithinFiveMinutes) {
   }
   EXPECT_EQ(x.standing(), Standing::kTampered);
   EXPECT_EQ(x.core.why(), "the rows aren't those of the header");
+}
+
+TEST(FleetCore, CountsAgainSoonWhereTheStoreFailedMeanwhile) {
+  StoreModel store;
+  Machine x(store, Machine::options("x"));
+  x.come_up();
+  const auto time_to_next_count = [&](bool fails) {
+    const Time start = x.now;
+    for (bool counted = false; !counted && x.now - start < 400s; x.pass(200ms)) {
+      for (const Request &request : x.core.take_requests()) {
+        const auto *const count = std::get_if<Load>(&request);
+        counted = counted || count != nullptr;
+        if (count != nullptr && fails) {
+          x.core.take(x.now, Failed{count->id, Failure::kNotSent, ""});
+        } else {
+          std::visit([&x](const auto &one) { x.execute(one); }, request);
+        }
+      }
+      x.see_changes();
+    }
+    return x.now - start;
+  };
+  EXPECT_GT(time_to_next_count(true), 250s);
+  EXPECT_LT(time_to_next_count(false), 15s);
+  EXPECT_GT(time_to_next_count(false), 250s);
 }
 
 // Rows that are counted at a header which memory has yet to reach.
@@ -416,6 +533,35 @@ TEST(FleetCore, TakesAnEarlierIncarnationForAStoreThatWasSetBack) {
   x.pass(250ms);
   x.carry_out();
   EXPECT_EQ(x.standing(), Standing::kTampered);
+}
+
+// Such as that of a store which was set back, and in which others then made as many changes as were lost.
+TEST(FleetCore, LeavesAStoreAloneWhoseHeaderDoesntFollow) {
+  const std::function<void(FleetHeader &)> changes[] = {
+      [](FleetHeader &header) {
+        header.version += 1;
+        header.before[0] ^= 1;
+      },
+      [](FleetHeader &header) {
+        header.version += 2;
+        header.writers[0].sequence -= 1;
+      },
+  };
+  for (const auto &change : changes) {
+    SCOPED_TRACE(&change - changes);
+    StoreModel store;
+    Machine x(store, Machine::options("x"));
+    x.come_up();
+    x.put(1, "a");
+    x.carry_out();
+    change_header(store, change);
+    for (int i = 0; i < 5; ++i) {
+      x.carry_out();
+      x.pass(250ms);
+    }
+    EXPECT_EQ(x.standing(), Standing::kTampered);
+    EXPECT_EQ(x.core.why(), "the header isn't a successor of the one that was there");
+  }
 }
 
 TEST(FleetCore, NoticesAnotherMachineOfItsName) {
@@ -559,8 +705,6 @@ TEST(FleetCore, TriesAGroupOneByOneThatIsTooLargeForTheStore) {
 
 // ---- Restore ----
 
-using State = Restore::Progress::State;
-
 class FleetRestore : public testing::Test {
  protected:
   // A fleet of some entries, of which x has a backup, and which has changed since.
@@ -595,7 +739,7 @@ TEST_F(FleetRestore, PutsABackupInThePlaceOfAllThatThereIs) {
   const uint64_t version = x.core.memory().header().version;
   x.core.restore(x.now, backup);
   x.carry_out();
-  EXPECT_EQ(x.restored(), State::kDone);
+  EXPECT_EQ(x.restored(), RestoreState::kDone);
   EXPECT_EQ(x.standing(), Standing::kGood);
   EXPECT_EQ(x.names().size(), 250u);
   EXPECT_EQ(x.names().front(), "n0") << "in its place";
@@ -616,6 +760,42 @@ TEST_F(FleetRestore, PutsABackupInThePlaceOfAllThatThereIs) {
   EXPECT_EQ(y.names(), x.names());
 }
 
+TEST_F(FleetRestore, PutsRowsOfAMebibyteAtMostIntoACommit) {
+  const auto row_of = [](uint64_t id, size_t metadata) {
+    vault::EntryRow row = vault::example_row(id, 1);
+    row.owner = 1;
+    row.metadata = vault::metadata_of(std::vector<uint8_t>(metadata));
+    return std::make_shared<const vault::EntryRow>(std::move(row));
+  };
+  const vault::Sealer sealer(*master_key(), kFleet);
+  const auto size_of = [&](const vault::RowPtr &row) {
+    return row_key({.folder = 7, .id = row->id}).size() +
+           sealer.seal(vault::RecordKind::kFleetRow, row->id, encode_row(*row, "one")->bytes()).size();
+  };
+  // rows_of_first_commit restores two rows of as many bytes together, and a small one.
+  const auto rows_of_first_commit = [&](Machine &machine, size_t together) {
+    const vault::RowPtr first = row_of(1, 500'000);
+    const size_t beside = size_of(first) + size_of(row_of(2, 0));
+    backup.rows = {first, row_of(2, together - beside), row_of(3, 0)};
+    EXPECT_EQ(size_of(backup.rows[0]) + size_of(backup.rows[1]), together);
+    machine.core.restore(machine.now, backup);
+    for (int i = 0; i < 20; ++i) {
+      for (const Request &request : machine.core.take_requests()) {
+        const auto *const commit = std::get_if<Commit>(&request);
+        const auto is_of_backup = [](const KeyValue &put) {
+          const std::optional<RowPlace> place = row_place(put.key);
+          return place && place->folder == 7;
+        };
+        if (const auto rows = commit != nullptr ? std::ranges::count_if(commit->puts, is_of_backup) : 0) return rows;
+        std::visit([&](const auto &one) { machine.execute(one); }, request);
+      }
+    }
+    return std::ptrdiff_t{0};
+  };
+  EXPECT_EQ(rows_of_first_commit(x, kMostBytesPerCommit), 2);
+  EXPECT_EQ(rows_of_first_commit(y, kMostBytesPerCommit + 1), 1);
+}
+
 TEST_F(FleetRestore, IsWholeOrNothingWhereverItIsCutShort) {
   std::vector<std::string> before = x.names(), after;
   for (const vault::RowPtr &row : backup.rows) after.push_back(row->name.name);
@@ -630,7 +810,7 @@ TEST_F(FleetRestore, IsWholeOrNothingWhereverItIsCutShort) {
     restorer.core.restore(restorer.now, backup);
     for (int i = 0; i < steps && restorer.carry_out_next(); ++i) {
     }
-    was_done = restorer.restored() == State::kDone;
+    was_done = restorer.restored() == RestoreState::kDone;
 
     Machine z(store, Machine::options("z", 4));  // which knows nothing
     z.come_up();
@@ -645,7 +825,7 @@ TEST_F(FleetRestore, IsWholeOrNothingWhereverItIsCutShort) {
     again.folder = 8;
     z.core.restore(z.now, again);
     z.carry_out();
-    EXPECT_EQ(z.restored(), State::kDone);
+    EXPECT_EQ(z.restored(), RestoreState::kDone);
     EXPECT_EQ(z.names(), after);
     EXPECT_EQ(rows_in_folders(), (std::map<uint64_t, size_t>{{8, 250}}));
   }
@@ -658,10 +838,10 @@ TEST_F(FleetRestore, GivesWayToOneThatBeginsLater) {
   Restore::Wanted others = y.backed_up(9);
   y.core.restore(y.now, others);
   y.carry_out();
-  ASSERT_EQ(y.restored(), State::kDone);
+  ASSERT_EQ(y.restored(), RestoreState::kDone);
   while (x.carry_out_next()) {
   }
-  EXPECT_EQ(x.restored(), State::kStopped);
+  EXPECT_EQ(x.restored(), RestoreState::kStopped);
   EXPECT_THAT(x.core.restoring()->progress().why, HasSubstr("another restore has begun"));
   EXPECT_EQ(rows_in_folders(), (std::map<uint64_t, size_t>{{9, 250}}));
 }
@@ -675,7 +855,7 @@ TEST_F(FleetRestore, TakesAChangeThatComesInBetweenForPartOfWhatItReplaces) {
   const uint64_t version = y.core.memory().header().version;
   while (x.carry_out_next()) {
   }
-  EXPECT_EQ(x.restored(), State::kDone);
+  EXPECT_EQ(x.restored(), RestoreState::kDone);
   EXPECT_FALSE(x.has("in between"));
   EXPECT_EQ(x.core.memory().header().version, version + 1);
 }
@@ -686,7 +866,7 @@ TEST_F(FleetRestore, EndsWhenItIsGivenUpBeforeItsLastStep) {
   x.core.give_up_restore();
   while (x.carry_out_next()) {
   }
-  EXPECT_EQ(x.restored(), State::kStopped);
+  EXPECT_EQ(x.restored(), RestoreState::kStopped);
   EXPECT_TRUE(x.has("later"));
   EXPECT_EQ(x.standing(), Standing::kGood);
 }
@@ -732,7 +912,7 @@ TEST_F(FleetRestore, MakesAFleetOfABackupOverAnEmptyStore) {
   ASSERT_EQ(n.standing(), Standing::kNoFleet);
   n.core.restore(n.now, backup);
   n.come_up();
-  EXPECT_EQ(n.restored(), State::kDone);
+  EXPECT_EQ(n.restored(), RestoreState::kDone);
   EXPECT_EQ(n.standing(), Standing::kGood);
   EXPECT_EQ(n.names().size(), 250u);
   EXPECT_EQ(n.core.memory().fleet(), kFleet) << "so that machines that were there before know it again";
@@ -745,7 +925,7 @@ TEST_F(FleetRestore, LeavesAnotherFleetAlone) {
   other.come_up();
   other.core.restore(other.now, backup);
   other.carry_out();
-  EXPECT_EQ(other.restored(), State::kStopped);
+  EXPECT_EQ(other.restored(), RestoreState::kStopped);
   EXPECT_THAT(other.core.restoring()->progress().why, HasSubstr("another fleet"));
   options.fleet.reset();
   options.master_key = master_key(8);
@@ -764,7 +944,7 @@ TEST_F(FleetRestore, StopsWhenTheStoreHasNoRoom) {
   const std::optional<Commit> drafts = x.last_commit();
   ASSERT_TRUE(drafts);
   x.core.take(x.now, Failed{drafts->id, Failure::kNoSpace, ""});
-  EXPECT_EQ(x.restored(), State::kStopped);
+  EXPECT_EQ(x.restored(), RestoreState::kStopped);
   EXPECT_EQ(x.core.restoring()->progress().result, KS_STORE_FULL);
 }
 
@@ -802,7 +982,7 @@ TEST_F(FleetRestore, FindsOutWhetherItsLastStepCameToBe) {
     x.pass(100ms);
     x.carry_out();
   }
-  EXPECT_EQ(x.restored(), State::kDone);
+  EXPECT_EQ(x.restored(), RestoreState::kDone);
   EXPECT_EQ(x.core.memory().header().incarnation, 2u);
   EXPECT_EQ(x.standing(), Standing::kGood);
 }
@@ -816,6 +996,7 @@ TEST_F(Fleet, KnowsAMachineFromItsStartOn) {
   const std::vector<MachineSeen> seen = x.core.machines(x.now);
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_TRUE(seen[0].is_this);
+  EXPECT_FALSE(seen[0].silent_at_least);
   EXPECT_TRUE(seen[1].is_member);
   ASSERT_TRUE(seen[1].beat);
   EXPECT_FALSE(seen[1].silent_at_least);
@@ -903,13 +1084,13 @@ TEST_F(Fleet, LetsNoMachineRestoreThatHasLeft) {
   ASSERT_EQ(leave(y).result, KS_SUCCESS);
   y.core.restore(y.now, backup);
   go_on();
-  EXPECT_EQ(y.restored(), Restore::Progress::State::kStopped);
+  EXPECT_EQ(y.restored(), RestoreState::kStopped);
   EXPECT_THAT(y.core.restoring()->progress().why, HasSubstr("isn't one of the fleet"));
   EXPECT_EQ(x.core.memory().header().incarnation, 1u);
 
   x.core.restore(x.now, x.backed_up(8));
   go_on();
-  EXPECT_EQ(x.restored(), Restore::Progress::State::kDone);
+  EXPECT_EQ(x.restored(), RestoreState::kDone);
   EXPECT_EQ(start("y", 2).standing(), Standing::kOut) << "a restore doesn't bring it back";
 }
 
@@ -922,6 +1103,8 @@ TEST_F(Fleet, HasAPlaceForAnotherMachineOnceOneHasLeft) {
   Machine &first = *machines.begin()->second;
   Machine &late = start("z", 99);
   EXPECT_EQ(late.standing(), Standing::kTooManyMachines);
+  late.put(1, "wifi");
+  EXPECT_THAT(late.core.take_answers(), ElementsAre(Answers(1, KS_STORE_FULL)));
   ASSERT_EQ(leave(first, "ab", true).result, KS_SUCCESS);
   go_on(20, 100ms);
   EXPECT_EQ(late.standing(), Standing::kGood);
@@ -955,6 +1138,8 @@ TEST_F(Fleet, ChangesItsMasterKeyAndSealsAllAnew) {
   Machine &x = start("x", 1), &y = start("y", 2), &z = start("z", 3);
   put_many(x, 250);
   const vault::KeyId before = x.core.memory().key_id();
+  const auto loads_of_others = [&] { return x.core.counts().loads + z.core.counts().loads; };
+  const uint64_t loads = loads_of_others();
   EXPECT_EQ(change_key(y).result, KS_SUCCESS);
   go_on(20);
   for (Machine *machine : {&x, &y, &z}) {
@@ -964,6 +1149,7 @@ TEST_F(Fleet, ChangesItsMasterKeyAndSealsAllAnew) {
     EXPECT_EQ(machine->standing(), Standing::kGood);
     EXPECT_EQ(machine->core.memory().state().table.size(), 250u);
   }
+  EXPECT_EQ(loads_of_others(), loads) << "they followed step by step";
   for (const auto &[name, one] : keeper) EXPECT_EQ(vault::key_id_of(*one.next), y.core.memory().key_id()) << name;
   const vault::Sealer sealer(*y.core.memory().master_key(), kFleet);
   for (const auto &[key, stored] : store.live()) {

@@ -23,15 +23,15 @@ using vault::secret_name;
 const docs::Page page("fleet-format.md");
 const docs::Page vault_page("vault-format.md");
 
-constexpr FleetId kFleet{0x40, 0x41, 0x42, 0x43, 0x44, 0x45, 0x46, 0x47,
-                         0x48, 0x49, 0x4a, 0x4b, 0x4c, 0x4d, 0x4e, 0x4f};
+constexpr FleetId kFleetOfPage{0x40, 0x41, 0x42, 0x43, 0x44, 0x45, 0x46, 0x47,
+                               0x48, 0x49, 0x4a, 0x4b, 0x4c, 0x4d, 0x4e, 0x4f};
 
-std::shared_ptr<const SecretBytes> master_key() {
+std::shared_ptr<const SecretBytes> key_of_page() {
   return SecretBytes::copy_of(vault_page.filled("master-key"));
 }
 
 vault::Sealer sealer() {
-  return {*master_key(), kFleet};
+  return {*key_of_page(), kFleetOfPage};
 }
 
 // machine_key is a machine's own key: bytes from `first` on.
@@ -62,6 +62,15 @@ FleetHeader example_header() {
   return header;
 }
 
+TEST(FleetFormat, HasKindsOfRecordsOfItsOwn) {
+  EXPECT_EQ(static_cast<int>(RecordKind::kFleetHeader), 4);
+  EXPECT_EQ(static_cast<int>(RecordKind::kFleetRow), 5);
+  EXPECT_EQ(static_cast<int>(RecordKind::kHeartbeat), 6);
+  EXPECT_EQ(static_cast<int>(RecordKind::kMirror), 7);
+  EXPECT_EQ(static_cast<int>(RecordKind::kBoxedKey), 8);
+  EXPECT_EQ(static_cast<int>(RecordKind::kFleetRestore), 10);
+}
+
 TEST(FleetFormat, HasTheRowOfThePage) {
   EXPECT_EQ(octets(encode_row(example(), "radius")), page.bytes("fleet-row"));
   EXPECT_EQ(octets(sealer().open(RecordKind::kFleetRow, 1, page.filled("sealed-fleet-row"))), page.bytes("fleet-row"));
@@ -88,8 +97,8 @@ TEST(FleetFormat, HasTheHeaderOfThePage) {
   const Octets stored = page.filled("stored-header");
   const std::optional<HeaderFront> front = header_front(stored);
   ASSERT_TRUE(front);
-  EXPECT_EQ(front->fleet, kFleet);
-  EXPECT_EQ(front->key, vault::key_id_of(*master_key()));
+  EXPECT_EQ(front->fleet, kFleetOfPage);
+  EXPECT_EQ(front->key, vault::key_id_of(*key_of_page()));
   EXPECT_EQ(octets(sealer().open(RecordKind::kFleetHeader, 0, front->sealed)), page.bytes("fleet-header"));
   const HeaderHash hash = hash_of(stored);
   EXPECT_EQ(Octets(hash.begin(), hash.end()), page.bytes("header-hash"));
@@ -104,7 +113,7 @@ TEST(FleetFormat, HasTheHeartbeatOfThePage) {
                        .number = 3,
                        .version = 2,
                        .waits = false,
-                       .keys = {vault::key_id_of(*master_key())}};
+                       .keys = {vault::key_id_of(*key_of_page())}};
   EXPECT_EQ(open_heartbeat(page.filled("sealed-heartbeat"), "alpha", sealer()), beat);
   EXPECT_EQ(open_heartbeat(page.filled("sealed-heartbeat"), "beta", sealer()), std::nullopt);
   EXPECT_EQ(open_heartbeat(seal_heartbeat(beat, "beta", sealer()), "beta", sealer()), beat);

@@ -9,6 +9,7 @@
 #include <future>
 
 #include "failing_memory/failing_memory.h"
+#include "fixture.h"
 #include "fleet/clock.h"
 #include "fleet/shared_vault.h"
 #include "fleet_simulator/prompt_engine.h"
@@ -23,8 +24,6 @@ using failing_memory::is_of_test;
 using testing::AnyOf;
 using vault::put;
 using vault::secret_name;
-
-constexpr auto kSoon = 20s;  // on a machine with much else to do
 
 // SparedEngine is a way to the store that may fail before and behind what it does, and never in the middle: the store
 // isn't on this machine.
@@ -169,13 +168,12 @@ TEST_F(NoMemoryInAFleet, TellsWhatItKnowsOrThatThereIsNoMemory) {
 }
 
 TEST_F(NoMemoryInAFleet, EndsARestoreThatCantBegin) {
-  using State = Restore::Progress::State;
   const auto end_of_restore = [this] {
     const Time end = clock_now() + kSoon;
     Restore::Progress progress;
     do {
       progress = machine->wait_for_restore();
-    } while (progress.state != State::kStopped && progress.state != State::kDone && clock_now() < end);
+    } while (progress.state != RestoreState::kStopped && progress.state != RestoreState::kDone && clock_now() < end);
     return progress;
   };
   for (long first = 0; first < 3; ++first) {
@@ -184,11 +182,11 @@ TEST_F(NoMemoryInAFleet, EndsARestoreThatCantBegin) {
     ASSERT_EQ(machine->begin_restore({.rows = {}, .folder = 100}), KS_SUCCESS);
     const Restore::Progress progress = end_of_restore();
     disarm();
-    EXPECT_EQ(progress.state, State::kStopped);
+    EXPECT_EQ(progress.state, RestoreState::kStopped);
     EXPECT_EQ(progress.result, KS_NO_MEMORY);
   }
   ASSERT_EQ(machine->begin_restore({.rows = {}, .folder = 101}), KS_SUCCESS);
-  EXPECT_EQ(end_of_restore().state, State::kDone);
+  EXPECT_EQ(end_of_restore().state, RestoreState::kDone);
   recover();
 }
 
@@ -234,7 +232,7 @@ TEST_F(NoMemoryInAFleet, RestoresEachRowOnceWhereverItWasCutShort) {
       have_it([&] { restore.tick(now); });
     }
     failed = disarm();
-    ASSERT_EQ(restore.progress().state, Restore::Progress::State::kDone) << restore.progress().why;
+    ASSERT_EQ(restore.progress().state, RestoreState::kDone) << restore.progress().why;
 
     Memory::Loading loading(nothing);
     for (const auto &[name, row] : other.model.live()) {

@@ -12,9 +12,11 @@
 #include <cstring>
 #include <thread>
 
+#include "fixture.h"
 #include "fleet/belonging.h"
 #include "fleet/clock.h"
 #include "fleet_simulator/prompt_engine.h"
+#include "log_lines.h"
 #include "vault/database.h"
 #include "vault_files/vault_files.h"
 
@@ -29,12 +31,6 @@ using vault::names_in;
 using vault::put;
 using vault::secret_in;
 using vault::secret_name;
-
-constexpr auto kSoon = 20s;  // on a machine with much else to do
-
-std::shared_ptr<const SecretBytes> master_key(uint8_t fill = 7) {
-  return SecretBytes::copy_of(std::vector<uint8_t>(vault::kMasterKeySize, fill));
-}
 
 // eventually waits until `what` holds.
 template <typename What>
@@ -178,6 +174,28 @@ TEST_F(SharedVaultTest, SaysThatItDoesntKnowRatherThanNoOnceMemoryIsTooOld) {
   EXPECT_TRUE(eventually([&] { return code_of_read(*x, "wifi") == KS_SUCCESS; }));
 }
 
+TEST_F(SharedVaultTest, SaysOnceThatThereAreEntriesHoweverTheFleetGetsOn) {
+  const LogLines log;
+  {
+    const auto x = loaded(options("x"));
+    const auto is_well = [&] { return x->status().standing == Standing::kGood; };
+    ASSERT_TRUE(eventually(is_well));
+    cut("x", true);
+    ASSERT_TRUE(eventually([&] { return !is_well(); }));
+    cut("x", false);
+    ASSERT_TRUE(eventually(is_well));
+  }
+  const std::string said = log.text();
+  const auto times_of = [&](const std::string &words) {
+    int times = 0;
+    for (size_t at = said.find(words); at != said.npos; at = said.find(words, at + 1)) ++times;
+    return times;
+  };
+  EXPECT_EQ(times_of(" entries as of change "), 1) << said;
+  EXPECT_EQ(times_of("too old to be read"), 0) << said;
+  EXPECT_EQ(times_of("the fleet is followed, and changes are taken\n"), 2) << said;
+}
+
 TEST_F(SharedVaultTest, RefusesChangesThatItCantSend) {
   const auto x = loaded(options("x"));
   cut("x", true);
@@ -301,6 +319,29 @@ TEST_F(Import, RefusesLeavesOutOrReplacesWhatHasAnotherContent) {
   ASSERT_EQ(put(*x, "eap", "one"), KS_SUCCESS);
   ASSERT_EQ(put(*x, "eap-tls", "two"), KS_SUCCESS);
   EXPECT_EQ(x->plan_import(rows, vault::Taken::kReplace).taken.size(), 1u) << "it would take the places of two";
+}
+
+TEST_F(Import, TakesWhatDiffersInAnyPartForAnotherContent) {
+  const auto x = loaded(options("x"));
+  const auto rows = from_vault(*x);
+  const auto same_as = [&](const std::string &name, const std::string &alias, const std::string &secret,
+                           const std::string &metadata, uid_t owner) {
+    std::optional<EntryName> second;
+    if (!alias.empty()) second = secret_name(alias);
+    EXPECT_EQ(x->put(secret_name(name), second, bytes_of(secret), bytes_of(metadata), owner), KS_SUCCESS);
+    const size_t same = x->plan_import(rows, vault::Taken::kRefuse).counts.same;
+    EXPECT_EQ(x->remove(secret_name(name)), KS_SUCCESS);
+    return same == 1;
+  };
+  EXPECT_TRUE(same_as("wifi", "", "correct horse", "channel 11", 1000));
+  EXPECT_FALSE(same_as("wifi", "wlan", "correct horse", "channel 11", 1000));
+  EXPECT_FALSE(same_as("wifi", "", "correct", "channel 11", 1000));
+  EXPECT_FALSE(same_as("wifi", "", "correct house", "channel 11", 1000));
+  EXPECT_FALSE(same_as("wifi", "", "correct horse", "channel 12", 1000));
+  EXPECT_FALSE(same_as("wifi", "", "correct horse", "channel 11", 1001));
+  EXPECT_TRUE(same_as("eap", "eap-tls", "battery", "", 1001));
+  EXPECT_FALSE(same_as("eap", "eap-ttls", "battery", "", 1001));
+  EXPECT_FALSE(same_as("eap", "", "battery", "", 1001));
 }
 
 TEST_F(Import, TellsTheLimitInItsWay) {
@@ -444,12 +485,11 @@ class RestoredFleet : public MirrorTest {
             .fleet = snapshot.vault_id,
             .folder = folder};
   }
-  static Restore::Progress::State restored(SharedVault &machine) {
-    using State = Restore::Progress::State;
-    State state = State::kGoesOn;
+  static RestoreState restored(SharedVault &machine) {
+    RestoreState state = RestoreState::kGoesOn;
     eventually([&] {
       state = machine.wait_for_restore().state;
-      return state == State::kDone || state == State::kStopped;
+      return state == RestoreState::kDone || state == RestoreState::kStopped;
     });
     return state;
   }
@@ -464,7 +504,7 @@ TEST_F(RestoredFleet, IsFollowedByAMachineThatIsToldAlsoWhenItStartsAgain) {
   ASSERT_TRUE(eventually([&] { return secret_in(*y, secret_name("wifi")) == "new"; }));
   ASSERT_EQ(y->accept_incarnation(2), KS_NOT_FOUND) << "there is nothing to accept";
   ASSERT_EQ(x->begin_restore(backup), KS_SUCCESS);
-  ASSERT_EQ(restored(*x), Restore::Progress::State::kDone);
+  ASSERT_EQ(restored(*x), RestoreState::kDone);
   EXPECT_TRUE(eventually([&] { return secret_in(*x, secret_name("wifi")) == "old"; }));
   ASSERT_TRUE(eventually([&] { return y->status().restored_to == 2; }));
   EXPECT_THAT(y->status().words, HasSubstr("ksctl fleet accept 2"));

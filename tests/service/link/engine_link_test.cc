@@ -155,6 +155,9 @@ TEST_F(Link, SaysWhyAnEngineEnds) {
   engines.at(0).say(ksd::link::Stopped{"no certificate"});
   engines.clear();
   EXPECT_EQ(only_report_of<EngineGone>(link).why, "the engine has ended: no certificate");
+  while (link.file() < 0) reports_of(link, 1, milliseconds(10));
+  engines.clear();
+  EXPECT_EQ(only_report_of<EngineGone>(link).why, "the engine has ended") << "another one, which said nothing";
 }
 
 TEST_F(Link, LeavesAnEngineThatSaysNonsense) {
@@ -260,6 +263,17 @@ TEST_F(Link, TakesFromAnEngineThatTalksWithoutEndAPartAtATime) {
   for (uint64_t i = 0; i < 1000; ++i) append(FromEngine(ksd::fleet::Committed{i, i}), flood);
   engine.say_bytes(flood);
   EXPECT_THAT(reports_of(link, 1000), SizeIs(1000));
+}
+
+TEST_F(Link, TakesAllThatIsThereAtOnce) {
+  EngineLink link = make();
+  std::vector<uint8_t> bytes;
+  uint64_t said = 0;
+  for (; bytes.size() < 140'000; ++said) append(FromEngine(ksd::fleet::Committed{said, said}), bytes);
+  engines.at(0).say_bytes(bytes);
+  std::vector<Report> reports;
+  link.receive(reports);
+  EXPECT_THAT(reports, SizeIs(said));
 }
 
 TEST(ConnectAt, GivesConnectionsThatDoNotBlockAndSaysWhyNot) {

@@ -24,6 +24,7 @@
 #include <functional>
 #include <thread>
 
+#include "content_of.h"
 #include "server/notify.h"
 #include "service/service_process.h"
 #include "temporary_folder.h"
@@ -145,9 +146,8 @@ TEST(ConfinedService, ServesAndReloads) {
   ks_test::ServiceSetup setup;
   setup.config = "[service]\nsandbox = \"required\"\n";
   ks_test::ServiceProcess service(setup);
-  std::ifstream status("/proc/" + std::to_string(service.pid()) + "/status");
-  const std::string text((std::istreambuf_iterator<char>(status)), {});
-  EXPECT_THAT(text, testing::HasSubstr("Seccomp:\t2\n"));
+  EXPECT_THAT(ks_test::content_of("/proc/" + std::to_string(service.pid()) + "/status"),
+              testing::HasSubstr("Seccomp:\t2\n"));
   service.reload("[service]\nsandbox = \"required\"\n[administrators]\nusers = [\"root\"]\n");
   EXPECT_THAT(service.log(), testing::HasSubstr("configuration reloaded"));
   EXPECT_EQ(service.stop(), 0);

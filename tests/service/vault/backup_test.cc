@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sodium.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -45,6 +46,10 @@ class Backup : public testing::Test {
 };
 
 using RestoredVault = Backup;
+
+uint8_t *octets_of(std::string &text) {
+  return reinterpret_cast<uint8_t *>(text.data());
+}
 
 TEST_F(Backup, HoldsEachEntryWithItsNamesOwnerAndPlace) {
   const auto vault = folder.open();
@@ -149,7 +154,45 @@ TEST_F(Backup, IsRefusedCutAnywhere) {
   const std::string whole = backup_of(*vault);
   for (size_t size = 0; size < whole.size(); ++size) {
     SCOPED_TRACE(size);
-    EXPECT_THAT(verify_refusal(whole.substr(0, size)), StartsWith("b: "));
+    const std::string refusal = verify_refusal(whole.substr(0, size));
+    EXPECT_THAT(refusal, StartsWith("b: "));
+    EXPECT_EQ(refusal.starts_with("b: isn't a backup of ksd"), size < kBackupOpeningSize) << refusal;
+  }
+}
+
+// What it says at its end, sealed as it ought to be: somebody has the passphrase, or made the file with another
+// program.
+TEST_F(Backup, IsRefusedWhenItsEndDoesntAgreeWithTheRest) {
+  const auto vault = folder.open();
+  put(*vault, "a", "secret", "metadata");
+  const std::string whole = backup_of(*vault);
+  BackupOpening opening;
+  std::copy_n(whole.begin(), opening.size(), opening.begin());
+  const auto key = key_of_passphrase(bytes_of(kPassphrase), *parameters_in(opening));
+  std::array<uint8_t, crypto_secretstream_xchacha20poly1305_HEADERBYTES> header;
+  std::copy_n(whole.begin() + kBackupOpeningSize, header.size(), header.begin());
+  const std::vector<uint8_t> sealed = bytes_of(whole.substr(opening.size() + header.size()));
+  std::string plain(sealed.size() - crypto_secretstream_xchacha20poly1305_ABYTES, 0);
+  crypto_secretstream_xchacha20poly1305_state state;
+  ASSERT_EQ(crypto_secretstream_xchacha20poly1305_init_pull(&state, header.data(), key->bytes().data()), 0);
+  ASSERT_EQ(crypto_secretstream_xchacha20poly1305_pull(&state, octets_of(plain), nullptr, nullptr, sealed.data(),
+                                                       sealed.size(), opening.data(), opening.size()),
+            0);
+  const auto sealed_again = [&](std::string content) {
+    std::string parts(sealed.size(), 0);
+    crypto_secretstream_xchacha20poly1305_init_push(&state, header.data(), key->bytes().data());
+    crypto_secretstream_xchacha20poly1305_push(&state, octets_of(parts), nullptr, octets_of(content), content.size(),
+                                               opening.data(), opening.size(),
+                                               crypto_secretstream_xchacha20poly1305_TAG_FINAL);
+    return whole.substr(0, opening.size()) + std::string(header.begin(), header.end()) + parts;
+  };
+  EXPECT_EQ(verify_refusal(sealed_again(plain)), "(nothing)");
+  constexpr size_t kTrailerSize = 8 + 8 + 32;
+  for (size_t at = plain.size() - kTrailerSize; at < plain.size(); ++at) {
+    SCOPED_TRACE(at);
+    std::string other = plain;
+    other[at] = static_cast<char>(other[at] ^ 1);
+    EXPECT_THAT(verify_refusal(sealed_again(other)), HasSubstr("is damaged or cut"));
   }
 }
 

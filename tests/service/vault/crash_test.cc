@@ -43,7 +43,7 @@ std::string secret_of(Content content) {
 }
 
 // Long ones spread over several pages, so that there is something to be half done.
-std::string metadata_of(Content content) {
+std::string metadata_with(Content content) {
   std::string text = "meta-" + std::to_string(content) + "-";
   while (text.size() < (content % 4) * 3000) text += text;
   return text;
@@ -64,7 +64,7 @@ std::string metadata_of(Content content) {
         if (write(pipe, &message, sizeof message) != sizeof message) _exit(1);
         const KsResult result = message.content == 0
                                     ? vault->remove(secret_name(name))
-                                    : put(*vault, name, secret_of(message.content), metadata_of(message.content));
+                                    : put(*vault, name, secret_of(message.content), metadata_with(message.content));
         if (result != KS_SUCCESS && !(message.content == 0 && result == KS_NOT_FOUND)) _exit(2);
         message.acknowledged = true;
         if (write(pipe, &message, sizeof message) != sizeof message) _exit(1);
@@ -141,7 +141,7 @@ class Crash : public testing::Test {
 
   static bool holds(const Vault &vault, const EntryName &name, Content content) {
     if (content == 0) return !vault.exists(name);
-    return secret_in(vault, name) == secret_of(content) && metadata_in(vault, name) == metadata_of(content);
+    return secret_in(vault, name) == secret_of(content) && metadata_in(vault, name) == metadata_with(content);
   }
 
   Disk disk;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -138,6 +139,15 @@ TEST_F(FailingDisk, GivesGenerationsOfFailedChangesToNobodyElse) {
   EXPECT_GT(vault->find(secret_name("c"))->generation, second);
 }
 
+// SQLite has memory of its own.
+TEST_F(FailingDisk, RefusesAChangeThatTheDatabaseHasNoMemoryForAndGoesOn) {
+  sqlite3_hard_heap_limit64(sqlite3_memory_used() + 10'000);
+  EXPECT_EQ(put(*vault, "b", "x", std::string(60'000, 'm')), KS_NO_MEMORY);
+  sqlite3_hard_heap_limit64(0);
+  expect_unchanged();
+  EXPECT_EQ(put(*vault, "b", "x", std::string(60'000, 'm')), KS_SUCCESS);
+}
+
 TEST_F(FailingDisk, KeepsNoSecretOfAChangeThatFailed) {
   const size_t before = guarded_memory_use().used_slots;
   disk.fail_writes(ENOSPC);
@@ -171,8 +181,24 @@ TEST_F(FailingDisk, SaysSoOncePerStreakWithoutNames) {
 
   const std::string said = log.text();
   EXPECT_THAT(said, HasSubstr(folder.vault() + ": changes are refused: disk I/O error"));
+  EXPECT_THAT(said, HasSubstr("; reads go on. Look after the disk, then restart the service: until then nothing is "
+                              "written\n"));
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
   EXPECT_THAT(said, Not(HasSubstr("of-b")));
+}
+
+TEST_F(FailingDisk, SaysWhatToDoAboutAFullOneEachTimeItIsFullAnew) {
+  const LogLines log;
+  for (int streak = 0; streak < 2; ++streak) {
+    disk.fail_writes(ENOSPC);
+    for (int i = 0; i < 3; ++i) put(*vault, "b", "x");
+    disk.fail_writes(0);
+    ASSERT_EQ(put(*vault, "b", "x"), KS_SUCCESS);
+  }
+
+  const std::string said = log.text();
+  EXPECT_THAT(said, HasSubstr("; reads go on. Make room on the disk or look after it\n"));
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
 }
 
 // A write to the witness finds the disk full while the file is this one.

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "log_lines.h"
 #include "vault/database.h"
 #include "vault/master_key.h"
 #include "vault/record.h"
@@ -147,6 +148,7 @@ TEST_F(MasterKeyChange, StopsWhenTheDiskIsFullAndGoesOnWhenAsked) {
 }
 
 TEST_F(MasterKeyChange, GoesOnByItselfAfterARestart) {
+  const LogLines log;
   {
     const auto vault = folder.open();
     ASSERT_EQ(put(*vault, name_of(0), "secret", large), KS_SUCCESS);
@@ -156,10 +158,15 @@ TEST_F(MasterKeyChange, GoesOnByItselfAfterARestart) {
     disk.fail_writes(0);
   }
   const std::string old_key = read_file(folder.key());
-  const auto vault = folder.open();
-  EXPECT_EQ(wait_until_it_rests(*vault), State::kNone);
-  EXPECT_NE(read_file(folder.key()), old_key);
-  holds_all(*vault);
+  {
+    const auto vault = folder.open();
+    EXPECT_EQ(wait_until_it_rests(*vault), State::kNone);
+    EXPECT_NE(read_file(folder.key()), old_key);
+    holds_all(*vault);
+  }
+  const std::string said = log.text();
+  EXPECT_THAT(said, HasSubstr(": the change of the master key begins\n"));
+  EXPECT_THAT(said, HasSubstr(": the change of the master key goes on\n"));
 }
 
 TEST_F(MasterKeyChange, IsNotThereAfterACrashWhenItWasRefused) {

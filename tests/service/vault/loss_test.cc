@@ -227,6 +227,7 @@ TEST_F(LostLog, IsAcceptedAfterACopyOfAllFiles) {
     EXPECT_EQ(put(*opened, "later", "x"), KS_SUCCESS);
   }
   const std::string copies = folder.vault() + "-before-loss-1/";
+  EXPECT_EQ(std::filesystem::status(copies).permissions(), std::filesystem::perms::owner_all);
   EXPECT_EQ(read_file(copies + "vault.db"), vault);
   EXPECT_EQ(read_file(copies + "vault.db-wal"), damaged);
   EXPECT_EQ(read_file(copies + "vault.db-witness"), witness);

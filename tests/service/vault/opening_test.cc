@@ -15,6 +15,7 @@
 #include <filesystem>
 
 #include "service/service_process.h"
+#include "vault/database.h"
 #include "vault/master_key.h"
 #include "vault_files/vault_files.h"
 
@@ -164,6 +165,12 @@ TEST_F(OpenVault, RefusesAFileOrFolderThatIsReadOnly) {
   chmod(folder.vault().c_str(), 0600);
   ASSERT_EQ(chown(folder.vault().c_str(), kService, kService), 0);
   EXPECT_TRUE(refused_for_service()) << "the folder";
+}
+
+TEST_F(OpenVault, SaysWhyAFileCantBeOpenedWhoseModeIsntTheReason) {
+  const std::string path = folder.path() + "/none/vault.db";
+  EXPECT_THAT(refusal_of([&] { Database database(path, 0); }),
+              StartsWith(path + ": the vault can't be used: unable to open database file"));
 }
 
 TEST_F(OpenVault, RefusesADiskThatFails) {

@@ -107,5 +107,21 @@ TEST(EntryText, IsRefusedWhenCutShortOrTooLong) {
   EXPECT_EQ(decode_entry(5, longer), nullptr);
 }
 
+TEST(EntryText, IsRefusedWithNamesThatAreNone) {
+  constexpr size_t kNameTag = 22;  // behind version, owner and sizes
+  EntryRow without_alias = example();
+  without_alias.alias.reset();
+  const size_t alias_tag = kNameTag + wire_name(without_alias.name).size();
+  const auto decoded = [](const EntryRow &row, size_t tag_at) {
+    const auto plain = encode_entry(row);
+    std::vector<uint8_t> other(plain->bytes().begin(), plain->bytes().end());
+    other[tag_at] = 0xee;
+    return decode_entry(5, other);
+  };
+  EXPECT_EQ(decoded(without_alias, kNameTag), nullptr);
+  EXPECT_EQ(decoded(example(), kNameTag), nullptr);
+  EXPECT_EQ(decoded(example(), alias_tag), nullptr);
+}
+
 }  // namespace
 }  // namespace ksd::vault

@@ -151,12 +151,12 @@ TEST(Table, TakesFewBytesForAnEntryBesideItsData) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the heap is the sanitizer's";
 #endif
-  constexpr size_t kEntries = 20'000;
+  constexpr size_t kMany = 20'000;
   const auto in_use = [] { return mallinfo2().uordblks; };
   const size_t before = in_use();
   Table table;
-  table.reserve(kEntries);
-  for (uint64_t id = 1; id <= kEntries; ++id) {
+  table.reserve(kMany);
+  for (uint64_t id = 1; id <= kMany; ++id) {
     EntryRow made;
     made.id = id;
     made.name = secret_name("entry " + std::to_string(id));
@@ -164,8 +164,8 @@ TEST(Table, TakesFewBytesForAnEntryBesideItsData) {
     made.metadata = metadata_of({});
     table.add(decode_entry(id, encode_entry(made)->bytes()));
   }
-  EXPECT_EQ(table.size(), kEntries);
-  EXPECT_LT((in_use() - before) / kEntries, 300u);
+  EXPECT_EQ(table.size(), kMany);
+  EXPECT_LT((in_use() - before) / kMany, 300u);
 }
 
 }  // namespace

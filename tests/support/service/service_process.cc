@@ -21,9 +21,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
+#include "content_of.h"
 #include "fail.h"
 
 namespace ks_test {
@@ -31,13 +31,6 @@ namespace {
 
 constexpr int kPatience = 30'000;  // ms: not a delay, only the point at which a hung service fails the test
 constexpr char kProgram[] = KS_SERVICE_DIR "/ksd";
-
-std::string read_all(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
 
 int status_of(int wait_status) {
   return WIFSIGNALED(wait_status) ? -WTERMSIG(wait_status) : WEXITSTATUS(wait_status);
@@ -117,6 +110,11 @@ ServiceProcess::ServiceProcess(const ServiceSetup &setup) : setup_(setup), folde
   mkdir(cache_folder().c_str(), 0700);
   notifications_ = notification_socket(folder() + "/notify");
   write_config(setup_.config);
+  if (setup_.user) {
+    for (const std::string &its : {folder(), cache_folder(), folder() + "/notify", folder() + "/ksd.toml"}) {
+      if (chown(its.c_str(), *setup_.user, *setup_.user) < 0) fail("chown " + its);
+    }
+  }
   try {
     start();
   } catch (...) {
@@ -131,7 +129,7 @@ ServiceProcess::~ServiceProcess() {
 }
 
 std::string ServiceProcess::log() const {
-  return read_all(folder() + "/log");
+  return content_of(folder() + "/log");
 }
 
 void ServiceProcess::start() {
@@ -150,6 +148,11 @@ void ServiceProcess::start() {
     child.passed = setup_.passed_socket;
   }
   child.arguments.insert(child.arguments.begin(), setup_.wrapper.begin(), setup_.wrapper.end());
+  if (setup_.user) {
+    const std::string id = std::to_string(*setup_.user);
+    child.arguments.insert(child.arguments.begin(),
+                           {"setpriv", "--reuid", id, "--regid", id, "--clear-groups", "--pdeathsig", "KILL"});
+  }
   for (const std::string &argument : setup_.arguments) child.arguments.push_back(expand(argument));
   child.environment = environment_with(more);
   child.errors = open((folder() + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
@@ -254,7 +257,7 @@ ProgramRun run_program(const std::vector<std::string> &arguments,
     after_first_line(pid, run.output.substr(0, end));
   }
   run.status = wait_for(pid);
-  run.errors = read_all(errors);
+  run.errors = content_of(errors);
   close(output[0]);
   close(child.errors);
   unlink(errors);

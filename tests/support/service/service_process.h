@@ -16,6 +16,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,11 +34,12 @@ std::string config_of_administrator(unsigned vdc);
 // ServiceSetup says how a service is to be. "@dir@" in the configuration and the arguments becomes the folder.
 struct ServiceSetup {
   std::string config = config_of_own_user(7);
-  std::vector<std::string> arguments;    // further ones, behind --config, --socket, --vault, --master-key-file
-  std::vector<std::string> environment;  // "NAME=value", beside that of the test
-  std::vector<std::string> wrapper;      // a command that ends by running what stands behind it, as {"nice", "-5"}
-  int passed_socket = -1;                // passed as systemd does, if not -1; without --socket then
-  std::string parent = "/tmp";           // of its folder; "/dev/shm" where thousands of changes would wait for a disk
+  std::vector<std::string> arguments = {};    // further ones, behind --config, --socket, --vault, --master-key-file
+  std::vector<std::string> environment = {};  // "NAME=value", beside that of the test
+  std::vector<std::string> wrapper = {};      // a command that ends by running what stands behind it, as {"nice", "-5"}
+  int passed_socket = -1;                     // passed as systemd does, if not -1; without --socket then
+  std::optional<uid_t> user = {};             // who runs it, where the test is root's
+  std::string parent = "/tmp";  // of its folder; "/dev/shm" where thousands of changes would wait for a disk
 };
 
 class ServiceProcess {

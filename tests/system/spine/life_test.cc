@@ -14,6 +14,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "service/raw_client.h"
 #include "service/service_process.h"
@@ -28,12 +29,6 @@ using ks_test::ServiceProcess;
 using ks_test::ServiceSetup;
 using ks_test::TemporaryFolder;
 using testing::HasSubstr;
-
-ServiceSetup with_config(const std::string &config) {
-  ServiceSetup setup;
-  setup.config = config;
-  return setup;
-}
 
 mode_t mode_of(const std::string &path) {
   struct stat status {};
@@ -73,6 +68,18 @@ TEST(StatePage, HasTheDefaultsOfAServiceThatIsToldNothing) {
   EXPECT_EQ(mode_of(service.state_page()), 0644u);
 }
 
+TEST(StatePage, IsNotWrittenThroughALink) {
+  ServiceProcess service;
+  EXPECT_EQ(service.stop(), 0);
+  const std::string elsewhere = service.folder() + "/elsewhere";
+  std::ofstream(elsewhere) << "precious";
+  std::filesystem::remove(service.state_page());
+  std::filesystem::create_symlink(elsewhere, service.state_page());
+  EXPECT_THROW(service.start(), std::runtime_error);
+  EXPECT_THAT(service.log(), HasSubstr(service.state_page() + ": can't open the state page: "));
+  EXPECT_EQ(std::filesystem::file_size(elsewhere), 8u);
+}
+
 TEST(StatePage, ChangesUnderRunningClients) {
   ServiceProcess service;
   const MappedPage page(service.state_page());
@@ -85,7 +92,7 @@ TEST(StatePage, ChangesUnderRunningClients) {
 }
 
 TEST(StatePage, StaysTheSameFileWhenTheServiceStartsAgain) {
-  ServiceProcess service(with_config("[service]\nsupstate = 2\n"));
+  ServiceProcess service({.config = "[service]\nsupstate = 2\n"});
   const MappedPage page(service.state_page());
   service.kill();
   EXPECT_EQ(page.supstate(), 2u);
@@ -338,7 +345,7 @@ TEST_F(Users, WithoutAMappingHaveNoVdcAndMayHaveRandomNumbers) {
 }
 
 TEST_F(Users, WithoutAMappingAreToldApartInTheLogOnceAMinute) {
-  ServiceProcess service(with_config("[[vdc]]\nid = 3\nusers = [0]\n"));
+  ServiceProcess service({.config = "[[vdc]]\nid = 3\nusers = [0]\n"});
   for (int i = 0; i < 3; ++i) EXPECT_EQ(vdc_of(service, kUser, kGroup), 0xff);
   EXPECT_EQ(vdc_of(service, kUser + 1, kGroup), 0xff);
   EXPECT_EQ(vdc_of(service, 0, 0), 3);
@@ -356,7 +363,7 @@ TEST_F(Users, WithoutAMappingAreToldApartInTheLogOnceAMinute) {
 }
 
 TEST_F(Users, WithoutAMappingDontFillTheLog) {
-  ServiceProcess service(with_config("[limits]\nconnections_unmapped = 1000\n"));
+  ServiceProcess service({.config = "[limits]\nconnections_unmapped = 1000\n"});
   for (uid_t uid = kUser; uid < kUser + 40; ++uid) EXPECT_EQ(vdc_of(service, uid, kGroup), 0xff);
   size_t lines = 0;
   const std::string log = service.log();
@@ -369,7 +376,7 @@ TEST_F(Users, WithoutAMappingDontFillTheLog) {
 }
 
 TEST_F(Users, AreMappedByIdAndByGroup) {
-  ServiceProcess service(with_config("[[vdc]]\nid = 3\nusers = [23456]\n[[vdc]]\nid = 4\ngroups = [23457]\n"));
+  ServiceProcess service({.config = "[[vdc]]\nid = 3\nusers = [23456]\n[[vdc]]\nid = 4\ngroups = [23457]\n"});
   EXPECT_EQ(vdc_of(service, kUser, 1), 3);
   EXPECT_EQ(vdc_of(service, kUser, kGroup), 3);
   EXPECT_EQ(vdc_of(service, kUser + 1, kGroup), 4);
@@ -377,7 +384,7 @@ TEST_F(Users, AreMappedByIdAndByGroup) {
 }
 
 TEST_F(Users, HaveCachesOfTheirOwn) {
-  ServiceProcess service(with_config("[service]\ncache_uri = \"lmdb:///c/{uid}\"\n"));
+  ServiceProcess service({.config = "[service]\ncache_uri = \"lmdb:///c/{uid}\"\n"});
   EXPECT_EQ(run_as(kUser, kGroup,
                    [&] {
                      const HostHelloReply hello = RawClient(service.socket()).hello();
@@ -387,7 +394,7 @@ TEST_F(Users, HaveCachesOfTheirOwn) {
 }
 
 TEST_F(Users, AreKeptOutByTheModeOfTheSocket) {
-  ServiceProcess service(with_config("[service]\nsocket_mode = 0o660\nsocket_group = 23457\n"));
+  ServiceProcess service({.config = "[service]\nsocket_mode = 0o660\nsocket_group = 23457\n"});
   EXPECT_EQ(mode_of(service.socket()), 0660u);
   EXPECT_EQ(vdc_of(service, kUser, kGroup), 0xff);
   EXPECT_EQ(run_as(kUser, 1,
@@ -403,8 +410,9 @@ TEST_F(Users, AreKeptOutByTheModeOfTheSocket) {
 }
 
 TEST_F(Users, DontUseUpEachOthersConnections) {
-  ServiceProcess service(with_config(
-      "[limits]\nconnections_per_user = 1\n[[vdc]]\nid = 3\nusers = [0]\n[[vdc]]\nid = 4\nusers = [23456]\n"));
+  ServiceProcess service(
+      {.config =
+           "[limits]\nconnections_per_user = 1\n[[vdc]]\nid = 3\nusers = [0]\n[[vdc]]\nid = 4\nusers = [23456]\n"});
   RawClient own(service.socket());
   own.hello();
   EXPECT_EQ(vdc_of(service, kUser, kGroup), 4);

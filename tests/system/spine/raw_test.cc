@@ -46,12 +46,6 @@ size_t count(const std::string &text, const std::string &part) {
   return found;
 }
 
-ServiceSetup with_config(const std::string &config) {
-  ServiceSetup setup;
-  setup.config = config;
-  return setup;
-}
-
 // A service and a client that are shared by the tests of a suite: what one client sends must not matter to the next.
 class Raw : public testing::Test {
  protected:
@@ -226,7 +220,7 @@ TEST(Flood, OfMalformedDatagramsIsLoggedOnce) {
 }
 
 TEST(Flood, OfRequestsWhoseRepliesNobodyReadsEnds) {
-  ServiceProcess service(with_config("[service]\nsend_limit_ms = 50\n"));
+  ServiceProcess service({.config = "[service]\nsend_limit_ms = 50\n"});
   RawClient flooding(service.socket());
   const Datagram request = request_datagram(66561, 1, bytes("ff 00 00 00 00 00 00 00"));
   while (flooding.send(request)) continue;  // in the end the service closes
@@ -245,7 +239,7 @@ TEST(Flood, OfOneClientDoesntKeepOthersFromTheirReplies) {
 }
 
 TEST(Silence, EndsAConnectionThatNeverSpokeAndNoOther) {
-  ServiceProcess service(with_config("[service]\nsilence_limit_ms = 500\n"));
+  ServiceProcess service({.config = "[service]\nsilence_limit_ms = 500\n"});
   RawClient spoke(service.socket());
   spoke.hello();
   RawClient silent(service.socket());
@@ -255,7 +249,7 @@ TEST(Silence, EndsAConnectionThatNeverSpokeAndNoOther) {
 }
 
 TEST(ConnectionLimits, CloseWhatIsAboveThemAndMakeRoomAgain) {
-  ServiceProcess service(with_config(config_of_own_user(7) + "[limits]\nconnections_per_user = 2\n"));
+  ServiceProcess service({.config = config_of_own_user(7) + "[limits]\nconnections_per_user = 2\n"});
   RawClient first(service.socket());
   first.hello();
   {
@@ -277,7 +271,7 @@ TEST(ConnectionLimits, CloseWhatIsAboveThemAndMakeRoomAgain) {
 }
 
 TEST(ConnectionLimits, OfUsersWithoutAVdcHoldForAllOfThem) {
-  ServiceProcess service(with_config("[limits]\nconnections_unmapped = 2\n"));
+  ServiceProcess service({.config = "[limits]\nconnections_unmapped = 2\n"});
   RawClient first(service.socket());
   first.hello();
   RawClient second(service.socket());
@@ -290,7 +284,7 @@ TEST(ConnectionLimits, OfUsersWithoutAVdcHoldForAllOfThem) {
 }
 
 TEST(ConnectionLimits, HoldForAllTogether) {
-  ServiceProcess service(with_config("[limits]\nconnections = 1\n"));
+  ServiceProcess service({.config = "[limits]\nconnections = 1\n"});
   RawClient first(service.socket());
   first.hello();
   RawClient second(service.socket());

@@ -16,18 +16,19 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <map>
 #include <set>
 #include <stdexcept>
 #include <thread>
 
+#include "content_of.h"
 #include "random_input.h"
 #include "service/raw_client.h"
 #include "service/service_process.h"
 
 namespace {
 
+using ks_test::content_of;
 using ks_test::Datagram;
 using ks_test::RawClient;
 using ks_test::RawReply;
@@ -121,11 +122,6 @@ class Client {
 std::string text_of(const RawReply &reply) {
   const Datagram data = reply.data();
   return {data.begin(), data.end()};
-}
-
-std::string read_file(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 ServiceSetup with_config(const std::string &config) {
@@ -341,7 +337,7 @@ TEST(SecretStore, RefusesToStartOnADamagedVault) {
   ServiceProcess service;
   EXPECT_EQ(Client(service, 7).store("a", "x"), kSuccess);
   EXPECT_EQ(service.stop(), 0);
-  const std::string vault = service.vault(), whole = read_file(vault);
+  const std::string vault = service.vault(), whole = content_of(vault);
   std::ofstream(vault, std::ios::binary | std::ios::trunc) << whole.substr(0, whole.size() - 4096);
   EXPECT_THROW(service.start(), std::runtime_error);
   EXPECT_THAT(service.log(), HasSubstr(vault + ": the vault is damaged ("));
@@ -377,6 +373,16 @@ std::pair<size_t, size_t> count_in_memory(pid_t process, const std::string &text
   return {guarded, elsewhere};
 }
 
+// What a process of its own user may not look into, the kernel gives to root.
+TEST(Memory, IsNotForOthersOfTheServicesUserToLookInto) {
+  ServiceSetup setup;
+  if (geteuid() == 0) setup.user = 23456;
+  const ServiceProcess service(setup);
+  struct stat memory {};
+  ASSERT_EQ(stat(("/proc/" + std::to_string(service.pid()) + "/mem").c_str(), &memory), 0);
+  EXPECT_EQ(memory.st_uid, 0u);
+}
+
 TEST(PlantedSecret, IsFoundInGuardedMemoryOnly) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root, to look into the service's memory";
   const std::string secret = "planted-secret-of-a-test-0123456789";
@@ -391,13 +397,13 @@ TEST(PlantedSecret, IsFoundInGuardedMemoryOnly) {
   EXPECT_EQ(elsewhere, 0u);
   for (const auto &file : std::filesystem::directory_iterator(service.folder())) {
     if (!file.is_regular_file()) continue;
-    EXPECT_EQ(read_file(file.path()).find(secret), std::string::npos) << file.path();
+    EXPECT_EQ(content_of(file.path()).find(secret), std::string::npos) << file.path();
   }
   const std::string process = "/proc/" + std::to_string(service.pid());
   for (const char *file : {"/environ", "/cmdline", "/maps"}) {
-    EXPECT_EQ(read_file(process + file).find(secret), std::string::npos) << file;
+    EXPECT_EQ(content_of(process + file).find(secret), std::string::npos) << file;
   }
-  EXPECT_THAT(read_file(process + "/limits"), HasSubstr("Max core file size        0                    0 "));
+  EXPECT_THAT(content_of(process + "/limits"), HasSubstr("Max core file size        0                    0 "));
   EXPECT_THAT(service.log(), Not(HasSubstr(secret)));
 
   ASSERT_EQ(client.clear("a"), kSuccess);

@@ -12,13 +12,14 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 
+#include "content_of.h"
 #include "ksctl.h"
 #include "service/raw_client.h"
 
 namespace {
 
+using ks_test::content_of;
 using ks_test::Datagram;
 using ks_test::ksctl;
 using ks_test::ProgramRun;
@@ -35,12 +36,6 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
-
-std::string content(const std::string &path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
 
 uint32_t number_at(const std::string &bytes, size_t at) {
   uint32_t number = 0;
@@ -59,7 +54,7 @@ struct Captured {
 
 // read_capture takes a file apart by the format's own description; what isn't whole at its end is an error.
 std::vector<Captured> read_capture(const std::string &path) {
-  const std::string bytes = content(path);
+  const std::string bytes = content_of(path);
   EXPECT_THAT(bytes,
               StartsWith(std::string("\x0a\x0d\x0d\x0a\x1c\0\0\0\x4d\x3c\x2b\x1a\1\0\0\0"
                                      "\xff\xff\xff\xff\xff\xff\xff\xff\x1c\0\0\0"
@@ -165,7 +160,7 @@ TEST_F(KsctlCapture, KeepsAFileThatIsThere) {
   const ProgramRun run = capture({"/bin/true"});
 
   EXPECT_EQ(run.status, 7);
-  EXPECT_EQ(content(file()), "precious");
+  EXPECT_EQ(content_of(file()), "precious");
 }
 
 TEST_F(KsctlCapture, RefusesACommandWithAnothersRights) {
@@ -205,10 +200,10 @@ TEST_F(KsctlCapture, IsReadableAsFarAsItGoesWhenItIsKilled) {
 
 // A file that may not grow is like one whose disk is full.
 TEST_F(KsctlCapture, LetsTheCommandGoOnWhenTheDiskIsFull) {
-  const ProgramRun run =
-      run_program({"/usr/bin/prlimit", "--fsize=800:unlimited", ks_test::kKsctl, "--socket", service_.socket(),
-                   "capture", file(), "--", "/usr/bin/prlimit", "--fsize=unlimited", "/bin/sh", "-c",
-                   "KS=" KS_SERVICE_DIR "/examples; $KS/secrets store >/dev/null && $KS/secrets list"});
+  const ProgramRun run = run_program({"/usr/bin/prlimit", "--fsize=800:", ks_test::kKsctl, "--socket",
+                                      service_.socket(), "capture", file(), "--", "/bin/sh", "-c",
+                                      "ulimit -S -f $(ulimit -H -f); KS=" KS_SERVICE_DIR
+                                      "/examples; $KS/secrets store >/dev/null && $KS/secrets list"});
 
   EXPECT_EQ(run.status, 1);
   EXPECT_THAT(run.output, HasSubstr("backup-key"));
@@ -318,7 +313,7 @@ TEST_F(KsctlCapture, StrikesOutEverySecretAndKeepsNames) {
   const ProgramRun run = capture(self_with("ALL=1"));
 
   ASSERT_EQ(run.status, 0) << run.output << run.errors;
-  const std::string bytes = content(file());
+  const std::string bytes = content_of(file());
   EXPECT_THAT(bytes, Not(HasSubstr("PLA")));
   for (const char *shown :
        {"shown-name", "shown-aid", "shown-label", "shown-user", "shown-metadata", "shown-metadata-2", "shown-new"}) {

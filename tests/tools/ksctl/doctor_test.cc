@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "content_of.h"
 #include "ksctl.h"
 #include "service/raw_client.h"
 
@@ -88,9 +89,7 @@ TEST(KsctlDoctor, ChangesNothingAboutTheVault) {
   const auto files = [&service] {
     std::vector<std::pair<std::string, std::string>> all;
     for (const auto &file : std::filesystem::directory_iterator(service.folder())) {
-      std::ostringstream text;
-      if (file.is_regular_file()) text << std::ifstream(file.path()).rdbuf();
-      all.emplace_back(file.path(), text.str());
+      all.emplace_back(file.path(), file.is_regular_file() ? ks_test::content_of(file.path()) : "");
     }
     std::sort(all.begin(), all.end());
     return all;

@@ -5,8 +5,8 @@
 #include <gmock/gmock.h>
 
 #include <fstream>
-#include <iterator>
 
+#include "content_of.h"
 #include "ksctl.h"
 
 namespace {
@@ -79,10 +79,8 @@ TEST(KsctlExplain, KnowsTheCodesThatReportsShow) {
 }
 
 TEST(KsctlExplain, PrintsThePageOfAllCodes) {
-  std::ifstream file(KS_SOURCE_DIR "/docs/codes.md");
-  const std::string page{std::istreambuf_iterator<char>(file), {}};
-
-  EXPECT_EQ(ksctl("/nowhere/socket", {"explain", "--page"}).output, page);
+  EXPECT_EQ(ksctl("/nowhere/socket", {"explain", "--page"}).output,
+            ks_test::content_of(KS_SOURCE_DIR "/docs/codes.md"));
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
+#include "content_of.h"
 #include "ksctl.h"
 #include "temporary_folder.h"
 
@@ -28,10 +28,7 @@ class KsctlFleet : public testing::Test {
 
   std::string path(const std::string &name) const { return folder_.path() + "/" + name; }
   void write(const std::string &name, const std::string &content) const { std::ofstream(path(name)) << content; }
-  std::string content(const std::string &name) const {
-    std::ifstream file(path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string content(const std::string &name) const { return ks_test::content_of(path(name)); }
   bool is_there(const std::string &name) const { return std::filesystem::exists(path(name)); }
 
   static ProgramRun run(std::vector<std::string> arguments) { return ks_test::ksctl("/none", std::move(arguments)); }

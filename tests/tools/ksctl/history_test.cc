@@ -12,11 +12,13 @@
 #include <random>
 #include <sstream>
 
+#include "content_of.h"
 #include "ksctl.h"
 #include "ring_file.h"
 
 namespace {
 
+using ks_test::content_of;
 using ks_test::ksctl;
 using ks_test::ProgramRun;
 using ks_test::RingFile;
@@ -258,12 +260,6 @@ TEST_F(KsctlHistory, TellsTheTimelineInJson) {
 
 // ---- The page.
 
-std::string content(const std::string &path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 constexpr char kHostileName[] = "</script><script>document.title='ran'</script>";
 
 TEST_F(KsctlHistory, WritesAPageForThisUserAlone) {
@@ -281,7 +277,7 @@ TEST_F(KsctlHistory, WritesAPageThatFetchesNothingAndRunsNothingOfOthers) {
   three_exchanges(kHostileName).write(ring(0));
   history({"--html", file("page.html")});
 
-  const std::string page = content(file("page.html"));
+  const std::string page = content_of(file("page.html"));
 
   EXPECT_THAT(page, HasSubstr("default-src 'none'"));
   EXPECT_THAT(page, Not(HasSubstr("://")));

@@ -8,11 +8,13 @@
 #include <filesystem>
 #include <iterator>
 
+#include "content_of.h"
 #include "pac.h"
 #include "published_vectors.h"
 
 namespace {
 
+using ks_test::content_of;
 using ks_test::Datagram;
 using ks_test::import_pacs;
 using ks_test::kIn2001;
@@ -30,11 +32,6 @@ using ks_test::stored_metadata;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-
-std::string content_of(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::string unhex(const std::string &digits) {
   std::string bytes;

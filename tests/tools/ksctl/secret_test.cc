@@ -6,14 +6,14 @@
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
+#include "content_of.h"
 #include "ksctl.h"
 #include "terminal.h"
 
 namespace {
 
+using ks_test::content_of;
 using ks_test::ksctl;
 using ks_test::ksctl_given;
 using ks_test::ProgramRun;
@@ -24,11 +24,6 @@ using ks_test::Terminal;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-
-std::string content_of(const std::string &path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 TEST(KsctlSecret, IsStoredListedAndShownWithWhatIsKeptBesideIt) {
   const ServiceProcess service;

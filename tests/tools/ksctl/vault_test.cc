@@ -8,13 +8,14 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
+#include "content_of.h"
 #include "ksctl.h"
 #include "service/raw_client.h"
 
 namespace {
 
+using ks_test::content_of;
 using ks_test::Datagram;
 using ks_test::ksctl;
 using ks_test::ProgramRun;
@@ -31,11 +32,6 @@ constexpr uint32_t kBeginBackup = 16, kNextPart = 17;
 constexpr uint32_t kSuccess = 1, kInvalidArgs = 3, kNotFound = 5, kTimeout = 8;
 
 constexpr char kCheaply[] = " --passphrase-fd 9 --passphrase-cost interactive";
-
-std::string read_file(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // store stores "secret NAME" in VDC 7.
 void store(const ServiceProcess &service, char name) {
@@ -111,7 +107,7 @@ TEST_F(KsctlVault, NeverWritesABackupOverAFile) {
   const ProgramRun made = run("backup " + file("b") + kCheaply);
   EXPECT_EQ(made.status, 7);
   EXPECT_THAT(made.errors, HasSubstr(file("b") + ": is there already"));
-  EXPECT_EQ(read_file(file("b")), "dear");
+  EXPECT_EQ(content_of(file("b")), "dear");
   EXPECT_EQ(run("backup " + file("none/b") + kCheaply).status, 1);
 }
 
@@ -133,7 +129,7 @@ TEST_F(KsctlVault, ChecksAVaultThatNoServiceHas) {
   ASSERT_EQ(service.stop(), 0);
   EXPECT_THAT(run("vault check" + places()).output, HasSubstr("closed_in_order\tyes\n"));
   EXPECT_FALSE(std::filesystem::exists(service.vault() + "-wal"));
-  std::string bytes = read_file(service.vault());
+  std::string bytes = content_of(service.vault());
   char &of_entry = bytes[bytes.size() - 4096 - 10];  // behind the page of the entries comes that of key changes
   of_entry = static_cast<char>(of_entry ^ 1);
   std::ofstream(service.vault(), std::ios::binary) << bytes;
@@ -144,11 +140,11 @@ TEST_F(KsctlVault, ChecksAVaultThatNoServiceHas) {
 
 TEST_F(KsctlVault, ChangesTheMasterKeyWhileTheServiceGoesOn) {
   store(service, 'a');
-  const std::string before = read_file(service.master_key_file());
+  const std::string before = content_of(service.master_key_file());
   const ProgramRun changed = run("--json vault rekey");
   EXPECT_EQ(changed.status, 0) << changed.errors;
   EXPECT_EQ(changed.output, "{\"entries\":1,\"needs_restart\":false}\n");
-  const std::string after = read_file(service.master_key_file());
+  const std::string after = content_of(service.master_key_file());
   EXPECT_EQ(after.size(), 32u);
   EXPECT_NE(after, before);
   store(service, 'b');
@@ -163,15 +159,15 @@ TEST_F(KsctlVault, MovesAMasterKeyUnderAPassphrase) {
   const ProgramRun exported =
       run("vault export-key " + file("k") + " --master-key-file " + service.master_key_file() + kCheaply);
   ASSERT_EQ(exported.status, 0) << exported.errors;
-  EXPECT_THAT(read_file(file("k")), StartsWith("-----BEGIN KS MASTER KEY-----\n"));
-  EXPECT_THAT(read_file(file("k")), Not(HasSubstr(read_file(service.master_key_file()))));
+  EXPECT_THAT(content_of(file("k")), StartsWith("-----BEGIN KS MASTER KEY-----\n"));
+  EXPECT_THAT(content_of(file("k")), Not(HasSubstr(content_of(service.master_key_file()))));
   const ProgramRun wrong =
       run("vault import-key " + file("k") + " --master-key-file " + file("moved") + " --passphrase-fd 9", "wrong");
   EXPECT_EQ(wrong.status, 1);
   EXPECT_FALSE(std::filesystem::exists(file("moved")));
   ASSERT_EQ(run("vault import-key " + file("k") + " --master-key-file " + file("moved") + " --passphrase-fd 9").status,
             0);
-  EXPECT_EQ(read_file(file("moved")), read_file(service.master_key_file()));
+  EXPECT_EQ(content_of(file("moved")), content_of(service.master_key_file()));
   EXPECT_EQ(run("vault import-key " + file("k") + " --master-key-file " + file("moved") + " --passphrase-fd 9").status,
             7);
 }
@@ -248,7 +244,7 @@ TEST(SystemdCredential, IsTheMasterKeyAndIsChanged) {
   setup.wrapper = {"/bin/bash", "-c", R"(exec "${@:1:5}" "${@:8}")", "bash"};
   ServiceProcess service(setup);
   store(service, 'a');
-  EXPECT_THAT(read_file(credential), Not(HasSubstr(std::string(32, 'k'))));
+  EXPECT_THAT(content_of(credential), Not(HasSubstr(std::string(32, 'k'))));
 
   EXPECT_EQ(ksctl(service.socket(), {"vault", "rekey"}).status, 2) << "somebody has to put the next one there";
   const std::string next = folder.path() + "/next";
@@ -272,7 +268,7 @@ TEST(PassphraseAtStart, OpensTheKeyAndNothingElseDoes) {
   setup.wrapper = {"/bin/bash", "-c", "exec 9<<<'correct horse'; exec \"$@\"", "bash"};
   setup.arguments = {"--passphrase-fd", "9"};
   ServiceProcess service(setup);
-  EXPECT_THAT(read_file(service.master_key_file()), StartsWith("-----BEGIN KS MASTER KEY-----\n"));
+  EXPECT_THAT(content_of(service.master_key_file()), StartsWith("-----BEGIN KS MASTER KEY-----\n"));
   store(service, 'a');
   ASSERT_EQ(service.stop(), 0);
   const auto start_with = [&](const std::string &passphrase) {
@@ -290,7 +286,7 @@ TEST(PassphraseAtStart, OpensTheKeyAndNothingElseDoes) {
   EXPECT_TRUE(exists(service, 'a'));
   const ProgramRun changed = ksctl(service.socket(), {"vault", "rekey"});
   EXPECT_EQ(changed.status, 0) << changed.errors;
-  EXPECT_THAT(read_file(service.master_key_file()), StartsWith("-----BEGIN KS MASTER KEY-----\n"))
+  EXPECT_THAT(content_of(service.master_key_file()), StartsWith("-----BEGIN KS MASTER KEY-----\n"))
       << "the next one is sealed alike";
   service.restart();
   EXPECT_TRUE(exists(service, 'a'));

@@ -16,7 +16,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // The fourth byte of each descriptor here is reserved; shown as 0xa5.
-Bytes without_reserved(Bytes descriptor) {
+Bytes without_fourth_byte(Bytes descriptor) {
   if (descriptor.size() > 3) descriptor[3] = 0xa5;
   return descriptor;
 }
@@ -37,7 +37,7 @@ TEST_F(NewPasswordEncrypted, SendsNameAndNewPasswordAndCopiesTheBlock) {
   EXPECT_EQ(run(), KS_SUCCESS);
 
   EXPECT_EQ(mts.request().op, 66574u);
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("06 08 03 a5 0e 00 00 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request().descriptor), bytes("06 08 03 a5 0e 00 00 00"));
   ASSERT_EQ(mts.request().sections.size(), 2u);
   EXPECT_EQ(mts.request().sections[0].content, bytes("30 00 00 07 6b 31"));
   EXPECT_EQ(mts.request().sections[1].content, bytes_of("ppp"));
@@ -51,12 +51,12 @@ TEST_F(NewPasswordEncrypted, SendsNameAndNewPasswordAndCopiesTheBlock) {
 TEST_F(NewPasswordEncrypted, CountsAPasswordOf256BytesAs0AndSendsAllOfIt) {
   mts.reply_with(reply(Bytes(516)));
   EXPECT_EQ(run("k1", 256), KS_SUCCESS);
-  EXPECT_EQ(without_reserved(mts.request(0).descriptor), bytes("06 08 00 a5 0e 00 00 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request(0).descriptor), bytes("06 08 00 a5 0e 00 00 00"));
   EXPECT_EQ(mts.request(0).sections.at(1).content, Bytes(256, 'p'));
 
   mts.reply_with(reply(Bytes(516)));
   EXPECT_EQ(run("k1", 255), KS_SUCCESS);
-  EXPECT_EQ(without_reserved(mts.request(1).descriptor), bytes("06 08 ff a5 0e 00 00 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request(1).descriptor), bytes("06 08 ff a5 0e 00 00 00"));
 }
 
 TEST_F(NewPasswordEncrypted, RefusesOtherLengths) {
@@ -67,7 +67,7 @@ TEST_F(NewPasswordEncrypted, RefusesOtherLengths) {
 TEST_F(NewPasswordEncrypted, TakesNamesOf1To31BytesByTheirWholeLength) {
   mts.reply_with(reply(Bytes(516)));
   EXPECT_EQ(run(name_of(31)), KS_SUCCESS);
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("23 08 03 a5 2b 00 00 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request().descriptor), bytes("23 08 03 a5 2b 00 00 00"));
 
   for (const size_t len : {0u, 32u, 256u, 257u, 287u}) EXPECT_EQ(run(name_of(len)), KS_INVALID_ARGS) << len;
   EXPECT_EQ(mts.requests.size(), 1u);
@@ -172,7 +172,7 @@ TEST_F(OldHashEncrypted, SendsBothNamesAndCopies16Bytes) {
   EXPECT_EQ(run(), KS_SUCCESS);
 
   EXPECT_EQ(mts.request().op, 66575u);
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("07 08 06 a5 0f 00 00 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request().descriptor), bytes("07 08 06 a5 0f 00 00 00"));
   ASSERT_EQ(mts.request().sections.size(), 2u);
   EXPECT_EQ(mts.request().sections[0].content, bytes("30 00 00 07 6e 65 77"));
   EXPECT_EQ(mts.request().sections[1].content, bytes("30 00 00 07 6b 31"));
@@ -192,7 +192,7 @@ TEST_F(OldHashEncrypted, TakesTheSameNameTwice) {
 TEST_F(OldHashEncrypted, TakesNamesOf1To31BytesByTheirWholeLength) {
   mts.reply_with(reply(Bytes(16)));
   EXPECT_EQ(run(name_of(31), name_of(31)), KS_SUCCESS);
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("23 08 23 a5 2b 00 00 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request().descriptor), bytes("23 08 23 a5 2b 00 00 00"));
 
   for (const size_t len : {0u, 32u, 256u, 257u, 287u}) {
     EXPECT_EQ(run(name_of(len), "k1"), KS_INVALID_ARGS) << len;
@@ -325,7 +325,7 @@ TEST_F(GetMasterKey, SendsNameAndResponseAndCopies16Bytes) {
   EXPECT_EQ(run(), KS_SUCCESS);
 
   EXPECT_EQ(mts.request().op, 66576u);
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("06 06 18 a5 0c 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request().descriptor), bytes("06 06 18 a5 0c 00"));
   ASSERT_EQ(mts.request().sections.size(), 2u);
   EXPECT_EQ(mts.request().sections[0].content, bytes("30 00 00 07 6b 31"));
   EXPECT_EQ(mts.request().sections[1].content, nt_response);
@@ -338,7 +338,7 @@ TEST_F(GetMasterKey, SendsNameAndResponseAndCopies16Bytes) {
 TEST_F(GetMasterKey, TakesNamesOf1To31BytesByTheirWholeLength) {
   mts.reply_with(reply(Bytes(16)));
   EXPECT_EQ(run(name_of(31)), KS_SUCCESS);
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("23 06 18 a5 29 00"));
+  EXPECT_EQ(without_fourth_byte(mts.request().descriptor), bytes("23 06 18 a5 29 00"));
 
   for (const size_t len : {0u, 32u, 256u, 257u, 287u}) EXPECT_EQ(run(name_of(len)), KS_INVALID_ARGS) << len;
   EXPECT_EQ(mts.requests.size(), 1u);

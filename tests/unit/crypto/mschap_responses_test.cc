@@ -15,7 +15,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // The fixed parts of a descriptor, with what nobody writes shown as 0xa5.
-Bytes without_reserved(Bytes descriptor) {
+Bytes without_length_padding(Bytes descriptor) {
   for (const size_t length_byte : {4u, 12u, 20u, 28u}) {
     for (size_t i = length_byte + 1; i < length_byte + 4 && i < descriptor.size(); ++i) descriptor[i] = 0xa5;
   }
@@ -55,10 +55,10 @@ TEST_F(GenerateNTResponse, SendsFourSectionsAndCopies24Bytes) {
 
   const auto &request = mts.request();
   EXPECT_EQ(request.op, 66572u);
-  EXPECT_EQ(without_reserved(request.descriptor), bytes("18 00  06 1c"
-                                                        "10 a5 a5 a5  22 00 00 00"
-                                                        "10 a5 a5 a5  32 00 00 00"
-                                                        "04 a5 a5 a5  42 00 00 00"));
+  EXPECT_EQ(without_length_padding(request.descriptor), bytes("18 00  06 1c"
+                                                              "10 a5 a5 a5  22 00 00 00"
+                                                              "10 a5 a5 a5  32 00 00 00"
+                                                              "04 a5 a5 a5  42 00 00 00"));
   ASSERT_EQ(request.sections.size(), 4u);
   EXPECT_EQ(request.sections[0].content, bytes("30 00 00 07 6b 31"));
   EXPECT_EQ(request.sections[1].content, authenticator);
@@ -74,10 +74,10 @@ TEST_F(GenerateNTResponse, SendsFourSectionsAndCopies24Bytes) {
 TEST_F(GenerateNTResponse, TakesNamesOf1To31BytesByTheirWholeLength) {
   mts.reply_with(reply(Bytes(24)));
   EXPECT_EQ(run(name_of(31)), KS_SUCCESS);
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("18 00  23 1c"
-                                                              "10 a5 a5 a5  3f 00 00 00"
-                                                              "10 a5 a5 a5  4f 00 00 00"
-                                                              "04 a5 a5 a5  5f 00 00 00"));
+  EXPECT_EQ(without_length_padding(mts.request().descriptor), bytes("18 00  23 1c"
+                                                                    "10 a5 a5 a5  3f 00 00 00"
+                                                                    "10 a5 a5 a5  4f 00 00 00"
+                                                                    "04 a5 a5 a5  5f 00 00 00"));
 
   for (const size_t len : {0u, 32u, 256u, 257u, 287u}) EXPECT_EQ(run(name_of(len)), KS_INVALID_ARGS) << len;
   EXPECT_EQ(mts.requests.size(), 1u);
@@ -192,11 +192,11 @@ TEST_F(GenerateAuthenticatorResponse, SendsFiveSectionsInAnotherOrderThanItsArgu
 
   const auto &request = mts.request();
   EXPECT_EQ(request.op, 66573u);
-  EXPECT_EQ(without_reserved(request.descriptor), bytes("2a 00  06 24"
-                                                        "10 a5 a5 a5  2a 00 00 00"
-                                                        "10 a5 a5 a5  3a 00 00 00"
-                                                        "04 a5 a5 a5  4a 00 00 00"
-                                                        "18 a5 a5 a5  4e 00 00 00"));
+  EXPECT_EQ(without_length_padding(request.descriptor), bytes("2a 00  06 24"
+                                                              "10 a5 a5 a5  2a 00 00 00"
+                                                              "10 a5 a5 a5  3a 00 00 00"
+                                                              "04 a5 a5 a5  4a 00 00 00"
+                                                              "18 a5 a5 a5  4e 00 00 00"));
   ASSERT_EQ(request.sections.size(), 5u);
   EXPECT_EQ(request.sections[0].content, bytes("30 00 00 07 6b 31"));
   EXPECT_EQ(request.sections[1].content, authenticator);
@@ -213,11 +213,11 @@ TEST_F(GenerateAuthenticatorResponse, PutsTheResponseWhereAnEmptyUserNameIs) {
   mts.reply_with(reply(Bytes(42)));
   EXPECT_EQ(run("k1", ""), KS_SUCCESS);
 
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("2a 00  06 24"
-                                                              "10 a5 a5 a5  2a 00 00 00"
-                                                              "10 a5 a5 a5  3a 00 00 00"
-                                                              "00 a5 a5 a5  4a 00 00 00"
-                                                              "18 a5 a5 a5  4a 00 00 00"));
+  EXPECT_EQ(without_length_padding(mts.request().descriptor), bytes("2a 00  06 24"
+                                                                    "10 a5 a5 a5  2a 00 00 00"
+                                                                    "10 a5 a5 a5  3a 00 00 00"
+                                                                    "00 a5 a5 a5  4a 00 00 00"
+                                                                    "18 a5 a5 a5  4a 00 00 00"));
 }
 
 // DIFFERS(mschap-user-name-low8)
@@ -225,11 +225,11 @@ TEST_F(GenerateAuthenticatorResponse, CutsTheUserNameByTheLowBitsOfItsLength) {
   mts.reply_with(reply(Bytes(42)));
   EXPECT_EQ(run(name_of(31), std::string(300, 'u')), KS_SUCCESS);
 
-  EXPECT_EQ(without_reserved(mts.request().descriptor), bytes("2a 00  23 24"
-                                                              "10 a5 a5 a5  47 00 00 00"
-                                                              "10 a5 a5 a5  57 00 00 00"
-                                                              "2c a5 a5 a5  67 00 00 00"
-                                                              "18 a5 a5 a5  93 00 00 00"));
+  EXPECT_EQ(without_length_padding(mts.request().descriptor), bytes("2a 00  23 24"
+                                                                    "10 a5 a5 a5  47 00 00 00"
+                                                                    "10 a5 a5 a5  57 00 00 00"
+                                                                    "2c a5 a5 a5  67 00 00 00"
+                                                                    "18 a5 a5 a5  93 00 00 00"));
   EXPECT_EQ(mts.request().sections.at(3).content, Bytes(44, 'u'));
 }
 
