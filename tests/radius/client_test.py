@@ -257,14 +257,11 @@ class FreeRadius(ClientTest):
 
   @classmethod
   def setUpClass(cls):
-    cls.folder = tempfile.TemporaryDirectory()
-    folder = Path(cls.folder.name)
+    temporary = tempfile.TemporaryDirectory()
+    cls.addClassCleanup(temporary.cleanup)
+    folder = Path(temporary.name)
     cls.server = freeradius.Server(INSTALLATION, folder, radius_configuration(folder))
-
-  @classmethod
-  def tearDownClass(cls):
-    cls.server.stop()
-    cls.folder.cleanup()
+    cls.addClassCleanup(cls.server.stop)
 
   def test_accepts_passwords_of_every_number_of_blocks(self):
     for user, password in PASSWORDS.items():

@@ -250,19 +250,16 @@ class Module(unittest.TestCase):
   @classmethod
   def setUpClass(cls):
     cls.folders = [tempfile.TemporaryDirectory(), tempfile.TemporaryDirectory()]
+    for folder in cls.folders:
+      cls.addClassCleanup(folder.cleanup)
     cls.keystore = Keystore(cls.folders[0].name)
+    cls.addClassCleanup(cls.keystore.kill)
     cls.keystore.start()
     cls.keystore.put("mschap-User", PASSWORD.encode())
     cls.keystore.put("mschap-other", b"another")
     cls.keystore.put("aes-key", PASSWORD.encode())
     cls.server = start(cls.folders[1].name, cls.keystore, threads=True)
-
-  @classmethod
-  def tearDownClass(cls):
-    cls.server.stop()
-    cls.keystore.kill()
-    for folder in cls.folders:
-      folder.cleanup()
+    cls.addClassCleanup(cls.server.stop)
 
   def ask(self, *requests, port="silent", **how):
     return ask(self.server, port, *requests, **how)

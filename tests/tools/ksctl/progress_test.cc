@@ -24,16 +24,20 @@ using ks_test::ServiceProcess;
 using ks_test::Terminal;
 using testing::HasSubstr;
 
-// Waits until the process has said what it does with SIGINT, as it has before its first step.
-void wait_until_it_catches_an_interruption(pid_t pid) {
-  while (true) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("SigCgt:") && (std::stoull(line.substr(7), nullptr, 16) >> (SIGINT - 1) & 1) != 0) return;
-    }
-    if (!status.eof()) throw std::runtime_error("the process has ended");
-    sched_yield();
+// What the kernel tells of a process behind `word`.
+std::string status_of(pid_t pid, const std::string &word) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line) && !line.starts_with("State:\tZ");) {
+    if (line.starts_with(word)) return line.substr(word.size());
   }
+  throw std::runtime_error("the process has ended");
+}
+
+// Waits until the process has said what it does with SIGINT, as it has before its first step, and then until it waits
+// for the terminal. One that is interrupted before ends without a step.
+void wait_until_it_is_held(pid_t pid) {
+  while ((std::stoull(status_of(pid, "SigCgt:"), nullptr, 16) >> (SIGINT - 1) & 1) == 0) sched_yield();
+  while (status_of(pid, "State:").find("sleeping") == std::string::npos) sched_yield();
 }
 
 struct Work {
@@ -62,7 +66,7 @@ TEST_P(KsctlProgress, EndsBehindTheStepThatWasInterrupted) {
 
   {
     Terminal terminal(service.socket(), command, /*held=*/true);
-    wait_until_it_catches_an_interruption(terminal.pid());
+    wait_until_it_is_held(terminal.pid());
     kill(terminal.pid(), SIGINT);
     terminal.release();
     EXPECT_EQ(terminal.wait(), -SIGINT);
