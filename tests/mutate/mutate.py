@@ -372,12 +372,9 @@ def object_of(compilation):
 @dataclass
 class Program:
   name: str
+  targets: tuple  # that it runs
   folder: str
   environment: dict
-
-  @property
-  def targets(self):
-    return SCRIPTS.get(self.name, (self.name,))
 
 
 @dataclass
@@ -396,6 +393,7 @@ class Site:
     self.tree, self.build = place / "tree", place / "build"
     self.log = place / "log"
     self.changed = None
+    self.known_targets = None
     self.optimized = {}
     # Compiled objects are kept apart from everybody else's, and found again by every job.
     self.environment = dict(os.environ, CCACHE_DIR=str(place.parent / "ccache"), CCACHE_MAXSIZE="2G",
@@ -438,6 +436,18 @@ class Site:
     if status != 0:
       raise Failure(f"cmake failed; all it said is in {self.log}")
 
+  def targets_of(self, name):
+    """What a test runs: a program of its name, or, where several tests share one, of the beginning of it."""
+    if name in SCRIPTS:
+      return SCRIPTS[name]
+    if self.known_targets is None:
+      listed = subprocess.run(["ninja", "-C", str(self.build), "-t", "targets", "all"], capture_output=True, text=True,
+                              check=True)
+      self.known_targets = {line.split(":")[0] for line in listed.stdout.splitlines()}
+    words = name.split("_")
+    beginnings = ("_".join(words[:count]) for count in range(len(words), 0, -1))
+    return (next((beginning for beginning in beginnings if beginning in self.known_targets), name),)
+
   def programs(self, groups):
     listed = subprocess.run(["ctest", "--test-dir", str(self.build), "--show-only=json-v1"], capture_output=True,
                             check=True, env=self.environment)
@@ -449,7 +459,8 @@ class Site:
           (not command or command[0].startswith(f"{self.build}/") or test["name"] in SCRIPTS):
         properties = {entry["name"]: entry["value"] for entry in test.get("properties", [])}
         environment = dict(entry.split("=", 1) for entry in properties.get("ENVIRONMENT", ()))
-        found.append(Program(test["name"], properties.get("WORKING_DIRECTORY") or str(self.build), environment))
+        folder = properties.get("WORKING_DIRECTORY") or str(self.build)
+        found.append(Program(test["name"], self.targets_of(test["name"]), folder, environment))
     return found
 
   def find_commands(self, programs):
