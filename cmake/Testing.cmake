@@ -1,21 +1,29 @@
 # SPDX-FileCopyrightText: 2026 The ks developers
 # SPDX-License-Identifier: Apache-2.0
 
-# GoogleTest is built from Debian's source package, so that every preset has it for its own width and sanitizer.
-set(BUILD_GMOCK ON)
-set(INSTALL_GTEST OFF)
-add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 # What is under test is checked for undefined behaviour, tests and GoogleTest themselves aren't.
 set(KS_UNCHECKED "")
 if(KS_SANITIZE)
+  # Built from Debian's source package, so that the sanitizer knows what it does.
   set(KS_UNCHECKED -fno-sanitize=undefined)
+  set(BUILD_GMOCK ON)
+  set(INSTALL_GTEST OFF)
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+  foreach(target gtest gtest_main gmock gmock_main)
+    target_compile_options(${target} PRIVATE -w -O0 -g0 ${KS_UNCHECKED})
+    set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "")
+    get_target_property(includes ${target} INTERFACE_INCLUDE_DIRECTORIES)
+    set_target_properties(${target} PROPERTIES INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${includes}")
+  endforeach()
+else()
+  # Debian has it compiled for both widths, and the linker finds that of the width.
+  foreach(target gtest gmock gmock_main)
+    add_library(${target} INTERFACE IMPORTED GLOBAL)
+    set_target_properties(${target} PROPERTIES IMPORTED_LIBNAME ${target})
+  endforeach()
+  target_link_libraries(gmock INTERFACE gtest)
+  target_link_libraries(gmock_main INTERFACE gmock)
 endif()
-foreach(target gtest gtest_main gmock gmock_main)
-  target_compile_options(${target} PRIVATE -w -O0 -g0 ${KS_UNCHECKED})
-  set_target_properties(${target} PROPERTIES CXX_CLANG_TIDY "")
-  get_target_property(includes ${target} INTERFACE_INCLUDE_DIRECTORIES)
-  set_target_properties(${target} PROPERTIES INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${includes}")
-endforeach()
 
 # A precompiled header for all test programs: GoogleTest's headers cost more to read than most tests to compile.
 file(WRITE ${CMAKE_BINARY_DIR}/gtest_pch.cc "")

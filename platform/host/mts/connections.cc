@@ -256,7 +256,7 @@ bool open(Slot *slot, host::Obstacle *obstacle) {
   KnownPath *path = current_path.load(std::memory_order_acquire);
   if (slot->buffer == nullptr) slot->buffer = make_buffer();
   if (path == nullptr || slot->buffer == nullptr) {
-    *obstacle = {.step = host::Step::kSocket, .detail = 0};
+    obstacle->step = host::Step::kSocket;
     errno = ENOMEM;
     return false;
   }

@@ -220,11 +220,8 @@ Attempt send_on(Slot *slot, const Request &request) {
     const bool elsewhere = had_ended(error) || (not_grown != 0 && not_grown != ETIMEDOUT);
     if (error == 0 || !elsewhere) return {.error = error, .step = Step::kSend, .obstacle = {}};
   }
-  Attempt attempt = {.error = 0, .step = Step::kConnect, .obstacle = {}};
-  if (!mts::open(slot, &attempt.obstacle)) {
-    attempt.error = errno;
-    return attempt;
-  }
+  host::Obstacle obstacle = {};
+  if (!mts::open(slot, &obstacle)) return {.error = errno, .step = Step::kConnect, .obstacle = obstacle};
   return {.error = send_request(slot, request), .step = Step::kSend, .obstacle = {}};
 }
 
@@ -311,7 +308,7 @@ KS_EXPORT uint32_t mts_bind(uint32_t, uint32_t, const KsBindTemplate *bind, uint
   Slot *slot = mts::take();
   if (slot == nullptr) return failed_take(errno);
   // Always a new greeting, so that success means a service that answers now.
-  host::Obstacle obstacle;
+  host::Obstacle obstacle = {};
   const int error = mts::open(slot, &obstacle) ? 0 : errno;
   mts::give_back(slot);
   if (error != 0) return failed(Step::kConnect, error, mts::service_path(), 0, obstacle);

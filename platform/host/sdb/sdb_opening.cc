@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "sdb_codes.h"
 #include "sdb_layout.h"
@@ -160,8 +161,7 @@ class Opening {
     marked_ = host::has_mark(gate_fd_, mark_);
     if (const uint32_t code = open_both(); code != kOk) return code;
     if (!marked_) {
-      close(data_fd_);
-      data_fd_ = -1;
+      close(std::exchange(data_fd_, -1));
       const char *const names[] = {lock_name_, data_name_};
       for (const char *name : names) {
         if (unlinkat(folder_.fd, name, 0) != 0 && errno != ENOENT) {

@@ -119,6 +119,9 @@ TEST_F(Calls, WithoutMemoryForAReplyFailThisExchangeAndKeepItsConnection) {
     const Answer answer = exchange(queue, {1});
     EXPECT_EQ(answer.received, MTS_FAILED);
     EXPECT_EQ(answer.error, static_cast<uint32_t>(ENOMEM));
+    EXPECT_EQ(why(), socket_path() +
+                         ": there is no memory for the reply, though the service did what was asked (Cannot allocate "
+                         "memory). Free some, or raise the process's limits");
   }
   EXPECT_TRUE(works(queue));
   EXPECT_EQ(service.connections(), 1U);

@@ -23,6 +23,7 @@
 #include "client.h"
 #include "host_channel.h"
 #include "send_with_files.h"
+#include "socket_hooks.h"
 
 namespace {
 
@@ -197,6 +198,30 @@ TEST_F(MtsChannel, IsAskedForByConnectionsThatAreUsedMoreThanAFewTimes) {
   EXPECT_EQ(service.connections(), 1U);
   EXPECT_EQ(open_descriptors(), before) << "memory needs none";
 }
+
+TEST_F(MtsChannel, BringsAReplyThatFillsIt) {
+  const uint32_t queue = bound_with_channel();
+  Octets filling(sizeof(HostChannel::reply_area) - sizeof(HostWireHeader), 0x33);
+  filling[0] = 1;
+  filling[1] = filling[2] = filling[3] = 0;
+  answer = [&filling](const Served &served) {
+    return served.answer(FakeService::reply_datagram(served.request, filling));
+  };
+  EXPECT_EQ(exchange(queue, {1}).payload, filling);
+}
+
+#ifndef __SANITIZE_THREAD__
+TEST_F(MtsChannel, IsAskedForAgainAfterASignal) {
+  const uint32_t queue = bound_and_about_to_ask();
+  int sent = 0;
+  const WithSocketHooks hooks({.send = [&sent]() -> long {
+    errno = EINTR;
+    return ++sent < 3 ? -1 : SocketHooks::kPassOn;
+  }});
+  EXPECT_TRUE(works(queue));
+  EXPECT_EQ(by_channel, 1);
+}
+#endif
 
 TEST_F(MtsChannel, IsNotAskedForWhereItIsntOffered) {
   service.hello.offers = 0;  // as of an older service

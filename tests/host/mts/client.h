@@ -9,6 +9,7 @@
 #include <string>
 
 #include "fake_service/fake_service.h"
+#include "host_mts.h"
 #include "mts.h"
 
 // Answer is what an exchange came to.
@@ -67,6 +68,15 @@ inline Answer exchange(uint32_t queue, const Octets &descriptor, const std::vect
   mts_drop(queue, &sent);
   mts_drop(queue, &received);
   return answer;
+}
+
+// Why the thread's last call failed.
+inline std::string why() {
+  char text[512];
+  memset(text, 'x', sizeof text);
+  const std::string told = mts_last_error_get(text, sizeof text);
+  EXPECT_LT(told.size(), sizeof text - 1) << "512 bytes hold any";
+  return told;
 }
 
 // Tests of owners need a process that can change them, as in CI.

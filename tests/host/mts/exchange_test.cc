@@ -3,6 +3,7 @@
 
 // What an exchange does when all is well.
 #include <fcntl.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <cerrno>
@@ -131,6 +132,28 @@ TEST_F(Mts, CarriesRequestsAndRepliesOfEverySize) {
     EXPECT_TRUE(answer.payload == expected) << size;
   }
   EXPECT_EQ(service.connections(), 1U);
+}
+
+TEST_F(Mts, CarriesTheLargestRequestThatThereCanBe) {
+  service.handler = [](int socket, const FakeService::Request &request) {
+    return FakeService::reply(socket, request, {1, 0, 0, 0});
+  };
+  const uint32_t queue = bound();
+  const Octets data(192 * 1024);
+  EXPECT_EQ(exchange(queue, {1}, {{data.data(), 192 * 1024 - 1}}).payload, (Octets{1, 0, 0, 0}));
+}
+
+TEST_F(Mts, KeepsNoReplyThatWasDropped) {
+  service.handler = [](int socket, const FakeService::Request &request) {
+    Octets reply(10'000);
+    reply[0] = 1;
+    return FakeService::reply(socket, request, reply);
+  };
+  const uint32_t queue = bound();
+  EXPECT_EQ(exchange(queue, {1}).payload.size(), 10'000U);
+  const size_t before = mallinfo2().uordblks;
+  for (int i = 0; i < 100; i++) EXPECT_EQ(exchange(queue, {1}).payload.size(), 10'000U);
+  EXPECT_LT(mallinfo2().uordblks, before + 500'000);  // what the service keeps of requests is far less
 }
 
 TEST_F(Mts, RefusesARequestThatIsTooLargeAndGoesOn) {

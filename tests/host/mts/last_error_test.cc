@@ -11,21 +11,12 @@
 #include <thread>
 
 #include "client.h"
-#include "host_mts.h"
 #include "socket_hooks.h"
 
 namespace {
 
 using testing::HasSubstr;
 using testing::StartsWith;
-
-std::string why() {
-  char text[512];
-  memset(text, 'x', sizeof text);
-  const std::string told = mts_last_error_get(text, sizeof text);
-  EXPECT_LT(told.size(), sizeof text - 1) << "512 bytes hold any";
-  return told;
-}
 
 class LastError : public Mts {
  protected:
@@ -184,6 +175,36 @@ TEST_F(LastError, TellsTheLimitOfAServiceThatDoesNotMove) {
   held.give();
 }
 
+#ifndef __SANITIZE_THREAD__
+TEST_F(LastError, TellsWhyARequestDidNotGo) {
+  service.hello.receive_limit_ms = 130;
+  const uint32_t queue = bound();
+  // By what becomes of each datagram: 0 lets it go.
+  const auto told = [&](const std::vector<int> &errors) {
+    EXPECT_TRUE(works(queue));
+    size_t sent = 0;
+    const WithSocketHooks hooks({.send = [&]() -> long {
+      errno = sent < errors.size() ? errors[sent++] : 0;
+      return errno == 0 ? SocketHooks::kPassOn : -1;
+    }});
+    EXPECT_EQ(exchange(queue, {1, 2, 3}).sent, MTS_FAILED);
+    return why().substr(socket_path().size());
+  };
+  EXPECT_EQ(told({EAGAIN}),
+            ": the keystore service took no request within 130 ms (Connection timed out). It is stopped or overloaded: "
+            "look after its process. The limit is receive_limit_ms in its configuration, 30 s until it has told");
+  EXPECT_EQ(told({EMSGSIZE}),
+            ": the request of 3 bytes is longer than the socket's send buffer (Message too long). Raise "
+            "net.core.wmem_max to 98352 or more");
+  for (const auto &[error, words] : {std::pair(EPIPE, "Broken pipe"), std::pair(ECONNRESET, "Connection reset by peer")})
+    EXPECT_EQ(told({error, 0, error}),  // the greeting of another connection goes between them
+              std::string(": the keystore service closed the connection before the request (") + words +
+                  "). Try again; if it stays so, the service's log says why");
+  EXPECT_EQ(told({EIO}),
+            ": the request couldn't be sent (Input/output error). Try again; if it stays so, look after the service");
+}
+#endif
+
 TEST_F(LastError, TellsThatTheServiceTurnedTheCallerAway) {
   service.hello.result = KS_STORE_FULL;
   service.start();
@@ -284,6 +305,13 @@ TEST_F(LastError, TellsOfRequestsThatCanNotGo) {
                        "at a time");
   EXPECT_EQ(mts_recv(queue, nullptr, nullptr), MTS_FAILED);
   EXPECT_THAT(why(), HasSubstr("arguments that can't be (Invalid argument)"));
+}
+
+TEST_F(LastError, NamesThePathOfThatTime) {
+  setenv("KS_SOCKET", "s", 1);
+  EXPECT_EQ(bind_as(1), MTS_FAILED);
+  setenv("KS_SOCKET", "/elsewhere", 1);
+  EXPECT_THAT(why(), StartsWith("s: no keystore service is there"));
 }
 
 TEST_F(LastError, IsOfEachThreadAlone) {

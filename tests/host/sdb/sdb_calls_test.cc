@@ -20,6 +20,7 @@ namespace {
 
 using ks_test::fail_call;
 using ks_test::LibraryCalls;
+using ks_test::see_calls;
 using testing::HasSubstr;
 
 // Failure makes one call fail for as long as what it gives lives.
@@ -132,6 +133,7 @@ TEST_F(SdbCalls, OfLmdbEndAnOpeningWithTheirReason) {
   fails_to_open(failing<mdb_env_get_fd>(1, EINVAL), kUnsafeCode, "its file was deleted or closed under the process");
   fails_to_open(failing<mdb_txn_begin>(1, MDB_READERS_FULL), kRetryCode, "");
   fails_to_open(failing<mdb_dbi_open>(1, MDB_CORRUPTED), kDamagedCode, "");
+  fails_to_open(failing<library_mutex_clocklock>(1, ETIMEDOUT), kRetryCode, "another thread is opening a database");
   EXPECT_EQ(open(), 0u);
 }
 
@@ -160,8 +162,10 @@ TEST_F(SdbCalls, ThatAnotherProcessWasQuickerWithAreNoFailures) {
 }
 
 TEST_F(SdbCalls, ThatASignalInterruptedAreMadeAgain) {
-  ASSERT_EQ(in_child([&] { return static_cast<int>(put("none", "") != kNotOpenCode || open() != 0); }), 0);
-  opens_all_the_same(failing<pread64>(1, ssize_t{-1}, EINTR));
+  for (int number = 1; number <= 4; ++number) {  // the gate's mark, and pages
+    ASSERT_EQ(in_child([&] { return static_cast<int>(put("none", "") != kNotOpenCode || open() != 0); }), 0);
+    opens_all_the_same(failing<pread64>(number, ssize_t{-1}, EINTR));
+  }
 }
 
 TEST_F(SdbCalls, OpenNothingThatAProgramWouldInheritOrThatIsALink) {
@@ -257,22 +261,46 @@ TEST_F(SdbCalls, ThatLoseAReadersSlotTakeAnother) {
 
 // A quarter of a second is waited for an opening.
 TEST_F(SdbCalls, WaitAsLongAcrossTheEndOfASecond) {
-  const LibraryCalls<library_clock_gettime> clock(kLibrary, [](int, Time64 *out) {
-    *out = {100, 900'000'000};
-    return std::optional(0);
-  });
-  std::vector<Time64> ends;
-  const LibraryCalls<library_mutex_clocklock> locks(kLibrary,
-                                                    [&](void *, int, const Time64 *until) -> std::optional<int> {
-                                                      ends.push_back(*until);
-                                                      return std::nullopt;
-                                                    });
-  ASSERT_EQ(open(), 0u);
-  ASSERT_FALSE(ends.empty());
-  for (const Time64 &end : ends) {
-    EXPECT_EQ(end.seconds, 101);
-    EXPECT_EQ(end.nanoseconds, 150'000'000);
+  const struct {
+    Time64 now, end;
+  } kCases[] = {{{100, 900'000'000}, {101, 150'000'000}},
+                {{100, 750'000'000}, {101, 0}},
+                {{100, 749'999'999}, {100, 999'999'999}}};
+  for (const auto &row : kCases) {
+    EXPECT_EQ(in_child([&] {
+                const LibraryCalls<library_clock_gettime> clock(kLibrary, [&](int, Time64 *out) {
+                  *out = row.now;
+                  return std::optional(0);
+                });
+                int other_ends = 0;
+                const LibraryCalls<library_mutex_clocklock> locks(
+                    kLibrary, see_calls<int>([&](void *, int, const Time64 *until) {
+                      other_ends += until->seconds != row.end.seconds || until->nanoseconds != row.end.nanoseconds;
+                    }));
+                return open() == 0 && other_ends == 0 ? 0 : 1;
+              }),
+              0)
+        << row.now.nanoseconds;
   }
+}
+
+// Each time it begins to read, others have replaced what it began with.
+TEST_F(SdbCalls, ThatOthersChangesOutrunEndARead) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "value"), 0u);
+  int attempts = 0;
+  {
+    const LibraryCalls<mdb_txn_id> others(kLibrary, see_calls<size_t>([&](MDB_txn *) {
+                                            ++attempts;
+                                            std::thread([&] {
+                                              for (const char *value : {"1", "2", "3"}) put("other", value);
+                                            }).join();
+                                          }));
+    EXPECT_EQ(read("key"), kRetryCode);
+  }
+  EXPECT_THAT(syserr2str(kRetryCode), HasSubstr("changes too fast to be read"));
+  EXPECT_EQ(attempts, 100);
+  EXPECT_EQ(value_of("key"), "value");
 }
 
 }  // namespace

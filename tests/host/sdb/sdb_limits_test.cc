@@ -229,6 +229,21 @@ TEST_F(SdbLimits, OfMemoryAreNotReachedByFailing) {
   EXPECT_LT(mallinfo2().uordblks, before_moving + 4096);
 }
 
+TEST_F(SdbLimits, OfMemoryAreNotReachedByWritingAndReading) {
+  ASSERT_EQ(open(), 0u);
+  ASSERT_EQ(put("key", "value"), 0u);
+  const size_t before_writing = mallinfo2().uordblks;
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(put("key", std::string(1000, 'v')), 0u);
+  EXPECT_LT(mallinfo2().uordblks, before_writing + 100'000);
+
+  // What a thread reads into gets larger with what is read.
+  for (size_t size = 5'000; size < 100'000; size += 5'000) {
+    EXPECT_EQ(put("key", std::string(size, 'v')), 0u);
+    EXPECT_EQ(read("key"), 0u);
+  }
+  EXPECT_LT(mallinfo2().uordblks, before_writing + 200'000);
+}
+
 TEST_F(SdbLimits, OfItsMapAreTheFilesSize) {
   ASSERT_EQ(open(), 0u);
   EXPECT_EQ(std::filesystem::file_size(data_file), (sizeof(void *) == 8 ? 128u : 48u) * 1024 * 1024);

@@ -180,6 +180,19 @@ TEST_F(SdbLookup, ChecksEachEntry) {
                  {"a kind more", half(entry + kNodeFlags, 3)}});
 }
 
+TEST_F(SdbLookup, HandsOutNoKeyThatCannotBe) {
+  const Image good = fill();
+  const size_t page = good.leaf();
+  // The last one has its page's room behind it.
+  const Fault faults[] = {{"no key", half(good.node(page, 0) + kNodeKeySize, 0)},
+                          {"a key of 512 bytes", half(good.node(page, good.nodes(page) - 1) + kNodeKeySize, 512)}};
+  for (const Fault &fault : faults) {
+    Image image = good;
+    fault.put(image);
+    EXPECT_EQ(says(good, image, [&] { return going_through(); }), kDamaged) << fault.what;
+  }
+}
+
 TEST_F(SdbLookup, ChecksLargeEntries) {
   const Image good = fill();
   const size_t entry = good.large();
