@@ -21,11 +21,14 @@ namespace ksd::vault {
 namespace {
 
 constexpr int kLogSizeLimit = 8 << 20;
+constexpr int kLongLog = 4'096'000;         // in bytes
 constexpr int kApplicationId = 0x6b735631;  // "ksV1", for file(1) and for telling other databases
 
+// A change writes two pages at least: these are on disk sooner than those of 4,096 bytes that SQLite would choose.
 // Free pages go back a few at a time (auto_vacuum), so that compaction never holds up others for long and needs neither
 // a second copy's room nor a temporary file.
 constexpr char kSchema[] =
+    "PRAGMA page_size = 2048;"
     "PRAGMA auto_vacuum = INCREMENTAL;"
     "BEGIN;"
     "CREATE TABLE vault (only_row INTEGER PRIMARY KEY CHECK (only_row = 1), key_id BLOB NOT NULL,"
@@ -141,6 +144,8 @@ Database::Database(const std::string &path, int in_use_wait_ms)
   put_header_ = prepare("UPDATE vault SET header = ?");
   page_count_ = prepare("PRAGMA page_count");
   free_page_count_ = prepare("PRAGMA freelist_count");
+  // Other vaults have pages of 4,096 bytes.
+  long_log_ = static_cast<int>(kLongLog / std::max<int64_t>(1, number(prepare("PRAGMA page_size").get())));
 }
 
 void Database::check_schema() {

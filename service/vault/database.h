@@ -82,7 +82,7 @@ class Database {
   // write_back writes the log back into the file and cuts off there what is free. The next transaction begins the log
   // anew, over what it holds.
   std::optional<WriteFailure> write_back();
-  bool log_is_long() const { return *log_frames_ >= kLongLog; }
+  bool log_is_long() const { return *log_frames_ >= long_log_; }
   int log_pages() const { return *log_frames_; }
 
   // put_log_away writes the log back and has it removed when the object goes.
@@ -119,13 +119,12 @@ class Database {
   WriteFailure failure() const noexcept;
   std::optional<WriteFailure> checkpoint(int mode);
 
-  static constexpr int kLongLog = 1000;
-
   std::optional<KeyChange> key_change();
 
   std::string path_;
   int schema_version_ = kSchemaVersion;
   std::unique_ptr<int> log_frames_ = std::make_unique<int>(0);
+  int long_log_ = 0;  // in pages
   std::unique_ptr<sqlite3, Close> db_;
   Statement begin_, commit_, put_entry_, remove_entry_, put_header_, page_count_, free_page_count_;
 };

@@ -6,6 +6,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <deque>
+#include <future>
+#include <utility>
+#include <vector>
 
 #include "base/refuse.h"
 
@@ -20,6 +24,56 @@ std::shared_ptr<const SecretBytes> open_next_key(const std::string &path, const 
   }
   return key;
 }
+
+struct OpenedRows {
+  std::vector<RowPtr> rows;
+  Digest digest{};  // of these
+};
+
+// SealedRows are rows as they stand in the file. To open them takes longer than to read them, so that is done beside
+// reading the next ones, for many at a time.
+class SealedRows {
+ public:
+  bool is_full() const { return places_.size() == kMostRows || bytes_.size() >= kManyBytes; }
+
+  void add(uint64_t id, Bytes sealed) {
+    places_.push_back({id, sealed.size()});
+    bytes_.insert(bytes_.end(), sealed.begin(), sealed.end());
+  }
+
+  OpenedRows open(const std::string &path, const Keys &keys) const {
+    OpenedRows opened;
+    opened.rows.reserve(places_.size());
+    Header sum{};
+    Bytes rest = bytes_;
+    for (const auto &[id, size] : places_) {
+      const std::shared_ptr<const SecretBytes> plain = keys.of_row(id).open(RecordKind::kEntry, id, rest.first(size));
+      rest = rest.subspan(size);
+      const RowPtr row = plain ? decode_entry(id, plain->bytes()) : nullptr;
+      if (row == nullptr) refuse_damaged(path, fmt::format("entry {} doesn't open", id));
+      sum.add(keys.of_table().mark(id, row->version));
+      opened.rows.push_back(row);
+    }
+    opened.digest = sum.digest;
+    return opened;
+  }
+
+ private:
+  static constexpr size_t kMostRows = 2048;
+  static constexpr size_t kManyBytes = size_t{1} << 20;
+
+  std::vector<std::pair<uint64_t, size_t>> places_;  // ids and sizes
+  std::vector<uint8_t> bytes_;
+};
+
+// Lot is opened from where it stands: std::async loses what is moved into it when it finds that there can't be a
+// thread.
+struct Lot {
+  SealedRows sealed;
+  std::future<OpenedRows> opened;
+};
+
+constexpr size_t kOpenedAtATime = 2;  // so that none waits for the other's thread to begin
 
 }  // namespace
 
@@ -63,14 +117,30 @@ Header open_header(const std::string &path, const VaultIdentity &identity, const
 void for_each_row(Database &database, const Keys &keys, const Header &header,
                   const std::function<void(const RowPtr &row)> &visit) {
   Header found{};
-  database.for_each_entry([&](uint64_t id, Bytes sealed) {
-    const std::shared_ptr<const SecretBytes> plain = keys.of_row(id).open(RecordKind::kEntry, id, sealed);
-    const RowPtr row = plain ? decode_entry(id, plain->bytes()) : nullptr;
-    if (row == nullptr) refuse_damaged(database.path(), fmt::format("entry {} doesn't open", id));
-    found.add(keys.of_table().mark(id, row->version));
-    ++found.entry_count;
-    visit(row);
+  std::deque<Lot> lots;
+  const auto take_first = [&] {
+    const OpenedRows opened = lots.front().opened.get();
+    lots.pop_front();
+    found.add(opened.digest);
+    found.entry_count += opened.rows.size();
+    for (const RowPtr &row : opened.rows) visit(row);
+  };
+  SealedRows sealed;
+  const auto open_sealed = [&](std::launch how) {
+    Lot &lot = lots.emplace_back();
+    lot.sealed = std::exchange(sealed, {});
+    lot.opened = std::async(how, [&rows = lot.sealed, &database, &keys] { return rows.open(database.path(), keys); });
+  };
+  database.for_each_entry([&](uint64_t id, Bytes bytes) {
+    if (sealed.is_full()) {
+      if (lots.size() == kOpenedAtATime) take_first();
+      // Where there can't be another thread, they are opened when they are taken.
+      open_sealed(std::launch::async | std::launch::deferred);
+    }
+    sealed.add(id, bytes);
   });
+  open_sealed(std::launch::deferred);
+  while (!lots.empty()) take_first();
   if (found.entry_count != header.entry_count || found.digest != header.digest) {
     refuse_damaged(database.path(), "its entries aren't those of its last change");
   }

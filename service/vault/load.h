@@ -24,8 +24,9 @@ void create_vault(const std::string &path, const SecretBytes &master_key);
 
 Header open_header(const std::string &path, const VaultIdentity &identity, const Keys &keys);
 
-// for_each_row opens all entries in their order, in constant memory. The digest in the header tells whether they are
-// the ones that belong together; that is known when the call returns.
+// for_each_row opens all entries in their order, in constant memory, and has another thread open some while it reads
+// and `visit` sees others. The digest in the header tells whether they are the ones that belong together; that is known
+// when the call returns.
 void for_each_row(Database &database, const Keys &keys, const Header &header,
                   const std::function<void(const RowPtr &row)> &visit);
 

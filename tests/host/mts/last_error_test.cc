@@ -196,7 +196,8 @@ TEST_F(LastError, TellsWhyARequestDidNotGo) {
   EXPECT_EQ(told({EMSGSIZE}),
             ": the request of 3 bytes is longer than the socket's send buffer (Message too long). Raise "
             "net.core.wmem_max to 98352 or more");
-  for (const auto &[error, words] : {std::pair(EPIPE, "Broken pipe"), std::pair(ECONNRESET, "Connection reset by peer")})
+  for (const auto &[error, words] :
+       {std::pair(EPIPE, "Broken pipe"), std::pair(ECONNRESET, "Connection reset by peer")})
     EXPECT_EQ(told({error, 0, error}),  // the greeting of another connection goes between them
               std::string(": the keystore service closed the connection before the request (") + words +
                   "). Try again; if it stays so, the service's log says why");

@@ -25,7 +25,7 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr int kStores = 8;
-constexpr size_t kFrame = 24 + 4096;
+constexpr size_t kFrame = 24 + 2048;
 
 std::string name_of(int number) {
   return "n" + std::to_string(number);

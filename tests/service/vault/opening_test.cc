@@ -5,6 +5,7 @@
 // vault in its place.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -201,6 +202,59 @@ TEST_F(OpenVault, RefusesRecordsThatWereSwapped) {
   sql("UPDATE entry SET id = -id; UPDATE entry SET id = 2 WHERE id = -1; UPDATE entry SET id = 1 WHERE id = -2;"
       "UPDATE entry SET id = 3 WHERE id = -3");
   refuses_as_damaged("entry 1 doesn't open");
+}
+
+// Many entries are opened by several threads.
+TEST_F(OpenVault, HasThousandsOfEntriesInTheirOrder) {
+  std::vector<std::string> names{"a", "b", "c"};
+  {
+    const auto vault = folder.open();
+    const auto add = [&](const std::string &metadata) {
+      names.push_back(std::to_string(names.size()));
+      ASSERT_EQ(put(*vault, names.back(), "secret", metadata), KS_SUCCESS);
+    };
+    for (int i = 0; i < 2500; ++i) add("");
+    for (int i = 0; i < 40; ++i) add(std::string(60'000, 'm'));
+    for (int i = 0; i < 2500; ++i) add("");
+  }
+  EXPECT_EQ(names_in(*folder.open()), names);
+
+  const std::string whole = read_file(folder.vault());
+  for (const int id : {1, 2048, 2049, 2520, 4096, 5043}) {
+    sql("UPDATE entry SET sealed = zeroblob(100) WHERE id = " + std::to_string(id));
+    EXPECT_THAT(refusal(), HasSubstr("(entry " + std::to_string(id) + " doesn't open)"));
+    write_file(folder.vault(), whole);
+  }
+  sql("DELETE FROM entry WHERE id = 3000");
+  EXPECT_THAT(refusal(), HasSubstr("its entries aren't those of its last change"));
+}
+
+TEST_F(OpenVault, IsExaminedWhereThereCanBeNoOtherThread) {
+  {
+    const auto vault = folder.open();
+    for (int i = 0; i < 5000; ++i) put(*vault, std::to_string(i), "secret");
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    constexpr uid_t kSomebody = 12345;  // root has no such limit
+    bool is_ready = true;
+    if (geteuid() == 0) {
+      for (const auto &file : std::filesystem::directory_iterator(folder.path())) {
+        is_ready = is_ready && chown(file.path().c_str(), kSomebody, kSomebody) == 0;
+      }
+      is_ready = is_ready && chown(folder.path().c_str(), kSomebody, kSomebody) == 0 &&
+                 setresuid(kSomebody, kSomebody, kSomebody) == 0;
+    }
+    const rlimit one{1, 1};
+    is_ready = is_ready && setrlimit(RLIMIT_NPROC, &one) == 0;
+    uint64_t entries = 0;
+    const std::string said = refusal_of([&] { entries = examine_vault(folder.options()).entries; });
+    if (entries != 5003) fprintf(stderr, "%s, %llu entries\n", said.c_str(), static_cast<unsigned long long>(entries));
+    _exit(is_ready && entries == 5003 ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(OpenVault, RefusesARecordUnderAnotherName) {
