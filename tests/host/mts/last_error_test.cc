@@ -177,7 +177,7 @@ TEST_F(LastError, TellsTheLimitOfAServiceThatDoesNotMove) {
 
 #ifndef __SANITIZE_THREAD__
 TEST_F(LastError, TellsWhyARequestDidNotGo) {
-  service.hello.receive_limit_ms = 130;
+  service.hello.receive_limit_ms = 12'345;
   const uint32_t queue = bound();
   // By what becomes of each datagram: 0 lets it go.
   const auto told = [&](const std::vector<int> &errors) {
@@ -190,17 +190,19 @@ TEST_F(LastError, TellsWhyARequestDidNotGo) {
     EXPECT_EQ(exchange(queue, {1, 2, 3}).sent, MTS_FAILED);
     return why().substr(socket_path().size());
   };
-  EXPECT_EQ(told({EAGAIN}),
-            ": the keystore service took no request within 130 ms (Connection timed out). It is stopped or overloaded: "
-            "look after its process. The limit is receive_limit_ms in its configuration, 30 s until it has told");
+  EXPECT_EQ(
+      told({EAGAIN}),
+      ": the keystore service took no request within 12345 ms (Connection timed out). It is stopped or overloaded: "
+      "look after its process. The limit is receive_limit_ms in its configuration, 30 s until it has told");
   EXPECT_EQ(told({EMSGSIZE}),
             ": the request of 3 bytes is longer than the socket's send buffer (Message too long). Raise "
             "net.core.wmem_max to 98352 or more");
   for (const auto &[error, words] :
-       {std::pair(EPIPE, "Broken pipe"), std::pair(ECONNRESET, "Connection reset by peer")})
+       {std::pair(EPIPE, "Broken pipe"), std::pair(ECONNRESET, "Connection reset by peer")}) {
     EXPECT_EQ(told({error, 0, error}),  // the greeting of another connection goes between them
               std::string(": the keystore service closed the connection before the request (") + words +
                   "). Try again; if it stays so, the service's log says why");
+  }
   EXPECT_EQ(told({EIO}),
             ": the request couldn't be sent (Input/output error). Try again; if it stays so, look after the service");
 }

@@ -89,7 +89,7 @@ TEST_F(FailingDisk, AcknowledgesNothingAfterAFailedSyncUntilARestart) {
 
 // A long log is written back into the vault when nobody waits for it.
 TEST_F(FailingDisk, AcknowledgesNothingAfterAFailedSyncOfTheFileItself) {
-  for (int i = 0; i < 40; ++i) ASSERT_EQ(put(*vault, "b", "x", std::string(50000, 'x')), KS_SUCCESS);
+  for (int i = 0; i < 30; ++i) ASSERT_EQ(put(*vault, "b", "x", std::string(50000, 'x')), KS_SUCCESS);
   disk.hold_syncs();
   auto change = std::async(std::launch::async, [this] { return put(*vault, "b", "x", std::string(4 << 20, 'x')); });
   disk.wait_for_held_sync();
@@ -287,7 +287,7 @@ TEST_F(FailingDisk, AnswersTheFirstChangeBeforeTheGroupThatCameMeanwhileIsOnDisk
 
 // No client waits for the log to be written back: the worker does it, and what comes meanwhile waits for it.
 TEST_F(FailingDisk, AnswersAChangeBeforeALongLogIsWrittenBack) {
-  for (int i = 0; i < 40; ++i) ASSERT_EQ(put(*vault, "b", "x", std::string(50000, 'x')), KS_SUCCESS);
+  for (int i = 0; i < 30; ++i) ASSERT_EQ(put(*vault, "b", "x", std::string(50000, 'x')), KS_SUCCESS);
   disk.hold_syncs();
   auto change = std::async(std::launch::async, [this] { return put(*vault, "b", "x", std::string(4 << 20, 'x')); });
   disk.wait_for_held_sync();
