@@ -105,7 +105,6 @@ class Machine final : public Readers {
 
   LinkModel link;
   KeyModel keys;
-  KeyPtr own_key;
   std::unique_ptr<Core> core;  // null: the machine is down
   std::function<void(Ticket, KsResult)> answered;
   Time write_wait = 1s;
@@ -120,6 +119,13 @@ class Machine final : public Readers {
   uint64_t loads = 0;
 
   const std::string &name() const { return name_; }
+  const PublicKey &public_key() const { return public_key_; }
+
+  // take_key gives it the key of its own by which a fleet knows it.
+  void take_key(KeyPtr key) {
+    own_key_ = std::move(key);
+    public_key_ = public_key_of(own_key_.get());
+  }
 
   void start(CoreOptions options, std::optional<Core::Kept> kept) {
     options.machine = name_;
@@ -127,7 +133,7 @@ class Machine final : public Readers {
     const bool is_past = kept && keys.next != nullptr && kept->whole.header.key == vault::key_id_of(*keys.next);
     options.master_key = is_past ? keys.next : keys.present;
     options.next_key = is_past ? nullptr : keys.next;
-    options.machine_key = own_key;
+    options.machine_key = own_key_;
     options.keeper = &keys;
     options.max_age = std::chrono::duration_cast<std::chrono::milliseconds>(kMaxAge);
     options.count_interval = kCountInterval;
@@ -240,6 +246,8 @@ class Machine final : public Readers {
   Events &events_;
   Random &random_;
   Owners owners_{{{1, "one"}, {2, "two"}}};
+  KeyPtr own_key_;
+  PublicKey public_key_{};  // of it: whoever asks often shouldn't compute it each time
   std::vector<Ticket> last_decided_;
   uint64_t tick_life_ = 0;
   Time tick_at_{};
@@ -257,7 +265,7 @@ class Simulation {
       machines_.push_back(std::make_unique<Machine>(
           std::string(1, static_cast<char>('x' + i)), events_, store_, random_,
           [this](const Commit &commit) { executed(commit); }, all_keys_));
-      machines_[i]->own_key = machine_key(i + 1);
+      machines_[i]->take_key(machine_key(i + 1));
       machines_[i]->write_wait = write_wait_;
       machines_[i]->answered = [this, i](Ticket ticket, KsResult result) { answered(i, ticket, result); };
     }
@@ -371,7 +379,7 @@ class Simulation {
       if (!is_departed(leaver) || tampered_) return;
       again.kill(false);
       if (is_another) {
-        again.own_key = machine_key(leaver + 10);
+        again.take_key(machine_key(leaver + 10));
         again.keys.use(*key_of_fleet());
       }
       start(leaver, {});
@@ -379,15 +387,11 @@ class Simulation {
     });
   }
 
-  WriterMark mark_of(size_t index) const {
-    return {.machine = machines_[index]->name(), .public_key = public_key_of(machines_[index]->own_key.get())};
-  }
-
   // is_departed tells whether a machine has left, as it is now.
   bool is_departed(size_t index) const {
-    const WriterMark mine = mark_of(index);
+    const Machine &machine = *machines_[index];
     return std::ranges::any_of(header_.departed, [&](const WriterMark &mark) {
-      return mark.machine == mine.machine && mark.public_key == mine.public_key;
+      return mark.machine == machine.name() && mark.public_key == machine.public_key();
     });
   }
 
