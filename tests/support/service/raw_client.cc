@@ -71,16 +71,15 @@ bool RawClient::send(const Datagram &datagram) {
 }
 
 std::optional<RawReply> RawClient::receive() {
-  Datagram datagram(HOST_WIRE_MAX_DATAGRAM);
-  const ssize_t size = recv(socket_, datagram.data(), datagram.size(), MSG_TRUNC);
+  const ssize_t size = recv(socket_, datagram_.get(), HOST_WIRE_MAX_DATAGRAM, MSG_TRUNC);
   if (size < 0 && errno == EAGAIN) throw std::runtime_error("the service neither replied nor closed the connection");
   if (size <= 0) return std::nullopt;
   RawReply reply;
-  if (static_cast<size_t>(size) < sizeof reply.header || static_cast<size_t>(size) > datagram.size()) {
+  if (static_cast<size_t>(size) < sizeof reply.header || static_cast<size_t>(size) > HOST_WIRE_MAX_DATAGRAM) {
     throw std::runtime_error("a reply of " + std::to_string(size) + " bytes");
   }
-  std::memcpy(&reply.header, datagram.data(), sizeof reply.header);
-  reply.payload.assign(datagram.begin() + sizeof reply.header, datagram.begin() + size);
+  std::memcpy(&reply.header, datagram_.get(), sizeof reply.header);
+  reply.payload.assign(datagram_.get() + sizeof reply.header, datagram_.get() + size);
   return reply;
 }
 

@@ -6,6 +6,7 @@
 #define TESTS_SUPPORT_SERVICE_RAW_CLIENT_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -54,6 +55,8 @@ class RawClient {
  private:
   int socket_;
   uint32_t token_ = 1;
+  // Once for all replies, since each is small and the largest isn't.
+  std::unique_ptr<uint8_t[]> datagram_ = std::make_unique_for_overwrite<uint8_t[]>(HOST_WIRE_MAX_DATAGRAM);
 };
 
 }  // namespace ks_test
