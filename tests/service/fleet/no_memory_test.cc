@@ -150,6 +150,30 @@ TEST_F(NoMemoryInAFleet, LoadsAgainRatherThanTakeTheStoreForTamperedWith) {
   }
 }
 
+// What was asked for is gone when whoever asked is told so: nothing may be left behind that points to it.
+TEST_F(NoMemoryInAFleet, TakesUpAllThatIsAskedAtOnceOrNothing) {
+  for (const char *name : {"a", "b", "c", "d", "e"}) ASSERT_EQ(put(*machine, name, "secret"), KS_SUCCESS);
+  const vault::Snapshot own = machine->snapshot();
+  long refused = 0;
+  for (long nth = 0; nth < 60; ++nth) {
+    SCOPED_TRACE(nth);
+    machine.reset();
+    start();  // whose room for what is asked is still to be made
+    ImportCounts counts;
+    arm(nth, 1);
+    is_of_test = false;
+    try {
+      machine->import(own.rows, vault::Taken::kRefuse, counts);
+    } catch (const std::bad_alloc &) {
+      ++refused;
+    }
+    is_of_test = true;
+    disarm();
+    recover();
+  }
+  EXPECT_GT(refused, 5);
+}
+
 TEST_F(NoMemoryInAFleet, TellsWhatItKnowsOrThatThereIsNoMemory) {
   long refused = 0;
   for (long first = 0; first < 30; ++first) {
