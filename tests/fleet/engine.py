@@ -97,6 +97,9 @@ class Gone(Exception):
   """The engine has closed the connection."""
 
 
+PATIENCE = 60  # seconds, of an engine that is starved by other tests
+
+
 class Connection:
   """One end of a connection to an engine."""
 
@@ -139,10 +142,10 @@ class Connection:
         raise Gone
       self.received += data
 
-  def next_report(self, seconds):
+  def next_report(self, seconds=PATIENCE):
     return parse(self.next_frame(seconds))
 
-  def wait_for(self, wanted, seconds=10):
+  def wait_for(self, wanted, seconds=PATIENCE):
     """The next report that `wanted` is true of. Others are kept for whoever asks for them."""
     end = time.monotonic() + seconds
     for at, report in enumerate(self.reports):
@@ -154,24 +157,24 @@ class Connection:
         return report
       self.reports.append(report)
 
-  def answer_to(self, request, seconds=10):
+  def answer_to(self, request, seconds=PATIENCE):
     return self.wait_for(lambda report: getattr(report, "id", None) == request, seconds)
 
   # Requests with their answers.
 
   def commit(self, expected, puts=(), deletes=(), limit=5000, restore=None):
-    return self.answer_to(self.ask("Commit", expected, puts, deletes, limit, restore), limit / 1000 + 5)
+    return self.answer_to(self.ask("Commit", expected, puts, deletes, limit, restore), limit / 1000 + PATIENCE)
 
   def header(self, limit=5000):
-    return self.answer_to(self.ask("ReadHeader", limit), limit / 1000 + 5)
+    return self.answer_to(self.ask("ReadHeader", limit), limit / 1000 + PATIENCE)
 
   def beat(self, machine, value, limit=5000):
-    return self.answer_to(self.ask("Beat", machine, value, limit), limit / 1000 + 5)
+    return self.answer_to(self.ask("Beat", machine, value, limit), limit / 1000 + PATIENCE)
 
   def beats(self, limit=5000):
-    return self.answer_to(self.ask("ReadBeats", limit), limit / 1000 + 5)
+    return self.answer_to(self.ask("ReadBeats", limit), limit / 1000 + PATIENCE)
 
-  def load(self, seconds=30):
+  def load(self, seconds=PATIENCE):
     """All pages, and the report at the end."""
     request = self.ask("Load")
     pages = []

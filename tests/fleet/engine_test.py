@@ -58,7 +58,7 @@ class OverEtcd(unittest.TestCase):
   def open(self, **options):
     opened = Engine(NETWORK, options.pop("endpoints", self.etcd.endpoints()), prefix=self.prefix, **options)
     self.addCleanup(opened.close)
-    self.assertEqual(opened.next_report(10), Started(engine.VERSION))
+    self.assertEqual(opened.next_report(), Started(engine.VERSION))
     return opened
 
   def commit(self, expected, puts=(), deletes=()):
@@ -392,9 +392,9 @@ class OverTls(OverEtcd):
   def test_files_that_cannot_be_read_are_told_at_once(self):
     opened = Engine(NETWORK, self.etcd.endpoints(), tls=("/none/ca", "/none/c", "/none/k"))
     self.addCleanup(opened.close)
-    stopped = opened.next_report(10)
+    stopped = opened.next_report()
     self.assertEqual(stopped, Stopped("/none/ca: No such file or directory; the engine's user has to be able to read it"))
-    self.assertRaises(Gone, opened.next_report, 10)
+    self.assertRaises(Gone, opened.next_report)
 
   def test_a_watch_keeps_up_beside_loads(self):
     revision = self.fill(0, 3000, 300)
@@ -424,7 +424,7 @@ class Process(unittest.TestCase):
 
   def test_ends_with_its_connection(self):
     opened = self.open(["127.0.0.1:1"])
-    self.assertIsInstance(opened.next_report(10), Started)
+    self.assertIsInstance(opened.next_report(), Started)
     opened.ask("ReadHeader", 60_000)
     opened.watch(1)
     opened.socket.close()
@@ -432,7 +432,7 @@ class Process(unittest.TestCase):
 
   def test_understands_one_version(self):
     opened = self.open(["127.0.0.1:1"], version=engine.VERSION + 1)
-    self.assertIn("both have to be of one version", opened.next_report(10).why)
+    self.assertIn("both have to be of one version", opened.next_report().why)
     self.assertEqual(opened.process.wait(10), 1)
 
   def test_ends_when_it_is_told_nonsense(self):
@@ -440,14 +440,14 @@ class Process(unittest.TestCase):
     for nonsense in (b"\xff\xff\xff\x7f", b"\x00\x00\x00\x00", good[:4] + b"\x55" + good[5:],
                      engine.frame("Start", 1, [], "p", "", "", "")[:30].ljust(64, b"\xff")):
       opened = self.open(["127.0.0.1:1"])
-      self.assertIsInstance(opened.next_report(10), Started)
+      self.assertIsInstance(opened.next_report(), Started)
       opened.socket.sendall(nonsense)
-      self.assertIsInstance(opened.next_report(10), Stopped)
+      self.assertIsInstance(opened.next_report(), Stopped)
       self.assertEqual(opened.process.wait(10), 1)
 
   def test_says_when_nothing_listens(self):
     opened = self.open(["127.0.0.1:1", "[::1]:1", "localhost:1"])
-    self.assertIsInstance(opened.next_report(10), Started)
+    self.assertIsInstance(opened.next_report(), Started)
     begun = time.monotonic()
     self.assertEqual(opened.commit(1, [("h", b"")], limit=700).kind, NOT_SENT)
     self.assertLess(time.monotonic() - begun, 3)
@@ -465,8 +465,8 @@ class Process(unittest.TestCase):
         theirs.close()
         connections.append(Connection(ours))
         connections[-1].start(endpoints)
-      self.assertEqual(connections[0].next_report(10), Stopped("there are no endpoints"))
-      self.assertIsInstance(connections[1].next_report(10), Started)
+      self.assertEqual(connections[0].next_report(), Stopped("there are no endpoints"))
+      self.assertIsInstance(connections[1].next_report(), Started)
       for connection in connections:
         connection.close()
     control.close()

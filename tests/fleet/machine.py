@@ -142,7 +142,7 @@ users = ["root"]
   def status(self):
     return json.loads(self.ctl("fleet", "status", "--json").stdout)
 
-  def wait_for(self, names, seconds=10):
+  def wait_for(self, names, seconds=60):
     cluster.wait_until(lambda: set(self.names() or []) == set(names), seconds, f"{names} on machine {self.number}")
 
 
