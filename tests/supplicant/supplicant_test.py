@@ -212,7 +212,7 @@ class SlowPeer:
   def count_in_memory(self, *wanted):
     """How often each of some bytes stands where the process may write."""
     counts = [0] * len(wanted)
-    os.kill(self.process.pid, signal.SIGSTOP)
+    freeze(self.process.pid)
     try:
       with open(f"/proc/{self.process.pid}/maps") as maps, open(f"/proc/{self.process.pid}/mem", "rb", 0) as memory:
         for begin, end in re.findall(r"^(\w+)-(\w+) rw", maps.read(), re.M):

@@ -74,8 +74,13 @@ with ks.testing.private_keystore() as folder:
             pass
 """
 
-# A process learns how long to wait when it connects.
+# A process learns how long to wait when it connects. Until the thread that the kernel gave the signal to has run, the
+# others go on answering.
 STOPPED = BEGIN + """
+def goes_on(pid):
+    stats = [path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/stat")]
+    return any(stat.rpartition(")")[2].split()[0] != "T" for stat in stats)
+
 if len(sys.argv) == 1:
     with ks.testing.private_keystore() as folder:
         reconfigure(folder, "receive_limit_ms = 1000")
@@ -84,6 +89,8 @@ else:
     ks.init(1)
     stopped = service()
     os.kill(stopped, signal.SIGSTOP)
+    while goes_on(stopped):
+        time.sleep(0.001)
     try:
         ks.secrets.exists("name")
     except ks.ExchangeFailed as error:
